@@ -1,0 +1,18 @@
+# velmo_embed(<target> <header> <variable> <file> ...): makes each file's bytes a string_view of that name, declared
+# in the header, in a source that is part of the target. Changed files are embedded anew by the next build.
+function(velmo_embed target header)
+  set(source ${CMAKE_CURRENT_BINARY_DIR}/${target}_embedded.cpp)
+  set(text "#include \"${header}\"\n\n")
+  while(ARGN)
+    list(POP_FRONT ARGN variable file)
+    cmake_path(ABSOLUTE_PATH file)
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${file})
+    file(READ ${file} hex HEX)
+    string(REGEX REPLACE "(..)" "\\\\x\\1" bytes "${hex}")
+    string(LENGTH "${hex}" digits)
+    math(EXPR size "${digits} / 2")
+    string(APPEND text "constinit const std::string_view ${variable}(\"${bytes}\", ${size});\n")
+  endwhile()
+  file(CONFIGURE OUTPUT ${source} CONTENT "${text}" @ONLY)
+  target_sources(${target} PRIVATE ${source})
+endfunction()

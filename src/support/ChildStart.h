@@ -1,0 +1,41 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <sys/types.h>
+
+/// All that a child needs between its creation and exec, prepared before: the child shares the daemon's
+/// memory until exec and may neither allocate nor lock.
+struct stChildStart
+{
+    const char* pszProgram;
+    char* const* ppszArguments; ///< null-terminated, entry 0 is the program
+    int nInput;                 ///< becomes descriptor 0
+    int nOutput;                ///< becomes descriptor 1
+    int nError;                 ///< becomes descriptor 2
+};
+
+/// Creates one child as vfork does: nothing of the daemon is copied, so the cost does not grow with it, and
+/// the calling thread goes on when the child has executed its program or ended. The child gets descriptors 0
+/// to 2 only, no blocked and no ignored signal, and the descriptor limit that the daemon was started with.
+class CChildStarter
+{
+public:
+    /// Allocates all that nStart needs.
+    CChildStarter();
+    CChildStarter(const CChildStarter&) = delete;
+    CChildStarter& operator=(const CChildStarter&) = delete;
+    ~CChildStarter() = default;
+
+    /// The kernel writes the pid to *pnPid before the child runs; in the child pfnFirst(pContext), unless
+    /// null, comes first of all: only async-signal-safe calls. Returns the pid, or -1 with errno. A child
+    /// whose program cannot be executed ends with code 127. Neither allocates nor locks.
+    pid_t nStart(const stChildStart& stStart, pid_t* pnPid, void (*pfnFirst)(void*) = nullptr,
+                 void* pContext = nullptr) noexcept;
+    /// Why the program of the child could not be executed; 0 when it was.
+    int nExecError() const noexcept { return m_nExecError; }
+
+private:
+    std::unique_ptr<std::byte[]> m_pStack;
+    int m_nExecError = 0;
+};

@@ -1,0 +1,26 @@
+#include "support/DescriptorLimit.h"
+
+#include <sys/resource.h>
+
+namespace {
+rlimit s_stOriginal{};
+bool s_bRaised = false;
+} // namespace
+
+void RaiseDescriptorLimit()
+{
+    rlimit stNow{};
+    if (s_bRaised || ::getrlimit(RLIMIT_NOFILE, &stNow) != 0) {
+        return;
+    }
+    const rlimit stRaised{stNow.rlim_max, stNow.rlim_max};
+    s_stOriginal = stNow;
+    s_bRaised = ::setrlimit(RLIMIT_NOFILE, &stRaised) == 0;
+}
+
+__attribute__((no_sanitize("thread", "address", "undefined"))) void RestoreDescriptorLimit() noexcept
+{
+    if (s_bRaised) {
+        (void)::setrlimit(RLIMIT_NOFILE, &s_stOriginal);
+    }
+}

@@ -1,0 +1,264 @@
+#include "support/DiskFile.h"
+
+#include "support/Conversion.h"
+#include "support/Descripteur.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <memory>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+constexpr mode_t s_nFileMode = 0666;
+constexpr mode_t s_nDirectoryMode = 0777;
+
+/// A path as the system wants it. A name with a NUL inside names nothing: it must not reach the file whose
+/// name is the text before the NUL.
+std::string csDiskPath(const std::wstring& csPath)
+{
+    return csPath.find(L'\0') == std::wstring::npos ? csToUTF8(csPath) : std::string();
+}
+
+/// Backslashes turned, doubled slashes made one, ending slashes dropped (but for "/" itself).
+std::wstring csNormalised(const std::wstring& csName)
+{
+    std::wstring csResult;
+    for (const wchar_t c : csName) {
+        const wchar_t cTurned = c == L'\\' ? L'/' : c;
+        if (cTurned != L'/' || csResult.empty() || csResult.back() != L'/') {
+            csResult += cTurned;
+        }
+    }
+    if (csResult.size() > 1 && csResult.back() == L'/') {
+        csResult.pop_back();
+    }
+    return csResult;
+}
+
+bool bSameOnDisk(const std::wstring& cs1, const std::wstring& cs2, bool bDirectory)
+{
+    struct stat st1
+    {};
+    struct stat st2
+    {};
+    return ::stat(csDiskPath(cs1).c_str(), &st1) == 0 && ::stat(csDiskPath(cs2).c_str(), &st2) == 0 &&
+           st1.st_dev == st2.st_dev && st1.st_ino == st2.st_ino && (!bDirectory || S_ISDIR(st1.st_mode));
+}
+
+bool bSameName(const std::wstring& cs1, const std::wstring& cs2, bool bDirectory)
+{
+    const std::wstring csName1 = csNormalised(cs1);
+    const std::wstring csName2 = csNormalised(cs2);
+    if (csName1.empty() || csName2.empty()) {
+        return false;
+    }
+    return csName1 == csName2 || bSameOnDisk(csName1, csName2, bDirectory);
+}
+
+bool bWriteAll(int nFd, std::string_view csBytes)
+{
+    while (!csBytes.empty()) {
+        const ssize_t nWritten = ::write(nFd, csBytes.data(), csBytes.size());
+        if (nWritten < 0 && errno == EINTR) {
+            continue;
+        }
+        if (nWritten <= 0) {
+            errno = nWritten == 0 ? EIO : errno;
+            return false;
+        }
+        csBytes.remove_prefix(static_cast<std::size_t>(nWritten));
+    }
+    return true;
+}
+
+/// Writes over the file itself: for what cannot be replaced by a new file (a device, a directory without the
+/// right to create files).
+bool bOverwrite(const std::string& csPath, const std::string& csBytes)
+{
+    const CDescripteur clFile(
+        ::open(csPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY, s_nFileMode));
+    return clFile.bOpen() && bWriteAll(clFile.nFd(), csBytes);
+}
+
+/// Name for the new content beside the file: hidden, so that no tool that reads the directory takes it.
+std::string csNewName(const std::string& csPath)
+{
+    static std::atomic<unsigned int> s_nCounter{0};
+    const std::size_t nName = csPath.rfind('/') + 1;
+    return csPath.substr(0, nName) + ".velmo-" + std::to_string(::getpid()) + "-" +
+           std::to_string(++s_nCounter);
+}
+
+/// Gives the new file the owner and mode of the one it replaces.
+bool bTakeOver(int nFd, const struct stat& stOld)
+{
+    return ::fchown(nFd, stOld.st_uid, stOld.st_gid) == 0 && ::fchmod(nFd, stOld.st_mode & 07777) == 0;
+}
+
+/// Writes a new file and puts it in the place of the old: a full disk or a crash leaves the old content
+/// whole.
+bool bReplace(const std::string& csPath, const std::string& csBytes, const struct stat* pstOld,
+              bool* pbTryOver)
+{
+    const std::string csNew = csNewName(csPath);
+    const CDescripteur clFile(::open(csNew.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, s_nFileMode));
+    if (!clFile.bOpen()) {
+        *pbTryOver = errno == EACCES || errno == EPERM || errno == ENAMETOOLONG;
+        return false;
+    }
+    if (pstOld != nullptr && !bTakeOver(clFile.nFd(), *pstOld)) {
+        *pbTryOver = true;
+    } else if (bWriteAll(clFile.nFd(), csBytes) && ::fsync(clFile.nFd()) == 0) {
+        if (::rename(csNew.c_str(), csPath.c_str()) == 0) {
+            return true;
+        }
+        *pbTryOver = errno == EBUSY; // the file is a mount point
+    }
+    const int nErrno = errno;
+    ::unlink(csNew.c_str());
+    errno = nErrno;
+    return false;
+}
+
+/// The file behind symbolic links, so that a link stays one; the path itself when there is no file yet.
+std::string csResolved(const std::string& csPath)
+{
+    const std::unique_ptr<char, decltype(&std::free)> pszReal(::realpath(csPath.c_str(), nullptr),
+                                                              &std::free);
+    return pszReal ? std::string(pszReal.get()) : csPath;
+}
+
+bool bWrite(const std::string& csPath, const std::string& csBytes)
+{
+    if (csPath.empty()) {
+        errno = ENOENT;
+        return false;
+    }
+    const std::string csFile = csResolved(csPath);
+    struct stat stOld
+    {};
+    const bool bOld = ::lstat(csFile.c_str(), &stOld) == 0;
+    if (bOld && (!S_ISREG(stOld.st_mode) || stOld.st_nlink > 1)) {
+        return bOverwrite(csFile, csBytes);
+    }
+    bool bTryOver = false;
+    return bReplace(csFile, csBytes, bOld ? &stOld : nullptr, &bTryOver) ||
+           (bTryOver && bOverwrite(csFile, csBytes));
+}
+
+/// Reads to the end of the file, at most nMax bytes.
+bool bReadAll(int nFd, std::string* pcsBytes, std::size_t nMax)
+{
+    auto pBuffer = std::make_unique<std::array<char, 16384>>();
+    while (true) {
+        const ssize_t nRead = ::read(nFd, pBuffer->data(), pBuffer->size());
+        if (nRead < 0 && errno == EINTR) {
+            continue;
+        }
+        if (nRead <= 0) {
+            return nRead == 0;
+        }
+        if (static_cast<std::size_t>(nRead) > nMax - pcsBytes->size()) {
+            errno = EFBIG;
+            return false;
+        }
+        pcsBytes->append(pBuffer->data(), static_cast<std::size_t>(nRead));
+    }
+}
+} // namespace
+
+void CDiskFile::__SplitPath(const std::wstring& csPath, std::wstring* pcsDirectory, std::wstring* pcsName)
+{
+    const std::size_t nName = csPath.rfind(L'/') + 1; // 0 when there is no slash
+    *pcsName = csPath.substr(nName);
+    *pcsDirectory = csPath.substr(0, nName);
+}
+
+std::wstring CDiskFile::csDirectory(const std::wstring& csPath)
+{
+    return csPath.substr(0, csPath.rfind(L'/') + 1);
+}
+
+std::wstring CDiskFile::DirectoryWithEndSlash(std::wstring csDirectory)
+{
+    std::replace(csDirectory.begin(), csDirectory.end(), L'\\', L'/');
+    if (!csDirectory.empty() && csDirectory.back() != L'/') {
+        csDirectory += L'/';
+    }
+    return csDirectory;
+}
+
+bool CDiskFile::bSameDirectoryName(const std::wstring& cs1, const std::wstring& cs2)
+{
+    return bSameName(cs1, cs2, true);
+}
+
+bool CDiskFile::bSameFileName(const std::wstring& cs1, const std::wstring& cs2)
+{
+    return bSameName(cs1, cs2, false);
+}
+
+bool CDiskFile::bExists(const std::wstring& csPath)
+{
+    struct stat st
+    {};
+    return ::stat(csDiskPath(csPath).c_str(), &st) == 0;
+}
+
+bool CDiskFile::bDirectoryExists(const std::wstring& csPath)
+{
+    struct stat st
+    {};
+    return ::stat(csDiskPath(csPath).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool CDiskFile::bDelete(const std::wstring& csPath, CXError* pclError)
+{
+    return ::unlink(csDiskPath(csPath).c_str()) == 0 || bFail(pclError, L"delete", csPath);
+}
+
+bool CDiskFile::bCreateDirectory(const std::wstring& csPath, CXError* pclError)
+{
+    const std::string csBytes = csDiskPath(DirectoryWithEndSlash(csPath));
+    int nError = ENOENT;
+    for (std::size_t nEnd = csBytes.find('/'); nEnd != std::string::npos;
+         nEnd = csBytes.find('/', nEnd + 1)) {
+        // A parent that cannot be created may exist all the same (EEXIST, EROFS...): only the last one
+        // counts.
+        nError = ::mkdir(csBytes.substr(0, nEnd + 1).c_str(), s_nDirectoryMode) == 0 ? 0 : errno;
+    }
+    if (bDirectoryExists(csPath.empty() ? csPath : DirectoryWithEndSlash(csPath))) {
+        return true;
+    }
+    errno = nError != 0 ? nError : ENOENT;
+    return bFail(pclError, L"create directory", csPath);
+}
+
+bool CDiskFile::bWriteFile(const std::wstring& csPath, const std::string& csBytes, CXError* pclError)
+{
+    return bWrite(csDiskPath(csPath), csBytes) || bFail(pclError, L"write", csPath);
+}
+
+bool CDiskFile::bReadFile(const std::wstring& csPath, std::string* pcsBytes, std::size_t nMax,
+                          CXError* pclError)
+{
+    pcsBytes->clear();
+    // Non-blocking: a FIFO in the file's place must not hold the caller.
+    const CDescripteur clFile(
+        ::open(csDiskPath(csPath).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct stat st
+    {};
+    if (!clFile.bOpen() || ::fstat(clFile.nFd(), &st) != 0) {
+        return bFail(pclError, L"open", csPath);
+    }
+    if (!S_ISREG(st.st_mode)) {
+        errno = EINVAL;
+        return bFail(pclError, L"read", csPath);
+    }
+    return bReadAll(clFile.nFd(), pcsBytes, nMax) || bFail(pclError, L"read", csPath);
+}

@@ -1,0 +1,146 @@
+#include "support/FileVersion.h"
+
+#include "support/Conversion.h"
+#include "support/Descripteur.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <elf.h>
+#include <fcntl.h>
+#include <optional>
+#include <string_view>
+#include <sys/stat.h>
+
+namespace {
+// A note and its neighbours are a few hundred bytes; what claims to be larger is not looked at.
+constexpr std::size_t s_nMaxNotes = 65536;
+constexpr unsigned int s_nMaxSegments = 1024;
+constexpr std::string_view s_csOwner("Velmo\0", 6);
+constexpr std::uint32_t s_dwType = 1;
+
+/// Reads exactly nSize bytes at an offset; false when the file does not hold them.
+bool bReadAt(int nFd, std::uint64_t qwOffset, void* pBuffer, std::size_t nSize)
+{
+    auto* pBytes = static_cast<char*>(pBuffer);
+    if (qwOffset > static_cast<std::uint64_t>(INT64_MAX) - nSize) {
+        return false;
+    }
+    while (nSize > 0) {
+        const ssize_t nRead = ::pread(nFd, pBytes, nSize, static_cast<off_t>(qwOffset));
+        if (nRead < 0 && errno == EINTR) {
+            continue;
+        }
+        if (nRead <= 0) {
+            return false;
+        }
+        pBytes += nRead;
+        qwOffset += static_cast<std::uint64_t>(nRead);
+        nSize -= static_cast<std::size_t>(nRead);
+    }
+    return true;
+}
+
+/// The header of a 64-bit little-endian ELF file whose program headers have the usual size.
+std::optional<Elf64_Ehdr> stReadHeader(int nFd)
+{
+    Elf64_Ehdr st{};
+    const bool bUsable = bReadAt(nFd, 0, &st, sizeof st) && std::memcmp(st.e_ident, ELFMAG, SELFMAG) == 0 &&
+                         st.e_ident[EI_CLASS] == ELFCLASS64 && st.e_ident[EI_DATA] == ELFDATA2LSB &&
+                         st.e_phentsize == sizeof(Elf64_Phdr) && st.e_phoff <= INT64_MAX / 2;
+    return bUsable ? std::optional(st) : std::nullopt;
+}
+
+/// Takes nSize bytes and their padding off the front of the rest; null when it holds less.
+std::optional<std::string_view> csTake(std::string_view& csRest, std::size_t nSize, std::size_t nAlign)
+{
+    if (nSize > csRest.size()) {
+        return std::nullopt;
+    }
+    const std::string_view csTaken = csRest.substr(0, nSize);
+    csRest.remove_prefix(std::min(csRest.size(), (nSize + nAlign - 1) / nAlign * nAlign));
+    return csTaken;
+}
+
+/// Content of the version note among the notes of a segment.
+std::optional<std::string_view> csFindNote(std::string_view csNotes, std::size_t nAlign)
+{
+    Elf64_Nhdr st{};
+    while (csNotes.size() >= sizeof st) {
+        std::memcpy(&st, csNotes.data(), sizeof st);
+        csNotes.remove_prefix(sizeof st);
+        const auto csOwner = csTake(csNotes, st.n_namesz, nAlign);
+        const auto csContent = csOwner ? csTake(csNotes, st.n_descsz, nAlign) : std::nullopt;
+        if (!csContent) {
+            return std::nullopt;
+        }
+        if (*csOwner == s_csOwner && st.n_type == s_dwType) {
+            return csContent;
+        }
+    }
+    return std::nullopt;
+}
+
+/// Content of the file's version note; nothing when it has none.
+std::optional<std::string> csReadNote(int nFd)
+{
+    const std::optional<Elf64_Ehdr> stHeader = stReadHeader(nFd);
+    const unsigned int nSegments = stHeader ? std::min<unsigned int>(stHeader->e_phnum, s_nMaxSegments) : 0;
+    for (unsigned int n = 0; n < nSegments; ++n) {
+        Elf64_Phdr st{};
+        if (!bReadAt(nFd, stHeader->e_phoff + n * sizeof st, &st, sizeof st)) {
+            return std::nullopt;
+        }
+        if (st.p_type != PT_NOTE || st.p_filesz > s_nMaxNotes) {
+            continue;
+        }
+        std::string csNotes(static_cast<std::size_t>(st.p_filesz), '\0');
+        if (!bReadAt(nFd, st.p_offset, csNotes.data(), csNotes.size())) {
+            continue;
+        }
+        if (const auto csContent = csFindNote(csNotes, st.p_align == 8 ? 8 : 4)) {
+            return std::string(*csContent);
+        }
+    }
+    return std::nullopt;
+}
+} // namespace
+
+bool CFileVersion::bLoad(const std::wstring& csPath)
+{
+    m_tEntries.clear();
+    if (csPath.find(L'\0') != std::wstring::npos) {
+        return false;
+    }
+    // Non-blocking: a FIFO or a device in the file's place must not hold the caller.
+    const CDescripteur clFile(::open(csToUTF8(csPath).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct stat st
+    {};
+    if (!clFile.bOpen() || ::fstat(clFile.nFd(), &st) != 0 || !S_ISREG(st.st_mode)) {
+        return false;
+    }
+    const std::optional<std::string> csContent = csReadNote(clFile.nFd());
+    if (!csContent) {
+        return false;
+    }
+    std::string_view csRest = *csContent;
+    for (std::size_t nEnd = csRest.find('\0'); nEnd != csRest.npos; nEnd = csRest.find('\0')) {
+        const std::string_view csEntry = csRest.substr(0, nEnd);
+        const std::size_t nEqual = csEntry.find('=');
+        if (nEqual != csEntry.npos) {
+            m_tEntries.emplace(csFromUTF8(csEntry.substr(0, nEqual)), csFromUTF8(csEntry.substr(nEqual + 1)));
+        }
+        csRest.remove_prefix(nEnd + 1);
+    }
+    return true;
+}
+
+bool CFileVersion::bGetStringValue(const std::wstring& csEntry, std::wstring* pcsValue) const
+{
+    const auto it = m_tEntries.find(csEntry.substr(csEntry.rfind(L'\\') + 1));
+    if (it == m_tEntries.end()) {
+        return false;
+    }
+    *pcsValue = it->second;
+    return true;
+}

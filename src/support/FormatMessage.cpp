@@ -1,0 +1,316 @@
+#include "support/FormatMessage.h"
+
+#include "support/Conversion.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <cwchar>
+#include <string_view>
+
+namespace {
+constexpr int s_nMaxNumber = 99;
+/// Bound of widths and precisions: a mistaken format must not cost memory.
+constexpr int s_nMaxWidth = 1000;
+
+/// How an argument lies in the argument list and is read.
+enum class EArg
+{
+    NONE,
+    INT32,
+    INT64,
+    WIDE,
+    NARROW,
+};
+
+struct STInsert
+{
+    int nNumber = 0;
+    EArg eArg = EArg::WIDE;
+    char cConversion = 's'; ///< a printf conversion of integers, 's' or 'c'
+    bool bShort = false;
+    bool bWideChar = true; ///< of 'c'
+    std::string csFlags;
+    int nWidth = 0;
+    int nPrecision = -1;
+};
+
+union UArg {
+    std::int32_t n32;
+    std::int64_t n64;
+    const void* p;
+};
+
+constexpr bool bDigit(wchar_t c)
+{
+    return c >= L'0' && c <= L'9';
+}
+
+/// The text between the exclamation marks of an insert, read from its beginning.
+class CTypeReader
+{
+public:
+    explicit CTypeReader(std::wstring_view csType) : m_csType(csType) {}
+
+    bool bRead(STInsert* pstInsert)
+    {
+        while (!m_csType.empty() && std::wstring_view(L"-+ #0").find(m_csType[0]) != m_csType.npos) {
+            if (pstInsert->csFlags.find(static_cast<char>(m_csType[0])) == std::string::npos) {
+                pstInsert->csFlags += static_cast<char>(m_csType[0]);
+            }
+            m_csType.remove_prefix(1);
+        }
+        pstInsert->nWidth = _nNumber();
+        if (_bTake(L".")) {
+            pstInsert->nPrecision = _nNumber();
+        }
+        return _bReadConversion(pstInsert);
+    }
+
+private:
+    bool _bTake(std::wstring_view csWord)
+    {
+        if (!m_csType.starts_with(csWord)) {
+            return false;
+        }
+        m_csType.remove_prefix(csWord.size());
+        return true;
+    }
+    int _nNumber()
+    {
+        int nValue = 0;
+        for (; !m_csType.empty() && bDigit(m_csType[0]); m_csType.remove_prefix(1)) {
+            nValue = std::min(nValue * 10 + static_cast<int>(m_csType[0] - L'0'), s_nMaxWidth);
+        }
+        return nValue;
+    }
+    bool _bReadConversion(STInsert* pstInsert)
+    {
+        const bool b64 = _bTake(L"I64") || _bTake(L"ll");
+        const bool bLong = !b64 && (_bTake(L"I32") || _bTake(L"l") || _bTake(L"w"));
+        pstInsert->bShort = !b64 && !bLong && _bTake(L"h");
+        if (m_csType.size() != 1) {
+            return false;
+        }
+        const wchar_t c = m_csType[0];
+        if (std::wstring_view(L"diuxXo").find(c) != std::wstring_view::npos) {
+            pstInsert->eArg = b64 ? EArg::INT64 : EArg::INT32;
+            pstInsert->cConversion = static_cast<char>(c);
+            return true;
+        }
+        if (b64 || std::wstring_view(L"sScC").find(c) == std::wstring_view::npos) {
+            return false;
+        }
+        const bool bWide = bLong || (!pstInsert->bShort && (c == L's' || c == L'c'));
+        const bool bChar = c == L'c' || c == L'C';
+        pstInsert->cConversion = bChar ? 'c' : 's';
+        pstInsert->bWideChar = bWide;
+        pstInsert->eArg = bChar ? EArg::INT32 : bWide ? EArg::WIDE : EArg::NARROW;
+        return true;
+    }
+
+    std::wstring_view m_csType;
+};
+
+/// Reads an insert that begins at the digit nPos and moves behind it. False: its type is not understood; the
+/// position is then behind the number.
+bool bReadInsert(std::wstring_view csFormat, std::size_t& nPos, STInsert* pstInsert)
+{
+    pstInsert->nNumber = static_cast<int>(csFormat[nPos++] - L'0');
+    if (nPos < csFormat.size() && bDigit(csFormat[nPos])) {
+        pstInsert->nNumber = pstInsert->nNumber * 10 + static_cast<int>(csFormat[nPos++] - L'0');
+    }
+    if (nPos >= csFormat.size() || csFormat[nPos] != L'!') {
+        return true;
+    }
+    const std::size_t nEnd = csFormat.find(L'!', nPos + 1);
+    if (nEnd == csFormat.npos || !CTypeReader(csFormat.substr(nPos + 1, nEnd - nPos - 1)).bRead(pstInsert)) {
+        return false;
+    }
+    nPos = nEnd + 1;
+    return true;
+}
+
+std::wstring csPadded(std::wstring csText, const STInsert& stInsert)
+{
+    const auto nWidth = static_cast<std::size_t>(stInsert.nWidth);
+    if (csText.size() < nWidth) {
+        const bool bLeft = stInsert.csFlags.find('-') != std::string::npos;
+        csText.insert(bLeft ? csText.size() : 0, nWidth - csText.size(), L' ');
+    }
+    return csText;
+}
+
+/// At most the precision's characters of a string are looked at: it need not be terminated behind them.
+std::wstring csStringArg(const void* pText, const STInsert& stInsert)
+{
+    const auto nMax = stInsert.nPrecision < 0 ? SIZE_MAX : static_cast<std::size_t>(stInsert.nPrecision);
+    if (pText == nullptr) {
+        return std::wstring(L"(null)").substr(0, nMax);
+    }
+    if (stInsert.eArg == EArg::WIDE) {
+        const auto* psz = static_cast<const wchar_t*>(pText);
+        return {psz, nMax == SIZE_MAX ? std::wcslen(psz) : ::wcsnlen(psz, nMax)};
+    }
+    const auto* psz = static_cast<const char*>(pText);
+    const std::size_t nLength = nMax == SIZE_MAX ? std::char_traits<char>::length(psz) : ::strnlen(psz, nMax);
+    return csWide({psz, nLength}, CP_SYSTEM);
+}
+
+std::int64_t nIntegerArg(const UArg& uArg, const STInsert& stInsert)
+{
+    const bool bSigned = stInsert.cConversion == 'd' || stInsert.cConversion == 'i';
+    if (stInsert.eArg == EArg::INT64) {
+        return uArg.n64;
+    }
+    if (stInsert.bShort) {
+        return bSigned ? std::int64_t{static_cast<std::int16_t>(uArg.n32)}
+                       : std::int64_t{static_cast<std::uint16_t>(uArg.n32)};
+    }
+    return bSigned ? std::int64_t{uArg.n32} : std::int64_t{static_cast<std::uint32_t>(uArg.n32)};
+}
+
+std::wstring csInteger(const UArg& uArg, const STInsert& stInsert)
+{
+    const std::string csFormat = "%" + stInsert.csFlags + "*.*ll" + stInsert.cConversion;
+    std::string csText(static_cast<std::size_t>(s_nMaxWidth) + 64, '\0');
+    const int nLength =
+        std::snprintf(csText.data(), csText.size(), csFormat.c_str(), stInsert.nWidth, stInsert.nPrecision,
+                      static_cast<long long>(nIntegerArg(uArg, stInsert)));
+    csText.resize(static_cast<std::size_t>(std::max(nLength, 0)));
+    return csFromUTF8(csText);
+}
+
+std::wstring csArgument(const UArg& uArg, const STInsert& stInsert)
+{
+    if (stInsert.cConversion == 's') {
+        return csPadded(csStringArg(uArg.p, stInsert), stInsert);
+    }
+    if (stInsert.cConversion == 'c') {
+        const char cNarrow = static_cast<char>(uArg.n32);
+        return csPadded(stInsert.bWideChar ? std::wstring(1, static_cast<wchar_t>(uArg.n32))
+                                           : csWide({&cNarrow, 1}, CP_SYSTEM),
+                        stInsert);
+    }
+    return csInteger(uArg, stInsert);
+}
+
+class CFormatter
+{
+public:
+    CFormatter(std::wstring_view csFormat, va_list* pArgs) : m_csFormat(csFormat)
+    {
+        if (pArgs != nullptr) {
+            _Scan();
+            _Fetch(pArgs);
+        }
+    }
+
+    std::wstring csResult()
+    {
+        _Walk([this](const STInsert& stInsert, bool bValid, std::wstring_view csText) {
+            if (bValid && m_tTypes[_nIndex(stInsert)] == stInsert.eArg) {
+                m_csResult += csArgument(m_tArgs[_nIndex(stInsert)], stInsert);
+            } else {
+                m_csResult += csText;
+            }
+        });
+        return std::move(m_csResult);
+    }
+
+private:
+    static std::size_t _nIndex(const STInsert& stInsert)
+    {
+        return static_cast<std::size_t>(stInsert.nNumber);
+    }
+
+    /// Learns each argument's type before any is taken: only so can the list be walked when inserts come out
+    /// of order. The first insert of a number decides.
+    void _Scan()
+    {
+        _Walk([this](const STInsert& stInsert, bool bValid, std::wstring_view) {
+            if (bValid && m_tTypes[_nIndex(stInsert)] == EArg::NONE) {
+                m_tTypes[_nIndex(stInsert)] = stInsert.eArg;
+                m_nHighest = std::max(m_nHighest, stInsert.nNumber);
+            }
+        });
+        m_csResult.clear();
+    }
+
+    void _Fetch(va_list* pArgs)
+    {
+        va_list pCopy;
+        va_copy(pCopy, *pArgs); // NOLINT(clang-analyzer-valist.Uninitialized): the caller started it
+        for (std::size_t n = 1; n <= static_cast<std::size_t>(m_nHighest); ++n) {
+            switch (m_tTypes[n]) {
+            case EArg::INT32:
+                m_tArgs[n].n32 = va_arg(pCopy, std::int32_t);
+                break;
+            case EArg::INT64:
+                m_tArgs[n].n64 = va_arg(pCopy, std::int64_t);
+                break;
+            default:
+                m_tArgs[n].p = va_arg(pCopy, const void*);
+            }
+        }
+        va_end(pCopy);
+    }
+
+    /// Walks the format, appends what is plain to the result and hands each insert over with its own text.
+    template <class TInsert>
+    void _Walk(TInsert OnInsert)
+    {
+        for (std::size_t nPos = 0; nPos < m_csFormat.size();) {
+            const wchar_t c = m_csFormat[nPos++];
+            if (c != L'%') {
+                m_csResult += c;
+                continue;
+            }
+            if (nPos >= m_csFormat.size() || m_csFormat[nPos] == L'0') {
+                return;
+            }
+            if (!bDigit(m_csFormat[nPos])) {
+                _AppendEscape(m_csFormat[nPos++]);
+                continue;
+            }
+            const std::size_t nStart = nPos - 1;
+            STInsert stInsert;
+            const bool bValid = bReadInsert(m_csFormat, nPos, &stInsert);
+            OnInsert(stInsert, bValid, m_csFormat.substr(nStart, nPos - nStart));
+        }
+    }
+
+    void _AppendEscape(wchar_t c)
+    {
+        switch (c) {
+        case L'n':
+            m_csResult += L"\r\n";
+            break;
+        case L'r':
+            m_csResult += L'\r';
+            break;
+        case L't':
+            m_csResult += L'\t';
+            break;
+        case L'b':
+            m_csResult += L' ';
+            break;
+        default:
+            m_csResult += c;
+        }
+    }
+
+    std::wstring_view m_csFormat;
+    std::wstring m_csResult;
+    int m_nHighest = 0;
+    std::array<EArg, s_nMaxNumber + 1> m_tTypes{};
+    std::array<UArg, s_nMaxNumber + 1> m_tArgs{};
+};
+} // namespace
+
+std::wstring csFormatInserts(const wchar_t* pszFormat, va_list* pArgs)
+{
+    return CFormatter(pszFormat, pArgs).csResult();
+}

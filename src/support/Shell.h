@@ -1,0 +1,9 @@
+#pragma once
+
+#include <string>
+
+/// Runs a command line with /bin/sh and waits, as system() does, and returns its wait status (-1: could not
+/// be run, errno tells). Unlike system() the shell starts with no signal blocked and none ignored: a server
+/// started through it from a worker thread (which blocks SIGTERM) could otherwise never be stopped. Any
+/// thread.
+int nShell(const std::string& csCommand);

@@ -1,0 +1,75 @@
+#include "support/WinApi.h"
+
+#include "support/Conversion.h"
+#include "support/FormatMessage.h"
+
+#include <cstring>
+#include <unistd.h>
+
+namespace {
+constexpr std::size_t s_nMaxLink = 65536;
+
+/// Target of a symbolic link; empty when it cannot be read.
+std::string csReadLink(const char* pszLink)
+{
+    for (std::size_t nSize = 512; nSize <= s_nMaxLink; nSize *= 2) {
+        std::string csTarget(nSize, '\0');
+        const ssize_t nLength = ::readlink(pszLink, csTarget.data(), nSize);
+        if (nLength < 0) {
+            return {};
+        }
+        if (static_cast<std::size_t>(nLength) < nSize) {
+            csTarget.resize(static_cast<std::size_t>(nLength));
+            return csTarget;
+        }
+    }
+    return {};
+}
+
+std::wstring csSystemMessage(unsigned int nErrno)
+{
+    std::string csBuffer(256, '\0');
+    return csFromUTF8(::strerror_r(static_cast<int>(nErrno), csBuffer.data(), csBuffer.size()));
+}
+} // namespace
+
+std::wstring GetModuleFileNameW(std::size_t nMax)
+{
+    // The kernel appends this mark when the file was replaced or deleted while its program runs.
+    constexpr std::string_view csDeleted = " (deleted)";
+    std::string csPath = csReadLink("/proc/self/exe");
+    if (csPath.ends_with(csDeleted) && ::access(csPath.c_str(), F_OK) != 0) {
+        csPath.resize(csPath.size() - csDeleted.size());
+    }
+    return csFromUTF8(csPath).substr(0, nMax);
+}
+
+std::wstring FormatMessageW(unsigned int nFlags, const wchar_t* pszSource, unsigned int nMessageId,
+                            va_list* pArgs)
+{
+    if ((nFlags & FORMAT_MESSAGE_FROM_STRING) != 0) {
+        const bool bIgnoreInserts = (nFlags & FORMAT_MESSAGE_IGNORE_INSERTS) != 0;
+        return pszSource == nullptr ? std::wstring()
+                                    : csFormatInserts(pszSource, bIgnoreInserts ? nullptr : pArgs);
+    }
+    return (nFlags & FORMAT_MESSAGE_FROM_SYSTEM) != 0 ? csSystemMessage(nMessageId) : std::wstring();
+}
+
+std::wstring csFormatMessage(const wchar_t* pszFormat, ...)
+{
+    va_list pArgs;
+    va_start(pArgs, pszFormat);
+    std::wstring csText = FormatMessageW(FORMAT_MESSAGE_FROM_STRING, pszFormat, 0, &pArgs);
+    va_end(pArgs);
+    return csText;
+}
+
+std::wstring csEscapePercent(std::wstring_view csText)
+{
+    std::wstring csEscaped;
+    csEscaped.reserve(csText.size());
+    for (const wchar_t c : csText) {
+        csEscaped.append(c == L'%' ? 2 : 1, c);
+    }
+    return csEscaped;
+}

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+/// The error object: what failed, why, and the details that help. Operations fill one passed by pointer
+/// (null: the caller does not want it); operations whose names begin with "x" throw one. A plain value,
+/// copied freely.
+class CXError
+{
+public:
+    /// Bits of the information mask of StringDump.
+    enum EInfo : unsigned int
+    {
+        INFO_MESSAGE = 0x1,
+        INFO_SYSTEM = 0x2,
+        INFO_DEBUG = 0x4,
+        INFO_MODULE = 0x8,
+    };
+
+    bool bIsSet() const noexcept { return m_nSystem != 0 || !m_csMessage.empty(); }
+    void Clear() { *this = CXError(); }
+
+    /// The system's error number (errno) behind the failure; 0 is none.
+    void SetSystemError(int nErrno) noexcept { m_nSystem = nErrno; }
+    int nGetSystemError() const noexcept { return m_nSystem; }
+    /// The C library's text for the system error; empty when there is none.
+    std::wstring csGetSystemMessage() const;
+
+    /// The message for people, and its number in the module's messages (0 is none).
+    void SetUserError(unsigned int nCode, std::wstring csMessage);
+    unsigned int nGetUserError() const noexcept { return m_nUser; }
+    const std::wstring& csGetMessage() const noexcept { return m_csMessage; }
+
+    void SetLevel(int nLevel) noexcept { m_nLevel = nLevel; }
+    int nGetLevel() const noexcept { return m_nLevel; }
+    void SetModule(std::wstring csModule) { m_csModule = std::move(csModule); }
+    void AddDebugMessage(std::wstring csText) { m_tDebug.push_back(std::move(csText)); }
+
+    /// All that the mask asks for, one item a line, lines separated by "\r\n".
+    std::wstring StringDump(unsigned int nMask) const;
+
+private:
+    int m_nSystem = 0;
+    unsigned int m_nUser = 0;
+    int m_nLevel = 0;
+    std::wstring m_csMessage;
+    std::wstring m_csModule;
+    std::vector<std::wstring> m_tDebug;
+};
+
+/// Fills the error (when there is one) with the current errno and "operation object"; keeps errno. Always
+/// false, for `return bFail(...)`.
+bool bFail(CXError* pclError, const wchar_t* pszOperation, const std::wstring& csObject);

@@ -1,0 +1,228 @@
+#include "support/XIpHelper.h"
+
+#include "support/accesdllres.h"
+#include "support/Conversion.h"
+#include "support/Descripteur.h"
+#include "support/SelectSet.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <memory>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <unistd.h>
+
+namespace {
+constexpr unsigned int s_nMessagePort = 25627;
+constexpr int s_nMaxBacklog = 128;
+constexpr int s_nLevelServer = 2;
+
+/// What became of one address of the resolver.
+enum ESocketResult
+{
+    SOCKET_READY = 0,
+    SOCKET_SKIPPED = 1,
+    SOCKET_FATAL = 2, ///< for the whole set
+};
+
+struct STFreeAddrInfo
+{
+    void operator()(addrinfo* pst) const noexcept { ::freeaddrinfo(pst); }
+};
+using CAddrInfo = std::unique_ptr<addrinfo, STFreeAddrInfo>;
+
+/// Completes the error of a server socket with errno and the name of the call that failed.
+void __CompleteErreurServeur(std::uint16_t wPort, const wchar_t* pszCall, CXError* pclError)
+{
+    if (pclError == nullptr) {
+        return;
+    }
+    const int nErrno = errno;
+    CTString csText;
+    DLLRES_bFormatMessage(&g_stMyModule, s_nMessagePort, &csText, static_cast<unsigned int>(wPort));
+    pclError->SetUserError(s_nMessagePort, csText);
+    pclError->SetLevel(s_nLevelServer);
+    pclError->SetModule(g_stMyModule.pszName);
+    pclError->SetSystemError(nErrno);
+    pclError->AddDebugMessage(pszCall);
+    errno = nErrno;
+}
+
+bool bSetFlag(int nSocket, int nLevel, int nName)
+{
+    const int nOn = 1;
+    return ::setsockopt(nSocket, nLevel, nName, &nOn, sizeof nOn) == 0;
+}
+
+/// A socket of the entry's family with the options that the flags ask for. IPv6 stays apart from IPv4, which
+/// has a socket of its own. An option that is refused shows in bind at the latest.
+CDescripteur clNewSocket(const addrinfo& stEntry, int nType, unsigned int nFlags)
+{
+    CDescripteur clSocket(::socket(stEntry.ai_family, nType | SOCK_CLOEXEC, 0));
+    if (!clSocket.bOpen()) {
+        return clSocket;
+    }
+    if (stEntry.ai_family == AF_INET6) {
+        bSetFlag(clSocket.nFd(), IPPROTO_IPV6, IPV6_V6ONLY);
+    }
+    if ((nFlags & SOCKET_REUSEADDR) != 0) {
+        bSetFlag(clSocket.nFd(), SOL_SOCKET, SO_REUSEADDR);
+    }
+    if (nType == SOCK_DGRAM && (nFlags & SOCKET_BROADCAST) != 0) {
+        bSetFlag(clSocket.nFd(), SOL_SOCKET, SO_BROADCAST);
+    }
+    return clSocket;
+}
+
+ESocketResult eSocketListenStream(const addrinfo& stEntry, std::uint16_t wPort, unsigned int nFlags,
+                                  CXError* pclError, int nBacklog, int* pnSocket)
+{
+    CDescripteur clSocket = clNewSocket(stEntry, SOCK_STREAM, nFlags);
+    if (!clSocket.bOpen()) {
+        return SOCKET_SKIPPED;
+    }
+    if (::bind(clSocket.nFd(), stEntry.ai_addr, stEntry.ai_addrlen) != 0) {
+        __CompleteErreurServeur(wPort, L"bind", pclError);
+        return SOCKET_FATAL;
+    }
+    if (::listen(clSocket.nFd(), nBacklog) != 0) {
+        __CompleteErreurServeur(wPort, L"listen", pclError);
+        return SOCKET_FATAL;
+    }
+    *pnSocket = clSocket.nRelease();
+    return SOCKET_READY;
+}
+
+ESocketResult eSocketBindStreamUDP(const addrinfo& stEntry, std::uint16_t wPort, unsigned int nFlags,
+                                   CXError* pclError, int* pnSocket)
+{
+    CDescripteur clSocket = clNewSocket(stEntry, SOCK_DGRAM, nFlags);
+    if (!clSocket.bOpen()) {
+        return SOCKET_SKIPPED;
+    }
+    if (::bind(clSocket.nFd(), stEntry.ai_addr, stEntry.ai_addrlen) != 0) {
+        __CompleteErreurServeur(wPort, L"bind", pclError);
+        return SOCKET_SKIPPED;
+    }
+    *pnSocket = clSocket.nRelease();
+    return SOCKET_READY;
+}
+
+int nFamily(unsigned int nFlags)
+{
+    if ((nFlags & SOCKET_IPV4_ONLY) != 0) {
+        return AF_INET;
+    }
+    return (nFlags & SOCKET_IPV6_ONLY) != 0 ? AF_INET6 : AF_UNSPEC;
+}
+
+/// Local addresses to bind; null with errno when the resolver fails.
+CAddrInfo tResolve(int nType, int nProtocol, std::uint16_t wPort, unsigned int nFlags,
+                   const wchar_t* pszAddress)
+{
+    addrinfo stHints{};
+    stHints.ai_family = nFamily(nFlags);
+    stHints.ai_socktype = nType;
+    stHints.ai_protocol = nProtocol;
+    stHints.ai_flags = pszAddress != nullptr ? AI_PASSIVE : AI_PASSIVE | AI_NUMERICHOST;
+    const std::string csNode = pszAddress != nullptr ? csNarrow(pszAddress, CP_1252) : std::string();
+    addrinfo* pstList = nullptr;
+    const int nResult = ::getaddrinfo(pszAddress != nullptr ? csNode.c_str() : nullptr,
+                                      std::to_string(wPort).c_str(), &stHints, &pstList);
+    if (nResult != 0) {
+        errno = nResult == EAI_SYSTEM ? errno : EADDRNOTAVAIL;
+        return nullptr;
+    }
+    return CAddrInfo(pstList);
+}
+
+/// Resolves, and hands each IPv4 or IPv6 address to the worker, in the resolver's order, until one is fatal.
+/// A false always has a reason in the error, also where no worker gave one.
+template <class TWorker>
+bool bOpenAll(int nType, int nProtocol, std::uint16_t wPort, unsigned int nFlags, CEnsembleSockets* pclSet,
+              CXError* pclError, const wchar_t* pszAddress, TWorker eOpen)
+{
+    const CAddrInfo tAddresses = tResolve(nType, nProtocol, wPort, nFlags, pszAddress);
+    const wchar_t* pszFailed = tAddresses ? L"socket" : L"getaddrinfo";
+    for (const addrinfo* pst = tAddresses.get(); pst != nullptr; pst = pst->ai_next) {
+        if (pst->ai_family != AF_INET && pst->ai_family != AF_INET6) {
+            continue;
+        }
+        int nSocket = -1;
+        const ESocketResult eResult = eOpen(*pst, &nSocket);
+        if (eResult == SOCKET_FATAL) {
+            pclSet->Close();
+            return false;
+        }
+        if (eResult == SOCKET_READY) {
+            pclSet->Add(pst->ai_family, nSocket);
+        }
+    }
+    if (pclSet->tGetSockets().empty() && pclError != nullptr && !pclError->bIsSet()) {
+        __CompleteErreurServeur(wPort, pszFailed, pclError);
+    }
+    return !pclSet->tGetSockets().empty();
+}
+} // namespace
+
+bool CEnsembleSockets::bSetsockopt(int nLevel, int nName, const void* pValue, socklen_t nLength)
+{
+    bool bAll = true;
+    for (const STSocket& st : m_tSockets) {
+        bAll = ::setsockopt(st.nSocket, nLevel, nName, pValue, nLength) == 0 && bAll;
+    }
+    return bAll;
+}
+
+int CEnsembleSockets::WaitReadable(timeval* pstTimeout)
+{
+    if (m_tSockets.empty()) {
+        return -1;
+    }
+    CSelectSet clSet;
+    for (const STSocket& st : m_tSockets) {
+        clSet.Add(st.nSocket);
+    }
+    if (clSet.nSelect(pstTimeout) <= 0) {
+        return -1;
+    }
+    const auto it = std::find_if(m_tSockets.begin(), m_tSockets.end(),
+                                 [&clSet](const STSocket& st) { return clSet.bReadable(st.nSocket); });
+    return it == m_tSockets.end() ? -1 : it->nSocket;
+}
+
+void CEnsembleSockets::Shutdown(int nHow)
+{
+    for (const STSocket& st : m_tSockets) {
+        ::shutdown(st.nSocket, nHow);
+    }
+}
+
+void CEnsembleSockets::Close()
+{
+    const int nErrno = errno;
+    for (const STSocket& st : m_tSockets) {
+        ::close(st.nSocket);
+    }
+    m_tSockets.clear();
+    errno = nErrno;
+}
+
+bool bSocketListenTCP(std::uint16_t wPort, unsigned int nFlags, CEnsembleSockets* pclSet, CXError* pclError,
+                      const wchar_t* pszAddress, int nBacklog)
+{
+    const auto eOpen = [=](const addrinfo& stEntry, int* pnSocket) {
+        return eSocketListenStream(stEntry, wPort, nFlags, pclError, std::min(nBacklog, s_nMaxBacklog),
+                                   pnSocket);
+    };
+    return bOpenAll(SOCK_STREAM, IPPROTO_TCP, wPort, nFlags, pclSet, pclError, pszAddress, eOpen);
+}
+
+bool bSocketBindUDP(std::uint16_t wPort, unsigned int nFlags, CEnsembleSockets* pclSet, CXError* pclError,
+                    const wchar_t* pszAddress)
+{
+    const auto eOpen = [=](const addrinfo& stEntry, int* pnSocket) {
+        return eSocketBindStreamUDP(stEntry, wPort, nFlags, pclError, pnSocket);
+    };
+    return bOpenAll(SOCK_DGRAM, IPPROTO_UDP, wPort, nFlags, pclSet, pclError, pszAddress, eOpen);
+}

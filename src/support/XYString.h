@@ -1,0 +1,24 @@
+#pragma once
+
+#include <cstdarg>
+#include <string>
+#include <string_view>
+
+/// Text of one character width. Inside the manager text is wide; narrow text is bytes on their way to or from
+/// the system (see Conversion.h).
+template <class TCar>
+using CXYString = std::basic_string<TCar>;
+
+/// The manager's wide text, with printf-style formatting.
+class CTString : public CXYString<wchar_t>
+{
+public:
+    using CXYString<wchar_t>::basic_string;
+    CTString() = default;
+    CTString(CXYString<wchar_t> csText) : CXYString<wchar_t>(std::move(csText)) {}
+
+    /// Replaces the text by the formatted one; the directives are those of the C library's wide printf ("%ls"
+    /// for a wide string, "%s" for an ASCII one). A format that cannot be carried out leaves the text empty.
+    void Format(const wchar_t* pszFormat, ...);
+    void FormatV(const wchar_t* pszFormat, va_list pArgs);
+};

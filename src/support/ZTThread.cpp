@@ -1,0 +1,303 @@
+#include "support/ZTThread.h"
+
+#include "support/accesdllres.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <csignal>
+#include <cxxabi.h>
+#include <pthread.h>
+#include <sched.h>
+#include <thread>
+
+namespace {
+using namespace std::chrono_literals;
+using CClock = std::chrono::steady_clock;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr std::size_t s_nStackSize = 1u << 20; // instrumented code needs far more stack
+#else
+constexpr std::size_t s_nStackSize = 65536;
+#endif
+
+/// Pauses between two looks at a state: 101 of 1 ms, then each 1 ms longer than the last, up to 100 ms.
+class CBackOff
+{
+public:
+    void Pause()
+    {
+        std::this_thread::sleep_for(m_clPause);
+        if (++m_nRounds > 100) {
+            m_clPause = std::min(m_clPause + 1ms, std::chrono::milliseconds(100ms));
+        }
+    }
+
+private:
+    std::chrono::milliseconds m_clPause = 1ms;
+    int m_nRounds = 0;
+};
+
+/// Blocks SIGTERM in this thread for as long as it lives; a thread created meanwhile has it blocked for good.
+class CSigTermBlocked
+{
+public:
+    CSigTermBlocked()
+    {
+        sigset_t stTerm;
+        sigemptyset(&stTerm);
+        sigaddset(&stTerm, SIGTERM);
+        ::pthread_sigmask(SIG_BLOCK, &stTerm, &m_stMask);
+    }
+    CSigTermBlocked(const CSigTermBlocked&) = delete;
+    CSigTermBlocked& operator=(const CSigTermBlocked&) = delete;
+    ~CSigTermBlocked() { ::pthread_sigmask(SIG_SETMASK, &m_stMask, nullptr); }
+
+private:
+    sigset_t m_stMask{};
+};
+
+int nCreateDetached(void* (*pfnThread)(void*), void* pParameter)
+{
+    pthread_attr_t stAttributes;
+    int nError = ::pthread_attr_init(&stAttributes);
+    if (nError != 0) {
+        return nError;
+    }
+    ::pthread_attr_setdetachstate(&stAttributes, PTHREAD_CREATE_DETACHED);
+    nError = ::pthread_attr_setstacksize(&stAttributes, s_nStackSize);
+    if (nError == 0) {
+        const CSigTermBlocked clBlocked;
+        pthread_t nThread{};
+        nError = ::pthread_create(&nThread, &stAttributes, pfnThread, pParameter);
+    }
+    ::pthread_attr_destroy(&stAttributes);
+    return nError;
+}
+} // namespace
+
+template <class TCondition>
+void CZTThread::_WaitUntil(CLock& clLock, int nMaxMs, TCondition bCondition)
+{
+    const CClock::time_point clStart = CClock::now();
+    CBackOff clBackOff;
+    while (!bCondition() && !(nMaxMs > 0 && CClock::now() - clStart > std::chrono::milliseconds(nMaxMs))) {
+        clLock.unlock();
+        clBackOff.Pause();
+        clLock.lock();
+    }
+}
+
+CZTThread::CZTThread()
+{
+    m_clSuspension.Init(0, 1);
+    m_clSleep.Init(0, INT_MAX);
+}
+
+CZTThread::~CZTThread()
+{
+    Stop(1);
+}
+
+CZTThread::EStart CZTThread::eStart(PFNThread pfnThread, void* pParameter, int bWaitStart, int bSuspended)
+{
+    CLock clLock(m_clLock);
+    if (_bAny(STARTING | RUNNING)) {
+        _WaitUntil(clLock, 0, [this] { return !_bAny(RUNNING) || !_bAny(STOP_REQUESTED); });
+        if (_bAny(STARTING | RUNNING)) {
+            return bWaitStart != 0 ? _eWaitStarted(clLock) : START_OK;
+        }
+    }
+    m_pParameter = pParameter;
+    m_pfnThread = pfnThread;
+    m_nState = (m_nState & ~STOP_REQUESTED) | STARTING;
+    if (bSuspended != 0) {
+        Suspend();
+    }
+    const int nError = __nStartThread();
+    if (nError != 0) {
+        Resume();
+        m_nState = STOP_REQUESTED;
+        clLock.unlock();
+        errno = nError;
+        return START_FAILED;
+    }
+    clLock.unlock();
+    // The thread may already have freed this object, unless the caller waits for it.
+    ::sched_yield();
+    if (bWaitStart == 0) {
+        return START_OK;
+    }
+    clLock.lock();
+    return _eWaitStarted(clLock);
+}
+
+bool CZTThread::bStart(PFNThread pfnThread, void* pParameter, const _stMyModuleInfo* pstModule,
+                       unsigned int nErrorCode, CXError* pclError, int bWaitStart, int bSuspended)
+{
+    const EStart eResult = eStart(pfnThread, pParameter, bWaitStart, bSuspended);
+    if (eResult == START_FAILED) {
+        DLLRES_SetUserError(pclError, pstModule != nullptr ? *pstModule : g_stMyModule, nErrorCode, errno);
+    }
+    return eResult == START_OK;
+}
+
+bool CZTThread::xbStart(PFNThread pfnThread, void* pParameter, const _stMyModuleInfo* pstModule,
+                        unsigned int nErrorCode, int bWaitStart, int bSuspended)
+{
+    CXError clError;
+    const bool bStarted =
+        bStart(pfnThread, pParameter, pstModule, nErrorCode, &clError, bWaitStart, bSuspended);
+    if (clError.bIsSet()) {
+        throw clError;
+    }
+    return bStarted;
+}
+
+void CZTThread::Stop(int bWait)
+{
+    TakeSynchroStop();
+    LeaveSynchroStop(bWait);
+}
+
+void CZTThread::TakeSynchroStop()
+{
+    CLock clLock(m_clLock);
+    _WaitUntil(clLock, m_nStopTimeOut, [this] { return _bAny(STOP_REQUESTED | RUNNING); });
+    m_nState |= STOP_REQUESTED;
+    clLock.release();
+}
+
+void CZTThread::LeaveSynchroStop(int bWait)
+{
+    {
+        // Woken with the lock still held: once it is free, a thread that owns this object may end and free
+        // it.
+        const CLock clLock(m_clLock, std::adopt_lock);
+        Resume();
+        m_clSleep.__Post(0);
+    }
+    ::sched_yield();
+    if (bWait != 0) {
+        _WaitStopped();
+    }
+}
+
+void CZTThread::Suspend()
+{
+    const CLock clLock(m_clLock);
+    if (_bAny(STARTING | RUNNING)) {
+        m_nState |= SUSPENDED;
+    }
+}
+
+void CZTThread::Resume()
+{
+    constexpr unsigned int nWaiting = STARTING | RUNNING | SUSPENDED;
+    const CLock clLock(m_clLock);
+    if (!_bAny(SUSPENDED)) {
+        return;
+    }
+    // A thread that is only starting is no waiting one: it must stay a starting one, or it could be started
+    // twice.
+    if ((m_nState & nWaiting) == nWaiting) {
+        m_clSuspension.__Post(1);
+        m_nState &= ~STARTING;
+    }
+    m_nState &= ~SUSPENDED;
+}
+
+bool CZTThread::bThreadRunning()
+{
+    const CLock clLock(m_clLock);
+    return _bAny(RUNNING);
+}
+
+void CZTThread::Started()
+{
+    const CLock clLock(m_clLock);
+    m_nState = (m_nState & ~STARTING) | RUNNING;
+}
+
+bool CZTThread::bMustStop()
+{
+    const CLock clLock(m_clLock);
+    return _bAny(STOP_REQUESTED);
+}
+
+void CZTThread::Wait()
+{
+    {
+        const CLock clLock(m_clLock);
+        if (!_bAny(SUSPENDED)) {
+            return;
+        }
+        m_nState |= STARTING | SUSPENDED;
+    }
+    m_clSuspension.Wait();
+}
+
+int CZTThread::Sleep(unsigned int dwMs)
+{
+    return m_clSleep.WaitTimeout(dwMs);
+}
+
+int CZTThread::SleepOrStop(unsigned int dwMs)
+{
+    return bMustStop() ? CZTSemNoInit::SEM_OK : Sleep(dwMs);
+}
+
+int CZTThread::SleepOrStop()
+{
+    return bMustStop() ? 1 : m_clSleep.Wait();
+}
+
+void CZTThread::Stopped()
+{
+    const CLock clLock(m_clLock);
+    // A thread that ends before it reported running is no longer starting either: it can be started again.
+    m_nState = (m_nState & ~(RUNNING | STARTING)) | STOP_REQUESTED;
+}
+
+void CZTThread::_WaitStopped()
+{
+    CLock clLock(m_clLock);
+    _WaitUntil(clLock, m_nStopTimeOut, [this] {
+        if (!_bAny(RUNNING)) {
+            return true;
+        }
+        m_nState |= STOP_REQUESTED; // again: the thread may have been started anew
+        return false;
+    });
+}
+
+CZTThread::EStart CZTThread::_eWaitStarted(CLock& clLock) const
+{
+    _WaitUntil(clLock, 0, [this] { return _bAny(STOP_REQUESTED | RUNNING); });
+    return _bAny(RUNNING) ? START_OK : START_ENDED;
+}
+
+int CZTThread::__nStartThread()
+{
+    constexpr int nAttempts = 11;
+    int nError = nCreateDetached(&ThreadFunc, this);
+    for (int n = 1; n < nAttempts && nError != 0; ++n) {
+        std::this_thread::sleep_for(40ms);
+        nError = nCreateDetached(&ThreadFunc, this);
+    }
+    return nError;
+}
+
+void* CZTThread::ThreadFunc(void* pThread)
+{
+    auto* pclThread = static_cast<CZTThread*>(pThread);
+    try {
+        pclThread->m_pfnThread(pclThread); // may free the object
+    } catch (const abi::__forced_unwind&) {
+        throw; // the C library ends this thread and insists
+    } catch (...) {
+        // A thread function has no one to report to.
+    }
+    return nullptr;
+}

@@ -1,0 +1,246 @@
+#include "support/accesdllres.h"
+#include "support/ZTThread.h"
+#include "tools/Wait.h"
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+using CClock = std::chrono::steady_clock;
+
+int nElapsedMs(CClock::time_point clStart)
+{
+    return static_cast<int>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(CClock::now() - clStart).count());
+}
+
+/// A thread that counts its runs and then sleeps until it is stopped.
+struct STSleeper : CZTThread
+{
+    std::atomic<int> nRuns{0};
+    std::atomic<int> nWoken{-1};
+    std::atomic<int> bTermBlocked{-1};
+    std::atomic<bool> bThrow{false};
+
+    ~STSleeper() override { Stop(1); }
+
+    static void Run(CZTThread* pclThread)
+    {
+        auto* pcl = static_cast<STSleeper*>(pclThread->pGetParameter());
+        pcl->Started();
+        sigset_t stMask;
+        pthread_sigmask(SIG_SETMASK, nullptr, &stMask);
+        pcl->bTermBlocked = sigismember(&stMask, SIGTERM);
+        pcl->Wait();
+        ++pcl->nRuns;
+        const bool bThrowNow = pcl->bThrow;
+        if (!bThrowNow) {
+            pcl->nWoken = pcl->SleepOrStop(600000);
+        }
+        pcl->Stopped();
+        if (bThrowNow) {
+            throw 1;
+        }
+    }
+    EStart eRun(int bWait = 1, int bSuspended = 0) { return eStart(&Run, this, bWait, bSuspended); }
+};
+} // namespace
+
+TEST(Thread, StopWakesASleepAtOnceAndTheThreadCanStartAgain)
+{
+    STSleeper clThread;
+    for (int nRound = 1; nRound <= 3; ++nRound) {
+        ASSERT_EQ(clThread.eRun(), CZTThread::START_OK);
+        EXPECT_TRUE(clThread.bThreadRunning());
+        EXPECT_EQ(clThread.eRun(), CZTThread::START_OK); // runs already
+        ASSERT_TRUE(bWaitUntil([&] { return clThread.nRuns == nRound; }, 5000));
+        const auto clStart = CClock::now();
+        clThread.Stop(1);
+        EXPECT_LT(nElapsedMs(clStart), 2000);
+        EXPECT_FALSE(clThread.bThreadRunning());
+        EXPECT_EQ(clThread.nRuns, nRound);
+        EXPECT_EQ(clThread.nWoken, 0);
+    }
+}
+
+TEST(Thread, StoppingWhatNeverRanReturnsAtOnce)
+{
+    STSleeper clThread;
+    const auto clStart = CClock::now();
+    clThread.Stop(1);
+    clThread.Suspend();
+    clThread.Resume();
+    EXPECT_TRUE(clThread.bMustStop());
+    EXPECT_LT(nElapsedMs(clStart), 1000);
+}
+
+TEST(Thread, AStopRightBehindAStartIsNotLost)
+{
+    STSleeper clThread;
+    for (int nRound = 0; nRound < 100; ++nRound) {
+        ASSERT_EQ(clThread.eRun(nRound % 2), CZTThread::START_OK);
+        clThread.Stop(1);
+        ASSERT_FALSE(clThread.bThreadRunning());
+    }
+}
+
+TEST(Thread, WorkersBlockSIGTERMAndTheirCreatorDoesNot)
+{
+    STSleeper clThread;
+    clThread.eRun();
+    EXPECT_TRUE(bWaitUntil([&] { return clThread.bTermBlocked == 1; }, 5000));
+    sigset_t stMask;
+    pthread_sigmask(SIG_SETMASK, nullptr, &stMask);
+    EXPECT_EQ(sigismember(&stMask, SIGTERM), 0);
+}
+
+TEST(Thread, ASuspendedThreadWaitsForResumeOrStop)
+{
+    STSleeper clThread;
+    for (int nRound = 0; nRound < 50; ++nRound) { // the release also comes while the thread is only starting
+        const int nBefore = clThread.nRuns;
+        clThread.eRun(nRound % 2, 1);
+        if (nRound % 4 == 3) {
+            ASSERT_TRUE(bWaitUntil([&] { return clThread.bTermBlocked == 1; }, 5000));
+            EXPECT_FALSE(bWaitUntil([&] { return clThread.nRuns != nBefore; }, 5));
+        }
+        clThread.Resume();
+        ASSERT_TRUE(bWaitUntil([&] { return clThread.nRuns == nBefore + 1; }, 5000));
+        clThread.Stop(1);
+        clThread.bTermBlocked = -1;
+    }
+    clThread.eRun(1, 1);
+    clThread.Stop(1);
+    EXPECT_FALSE(clThread.bThreadRunning());
+}
+
+TEST(Thread, AStopHeldBackKeepsTheThreadFromSeeingIt)
+{
+    STSleeper clThread;
+    clThread.eRun();
+    ASSERT_TRUE(bWaitUntil([&] { return clThread.nRuns == 1; }, 5000));
+    clThread.TakeSynchroStop();
+    std::atomic<bool> bSeen{false};
+    std::thread clOther([&] { bSeen = clThread.bMustStop(); });
+    EXPECT_FALSE(bWaitUntil([&] { return bSeen.load(); }, 20)); // it waits for the lock
+    clThread.LeaveSynchroStop(1);
+    clOther.join();
+    EXPECT_TRUE(bSeen);
+    EXPECT_FALSE(clThread.bThreadRunning());
+}
+
+TEST(Thread, AThreadMayFreeItsObjectAsItsLastAct)
+{
+    static std::atomic<int> s_nAlive{0};
+    struct STOwnFree : CZTThread
+    {
+        STOwnFree() { ++s_nAlive; }
+        ~STOwnFree() override { --s_nAlive; }
+        static void Run(CZTThread* pclThread)
+        {
+            pclThread->Started();
+            pclThread->SleepOrStop(1);
+            pclThread->Stopped();
+            delete static_cast<STOwnFree*>(pclThread);
+        }
+    };
+    for (int n = 0; n < 200; ++n) {
+        auto* pcl = new STOwnFree;
+        ASSERT_EQ(pcl->eStart(&STOwnFree::Run, pcl, 0, 0), CZTThread::START_OK);
+    }
+    EXPECT_TRUE(bWaitUntil([] { return s_nAlive == 0; }, 10000));
+}
+
+TEST(Thread, EndingEarlyIsToldAndExceptionsAreDropped)
+{
+    STSleeper clThread;
+    CXError clError;
+    const auto Early = [](CZTThread* pcl) { pcl->Stopped(); };
+    EXPECT_EQ(clThread.eStart(Early, nullptr, 1, 0), CZTThread::START_ENDED);
+    EXPECT_FALSE(clThread.bStart(Early, nullptr, &g_stMyModule, 1, &clError, 1, 0));
+    EXPECT_FALSE(clThread.xbStart(Early, nullptr, &g_stMyModule, 1, 1, 0));
+    EXPECT_FALSE(clError.bIsSet());
+    clThread.bThrow = true;
+    clThread.eRun(0);
+    EXPECT_TRUE(bWaitUntil([&] { return clThread.nRuns == 1 && !clThread.bThreadRunning(); }, 5000));
+    clThread.bThrow = false;
+    EXPECT_TRUE(clThread.xbStart(&STSleeper::Run, &clThread, &g_stMyModule, 1, 1, 0));
+}
+
+TEST(Thread, AThreadThatCannotBeCreatedIsAnError)
+{
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "needs root to take on a user without processes";
+    }
+    const pid_t nChild = ::fork();
+    if (nChild == 0) {
+        const rlimit stNone{0, 0};
+        ::setrlimit(RLIMIT_NPROC, &stNone);
+        const bool bUser = ::setresuid(65534, 65534, 65534) == 0;
+        STSleeper clThread;
+        CXError clError;
+        const auto clStart = CClock::now();
+        const bool bStarted = clThread.bStart(&STSleeper::Run, &clThread, &g_stMyModule, 1, &clError, 1, 1);
+        const bool bRetried = nElapsedMs(clStart) >= 10 * 40;
+        clThread.Stop(1);
+        ::_exit(bUser && !bStarted && bRetried && clError.nGetUserError() == 3857 &&
+                        clError.nGetSystemError() == EAGAIN && !clThread.bThreadRunning()
+                    ? 0
+                    : 1);
+    }
+    int nStatus = -1;
+    ASSERT_EQ(::waitpid(nChild, &nStatus, 0), nChild);
+    EXPECT_EQ(nStatus, 0);
+}
+
+TEST(Semaphore, CountsAndTellsWhyAWaitEnded)
+{
+    CZTSemNoInit clSem;
+    int nValue = -1;
+    EXPECT_EQ(clSem.TryWait(), CZTSemNoInit::SEM_FAILURE); // not set up yet
+    ASSERT_EQ(clSem.Init(1, 1), CZTSemNoInit::SEM_OK);
+    EXPECT_EQ(clSem.__Post(1), CZTSemNoInit::SEM_OK); // the maximum is not enforced
+    EXPECT_EQ(clSem.GetValue(&nValue), CZTSemNoInit::SEM_OK);
+    EXPECT_EQ(nValue, 2);
+    EXPECT_EQ(clSem.WaitTimeout(0), CZTSemNoInit::SEM_OK);
+    EXPECT_EQ(clSem.Wait(), CZTSemNoInit::SEM_OK);
+    EXPECT_EQ(clSem.TryWait(), CZTSemNoInit::SEM_WOULD_BLOCK);
+    EXPECT_EQ(clSem.WaitTimeout(0), CZTSemNoInit::SEM_TIMEOUT);
+    const auto clStart = CClock::now();
+    EXPECT_EQ(clSem.WaitTimeout(1050), CZTSemNoInit::SEM_TIMEOUT); // carries into the next second
+    EXPECT_GE(nElapsedMs(clStart), 1000);
+    EXPECT_LT(nElapsedMs(clStart), 3000);
+}
+
+TEST(Semaphore, LongWaitsEndWithAPostAndNotWithASignal)
+{
+    struct sigaction stOld
+    {};
+    struct sigaction stNothing
+    {};
+    stNothing.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &stNothing, &stOld);
+    for (const unsigned int dwMs : {0xFFFFFFFFu, 0xFFFFFFFEu}) {
+        CZTSemNoInit clSem;
+        clSem.Init(0, 1);
+        std::atomic<int> nResult{-1};
+        std::thread clWaiter([&] { nResult = clSem.WaitTimeout(dwMs); });
+        for (int n = 0; n < 20; ++n) {
+            pthread_kill(clWaiter.native_handle(), SIGUSR1);
+            usleep(1000);
+        }
+        EXPECT_EQ(nResult, -1);
+        clSem.__Post(0);
+        clWaiter.join();
+        EXPECT_EQ(nResult, CZTSemNoInit::SEM_OK);
+    }
+    sigaction(SIGUSR1, &stOld, nullptr);
+}

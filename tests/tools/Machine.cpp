@@ -1,0 +1,82 @@
+#include "tools/Machine.h"
+
+#include "tools/Wait.h"
+#include "tools/WireClient.h"
+
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <sys/wait.h>
+#include <unistd.h>
+
+std::string csBuildFolder()
+{
+    return std::filesystem::read_symlink("/proc/self/exe").parent_path().string();
+}
+
+namespace {
+/// A unit's file name: systemd wants bytes beyond ASCII as "\xNN".
+std::string csFileName(const std::string& csUnit)
+{
+    std::string csName;
+    for (const char c : csUnit) {
+        char szEscape[8] = {c};
+        if (static_cast<unsigned char>(c) >= 0x80) {
+            std::snprintf(szEscape, sizeof szEscape, "\\x%02x",
+                          static_cast<unsigned int>(static_cast<unsigned char>(c)));
+        }
+        csName += szEscape;
+    }
+    return csName;
+}
+} // namespace
+
+void AddServer(const std::string& csFolder, const std::string& csUnit, int nPort,
+               const std::string& csSettings, const std::string& csDisplayName)
+{
+    const std::string csHome = "/opt/velmo/" + csFolder + "/";
+    std::filesystem::create_directories(csHome);
+    std::filesystem::copy_file(csBuildFolder() + "/dxdemo", csHome + "dxdemo",
+                               std::filesystem::copy_options::overwrite_existing);
+    std::ofstream(csHome + "DXConf.ini") << "[INIT]\nAccessPort = " << nPort << "\n[DEMO]\n" << csSettings;
+    std::ofstream("/lib/systemd/system/" + csFileName(csUnit) + ".service")
+        << "[Unit]\nDescription=" << (csDisplayName.empty() ? csUnit : csDisplayName)
+        << "\nAfter=network.target\n[Install]\nWantedBy=multi-user.target\n[Service]\nType="
+           "forking\nExecStart="
+        << csHome << "dxdemo --SERVICE " << csUnit << "\nPIDFile=/var/run/" << csUnit << ".pid\n";
+}
+
+CManagerProcess::CManagerProcess(const std::string& csExecutable, const std::string& csArguments)
+    : m_nPid(::fork())
+{
+    if (m_nPid == 0) {
+        const std::string csProgram = csExecutable.empty() ? csBuildFolder() + "/VelmoManager" : csExecutable;
+        ::execl("/bin/sh", "sh", "-c", ("exec " + csProgram + " " + csArguments).c_str(), nullptr);
+        ::_exit(127);
+    }
+}
+
+CManagerProcess::~CManagerProcess()
+{
+    if (m_nPid > 0) {
+        ::kill(m_nPid, SIGKILL);
+        ::waitpid(m_nPid, nullptr, 0);
+    }
+}
+
+bool CManagerProcess::bAnswers() const
+{
+    return bWaitUntil([] { return CWireClient("127.0.0.1", 4999).csLine().starts_with("HELLO"); }, 10'000);
+}
+
+int CManagerProcess::nStop(int nMs)
+{
+    int nStatus = 0;
+    ::kill(m_nPid, SIGTERM);
+    if (!bWaitUntil([&] { return ::waitpid(m_nPid, &nStatus, WNOHANG) == m_nPid; }, nMs)) {
+        return -1;
+    }
+    m_nPid = -1;
+    return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : 128 + WTERMSIG(nStatus);
+}

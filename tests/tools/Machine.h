@@ -1,0 +1,38 @@
+#pragma once
+
+#include <string>
+#include <sys/types.h>
+
+/// What the programs that run inside a throwaway machine share. Everything here changes the machine it runs
+/// in.
+
+/// Folder of the built programs (this test's own).
+std::string csBuildFolder();
+
+/// Puts a sample server in /opt/velmo/<folder>/ and a unit for it in the form that the manager writes;
+/// neither reloads systemd nor starts the server. The settings go into the [DEMO] section of its DXConf.ini
+/// (a text may open further sections); the display name is the unit's name when none is given.
+void AddServer(const std::string& csFolder, const std::string& csUnit, int nPort,
+               const std::string& csSettings, const std::string& csDisplayName = "");
+
+/// The manager in the foreground mode, as a child of the test.
+class CManagerProcess
+{
+public:
+    /// Starts the given executable (the built one when empty) with the arguments.
+    explicit CManagerProcess(const std::string& csExecutable = "",
+                             const std::string& csArguments = "--DEBUG");
+    /// Kills it if it still runs.
+    ~CManagerProcess();
+    CManagerProcess(const CManagerProcess&) = delete;
+    CManagerProcess& operator=(const CManagerProcess&) = delete;
+
+    pid_t nPid() const { return m_nPid; }
+    /// Waits until it greets on 127.0.0.1; false after 10 seconds.
+    bool bAnswers() const;
+    /// SIGTERM, then its exit status (-1: it did not end within nMs milliseconds and was killed).
+    int nStop(int nMs = 10'000);
+
+private:
+    pid_t m_nPid;
+};

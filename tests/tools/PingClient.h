@@ -1,0 +1,60 @@
+#pragma once
+
+#include "support/Descripteur.h"
+
+#include <arpa/inet.h>
+#include <array>
+#include <netinet/in.h>
+#include <poll.h>
+#include <string>
+#include <string_view>
+#include <sys/socket.h>
+
+/// A tool that asks over UDP, without being bound to one address.
+class CPingClient
+{
+public:
+    /// Sends one datagram to a numeric address (IPv4, also a broadcast one, or IPv6); false when it cannot be
+    /// sent.
+    bool Ask(const std::string& csAddress, unsigned short wPort, std::string_view csQuestion)
+    {
+        const bool bIPv6 = csAddress.find(':') != std::string::npos;
+        sockaddr_in6 st6{};
+        sockaddr_in st4{};
+        st6.sin6_family = AF_INET6;
+        st4.sin_family = AF_INET;
+        st6.sin6_port = st4.sin_port = htons(wPort);
+        ::inet_pton(AF_INET6, csAddress.c_str(), &st6.sin6_addr);
+        ::inet_pton(AF_INET, csAddress.c_str(), &st4.sin_addr);
+        m_clSocket = CDescripteur(::socket(bIPv6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        const int nOne = 1;
+        ::setsockopt(m_clSocket.nFd(), SOL_SOCKET, SO_BROADCAST, &nOne, sizeof nOne);
+        const auto* const pstTo =
+            bIPv6 ? reinterpret_cast<sockaddr*>(&st6) : reinterpret_cast<sockaddr*>(&st4);
+        return ::sendto(m_clSocket.nFd(), csQuestion.data(), csQuestion.size(), 0, pstTo,
+                        bIPv6 ? sizeof st6 : sizeof st4) == static_cast<ssize_t>(csQuestion.size());
+    }
+    /// The next datagram: the address it came from, a blank, its bytes; or in angle brackets that none came.
+    std::string csAnswer(int nMs = 20000) const
+    {
+        pollfd stWait{m_clSocket.nFd(), POLLIN, 0};
+        if (TEMP_FAILURE_RETRY(::poll(&stWait, 1, nMs)) != 1) { // an ending child interrupts
+            return "<nothing in time>";
+        }
+        std::array<char, 65536> tBytes;
+        sockaddr_in6 stFrom{}; // the larger of the two
+        socklen_t nLength = sizeof stFrom;
+        const ssize_t nRead = ::recvfrom(m_clSocket.nFd(), tBytes.data(), tBytes.size(), 0,
+                                         reinterpret_cast<sockaddr*>(&stFrom), &nLength);
+        std::array<char, INET6_ADDRSTRLEN> szFrom{};
+        const void* pAddress = &stFrom.sin6_addr;
+        if (stFrom.sin6_family == AF_INET) {
+            pAddress = &reinterpret_cast<sockaddr_in*>(&stFrom)->sin_addr;
+        }
+        ::inet_ntop(stFrom.sin6_family, pAddress, szFrom.data(), szFrom.size());
+        return std::string(szFrom.data()) + " " + std::string(tBytes.data(), static_cast<std::size_t>(nRead));
+    }
+
+private:
+    CDescripteur m_clSocket;
+};

@@ -1,0 +1,83 @@
+#pragma once
+
+#include "support/Descripteur.h"
+
+#include <array>
+#include <cstdint>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <string>
+#include <string_view>
+#include <sys/stat.h>
+#include <unistd.h>
+
+/// Name of the reply FIFO of a number.
+inline std::string csReplyPipe(int nReply)
+{
+    return "/tmp/__pipe_velmomanager_" + std::to_string(nReply);
+}
+
+/// A client's reply FIFO, removed with the object.
+class CReplyPipe
+{
+public:
+    explicit CReplyPipe(int nReply) : m_csName(csReplyPipe(nReply))
+    {
+        ::unlink(m_csName.c_str());
+        (void)::mkfifo(m_csName.c_str(), 0600);
+        m_clPipe = CDescripteur(::open(m_csName.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    }
+    CReplyPipe(const CReplyPipe&) = delete;
+    CReplyPipe& operator=(const CReplyPipe&) = delete;
+    ~CReplyPipe() { ::unlink(m_csName.c_str()); }
+
+    int nFd() const { return m_clPipe.nFd(); }
+    /// Text of the next reply, or in angle brackets what came instead.
+    std::string csReply(int nMs = 20000) const
+    {
+        pollfd stWait{nFd(), POLLIN, 0};
+        std::array<char, 600> tBytes{};
+        if (TEMP_FAILURE_RETRY(::poll(&stWait, 1, nMs)) != 1) { // an ending child interrupts
+            return "<nothing in time>";
+        }
+        const ssize_t nRead = ::read(nFd(), tBytes.data(), tBytes.size());
+        return nRead == 501 && tBytes[500] == 0 ? std::string(tBytes.data())
+                                                : "<" + std::to_string(nRead) + " bytes>";
+    }
+
+private:
+    std::string m_csName;
+    CDescripteur m_clPipe;
+};
+
+/// Writes bytes into a server's FIFO in one piece; false when nobody listens there.
+inline bool bWritePipe(const char* pszPipe, std::string_view csBytes)
+{
+    const CDescripteur clPipe(::open(pszPipe, O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+    if (!clPipe.bOpen() || ::fcntl(clPipe.nFd(), F_SETFL, O_WRONLY) != 0) {
+        return false;
+    }
+    return ::write(clPipe.nFd(), csBytes.data(), csBytes.size()) == static_cast<ssize_t>(csBytes.size());
+}
+
+/// The bytes of a registration request; the texts are ASCII.
+inline std::string csRequest(std::int32_t nReply, std::int32_t nForm, const std::string& csName,
+                             const std::string& csPath, int nPort)
+{
+    std::string cs(792, '\0');
+    std::memcpy(&cs[0], &nReply, 4);
+    std::memcpy(&cs[4], &nForm, 4);
+    if (nForm != 1) {
+        cs.replace(8, csName.size(), csName).replace(269, csPath.size(), csPath);
+        return cs.replace(530, std::to_string(nPort).size(), std::to_string(nPort));
+    }
+    std::memcpy(&cs[8], &nPort, 2);
+    for (std::size_t n = 0; n < csName.size(); ++n) {
+        cs[10 + 2 * n] = csName[n];
+    }
+    for (std::size_t n = 0; n < csPath.size(); ++n) {
+        cs[268 + 2 * n] = csPath[n];
+    }
+    return cs;
+}

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <string>
+
+/// Gives this process its own mounts and network: what a test puts in /etc/init.d, /lib/systemd/system, /tmp,
+/// /run or /var/run, or binds over a program, reaches nobody else. Done once, before any thread runs; false
+/// where the kernel refuses (tests that need it are then skipped, loudly).
+bool bPrivateWorld();
+
+/// A network of its own for the calling thread and those that it starts from now on, loopback up: a port that
+/// an earlier test's connections still hold is free again.
+bool bFreshNetwork();
+
+/// Skips the test where there is no private world.
+#define REQUIRE_PRIVATE_WORLD()                                                                              \
+    if (!bPrivateWorld())                                                                                    \
+    GTEST_SKIP() << "SKIPPED: needs root and mount/network namespaces"
+
+/// Puts a script in the place of a fixed program (/bin/systemctl, for instance) for the life of the object.
+/// The script first notes its arguments, one call a line, in a journal; $JOURNAL names that file, $DIR its
+/// folder.
+class CFakeTool
+{
+public:
+    CFakeTool(std::string csProgram, const std::string& csBody);
+    ~CFakeTool();
+    CFakeTool(const CFakeTool&) = delete;
+    CFakeTool& operator=(const CFakeTool&) = delete;
+
+    /// The calls so far, one a line; forgets them.
+    std::string csTakeJournal();
+    /// A file in the tool's folder, with the folders that it needs.
+    void Write(const std::string& csName, const std::string& csText);
+    bool bExists(const std::string& csName) const;
+
+private:
+    std::string m_csProgram;
+    std::string m_csDirectory;
+};
