@@ -1,0 +1,309 @@
+#include "config/Config.h"
+
+#include "config/WinApi.h"
+#include "support/accesdllres.h"
+#include "support/DiskFile.h"
+#include "support/Version.h"
+#include "support/WinApi.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+#include <cwchar>
+#include <sstream>
+#include <string_view>
+
+using std::uint16_t;
+using std::uint32_t;
+
+namespace {
+constexpr std::size_t s_nMaxPath = CConfig::s_nPathBuffer - 1;
+
+/// Directories end in "/" even where they had to be cut.
+std::wstring csCutDirectory(const std::wstring& csPath)
+{
+    std::wstring csDirectory = CDiskFile::DirectoryWithEndSlash(csPath);
+    if (csDirectory.size() > s_nMaxPath) {
+        csDirectory.replace(s_nMaxPath - 1, std::wstring::npos, L"/");
+    }
+    return csDirectory;
+}
+
+std::wstring csOwnDirectory(const wchar_t* pszDirectory)
+{
+    std::wstring csPath =
+        pszDirectory != nullptr ? std::wstring(pszDirectory) : GetModuleFileNameW(s_nMaxPath);
+    if (pszDirectory == nullptr) {
+        std::replace(csPath.begin(), csPath.end(), L'\\', L'/');
+        csPath = CDiskFile::csDirectory(csPath);
+    }
+    return csCutDirectory(csPath);
+}
+
+/// What follows a macro of nLength characters, without the slashes at its start.
+std::wstring csBehindMacro(const std::wstring& csPath, std::size_t nLength)
+{
+    const std::size_t nRest = csPath.find_first_not_of(L'/', std::min(nLength, csPath.size()));
+    return nRest == std::wstring::npos ? std::wstring() : csPath.substr(nRest);
+}
+
+void CopyPath(const std::wstring& csPath, wchar_t* pszBuffer)
+{
+    pszBuffer[csPath.copy(pszBuffer, s_nMaxPath)] = L'\0';
+}
+
+std::wstring csGeneratedName()
+{
+    const std::time_t nNow = std::time(nullptr);
+    std::tm stUtc{};
+    wchar_t szName[32];
+    const std::size_t nLength = std::wcsftime(szName, 32, L"Velmo_%Y%m%d %H%M%S", ::gmtime_r(&nNow, &stUtc));
+    return {szName, nLength};
+}
+
+CXError clWriteError(int nErrno)
+{
+    constexpr const wchar_t* pszModule = L"velmomanager";
+    constexpr unsigned int nUserError = 3;
+    CXError clError;
+    DLLRES_SetUserError(&clError, g_stMyModule, nUserError, nErrno);
+    CTString csDebug;
+    csDebug.Format(L"IE%ls=%u.%u\r\nModule=<%ls>\r\nVersion=<%ls>", pszModule, 1U, 1U, pszModule,
+                   g_szVersion);
+    clError.AddDebugMessage(csDebug);
+    return clError;
+}
+
+const wchar_t* pszNullIfEmpty(const wchar_t* pszText)
+{
+    return pszText != nullptr && *pszText != L'\0' ? pszText : nullptr;
+}
+} // namespace
+
+CConfig::CConfig(const wchar_t* pszDirectory)
+    : m_csDirectory(csOwnDirectory(pszDirectory)), m_csFile(L"%%EXE%%DXConf.ini")
+{
+    __PatchPath(&m_csFile);
+}
+
+void CConfig::__PatchPath(std::wstring* pcsPath) const
+{
+    constexpr std::wstring_view csExe = L"%%EXE%%";
+    constexpr std::wstring_view csProgramData = L"%%COMMONAPPDATA%%";
+    if (pcsPath->starts_with(csExe)) {
+        *pcsPath = (m_csDirectory + csBehindMacro(*pcsPath, csExe.size())).substr(0, s_nMaxPath);
+    }
+    // As many characters as the other macro has: whatever begins so is taken for this one, intended.
+    if (pcsPath->starts_with(csProgramData.substr(0, csExe.size()))) {
+        *pcsPath = __GetProgramData() + csBehindMacro(*pcsPath, csProgramData.size());
+    }
+    *pcsPath = pcsPath->substr(0, s_nMaxPath);
+}
+
+template <class T>
+T CConfig::_Read(const settings::STNumber<T>& st) const
+{
+    return static_cast<T>(GetPrivateProfileInt(st.pszSection, st.pszKey, st.nDefault, m_csFile.c_str()));
+}
+
+void CConfig::_Read(const settings::STText& st, wchar_t* pszBuffer) const
+{
+    GetPrivateProfileString(st.pszSection, st.pszKey, st.pszDefault, pszBuffer, st.nSize, m_csFile.c_str());
+}
+
+std::wstring CConfig::_csRead(const settings::STText& st) const
+{
+    std::wstring csValue(st.nSize, L'\0');
+    csValue.resize(GetPrivateProfileString(st.pszSection, st.pszKey, st.pszDefault, csValue.data(), st.nSize,
+                                           m_csFile.c_str()));
+    return csValue;
+}
+
+bool CConfig::_bReadDirectory(const settings::STText& st, wchar_t* pszBuffer) const
+{
+    std::wstring csPath = _csRead(st);
+    __PatchPath(&csPath);
+    CopyPath(csCutDirectory(csPath), pszBuffer);
+    return *pszBuffer != L'\0';
+}
+
+template <class TSetting>
+int CConfig::_Write(const TSetting& st, const wchar_t* pszValue) const
+{
+    return WritePrivateProfileString(st.pszSection, st.pszKey, pszValue, m_csFile.c_str());
+}
+
+template <class TSetting>
+void CConfig::__xWritePrivateProfileString(const TSetting& st, const wchar_t* pszValue)
+{
+    if (_Write(st, pszValue) == 0) {
+        throw clWriteError(errno);
+    }
+}
+
+template <class T, class TNumber>
+void CConfig::_xWriteNumber(const settings::STNumber<T>& st, TNumber nValue)
+{
+    __xWritePrivateProfileString(st, std::to_wstring(nValue).c_str());
+}
+
+void CConfig::GetServerName(wchar_t* pszBuffer) const
+{
+    _Read(settings::Name, pszBuffer);
+    if (*pszBuffer == L'\0') {
+        const std::wstring csName = csGeneratedName();
+        pszBuffer[csName.copy(pszBuffer, settings::Name.nSize - 1)] = L'\0';
+        (void)_Write(settings::Name, pszBuffer); // a file that cannot be written gets another name next time
+    }
+}
+
+CConfig::ELogMode CConfig::eGetLogMode() const
+{
+    const std::wstring csMode = _csRead(settings::ErrorLogMode);
+    if (csMode == L"FILE") {
+        return LOG_MODE_FILE;
+    }
+    return csMode == L"SYSTEM" ? LOG_MODE_SYSTEM : LOG_MODE_NONE;
+}
+
+void CConfig::GetLogFileName(wchar_t* pszBuffer) const
+{
+    std::wstring csPath = _csRead(settings::ErrorLogFile);
+    __PatchPath(&csPath);
+    CopyPath(csPath, pszBuffer);
+}
+
+int CConfig::nGetsocketOptions() const
+{
+    struct STKeyword
+    {
+        const wchar_t* pszKeyword;
+        int nOption;
+    };
+    static constexpr STKeyword s_tKeywords[] = {
+        {L"IPV4_ONLY", 1}, {L"IPV6_ONLY", 2}, {L"IPV4_IPV6", 0}, {L"IPV6_IPV4", 0}};
+    int nOptions = 0;
+    std::wistringstream clPieces(_csRead(settings::SocketOptions));
+    for (std::wstring csPiece; std::getline(clPieces, csPiece, L',');) {
+        for (const STKeyword& st : s_tKeywords) {
+            if (::wcscasecmp(csPiece.c_str(), st.pszKeyword) == 0) {
+                nOptions = st.nOption; // the last one known wins
+            }
+        }
+    }
+    return nOptions;
+}
+
+// clang-format off
+void CConfig::GetRootDBPath(wchar_t* psz) const           { (void)_bReadDirectory(settings::DBRootPath, psz); }
+void CConfig::GetRootDBPathConfig(wchar_t* psz) const     { _Read(settings::DBRootPath, psz); }
+void CConfig::GetStatDirectory(wchar_t* psz) const        { (void)_bReadDirectory(settings::ActivityStatisticPath, psz); }
+void CConfig::GetStatDirectoryConfig(wchar_t* psz) const  { _Read(settings::ActivityStatisticPath, psz); }
+void CConfig::GetJNLPathConfig(wchar_t* psz) const        { _Read(settings::JNLRootPath, psz); }
+void CConfig::GetJNLBackupPathConfig(wchar_t* psz) const  { _Read(settings::JNLBackupRootPath, psz); }
+void CConfig::GetCrashDumpDirectory(wchar_t* psz) const   { (void)_bReadDirectory(settings::DumpPath, psz); }
+void CConfig::GetClusterPassword(wchar_t* psz) const      { _Read(settings::NodePassword, psz); }
+int CConfig::bLogConnexion() const                        { return _Read(settings::LogConnexion); }
+int CConfig::bMoreThan2Go() const                         { return _Read(settings::MoreThan2Go); }
+int CConfig::nGetPort() const                             { return _Read(settings::AccessPort); }
+int CConfig::nGetDebuggerPort() const                     { return _Read(settings::ZLDebugPort); }
+int CConfig::nGetPreVersion() const                       { return _Read(settings::PreVersion); }
+uint32_t CConfig::dwGetCacheSizeMo() const                { return _Read(settings::NdxCacheSize); }
+uint32_t CConfig::nGetCacheMaximumUnusedTables() const    { return _Read(settings::CacheMaxUnusedFiles); }
+bool CConfig::bGetCacheTablesPrefetch() const             { return _Read(settings::CacheFilesPrefetch); }
+bool CConfig::bAllowReplicIdAuto4() const                 { return _Read(settings::ReplicAllowIdAuto4); }
+int CConfig::nGetWindowsFileCacheSize() const             { return _Read(settings::WindowsFileCacheSize); }
+int CConfig::bWithCoreDump() const                        { return _Read(settings::WithCoreDump); }
+uint32_t CConfig::dwGetCrashDumpLevel() const             { return _Read(settings::DumpLevel); }
+bool CConfig::bQuerySuggestKey() const                    { return _Read(settings::KeySearch); }
+int CConfig::bRestartOnFailed() const                     { return _Read(settings::RestartOnFailed); }
+uint32_t CConfig::dwCheckPeriod() const                   { return _Read(settings::CheckPeriod); }
+bool CConfig::bClusterNode() const                        { return _Read(settings::Cluster) == 1; }
+bool CConfig::bGetClusterLastRunCrashed() const           { return _Read(settings::NodeRunning); }
+uint32_t CConfig::dwGetClusterLastRunNumber() const       { return _Read(settings::LastRun); }
+bool CConfig::bGetAutoAnalyseEnable() const               { return _Read(settings::AutoAnalyseEnable); }
+uint32_t CConfig::dwGetAutoAnalyseWait() const            { return _Read(settings::AutoAnalyseWait); }
+uint32_t CConfig::dwGetAutoAnalyseTimeBetweenScan() const { return _Read(settings::AutoAnalyseBetweenScan); }
+uint32_t CConfig::dwGetAutoAnalyseTimeBetweenStat() const { return _Read(settings::AutoAnalyseBetweenStat); }
+uint32_t CConfig::dwGetAutoAnalyseTimeAfterCreation() const { return _Read(settings::AutoAnalyseAfterCreation); }
+uint32_t CConfig::dwGetAutoAnalyseMinWrite() const        { return _Read(settings::AutoAnalyseMinWrite); }
+uint32_t CConfig::dwGetAutoAnalysePercentWrite() const    { return _Read(settings::AutoAnalysePercentWrite); }
+
+void CConfig::SetMoreThan2Go(unsigned int b)              { _xWriteNumber(settings::MoreThan2Go, b); }
+void CConfig::SetPort(uint16_t w)                         { _xWriteNumber(settings::AccessPort, w); }
+void CConfig::SetDebuggerPort(uint16_t w)                 { _xWriteNumber(settings::ZLDebugPort, w); }
+void CConfig::SetCacheSizeMo(uint32_t dw)                 { _xWriteNumber(settings::NdxCacheSize, dw); }
+void CConfig::SetCacheMaximumUnusedTables(uint32_t dw)    { _xWriteNumber(settings::CacheMaxUnusedFiles, dw); }
+void CConfig::SetWindowsFileCacheSize(int n)              { _xWriteNumber(settings::WindowsFileCacheSize, n); }
+void CConfig::SetUserDaemon(const wchar_t* psz)           { __xWritePrivateProfileString(settings::DaemonUser, psz); }
+void CConfig::SetStatPeriod(uint16_t w)                   { _xWriteNumber(settings::ActivityStatisticPeriod, w); }
+void CConfig::SetStatMaxFileSizeMO(uint32_t dw)           { _xWriteNumber(settings::ActivityStatisticMaxFileSize, dw); }
+void CConfig::SetStatDirectory(const wchar_t* psz)        { __xWritePrivateProfileString(settings::ActivityStatisticPath, psz); }
+void CConfig::WriteAfterUpdate(const wchar_t* psz)        { __xWritePrivateProfileString(settings::AfterUpdateReport, psz); }
+void CConfig::SetAutoAnalyseEnable(bool b)                { _xWriteNumber(settings::AutoAnalyseEnable, b ? 1 : 0); }
+int CConfig::ClearAfterUpdate()                           { return _Write(settings::AfterUpdateReport, nullptr); }
+int CConfig::SetJNLPath(const wchar_t* psz)               { return _Write(settings::JNLRootPath, pszNullIfEmpty(psz)); }
+int CConfig::SetJNLBackupPath(const wchar_t* psz)         { return _Write(settings::JNLBackupRootPath, pszNullIfEmpty(psz)); }
+int CConfig::SetClusterRunning(bool b)                    { return _Write(settings::NodeRunning, b ? L"1" : L"0"); }
+int CConfig::SetClusterLastRunNumber(uint32_t dw)         { return _Write(settings::LastRun, std::to_wstring(dw).c_str()); }
+// clang-format on
+
+void CConfig::GetJNLPath(wchar_t* pszBuffer) const
+{
+    if (!_bReadDirectory(settings::JNLRootPath, pszBuffer)) {
+        GetRootDBPath(pszBuffer);
+    }
+}
+
+void CConfig::GetJNLBackupPath(wchar_t* pszBuffer) const
+{
+    if (!_bReadDirectory(settings::JNLBackupRootPath, pszBuffer)) {
+        GetJNLPath(pszBuffer);
+    }
+}
+
+bool CConfig::bGetUserDaemon(wchar_t* pszBuffer) const
+{
+    _Read(settings::DaemonUser, pszBuffer);
+    return *pszBuffer != L'\0';
+}
+
+std::uint16_t CConfig::wGetStatPeriod() const
+{
+    constexpr uint32_t dwMax = 65535;
+    return static_cast<std::uint16_t>(std::min(_Read(settings::ActivityStatisticPeriod), dwMax));
+}
+
+std::uint64_t CConfig::qwGetStatMaxFileSize() const
+{
+    return _Read(settings::ActivityStatisticMaxFileSize)
+           << 20; // widened afterwards, so that it wraps: intended
+}
+
+void CConfig::GetAfterUpdate(wchar_t* pszBuffer) const
+{
+    _Read(settings::AfterUpdateReport, pszBuffer);
+    pszBuffer[settings::AfterUpdateReport.nSize - 1] = L'\0';
+}
+
+bool CConfig::bIsInstallerNatif() const
+{
+    return ::wcscasecmp(_csRead(settings::Installer).c_str(), L"natif") == 0;
+}
+
+void CConfig::GetClusterManagerName(wchar_t* pszBuffer) const
+{
+    *pszBuffer = L'\0';
+    _Read(settings::ClusterManager, pszBuffer);
+}
+
+void CConfig::SetDBRootPath(const wchar_t* pszPath)
+{
+    std::wstring csDirectory = std::wstring(pszPath != nullptr ? pszPath : L"").substr(0, s_nMaxPath);
+    __PatchPath(&csDirectory);
+    CXError clError;
+    if (!CDiskFile::bCreateDirectory(csDirectory, &clError)) {
+        throw clError;
+    }
+    __xWritePrivateProfileString(settings::DBRootPath, pszPath);
+}

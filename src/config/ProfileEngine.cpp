@@ -1,0 +1,290 @@
+#include "config/ProfileEngine.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cwctype>
+
+namespace {
+int nFold(CAnsiUnit c)
+{
+    return std::tolower(static_cast<unsigned char>(c));
+}
+
+wint_t nFold(CUnicodeUnit c)
+{
+    return std::towlower(c);
+}
+
+bool bSpace(CAnsiUnit c)
+{
+    return std::isspace(static_cast<unsigned char>(c)) != 0;
+}
+
+bool bSpace(CUnicodeUnit c)
+{
+    return std::iswspace(c) != 0;
+}
+
+template <class TUnit>
+bool bBlank(TUnit c)
+{
+    return c == TUnit{' '} || c == TUnit{'\t'};
+}
+
+template <class TUnit>
+bool bLineEnd(TUnit c)
+{
+    return c == TUnit{'\r'} || c == TUnit{'\n'};
+}
+
+template <class TUnit>
+bool bBeginsWith(CUnitsView<TUnit> csLine, TUnit c)
+{
+    return !csLine.empty() && csLine.front() == c;
+}
+
+template <class TUnit>
+bool bBeginsWithName(CUnitsView<TUnit> csLine, CUnitsView<TUnit> csName)
+{
+    return csLine.size() >= csName.size() &&
+           std::equal(csName.begin(), csName.end(), csLine.begin(),
+                      [](TUnit c1, TUnit c2) { return c1 == c2 || nFold(c1) == nFold(c2); });
+}
+
+/// "[", the name and "]" at the start of the line.
+template <class TUnit>
+bool bHeaderOf(CUnitsView<TUnit> csLine, CUnitsView<TUnit> csSection)
+{
+    return bBeginsWith(csLine, TUnit{'['}) && bBeginsWithName(csLine.substr(1), csSection) &&
+           bBeginsWith(csLine.substr(csSection.size() + 1), TUnit{']'});
+}
+
+/// The key's name, and right behind it "=" or a blank.
+template <class TUnit>
+bool bLineOf(CUnitsView<TUnit> csLine, CUnitsView<TUnit> csKey)
+{
+    if (!bBeginsWithName(csLine, csKey) || csLine.size() == csKey.size()) {
+        return false;
+    }
+    const TUnit c = csLine[csKey.size()];
+    return c == TUnit{'='} || bBlank(c);
+}
+
+/// The part of a line that the reader looks at.
+template <class TUnit>
+CUnitsView<TUnit> csReaderText(CUnitsView<TUnit> csLine)
+{
+    csLine = csLine.substr(0, csLine.find(TUnit{}));
+    const auto it = std::find_if_not(csLine.begin(), csLine.end(), [](TUnit c) { return bSpace(c); });
+    return csLine.substr(static_cast<std::size_t>(it - csLine.begin()));
+}
+
+/// Name in a header line of any section, as the reader knows them; none for other lines.
+template <class TUnit>
+std::optional<CUnitsView<TUnit>> csHeaderName(CUnitsView<TUnit> csText)
+{
+    const std::size_t nEnd = csText.find(TUnit{']'});
+    if (!bBeginsWith(csText, TUnit{'['}) || nEnd == csText.npos) {
+        return std::nullopt;
+    }
+    return csText.substr(1, nEnd - 1);
+}
+
+/// Value of a key line whose "=" is sought from nAfterName on; none without a "=".
+template <class TUnit>
+std::optional<CUnits<TUnit>> csValueOf(CUnitsView<TUnit> csText, std::size_t nAfterName)
+{
+    const std::size_t nEqual = csText.find(TUnit{'='}, nAfterName);
+    if (nEqual == csText.npos) {
+        return std::nullopt;
+    }
+    const auto itCut = std::find_if(csText.begin(), csText.end(), bLineEnd<TUnit>);
+    const auto nCut = static_cast<std::size_t>(itCut - csText.begin());
+    CUnitsView<TUnit> csValue = csText.substr(0, nCut).substr(std::min(nEqual + 1, nCut));
+    const auto itValue = std::find_if_not(csValue.begin(), csValue.end(), bBlank<TUnit>);
+    return CUnits<TUnit>(itValue, csValue.end());
+}
+
+template <class TUnit>
+void AppendListed(std::optional<CUnits<TUnit>>* pcsList, CUnitsView<TUnit> csName)
+{
+    constexpr TUnit tLineEnd[] = {TUnit{'\r'}, TUnit{'\n'}};
+    if (!pcsList->has_value()) {
+        pcsList->emplace();
+    }
+    (*pcsList)->append(csName).append(tLineEnd, 2);
+}
+
+/// Name before "=" without the blanks at its end; none for a line without "=".
+template <class TUnit>
+std::optional<CUnitsView<TUnit>> csKeyName(CUnitsView<TUnit> csText)
+{
+    std::size_t nEnd = csText.find(TUnit{'='});
+    if (nEnd == csText.npos) {
+        return std::nullopt;
+    }
+    while (nEnd > 0 && bBlank(csText[nEnd - 1])) {
+        --nEnd;
+    }
+    return csText.substr(0, nEnd);
+}
+
+template <class TUnit>
+std::optional<CUnits<TUnit>> csListSections(CProfileFile& clFile)
+{
+    std::optional<CUnits<TUnit>> csList;
+    for (CUnits<TUnit> csLine; clFile.STRG_nGetLine(&csLine) >= 0;) {
+        if (const auto csName = csHeaderName(csReaderText<TUnit>(csLine))) {
+            AppendListed(&csList, *csName);
+        }
+    }
+    return csList;
+}
+
+/// The search within a section, from the line behind its header.
+template <class TUnit>
+std::optional<CUnits<TUnit>> csSearchKey(CProfileFile& clFile, std::optional<CUnitsView<TUnit>> csKey)
+{
+    std::optional<CUnits<TUnit>> csFound;
+    for (CUnits<TUnit> csLine; clFile.STRG_nGetLine(&csLine) >= 0;) {
+        const CUnitsView<TUnit> csText = csReaderText<TUnit>(csLine);
+        if (csHeaderName(csText).has_value()) {
+            break;
+        }
+        if (bBeginsWith(csText, TUnit{':'})) {
+            continue;
+        }
+        if (!csKey.has_value()) {
+            if (const auto csName = csKeyName(csText)) {
+                AppendListed(&csFound, *csName);
+            }
+        } else if (bLineOf(csText, *csKey) && (csFound = csValueOf(csText, csKey->size()))) {
+            break;
+        }
+    }
+    return csFound;
+}
+
+/// A stretch of the file, in bytes.
+struct STSpan
+{
+    off_t nStart;
+    off_t nEnd;
+};
+
+/// Where the header of the section stands, with the reading position behind it; none at the end of the file.
+template <class TUnit>
+std::optional<STSpan> stFindHeader(CProfileFile& clFile, CUnitsView<TUnit> csSection)
+{
+    off_t nStart = clFile.nPosition();
+    for (CUnits<TUnit> csLine; clFile.STRG_nGetLine(&csLine) >= 0; nStart = clFile.nPosition()) {
+        if (bHeaderOf<TUnit>(csLine, csSection)) {
+            return STSpan{nStart, clFile.nPosition()};
+        }
+    }
+    return std::nullopt;
+}
+
+/// Where the next line that starts with "[" stands, or the end of the file.
+template <class TUnit>
+off_t nFindSectionEnd(CProfileFile& clFile)
+{
+    off_t nStart = clFile.nPosition();
+    for (CUnits<TUnit> csLine; clFile.STRG_nGetLine(&csLine) >= 0; nStart = clFile.nPosition()) {
+        if (csLine.front() == TUnit{'['}) {
+            break;
+        }
+    }
+    return nStart;
+}
+
+/// The key's line, or the empty stretch where it belongs: before the line that ends the section.
+template <class TUnit>
+STSpan stFindKeyLine(CProfileFile& clFile, CUnitsView<TUnit> csKey)
+{
+    off_t nStart = clFile.nPosition();
+    for (CUnits<TUnit> csLine; clFile.STRG_nGetLine(&csLine) >= 0; nStart = clFile.nPosition()) {
+        if (bLineOf<TUnit>(csLine, csKey)) {
+            return {nStart, clFile.nPosition()};
+        }
+        if (bLineEnd(csLine.front()) || csLine.front() == TUnit{'['}) {
+            break;
+        }
+    }
+    return {nStart, nStart};
+}
+
+template <class TUnit>
+CUnits<TUnit> csHeaderLine(CUnitsView<TUnit> csSection)
+{
+    return CUnits<TUnit>(1, TUnit{'['}).append(csSection) + TUnit{']'} + TUnit{'\n'};
+}
+
+template <class TUnit>
+CUnits<TUnit> csKeyLine(CUnitsView<TUnit> csKey, CUnitsView<TUnit> csValue)
+{
+    constexpr TUnit tEqual[] = {TUnit{' '}, TUnit{'='}, TUnit{' '}};
+    return CUnits<TUnit>(csKey).append(tEqual, 3).append(csValue) + TUnit{'\n'};
+}
+
+/// Puts the text in the place of the stretch; a file in which nothing changes is not written.
+template <class TUnit>
+bool __bWriteKey(CProfileFile& clFile, STSpan stSpan, CUnitsView<TUnit> csText)
+{
+    return (csText.empty() && stSpan.nStart == stSpan.nEnd) ||
+           clFile.bReplace(stSpan.nStart, stSpan.nEnd,
+                           {reinterpret_cast<const char*>(csText.data()), csText.size() * sizeof(TUnit)});
+}
+} // namespace
+
+template <class TUnit>
+std::optional<CUnits<TUnit>> __GetPrivateProfileStringInterne(CProfileFile& clFile,
+                                                              CUnitsView<TUnit> csSection,
+                                                              std::optional<CUnitsView<TUnit>> csKey)
+{
+    if (csSection.empty()) {
+        return csListSections<TUnit>(clFile);
+    }
+    for (CUnits<TUnit> csLine; clFile.STRG_nGetLine(&csLine) >= 0;) {
+        if (bHeaderOf(csReaderText<TUnit>(csLine), csSection)) {
+            return csSearchKey(clFile, csKey);
+        }
+    }
+    return std::nullopt;
+}
+
+template <class TUnit>
+bool __WritePrivateProfileString(CProfileFile& clFile, CUnitsView<TUnit> csSection,
+                                 std::optional<CUnitsView<TUnit>> csKey,
+                                 std::optional<CUnitsView<TUnit>> csValue)
+{
+    const std::optional<STSpan> stHeader = stFindHeader(clFile, csSection);
+    STSpan stSpan = {clFile.nPosition(), clFile.nPosition()};
+    CUnits<TUnit> csText;
+    if (!stHeader.has_value()) {
+        csText = csHeaderLine(csSection);
+    } else if (csKey.has_value()) {
+        stSpan = stFindKeyLine(clFile, *csKey);
+    } else {
+        stSpan = {stHeader->nStart, nFindSectionEnd<TUnit>(clFile)};
+    }
+    if (clFile.bReadFailed()) {
+        return false;
+    }
+    if (csKey.has_value() && csValue.has_value()) {
+        csText += csKeyLine(*csKey, *csValue);
+    } else {
+        csText.clear();
+    }
+    return __bWriteKey<TUnit>(clFile, stSpan, csText);
+}
+
+template std::optional<std::string> __GetPrivateProfileStringInterne(CProfileFile&, std::string_view,
+                                                                     std::optional<std::string_view>);
+template std::optional<std::u16string> __GetPrivateProfileStringInterne(CProfileFile&, std::u16string_view,
+                                                                        std::optional<std::u16string_view>);
+template bool __WritePrivateProfileString(CProfileFile&, std::string_view, std::optional<std::string_view>,
+                                          std::optional<std::string_view>);
+template bool __WritePrivateProfileString(CProfileFile&, std::u16string_view,
+                                          std::optional<std::u16string_view>,
+                                          std::optional<std::u16string_view>);

@@ -1,0 +1,230 @@
+#include "config/ProfileFile.h"
+
+#include <algorithm>
+#include <bit>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+static_assert(std::endian::native == std::endian::little, "units are copied from the file as they are");
+
+namespace {
+constexpr mode_t s_nFileMode = 0666;
+
+/// Repeats a system call that a signal interrupted.
+template <class TCall>
+auto nRetry(TCall fnCall)
+{
+    auto nResult = fnCall();
+    while (nResult < 0 && errno == EINTR) {
+        nResult = fnCall();
+    }
+    return nResult;
+}
+
+/// Keeps SIGXFSZ from this thread: writing past the limit on file sizes is to fail with EFBIG, not to end the
+/// process.
+class CNoFileSizeSignal
+{
+public:
+    CNoFileSizeSignal()
+    {
+        sigemptyset(&m_stSignal);
+        sigaddset(&m_stSignal, SIGXFSZ);
+        ::pthread_sigmask(SIG_BLOCK, &m_stSignal, &m_stOldMask);
+    }
+    CNoFileSizeSignal(const CNoFileSizeSignal&) = delete;
+    CNoFileSizeSignal& operator=(const CNoFileSizeSignal&) = delete;
+    ~CNoFileSizeSignal()
+    {
+        const int nErrno = errno;
+        if (sigismember(&m_stOldMask, SIGXFSZ) == 0) {
+            const timespec stNow{};
+            (void)::sigtimedwait(&m_stSignal, nullptr, &stNow); // takes the signal back; none is as good
+        }
+        ::pthread_sigmask(SIG_SETMASK, &m_stOldMask, nullptr);
+        errno = nErrno;
+    }
+
+private:
+    sigset_t m_stSignal{};
+    sigset_t m_stOldMask{};
+};
+
+bool bWriteAt(int nFd, std::string_view csBytes, off_t nPosition)
+{
+    while (!csBytes.empty()) {
+        const ssize_t nWritten =
+            nRetry([&] { return ::pwrite(nFd, csBytes.data(), csBytes.size(), nPosition); });
+        if (nWritten <= 0) {
+            errno = nWritten == 0 ? ENOSPC : errno;
+            return false;
+        }
+        csBytes.remove_prefix(static_cast<std::size_t>(nWritten));
+        nPosition += nWritten;
+    }
+    return true;
+}
+
+/// Appends all that the file holds from a position on.
+bool bReadTail(int nFd, off_t nPosition, off_t nSize, std::string* pcsBytes)
+{
+    const std::size_t nBefore = pcsBytes->size();
+    std::size_t nLeft = nSize > nPosition ? static_cast<std::size_t>(nSize - nPosition) : 0;
+    pcsBytes->resize(nBefore + nLeft);
+    for (char* p = pcsBytes->data() + nBefore; nLeft > 0;) {
+        const ssize_t nRead = nRetry([&] { return ::pread(nFd, p, nLeft, nPosition); });
+        if (nRead <= 0) {
+            errno = nRead == 0 ? EIO : errno; // the file became shorter under our hands
+            return false;
+        }
+        p += nRead;
+        nPosition += nRead;
+        nLeft -= static_cast<std::size_t>(nRead);
+    }
+    return true;
+}
+
+/// Makes the file hold the bytes from nStart to its end. The part that lies behind the old end is written
+/// first and taken back on failure; overwriting the rest needs no new space.
+bool bWriteToEnd(int nFd, off_t nStart, off_t nSize, std::string_view csBytes)
+{
+    const CNoFileSizeSignal clNoSignal;
+    const std::size_t nInside =
+        std::min(csBytes.size(), static_cast<std::size_t>(std::max<off_t>(nSize - nStart, 0)));
+    if (!bWriteAt(nFd, csBytes.substr(nInside), nStart + static_cast<off_t>(nInside))) {
+        const int nErrno = errno;
+        (void)nRetry([&] { return ::ftruncate(nFd, nSize); }); // the failed write is what is reported
+        errno = nErrno;
+        return false;
+    }
+    const off_t nNewSize = nStart + static_cast<off_t>(csBytes.size());
+    return bWriteAt(nFd, csBytes.substr(0, nInside), nStart) &&
+           (nNewSize >= nSize || nRetry([&] { return ::ftruncate(nFd, nNewSize); }) == 0);
+}
+} // namespace
+
+CProfileFile::CProfileFile()
+    : m_pBuffer(new CBuffer) {} // not make_unique: it would fill the buffer with zeros
+
+bool CProfileFile::_bOpen(const std::string& csPath, int nFlags)
+{
+    constexpr int nAlways = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+    m_clFile = CDescripteur(nRetry([&] { return ::open(csPath.c_str(), nFlags | nAlways, s_nFileMode); }));
+    struct stat stFile
+    {};
+    if (!m_clFile.bOpen() || ::fstat(m_clFile.nFd(), &stFile) != 0) {
+        return false;
+    }
+    if (!S_ISREG(stFile.st_mode)) {
+        m_clFile.Close();
+        errno = S_ISDIR(stFile.st_mode) ? EISDIR : EINVAL;
+        return false;
+    }
+    return true;
+}
+
+bool CProfileFile::bOpenToRead(const std::string& csPath)
+{
+    return _bOpen(csPath, O_RDONLY);
+}
+
+bool CProfileFile::bOpenToUpdate(const std::string& csPath)
+{
+    // Two steps: with O_CREAT the system refuses root an existing file of another user in a shared directory.
+    return _bOpen(csPath, O_RDWR) || (errno == ENOENT && _bOpen(csPath, O_RDWR | O_CREAT));
+}
+
+bool CProfileFile::bFichierUnicode()
+{
+    constexpr std::string_view csMark = "\xFF\xFE";
+    std::array<char, 2> tStart{};
+    const ssize_t nRead = nRetry([&] { return ::pread(m_clFile.nFd(), tStart.data(), tStart.size(), 0); });
+    if (nRead < 0) {
+        m_nReadError = errno;
+    }
+    const bool bUnicode = std::string_view(tStart.data(), nRead == 2 ? 2 : 0) == csMark;
+    if (bUnicode && m_nPosition == 0) {
+        m_nPosition = static_cast<off_t>(csMark.size());
+    }
+    return bUnicode;
+}
+
+bool CProfileFile::bReadFailed() const noexcept
+{
+    errno = m_nReadError != 0 ? m_nReadError : errno;
+    return m_nReadError != 0;
+}
+
+bool CProfileFile::_bFill()
+{
+    std::memmove(m_pBuffer->data(), m_pBuffer->data() + m_nBegin, m_nEnd - m_nBegin);
+    m_nEnd -= std::exchange(m_nBegin, 0);
+    const off_t nFilePosition = m_nPosition + static_cast<off_t>(m_nEnd);
+    const ssize_t nRead = nRetry([&] {
+        return ::pread(m_clFile.nFd(), m_pBuffer->data() + m_nEnd, m_pBuffer->size() - m_nEnd, nFilePosition);
+    });
+    if (nRead < 0) {
+        m_nReadError = errno;
+    }
+    m_nEnd += static_cast<std::size_t>(std::max<ssize_t>(nRead, 0));
+    return nRead > 0;
+}
+
+template <class TUnit>
+std::size_t CProfileFile::_nTakeUntilLF(std::basic_string<TUnit>* pcsLine)
+{
+    const char* pBegin = m_pBuffer->data() + m_nBegin;
+    const std::size_t nUnits = (m_nEnd - m_nBegin) / sizeof(TUnit);
+    const std::size_t nBefore = pcsLine->size();
+    std::size_t nTaken = nUnits;
+    if constexpr (sizeof(TUnit) == 1) {
+        const void* pLF = std::memchr(pBegin, '\n', nUnits);
+        nTaken =
+            pLF == nullptr ? nUnits : static_cast<std::size_t>(static_cast<const char*>(pLF) - pBegin) + 1;
+    } else {
+        for (std::size_t n = 0; n < nUnits && nTaken == nUnits; ++n) {
+            nTaken = pBegin[2 * n] == '\n' && pBegin[2 * n + 1] == '\0' ? n + 1 : nUnits;
+        }
+    }
+    pcsLine->resize(nBefore + nTaken);
+    std::memcpy(pcsLine->data() + nBefore, pBegin, nTaken * sizeof(TUnit));
+    m_nBegin += nTaken * sizeof(TUnit);
+    m_nPosition += static_cast<off_t>(nTaken * sizeof(TUnit));
+    return nTaken;
+}
+
+template <class TUnit>
+ssize_t CProfileFile::STRG_nGetLine(std::basic_string<TUnit>* pcsLine)
+{
+    pcsLine->clear();
+    do {
+        _nTakeUntilLF(pcsLine);
+    } while ((pcsLine->empty() || pcsLine->back() != TUnit{'\n'}) && _bFill());
+    return pcsLine->empty() ? -1 : static_cast<ssize_t>(pcsLine->size() * sizeof(TUnit));
+}
+
+template ssize_t CProfileFile::STRG_nGetLine(std::basic_string<CAnsiUnit>* pcsLine);
+template ssize_t CProfileFile::STRG_nGetLine(std::basic_string<CUnicodeUnit>* pcsLine);
+
+bool CProfileFile::bReplace(off_t nStart, off_t nEnd, std::string_view csBytes)
+{
+    struct stat stFile
+    {};
+    if (::fstat(m_clFile.nFd(), &stFile) != 0) {
+        return false;
+    }
+    std::string csNew(csBytes);
+    return bReadTail(m_clFile.nFd(), nEnd, stFile.st_size, &csNew) &&
+           bWriteToEnd(m_clFile.nFd(), nStart, stFile.st_size, csNew);
+}
+
+bool CProfileFile::bClose()
+{
+    // An interrupted close has closed all the same.
+    return ::close(m_clFile.nRelease()) == 0 || errno == EINTR;
+}

@@ -1,0 +1,67 @@
+#pragma once
+
+#include "support/Descripteur.h"
+
+#include <array>
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <sys/types.h>
+
+/// Units of the two encodings of a profile file: bytes of the system code page, or 16-bit little-endian units
+/// behind the mark FF FE.
+using CAnsiUnit = char;
+using CUnicodeUnit = char16_t;
+
+/// One open profile file, read line by line from its start and changed in at most one place. Only regular
+/// files are opened: a directory, a FIFO or a device in the file's place is refused, and never waited for.
+///
+/// One thread, one call of the store; the destructor closes. Failures leave errno set.
+class CProfileFile
+{
+public:
+    CProfileFile();
+
+    /// Both end with the reader behind the mark, if there is one. For an update the file must be writable and
+    /// is created (mode 0666 less the umask, empty) when it does not exist.
+    bool bOpenToRead(const std::string& csPath);
+    bool bOpenToUpdate(const std::string& csPath);
+
+    /// Whether the file begins with FF FE. The reading position stays where it is, except that a file not yet
+    /// read from is placed behind its mark.
+    bool bFichierUnicode();
+
+    /// Reads up to and including the next LF, or to the end of the file. Returns the number of bytes
+    /// consumed, -1 when there was nothing left. What does not fill a whole unit at the end of the file is
+    /// never consumed. A failed read looks like the end of the file; see bReadFailed.
+    template <class TUnit>
+    ssize_t STRG_nGetLine(std::basic_string<TUnit>* pcsLine);
+
+    /// Byte position in the file of the line that the next read returns.
+    off_t nPosition() const noexcept { return m_nPosition; }
+    /// True when the file could not be read to where the lines seemed to end; sets errno then.
+    bool bReadFailed() const noexcept;
+
+    /// Puts the bytes in the place of [nStart, nEnd) and moves what follows, at the cost of one read and one
+    /// write of that tail. A file that must grow does so first, so that on a full file system it stays as it
+    /// was. Throws std::bad_alloc, the file unchanged, when there is no memory for the tail.
+    bool bReplace(off_t nStart, off_t nEnd, std::string_view csBytes);
+    /// Closes and reports what the system only tells then.
+    bool bClose();
+
+private:
+    using CBuffer = std::array<char, 16384>; // on the heap: the callers' stacks are small
+
+    bool _bOpen(const std::string& csPath, int nFlags);
+    bool _bFill();
+    template <class TUnit>
+    std::size_t _nTakeUntilLF(std::basic_string<TUnit>* pcsLine);
+
+    CDescripteur m_clFile;
+    std::unique_ptr<CBuffer> m_pBuffer;
+    std::size_t m_nBegin = 0; // [m_nBegin, m_nEnd): bytes read from the file and not yet consumed
+    std::size_t m_nEnd = 0;
+    off_t m_nPosition = 0;
+    int m_nReadError = 0;
+};

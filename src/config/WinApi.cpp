@@ -1,0 +1,254 @@
+#include "config/WinApi.h"
+
+#include "config/ProfileEngine.h"
+#include "support/Conversion.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cwchar>
+#include <new>
+#include <optional>
+#include <pwd.h>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+constexpr std::size_t s_nMaxPath = 260;
+constexpr unsigned int s_nIntBuffer = 20;
+
+/// Text of one encoding as the file holds it. A character that a 16-bit unit cannot hold becomes two, as in
+/// any UTF-16 text; lone surrogates stay, as they may have been read from such a pair.
+template <class TUnit>
+std::basic_string<TUnit> csUnits(std::wstring_view csText)
+{
+    if constexpr (sizeof(TUnit) == 1) {
+        return csNarrow(csText, CP_SYSTEM);
+    } else {
+        std::u16string csResult;
+        for (const wchar_t c : csText) {
+            const auto nChar = static_cast<char32_t>(c) > 0x10FFFF ? 0xFFFD : static_cast<char32_t>(c);
+            if (nChar > 0xFFFF) {
+                csResult += static_cast<char16_t>(0xD7C0 + (nChar >> 10));
+            }
+            csResult += static_cast<char16_t>(nChar > 0xFFFF ? 0xDC00 + (nChar & 0x3FF) : nChar);
+        }
+        return csResult;
+    }
+}
+
+std::wstring csFromUnits(std::string_view csText)
+{
+    return csWide(csText, CP_SYSTEM);
+}
+
+std::wstring csFromUnits(std::u16string_view csText)
+{
+    return {csText.begin(), csText.end()};
+}
+
+template <class TUnit>
+std::optional<std::basic_string<TUnit>> csOptionalUnits(const wchar_t* pszText)
+{
+    return pszText == nullptr ? std::nullopt : std::optional(csUnits<TUnit>(pszText));
+}
+
+template <class TUnit>
+std::optional<std::wstring> csSearch(CProfileFile& clFile, const wchar_t* pszSection, const wchar_t* pszKey)
+{
+    const auto csSection = csUnits<TUnit>(pszSection == nullptr ? L"" : pszSection);
+    const auto csKey = csOptionalUnits<TUnit>(pszKey);
+    const auto csFound = __GetPrivateProfileStringInterne<TUnit>(clFile, csSection, csKey);
+    return csFound.has_value() ? std::optional(csFromUnits(*csFound)) : std::nullopt;
+}
+
+template <class TUnit>
+bool bEdit(CProfileFile& clFile, const wchar_t* pszSection, const wchar_t* pszKey, const wchar_t* pszValue)
+{
+    const auto csSection = csUnits<TUnit>(pszSection);
+    const auto csKey = csOptionalUnits<TUnit>(pszKey);
+    const auto csValue = csOptionalUnits<TUnit>(pszValue);
+    return __WritePrivateProfileString<TUnit>(clFile, csSection, csKey, csValue);
+}
+
+template <class TCar>
+unsigned int nCopyCut(std::basic_string_view<TCar> csText, TCar* pszBuffer, unsigned int nSize)
+{
+    if (nSize == 0 || pszBuffer == nullptr) {
+        return 0;
+    }
+    const std::size_t nLength = csText.copy(pszBuffer, nSize - 1);
+    pszBuffer[nLength] = TCar{};
+    return static_cast<unsigned int>(nLength);
+}
+
+/// Home directory by the password database, whatever the environment says; none without an entry.
+std::optional<std::wstring> csHomeDirectory()
+{
+    passwd stEntry{};
+    passwd* pstFound = nullptr;
+    std::vector<char> tBuffer(1024);
+    while (::getpwuid_r(::getuid(), &stEntry, tBuffer.data(), tBuffer.size(), &pstFound) == ERANGE) {
+        tBuffer.resize(2 * tBuffer.size());
+    }
+    return pstFound == nullptr ? std::nullopt : std::optional(csFromUTF8(pstFound->pw_dir));
+}
+
+std::wstring __PrivateProfilePatchName(const wchar_t* pszFile)
+{
+    std::wstring csPath(pszFile);
+    if (csPath.find_first_of(L"\\/") == std::wstring::npos) {
+        if (const auto csHome = csHomeDirectory()) {
+            csPath = *csHome + L"/" + csPath;
+        }
+    }
+    std::replace(csPath.begin(), csPath.end(), L'\\', L'/');
+    return csPath.substr(0, s_nMaxPath);
+}
+
+bool bGetNVSCONFPath(std::wstring* pcsPath)
+{
+    const auto csHome = csHomeDirectory();
+    *pcsPath = (csHome.value_or(L"") + L"/.NVS.conf").substr(0, s_nMaxPath);
+    return csHome.has_value();
+}
+
+/// Null in the place of the per-user file's path: there is none.
+const wchar_t* pszUserFile(std::wstring* pcsPath)
+{
+    return bGetNVSCONFPath(pcsPath) ? pcsPath->c_str() : nullptr;
+}
+
+/// What a file says about a key; the text is absent with the key.
+struct STRead
+{
+    bool bOpened = false;
+    std::optional<std::wstring> csFound;
+};
+
+STRead stRead(const wchar_t* pszSection, const wchar_t* pszKey, const wchar_t* pszFile)
+{
+    STRead stResult;
+    try {
+        CProfileFile clFile;
+        stResult.bOpened =
+            pszFile != nullptr && clFile.bOpenToRead(csToUTF8(__PrivateProfilePatchName(pszFile)));
+        if (stResult.bOpened) {
+            stResult.csFound = clFile.bFichierUnicode() ? csSearch<CUnicodeUnit>(clFile, pszSection, pszKey)
+                                                        : csSearch<CAnsiUnit>(clFile, pszSection, pszKey);
+        }
+    } catch (const std::bad_alloc&) {
+        stResult.csFound.reset(); // no memory for a line: reading never fails, the key counts as absent
+    }
+    return stResult;
+}
+
+/// Hands out the text found, or the default; without either the buffer of a file that exists is emptied.
+template <class TCar>
+unsigned int nAnswer(const STRead& stResult, const std::basic_string<TCar>& csFound, const TCar* pszDefault,
+                     TCar* pszBuffer, unsigned int nSize)
+{
+    if (stResult.csFound.has_value()) {
+        return nCopyCut<TCar>(csFound, pszBuffer, nSize);
+    }
+    if (pszDefault != nullptr) {
+        return nCopyCut<TCar>(pszDefault, pszBuffer, nSize);
+    }
+    return stResult.bOpened ? nCopyCut<TCar>({}, pszBuffer, nSize) : 0;
+}
+
+bool bWrite(const wchar_t* pszSection, const wchar_t* pszKey, const wchar_t* pszValue, const wchar_t* pszFile)
+{
+    CProfileFile clFile;
+    if (!clFile.bOpenToUpdate(csToUTF8(__PrivateProfilePatchName(pszFile)))) {
+        return false;
+    }
+    const bool bDone = clFile.bFichierUnicode() ? bEdit<CUnicodeUnit>(clFile, pszSection, pszKey, pszValue)
+                                                : bEdit<CAnsiUnit>(clFile, pszSection, pszKey, pszValue);
+    return bDone && clFile.bClose(); // a failed edit closes in the destructor, which keeps errno
+}
+
+std::optional<std::wstring> csOptionalWide(const char* pszText)
+{
+    return pszText == nullptr ? std::nullopt : std::optional(csWide(pszText, CP_SYSTEM));
+}
+
+const wchar_t* pszOrNull(const std::optional<std::wstring>& csText)
+{
+    return csText.has_value() ? csText->c_str() : nullptr;
+}
+} // namespace
+
+unsigned int GetPrivateProfileStringW(const wchar_t* pszSection, const wchar_t* pszKey,
+                                      const wchar_t* pszDefault, wchar_t* pszBuffer, unsigned int nSize,
+                                      const wchar_t* pszFile)
+{
+    const STRead stResult = stRead(pszSection, pszKey, pszFile);
+    return nAnswer(stResult, stResult.csFound.value_or(L""), pszDefault, pszBuffer, nSize);
+}
+
+int GetPrivateProfileInt(const wchar_t* pszSection, const wchar_t* pszKey, int nDefault,
+                         const wchar_t* pszFile)
+{
+    std::array<wchar_t, s_nIntBuffer> tBuffer{};
+    GetPrivateProfileStringW(pszSection, pszKey, std::to_wstring(nDefault).c_str(), tBuffer.data(),
+                             s_nIntBuffer, pszFile);
+    return static_cast<int>(std::wcstol(tBuffer.data(), nullptr, 10));
+}
+
+int WritePrivateProfileStringW(const wchar_t* pszSection, const wchar_t* pszKey, const wchar_t* pszValue,
+                               const wchar_t* pszFile)
+{
+    if (pszSection == nullptr || pszFile == nullptr) {
+        errno = EINVAL;
+        return 0;
+    }
+    try {
+        return bWrite(pszSection, pszKey, pszValue, pszFile) ? 1 : 0;
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        return 0;
+    }
+}
+
+unsigned int GetPrivateProfileStringA(const char* pszSection, const char* pszKey, const char* pszDefault,
+                                      char* pszBuffer, unsigned int nSize, const char* pszFile)
+{
+    const STRead stResult = stRead(pszOrNull(csOptionalWide(pszSection)), pszOrNull(csOptionalWide(pszKey)),
+                                   pszOrNull(csOptionalWide(pszFile)));
+    return nAnswer(stResult, csNarrow(stResult.csFound.value_or(L""), CP_SYSTEM), pszDefault, pszBuffer,
+                   nSize);
+}
+
+int WritePrivateProfileStringA(const char* pszSection, const char* pszKey, const char* pszValue,
+                               const char* pszFile)
+{
+    return WritePrivateProfileStringW(pszOrNull(csOptionalWide(pszSection)),
+                                      pszOrNull(csOptionalWide(pszKey)), pszOrNull(csOptionalWide(pszValue)),
+                                      pszOrNull(csOptionalWide(pszFile)));
+}
+
+unsigned int GetProfileString(const wchar_t* pszSection, const wchar_t* pszKey, const wchar_t* pszDefault,
+                              wchar_t* pszBuffer, unsigned int nSize)
+{
+    std::wstring csPath;
+    return GetPrivateProfileStringW(pszSection, pszKey, pszDefault, pszBuffer, nSize, pszUserFile(&csPath));
+}
+
+int GetProfileInt(const wchar_t* pszSection, const wchar_t* pszKey, int nDefault)
+{
+    std::wstring csPath;
+    return GetPrivateProfileInt(pszSection, pszKey, nDefault, pszUserFile(&csPath));
+}
+
+int WriteProfileString(const wchar_t* pszSection, const wchar_t* pszKey, const wchar_t* pszValue)
+{
+    std::wstring csPath;
+    const wchar_t* pszFile = pszUserFile(&csPath);
+    if (pszFile == nullptr) {
+        errno = ENOENT;
+        return 0;
+    }
+    return WritePrivateProfileStringW(pszSection, pszKey, pszValue, pszFile);
+}

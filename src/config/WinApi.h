@@ -1,0 +1,59 @@
+#pragma once
+
+/// The profile-file store: single settings in INI files, in the manner of the Windows calls of the same
+/// names.
+///
+/// Every call opens the file, scans it, acts and closes it; nothing is kept between calls. Any thread may
+/// call; there is no lock, so that of two writers at once on one file the later one wins, and a reader may
+/// meet a file that is being rewritten. File syntax: docs/settings.md.
+///
+/// A file name with a backslash or a slash is a path (backslashes are turned, at most 260 characters count);
+/// any other is a file in the home directory of the real user. A file that begins with FF FE holds UTF-16
+/// little-endian units, one character each; every other file is in the system code page. A write keeps the
+/// encoding and every byte outside the line it sets; a new file is in the system code page.
+
+/// Copies a value, cut to nSize - 1 characters and terminated, and returns its length without the terminator.
+/// The default is copied when the file cannot be read or the key is absent, not when its value is empty;
+/// without one (null) the result is 0, and the buffer is empty, or untouched when there is no file. A null or
+/// empty section lists the names of the sections, a null key those of the section's keys, each followed by
+/// "\r\n".
+unsigned int GetPrivateProfileStringW(const wchar_t* pszSection, const wchar_t* pszKey,
+                                      const wchar_t* pszDefault, wchar_t* pszBuffer, unsigned int nSize,
+                                      const wchar_t* pszFile);
+
+/// Decimal number at the start of the first 19 characters of a value, modulo 2^32; 0 when there is none, an
+/// empty value included. The default only counts when the key is absent.
+int GetPrivateProfileInt(const wchar_t* pszSection, const wchar_t* pszKey, int nDefault,
+                         const wchar_t* pszFile);
+
+/// Sets a key; deletes it (value null) or the whole section (key null), which also succeeds when it is not
+/// there. The file is created when it does not exist. Nonzero on success; else 0 with errno, and the file may
+/// be partly rewritten (not for want of room to grow or of memory: then it is unchanged). Neither names nor
+/// values are checked: a line end in them ends the line in the file.
+int WritePrivateProfileStringW(const wchar_t* pszSection, const wchar_t* pszKey, const wchar_t* pszValue,
+                               const wchar_t* pszFile);
+
+/// As above, in the system code page throughout.
+unsigned int GetPrivateProfileStringA(const char* pszSection, const char* pszKey, const char* pszDefault,
+                                      char* pszBuffer, unsigned int nSize, const char* pszFile);
+int WritePrivateProfileStringA(const char* pszSection, const char* pszKey, const char* pszValue,
+                               const char* pszFile);
+
+/// As above, on the per-user file ".NVS.conf" in the home directory of the real user. A user without an entry
+/// in the password database has none: reads give the default, writes fail (ENOENT).
+unsigned int GetProfileString(const wchar_t* pszSection, const wchar_t* pszKey, const wchar_t* pszDefault,
+                              wchar_t* pszBuffer, unsigned int nSize);
+int GetProfileInt(const wchar_t* pszSection, const wchar_t* pszKey, int nDefault);
+int WriteProfileString(const wchar_t* pszSection, const wchar_t* pszKey, const wchar_t* pszValue);
+
+inline unsigned int GetPrivateProfileString(const wchar_t* pszSection, const wchar_t* pszKey,
+                                            const wchar_t* pszDefault, wchar_t* pszBuffer, unsigned int nSize,
+                                            const wchar_t* pszFile)
+{
+    return GetPrivateProfileStringW(pszSection, pszKey, pszDefault, pszBuffer, nSize, pszFile);
+}
+inline int WritePrivateProfileString(const wchar_t* pszSection, const wchar_t* pszKey,
+                                     const wchar_t* pszValue, const wchar_t* pszFile)
+{
+    return WritePrivateProfileStringW(pszSection, pszKey, pszValue, pszFile);
+}

@@ -1,0 +1,403 @@
+#include "config/Config.h"
+#include "config/WinApi.h"
+#include "support/Conversion.h"
+#include "support/WinApi.h"
+#include "support/XError.h"
+#include "tools/PrivateWorld.h"
+#include "tools/TempDir.h"
+
+#include <cerrno>
+#include <functional>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+namespace {
+using namespace std::string_literals;
+using PFNText = void (CConfig::*)(wchar_t*) const;
+
+class Config : public testing::Test
+{
+protected:
+    const bool m_bPrivate = bPrivateWorld(); // before the directory is made: it brings its own /tmp
+    const CTempDir m_clDirectory;
+    CConfig m_clConfig{m_clDirectory.csWidePath().c_str()};
+
+    void SetFile(const std::string& csBytes) const { m_clDirectory.csWrite("DXConf.ini", csBytes); }
+    void RemoveFile() const { ::unlink(m_clDirectory.csPath("DXConf.ini").c_str()); }
+    std::string csFile() const { return m_clDirectory.csRead("DXConf.ini"); }
+    std::wstring csText(PFNText pfnGetter) const
+    {
+        std::wstring csBuffer(1100, L'#');
+        (m_clConfig.*pfnGetter)(csBuffer.data());
+        return csBuffer.c_str();
+    }
+    /// Text with "<D>" for the directory, without an ending slash.
+    std::wstring csHere(const std::wstring& csText) const
+    {
+        const std::size_t n = csText.find(L"<D>");
+        return n == std::wstring::npos ? csText
+                                       : std::wstring(csText).replace(n, 3, m_clDirectory.csWidePath());
+    }
+};
+} // namespace
+
+TEST_F(Config, NumbersFollowTheFile)
+{
+    const std::string csInit = "INIT";
+    const struct
+    {
+        std::string csSection, csKey;
+        std::function<long(const CConfig&)> fnGet;
+        long nDefault, n2, nNegative, nHuge; // for no key, "2", "-1" and "4294967295"
+    } tCases[] = {
+        {csInit, "LogConnexion", &CConfig::bLogConnexion, 0, 2, -1, -1},
+        {csInit, "MoreThan2Go", &CConfig::bMoreThan2Go, 0, 2, -1, -1},
+        {csInit, "AccessPort", &CConfig::nGetPort, 4900, 2, -1, -1},
+        {csInit, "ZLDebugPort", &CConfig::nGetDebuggerPort, 27281, 2, -1, -1},
+        {csInit, "PreVersion", &CConfig::nGetPreVersion, 0, 2, -1, -1},
+        {csInit, "NdxCacheSize", &CConfig::dwGetCacheSizeMo, 100, 2, 4294967295, 4294967295},
+        {csInit, "CacheMaxUnusedFiles", &CConfig::nGetCacheMaximumUnusedTables, 128, 2, 4294967295,
+         4294967295},
+        {csInit, "CacheFilesPrefetch", &CConfig::bGetCacheTablesPrefetch, 1, 1, 1, 1},
+        {csInit, "ReplicAllowIdAuto4", &CConfig::bAllowReplicIdAuto4, 0, 1, 1, 1},
+        {csInit, "WindowsFileCacheSize", &CConfig::nGetWindowsFileCacheSize, -1, 2, -1, -1},
+        {csInit, "WithCoreDump", &CConfig::bWithCoreDump, 0, 2, -1, -1},
+        {csInit, "ActivityStatisticPeriod", &CConfig::wGetStatPeriod, 0, 2, 65535, 65535},
+        {csInit, "ActivityStatisticMaxFileSize", &CConfig::qwGetStatMaxFileSize, 524288000, 2097152,
+         4293918720, 4293918720},
+        {csInit, "DumpLevel", &CConfig::dwGetCrashDumpLevel, 0, 2, 4294967295, 4294967295},
+        {csInit, "KeySearch", &CConfig::bQuerySuggestKey, 1, 1, 1, 1},
+        {"MANAGER", "RestartOnFailed", &CConfig::bRestartOnFailed, 1, 2, -1, -1},
+        {"MANAGER", "CheckPeriod", &CConfig::dwCheckPeriod, 600, 2, 4294967295, 4294967295},
+        {"ClusterNode", "Cluster", &CConfig::bClusterNode, 0, 0, 0, 0},
+        {"ClusterNode", "NodeRunning", &CConfig::bGetClusterLastRunCrashed, 0, 1, 1, 1},
+        {"ClusterNode", "LastRun", &CConfig::dwGetClusterLastRunNumber, 0, 2, 4294967295, 4294967295},
+        {"AUTOANALYSE", "ENABLE", &CConfig::bGetAutoAnalyseEnable, 1, 1, 1, 1},
+        {"AUTOANALYSE", "WAIT", &CConfig::dwGetAutoAnalyseWait, 10, 2, 4294967295, 4294967295},
+        {"AUTOANALYSE", "TIME_BETWEEN_SCAN", &CConfig::dwGetAutoAnalyseTimeBetweenScan, 600000, 2, 4294967295,
+         4294967295},
+        {"AUTOANALYSE", "TIME_BETWEEN_CALC", &CConfig::dwGetAutoAnalyseTimeBetweenStat, 604800, 2, 4294967295,
+         4294967295},
+        {"AUTOANALYSE", "TIME_AFTER_CREATION", &CConfig::dwGetAutoAnalyseTimeAfterCreation, 86400, 2,
+         4294967295, 4294967295},
+        {"AUTOANALYSE", "MINIMUM_WRITE", &CConfig::dwGetAutoAnalyseMinWrite, 1000, 2, 4294967295, 4294967295},
+        {"AUTOANALYSE", "PERCENT_WRITE", &CConfig::dwGetAutoAnalysePercentWrite, 10, 2, 4294967295,
+         4294967295},
+    };
+    for (const auto& st : tCases) {
+        SCOPED_TRACE(st.csKey);
+        const std::string csLine = "[Other]\n" + st.csKey + "=9\n[" + st.csSection + "]\n" + st.csKey + " = ";
+        RemoveFile();
+        EXPECT_EQ(st.fnGet(m_clConfig), st.nDefault);
+        for (const auto& [pszValue, nExpected] : {std::pair{"2", st.n2},
+                                                  {"-1", st.nNegative},
+                                                  {"4294967295", st.nHuge},
+                                                  {"", 0L},
+                                                  {"0x10", 0L}}) {
+            SetFile(csLine + pszValue + "\n");
+            EXPECT_EQ(st.fnGet(m_clConfig), nExpected) << pszValue;
+        }
+    }
+}
+
+TEST_F(Config, NumbersThatOnlyOneValueShows)
+{
+    SetFile("[INIT]\nActivityStatisticMaxFileSize=4096\nActivityStatisticPeriod=65536\n[ClusterNode]"
+            "\nCluster=1\n");
+    EXPECT_EQ(m_clConfig.qwGetStatMaxFileSize(), 0u);
+    EXPECT_EQ(m_clConfig.wGetStatPeriod(), 65535);
+    EXPECT_TRUE(m_clConfig.bClusterNode());
+    SetFile("[INIT]\nActivityStatisticMaxFileSize=4097\n");
+    EXPECT_EQ(m_clConfig.qwGetStatMaxFileSize(), 1u << 20);
+}
+
+TEST_F(Config, TextsFollowTheFileAndTheirMacros)
+{
+    const struct
+    {
+        const char* pszLine; // in section INIT
+        PFNText pfnGetter;
+        const wchar_t* pszExpected;
+    } tCases[] = {
+        {"", &CConfig::GetLogFileName, L"<D>/EventLog.txt"},
+        {"ErrorLogFile=%%EXE%%//a\\b", &CConfig::GetLogFileName, L"<D>/a\\b"},
+        {"", &CConfig::GetRootDBPath, L"<D>/DB/"},
+        {"", &CConfig::GetRootDBPathConfig, L"%%EXE%%DB\\"},
+        {"DBRootPath=%%COMMONAPPDATA%%DB", &CConfig::GetRootDBPath, L"/var/lib/DB/"},
+        {"DBRootPath=%%COMMONAPPDATA%%//DB", &CConfig::GetRootDBPath, L"/var/lib/DB/"},
+        {"DBRootPath=%%COMMOxxxxxxxxx>DB", &CConfig::GetRootDBPath, L"/var/lib/DB/"}, // 7 characters decide
+        {"DBRootPath=%%COMMO", &CConfig::GetRootDBPath, L"/var/lib/"},
+        {"DBRootPath=%%exe%%DB", &CConfig::GetRootDBPath, L"%%exe%%DB/"},
+        {"DBRootPath=/x%%EXE%%", &CConfig::GetRootDBPath, L"/x%%EXE%%/"},
+        {"DBRootPath=%%EXE%%", &CConfig::GetRootDBPath, L"<D>/"},
+        {"DBRootPath=", &CConfig::GetRootDBPath, L""},
+        {"", &CConfig::GetStatDirectory, L"<D>//ActivityStatistics/"},
+        {"", &CConfig::GetStatDirectoryConfig, L"%%EXE%%\\ActivityStatistics"},
+        {"", &CConfig::GetCrashDumpDirectory, L"<D>/Dump/"},
+        {"DumpPath=C\\d", &CConfig::GetCrashDumpDirectory, L"C/d/"},
+        {"", &CConfig::GetJNLPath, L"<D>/DB/"},
+        {"", &CConfig::GetJNLPathConfig, L""},
+        {"DBRootPath=/db", &CConfig::GetJNLBackupPath, L"/db/"},
+        {"JNLRootPath=%%EXE%%j", &CConfig::GetJNLPath, L"<D>/j/"},
+        {"JNLRootPath=/j", &CConfig::GetJNLBackupPath, L"/j/"},
+        {"JNLRootPath=/j\nJNLBackupRootPath=/b", &CConfig::GetJNLBackupPath, L"/b/"},
+        {"JNLBackupRootPath=/b\\", &CConfig::GetJNLBackupPathConfig, L"/b\\"},
+        {"Name=S 1", &CConfig::GetServerName, L"S 1"},
+        {"", &CConfig::GetAfterUpdate, L""},
+        {"AfterUpdateReport=done", &CConfig::GetAfterUpdate, L"done"},
+        {"[ClusterNode]\nClusterManager=host\n", &CConfig::GetClusterManagerName, L"host"},
+        {"", &CConfig::GetClusterManagerName, L""},
+        {"[ClusterNode]\nNodePassword= s ;\n", &CConfig::GetClusterPassword, L"s ;"},
+    };
+    for (const auto& st : tCases) {
+        SCOPED_TRACE(st.pszLine);
+        SetFile("[INIT]\n"s + st.pszLine + "\n");
+        EXPECT_EQ(csText(st.pfnGetter), csHere(st.pszExpected));
+        if (*st.pszLine == '\0') {
+            RemoveFile();
+            EXPECT_EQ(csText(st.pfnGetter), csHere(st.pszExpected)) << "without a file";
+        }
+    }
+}
+
+TEST_F(Config, TextsAreCutToTheirBuffers)
+{
+    const struct
+    {
+        const char* pszKey;
+        PFNText pfnGetter;
+        std::size_t nLength; // of a value of 2000 characters
+    } tCases[] = {
+        {"Name", &CConfig::GetServerName, 259},
+        {"DBRootPath", &CConfig::GetRootDBPathConfig, 259},
+        {"DBRootPath", &CConfig::GetRootDBPath, 260}, // with its slash
+        {"AfterUpdateReport", &CConfig::GetAfterUpdate, 499},
+        {"ClusterManager", &CConfig::GetClusterManagerName, 1024},
+        {"NodePassword", &CConfig::GetClusterPassword, 259},
+    };
+    for (const auto& st : tCases) {
+        const std::string csLine = st.pszKey + "="s + std::string(2000, 'v') + "\n";
+        SetFile("[INIT]\n" + csLine + "[ClusterNode]\n" + csLine);
+        EXPECT_EQ(csText(st.pfnGetter).size(), st.nLength) << st.pszKey;
+    }
+    SetFile("[INIT]\nDBRootPath=%%EXE%%" + std::string(2000, 'v') + "\n");
+    EXPECT_EQ(csText(&CConfig::GetRootDBPath).size(), 260u);
+    EXPECT_EQ(csText(&CConfig::GetRootDBPath).back(), L'/');
+}
+
+TEST_F(Config, KeywordsAreRecognised)
+{
+    const auto nMode = [](const CConfig& cl) { return static_cast<int>(cl.eGetLogMode()); };
+    const auto nSockets = [](const CConfig& cl) { return cl.nGetsocketOptions(); };
+    const auto nNative = [](const CConfig& cl) { return cl.bIsInstallerNatif() ? 1 : 0; };
+    const auto nUser = [](const CConfig& cl) {
+        std::wstring csUser(300, L'#');
+        return cl.bGetUserDaemon(csUser.data()) ? static_cast<int>(csUser.find(L'\0')) : -1;
+    };
+    const struct
+    {
+        const char* pszLine;
+        int (*pfnGetter)(const CConfig&);
+        int nExpected;
+    } tCases[] = {
+        {"", nMode, 1},
+        {"ErrorLogMode=FILE", nMode, 2},
+        {"ErrorLogMode=file", nMode, 0},
+        {"ErrorLogMode=SYSTEM", nMode, 1},
+        {"ErrorLogMode=SYSTEM ", nMode, 0},
+        {"ErrorLogMode=", nMode, 0},
+        {"", nSockets, 0},
+        {"SocketOptions=ipv6_only", nSockets, 2},
+        {"SocketOptions=IPV6_ONLY,IPV4_ONLY", nSockets, 1},
+        {"SocketOptions=IPV4_ONLY,IPV6_IPV4", nSockets, 0},
+        {"SocketOptions=IPV4_ONLY,IPV4_IPV6,what", nSockets, 0},
+        {"SocketOptions=what,IPV6_ONLY,,else", nSockets, 2},
+        {"SocketOptions=IPV6_ONLY, IPV4_ONLY", nSockets, 2}, // the blank belongs to the word
+        {"SocketOptions=what", nSockets, 0},
+        {"", nNative, 0},
+        {"Installer=NatiF", nNative, 1},
+        {"Installer=natif2", nNative, 0},
+        {"", nUser, -1},
+        {"DaemonUser=", nUser, -1},
+        {"DaemonUser=dbuser", nUser, 6},
+    };
+    for (const auto& st : tCases) {
+        SCOPED_TRACE(st.pszLine);
+        SetFile("[INIT]\n"s + st.pszLine + "\n");
+        EXPECT_EQ(st.pfnGetter(m_clConfig), st.nExpected);
+        if (*st.pszLine == '\0') {
+            RemoveFile();
+            EXPECT_EQ(st.pfnGetter(m_clConfig), st.nExpected) << "without a file";
+        }
+    }
+}
+
+TEST_F(Config, ANamelessServerKeepsTheNameItIsGiven)
+{
+    SetFile("[INIT]\nName =\nB=1\n");
+    const std::wstring csName = csText(&CConfig::GetServerName);
+    EXPECT_THAT(csToUTF8(csName), testing::MatchesRegex("Velmo_20[0-9]{6} [0-9]{6}"));
+    EXPECT_EQ(csFile(), "[INIT]\nName = " + csToUTF8(csName) + "\nB=1\n");
+    SetFile(csFile());
+    EXPECT_EQ(csText(&CConfig::GetServerName), csName);
+}
+
+TEST_F(Config, SettersChangeTheirLineOnly)
+{
+    using CSet = std::function<void(CConfig&)>;
+    const std::wstring csDB = m_clDirectory.csWidePath("a/b");
+    const struct
+    {
+        const char *pszSection, *pszLine; // the line that results
+        CSet fnSet;
+    } tCases[] = {
+        {"INIT", "MoreThan2Go = 4294967295\n", [](CConfig& cl) { cl.SetMoreThan2Go(4294967295u); }},
+        {"INIT", "AccessPort = 65535\n", [](CConfig& cl) { cl.SetPort(65535); }},
+        {"INIT", "ZLDebugPort = 0\n", [](CConfig& cl) { cl.SetDebuggerPort(0); }},
+        {"INIT", "NdxCacheSize = 4294967295\n", [](CConfig& cl) { cl.SetCacheSizeMo(4294967295u); }},
+        {"INIT", "CacheMaxUnusedFiles = 7\n", [](CConfig& cl) { cl.SetCacheMaximumUnusedTables(7); }},
+        {"INIT", "WindowsFileCacheSize = -2\n", [](CConfig& cl) { cl.SetWindowsFileCacheSize(-2); }},
+        {"INIT", "DaemonUser = db user\n", [](CConfig& cl) { cl.SetUserDaemon(L"db user"); }},
+        {"INIT", "", [](CConfig& cl) { cl.SetUserDaemon(nullptr); }},
+        {"INIT", "ActivityStatisticPeriod = 65535\n", [](CConfig& cl) { cl.SetStatPeriod(65535); }},
+        {"INIT", "ActivityStatisticMaxFileSize = 4096\n", [](CConfig& cl) { cl.SetStatMaxFileSizeMO(4096); }},
+        {"INIT", "ActivityStatisticPath = %%EXE%%s\n", [](CConfig& cl) { cl.SetStatDirectory(L"%%EXE%%s"); }},
+        {"INIT", "AfterUpdateReport = ok\n", [](CConfig& cl) { cl.WriteAfterUpdate(L"ok"); }},
+        {"INIT", "", [](CConfig& cl) { EXPECT_NE(cl.ClearAfterUpdate(), 0); }},
+        {"INIT", "JNLRootPath = /j\n", [](CConfig& cl) { EXPECT_NE(cl.SetJNLPath(L"/j"), 0); }},
+        {"INIT", "", [](CConfig& cl) { EXPECT_NE(cl.SetJNLPath(L""), 0); }},
+        {"INIT", "JNLBackupRootPath = /b\n", [](CConfig& cl) { EXPECT_NE(cl.SetJNLBackupPath(L"/b"), 0); }},
+        {"INIT", "", [](CConfig& cl) { EXPECT_NE(cl.SetJNLBackupPath(nullptr), 0); }},
+        {"INIT", "DBRootPath = %%EXE%%x\\y\n", [](CConfig& cl) { cl.SetDBRootPath(L"%%EXE%%x\\y"); }},
+        {"ClusterNode", "NodeRunning = 1\n", [](CConfig& cl) { EXPECT_NE(cl.SetClusterRunning(true), 0); }},
+        {"ClusterNode", "NodeRunning = 0\n", [](CConfig& cl) { EXPECT_NE(cl.SetClusterRunning(false), 0); }},
+        {"ClusterNode", "LastRun = 4294967295\n",
+         [](CConfig& cl) { EXPECT_NE(cl.SetClusterLastRunNumber(4294967295u), 0); }},
+        {"AUTOANALYSE", "ENABLE = 1\n", [](CConfig& cl) { cl.SetAutoAnalyseEnable(true); }},
+        {"AUTOANALYSE", "ENABLE = 0\n", [](CConfig& cl) { cl.SetAutoAnalyseEnable(false); }},
+    };
+    for (const auto& st : tCases) {
+        SCOPED_TRACE(st.pszLine);
+        const std::string csHead = ":note\r\n[ZZ]\nAccessPort=1\n["s + st.pszSection + "]\r\n; kept \r\n";
+        const std::string csTail = "\r\nlast line";
+        SetFile(csHead + csTail);
+        st.fnSet(m_clConfig);
+        EXPECT_EQ(csFile(), csHead + st.pszLine + csTail);
+    }
+    EXPECT_TRUE(m_clDirectory.bExists("x/y"));
+}
+
+TEST_F(Config, EverySetterIsReadBackAndADeletionRestoresTheDefault)
+{
+    m_clConfig.SetMoreThan2Go(1);
+    m_clConfig.SetPort(65535);
+    m_clConfig.SetDebuggerPort(2);
+    m_clConfig.SetCacheSizeMo(4294967295u);
+    m_clConfig.SetCacheMaximumUnusedTables(3);
+    m_clConfig.SetWindowsFileCacheSize(-2);
+    m_clConfig.SetDBRootPath(L"%%EXE%%data");
+    m_clConfig.SetUserDaemon(L"dbuser");
+    m_clConfig.SetStatPeriod(65535);
+    m_clConfig.SetStatMaxFileSizeMO(4);
+    m_clConfig.SetStatDirectory(L"/stat");
+    m_clConfig.WriteAfterUpdate(L"updated");
+    m_clConfig.SetAutoAnalyseEnable(false);
+    EXPECT_NE(m_clConfig.SetJNLPath(L"/journal"), 0);
+    EXPECT_NE(m_clConfig.SetClusterRunning(true), 0);
+    EXPECT_NE(m_clConfig.SetClusterLastRunNumber(4294967295u), 0);
+    EXPECT_EQ(m_clConfig.bMoreThan2Go(), 1);
+    EXPECT_EQ(m_clConfig.nGetPort(), 65535);
+    EXPECT_EQ(m_clConfig.nGetDebuggerPort(), 2);
+    EXPECT_EQ(m_clConfig.dwGetCacheSizeMo(), 4294967295u);
+    EXPECT_EQ(m_clConfig.nGetCacheMaximumUnusedTables(), 3u);
+    EXPECT_EQ(m_clConfig.nGetWindowsFileCacheSize(), -2);
+    EXPECT_EQ(csText(&CConfig::GetRootDBPath), csHere(L"<D>/data/"));
+    EXPECT_EQ(m_clConfig.wGetStatPeriod(), 65535);
+    EXPECT_EQ(m_clConfig.qwGetStatMaxFileSize(), 4u << 20);
+    EXPECT_EQ(csText(&CConfig::GetStatDirectory), L"/stat/");
+    EXPECT_EQ(csText(&CConfig::GetAfterUpdate), L"updated");
+    EXPECT_FALSE(m_clConfig.bGetAutoAnalyseEnable());
+    EXPECT_EQ(csText(&CConfig::GetJNLBackupPath), L"/journal/");
+    EXPECT_TRUE(m_clConfig.bGetClusterLastRunCrashed());
+    EXPECT_EQ(m_clConfig.dwGetClusterLastRunNumber(), 4294967295u);
+    std::wstring csUser(300, L'#');
+    EXPECT_TRUE(m_clConfig.bGetUserDaemon(csUser.data()));
+    EXPECT_STREQ(csUser.c_str(), L"dbuser");
+    EXPECT_NE(m_clConfig.SetJNLBackupPath(L"/backup"), 0);
+    EXPECT_EQ(csText(&CConfig::GetJNLBackupPath), L"/backup/");
+
+    EXPECT_NE(m_clConfig.ClearAfterUpdate(), 0);
+    EXPECT_NE(m_clConfig.SetJNLPath(nullptr), 0);
+    EXPECT_NE(m_clConfig.SetJNLBackupPath(L""), 0);
+    EXPECT_EQ(csText(&CConfig::GetAfterUpdate), L"");
+    EXPECT_EQ(csText(&CConfig::GetJNLBackupPath), csHere(L"<D>/data/"));
+}
+
+TEST_F(Config, AFailedWriteThrowsWhatTheSystemSaid)
+{
+    m_clDirectory.csMakeDirectory("DXConf.ini"); // cannot be written, not even by root
+    try {
+        m_clConfig.SetPort(1);
+        FAIL() << "nothing thrown";
+    } catch (const CXError& clError) {
+        EXPECT_EQ(clError.nGetSystemError(), EISDIR);
+        EXPECT_EQ(clError.nGetUserError(), 3859u);
+        EXPECT_FALSE(clError.csGetMessage().empty());
+        EXPECT_THAT(csToUTF8(clError.StringDump(CXError::INFO_DEBUG)),
+                    testing::HasSubstr("IEvelmomanager=1.1\r\nModule=<velmomanager>\r\nVersion=<24.0.6.0>"));
+    }
+    errno = 0;
+    EXPECT_EQ(m_clConfig.SetClusterLastRunNumber(1), 0);
+    EXPECT_EQ(errno, EISDIR);
+    EXPECT_THAT(csToUTF8(csText(&CConfig::GetServerName)),
+                testing::StartsWith("Velmo_")); // without keeping it
+}
+
+TEST_F(Config, ADatabaseRootThatCannotBeMadeLeavesTheFileAlone)
+{
+    SetFile("[INIT]\nDBRootPath = /old\n");
+    m_clDirectory.csWrite("file", "");
+    for (const wchar_t* pszPath :
+         {L"%%EXE%%file/below", L"%%EXE%%file", L"", static_cast<const wchar_t*>(nullptr)}) {
+        EXPECT_THROW(m_clConfig.SetDBRootPath(pszPath), CXError);
+    }
+    EXPECT_EQ(csFile(), "[INIT]\nDBRootPath = /old\n");
+    try {
+        m_clConfig.SetDBRootPath(L"%%EXE%%file/below");
+    } catch (const CXError& clError) {
+        EXPECT_EQ(clError.nGetSystemError(), ENOTDIR);
+    }
+}
+
+TEST_F(Config, WithoutADirectoryTheExecutablesCounts)
+{
+    const std::wstring csOwn = GetModuleFileNameW();
+    std::wstring csBuffer(CConfig::s_nPathBuffer, L'#');
+    CConfig(nullptr).GetLogFileName(csBuffer.data());
+    EXPECT_EQ(csBuffer.c_str(), csOwn.substr(0, csOwn.rfind(L'/') + 1) + L"EventLog.txt");
+    CConfig(L"\\a\\b").GetLogFileName(csBuffer.data());
+    EXPECT_STREQ(csBuffer.c_str(), L"/a/b/EventLog.txt");
+}
+
+TEST_F(Config, AWorkerThreadsSmallStackIsEnough)
+{
+    SetFile("[INIT]\n" + std::string(300000, 'x') + "\nAccessPort=12\n");
+    pthread_attr_t stAttributes;
+    ::pthread_attr_init(&stAttributes);
+    ASSERT_EQ(::pthread_attr_setstacksize(&stAttributes, 65536), 0);
+    pthread_t hThread{};
+    ASSERT_EQ(::pthread_create(
+                  &hThread, &stAttributes,
+                  [](void* p) -> void* {
+                      static_cast<CConfig*>(p)->SetPort(13);
+                      static_cast<CConfig*>(p)->SetDBRootPath(L"%%EXE%%db");
+                      return nullptr;
+                  },
+                  &m_clConfig),
+              0);
+    ::pthread_join(hThread, nullptr);
+    EXPECT_EQ(m_clConfig.nGetPort(), 13);
+}
