@@ -1,0 +1,119 @@
+// The SysV half of CService.
+
+#include "service/AServiceUnix.h"
+#include "service/InitScript.h"
+#include "service/LanceProcessus.h"
+#include "service/SysVFamily.h"
+#include "support/Conversion.h"
+#include "support/DiskFile.h"
+#include "support/Shell.h"
+
+#include <cerrno>
+
+namespace {
+constexpr std::size_t s_nMaxScript = 1U << 20;
+/// Buffer sizes, in bytes, of the readers of the marker line; that they differ is intended.
+constexpr std::size_t s_nDisplayNameBuffer = 250;
+constexpr std::size_t s_nProgramBuffer = 150;
+
+/// A status query that takes longer has failed; without a limit, one hanging script would hold its caller for
+/// ever, and whoever waits for the service lock.
+constexpr unsigned int s_nStatusLimitMs = 20'000;
+
+int nErrnoOfShell(int nExitCode)
+{
+    switch (nExitCode) {
+    case 126:
+        return EACCES;
+    case 127:
+        return ENOENT;
+    default:
+        return ECANCELED;
+    }
+}
+} // namespace
+
+bool CService::__bScriptCommand(const wchar_t* pszVerb, const wchar_t* pszArguments,
+                                const wchar_t* pszRedirection)
+{
+    const std::wstring csArguments(pszArguments != nullptr ? pszArguments : L"");
+    const std::wstring csPath = csScriptPath(m_csName);
+    if (csPath.empty()) {
+        return false;
+    }
+    if (!bInertWords(csArguments)) {
+        errno = EINVAL;
+        return false;
+    }
+    const int nStatus = nShell(csToUTF8(csPath + L" " + pszVerb + (csArguments.empty() ? L"" : L" ") +
+                                        csArguments + L" " + pszRedirection));
+    const int nExitCode = (nStatus >> 8) & 0xFF;
+    if (nStatus != -1 && nExitCode != 0) {
+        errno = nErrnoOfShell(nExitCode);
+    }
+    return nExitCode == 0;
+}
+
+EServiceStatus CService::__eGetStatusSysV()
+{
+    CLanceProcessus clScript;
+    unsigned int nExitCode = 0;
+    const std::wstring csPath = csScriptPath(m_csName);
+    if (csPath.empty() || !clScript.bLanceProcessus(csPath.c_str(), L"status", nullptr) ||
+        !clScript.bAttendFinExecution(&nExitCode, s_nStatusLimitMs)) {
+        return STATUS_UNKNOWN;
+    }
+    switch (nExitCode) {
+    case 0:
+        return STATUS_RUNNING;
+    case 1:
+        return STATUS_FAILED;
+    default:
+        return STATUS_STOPPED;
+    }
+}
+
+bool CService::__bRemoveSysV()
+{
+    const stSysVFamily* const pstFamily = pstFindFamily(CServiceManager::ms_eDistri);
+    if (pstFamily == nullptr) {
+        return errno == ENOENT; // nothing to do on a machine of no known family
+    }
+    if (!bInertName(m_csName)) {
+        errno = ENOENT;
+        return false;
+    }
+    return pstFamily->pfnRemove(*pstFamily, m_csName);
+}
+
+const wchar_t* CService::__pszDisplayNameFromScript()
+{
+    std::string csScript;
+    const std::wstring csPath = csScriptPath(m_csName);
+    if (csPath.empty() || !CDiskFile::bReadFile(csPath, &csScript, s_nMaxScript)) {
+        return nullptr;
+    }
+    const stMarker stName = stReadMarker(csScript, "Name=\"", s_nDisplayNameBuffer);
+    if (!stName.bFound) {
+        return m_csName.c_str();
+    }
+    if (!stName.csValue) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    m_csDisplayName = csFromUTF8(*stName.csValue);
+    return m_csDisplayName->c_str();
+}
+
+void CService::SetBinaryPathFromSysVScript()
+{
+    std::string csScript;
+    const std::wstring csPath = csScriptPath(m_csName);
+    if (csPath.empty() || !CDiskFile::bReadFile(csPath, &csScript, s_nMaxScript)) {
+        return;
+    }
+    if (const stMarker stProgram = stReadMarker(csScript, "Program=\"", s_nProgramBuffer);
+        stProgram.csValue) {
+        m_csBinaryPath = csFromUTF8(*stProgram.csValue);
+    }
+}

@@ -1,0 +1,46 @@
+// The systemd half of CService.
+
+#include "service/AServiceUnix.h"
+#include "service/ServiceManagerUnix.h"
+#include "service/Systemctl.h"
+#include "support/DiskFile.h"
+
+#include <wchar.h>
+
+EServiceStatus CService::__eGetStatusSystemd()
+{
+    struct stState
+    {
+        const wchar_t* pszActiveState;
+        EServiceStatus eStatus;
+    };
+    static constexpr stState s_tStates[] = {
+        {L"active", STATUS_RUNNING},           {L"reloading", STATUS_RUNNING},
+        {L"inactive", STATUS_STOPPED},         {L"failed", STATUS_FAILED},
+        {L"activating", STATUS_START_PENDING}, {L"deactivating", STATUS_STOP_PENDING},
+    };
+    const std::wstring csActiveState = m_pclManager->csGetSystemdProp("ActiveState", m_csName.c_str());
+    for (const stState& st : s_tStates) {
+        if (wcscasecmp(st.pszActiveState, csActiveState.c_str()) == 0) {
+            return st.eStatus;
+        }
+    }
+    return STATUS_STOPPED;
+}
+
+bool CService::__bRemoveSystemd()
+{
+    const std::wstring tFiles[] = {m_pclManager->csGetSystemdProp("FragmentPath", m_csName.c_str()),
+                                   m_pclManager->csGetSystemdProp("SourcePath", m_csName.c_str())};
+    if (!bSystemctlDone(L"disable " + m_csName)) {
+        return false;
+    }
+    (void)bSystemctlDone(L"stop " + m_csName); // best effort, as all that follows
+    for (const std::wstring& csFile : tFiles) {
+        if (!csFile.empty()) {
+            (void)CDiskFile::bDelete(csFile);
+        }
+    }
+    (void)bSystemctlDone(L"daemon-reload");
+    return true;
+}

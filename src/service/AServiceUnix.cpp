@@ -1,0 +1,98 @@
+#include "service/AServiceUnix.h"
+
+#include "service/ServiceManagerUnix.h"
+#include "service/Systemctl.h"
+
+#include <algorithm>
+#include <cerrno>
+
+CService::CService(CServiceManager* pclManager, std::wstring csName)
+    : m_pclManager(pclManager), m_csName(std::move(csName))
+{}
+
+CService::CService(CServiceManager* pclManager, std::wstring csName,
+                   std::optional<std::wstring> csDisplayName, std::optional<std::wstring> csBinaryPath)
+    : m_pclManager(pclManager), m_csName(std::move(csName)), m_csBinaryPath(std::move(csBinaryPath)),
+      m_csDisplayName(std::move(csDisplayName))
+{}
+
+const wchar_t* CService::pszGetDisplayName()
+{
+    if (!m_csDisplayName && !CServiceManager::bSystemd()) {
+        return __pszDisplayNameFromScript();
+    }
+    return m_csDisplayName ? m_csDisplayName->c_str() : nullptr;
+}
+
+const wchar_t* CService::pszBinaryPathName()
+{
+    if (!m_csBinaryPath && !CServiceManager::bSystemd()) {
+        SetBinaryPathFromSysVScript();
+    }
+    return m_csBinaryPath ? m_csBinaryPath->c_str() : nullptr;
+}
+
+std::wstring CService::csGetExecutable()
+{
+    const wchar_t* pszCommandLine = pszBinaryPathName();
+    std::wstring csPath(pszCommandLine != nullptr ? pszCommandLine : L"");
+    csPath.erase(std::min(csPath.find(L" --"), csPath.size()));
+    csPath.erase(csPath.find_last_not_of(L' ') + 1);
+    csPath.erase(0, std::min(csPath.find_first_not_of(L' '), csPath.size()));
+    return csPath;
+}
+
+bool CService::bStart(const wchar_t* pszArguments)
+{
+    if (CServiceManager::bSystemd()) {
+        return bSystemctlDone(L"start " + m_csName);
+    }
+    return __bScriptCommand(L"start", pszArguments, L">/dev/null");
+}
+
+bool CService::bStop()
+{
+    if (CServiceManager::bSystemd()) {
+        return bSystemctlDone(L"stop " + m_csName);
+    }
+    return __bScriptCommand(L"stop", nullptr, L">/dev/null 2>/dev/null");
+}
+
+bool CService::bRestart()
+{
+    if (CServiceManager::bSystemd()) {
+        return bSystemctlDone(L"restart " + m_csName);
+    }
+    return __bScriptCommand(L"restart", nullptr, L">/dev/null 2>/dev/null");
+}
+
+bool CService::__bReload()
+{
+    if (CServiceManager::bSystemd()) {
+        return bSystemctlDone(L"reload " + m_csName);
+    }
+    return __bScriptCommand(L"reload", nullptr, L">/dev/null 2>/dev/null");
+}
+
+bool CService::bSendControlCommand(unsigned int nCode)
+{
+    switch (nCode) {
+    case CONTROL_STOP:
+        return bStop();
+    case CONTROL_RELOAD:
+        return __bReload();
+    default:
+        errno = EINVAL;
+        return false;
+    }
+}
+
+EServiceStatus CService::eGetStatus()
+{
+    return CServiceManager::bSystemd() ? __eGetStatusSystemd() : __eGetStatusSysV();
+}
+
+bool CService::bRemove()
+{
+    return CServiceManager::bSystemd() ? __bRemoveSystemd() : __bRemoveSysV();
+}

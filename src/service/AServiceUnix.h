@@ -1,0 +1,80 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+class CServiceManager;
+
+/// Status of a service. The numbers are relied on: 5 to 7 are other systems' and never come from here.
+enum EServiceStatus : int
+{
+    STATUS_UNKNOWN = -1, ///< the status command could not be run (SysV)
+    STATUS_STOPPED = 1,
+    STATUS_START_PENDING = 2,
+    STATUS_STOP_PENDING = 3,
+    STATUS_RUNNING = 4, ///< also while reloading
+    STATUS_FAILED = 8,  ///< the service died
+};
+
+/// Control codes of bSendControlCommand.
+enum EControlCode : unsigned int
+{
+    CONTROL_STOP = 1,
+    CONTROL_RELOAD = 6,
+};
+
+/// The manager's handle on one system service: its name, and the commands that act on it.
+///
+/// Made by a CServiceManager for a caller who owns it. Holds no state of the service itself: every query asks
+/// the system again. Which init system it drives is CServiceManager::ms_eDistri's. Operations block while the
+/// system's tool runs; one thread uses a record, several records of one service may exist. Nothing throws;
+/// results named b... are true on success and otherwise leave errno set.
+class CService
+{
+public:
+    CService(CServiceManager* pclManager, std::wstring csName);
+    CService(CServiceManager* pclManager, std::wstring csName, std::optional<std::wstring> csDisplayName,
+             std::optional<std::wstring> csBinaryPath);
+
+    const wchar_t* pszGetName() const { return m_csName.c_str(); }
+    static unsigned int nGetStartType() { return 2; }    ///< automatic
+    static unsigned int nGetErrorControl() { return 1; } ///< normal
+    static unsigned int nGetServiceType() { return 16; } ///< a process of its own
+    static const wchar_t* pszGetStartName() { return L"root"; }
+
+    /// Name for people; null when unknown. On SysV read from the script's marker line (the service name where
+    /// there is none).
+    const wchar_t* pszGetDisplayName();
+    /// Full command line or program path; null when unknown. On SysV read from the script's marker line.
+    const wchar_t* pszBinaryPathName();
+    /// The executable alone: the binary path cut at its first " --" and stripped of spaces; empty when
+    /// unknown.
+    std::wstring csGetExecutable();
+
+    /// pszArguments reach a SysV script only: a unit fixes its own command line.
+    bool bStart(const wchar_t* pszArguments = nullptr);
+    bool bStop();
+    bool bRestart();
+    EServiceStatus eGetStatus();
+    /// Unregisters the service and deletes its unit file or script.
+    bool bRemove();
+    bool bSendControlCommand(unsigned int nCode);
+
+    /// Takes the binary path from the marker line of the service's init script; unchanged when there is none.
+    void SetBinaryPathFromSysVScript();
+
+private:
+    bool __bReload();
+    EServiceStatus __eGetStatusSystemd();
+    bool __bRemoveSystemd();
+
+    bool __bScriptCommand(const wchar_t* pszVerb, const wchar_t* pszArguments, const wchar_t* pszRedirection);
+    EServiceStatus __eGetStatusSysV();
+    bool __bRemoveSysV();
+    const wchar_t* __pszDisplayNameFromScript();
+
+    CServiceManager* m_pclManager; ///< not owned
+    std::wstring m_csName;
+    std::optional<std::wstring> m_csBinaryPath;
+    std::optional<std::wstring> m_csDisplayName;
+};

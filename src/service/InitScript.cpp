@@ -1,0 +1,211 @@
+#include "service/InitScript.h"
+
+#include <algorithm>
+#include <array>
+
+namespace {
+constexpr char s_szOrdinary[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_-.+@:,=%";
+
+enum EQuoting : int
+{
+    QUOTING_COMMENT = 0,
+    QUOTING_COMMAND = 1,
+    QUOTING_TWO_SHELLS = 2, ///< `daemon` hands its arguments to a shell of its own
+};
+
+bool bBeyondAscii(char c)
+{
+    return static_cast<unsigned char>(c) >= 0x80;
+}
+
+bool bControl(char c)
+{
+    return static_cast<unsigned char>(c) < ' ' || c == 0x7F;
+}
+
+bool bOrdinary(wchar_t c)
+{
+    return c > 0x9F ||
+           (c < 0x80 && std::string_view(s_szOrdinary).find(static_cast<char>(c)) != std::string_view::npos);
+}
+
+bool bNeedsBackslash(char c)
+{
+    return !bBeyondAscii(c) && c != '/' && std::string_view(s_szOrdinary).find(c) == std::string_view::npos;
+}
+
+std::string csEscape(std::string_view csText)
+{
+    std::string csResult;
+    for (const char c : csText) {
+        csResult.append(bNeedsBackslash(c) ? "\\" : "").push_back(c);
+    }
+    return csResult;
+}
+
+/// Escapes all but the blanks between words; a quoted part is kept in its quotes. A quote without a partner
+/// is a character like any other.
+std::string csEscapeWords(std::string_view csText)
+{
+    std::string csResult;
+    for (std::size_t n = 0; n < csText.size(); ++n) {
+        const std::size_t nEnd = csText[n] == '"' ? csText.find('"', n + 1) : std::string_view::npos;
+        if (nEnd != std::string_view::npos) {
+            csResult += '"';
+            for (const char c : csText.substr(n + 1, nEnd - n - 1)) {
+                csResult.append(std::string_view("$`\\").find(c) != std::string_view::npos ? "\\" : "")
+                    .push_back(c);
+            }
+            csResult += '"';
+            n = nEnd;
+        } else {
+            csResult += csText[n] == ' ' ? " " : csEscape(csText.substr(n, 1));
+        }
+    }
+    return csResult;
+}
+
+/// Escapes a text that csEscapeWords made once more, so that one shell's reading yields it again.
+std::string csEscapeAgain(std::string_view csText)
+{
+    std::string csResult;
+    bool bQuoted = false;
+    for (std::size_t n = 0; n < csText.size(); ++n) {
+        const std::size_t nLength = csText[n] == '\\' ? 2 : 1;
+        bQuoted = bQuoted != (csText[n] == '"');
+        csResult += csText[n] == ' ' && !bQuoted ? " " : csEscape(csText.substr(n, nLength));
+        n += nLength - 1;
+    }
+    return csResult;
+}
+
+EQuoting eQuotingOf(std::string_view csLine)
+{
+    csLine.remove_prefix(std::min(csLine.find_first_not_of(" \t"), csLine.size()));
+    if (csLine.starts_with('#')) {
+        return QUOTING_COMMENT;
+    }
+    return csLine.starts_with("daemon ") ? QUOTING_TWO_SHELLS : QUOTING_COMMAND;
+}
+
+struct stPlaceholder
+{
+    std::string_view csName;
+    std::array<std::string, 3> tValues; ///< by EQuoting
+};
+
+using tPlaceholders = std::array<stPlaceholder, 4>;
+
+tPlaceholders tMakePlaceholders(const stCommandLine& stCommand, const std::string& csDisplayName,
+                                const std::string& csLockFile)
+{
+    const std::string csProgram = csEscape(stCommand.csProgram);
+    const std::string csArguments = csEscapeWords(stCommand.csArguments);
+    const std::string csDisplayWord = csEscape(csDisplayName);
+    return {{{"%%%PROGRAM%%%", {stCommand.csProgram, csProgram, csEscape(csProgram)}},
+             {"%%%ARG%%%", {stCommand.csArguments, csArguments, csEscapeAgain(csArguments)}},
+             {"%%%DISPLAY_NAME%%%", {csDisplayName, csDisplayWord, csEscape(csDisplayWord)}},
+             {"%%%LOCK_FILE%%%", {csLockFile, csLockFile, csLockFile}}}};
+}
+
+/// Appends the line with its placeholders filled. Values are not looked through for placeholders in turn.
+void AppendFilled(std::string_view csLine, const tPlaceholders& tValues, std::string* pcsResult)
+{
+    const EQuoting eQuoting = eQuotingOf(csLine);
+    while (!csLine.empty()) {
+        const auto pFound = std::find_if(tValues.begin(), tValues.end(), [&](const stPlaceholder& st) {
+            return csLine.starts_with(st.csName);
+        });
+        if (pFound != tValues.end()) {
+            *pcsResult += pFound->tValues[static_cast<std::size_t>(eQuoting)];
+            csLine.remove_prefix(pFound->csName.size());
+        } else {
+            *pcsResult += csLine.front();
+            csLine.remove_prefix(1);
+        }
+    }
+}
+
+std::string csCommentText(std::string csText)
+{
+    std::replace_if(csText.begin(), csText.end(), bControl, ' ');
+    std::replace(csText.begin(), csText.end(), '"', '\'');
+    return csText;
+}
+
+/// Takes the first line, without its end, off the text.
+std::string_view csTakeLine(std::string_view* pcsText)
+{
+    const std::size_t nEnd = std::min(pcsText->find('\n'), pcsText->size());
+    const std::string_view csLine = pcsText->substr(0, nEnd);
+    pcsText->remove_prefix(std::min(nEnd + 1, pcsText->size()));
+    return csLine;
+}
+} // namespace
+
+bool bInertName(const std::wstring& csName)
+{
+    return !csName.empty() && csName != L"." && csName != L".." && csName.front() != L'-' &&
+           std::all_of(csName.begin(), csName.end(), bOrdinary);
+}
+
+bool bInertWords(const std::wstring& csText)
+{
+    return std::all_of(csText.begin(), csText.end(),
+                       [](wchar_t c) { return bOrdinary(c) || c == L' ' || c == L'/'; });
+}
+
+stCommandLine stSplitCommandLine(std::string_view csCommandLine)
+{
+    const bool bQuoted = csCommandLine.starts_with('"');
+    const std::size_t nSeparator = bQuoted ? csCommandLine.find('"', 1) : csCommandLine.find(' ');
+    if (nSeparator == std::string_view::npos) {
+        return {std::string(csCommandLine), {}};
+    }
+    std::string_view csProgram = csCommandLine.substr(0, nSeparator);
+    csProgram.remove_prefix(bQuoted ? 1 : 0);
+    csProgram.remove_suffix(csProgram.ends_with('"') ? 1 : 0);
+    return {std::string(csProgram), std::string(csCommandLine.substr(nSeparator + 1))};
+}
+
+bool bScriptable(const std::string& csCommandLine)
+{
+    const std::string csProgram = stSplitCommandLine(csCommandLine).csProgram;
+    return !csProgram.empty() && csProgram.find('"') == std::string::npos &&
+           std::none_of(csCommandLine.begin(), csCommandLine.end(), bControl);
+}
+
+void __PatchScript(CXYString<char>* pcsScript, CXYString<char>* pcsLockFile, const char* pszCommandLine,
+                   const char* pszDisplayName)
+{
+    const tPlaceholders tValues =
+        tMakePlaceholders(stSplitCommandLine(pszCommandLine),
+                          csCommentText(pszDisplayName != nullptr ? pszDisplayName : ""), *pcsLockFile);
+    std::string csResult;
+    for (std::string_view csRest = *pcsScript; !csRest.empty();) {
+        const std::string_view csAll = csRest;
+        const std::string_view csLine = csTakeLine(&csRest);
+        AppendFilled(csLine, tValues, &csResult);
+        csResult += csAll.substr(csLine.size(), csAll.size() - csLine.size() - csRest.size());
+    }
+    *pcsScript = std::move(csResult);
+}
+
+stMarker stReadMarker(std::string_view csScript, std::string_view csKey, std::size_t nBuffer)
+{
+    while (!csScript.empty()) {
+        std::string_view csLine = csTakeLine(&csScript).substr(0, nBuffer - 1);
+        csLine = csLine.substr(0, csLine.find('\0'));
+        const std::size_t nKey = csLine.find(csKey);
+        if (nKey == std::string_view::npos) {
+            continue;
+        }
+        const std::string_view csValue = csLine.substr(nKey + csKey.size());
+        const std::size_t nEnd = csValue.find('"');
+        if (nEnd == std::string_view::npos) {
+            return {true, std::nullopt};
+        }
+        return {true, std::string(csValue.substr(0, nEnd))};
+    }
+    return {};
+}

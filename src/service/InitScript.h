@@ -1,0 +1,49 @@
+#pragma once
+
+#include "support/XYString.h"
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+
+/// What stands in init scripts: how their templates are filled in, how they are read back, and which texts
+/// may be part of a shell line. Pure functions.
+
+/// Whether a name stands for itself, and nothing else, as a word of a shell line, as a file name and as a
+/// tool's argument: letters, digits, "_-.+@:,=%" and characters beyond ASCII, not "." or ".." and not an
+/// option. No other name belongs to a service.
+bool bInertName(const std::wstring& csName);
+/// The same for a text of several words: nothing in it makes the shell do more than cut it at blanks.
+bool bInertWords(const std::wstring& csText);
+
+/// A command line, cut where its program ends: at the second double quote when it begins with one, otherwise
+/// at the first blank. The arguments keep their blanks.
+struct stCommandLine
+{
+    std::string csProgram;
+    std::string csArguments;
+};
+stCommandLine stSplitCommandLine(std::string_view csCommandLine);
+
+/// Whether a script can hold a server's command line and still be read back: no control characters, a
+/// program, and no double quote in its path, as that ends the path in the marker line.
+bool bScriptable(const std::string& csCommandLine);
+
+/// Fills the four placeholders of a template. Ordinary values are inserted byte for byte. In commands every
+/// character of the program and the arguments that means something to the shell gets a backslash, double
+/// quotes group arguments, and what goes through the helper `daemon` is escaped for the second shell that it
+/// uses. In comments the values stand as they are; a display name has its line ends replaced by blanks and
+/// its double quotes by single ones, or it could forge the marker line.
+void __PatchScript(CXYString<char>* pcsScript, CXYString<char>* pcsLockFile, const char* pszCommandLine,
+                   const char* pszDisplayName);
+
+/// Value of a marker such as `Name="..."` in a script.
+struct stMarker
+{
+    bool bFound = false;                ///< a line holds the marker
+    std::optional<std::string> csValue; ///< null also when the value's end was not seen
+};
+/// Looks in the first nBuffer - 1 bytes of each line, the first line with the marker decides. csKey ends with
+/// the opening quote.
+stMarker stReadMarker(std::string_view csScript, std::string_view csKey, std::size_t nBuffer);

@@ -1,0 +1,253 @@
+#include "service/LanceProcessus.h"
+
+#include "service/ProcessManager.h"
+#include "support/Conversion.h"
+#include "support/SelectSet.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <fcntl.h>
+#include <memory>
+#include <poll.h>
+#include <unistd.h>
+
+namespace {
+constexpr int s_nMaxArguments = 50; ///< the program included
+/// Room for a child's output: what fits does not hold the child up while its reader pauses.
+constexpr int s_nOutputRoom = 1 << 20;
+std::unique_ptr<CProcessManager> s_pclManager;
+
+struct stPipe
+{
+    CDescripteur clRead;
+    CDescripteur clWrite;
+};
+
+bool bOpenPipe(stPipe* pstPipe)
+{
+    int tFd[2];
+    if (::pipe2(tFd, O_CLOEXEC) != 0) {
+        return false;
+    }
+    pstPipe->clRead = CDescripteur(tFd[0]);
+    pstPipe->clWrite = CDescripteur(tFd[1]);
+    return true;
+}
+
+void Nap(int nMs)
+{
+    ::poll(nullptr, 0, nMs); // ends early when a child ends
+}
+} // namespace
+
+int nSplitArguments(char* psz, char** ppszArguments, int nMax) noexcept
+{
+    int nCount = 0;
+    while (nCount < nMax) {
+        while (*psz == ' ') {
+            ++psz;
+        }
+        if (*psz == '\0') {
+            break;
+        }
+        const char cEnd = *psz == '"' ? '"' : ' ';
+        if (cEnd == '"') {
+            ++psz;
+        }
+        ppszArguments[nCount++] = psz;
+        while (*psz != '\0' && *psz != cEnd) {
+            ++psz;
+        }
+        if (*psz != '\0') {
+            *psz++ = '\0';
+        }
+    }
+    return nCount;
+}
+
+void CLanceProcessus::sInit()
+{
+    s_pclManager.reset(); // the old one restores the signal actions that the new one takes over
+    s_pclManager = std::make_unique<CProcessManager>();
+}
+
+void CLanceProcessus::sTerm()
+{
+    s_pclManager.reset();
+}
+
+CLanceProcessus::~CLanceProcessus()
+{
+    if (m_bLaunched) {
+        bLibere();
+    }
+}
+
+bool CLanceProcessus::bLanceProcessus(const wchar_t* pszProgram, const wchar_t* pszArguments,
+                                      CXError* pclError)
+{
+    std::string csProgram = csToUTF8(pszProgram);
+    if (CProcessManager::m_gpclManager == nullptr || ::access(csProgram.c_str(), X_OK) != 0) {
+        return bFail(pclError, L"access", pszProgram);
+    }
+    std::string csArguments = csToUTF8(pszArguments);
+    std::array<char*, s_nMaxArguments + 1> tArguments{};
+    tArguments[0] = csProgram.data();
+    nSplitArguments(csArguments.data(), &tArguments[1], s_nMaxArguments - 1);
+
+    stPipe stInput;
+    stPipe stOutput;
+    if (!bOpenPipe(&stInput) || !bOpenPipe(&stOutput)) {
+        return bFail(pclError, L"pipe", pszProgram);
+    }
+    (void)::fcntl(stOutput.clWrite.nFd(), F_SETPIPE_SZ,
+                  s_nOutputRoom); // refused: the usual room does as well
+    const stChildStart stStart{csProgram.c_str(), tArguments.data(), stInput.clRead.nFd(),
+                               stOutput.clWrite.nFd(), stOutput.clWrite.nFd()};
+    const pid_t nPid = CProcessManager::m_gpclManager->Fork(stStart);
+    if (nPid < 0) {
+        return bFail(pclError, L"fork", pszProgram);
+    }
+    m_nPid = nPid;
+    m_clInput = std::move(stInput.clWrite);
+    m_clOutput = std::move(stOutput.clRead);
+    m_bLaunched = true;
+    return true;
+}
+
+bool CLanceProcessus::__bReadable(long nMs) const
+{
+    CSelectSet clSet;
+    clSet.Add(m_clOutput.nFd());
+    timeval stTimeout{nMs / 1000, nMs % 1000 * 1000};
+    return clSet.nSelect(&stTimeout) > 0;
+}
+
+bool CLanceProcessus::__bReadSome(CXYString<char>* pcsOutput, bool* pbAny)
+{
+    std::array<char, 1024> tBuffer;
+    const ssize_t nRead = ::read(m_clOutput.nFd(), tBuffer.data(), tBuffer.size());
+    if (nRead <= 0) {
+        return nRead < 0 && errno == EINTR;
+    }
+    *pbAny = true;
+    if (pcsOutput != nullptr) {
+        pcsOutput->append(tBuffer.data(), static_cast<std::size_t>(nRead));
+    }
+    return true;
+}
+
+/// A child whose output is at its end is about to end itself: wait a moment for that before the long pause,
+/// which an end that came just before it would not cut short.
+void CLanceProcessus::__WaitEndAfterOutput() const
+{
+    for (int nMs = 1; nMs <= 16 && !bProcessusTermine(); nMs *= 2) {
+        Nap(nMs);
+    }
+}
+
+bool CLanceProcessus::bLitSortieA(CXYString<char>* pcsOutput)
+{
+    if (!m_bLaunched) {
+        return false;
+    }
+    bool bAny = false;
+    bool bOpen = true;
+    while (bOpen && __bReadable(0)) {
+        bOpen = __bReadSome(pcsOutput, &bAny);
+    }
+    if (!bOpen) {
+        __WaitEndAfterOutput();
+    }
+    if (!bAny && CProcessManager::m_gpclManager != nullptr) {
+        CProcessManager::m_gpclManager->Pause(m_nPid);
+    }
+    return true;
+}
+
+bool CLanceProcessus::bLitSortieEtAttendFinExecution(CXYString<char>* pcsOutput, unsigned int* pnExitCode)
+{
+    if (!m_bLaunched) {
+        return false;
+    }
+    m_clInput.Close();
+    while (!bProcessusTermine()) {
+        bLitSortieA(pcsOutput);
+    }
+    bLitSortieA(pcsOutput); // what was written just before the end
+    return bAttendFinExecution(pnExitCode);
+}
+
+bool CLanceProcessus::bAttendFinExecution(unsigned int* pnExitCode, unsigned int nMaxMs)
+{
+    if (!m_bLaunched || CProcessManager::m_gpclManager == nullptr) {
+        return false;
+    }
+    m_clInput.Close();
+    const auto clEnd = std::chrono::steady_clock::now() + std::chrono::milliseconds(nMaxMs);
+    int nCode = 0;
+    bool bOpen = true;
+    bool bAny = false;
+    for (int nMs = 1; !CProcessManager::m_gpclManager->bGetCode(m_nPid, &nCode);) {
+        if (nMaxMs != 0 && std::chrono::steady_clock::now() >= clEnd) {
+            Kill();
+            errno = ETIMEDOUT;
+            return false;
+        }
+        if (!bOpen) {
+            Nap(nMs);
+        } else if (__bReadable(nMs)) {
+            bOpen = __bReadSome(nullptr, &bAny);
+        }
+        nMs = std::min(nMs + 1, 100);
+    }
+    if (pnExitCode != nullptr) {
+        *pnExitCode = static_cast<unsigned int>(nCode);
+    }
+    return true;
+}
+
+bool CLanceProcessus::bProcessusTermine() const
+{
+    int nCode = 0;
+    return !m_bLaunched || CProcessManager::m_gpclManager == nullptr ||
+           CProcessManager::m_gpclManager->bGetCode(m_nPid, &nCode);
+}
+
+bool CLanceProcessus::bEcritEntree(const void* pData, unsigned int nLength)
+{
+    const char* pNext = static_cast<const char*>(pData);
+    while (m_clInput.bOpen() && nLength > 0) {
+        const ssize_t nWritten = ::write(m_clInput.nFd(), pNext, nLength);
+        if (nWritten < 0 && errno != EINTR) {
+            return false;
+        }
+        if (nWritten > 0) {
+            pNext += nWritten;
+            nLength -= static_cast<unsigned int>(nWritten);
+        }
+    }
+    return m_clInput.bOpen() && nLength == 0;
+}
+
+bool CLanceProcessus::Kill()
+{
+    if (m_bLaunched && CProcessManager::m_gpclManager != nullptr) {
+        CProcessManager::m_gpclManager->Kill(m_nPid, SIGKILL);
+    }
+    return true;
+}
+
+bool CLanceProcessus::bLibere()
+{
+    if (m_bLaunched && CProcessManager::m_gpclManager != nullptr) {
+        CProcessManager::m_gpclManager->FreePid(m_nPid);
+    }
+    m_clInput.Close();
+    m_clOutput.Close();
+    m_nPid = 0;
+    m_bLaunched = false;
+    return true;
+}

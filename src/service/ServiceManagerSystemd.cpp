@@ -1,0 +1,155 @@
+// The systemd back end: drives systemctl, reads what it prints, writes unit files.
+
+#include "service/LanceProcessus.h"
+#include "service/ServiceManagerUnix.h"
+#include "service/ServiceName.h"
+#include "service/Systemctl.h"
+#include "service/SystemctlOutput.h"
+#include "support/Conversion.h"
+#include "support/DiskFile.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <vector>
+
+namespace {
+/// A systemctl that hangs when the daemon starts must not keep it from starting for ever.
+constexpr unsigned int s_nDetectionLimitMs = 30'000;
+constexpr char s_szScriptDirectory[] = "/etc/init.d/";
+
+/// Hands out records that were all looked up when the listing was made.
+class CListedServices : public CServiceEnumeration
+{
+public:
+    explicit CListedServices(std::vector<std::unique_ptr<CService>> tServices)
+        : m_tServices(std::move(tServices))
+    {}
+    std::unique_ptr<CService> pclNext() override
+    {
+        return m_nNext < m_tServices.size() ? std::move(m_tServices[m_nNext++]) : nullptr;
+    }
+
+private:
+    std::vector<std::unique_ptr<CService>> m_tServices;
+    std::size_t m_nNext = 0;
+};
+
+std::optional<std::wstring> csDecode(const std::optional<std::string>& csBytes)
+{
+    return csBytes ? std::optional(csFromUTF8(*csBytes)) : std::nullopt;
+}
+
+std::wstring csUnitDirectory()
+{
+    constexpr wchar_t szUsual[] = L"/lib/systemd/system/";
+    return CDiskFile::bExists(szUsual) ? szUsual : L"/usr/lib/systemd/system/";
+}
+
+/// The install section stands ahead of the service section; intended. The service is started with its own
+/// name as its last argument.
+std::wstring csUnitText(const std::wstring& csUnit, std::wstring csDisplayName,
+                        const std::wstring& csBinaryPath, bool bRestartOnAbnormal)
+{
+    std::replace(csDisplayName.begin(), csDisplayName.end(), L'\n', L' ');
+    return L"[Unit]\n"
+           L"Description=" +
+           csDisplayName +
+           L"\n"
+           L"After=network.target\n"
+           L"[Install]\n"
+           L"WantedBy=multi-user.target\n"
+           L"[Service]\n"
+           L"Type=forking\n"
+           L"ExecStart=" +
+           csBinaryPath + L" " + csUnit +
+           L"\n"
+           L"PIDFile=/var/run/" +
+           csUnit + L".pid\n" + (bRestartOnAbnormal ? L"Restart=on-abnormal\n" : L"");
+}
+} // namespace
+
+bool CServiceManager::__bSystemdWorks()
+{
+    CLanceProcessus clLauncher;
+    unsigned int nExitCode = 1;
+    return CDiskFile::bExists(g_szSystemctl) &&
+           clLauncher.bLanceProcessus(g_szSystemctl, L"--no-pager --no-legend", nullptr) &&
+           clLauncher.bAttendFinExecution(&nExitCode, s_nDetectionLimitMs) && nExitCode == 0;
+}
+
+CTString CServiceManager::csGetSystemdProp(const char* pszProperty, const wchar_t* pszName)
+{
+    std::string csOutput;
+    if (!bSystemctl(L"--property=" + csFromUTF8(pszProperty) + L" show " + pszName, &csOutput)) {
+        return {};
+    }
+    return csFromUTF8(csReadProperty(csOutput));
+}
+
+std::unique_ptr<CService> CServiceManager::__pclGetServiceSystemd(const std::wstring& csName)
+{
+    std::wstring csUnit;
+    if (!bUnitName(csName, &csUnit)) {
+        return nullptr;
+    }
+    std::wstring csArguments = L"--property=Description,ExecStart,Type show " + csUnit;
+    std::replace_if(
+        csArguments.begin(), csArguments.end(), [](wchar_t c) { return c == L';' || c == L'|'; }, L' ');
+    std::string csOutput;
+    if (!bSystemctl(csArguments, &csOutput)) {
+        return nullptr;
+    }
+    const stUnitShown stShown = stReadShow(csOutput);
+    if (!stShown.bExists) {
+        return nullptr;
+    }
+    const bool bFromScript = stShown.csBinaryPath && stShown.csBinaryPath->starts_with(s_szScriptDirectory);
+    auto pclService = std::make_unique<CService>(this, csUnit, csDecode(stShown.csDescription),
+                                                 bFromScript ? std::nullopt : csDecode(stShown.csBinaryPath));
+    if (bFromScript) {
+        pclService->SetBinaryPathFromSysVScript();
+    }
+    return pclService;
+}
+
+std::unique_ptr<CServiceEnumeration> CServiceManager::__pclEnumServiceSystemd(const std::wstring& csPrefix)
+{
+    std::string csOutput;
+    if (!bSystemctl(L"list-units --all --type=service --full --no-pager --no-legend", &csOutput)) {
+        return nullptr;
+    }
+    const std::wstring csStart = csScriptName(csPrefix);
+    std::vector<std::unique_ptr<CService>> tServices;
+    for (const std::string_view csListed : tReadListing(csOutput)) {
+        const std::wstring csName = csUnitFromListing(csListed);
+        if (!csName.starts_with(csStart)) {
+            continue;
+        }
+        if (auto pclService = __pclGetServiceSystemd(csName)) {
+            tServices.push_back(std::move(pclService));
+        }
+    }
+    return std::make_unique<CListedServices>(std::move(tServices));
+}
+
+std::unique_ptr<CService> CServiceManager::__pclInstallSystemd(const std::wstring& csName,
+                                                               const std::wstring& csDisplayName,
+                                                               const std::wstring& csBinaryPath,
+                                                               bool bAutoStart, bool bRestartOnAbnormal)
+{
+    std::wstring csUnit;
+    // A line end in the command line would write lines of its own into the unit.
+    if (!bUnitName(csName, &csUnit) || csBinaryPath.find_first_of(L"\r\n") != std::wstring::npos) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    const std::wstring csText = csUnitText(csUnit, csDisplayName, csBinaryPath, bRestartOnAbnormal);
+    if (!CDiskFile::bWriteFile(csUnitDirectory() + csUnitFileName(csUnit) + L".service", csToUTF8(csText))) {
+        return nullptr;
+    }
+    (void)bSystemctlDone(L"daemon-reload"); // outcomes are not judged: a start that fails tells
+    if (bAutoStart) {
+        (void)bSystemctlDone(L"enable " + csUnit);
+    }
+    return std::make_unique<CService>(this, csUnit, csDisplayName, csBinaryPath);
+}

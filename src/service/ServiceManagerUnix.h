@@ -1,0 +1,88 @@
+#pragma once
+
+#include "service/AServiceUnix.h"
+#include "support/XYString.h"
+
+#include <map>
+#include <memory>
+#include <mutex>
+
+/// Init-system family of the machine.
+enum EDistri : int
+{
+    DISTRI_DEBIAN = 0,
+    DISTRI_REDHAT = 1,
+    DISTRI_MANDRAKE = 2,
+    DISTRI_FEDORA = 3,
+    DISTRI_SUSE = 4,
+    DISTRI_GENTOO = 5,
+    DISTRI_SLACKWARE = 6,
+    DISTRI_SYSTEMD = 7, ///< every other value is a SysV flavour
+    DISTRI_UNKNOWN = 8, ///< before bInit
+};
+
+/// One listing of services in progress; made by a back end, stepped by one thread.
+class CServiceEnumeration
+{
+public:
+    virtual ~CServiceEnumeration() = default;
+    /// Next record, null at the end.
+    virtual std::unique_ptr<CService> pclNext() = 0;
+};
+
+/// Entry to the machine's service registry: looks services up by name, lists those whose names begin with a
+/// prefix, installs new ones. Records returned belong to the caller.
+///
+/// bInit comes first, on one thread; after that all operations may run in several threads at once, each
+/// enumeration with a cursor of its own. Absence and failure are both null, with errno set; nothing throws.
+class CServiceManager
+{
+public:
+    /// Family of the machine, detected by the first bInit of the process and fixed from then on.
+    static EDistri ms_eDistri;
+    static bool bSystemd() { return ms_eDistri == DISTRI_SYSTEMD; }
+
+    /// Detects the init system if that has not happened yet. Always true; the arguments are not looked at.
+    bool bInit(const wchar_t* pszReserved, unsigned int nReserved);
+
+    CService* pclGetService(const wchar_t* pszName, unsigned int nReserved = 0);
+    /// The cursor is 0 before the first call and opaque afterwards. Null at the end; a cursor whose
+    /// enumeration has ended or was aborted gives null again and may be aborted again.
+    CService* pclEnumService(unsigned long* pnCursor, const wchar_t* pszPrefix, unsigned int nReserved = 0);
+    /// Ends an enumeration early and releases what it still holds.
+    void AbortEnumService(unsigned long* pnCursor);
+    /// Registers a service under a command line; neither starts it nor checks that the name is free.
+    /// bRestartOnAbnormal is for systemd only.
+    CService* pclInstall(const wchar_t* pszName, const wchar_t* pszDisplayName, const wchar_t* pszBinaryPath,
+                         int bAutoStart, int bRestartOnAbnormal);
+    /// The same with classic arguments; start type 2 is automatic, all others are not looked at.
+    CService* pclInstallEx(const wchar_t* pszName, const wchar_t* pszDisplayName,
+                           const wchar_t* pszBinaryPath, unsigned int nServiceType,
+                           const wchar_t* pszReserved1, const wchar_t* pszReserved2, unsigned int nReserved,
+                           unsigned int nStartType);
+    /// Value of one unit property; empty when there is none (systemd only).
+    CTString csGetSystemdProp(const char* pszProperty, const wchar_t* pszName);
+
+    /// The form in which a service's name stands in the registry: the unit's or the script's name.
+    static std::wstring csRegisteredName(const std::wstring& csName);
+
+private:
+    static bool __bSystemdWorks();
+    static EDistri __eFindDistri();
+
+    std::unique_ptr<CService> __pclGetServiceSystemd(const std::wstring& csName);
+    std::unique_ptr<CServiceEnumeration> __pclEnumServiceSystemd(const std::wstring& csPrefix);
+    std::unique_ptr<CService> __pclInstallSystemd(const std::wstring& csName,
+                                                  const std::wstring& csDisplayName,
+                                                  const std::wstring& csBinaryPath, bool bAutoStart,
+                                                  bool bRestartOnAbnormal);
+
+    std::unique_ptr<CService> __pclGetServiceSysV(const std::wstring& csName);
+    std::unique_ptr<CServiceEnumeration> __pclEnumServiceSysV(const std::wstring& csPrefix);
+    std::unique_ptr<CService> __pclInstallSysV(const std::wstring& csName, const std::wstring& csDisplayName,
+                                               const std::wstring& csBinaryPath, bool bAutoStart);
+
+    std::mutex m_clLock; ///< guards the two members below, never held while a tool runs
+    std::map<unsigned long, std::shared_ptr<CServiceEnumeration>> m_tEnumerations;
+    unsigned long m_nLastCursor = 0;
+};

@@ -1,0 +1,108 @@
+#include "service/SysVFamily.h"
+
+#include "service/InitScript.h"
+#include "service/ScriptTemplates.h"
+#include "support/Conversion.h"
+#include "support/DiskFile.h"
+#include "support/Shell.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <iterator>
+
+namespace {
+constexpr wchar_t s_szUsualPrefix[] = L"/etc/init.d/";
+
+std::string csReplaceName(std::string csPattern, const std::string& csName)
+{
+    for (std::size_t n = csPattern.find("%s"); n != std::string::npos;
+         n = csPattern.find("%s", n + csName.size())) {
+        csPattern.replace(n, 2, csName);
+    }
+    return csPattern;
+}
+
+void RegisterByTool(const stSysVFamily& stFamily, const std::string& csName)
+{
+    (void)nShell(
+        csReplaceName(stFamily.pszRegister, csName)); // not judged: an unregistered script still serves
+}
+
+struct stBootFile
+{
+    const wchar_t* pszPath;
+    const char* pszBlock;
+};
+
+/// Exactly these bytes are intended, the start block's command and the stop block's comment included.
+constexpr stBootFile s_tBootFiles[] = {
+    {L"/etc/rc.d/rc.M",
+     "\n# Start the %s server\nif [ -x /etc/rc.d/rc.%s ]; then\n/. etc/rc.d/rc.%s start\nfi\n"},
+    {L"/etc/rc.d/rc.K",
+     "\n# Start the %s server\nif [ -x /etc/rc.d/rc.%s ]; then\n/etc/rc.d/rc.%s stop\nfi\n"},
+};
+
+void AppendBootBlocks(const stSysVFamily&, const std::string& csName)
+{
+    for (const stBootFile& st : s_tBootFiles) {
+        std::string csFile;
+        const std::string csBlock = csReplaceName(st.pszBlock, csName);
+        if (CDiskFile::bReadFile(st.pszPath, &csFile) && csFile.find(csBlock) == std::string::npos) {
+            (void)CDiskFile::bWriteFile(st.pszPath, csFile + csBlock); // best effort, as with the tools
+        }
+    }
+}
+
+bool bUnregisterThenDelete(const stSysVFamily& stFamily, const std::wstring& csName)
+{
+    if (stFamily.pszUnregister != nullptr) {
+        (void)nShell(csReplaceName(stFamily.pszUnregister, csToUTF8(csName)));
+    }
+    (void)CDiskFile::bDelete(csScriptPath(csName));
+    return true; // best effort
+}
+
+/// update-rc.d takes the links away only when the script is gone.
+bool bDeleteThenUnregister(const stSysVFamily& stFamily, const std::wstring& csName)
+{
+    (void)CDiskFile::bDelete(csScriptPath(csName));
+    return nShell(csReplaceName(stFamily.pszUnregister, csToUTF8(csName))) != -1 || errno == ENOENT;
+}
+
+constexpr stSysVFamily s_tFamilies[] = {
+    {DISTRI_DEBIAN, s_szUsualPrefix, &g_csDebianScript, "update-rc.d %s defaults >/dev/null",
+     "update-rc.d -f %s remove >/dev/null", RegisterByTool, bDeleteThenUnregister},
+    {DISTRI_REDHAT, s_szUsualPrefix, &g_csRedHatScript, "chkconfig --add %s >/dev/null",
+     "chkconfig --del %s >/dev/null", RegisterByTool, bUnregisterThenDelete},
+    {DISTRI_MANDRAKE, s_szUsualPrefix, &g_csRedHatScript, "chkconfig --add %s >/dev/null",
+     "chkconfig --del %s >/dev/null", RegisterByTool, bUnregisterThenDelete},
+    {DISTRI_FEDORA, s_szUsualPrefix, &g_csRedHatScript, "chkconfig --add %s >/dev/null",
+     "chkconfig --del %s >/dev/null", RegisterByTool, bUnregisterThenDelete},
+    {DISTRI_SUSE, s_szUsualPrefix, &g_csSuSEScript, "insserv %s >/dev/null", "insserv -r %s >/dev/null",
+     RegisterByTool, bUnregisterThenDelete},
+    {DISTRI_GENTOO, s_szUsualPrefix, &g_csGentooScript, "rc-update add %s default >/dev/null",
+     "rc-update del %s >/dev/null", RegisterByTool, bUnregisterThenDelete},
+    {DISTRI_SLACKWARE, L"/etc/rc.d/rc.", &g_csSlackwareScript, nullptr, nullptr, AppendBootBlocks,
+     bUnregisterThenDelete},
+};
+} // namespace
+
+const stSysVFamily* pstFindFamily(EDistri eDistri)
+{
+    const auto* const pFound =
+        std::find_if(std::begin(s_tFamilies), std::end(s_tFamilies),
+                     [eDistri](const stSysVFamily& st) { return st.eDistri == eDistri; });
+    return pFound != std::end(s_tFamilies) ? pFound : nullptr;
+}
+
+std::wstring csScriptPath(const std::wstring& csName)
+{
+    if (!bInertName(csName)) {
+        errno = ENOENT;
+        return {};
+    }
+    const stSysVFamily* const pstFamily = pstFindFamily(CServiceManager::ms_eDistri);
+    const std::wstring csUsual = s_szUsualPrefix + csName;
+    const std::wstring csOwn = pstFamily != nullptr ? pstFamily->pszScriptPrefix + csName : csUsual;
+    return !CDiskFile::bExists(csOwn) && CDiskFile::bExists(csUsual) ? csUsual : csOwn;
+}

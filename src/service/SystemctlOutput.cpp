@@ -1,0 +1,109 @@
+#include "service/SystemctlOutput.h"
+
+#include <algorithm>
+#include <array>
+#include <strings.h>
+
+namespace {
+constexpr std::string_view s_csArgv = "argv[]=";
+constexpr std::string_view s_csSuffix = ".service";
+/// Bullets for failed, not found, reloading... units, in UTF-8 and ASCII locales.
+constexpr std::array<std::string_view, 5> s_tMarks{"●", "○", "×", "↻", "*"};
+
+bool bSameKey(std::string_view cs1, std::string_view cs2)
+{
+    return cs1.size() == cs2.size() && strncasecmp(cs1.data(), cs2.data(), cs1.size()) == 0;
+}
+
+/// Calls action(line) for every line, the line end not included.
+template <class TAction>
+void ForEachLine(std::string_view csText, TAction action)
+{
+    while (!csText.empty()) {
+        const std::size_t nEnd = csText.find('\n');
+        action(csText.substr(0, nEnd));
+        if (nEnd == std::string_view::npos) {
+            return;
+        }
+        csText.remove_prefix(nEnd + 1);
+    }
+}
+
+void SkipBlanks(std::string_view* pcsText)
+{
+    pcsText->remove_prefix(std::min(pcsText->find_first_not_of(' '), pcsText->size()));
+}
+
+std::string_view csAfterMarks(std::string_view csLine)
+{
+    SkipBlanks(&csLine);
+    const std::string_view csFirst = csLine.substr(0, csLine.find(' '));
+    if (std::find(s_tMarks.begin(), s_tMarks.end(), csFirst) != s_tMarks.end()) {
+        csLine.remove_prefix(csFirst.size());
+        SkipBlanks(&csLine);
+    }
+    return csLine;
+}
+
+std::optional<std::string> csCommandLine(std::string_view csExecStart)
+{
+    const std::size_t nArgv = csExecStart.find(s_csArgv, 1);
+    if (nArgv == std::string_view::npos) {
+        return std::nullopt;
+    }
+    const std::size_t nStart = nArgv + s_csArgv.size();
+    const std::size_t nEnd = csExecStart.find(';', nStart);
+    if (nEnd == std::string_view::npos) {
+        return std::nullopt;
+    }
+    return std::string(csExecStart.substr(nStart, nEnd - nStart));
+}
+} // namespace
+
+stUnitShown stReadShow(std::string_view csOutput)
+{
+    stUnitShown stShown;
+    ForEachLine(csOutput, [&](std::string_view csLine) {
+        const std::size_t nEqual = csLine.find('=');
+        if (nEqual == std::string_view::npos) {
+            return;
+        }
+        const std::string_view csKey = csLine.substr(0, nEqual);
+        const std::string_view csValue = csLine.substr(nEqual + 1);
+        if (bSameKey(csKey, "Type")) {
+            stShown.bExists = stShown.bExists || !csValue.empty();
+        } else if (bSameKey(csKey, "Description")) {
+            stShown.csDescription = std::string(csValue);
+        } else if (bSameKey(csKey, "ExecStart")) {
+            if (auto csPath = csCommandLine(csValue)) {
+                stShown.csBinaryPath = std::move(csPath);
+            }
+        }
+    });
+    return stShown;
+}
+
+std::string_view csReadProperty(std::string_view csOutput)
+{
+    const std::size_t nEqual = csOutput.find('=');
+    if (nEqual == std::string_view::npos) {
+        return {};
+    }
+    std::string_view csValue = csOutput.substr(nEqual + 1);
+    if (!csValue.empty()) {
+        csValue.remove_suffix(1);
+    }
+    return csValue;
+}
+
+std::vector<std::string_view> tReadListing(std::string_view csOutput)
+{
+    std::vector<std::string_view> tNames;
+    ForEachLine(csOutput, [&](std::string_view csLine) {
+        const std::string_view csUnit = csAfterMarks(csLine);
+        if (const std::size_t nSuffix = csUnit.find(s_csSuffix); nSuffix != std::string_view::npos) {
+            tNames.push_back(csUnit.substr(0, nSuffix));
+        }
+    });
+    return tNames;
+}

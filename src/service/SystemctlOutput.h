@@ -1,0 +1,25 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// Readers of what systemctl prints: bytes in, records out, no I/O.
+
+/// What "show" tells of one unit.
+struct stUnitShown
+{
+    bool bExists = false;                     ///< a "Type" with a value was seen
+    std::optional<std::string> csDescription; ///< UTF-8
+    std::optional<std::string> csBinaryPath;  ///< the command line of "ExecStart"; keeps the blank behind it
+};
+stUnitShown stReadShow(std::string_view csOutput);
+
+/// Value of the one property that was asked for: all behind the first "=", less the line end. Empty when
+/// there is none.
+std::string_view csReadProperty(std::string_view csOutput);
+
+/// Unit names without ".service", in the order of the listing. The marks that current versions put before the
+/// name (two blanks, or a bullet and a blank) are passed over.
+std::vector<std::string_view> tReadListing(std::string_view csOutput);

@@ -1,0 +1,307 @@
+#include "service/LanceProcessus.h"
+#include "service/ProcessManager.h"
+#include "support/Conversion.h"
+#include "tools/TempDir.h"
+#include "tools/Wait.h"
+
+#include <atomic>
+#include <chrono>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+std::atomic<int> s_nForeign{0};
+void ForeignHandler(int)
+{
+    ++s_nForeign;
+}
+
+class LanceProcessus : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        ::signal(SIGCHLD, ForeignHandler);
+        CLanceProcessus::sInit();
+    }
+    void TearDown() override
+    {
+        EXPECT_TRUE(bWaitUntil([] { return CProcessManager::m_gpclManager->nCountRecords() == 0; }, 5000));
+        CLanceProcessus::sTerm();
+        EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "a child is left over";
+    }
+
+    /// Runs to the end with reading; the exit code, or 999.
+    static unsigned int nRun(const std::wstring& csProgram, const std::wstring& csArguments,
+                             std::string* pcsOutput)
+    {
+        CLanceProcessus cl;
+        unsigned int nCode = 999;
+        if (cl.bLanceProcessus(csProgram.c_str(), csArguments.c_str(), nullptr)) {
+            EXPECT_TRUE(cl.bLitSortieEtAttendFinExecution(pcsOutput, &nCode));
+        }
+        return nCode;
+    }
+    static long nMsOf(const std::function<void()>& fnAction)
+    {
+        const auto clStart = std::chrono::steady_clock::now();
+        fnAction();
+        return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                     clStart)
+            .count();
+    }
+};
+
+std::string csScript(const CTempDir& clDir, const std::string& csName, const std::string& csText)
+{
+    return clDir.csWrite(csName, csText, 0755);
+}
+} // namespace
+
+TEST(SplitArguments, FollowsBlanksAndQuotesOnly)
+{
+    const struct
+    {
+        const char* pszText;
+        std::vector<std::string> tExpected;
+    } tCases[] = {
+        {"", {}},
+        {"   ", {}},
+        {"a b", {"a", "b"}},
+        {"  a   b  ", {"a", "b"}},
+        {"\"a b\" c", {"a b", "c"}},
+        {"\"\" c", {"", "c"}},
+        {"\"open end", {"open end"}},
+        {"a\"b c\"d", {"a\"b", "c\"d"}},
+        {"a;b|c >d $e `f`", {"a;b|c", ">d", "$e", "`f`"}},
+        {"--property=Description,ExecStart,Type show x",
+         {"--property=Description,ExecStart,Type", "show", "x"}},
+    };
+    for (const auto& st : tCases) {
+        SCOPED_TRACE(st.pszText);
+        std::string cs(st.pszText);
+        char* tWords[8];
+        const int nCount = nSplitArguments(cs.data(), tWords, 8);
+        EXPECT_EQ(std::vector<std::string>(tWords, tWords + nCount), st.tExpected);
+    }
+}
+
+TEST_F(LanceProcessus, TakesFiftyArgumentsWithTheProgramAndIgnoresTheRest)
+{
+    std::wstring csWords;
+    for (int n = 0; n < 60; ++n) {
+        csWords += L"w" + std::to_wstring(n) + L" ";
+    }
+    std::string csOutput;
+    EXPECT_EQ(nRun(L"/bin/echo", csWords, &csOutput), 0u);
+    EXPECT_TRUE(csOutput.ends_with(" w48\n")) << csOutput;
+}
+
+TEST_F(LanceProcessus, ChildGetsOnlyTheThreeStandardDescriptorsAndNoBlockedOrIgnoredSignal)
+{
+    const CDescripteur clLeak(::open("/dev/null", O_RDONLY)); // inheritable on purpose
+    sigset_t stAll;
+    sigset_t stBefore;
+    sigfillset(&stAll);
+    sigdelset(&stAll, SIGCHLD);
+    pthread_sigmask(SIG_BLOCK, &stAll, &stBefore);
+    ::signal(SIGHUP, SIG_IGN);
+    std::string csFds;
+    std::string csStatus;
+    EXPECT_EQ(nRun(L"/bin/ls", L"-1 /proc/self/fd", &csFds), 0u);
+    EXPECT_EQ(nRun(L"/bin/grep", L"-E Sig(Blk|Ign) /proc/self/status", &csStatus), 0u);
+    ::signal(SIGHUP, SIG_DFL);
+    pthread_sigmask(SIG_SETMASK, &stBefore, nullptr);
+    EXPECT_EQ(csFds, "0\n1\n2\n3\n"); // 3 is the folder that ls reads
+    EXPECT_EQ(csStatus, "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n");
+}
+
+TEST_F(LanceProcessus, ExitCodesAndMergedOutputArrive)
+{
+    const CTempDir clDir;
+    const struct
+    {
+        const char* pszName;
+        const char* pszText;
+        const char* pszArguments;
+        unsigned int nCode;
+        const char* pszOutput;
+    } tCases[] = {
+        {"plain", "#!/bin/sh\necho out; echo err >&2; exit 7", "", 7, "out\nerr\n"},
+        {"quoted", "#!/bin/sh\nprintf '%s|' \"$@\"", "a \"b c\" ;d", 0, "a|b c|;d|"},
+        {"killed", "#!/bin/sh\nkill -9 $$", "", 9, ""},
+        {"no-interpreter", "#!/does/not/exist\n", "", 127, ""},
+        {"no-magic", "echo shell", "", 0, "shell\n"},
+        {"reads-input", "#!/bin/sh\ncat; echo end", "", 0, "end\n"},
+        {"silent", "#!/bin/sh\nexec 1>&- 2>&-; sleep 0.2; exit 3", "", 3, ""},
+    };
+    for (const auto& st : tCases) {
+        SCOPED_TRACE(st.pszName);
+        std::string csOutput;
+        const std::wstring csPath = csFromUTF8(csScript(clDir, st.pszName, st.pszText));
+        EXPECT_EQ(nRun(csPath, csFromUTF8(st.pszArguments), &csOutput), st.nCode);
+        EXPECT_EQ(csOutput, st.pszOutput);
+    }
+    std::string csOutput;
+    EXPECT_EQ(nRun(L"/does/not/exist", L"", &csOutput), 999u);
+}
+
+TEST_F(LanceProcessus, ASilentChildsEndCutsThePauseShort)
+{
+    EXPECT_LT(nMsOf([] { EXPECT_EQ(nRun(L"/bin/sleep", L"0.1", nullptr), 0u); }), 1000);
+}
+
+TEST_F(LanceProcessus, WaitsWithoutReadingForAChildThatPrintsMoreThanAPipeHolds)
+{
+    unsigned int nCode = 999;
+    EXPECT_LT(nMsOf([&] {
+                  CLanceProcessus cl;
+                  ASSERT_TRUE(cl.bLanceProcessus(L"/bin/head", L"-c 1048576 /dev/zero", nullptr));
+                  EXPECT_TRUE(cl.bAttendFinExecution(&nCode));
+              }),
+              800);
+    EXPECT_EQ(nCode, 0u);
+}
+
+TEST_F(LanceProcessus, AGrandchildThatKeepsTheOutputOpenDoesNotProlongTheWait)
+{
+    const CTempDir clDir;
+    const std::wstring csPath =
+        csFromUTF8(csScript(clDir, "parent", "#!/bin/sh\nsleep 30 &\necho $!\nexit 4"));
+    std::string csGrandchild;
+    EXPECT_LT(nMsOf([&] { EXPECT_EQ(nRun(csPath, L"", &csGrandchild), 4u); }), 5000);
+    ::kill(std::stoi(csGrandchild), SIGKILL);
+    unsigned int nCode = 999;
+    EXPECT_LT(nMsOf([&] {
+                  CLanceProcessus cl;
+                  const std::wstring csSilent =
+                      csFromUTF8(csScript(clDir, "silent", "#!/bin/sh\nsleep 2 &\nexit 5"));
+                  ASSERT_TRUE(cl.bLanceProcessus(csSilent.c_str(), L"", nullptr));
+                  EXPECT_TRUE(cl.bAttendFinExecution(&nCode));
+              }),
+              1500);
+    EXPECT_EQ(nCode, 5u);
+}
+
+TEST_F(LanceProcessus, TwoChildrenThatEndBehindOneSignalBothYieldTheirCodes)
+{
+    sigset_t stChld;
+    sigset_t stBefore;
+    sigemptyset(&stChld);
+    sigaddset(&stChld, SIGCHLD);
+    CLanceProcessus cl1;
+    CLanceProcessus cl2;
+    pthread_sigmask(SIG_BLOCK, &stChld, &stBefore);
+    ASSERT_TRUE(cl1.bLanceProcessus(L"/bin/false", L"", nullptr));
+    ASSERT_TRUE(cl2.bLanceProcessus(L"/bin/sh", L"-c \"exit 6\"", nullptr));
+    for (int n = 0; n < 2; ++n) { // both are zombies before the one signal is let through
+        siginfo_t stInfo{};
+        EXPECT_EQ(::waitid(P_ALL, 0, &stInfo, WEXITED | WNOWAIT), 0);
+    }
+    ::usleep(100'000);
+    pthread_sigmask(SIG_SETMASK, &stBefore, nullptr);
+    EXPECT_TRUE(cl1.bProcessusTermine() && cl2.bProcessusTermine());
+    unsigned int n1 = 0;
+    unsigned int n2 = 0;
+    EXPECT_TRUE(cl1.bAttendFinExecution(&n1) && cl2.bAttendFinExecution(&n2));
+    EXPECT_EQ(n1, 1u);
+    EXPECT_EQ(n2, 6u);
+}
+
+TEST_F(LanceProcessus, LetsGoOfARunningChildWithoutKillingItAndReapsItLater)
+{
+    const CTempDir clDir;
+    {
+        CLanceProcessus cl;
+        const std::string csText = "#!/bin/sh\nsleep 0.2\necho done >" + clDir.csPath("mark") + "\n";
+        ASSERT_TRUE(cl.bLanceProcessus(csFromUTF8(csScript(clDir, "late", csText)).c_str(), L"", nullptr));
+        cl.bLibere();
+        EXPECT_EQ(CProcessManager::m_gpclManager->nCountRecords(), 1);
+        ASSERT_TRUE(cl.bLanceProcessus(L"/bin/true", L"", nullptr)) << "reusable at once";
+    }
+    EXPECT_TRUE(bWaitUntil([&] { return ::access(clDir.csPath("mark").c_str(), F_OK) == 0; }, 5000));
+}
+
+TEST_F(LanceProcessus, KillsARunningChildAndToleratesAnInputThatNobodyReads)
+{
+    CLanceProcessus cl;
+    ASSERT_TRUE(cl.bLanceProcessus(L"/bin/sleep", L"600", nullptr));
+    cl.Kill();
+    unsigned int nCode = 0;
+    EXPECT_TRUE(bWaitUntil([&] { return cl.bProcessusTermine(); }, 5000));
+    EXPECT_FALSE(cl.bEcritEntree("text", 4));
+    EXPECT_TRUE(cl.bAttendFinExecution(&nCode));
+    EXPECT_EQ(nCode, static_cast<unsigned int>(SIGKILL));
+    cl.bLibere();
+    ASSERT_TRUE(cl.bLanceProcessus(L"/bin/cat", L"", nullptr));
+    std::string csOutput;
+    EXPECT_TRUE(cl.bEcritEntree("hello", 5));
+    EXPECT_TRUE(cl.bLitSortieEtAttendFinExecution(&csOutput, &nCode));
+    EXPECT_EQ(csOutput, "hello");
+}
+
+TEST_F(LanceProcessus, AForeignChildIsLeftToItsParentAndReachesThePreviousHandler)
+{
+    s_nForeign = 0;
+    const pid_t nPid = ::fork();
+    if (nPid == 0) {
+        ::_exit(5);
+    }
+    EXPECT_TRUE(bWaitUntil([] { return s_nForeign > 0; }, 5000));
+    int nStatus = 0;
+    EXPECT_EQ(::waitpid(nPid, &nStatus, 0), nPid);
+    EXPECT_EQ(WEXITSTATUS(nStatus), 5);
+}
+
+TEST_F(LanceProcessus, WorksWithDescriptorsBeyondTheFixedSelectSet)
+{
+    rlimit stLimit{};
+    ::getrlimit(RLIMIT_NOFILE, &stLimit);
+    if (stLimit.rlim_max < 2000) {
+        GTEST_SKIP() << "SKIPPED: hard descriptor limit below 2000";
+    }
+    const rlimit stRaised{stLimit.rlim_max, stLimit.rlim_max};
+    ::setrlimit(RLIMIT_NOFILE, &stRaised);
+    std::vector<CDescripteur> tFill;
+    while (tFill.empty() || tFill.back().nFd() < 1100) {
+        tFill.emplace_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    }
+    std::string csOutput;
+    EXPECT_EQ(nRun(L"/bin/echo", L"high", &csOutput), 0u);
+    EXPECT_EQ(csOutput, "high\n");
+    tFill.clear();
+    ::setrlimit(RLIMIT_NOFILE, &stLimit);
+}
+
+TEST_F(LanceProcessus, ManyThreadsLaunchingAtOnceLoseNoChildNoCodeAndNoOutput)
+{
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+    constexpr int nRounds = 20;
+#else
+    constexpr int nRounds = 416; // 16 threads, 20,000 launches in all
+#endif
+    const CTempDir clDir;
+    const std::wstring csBroken = csFromUTF8(csScript(clDir, "broken", "#!/does/not/exist\n"));
+    std::atomic<int> nWrong{0};
+    std::vector<std::thread> tThreads;
+    for (int n = 0; n < 16; ++n) {
+        tThreads.emplace_back([&] {
+            for (int nRound = 0; nRound < nRounds; ++nRound) {
+                std::string csOutput;
+                nWrong += nRun(L"/bin/true", L"", nullptr) != 0 ? 1 : 0;
+                nWrong += nRun(L"/usr/bin/head", L"-c 102400 /dev/zero", &csOutput) != 0 ? 1 : 0;
+                nWrong += csOutput.size() != 102400 ? 1 : 0;
+                nWrong += nRun(csBroken, L"", nullptr) != 127 ? 1 : 0;
+            }
+        });
+    }
+    for (std::thread& clThread : tThreads) {
+        clThread.join();
+    }
+    EXPECT_EQ(nWrong, 0);
+}
