@@ -1,0 +1,6 @@
+#include "zt240obj.h"
+
+int bInitObjects(void)
+{
+    return 1;
+}

@@ -1,0 +1,15 @@
+#pragma once
+
+#include "support/XError.h"
+
+/// The execution part of the language runtime, which registers and unregisters itself with its virtual
+/// machine. Main thread only, between bInitVM and TermVM.
+class CBaseExecutionDLL
+{
+public:
+    /// Has the runtime library with this handle register its execution part. False when it refuses (the
+    /// error, when wanted, carries its reason) or lacks the entry point.
+    static bool s_bInitialiseMoiMeme(void* hLibrary, CXError* pclError = nullptr);
+    /// Undoes a successful s_bInitialiseMoiMeme on the same library; does nothing without one.
+    static void s_TermineMoiMeme(void* hLibrary);
+};

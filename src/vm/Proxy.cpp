@@ -1,0 +1,36 @@
+#include "vm/Proxy.h"
+
+#include "support/Conversion.h"
+
+#include <dlfcn.h>
+
+CProxyDll& CProxyDll::operator=(CProxyDll&& clOther) noexcept
+{
+    if (this != &clOther) {
+        Unload();
+        m_hLibrary = std::exchange(clOther.m_hLibrary, nullptr);
+    }
+    return *this;
+}
+
+bool CProxyDll::bLoad(const std::wstring& csPath, CXError* pclError)
+{
+    Unload();
+    const bool bPlace = csPath.find(L'/') != std::wstring::npos;
+    if (bPlace) {
+        m_hLibrary = ::dlopen(csToUTF8(csPath).c_str(), RTLD_NOW | RTLD_LOCAL);
+    }
+    if (m_hLibrary == nullptr && pclError != nullptr) {
+        const char* pszReason = bPlace ? ::dlerror() : "the directory is not known";
+        pclError->SetUserError(0, L"The library \"" + csPath + L"\" cannot be loaded: " +
+                                      csFromUTF8(pszReason != nullptr ? pszReason : "no reason given"));
+    }
+    return m_hLibrary != nullptr;
+}
+
+void CProxyDll::Unload() noexcept
+{
+    if (void* hLibrary = std::exchange(m_hLibrary, nullptr); hLibrary != nullptr) {
+        ::dlclose(hLibrary);
+    }
+}

@@ -1,0 +1,34 @@
+#pragma once
+
+#include "support/XError.h"
+
+#include <string>
+#include <utility>
+
+/// One shared library loaded at run time: empty, or loaded until Unload or the destructor. Move-only, like
+/// the library it owns. Used on the main thread.
+class CProxyDll
+{
+public:
+    CProxyDll() noexcept = default;
+    CProxyDll(CProxyDll&& clOther) noexcept : m_hLibrary(std::exchange(clOther.m_hLibrary, nullptr)) {}
+    CProxyDll& operator=(CProxyDll&& clOther) noexcept;
+    CProxyDll(const CProxyDll&) = delete;
+    CProxyDll& operator=(const CProxyDll&) = delete;
+    ~CProxyDll() { Unload(); }
+
+    /// Loads the library at csPath and all that it needs, every symbol bound at once and none made visible to
+    /// other libraries. Only a path with a "/" is taken: a bare name would be searched for all over the
+    /// system. A library loaded before is unloaded first. On failure the object is empty and the error
+    /// carries the loader's text.
+    bool bLoad(const std::wstring& csPath, CXError* pclError);
+    /// Lets go of the library; nothing when empty. No address obtained from it may be used afterwards.
+    void Unload() noexcept;
+
+    /// The library's handle for the entry-point functions of this folder; null when empty.
+    void* hGetHandle() const noexcept { return m_hLibrary; }
+    bool bLoaded() const noexcept { return m_hLibrary != nullptr; }
+
+private:
+    void* m_hLibrary = nullptr;
+};
