@@ -1,0 +1,185 @@
+// A stand-in for a database server: a daemon that listens, greets and hangs up. It behaves like the real
+// thing towards the system (forking start, PID file, SIGTERM) and badly on demand.
+#include "Register.h"
+#include "Settings.h"
+
+#include <arpa/inet.h>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <fcntl.h>
+#include <poll.h>
+#include <string>
+#include <string_view>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+using Clock = std::chrono::steady_clock;
+volatile std::sig_atomic_t asked = 0; // SIGTERM came
+
+int listenAnyAddress(unsigned short port)
+{
+    const int fd = ::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    const int on = 1, off = 0;
+    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    ::setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
+    sockaddr_in6 address{};
+    address.sin6_family = AF_INET6;
+    address.sin6_port = htons(port);
+    if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        ::listen(fd, 16) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+bool writePidFile(const std::string& path)
+{
+    std::FILE* file = std::fopen(path.c_str(), "we");
+    if (file == nullptr) {
+        return false;
+    }
+    const bool written = std::fprintf(file, "%d\n", static_cast<int>(::getpid())) > 0;
+    return std::fclose(file) == 0 && written;
+}
+
+void detach()
+{
+    const int null = ::open("/dev/null", O_RDWR);
+    for (int fd = 0; fd <= 2; ++fd) {
+        ::dup2(null, fd);
+    }
+    if (null > 2) {
+        ::close(null);
+    }
+    ::umask(022);
+    if (::chdir("/") != 0) {
+        std::exit(1);
+    }
+}
+
+void prepareSignals(bool ignoreTerm)
+{
+    struct sigaction action
+    {};
+    action.sa_handler = SIG_IGN;
+    ::sigaction(SIGPIPE, &action, nullptr);
+    ::sigaction(SIGCHLD, &action, nullptr);
+    action.sa_handler = ignoreTerm ? SIG_IGN : [](int) { asked = 1; };
+    ::sigaction(SIGTERM, &action, nullptr);
+    sigset_t term;
+    ::sigemptyset(&term);
+    ::sigaddset(&term, SIGTERM);
+    ::sigprocmask(SIG_SETMASK, &term, nullptr); // delivered only while serve() waits
+    const rlimit noCore{0, 0};
+    ::setrlimit(RLIMIT_CORE, &noCore);
+}
+
+void greetAndHangUp(int listener, const std::string& greeting)
+{
+    const int fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd >= 0) {
+        (void)::send(fd, greeting.data(), greeting.size(), MSG_NOSIGNAL); // the caller may be gone already
+        ::close(fd);
+    }
+}
+
+// Until SIGTERM, or the moment of the crash.
+void serve(int listener, const std::string& greeting, Clock::time_point started, int crashAfter)
+{
+    sigset_t none;
+    ::sigemptyset(&none);
+    while (asked == 0) {
+        timespec left{};
+        if (crashAfter >= 0) {
+            const auto rest = started + std::chrono::milliseconds(crashAfter) - Clock::now();
+            if (rest <= rest.zero()) {
+                std::abort();
+            }
+            left.tv_sec = std::chrono::duration_cast<std::chrono::seconds>(rest).count();
+            left.tv_nsec = (rest % std::chrono::seconds(1)).count();
+        }
+        pollfd waiting{listener, POLLIN, 0};
+        if (::ppoll(&waiting, 1, crashAfter >= 0 ? &left : nullptr, &none) == 1) {
+            greetAndHangUp(listener, greeting);
+        }
+    }
+}
+
+// The server itself; tells the launcher through the pipe's write end that it is up. Returns the exit status.
+int runDaemon(const Settings& settings, const std::string& service, int launcher)
+{
+    const auto started = Clock::now();
+    detach();
+    std::this_thread::sleep_for(std::chrono::milliseconds(settings.startDelay));
+    prepareSignals(settings.ignoreTerm);
+    const std::string pidFile = "/var/run/" + service + ".pid";
+    const int listener = settings.failAtStart ? -1 : listenAnyAddress(settings.port);
+    if (listener < 0 || !writePidFile(pidFile)) {
+        return 1;
+    }
+    if (::write(launcher, "1", 1) != 1) {
+        return 1;
+    }
+    ::close(launcher);
+    // Apart, because the manager may itself be waiting for this server to come up.
+    if (settings.registers && ::fork() == 0) {
+        ::_exit(registerServer(settings).empty() ? 0 : 1);
+    }
+    serve(listener, "HELLO FROM " + service + "\r\n", started, settings.crashAfter);
+    ::unlink(pidFile.c_str());
+    return 0;
+}
+
+// Double fork; the launcher returns when the daemon is up (0) or has ended without coming up (1).
+int launch(const Settings& settings, const std::string& service)
+{
+    int ends[2];
+    if (service.empty() || service.find('/') != std::string::npos || ::pipe2(ends, O_CLOEXEC) != 0) {
+        std::fputs("usage: dxdemo --SERVICE NAME\n", stderr);
+        return 1;
+    }
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::close(ends[0]);
+        ::setsid();
+        const pid_t daemon = ::fork();
+        ::_exit(daemon == 0 ? runDaemon(settings, service, ends[1]) : daemon < 0);
+    }
+    ::close(ends[1]);
+    char status = 0;
+    const bool up = child > 0 && ::read(ends[0], &status, 1) == 1;
+    ::close(ends[0]);
+    ::waitpid(child, nullptr, 0);
+    return up ? 0 : 1;
+}
+
+int registerAndTell(const Settings& settings)
+{
+    const std::string answer = registerServer(settings);
+    std::puts(answer.c_str());
+    return answer.empty() ? 0 : 1;
+}
+} // namespace
+
+int main(int argc, char** argv)
+{
+    try {
+        const std::string_view option = argc > 1 ? argv[1] : "";
+        if (option == "--REGISTER") {
+            return registerAndTell(readSettings());
+        }
+        return launch(readSettings(), option == "--SERVICE" && argc > 2 ? argv[2] : "");
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "dxdemo: %s\n", error.what());
+        return 1;
+    }
+}

@@ -1,0 +1,122 @@
+#include "main/AutoInstall.h"
+
+#include "main/ErrorMsg.h"
+#include "manager/SetupManager.h"
+#include "support/accesdllres.h"
+#include "support/Conversion.h"
+#include "support/DiskFile.h"
+#include "support/FileVersion.h"
+#include "support/StrCompare.h"
+#include "support/Version.h"
+#include "support/WinApi.h"
+
+#include <cstdio>
+#include <memory>
+#include <unistd.h>
+
+namespace {
+constexpr unsigned int s_nMsgCannotRegister = 4003;
+constexpr unsigned int s_nMsgCannotStart = 4004;
+constexpr unsigned int s_nMsgRootOnly = 4139;
+
+using CServicePtr = std::unique_ptr<CService>;
+
+CServicePtr pclFind(CServiceManager* pclManager)
+{
+    return CServicePtr(pclManager->pclGetService(g_szManagerService));
+}
+
+bool bActive(CService& clService)
+{
+    const EServiceStatus eStatus = clService.eGetStatus();
+    return eStatus == STATUS_START_PENDING || eStatus == STATUS_RUNNING;
+}
+
+/// An executable whose version cannot be read is kept as it is.
+bool bOlderThanThis(CService& clService)
+{
+    CFileVersion clVersion;
+    std::wstring csVersion;
+    return clVersion.bLoad(clService.csGetExecutable()) &&
+           clVersion.bGetStringValue(L"\\StringFileInfo\\000004E4\\FileVersion", &csVersion) &&
+           STR_nCompareRespecteNumeriqueW(csVersion.c_str(), g_szVersion) < 0;
+}
+
+CServicePtr pclRegister(int nStyle, CServiceManager* pclManager)
+{
+    if (::getuid() != 0) {
+        ShowErrorIDS(nStyle, s_nMsgRootOnly);
+        return nullptr;
+    }
+    const std::wstring csCommandLine = GetModuleFileNameW() + L" --SERVICE";
+    CServicePtr pclService(
+        pclManager->pclInstall(g_szManagerService, g_szManagerService, csCommandLine.c_str(), 1, 1));
+    if (pclService == nullptr) {
+        ShowErrorIDSError_Service(nStyle, s_nMsgCannotRegister);
+    }
+    return pclService;
+}
+
+/// The service of this executable or of another current one; null after a message.
+CServicePtr pclProvide(int nStyle, CServiceManager* pclManager)
+{
+    if (!pclManager->bInit(nullptr, 0)) {
+        ShowErrorIDSError_Service(nStyle, s_nMsgCannotRegister);
+        return nullptr;
+    }
+    CServicePtr pclService = pclFind(pclManager);
+    if (pclService != nullptr && bOlderThanThis(*pclService)) {
+        (void)pclService->bStop();
+        (void)pclService->bRemove();
+        pclService.reset();
+    }
+    return pclService != nullptr ? std::move(pclService) : pclRegister(nStyle, pclManager);
+}
+
+bool bIsThisExecutable(CService& clService)
+{
+    const std::wstring csOwn = GetModuleFileNameW();
+    const wchar_t* pszCommandLine = clService.pszBinaryPathName();
+    return STR_nNCompare(pszCommandLine != nullptr ? pszCommandLine : L"", csOwn.c_str(), csOwn.size()) == 0;
+}
+} // namespace
+
+bool bAutoInstall(int bInstaller, CServiceManager* pclManager)
+{
+    for (bool bRetry = true;; bRetry = false) {
+        const CServicePtr pclService = pclProvide(bInstaller, pclManager);
+        if (pclService == nullptr) {
+            return false;
+        }
+        if (bActive(*pclService) || pclService->bStart()) {
+            return true;
+        }
+        if (!bRetry || bIsThisExecutable(*pclService)) {
+            ShowErrorIDS(bInstaller, s_nMsgCannotStart);
+            return false;
+        }
+        (void)pclService->bRemove(); // another installation's: this one takes its place
+    }
+}
+
+bool bUnInstall(CServiceManager* pclManager)
+{
+    if (::getuid() != 0) {
+        CTString csText;
+        DLLRES_bLoadString(g_stMyModule, s_nMsgRootOnly, &csText);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-security"
+        std::printf(csToUTF8(csText).c_str()); // the message is the format, and no line end follows; intended
+#pragma GCC diagnostic pop
+        return false;
+    }
+    pclManager->bInit(nullptr, 0);
+    if (const CServicePtr pclService = pclFind(pclManager)) {
+        if (bActive(*pclService)) {
+            (void)pclService->bStop();
+        }
+        (void)pclService->bRemove();
+    }
+    (void)CDiskFile::bDelete(GetModuleFileNameW());
+    return true;
+}

@@ -1,0 +1,211 @@
+// The forking service main: a double fork with a pipe on which the launcher waits, and a locked PID file.
+
+#include "main/PidFile.h"
+#include "main/ServiceSteps.h"
+#include "support/Conversion.h"
+#include "support/Descripteur.h"
+#include "support/Ignored.h"
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <ctime>
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+namespace {
+constexpr char s_cFailed = 0;
+constexpr char s_cRunning = 1;
+constexpr std::size_t s_nMaxPidPath = 260;
+/// Milliseconds that the launcher gives a daemon that has failed for its end.
+constexpr int s_nMaxEndMs = 5000;
+
+void LogCritical(const wchar_t* pszText)
+{
+    gpclServiceImp->pclGetLogger()->AddLog(ILogger::PRIORITY_CRITICAL, pszText);
+}
+
+std::string csPidPath(const wchar_t* pszServiceName)
+{
+    return csToUTF8((std::wstring(L"/var/run/") + pszServiceName + L".pid").substr(0, s_nMaxPidPath));
+}
+
+void __NotifyParentFork(CDescripteur* pclPipe, char cStatus)
+{
+    while (pclPipe->bOpen() && ::write(pclPipe->nFd(), &cStatus, 1) < 0 && errno == EINTR) {
+    }
+    pclPipe->Close();
+}
+
+/// Waits, not for ever, for the end of a daemon that failed. As long as one of its processes is there, an
+/// init system may take it for a daemon that is still about to write its PID file, and wait for that.
+void AwaitEnd()
+{
+    constexpr timespec st10ms{0, 10'000'000};
+    for (int n = 0; n < s_nMaxEndMs / 10; ++n) {
+        pid_t nEnded = 0;
+        while ((nEnded = ::waitpid(-1, nullptr, WNOHANG)) > 0) {
+        }
+        if (nEnded < 0) {
+            return; // no child is left
+        }
+        ::nanosleep(&st10ms, nullptr);
+    }
+}
+
+/// The process that was started: waits until the daemon is up, or is gone.
+void Launcher(pid_t nChild, const CDescripteur& clPipe)
+{
+    int nStatus = 0;
+    while (::waitpid(nChild, &nStatus, 0) < 0) {
+        if (errno != EINTR) {
+            return;
+        }
+    }
+    char cByte = s_cFailed;
+    while (::read(clPipe.nFd(), &cByte, 1) < 0 && errno == EINTR) {
+    }
+    if (cByte != s_cRunning) {
+        AwaitEnd();
+    }
+}
+
+/// Closes every descriptor but one, which is none of the three standard ones.
+void CloseAllBut(int nKept)
+{
+    const auto nKeptNumber = static_cast<unsigned int>(nKept);
+    if (::close_range(nKeptNumber + 1, ~0U, 0) == 0 && ::close_range(0, nKeptNumber - 1, 0) == 0) {
+        return;
+    }
+    for (int nFd = ::getdtablesize() - 1; nFd >= 0; --nFd) { // a kernel without close_range
+        if (nFd != nKept) {
+            ::close(nFd);
+        }
+    }
+}
+
+/// Cuts every tie to where the daemon was started, except the pipe.
+void Detach(int nPipe)
+{
+    ::closelog(); // its descriptor goes, too
+    CloseAllBut(nPipe);
+    (void)::open("/dev/null", O_RDWR); // NOLINT: becomes descriptor 0, the copies 1 and 2, for life
+    Ignored(::dup(0));
+    Ignored(::dup(0));
+    ::umask(022);
+    Ignored(::chdir("/tmp/")); // any folder does
+}
+
+void CoreDump()
+{
+    if (gpclServiceImp->vbWithCoreDump()) {
+        AllowCoreDump();
+    }
+}
+
+/// Starts the service under the user's effective ids and returns to root's. False when it does not run.
+bool bStartAs(const wchar_t* pszUser, CDescripteur* pclPipe)
+{
+    const bool bSwitched = __bChangeUser(-1, pszUser, false);
+    CoreDump(); // under the new identity, whether or not the switch succeeded
+    if (!bSwitched) {
+        __NotifyParentFork(pclPipe, s_cFailed);
+        return false;
+    }
+    if (!__bStart()) {
+        return false;
+    }
+    if (::setregid(::getgid(), ::getgid()) == 0) {
+        Ignored(::setreuid(::getuid(), ::getuid())); // then the PID file cannot be made, which is told
+    }
+    return true;
+}
+
+/// From the locked PID file to the end of the main loop.
+void RunLocked(CPidFile& clPidFile, const wchar_t* pszUser, CDescripteur* pclPipe,
+               std::optional<CTermHeld>* pclHeld)
+{
+    clPidFile.Write();
+    if (pszUser != nullptr) {
+        (void)__bChangeUser(clPidFile.nFd(), pszUser, true);
+    }
+    __NotifyParentFork(pclPipe, s_cRunning);
+    __MainLoop(pclHeld);
+    clPidFile.Remove();
+}
+
+void Daemon(const wchar_t* pszServiceName, CDescripteur clPipe)
+{
+    Detach(clPipe.nFd());
+    CoreDump();
+    std::array<wchar_t, g_nServicePath> tUser{};
+    const wchar_t* pszUser = gpclServiceImp->vbGetServiceUser(tUser.data()) ? tUser.data() : nullptr;
+    std::optional<CTermHeld> clHeld(std::in_place);
+    if (!(pszUser != nullptr ? bStartAs(pszUser, &clPipe) : __bStart())) {
+        return;
+    }
+    CPidFile clPidFile(csPidPath(pszServiceName));
+    if (!clPidFile.bOpen()) {
+        LogCritical(L"Echec de la création du fichier de lock du demon");
+        gpclServiceImp->Stop();
+    } else if (!clPidFile.bLock()) {
+        gpclServiceImp->Stop();
+        clPidFile.Remove(); // although it is the other daemon's; intended
+    } else {
+        RunLocked(clPidFile, pszUser, &clPipe, &clHeld);
+    }
+}
+
+/// Leaves the session and the first child behind. Returns in the daemon only.
+bool bBecomeDaemon()
+{
+    ::setsid();
+    struct sigaction stIgnore
+    {};
+    stIgnore.sa_handler = SIG_IGN;
+    sigemptyset(&stIgnore.sa_mask);
+    if (::sigaction(SIGHUP, &stIgnore, nullptr) != 0) {
+        return false;
+    }
+    const pid_t nDaemon = ::fork();
+    if (nDaemon < 0) {
+        LogCritical(L"Fork ne marche pas");
+        return false;
+    }
+    if (nDaemon > 0) {
+        ::_exit(0); // what is to be done at exit is the daemon's
+    }
+    return true;
+}
+} // namespace
+
+bool __bServiceMainForking(const wchar_t* pszServiceName)
+{
+    if (pszServiceName == nullptr || *pszServiceName == L'\0') {
+        return false;
+    }
+    int tPipe[2];
+    if (::pipe2(tPipe, O_CLOEXEC) != 0) {
+        return true;
+    }
+    CDescripteur clRead(tPipe[0]);
+    CDescripteur clWrite(tPipe[1]);
+    (void)::prctl(PR_SET_CHILD_SUBREAPER, 1); // the daemon is the launcher's child until the launcher ends
+    const pid_t nChild = ::fork();
+    if (nChild < 0) {
+        LogCritical(L"Fork ne marche pas");
+    } else if (nChild > 0) {
+        clWrite.Close();
+        Launcher(nChild, clRead);
+    } else {
+        clRead.Close();
+        if (bBecomeDaemon()) {
+            Daemon(pszServiceName, std::move(clWrite));
+        }
+    }
+    return true;
+}

@@ -1,0 +1,51 @@
+#include "main/ErrorMsg.h"
+
+#include "manager/SetupManager.h"
+#include "support/accesdllres.h"
+#include "support/Conversion.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace {
+std::wstring csErrnoText()
+{
+    return csFromUTF8(std::strerror(errno));
+}
+} // namespace
+
+void ShowError(int, const wchar_t* pszMessage)
+{
+    std::puts(csToUTF8(pszMessage).c_str());
+}
+
+void ShowErrorIDS(int nStyle, unsigned int nMessage)
+{
+    CTString csText;
+    DLLRES_bLoadString(g_stMyModule, nMessage, &csText);
+    ShowError(nStyle, csText.c_str());
+}
+
+void ShowErrorIDS_Service(int nStyle, unsigned int nMessage)
+{
+    CTString csText;
+    DLLRES_bFormatMessage(&g_stMyModule, nMessage, &csText, g_szManagerService);
+    ShowError(nStyle, csText.c_str());
+}
+
+void ShowErrorIDSError(int nStyle, unsigned int nMessage)
+{
+    const std::wstring csError = csErrnoText();
+    CTString csText;
+    DLLRES_bFormatMessage(&g_stMyModule, nMessage, &csText, csError.c_str());
+    ShowError(nStyle, csText.c_str());
+}
+
+void ShowErrorIDSError_Service(int nStyle, unsigned int nMessage)
+{
+    const std::wstring csError = csErrnoText();
+    CTString csText;
+    DLLRES_bFormatMessage(&g_stMyModule, nMessage, &csText, csError.c_str(), g_szManagerService);
+    ShowError(nStyle, csText.c_str());
+}

@@ -1,0 +1,98 @@
+#include "main/GestionServiceLigneCmd.h"
+
+#include "main/ServiceUnix.h"
+#include "manager/SetupManager.h"
+#include "support/Conversion.h"
+#include "support/DiskFile.h"
+
+#include <memory>
+#include <strings.h>
+
+namespace {
+/// Index of an option; 0 when it is absent.
+int nFindOption(int nCount, char** ppszArguments, const wchar_t* pszOption)
+{
+    const std::string csOption = csToUTF8(pszOption);
+    for (int n = 1; n < nCount; ++n) {
+        if (strcasecmp(csOption.c_str(), ppszArguments[n]) == 0) {
+            return n;
+        }
+    }
+    return 0;
+}
+
+void StopIfActive(CService& clService)
+{
+    const EServiceStatus eStatus = clService.eGetStatus();
+    if (eStatus == STATUS_START_PENDING || eStatus == STATUS_RUNNING) {
+        (void)clService.bStop(); // the next one is stopped all the same
+    }
+}
+
+bool bLiesIn(CService& clService, const wchar_t* pszDirectory)
+{
+    return CDiskFile::bSameDirectoryName(CDiskFile::csDirectory(clService.csGetExecutable()), pszDirectory);
+}
+
+std::unique_ptr<CService> pclManagerService(CServiceManager* pclManager)
+{
+    return std::unique_ptr<CService>(pclManager->pclGetService(g_szManagerService));
+}
+} // namespace
+
+bool bSetOnCmdLine(int nCount, char** ppszArguments, const wchar_t* pszOption)
+{
+    return nFindOption(nCount, ppszArguments, pszOption) != 0;
+}
+
+bool bGetCmdLineValue(int nCount, char** ppszArguments, const wchar_t* pszOption, CTString* pcsValue)
+{
+    const int nOption = nFindOption(nCount, ppszArguments, pszOption);
+    if (nOption == 0) {
+        return false;
+    }
+    const char* pszValue = ppszArguments[nOption + 1]; // the vector ends with a null
+    *pcsValue = csWide(pszValue != nullptr ? pszValue : "", CP_1252);
+    return true;
+}
+
+bool bModeService(int nCount, char** ppszArguments, const wchar_t* pszOption)
+{
+    return bSetOnCmdLine(nCount, ppszArguments, pszOption) || bIsSystemdNotify();
+}
+
+void StopAllCmd()
+{
+    CServiceManager* pclManager = gpclSetupManager->pclGetServiceManager();
+    pclManager->bInit(nullptr, 0);
+    const CServiceGuard clGuard = gpclSetupManager->clLockServices();
+    unsigned long nCursor = 0;
+    while (const auto pclServer =
+               std::unique_ptr<CService>(pclManager->pclEnumService(&nCursor, g_szServerPrefix))) {
+        StopIfActive(*pclServer);
+    }
+    if (const auto pclService = pclManagerService(pclManager)) {
+        StopIfActive(*pclService);
+    }
+}
+
+void StopOneServer(const wchar_t* pszDirectory)
+{
+    CServiceManager* pclManager = gpclSetupManager->pclGetServiceManager();
+    pclManager->bInit(nullptr, 0);
+    const CServiceGuard clGuard = gpclSetupManager->clLockServices();
+    unsigned long nCursor = 0;
+    auto pclServer = std::unique_ptr<CService>(pclManager->pclEnumService(&nCursor, g_szServerPrefix));
+    while (pclServer != nullptr && !bLiesIn(*pclServer, pszDirectory)) {
+        pclServer.reset(pclManager->pclEnumService(&nCursor, g_szServerPrefix));
+    }
+    if (pclServer == nullptr) {
+        return;
+    }
+    StopIfActive(*pclServer);
+    const auto pclService = pclManagerService(pclManager);
+    if (pclService != nullptr && bLiesIn(*pclService, pszDirectory)) {
+        StopIfActive(*pclService);
+    }
+    pclManager->AbortEnumService(&nCursor);
+}

@@ -1,0 +1,93 @@
+#include "main/Logger.h"
+
+#include "support/Conversion.h"
+#include "support/WinApi.h"
+#include "support/XYString.h"
+
+#include <cerrno>
+#include <syslog.h>
+
+CLogger::CLogger()
+{
+    CLogger::bSetMode(MODE_SYSTEM);
+}
+
+bool CLogger::bSetMode(eMODE eMode, ...)
+{
+    __CloseLogFile();
+    m_eMode = eMode;
+    m_pfnWriter = eMode == MODE_SYSTEM ? &CLogger::__AddLogSystem : &CLogger::__AddLogFile;
+    if (eMode != MODE_SYSTEM) {
+        va_list pArgs;
+        va_start(pArgs, eMode);
+        m_csFile = va_arg(pArgs, const wchar_t*);
+        va_end(pArgs);
+    }
+    return true;
+}
+
+void CLogger::__CloseLogFile()
+{
+    m_csFile.clear();
+}
+
+void CLogger::AddLog(ePRIORITY ePriority, const wchar_t* pszFormat, ...)
+{
+    if (m_eMode == MODE_OFF) {
+        return;
+    }
+    va_list pArgs;
+    va_start(pArgs, pszFormat);
+    (this->*m_pfnWriter)(ePriority, -1, pszFormat, &pArgs, nullptr, 0);
+    va_end(pArgs);
+}
+
+void CLogger::AddLogEvent(ePRIORITY ePriority, int nEvent, const wchar_t* pszFormat, ...)
+{
+    if (m_eMode == MODE_OFF) {
+        return;
+    }
+    va_list pArgs;
+    va_start(pArgs, pszFormat);
+    (this->*m_pfnWriter)(ePriority, nEvent, pszFormat, &pArgs, nullptr, 0);
+    va_end(pArgs);
+}
+
+void CLogger::AddLogDetail(ePRIORITY ePriority, int nEvent, const wchar_t** ppszDetails, int)
+{
+    if (m_eMode != MODE_OFF) {
+        AddLogEvent(ePriority, nEvent, ppszDetails[0]);
+    }
+}
+
+void CLogger::AddLogSystemError(const wchar_t* pszFormat, ...)
+{
+    const int nErrno = errno;
+    CTString csText;
+    va_list pArgs;
+    va_start(pArgs, pszFormat);
+    csText.FormatV(pszFormat, pArgs);
+    va_end(pArgs);
+    constexpr unsigned int nFlags =
+        FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_IGNORE_INSERTS;
+    csText += L" , error " + std::to_wstring(nErrno) + L", " +
+              FormatMessageW(nFlags, nullptr, static_cast<unsigned int>(nErrno), nullptr);
+    AddLog(PRIORITY_ERROR, csText.c_str());
+}
+
+/// The text is syslog's format, as it is: whoever logs foreign text has doubled its percent signs.
+void CLogger::__AddLogSystem(ePRIORITY ePriority, int, const wchar_t* pszFormat, va_list* pArgs,
+                             const wchar_t**, int)
+{
+    const std::wstring csText =
+        FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_STRING, pszFormat, 0, pArgs);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-security"
+    ::syslog(ePriority, csToUTF8(csText).c_str());
+#pragma GCC diagnostic pop
+}
+
+void CLogger::__AddLogFile(ePRIORITY, int, const wchar_t*, va_list*, const wchar_t**, int)
+{
+    // File mode drops every message; intended.
+}

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <cstdarg>
+#include <string>
+
+/// Where the daemon reports. Every add operation may be called by any thread; bSetMode must not run while
+/// another thread logs.
+class ILogger
+{
+public:
+    enum eMODE : int
+    {
+        MODE_OFF = 0,
+        MODE_SYSTEM = 1,
+        MODE_FILE = 2,
+    };
+    /// A syslog level, 0 emergency to 7 debug.
+    enum ePRIORITY : int
+    {
+        PRIORITY_CRITICAL = 2,
+        PRIORITY_ERROR = 3,
+        PRIORITY_INFO = 6,
+    };
+
+    /// Modes other than MODE_SYSTEM take a wide file path as the next argument. Always true.
+    virtual bool bSetMode(eMODE eMode, ...) = 0;
+    /// The format is the message formatter's (%1, %2!u!...), and what comes out of it is syslog's format:
+    /// text from outside is doubled at "%" by the caller.
+    virtual void AddLog(ePRIORITY ePriority, const wchar_t* pszFormat, ...) = 0;
+    virtual void AddLogEvent(ePRIORITY ePriority, int nEvent, const wchar_t* pszFormat, ...) = 0;
+    /// Logs the first detail only, as the format; intended.
+    virtual void AddLogDetail(ePRIORITY ePriority, int nEvent, const wchar_t** ppszDetails, int nDetails) = 0;
+    virtual ~ILogger() = default;
+};
+
+/// Writes to the system log (mode 1, from construction on). In file mode every message is dropped: the path
+/// is only kept; mode 0 is silent.
+class CLogger : public ILogger
+{
+public:
+    CLogger();
+    bool bSetMode(eMODE eMode, ...) override;
+    void AddLog(ePRIORITY ePriority, const wchar_t* pszFormat, ...) override;
+    void AddLogEvent(ePRIORITY ePriority, int nEvent, const wchar_t* pszFormat, ...) override;
+    void AddLogDetail(ePRIORITY ePriority, int nEvent, const wchar_t** ppszDetails, int nDetails) override;
+    /// Logs, at priority 3, a printf-style text followed by the number and text of the errno at the call.
+    void AddLogSystemError(const wchar_t* pszFormat, ...);
+
+private:
+    using PFNWriter = void (CLogger::*)(ePRIORITY, int nEvent, const wchar_t* pszFormat, va_list* pArgs,
+                                        const wchar_t** ppszDetails, int nDetails);
+    void __AddLogSystem(ePRIORITY ePriority, int nEvent, const wchar_t* pszFormat, va_list* pArgs,
+                        const wchar_t** ppszDetails, int nDetails);
+    void __AddLogFile(ePRIORITY ePriority, int nEvent, const wchar_t* pszFormat, va_list* pArgs,
+                      const wchar_t** ppszDetails, int nDetails);
+    void __CloseLogFile();
+
+    eMODE m_eMode = MODE_OFF;
+    std::wstring m_csFile;
+    PFNWriter m_pfnWriter = &CLogger::__AddLogFile;
+};

@@ -1,0 +1,184 @@
+#include "main/ServiceUnix.h"
+
+#include "main/ServiceSteps.h"
+#include "support/accesdllres.h"
+#include "support/Conversion.h"
+#include "support/Ignored.h"
+#include "support/Shell.h"
+#include "support/WinApi.h"
+#include "support/XYString.h"
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <pthread.h>
+#include <pwd.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+CServiceImp* gpclServiceImp = nullptr;
+
+namespace {
+/// The thread that runs the main loop; 0 before, and once the termination handler has fired.
+std::atomic<pthread_t> hMainThread{0};
+static_assert(std::atomic<pthread_t>::is_always_lock_free);
+
+/// Acts on the main thread only, and once: a signal that lands on a worker thread is ignored, intended.
+void TermHandler(int)
+{
+    const pthread_t hMain = hMainThread.load();
+    if (hMain == 0 || pthread_equal(hMain, pthread_self()) == 0) {
+        return;
+    }
+    const int nErrno = errno;
+    hMainThread = 0;
+    gpclServiceImp->Stop();
+    errno = nErrno;
+}
+
+bool bHarmless(const std::string& cs)
+{
+    return cs.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._-+@:,") ==
+           std::string::npos;
+}
+
+/// A word of a shell line: as it is when nothing in it means something to the shell, else in single quotes.
+std::string csShellWord(const std::string& cs)
+{
+    if (!cs.empty() && bHarmless(cs)) {
+        return cs;
+    }
+    std::string csQuoted = "'";
+    for (const char c : cs) {
+        csQuoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    }
+    return csQuoted + "'";
+}
+
+void GiveDirectory(const std::string& csUser, const std::string& csDirectory)
+{
+    const std::string csWord = csShellWord(csDirectory);
+    (void)nShell("chown -R " + csShellWord(csUser) + ": " + csWord + " >/dev/null");
+    (void)nShell("find " + csWord + " -type d -not -perm -u=rwx -exec chmod u+rwx {} \\; 2>/dev/null");
+}
+
+/// An account's numbers; false when it is unknown.
+bool bFindUser(const std::string& csUser, uid_t* pnUser, gid_t* pnGroup)
+{
+    const passwd* pstUser = ::getpwnam(csUser.c_str()); // called by nobody else
+    if (pstUser == nullptr) {
+        return false;
+    }
+    *pnUser = pstUser->pw_uid;
+    *pnGroup = pstUser->pw_gid;
+    return true;
+}
+
+bool bSwitch(uid_t nUser, gid_t nGroup, bool bPermanent)
+{
+    if (bPermanent) {
+        return ::setregid(nGroup, nGroup) == 0 && ::setreuid(nUser, nUser) == 0;
+    }
+    return ::setegid(nGroup) == 0 && ::seteuid(nUser) == 0;
+}
+} // namespace
+
+bool CServiceImp::vbGetServiceUser(wchar_t*)
+{
+    return false;
+}
+
+bool CServiceImp::vbGetOwnDirectory(wchar_t*)
+{
+    return false;
+}
+
+void LogMessage(unsigned int nMessage, const std::wstring& csInsert)
+{
+    CTString csText;
+    DLLRES_bFormatMessage(&g_stMyModule, nMessage, &csText, csEscapePercent(csInsert).c_str());
+    gpclServiceImp->pclGetLogger()->AddLog(ILogger::PRIORITY_CRITICAL, L"%1!s!", csText.c_str());
+}
+
+CTermHeld::CTermHeld()
+{
+    sigset_t stTerm;
+    sigemptyset(&stTerm);
+    sigaddset(&stTerm, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stTerm, nullptr);
+}
+
+CTermHeld::~CTermHeld()
+{
+    sigset_t stTerm;
+    sigemptyset(&stTerm);
+    sigaddset(&stTerm, SIGTERM);
+    pthread_sigmask(SIG_UNBLOCK, &stTerm, nullptr);
+}
+
+void SetTermHandler()
+{
+    hMainThread = pthread_self();
+    ::signal(SIGTERM, TermHandler);
+}
+
+void AllowCoreDump()
+{
+    constexpr rlimit stUnlimited{RLIM_INFINITY, RLIM_INFINITY};
+    if (::setrlimit(RLIMIT_CORE, &stUnlimited) != 0) {
+        LogMessage(25304, L"");
+    }
+}
+
+bool __bStart()
+{
+    if (gpclServiceImp->bStart()) {
+        return true;
+    }
+    LogMessage(4012, L"VelmoManager");
+    return false;
+}
+
+bool __bChangeUser(int nFd, const wchar_t* pszUser, bool bPermanent)
+{
+    const std::string csUser = csToUTF8(pszUser);
+    uid_t nUser = 0;
+    gid_t nGroup = 0;
+    if (!bFindUser(csUser, &nUser, &nGroup)) {
+        LogMessage(25305, pszUser);
+        return false;
+    }
+    if (nFd != -1) {
+        Ignored(::fchown(nFd, nUser, nGroup)); // the switch itself decides
+    }
+    std::array<wchar_t, g_nServicePath> tDirectory{};
+    if ((::geteuid() == 0 || ::getuid() == 0) && gpclServiceImp->vbGetOwnDirectory(tDirectory.data())) {
+        GiveDirectory(csUser, csToUTF8(tDirectory.data()));
+    }
+    if (!bSwitch(nUser, nGroup, bPermanent)) {
+        LogMessage(25306, pszUser);
+        return false;
+    }
+    return true;
+}
+
+void __MainLoop(std::optional<CTermHeld>* pclHeld)
+{
+    SetTermHandler();
+    pclHeld->reset();
+    gpclServiceImp->MainLoop();
+}
+
+void RunDebugMode()
+{
+    std::optional<CTermHeld> clHeld(std::in_place);
+    if (gpclServiceImp->bStart()) {
+        __MainLoop(&clHeld);
+    }
+}
+
+bool bServiceMain(const wchar_t* pszServiceName)
+{
+    return bIsSystemdNotify() ? __bServiceMainSystemdNotify() : __bServiceMainForking(pszServiceName);
+}

@@ -1,0 +1,111 @@
+// The process entry: sets the process up, does the one thing that the command line asks for, tears down.
+
+#include "main/AutoInstall.h"
+#include "main/GestionServiceLigneCmd.h"
+#include "main/ServiceUnix.h"
+#include "manager/Dialog.h"
+#include "manager/SetupManager.h"
+#include "service/LanceProcessus.h"
+#include "support/accesdllres.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <malloc.h>
+#include <memory>
+#include <new>
+#include <unistd.h>
+
+namespace {
+constexpr int s_nFailure = -1; ///< the system shows it as 255
+/// What conversations that are in the middle of a command have for their reply when the service ends.
+constexpr int s_nLastRepliesMs = 500;
+
+std::unique_ptr<CSetupManager> s_pclSetupManager;
+
+/// Pipes and sockets must not land on 0 to 2, which children get as their own.
+void OpenStandardDescriptors()
+{
+    int nFd = 0;
+    while ((nFd = ::open("/dev/null", O_RDWR)) >= 0 && nFd <= STDERR_FILENO) { // NOLINT: kept for life
+    }
+    ::close(nFd);
+}
+
+void Init(int*, char***)
+{
+    // One heap for all threads: each of several would keep for good what one tool's long output made it need.
+    ::mallopt(M_ARENA_MAX, 1);
+    OpenStandardDescriptors();
+    DLLRES_bInit(nullptr, 0);
+    s_pclSetupManager = std::make_unique<CSetupManager>();
+    gpclSetupManager = s_pclSetupManager.get();
+    gpclServiceImp = gpclSetupManager;
+    CLanceProcessus::sInit();
+}
+
+void Term()
+{
+    s_pclSetupManager.reset();
+    gpclServiceImp = nullptr;
+    gpclSetupManager = nullptr;
+    CLanceProcessus::sTerm();
+    DLLRES_Term();
+}
+
+/// A conversation that is still inside a system tool uses what Term destroys: then the process just ends.
+void EndConversations(int nStatus)
+{
+    if (!CDialog::s_bEndAll(s_nLastRepliesMs)) {
+        ::_exit(nStatus);
+    }
+}
+
+int nDispatch(int nCount, char** ppszArguments)
+{
+    CServiceManager* pclManager = gpclSetupManager->pclGetServiceManager();
+    CTString csValue;
+    if (bModeService(nCount, ppszArguments, L"--SERVICE")) {
+        bGetCmdLineValue(nCount, ppszArguments, L"--SERVICE", &csValue);
+        const int nStatus = bServiceMain(csValue.c_str()) ? 0 : s_nFailure;
+        EndConversations(nStatus);
+        return nStatus;
+    }
+    if (bSetOnCmdLine(nCount, ppszArguments, L"--DEBUG")) {
+        RunDebugMode();
+        EndConversations(0);
+        return 0;
+    }
+    if (bSetOnCmdLine(nCount, ppszArguments, L"--UNINSTALL")) {
+        return bUnInstall(pclManager) ? 0 : s_nFailure;
+    }
+    if (bSetOnCmdLine(nCount, ppszArguments, L"--STOPALL")) {
+        StopAllCmd();
+        return 0;
+    }
+    if (bSetOnCmdLine(nCount, ppszArguments, L"--STOP-SERVER")) {
+        bGetCmdLineValue(nCount, ppszArguments, L"--STOP-SERVER", &csValue); // present, so it has a value
+        StopOneServer(csValue.c_str());
+        return 0;
+    }
+    return bAutoInstall(bSetOnCmdLine(nCount, ppszArguments, L"--INSTALLER"), pclManager) ? 0 : s_nFailure;
+}
+
+int nRun(int nCount, char** ppszArguments)
+{
+    Init(&nCount, &ppszArguments);
+    const int nStatus = gpclSetupManager->bInitVM() ? nDispatch(nCount, ppszArguments) : s_nFailure;
+    Term();
+    return nStatus;
+}
+} // namespace
+
+int main(int argc, char** argv)
+{
+    try {
+        return nRun(argc, argv);
+    } catch (const std::bad_alloc&) { // nothing is torn down: threads may be running
+        std::fputs("VelmoManager: out of memory\n", stderr);
+        ::_exit(s_nFailure);
+    }
+}

@@ -1,0 +1,271 @@
+#include "manager/Dialog.h"
+
+#include "manager/SetupManager.h"
+#include "support/accesdllres.h"
+#include "support/Conversion.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <set>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <utility>
+#include <wchar.h>
+
+namespace {
+constexpr std::wstring_view s_csLineEnd = L"\r\n";
+constexpr std::size_t s_nBlock = 1024; ///< bytes of one receive
+
+/// The conversations that exist, by socket.
+struct stRegister
+{
+    std::mutex clLock;
+    std::set<int> tSockets;
+};
+stRegister& stConversations()
+{
+    static stRegister s_stRegister;
+    return s_stRegister;
+}
+} // namespace
+
+CDialog::CDialog(CDescripteur clSocket) : m_clSocket(std::move(clSocket))
+{
+    stRegister& stAll = stConversations();
+    const std::lock_guard<std::mutex> clGuard(stAll.clLock);
+    stAll.tSockets.insert(m_clSocket.nFd());
+}
+
+CDialog::~CDialog()
+{
+    m_clThread.Stop(1);
+    stRegister& stAll = stConversations();
+    const std::lock_guard<std::mutex> clGuard(stAll.clLock);
+    ::shutdown(m_clSocket.nFd(), SHUT_RDWR);
+    stAll.tSockets.erase(m_clSocket.nFd());
+    m_clSocket.Close(); // under the lock: s_bEndAll must not meet a number that is already somebody else's
+}
+
+void CDialog::xStart()
+{
+    if (!m_clThread.xbStart(_WaitForCommandeThreadRoutine, this, &g_stMyModule, 1, 0, 0)) {
+        throw CXError();
+    }
+    _SayHello();
+}
+
+void CDialog::Release()
+{
+    if (m_nUsers.fetch_sub(1) == 1) {
+        delete this;
+    }
+}
+
+int CDialog::s_nCount()
+{
+    stRegister& stAll = stConversations();
+    const std::lock_guard<std::mutex> clGuard(stAll.clLock);
+    return static_cast<int>(stAll.tSockets.size());
+}
+
+bool CDialog::s_bEndAll(int nMs)
+{
+    {
+        stRegister& stAll = stConversations();
+        const std::lock_guard<std::mutex> clGuard(stAll.clLock);
+        for (const int nSocket : stAll.tSockets) {
+            ::shutdown(nSocket, SHUT_RD); // ends the wait for a command; a reply can still go out
+        }
+    }
+    for (; nMs > 0 && s_nCount() != 0; --nMs) {
+        ::usleep(1000);
+    }
+    return s_nCount() == 0;
+}
+
+void _WaitForCommandeThreadRoutine(CZTThread* pclThread)
+{
+    auto* pclDialog = static_cast<CDialog*>(pclThread->pGetParameter());
+    pclThread->Started();
+    try {
+        pclDialog->_WaitForCommande();
+    } catch (...) {
+        // Whatever it was (no memory, most likely) costs this conversation only.
+    }
+    pclThread->Stopped();
+    pclDialog->Release();
+}
+
+/// Must not throw: its caller would not know whether the thread runs.
+void CDialog::_SayHello()
+{
+    __Send("HELLO FROM SERVEUR SETUP 24.0.6.0\r\n");
+}
+
+void CDialog::_WaitForCommande()
+{
+    CTString csKeyword;
+    while (!m_clThread.bMustStop() && bGetCommand(&csKeyword) && __bExecute(csKeyword)) {
+        ClearCommand();
+    }
+}
+
+bool CDialog::bGetCommand(CTString* pcsKeyword)
+{
+    ClearCommand();
+    std::array<char, s_nBlock> tBlock;
+    std::size_t nEnd = std::wstring::npos;
+    while (nEnd == std::wstring::npos) {
+        const ssize_t nReceived = ::recv(m_clSocket.nFd(), tBlock.data(), tBlock.size(), 0);
+        if (nReceived < 0 && errno == EINTR) {
+            continue;
+        }
+        if (nReceived <= 0) {
+            return false;
+        }
+        // The line end may lie across two blocks: look again at the last character of what is there already.
+        const std::size_t nSearch = m_csCommand.empty() ? 0 : m_csCommand.size() - 1;
+        m_csCommand +=
+            csWide({tBlock.data(), static_cast<std::size_t>(nReceived)}, m_bUTF8 ? CP_UTF8 : CP_1252);
+        nEnd = m_csCommand.find(s_csLineEnd, nSearch);
+    }
+    m_csCommand.erase(nEnd); // and all behind it: one command, one reply
+    m_nNextArgument = 0;
+    pcsKeyword->clear();
+    GetString(pcsKeyword);
+    return true;
+}
+
+void CDialog::ClearCommand()
+{
+    m_csCommand.clear();
+}
+
+bool CDialog::__bNextField(std::wstring* pcsField)
+{
+    std::size_t nStart = 0;
+    for (int nField = m_nNextArgument++; nField > 0; --nField) {
+        nStart = m_csCommand.find(L'\t', nStart);
+        if (nStart == std::wstring::npos) {
+            return false;
+        }
+        ++nStart;
+    }
+    *pcsField = m_csCommand.substr(nStart, m_csCommand.find(L'\t', nStart) - nStart);
+    return true;
+}
+
+void CDialog::GetString(CTString* pcsOut)
+{
+    (void)__bNextField(pcsOut);
+}
+
+unsigned int CDialog::dwGetUInt32()
+{
+    std::wstring csField;
+    (void)__bNextField(&csField);
+    return static_cast<unsigned int>(wcstol(csField.c_str(), nullptr, 10));
+}
+
+std::string CDialog::__csToWire(const std::wstring& csText) const
+{
+    return csNarrow(csText, m_bUTF8 ? CP_UTF8 : CP_1252);
+}
+
+/// One call for the whole text. A tool that is gone is noticed by the next receive.
+void CDialog::__Send(std::string_view csBytes)
+{
+    (void)::send(m_clSocket.nFd(), csBytes.data(), csBytes.size(), MSG_NOSIGNAL);
+}
+
+void CDialog::Answer(const std::wstring& csText)
+{
+    __Send(__csToWire(csText));
+    __Send("\r\n");
+}
+
+void CDialog::ACK(eError eCode, const std::wstring& csText)
+{
+    __Send("ERROR\t" + std::to_string(eCode) + "\t" + __csToWire(csText) + "\r\n");
+}
+
+void CDialog::ACK(eError eCode, unsigned int nSystemError)
+{
+    const int nErrno = errno;
+    if (eCode == ERREUR_AUCUNE) {
+        __Send("OK\r\n");
+        return;
+    }
+    std::array<char, 256> tText{};
+    const char* pszText = nSystemError != 0 ? ::strerror_r(nErrno, tText.data(), tText.size()) : "";
+    __Send("ERROR\t" + std::to_string(eCode) + pszText + "\r\n");
+}
+
+bool CDialog::__bExecute(const std::wstring& csKeyword)
+{
+    struct stCommand
+    {
+        const wchar_t* pszKeyword;
+        bool (CDialog::*pfnAction)();
+    };
+    static constexpr stCommand s_tCommands[] = {
+        {L"START", &CDialog::__bStart},         {L"STATUS", &CDialog::__bStatus},
+        {L"UNINSTALL", &CDialog::__bUninstall}, {L"QUIT", &CDialog::__bQuit},
+        {L"INFO", &CDialog::__bInfo},           {L"CLUSTERINFO", &CDialog::__bClusterInfo},
+        {L"MODE_UTF8", &CDialog::__bModeUTF8},
+    };
+    for (const stCommand& st : s_tCommands) {
+        if (wcscasecmp(csKeyword.c_str(), st.pszKeyword) == 0) {
+            return (this->*st.pfnAction)();
+        }
+    }
+    ACK(ERREUR_COMMANDE_INCONNUE, 0u);
+    return true;
+}
+
+bool CDialog::__bStart()
+{
+    gpclSetupManager->clGetRemote().Start(*this);
+    return true;
+}
+
+bool CDialog::__bStatus()
+{
+    gpclSetupManager->clGetRemote().GetStatus(*this);
+    return true;
+}
+
+bool CDialog::__bUninstall()
+{
+    gpclSetupManager->clGetRemote().UnInstall(*this);
+    return true;
+}
+
+bool CDialog::__bQuit()
+{
+    return false;
+}
+
+bool CDialog::__bInfo()
+{
+    CTString csReply(L"YES\t" + gpclSetupManager->csGetHostInfo());
+    gpclSetupManager->AddServeurList(&csReply);
+    Answer(csReply);
+    return true;
+}
+
+bool CDialog::__bClusterInfo()
+{
+    gpclSetupManager->clGetRemote().ClusterInfo(*this);
+    return true;
+}
+
+bool CDialog::__bModeUTF8()
+{
+    m_bUTF8 = true;
+    ACK(ERREUR_AUCUNE, 0u);
+    return true;
+}

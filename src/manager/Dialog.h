@@ -1,0 +1,106 @@
+#pragma once
+
+#include "support/Descripteur.h"
+#include "support/XYString.h"
+#include "support/ZTThread.h"
+
+#include <atomic>
+#include <string>
+#include <string_view>
+
+/// Codes of the "ERROR\t%u" replies.
+enum eError : unsigned int
+{
+    ERREUR_AUCUNE = 0,
+    ERREUR_SERVICE_INCONNU = 1, ///< no such server service
+    ERREUR_START = 2,
+    ERREUR_STOP = 3,
+    ERREUR_STATUS = 4,
+    ERREUR_COMMANDE_INCONNUE = 8,
+    ERREUR_UNINSTALL_INCONNU = 11,  ///< UNINSTALL: no such server service
+    ERREUR_UNINSTALL_FICHIERS = 12, ///< UNINSTALL: the step on the server's directory
+    ERREUR_UNINSTALL_SERVICE = 13,  ///< UNINSTALL: the service could not be removed
+};
+
+/// Files received with a conversation: names, and the temporary files they were put in.
+struct CInstallInfo
+{
+    std::vector<std::wstring> tNames;
+    std::vector<std::wstring> tTemporaryFiles;
+};
+
+/// One conversation with one tool: greets, then reads a command line, runs the command, writes one reply
+/// line, until "QUIT" or the end of the connection.
+///
+/// Made by an accept thread, which calls xStart and then lets go with Release; runs on a thread of its own,
+/// which lets go in its turn when the conversation ends. Whoever lets go last frees the object and closes the
+/// socket, so that neither is gone while the other still uses it. Everything but xStart and _SayHello belongs
+/// to the conversation's thread. Text on the wire is Windows-1252 until "MODE_UTF8", UTF-8 from then on.
+class CDialog
+{
+public:
+    /// Of a connected socket. Throws std::bad_alloc; the socket is closed then.
+    explicit CDialog(CDescripteur clSocket);
+    CDialog(const CDialog&) = delete;
+    CDialog& operator=(const CDialog&) = delete;
+
+    /// Starts the conversation's thread, then greets. Throws (CXError, or std::bad_alloc) only when the
+    /// thread has not been started: the caller then still lets go of its half, and of the thread's.
+    void xStart();
+    /// One of the two users lets go.
+    void Release();
+
+    /// Ends the conversations that wait for a command and gives those that run one nMs milliseconds to reply.
+    /// True when none is left. For the end of the process only.
+    static bool s_bEndAll(int nMs);
+    /// Conversations that exist.
+    static int s_nCount();
+
+    /// Reads one command line; false when the connection is closed or fails.
+    bool bGetCommand(CTString* pcsKeyword);
+    void ClearCommand();
+    /// Next argument of the command line; left unchanged when there is none.
+    void GetString(CTString* pcsOut);
+    /// Next argument as a decimal number (blanks and a sign accepted, cut to 32 bits); 0 when there is none.
+    unsigned int dwGetUInt32();
+
+    /// Sends the text and "\r\n".
+    void Answer(const std::wstring& csText);
+    /// Sends "ERROR\t<code>\t<text>\r\n", for every code, 0 included.
+    void ACK(eError eCode, const std::wstring& csText);
+    /// Sends "OK\r\n" for code 0; otherwise "ERROR\t<code>\r\n", with the C library's text for the current
+    /// errno directly behind the code when nSystemError is not 0. The text is errno's, whatever nSystemError
+    /// says.
+    void ACK(eError eCode, unsigned int nSystemError);
+
+    /// Receives a file of nSize bytes from the connection into a temporary file. No command uses it.
+    void xGetFile(const std::wstring& csName, unsigned int nSize, CInstallInfo* pclInfo);
+
+    void _SayHello();
+    /// The conversation.
+    void _WaitForCommande();
+
+private:
+    ~CDialog();
+    bool __bExecute(const std::wstring& csKeyword);
+    bool __bStart();
+    bool __bStatus();
+    bool __bUninstall();
+    bool __bQuit();
+    bool __bInfo();
+    bool __bClusterInfo();
+    bool __bModeUTF8();
+    bool __bNextField(std::wstring* pcsField);
+    void __Send(std::string_view csBytes);
+    std::string __csToWire(const std::wstring& csText) const;
+
+    CDescripteur m_clSocket;
+    std::wstring m_csCommand;
+    bool m_bUTF8 = false;
+    int m_nNextArgument = 0;
+    std::atomic<int> m_nUsers{2};
+    CZTThread m_clThread;
+};
+
+/// Thread routine of a conversation; the thread's parameter is the CDialog.
+void _WaitForCommandeThreadRoutine(CZTThread* pclThread);

@@ -1,0 +1,88 @@
+// The one operation of a conversation that receives a file.
+
+#include "manager/Dialog.h"
+#include "support/Conversion.h"
+#include "support/DiskFile.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <memory>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+constexpr std::size_t s_nBlock = 65536;
+
+[[noreturn]] void xThrow(const wchar_t* pszOperation, const std::string& csPath)
+{
+    CXError clError;
+    (void)bFail(&clError, pszOperation, csFromUTF8(csPath));
+    throw CXError(clError);
+}
+
+/// A temporary file that is deleted unless it is kept.
+class CTemporaryFile
+{
+public:
+    CTemporaryFile() : m_csPath("/tmp/DXIXXXXXX"), m_clFile(::mkostemp(m_csPath.data(), O_CLOEXEC))
+    {
+        if (!m_clFile.bOpen()) {
+            xThrow(L"mkostemp", m_csPath);
+        }
+    }
+    ~CTemporaryFile()
+    {
+        if (!m_bKept) {
+            ::unlink(m_csPath.c_str());
+        }
+    }
+    CTemporaryFile(const CTemporaryFile&) = delete;
+    CTemporaryFile& operator=(const CTemporaryFile&) = delete;
+
+    void xWrite(const char* pBytes, std::size_t nLength)
+    {
+        while (nLength > 0) {
+            const ssize_t nWritten = ::write(m_clFile.nFd(), pBytes, nLength);
+            if (nWritten < 0 && errno != EINTR) {
+                xThrow(L"write", m_csPath);
+            }
+            const std::size_t nDone = nWritten > 0 ? static_cast<std::size_t>(nWritten) : 0;
+            pBytes += nDone;
+            nLength -= nDone;
+        }
+    }
+    std::wstring csKeep()
+    {
+        m_bKept = true;
+        return csFromUTF8(m_csPath);
+    }
+
+private:
+    std::string m_csPath;
+    CDescripteur m_clFile;
+    bool m_bKept = false;
+};
+} // namespace
+
+void CDialog::xGetFile(const std::wstring& csName, unsigned int nSize, CInstallInfo* pclInfo)
+{
+    CTemporaryFile clFile;
+    const auto pBlock = std::make_unique_for_overwrite<char[]>(s_nBlock);
+    for (std::size_t nTotal = 0; nTotal < nSize;) {
+        const ssize_t nReceived = ::recv(m_clSocket.nFd(), pBlock.get(), s_nBlock, 0);
+        if (nReceived < 0 && errno == EINTR) {
+            continue;
+        }
+        if (nReceived == 0) {
+            errno = ECONNRESET; // the tool is gone: the file will never be whole
+        }
+        if (nReceived <= 0) {
+            xThrow(L"recv", csToUTF8(csName));
+        }
+        clFile.xWrite(pBlock.get(), static_cast<std::size_t>(nReceived));
+        nTotal += static_cast<std::size_t>(nReceived);
+    }
+    pclInfo->tNames.push_back(csName);
+    pclInfo->tTemporaryFiles.push_back(clFile.csKeep());
+}

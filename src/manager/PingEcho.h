@@ -1,0 +1,46 @@
+#pragma once
+
+#include "support/XIpHelper.h"
+#include "support/ZTThread.h"
+
+#include <cstdint>
+#include <string_view>
+
+/// Largest answer that a datagram carries in both address families.
+inline constexpr std::size_t g_nMaxDatagram = 65507;
+
+/// What a datagram asks for.
+enum class EPingForm
+{
+    NONE,   ///< not a question
+    SYSTEM, ///< answer in the system code page
+    UTF8,
+};
+/// Recognises a question: the datagram equals the start of one of the two questions (their ending NUL
+/// included). A prefix of both, an empty datagram included, asks for UTF-8.
+EPingForm eReadPing(std::string_view csDatagram);
+
+/// The longest start of a server list (a tab, a name, a tab, a port, and so on) that ends behind a whole
+/// server and has at most nMax bytes.
+std::string_view csFittingServers(std::string_view csServers, std::size_t nMax);
+
+/// Answers discovery questions over UDP with the text of the INFO command, one question after the other,
+/// without any state between them. The answer comes from the address that was asked; servers that a datagram
+/// cannot carry are left out of it. Owned by the setup manager, used from its main thread.
+class CPingEcho : public CEnsembleSockets
+{
+public:
+    ~CPingEcho();
+    /// Binds the sockets; false (with errno) when that fails.
+    bool bInit(std::uint16_t wPort);
+    /// Starts the thread; throws CXError on failure.
+    bool bStart();
+    void Stop();
+
+private:
+    static void _PingThreadRoutine(CZTThread* pclThread);
+    void _Run();
+    void __Serve(int nSocket);
+
+    CZTThread m_clThread;
+};

@@ -1,0 +1,44 @@
+#include "manager/PipeRecords.h"
+
+#include "support/Conversion.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstdlib>
+
+static_assert(std::endian::native == std::endian::little);
+
+namespace {
+/// Characters in front of the first NUL of a field; all of it when there is none.
+template <class TField>
+std::size_t nTextLength(const TField& tField)
+{
+    return static_cast<std::size_t>(std::find(tField.begin(), tField.end(), 0) - tField.begin());
+}
+
+template <std::size_t nSize>
+std::string csText(const std::array<char, nSize>& szField)
+{
+    return {szField.data(), nTextLength(szField)};
+}
+} // namespace
+
+stRegistration stReadAnsi(const stSEND& stSend)
+{
+    const auto stContent = std::bit_cast<stSendAnsi>(stSend.tContent);
+    return {csWide(csText(stContent.szName), CP_1252), csWide(csText(stContent.szPath), CP_1252),
+            static_cast<std::uint16_t>(std::strtol(csText(stContent.szPort).c_str(), nullptr, 10))};
+}
+
+stRegistration stReadUTF16(const stSEND& stSend)
+{
+    const auto stContent = std::bit_cast<stSendUTF16>(stSend.tContent);
+    return {csFromUTF16(stContent.szName.data(), nTextLength(stContent.szName)),
+            csFromUTF16(stContent.szPath.data(), nTextLength(stContent.szPath)), stContent.wPort};
+}
+
+void WriteReply(std::string_view csText, stRET* pstReturn)
+{
+    *pstReturn = {};
+    csText.copy(pstReturn->szText.data(), nCutUTF8(csText, pstReturn->szText.size()));
+}

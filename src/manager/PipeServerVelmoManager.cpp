@@ -1,0 +1,27 @@
+#include "manager/PipeServerVelmoManager.h"
+
+#include "manager/SetupManager.h"
+#include "support/Conversion.h"
+
+std::string CPipeServerVelmoManager::__csRegister(const stRegistration& stServer)
+{
+    CTString csMessage;
+    m_pclManager->RegisterServer(stServer.csName, stServer.csPath, stServer.wPort, &csMessage);
+    return csToUTF8(csMessage);
+}
+
+void CPipeServerVelmoManager::_ProcessMessage(const stSEND* pstSend, stRET* pstReturn)
+{
+    constexpr std::string_view csUnknown = "UNKNOWN";
+    switch (pstSend->nForm) {
+    case PIPE_FORM_ANSI:
+        (void)__csRegister(stReadAnsi(*pstSend)); // the clients of this form expect "UNKNOWN" even so
+        WriteReply(csUnknown, pstReturn);
+        break;
+    case PIPE_FORM_UTF16:
+        WriteReply(__csRegister(stReadUTF16(*pstSend)), pstReturn);
+        break;
+    default:
+        WriteReply(csUnknown, pstReturn);
+    }
+}

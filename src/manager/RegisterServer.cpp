@@ -1,0 +1,139 @@
+// Registration of a database server that asks for it: finds the service of its executable or makes one, and
+// starts it.
+//
+// Locks, outermost first: the service lock, held from the listing to the start so that two servers cannot
+// take one name or port; then, inside single operations, the service manager's and the child table's. The
+// monitor and the conversations' status queries take none of the first.
+
+#include "config/WinApi.h"
+#include "manager/SetupManager.h"
+#include "support/accesdllres.h"
+#include "support/Conversion.h"
+#include "support/DiskFile.h"
+#include "support/WinApi.h"
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <cwchar>
+
+namespace {
+/// The C library's text for an error.
+std::wstring csSystemText(int nErrno)
+{
+    std::array<char, 1000> tBuffer{};
+    return csFromUTF8(::strerror_r(nErrno, tBuffer.data(), tBuffer.size()));
+}
+
+std::wstring csShortName(const CService& clService)
+{
+    return std::wstring(clService.pszGetName()).substr(std::size(g_szServerPrefix) - 1);
+}
+
+/// Names are compared as they stand in the registry, where a blank is "_".
+bool bSameName(const CService& clService, const stRegistration& stServer)
+{
+    return CServiceManager::csRegisteredName(g_szServerPrefix + stServer.csName) == clService.pszGetName();
+}
+
+/// One listing of the server services; ended with the object when it is left early.
+class CServerListing
+{
+public:
+    explicit CServerListing(CServiceManager* pclManager) : m_pclManager(pclManager) {}
+    CServerListing(const CServerListing&) = delete;
+    CServerListing& operator=(const CServerListing&) = delete;
+    ~CServerListing() { m_pclManager->AbortEnumService(&m_nCursor); }
+
+    std::unique_ptr<CService> pclNext()
+    {
+        return std::unique_ptr<CService>(m_pclManager->pclEnumService(&m_nCursor, g_szServerPrefix));
+    }
+
+private:
+    CServiceManager* m_pclManager;
+    unsigned long m_nCursor = 0;
+};
+} // namespace
+
+void CSetupManager::RegisterServer(const std::wstring& csName, const std::wstring& csBinaryPath,
+                                   std::uint16_t wPort, CTString* pcsError)
+{
+    const stRegistration stServer{csName, csBinaryPath, wPort};
+    const CServiceGuard clGuard = clLockServices();
+    std::unique_ptr<CService> pclService;
+    if (!__bFindServer(clGuard, stServer, &pclService, pcsError)) {
+        return _LogText(*pcsError);
+    }
+    if (pclService == nullptr) {
+        pclService = __pclInstallServer(clGuard, stServer);
+    }
+    if (pclService == nullptr || (pclService->eGetStatus() != STATUS_RUNNING && !pclService->bStart())) {
+        *pcsError = csSystemText(errno);
+        _LogText(*pcsError);
+    }
+}
+
+bool CSetupManager::__bFindServer(const CServiceGuard&, const stRegistration& stServer,
+                                  std::unique_ptr<CService>* ppclFound, CTString* pcsError)
+{
+    CServerListing clListing(&m_clServiceManager);
+    while (auto pclService = clListing.pclNext()) {
+        switch (__eCompare(*pclService, stServer, pcsError)) {
+        case EComparison::OTHER:
+            break;
+        case EComparison::SAME:
+            *ppclFound = std::move(pclService); // of several the last one counts
+            break;
+        case EComparison::CONFLICT:
+            return false;
+        }
+    }
+    return true;
+}
+
+CSetupManager::EComparison CSetupManager::__eCompare(CService& clService, const stRegistration& stServer,
+                                                     CTString* pcsError)
+{
+    const std::wstring csExecutable = clService.csGetExecutable();
+    const bool bSameFile = CDiskFile::bSameFileName(csExecutable, stServer.csPath);
+    if (bSameName(clService, stServer)) {
+        if (bSameFile) {
+            return EComparison::SAME;
+        }
+        DLLRES_bFormatMessage(&g_stMyModule, 4010, pcsError, stServer.csName.c_str(), stServer.csPath.c_str(),
+                              csExecutable.c_str());
+        return EComparison::CONFLICT;
+    }
+    const std::wstring csShort = csShortName(clService);
+    if (bSameFile) { // registered under another name, which the server learns from its configuration
+        const std::wstring csFile = CDiskFile::csDirectory(csExecutable) + L"DXConf.ini";
+        (void)WritePrivateProfileString(L"INIT", L"Name", csShort.c_str(), csFile.c_str());
+        return EComparison::SAME;
+    }
+    // A service without an executable has no configuration, so it holds no port.
+    if (csExecutable.empty() ||
+        std::wcstol(s_csAccessPort(clService).c_str(), nullptr, 10) != stServer.wPort) {
+        return EComparison::OTHER;
+    }
+    DLLRES_bFormatMessage(&g_stMyModule, 4009, pcsError, stServer.csName.c_str(),
+                          static_cast<unsigned int>(stServer.wPort), csShort.c_str());
+    return EComparison::CONFLICT;
+}
+
+std::unique_ptr<CService> CSetupManager::__pclInstallServer(const CServiceGuard&,
+                                                            const stRegistration& stServer)
+{
+    if (stServer.csName.empty() || !stServer.csPath.starts_with(L'/')) { // no service could come of it
+        errno = EINVAL;
+        return nullptr;
+    }
+    const std::wstring csService = g_szServerPrefix + stServer.csName;
+    return std::unique_ptr<CService>(m_clServiceManager.pclInstall(
+        csService.c_str(), csService.c_str(), (stServer.csPath + L" --SERVICE").c_str(), 1, 1));
+}
+
+void CSetupManager::_LogText(const std::wstring& csText)
+{
+    m_clLogger.AddLog(ILogger::PRIORITY_CRITICAL, L"%1!s!", csEscapePercent(csText).c_str());
+}

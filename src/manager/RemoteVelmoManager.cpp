@@ -1,0 +1,137 @@
+#include "manager/RemoteVelmoManager.h"
+
+#include "config/Config.h"
+#include "manager/Dialog.h"
+#include "manager/SetupManager.h"
+#include "service/ServiceManagerUnix.h"
+#include "support/DiskFile.h"
+
+#include <cerrno>
+
+namespace {
+constexpr std::size_t s_nClusterName =
+    1025; ///< characters of the cluster manager's name, terminator included
+
+/// A reply with the system text of what has just failed.
+void Refuse(CDialog& clDialog, eError eCode)
+{
+    clDialog.ACK(eCode, static_cast<unsigned int>(errno));
+}
+
+void Conclude(CDialog& clDialog, bool bDone, eError eCode)
+{
+    if (bDone) {
+        clDialog.ACK(ERREUR_AUCUNE, 0u);
+    } else {
+        Refuse(clDialog, eCode);
+    }
+}
+
+std::wstring csNextArgument(CDialog& clDialog)
+{
+    CTString csArgument;
+    clDialog.GetString(&csArgument);
+    return csArgument;
+}
+/// A name that goes on behind a NUL is not the name in front of it.
+std::unique_ptr<CService> pclLookup(CServiceManager* pclManager, const std::wstring& csService)
+{
+    if (csService.find(L'\0') != std::wstring::npos) {
+        errno = ENOENT;
+        return nullptr;
+    }
+    return std::unique_ptr<CService>(pclManager->pclGetService(csService.c_str()));
+}
+} // namespace
+
+std::unique_ptr<CService> CRemoteVelmoManager::__pclFind(CDialog& clDialog)
+{
+    const std::wstring csName = csNextArgument(clDialog);
+    std::unique_ptr<CService> pclService = pclLookup(m_pclManager, g_szServerPrefix + csName);
+    if (pclService == nullptr && csName == g_szDefaultServer) {
+        pclService = pclLookup(m_pclManager, g_szDefaultServer);
+    }
+    if (pclService == nullptr) {
+        Refuse(clDialog, ERREUR_SERVICE_INCONNU);
+    }
+    return pclService;
+}
+
+void CRemoteVelmoManager::Start(CDialog& clDialog)
+{
+    if (const auto pclService = __pclFind(clDialog)) {
+        Conclude(clDialog, pclService->bStart(), ERREUR_START);
+    }
+}
+
+void CRemoteVelmoManager::Stop(CDialog& clDialog)
+{
+    if (const auto pclService = __pclFind(clDialog)) {
+        Conclude(clDialog, pclService->bStop(), ERREUR_STOP);
+    }
+}
+
+void CRemoteVelmoManager::GetStatus(CDialog& clDialog)
+{
+    /// Index: the status. 5 to 7 are other systems'; a failed server is reported as stopped, intended.
+    static constexpr const wchar_t* s_tWords[] = {
+        L"UNKWNOWN", // spelled so on the wire
+        L"STOPPED",          L"START_PENDING", L"STOP_PENDING", L"RUNNING",
+        L"CONTINUE_PENDING", L"PAUSE_PENDING", L"PAUSED",       L"STOPPED",
+    };
+    const auto pclService = __pclFind(clDialog);
+    if (pclService == nullptr) {
+        return;
+    }
+    const EServiceStatus eStatus = pclService->eGetStatus();
+    if (eStatus == STATUS_UNKNOWN) {
+        Refuse(clDialog, ERREUR_STATUS);
+        return;
+    }
+    const auto nWord = static_cast<std::size_t>(eStatus);
+    clDialog.Answer(std::wstring(L"STATUS\t") + s_tWords[nWord < std::size(s_tWords) ? nWord : 0]);
+}
+
+void CRemoteVelmoManager::UnInstall(CDialog& clDialog)
+{
+    const std::wstring csName = csNextArgument(clDialog);
+    const bool bDeleteFiles = clDialog.dwGetUInt32() != 0;
+    const std::unique_ptr<CService> pclService = pclLookup(m_pclManager, g_szServerPrefix + csName);
+    if (pclService == nullptr) {
+        clDialog.ACK(ERREUR_UNINSTALL_INCONNU, 0u);
+        return;
+    }
+    if (!pclService->bStop()) {
+        Refuse(clDialog, ERREUR_STOP);
+        return;
+    }
+    CXError clError;
+    if (bDeleteFiles &&
+        CDiskFile::bDeleteTree(CDiskFile::csDirectory(pclService->csGetExecutable()), &clError)) {
+        // A completed deletion is told with error 12 and the service stays registered; intended.
+        clDialog.ACK(ERREUR_UNINSTALL_FICHIERS, clError.csGetSystemMessage());
+        return;
+    }
+    Conclude(clDialog, pclService->bRemove(), ERREUR_UNINSTALL_SERVICE);
+}
+
+void CRemoteVelmoManager::ClusterInfo(CDialog& clDialog)
+{
+    const auto pclService = __pclFind(clDialog);
+    if (pclService == nullptr) {
+        return;
+    }
+    const std::wstring csDirectory = CDiskFile::csDirectory(pclService->csGetExecutable());
+    if (csDirectory.empty() || !CDiskFile::bDirectoryExists(csDirectory)) {
+        errno = ENOENT;
+        Refuse(clDialog, ERREUR_SERVICE_INCONNU);
+        return;
+    }
+    const CConfig clConfig(csDirectory.c_str());
+    std::wstring csManager(s_nClusterName, L'\0');
+    if (clConfig.bClusterNode()) {
+        clConfig.GetClusterManagerName(csManager.data());
+    }
+    csManager.resize(wcsnlen(csManager.c_str(), s_nClusterName - 1));
+    clDialog.Answer((csManager.empty() ? L"YES\t0\t" : L"YES\t1\t") + csManager);
+}

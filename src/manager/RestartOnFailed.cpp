@@ -1,0 +1,60 @@
+#include "manager/RestartOnFailed.h"
+
+#include "service/ServiceManagerUnix.h"
+#include "support/accesdllres.h"
+
+#include <memory>
+
+namespace {
+void RestartOnFailedThreadFunc(CZTThread* pclThread)
+{
+    pclThread->Started();
+    static_cast<CRestartOnFailed*>(pclThread->pGetParameter())->Run();
+    pclThread->Stopped();
+}
+} // namespace
+
+CRestartOnFailed::CRestartOnFailed(CServiceManager* pclManager, unsigned int dwPeriod)
+    : m_dwPeriod(dwPeriod), m_pclManager(pclManager)
+{}
+
+CRestartOnFailed::~CRestartOnFailed()
+{
+    Stop();
+}
+
+void CRestartOnFailed::xStart()
+{
+    (void)xbStart(RestartOnFailedThreadFunc, this, &g_stMyModule, 1, 1, 0);
+}
+
+void CRestartOnFailed::Stop()
+{
+    CZTThread::Stop(1);
+}
+
+void CRestartOnFailed::Run()
+{
+    constexpr unsigned int dwMsPerSecond = 1000;
+    while (!bMustStop()) {
+        SleepOrStop(m_dwPeriod * dwMsPerSecond);
+        if (bMustStop()) {
+            break;
+        }
+        try {
+            __Check();
+        } catch (const std::exception&) { // want of memory: costs this pass
+        }
+    }
+}
+
+void CRestartOnFailed::__Check()
+{
+    unsigned long nCursor = 0;
+    while (const auto pclService =
+               std::unique_ptr<CService>(m_pclManager->pclEnumService(&nCursor, L"DXCS-"))) {
+        if (pclService->eGetStatus() == STATUS_FAILED) {
+            (void)pclService->bStart();
+        }
+    }
+}

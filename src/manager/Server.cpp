@@ -1,0 +1,92 @@
+#include "manager/Server.h"
+
+#include "manager/Dialog.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <utility>
+
+namespace {
+constexpr int s_nBacklog = 128;
+/// Pause after an accept that failed (no descriptor left, for instance), so that it does not burn a
+/// processor.
+constexpr unsigned int s_dwPauseMs = 50;
+
+/// A thread that cannot be started costs its conversation; the tool sees its connection closed.
+void Converse(CDescripteur clSocket)
+{
+    auto* pclDialog = new CDialog(std::move(clSocket)); // owned by its two users from here on
+    try {
+        pclDialog->xStart();
+    } catch (...) {
+        pclDialog->Release();
+    }
+    pclDialog->Release();
+}
+} // namespace
+
+void _ServerThreadRoutine(CZTThread* pclThread)
+{
+    pclThread->Started();
+    const int nListening = static_cast<const STSocket*>(pclThread->pGetParameter())->nSocket;
+    while (!pclThread->bMustStop()) {
+        sockaddr_storage stPeer;
+        socklen_t nLength = sizeof stPeer;
+        const int nSocket =
+            ::accept4(nListening, reinterpret_cast<sockaddr*>(&stPeer), &nLength, SOCK_CLOEXEC);
+        if (nSocket < 0) {
+            pclThread->SleepOrStop(s_dwPauseMs);
+            continue;
+        }
+        try {
+            Converse(CDescripteur(nSocket));
+        } catch (const std::exception&) { // want of memory: costs this conversation
+        }
+    }
+    pclThread->Stopped();
+}
+
+CServer::~CServer()
+{
+    Stop();
+}
+
+bool CServer::bInit(std::uint16_t wPort)
+{
+    CXError clIgnored;
+    if (!bSocketListenTCP(wPort, 0, &m_clSockets, &clIgnored, nullptr, s_nBacklog)) {
+        errno = clIgnored.nGetSystemError();
+        return false;
+    }
+    const int nOne = 1;
+    (void)m_clSockets.bSetsockopt(IPPROTO_TCP, TCP_NODELAY, &nOne,
+                                  sizeof nOne); // inherited by the connections
+    m_tThreads.resize(m_clSockets.tGetSockets().size());
+    for (auto& pclThread : m_tThreads) {
+        pclThread = std::make_unique<CZTThread>();
+    }
+    return true;
+}
+
+void CServer::Start()
+{
+    for (std::size_t n = 0; n < m_tThreads.size(); ++n) {
+        m_tThreads[n]->eStart(_ServerThreadRoutine, const_cast<STSocket*>(&m_clSockets.tGetSockets()[n]), 0,
+                              0);
+    }
+}
+
+void CServer::Stop()
+{
+    for (auto& pclThread : m_tThreads) {
+        pclThread->Stop(0);
+    }
+    // Shutting down wakes accept; the descriptors go only when no thread can use their numbers any more.
+    m_clSockets.Shutdown(SHUT_RDWR);
+    for (auto& pclThread : m_tThreads) {
+        pclThread->Stop(1);
+    }
+    m_clSockets.Close();
+    m_tThreads.clear();
+}

@@ -1,0 +1,33 @@
+#pragma once
+
+#include "support/XIpHelper.h"
+#include "support/ZTThread.h"
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+/// The TCP server: listening sockets for every local address, one accept thread for each, one CDialog for
+/// each accepted connection. Owned by the setup manager, used from its main thread.
+class CServer
+{
+public:
+    CServer() = default;
+    CServer(const CServer&) = delete;
+    CServer& operator=(const CServer&) = delete;
+    ~CServer();
+
+    /// Opens the listening sockets; false when that fails (errno tells).
+    bool bInit(std::uint16_t wPort);
+    /// Starts the accept threads.
+    void Start();
+    /// Ends the accept threads and closes the sockets. Conversations go on.
+    void Stop();
+
+private:
+    std::vector<std::unique_ptr<CZTThread>> m_tThreads; ///< one per listening socket, in the same order
+    CEnsembleSockets m_clSockets;
+};
+
+/// Thread routine of an accept thread; the thread's parameter is the listening STSocket.
+void _ServerThreadRoutine(CZTThread* pclThread);

@@ -1,0 +1,207 @@
+#include "manager/SetupManager.h"
+
+#include "config/Config.h"
+#include "config/WinApi.h"
+#include "support/accesdllres.h"
+#include "support/Conversion.h"
+#include "support/DescriptorLimit.h"
+#include "support/DiskFile.h"
+#include "support/FileVersion.h"
+#include "support/Ignored.h"
+#include "support/SystemInfo.h"
+#include "support/WinApi.h"
+#include "vm/DLLExecution.h"
+#include "vm/vmload.h"
+
+#include <array>
+#include <cerrno>
+#include <unistd.h>
+
+CSetupManager* gpclSetupManager = nullptr;
+
+namespace {
+constexpr std::size_t s_nPrefixLength = 5; ///< of "DXCS-"; dropped from every listed name
+constexpr std::size_t s_nPortText = 200;   ///< characters read of an access port
+
+void ReplaceAll(std::wstring* pcsText, std::wstring_view csFrom, std::wstring_view csTo)
+{
+    for (std::size_t n = pcsText->find(csFrom); n != std::wstring::npos;
+         n = pcsText->find(csFrom, n + csTo.size())) {
+        pcsText->replace(n, csFrom.size(), csTo);
+    }
+}
+} // namespace
+
+CSetupManager::CSetupManager() : m_clRemote(&m_clServiceManager)
+{
+    m_clLogger.bSetMode(ILogger::MODE_SYSTEM);
+    m_clPipeServer.SetManager(this);
+    m_clMainLoop.Init(0, 1);
+    if (const CConfig clConfig(nullptr); clConfig.bRestartOnFailed() != 0) {
+        m_pclRestart = std::make_unique<CRestartOnFailed>(&m_clServiceManager, clConfig.dwCheckPeriod());
+    }
+}
+
+CSetupManager::~CSetupManager()
+{
+    if (m_clRuntime.bLoaded()) {
+        CBaseExecutionDLL::s_TermineMoiMeme(m_clRuntime.hGetHandle());
+        TermVM(0);
+        m_clRuntime.Unload();
+    }
+}
+
+bool CSetupManager::bInitVM()
+{
+    CXError clError;
+    const std::wstring csDirectory = CDiskFile::csDirectory(GetModuleFileNameW());
+    if (m_clRuntime.bLoad(csDirectory + L"zt240vm64.so", &clError)) {
+        void* hLibrary = m_clRuntime.hGetHandle();
+        if (::bInitVM(hLibrary, &clError) && bCheminDLL(nullptr) &&
+            CBaseExecutionDLL::s_bInitialiseMoiMeme(hLibrary, &clError)) {
+            return true;
+        }
+    }
+    _LogError(clError);
+    return false;
+}
+
+bool CSetupManager::bInit()
+{
+    _HInfoServeur();
+    if (!m_clServiceManager.bInit(nullptr, 0)) {
+        return false;
+    }
+    if (m_clServer.bInit(g_wManagerPort) && m_clPingEcho.bInit(g_wManagerPort)) {
+        return true;
+    }
+    CXError clError;
+    clError.SetSystemError(errno);
+    CTString csMessage;
+    DLLRES_bFormatMessage(&g_stMyModule, 25627, &csMessage, static_cast<unsigned int>(g_wManagerPort));
+    clError.SetUserError(25627, csMessage);
+    _LogError(clError);
+    return false;
+}
+
+bool CSetupManager::bStart()
+{
+    const uid_t nUser = ::geteuid();
+    Ignored(::setreuid(nUser, nUser)); // from now on one identity; a refusal changes nothing
+    RaiseDescriptorLimit();
+    if (!bInit()) {
+        return false;
+    }
+    try {
+        m_clServer.Start();
+        if (m_pclRestart != nullptr) {
+            m_pclRestart->xStart();
+        }
+        return m_clPingEcho.bStart() && m_clPipeServer.bStart();
+    } catch (const CXError& clError) {
+        _LogError(clError);
+        return false;
+    }
+}
+
+void CSetupManager::MainLoop()
+{
+    m_clMainLoop.Wait();
+    __TermMainLoop();
+}
+
+void CSetupManager::Stop()
+{
+    __StopMainLoop();
+}
+
+void CSetupManager::__StopMainLoop()
+{
+    m_clMainLoop.__Post(0);
+}
+
+void CSetupManager::__TermMainLoop()
+{
+    m_clServer.Stop();
+    m_clPingEcho.Stop();
+    if (m_pclRestart != nullptr) {
+        m_pclRestart->Stop();
+    }
+    m_clPipeServer.bStop();
+}
+
+void CSetupManager::_HInfoServeur()
+{
+    _AddVIInfo();
+    _AddOSInfo();
+    _AddCPU_RAM_Info();
+}
+
+void CSetupManager::_AddVIInfo()
+{
+    CFileVersion clVersion;
+    std::wstring csVersion;
+    if (!clVersion.bLoad(GetModuleFileNameW()) ||
+        !clVersion.bGetStringValue(L"\\StringFileInfo\\000004E4\\VersionVI", &csVersion)) {
+        csVersion = L"?";
+    }
+    m_csHostInfo += csVersion + L"\t";
+}
+
+void CSetupManager::_AddOSInfo()
+{
+    ::AddOSInfo(&m_csHostInfo);
+    m_csHostInfo += L"\t";
+}
+
+void CSetupManager::_AddCPU_RAM_Info()
+{
+    ::AddCPUInfo(&m_csHostInfo);
+    tagMEMORYSTATUSEX stMemory{};
+    stMemory.dwLength = sizeof stMemory;
+    GlobalMemoryStatusEx(&stMemory);
+    m_csHostInfo += L"\t" + std::to_wstring(stMemory.qwTotalPhys / 1048576) + L" Mo";
+}
+
+void CSetupManager::AddServeurList(CTString* pcsReply)
+{
+    const CServiceGuard clGuard = clLockServices();
+    unsigned long nCursor = 0;
+    while (const auto pclService =
+               std::unique_ptr<CService>(m_clServiceManager.pclEnumService(&nCursor, g_szServerPrefix))) {
+        __AddServeurList(clGuard, *pclService, pcsReply);
+    }
+    if (const auto pclService =
+            std::unique_ptr<CService>(m_clServiceManager.pclGetService(g_szDefaultServer))) {
+        __AddServeurList(clGuard, *pclService, pcsReply);
+    }
+}
+
+std::wstring CSetupManager::s_csAccessPort(CService& clService)
+{
+    const std::wstring csFile = CDiskFile::csDirectory(clService.csGetExecutable()) + L"DXConf.ini";
+    std::array<wchar_t, s_nPortText + 1> tPort{};
+    GetPrivateProfileString(L"INIT", L"AccessPort", L"4900", tPort.data(), tPort.size(), csFile.c_str());
+    return tPort.data();
+}
+
+void CSetupManager::__AddServeurList(const CServiceGuard&, CService& clService, CTString* pcsReply)
+{
+    if (clService.pszBinaryPathName() == nullptr) {
+        return;
+    }
+    const wchar_t* pszDisplayName = clService.pszGetDisplayName();
+    const std::wstring csName(pszDisplayName != nullptr ? pszDisplayName : clService.pszGetName());
+    *pcsReply +=
+        L"\t" + csName.substr(std::min(csName.size(), s_nPrefixLength)) + L"\t" + s_csAccessPort(clService);
+}
+
+void CSetupManager::_LogError(const CXError& clError)
+{
+    constexpr unsigned int nEverything = 0x80000FFF;
+    CTString csText;
+    DLLRES_bFormatMessage(&g_stMyModule, 4012, &csText, g_szManagerService);
+    csText += L"\r\n" + clError.StringDump(nEverything);
+    ReplaceAll(&csText, L"\r\n", L"\n");
+    m_clLogger.AddLog(ILogger::PRIORITY_CRITICAL, L"%1!s!", csEscapePercent(csText).c_str());
+}

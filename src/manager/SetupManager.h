@@ -1,0 +1,116 @@
+#pragma once
+
+#include "main/Logger.h"
+#include "main/ServiceUnix.h"
+#include "manager/PingEcho.h"
+#include "manager/PipeServerVelmoManager.h"
+#include "manager/RemoteVelmoManager.h"
+#include "manager/RestartOnFailed.h"
+#include "manager/Server.h"
+#include "service/ServiceManagerUnix.h"
+#include "support/XYString.h"
+#include "support/ZTSem.h"
+#include "vm/Proxy.h"
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+
+/// Port of the TCP server and of the ping echo; fixed.
+inline constexpr std::uint16_t g_wManagerPort = 4999;
+/// Name prefix of every database-server service.
+inline constexpr wchar_t g_szServerPrefix[] = L"DXCS-";
+/// A service that counts as a server without the prefix.
+inline constexpr wchar_t g_szDefaultServer[] = L"dxsql";
+/// Name of the manager's own service.
+inline constexpr wchar_t g_szManagerService[] = L"VelmoManager";
+
+/// Proof that the service lock is held.
+using CServiceGuard = std::unique_lock<std::mutex>;
+
+/// The daemon's service implementation: owns the service registry, the endpoints, the logger and the language
+/// runtime, starts and stops them in a fixed order, lists and registers the database servers.
+///
+/// One per process (gpclSetupManager), made and destroyed by main. bInitVM, bStart, MainLoop and the
+/// destructor are the main thread's. AddServeurList, RegisterServer and csGetHostInfo may be called by any
+/// endpoint's thread.
+class CSetupManager : public CServiceImp
+{
+public:
+    CSetupManager();
+    ~CSetupManager() override;
+
+    /// Loads the language runtime from the executable's directory; a failure is logged.
+    bool bInitVM();
+    /// Builds the host information and opens the endpoints' sockets. Called again, it appends the information
+    /// again.
+    bool bInit();
+
+    void MainLoop() override;
+    ILogger* pclGetLogger() override { return &m_clLogger; }
+    bool bStart() override;
+    /// Async-signal-safe.
+    void Stop() override;
+    bool vbLogStartOK() override { return true; }
+
+    /// The service manager, for the command-line modes and the dialogs.
+    CServiceManager* pclGetServiceManager() { return &m_clServiceManager; }
+    CRemoteVelmoManager& clGetRemote() { return m_clRemote; }
+    /// Takes the service lock, which serialises every listing or change of the server services.
+    CServiceGuard clLockServices() { return CServiceGuard(m_clServiceLock); }
+
+    /// Version, system, processor and memory; fields separated by tabs. Written once before any endpoint
+    /// runs.
+    const CTString& csGetHostInfo() const { return m_csHostInfo; }
+    /// Appends a tab, the name, a tab and the access port for each server service. Takes the service lock.
+    void AddServeurList(CTString* pcsReply);
+    /// Access port of a server as its own configuration has it; "4900" when that does not say.
+    static std::wstring s_csAccessPort(CService& clService);
+    /// Makes sure that a service exists for this server's executable and runs. On refusal or failure the text
+    /// goes into pcsError and the log, and no service is changed. Takes the service lock.
+    void RegisterServer(const std::wstring& csName, const std::wstring& csBinaryPath, std::uint16_t wPort,
+                        CTString* pcsError);
+
+private:
+    void __StopMainLoop();
+    void __TermMainLoop();
+    void _HInfoServeur();
+    void _AddVIInfo();
+    void _AddOSInfo();
+    void _AddCPU_RAM_Info();
+    void __AddServeurList(const CServiceGuard& clGuard, CService& clService, CTString* pcsReply);
+    void _LogError(const CXError& clError);
+    /// Text from outside, logged as it is.
+    void _LogText(const std::wstring& csText);
+
+    /// What a service is to a server that registers.
+    enum class EComparison
+    {
+        OTHER,
+        SAME,     ///< the server's own service
+        CONFLICT, ///< it has the server's name or port
+    };
+    /// False when a service is in conflict with the server; the text then says how.
+    bool __bFindServer(const CServiceGuard& clGuard, const stRegistration& stServer,
+                       std::unique_ptr<CService>* ppclFound, CTString* pcsError);
+    static EComparison __eCompare(CService& clService, const stRegistration& stServer, CTString* pcsError);
+    /// Null with errno set when it cannot be installed.
+    std::unique_ptr<CService> __pclInstallServer(const CServiceGuard& clGuard,
+                                                 const stRegistration& stServer);
+
+    CServiceManager m_clServiceManager;
+    CRemoteVelmoManager m_clRemote;
+    std::mutex m_clServiceLock;
+    CServer m_clServer;
+    CPingEcho m_clPingEcho;
+    CPipeServerVelmoManager m_clPipeServer;
+    CProxyDll m_clRuntime;
+    CLogger m_clLogger;
+    CTString m_csHostInfo;
+    std::unique_ptr<CRestartOnFailed> m_pclRestart;
+    CZTSemNoInit m_clMainLoop;
+};
+
+/// The one setup manager; null outside main's Init to Term.
+extern CSetupManager* gpclSetupManager;

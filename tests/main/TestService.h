@@ -1,0 +1,108 @@
+#pragma once
+
+#include "main/ServiceUnix.h"
+#include "support/ZTSem.h"
+#include "tools/Wait.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+/// Where the services of the tests note what happens to them, one word each.
+inline constexpr char g_szEvents[] = "/tmp/events";
+/// While this file exists a main loop does not return.
+inline constexpr char g_szHold[] = "/tmp/hold";
+
+inline std::string csReadFile(const std::string& csPath)
+{
+    std::ostringstream clText;
+    clText << std::ifstream(csPath).rdbuf();
+    return clText.str();
+}
+
+/// A small real service: waits for Stop and notes what happens.
+class CTestService : public CServiceImp
+{
+public:
+    CTestService() { m_clEnd.Init(0, 1); }
+
+    void MainLoop() override
+    {
+        m_clEnd.Wait();
+        bWaitUntil([] { return !std::filesystem::exists(g_szHold); }, 10'000);
+        s_Note("ended ");
+    }
+    ILogger* pclGetLogger() override { return &m_clLogger; }
+    bool bStart() override
+    {
+        s_Note("started ");
+        return m_fnStart();
+    }
+    void Stop() override
+    {
+        s_Note("stop ");
+        m_clEnd.__Post(0);
+    }
+    bool vbWithCoreDump() override { return m_bCoreDump; }
+    bool vbGetServiceUser(wchar_t* pszUser) override { return bCopy(m_csUser, pszUser); }
+    bool vbGetOwnDirectory(wchar_t* pszDirectory) override { return bCopy(m_csDirectory, pszDirectory); }
+
+    /// Async-signal-safe.
+    static void s_Note(const char* pszWord)
+    {
+        const int nFd = ::open(g_szEvents, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
+        (void)!::write(nFd, pszWord, std::string_view(pszWord).size());
+        ::close(nFd);
+    }
+
+    std::function<bool()> m_fnStart = [] { return true; };
+    std::wstring m_csUser;
+    std::wstring m_csDirectory;
+    bool m_bCoreDump = false;
+
+private:
+    static bool bCopy(const std::wstring& cs, wchar_t* psz)
+    {
+        cs.copy(psz, 260);
+        psz[cs.size()] = L'\0';
+        return !cs.empty();
+    }
+    CLogger m_clLogger;
+    CZTSemNoInit m_clEnd;
+};
+
+/// Forks a process that runs a service as main does; its status is what main would return.
+inline pid_t nLaunch(const std::function<void(CTestService&)>& fnPrepare, const std::function<bool()>& fnRun)
+{
+    std::ofstream{g_szEvents};
+    ::chmod(g_szEvents, 0666);
+    const pid_t nPid = ::fork();
+    if (nPid == 0) {
+        CTestService clService;
+        gpclServiceImp = &clService;
+        fnPrepare(clService);
+        ::_exit(fnRun() ? 0 : 255);
+    }
+    return nPid;
+}
+
+/// How a process ended: its status, or 128 and the signal; -1 when it does not end in time. Then it is
+/// killed.
+inline int nEnd(pid_t nPid, int nMs = 10'000)
+{
+    int nStatus = 0;
+    if (!bWaitUntil([&] { return ::waitpid(nPid, &nStatus, WNOHANG) == nPid; }, nMs)) {
+        ::kill(nPid, SIGKILL);
+        ::waitpid(nPid, &nStatus, 0);
+        return -1;
+    }
+    return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : 128 + WTERMSIG(nStatus);
+}

@@ -1,0 +1,55 @@
+#include "main/Logger.h"
+#include "SystemLog.h"
+
+#include <cerrno>
+#include <gtest/gtest.h>
+
+namespace {
+class Logger : public ::testing::Test
+{
+protected:
+    void SetUp() override { REQUIRE_PRIVATE_DEVICES(); }
+};
+} // namespace
+
+TEST_F(Logger, WritesFormattedTextToTheSystemLogAtItsPriority)
+{
+    const CSystemLog clLog;
+    CLogger clLogger;
+    clLogger.AddLog(ILogger::PRIORITY_CRITICAL, L"the server %1 on port %2!u!", L"Donn\u00e9es", 4900u);
+    EXPECT_EQ(clLog.csNext(), "<10>the server Donn\xC3\xA9"
+                              "es on port 4900");
+    clLogger.AddLogEvent(ILogger::PRIORITY_INFO, 77, L"%2 before %1", L"one", L"two");
+    EXPECT_EQ(clLog.csNext(), "<14>two before one") << "the event's number is not written";
+    const wchar_t* tDetails[] = {L"first 100%%%%", L"second", L"third"};
+    clLogger.AddLogDetail(ILogger::PRIORITY_ERROR, 5, tDetails, 3);
+    EXPECT_EQ(clLog.csNext(), "<11>first 100%") << "a format twice over";
+    EXPECT_TRUE(clLog.bSilent());
+}
+
+TEST_F(Logger, ASystemErrorIsTheOneAtTheCallWithNumberAndText)
+{
+    const CSystemLog clLog;
+    CLogger clLogger;
+    errno = ENOENT;
+    clLogger.AddLogSystemError(L"open of %ls failed, try %d", L"/etc/x", 3);
+    EXPECT_EQ(clLog.csNext(), "<11>open of /etc/x failed, try 3 , error 2, No such file or directory");
+}
+
+TEST_F(Logger, OnlySystemModeReachesTheSystemLog)
+{
+    const CSystemLog clLog;
+    CLogger clLogger;
+    for (const ILogger::eMODE eMode : {ILogger::MODE_OFF, ILogger::MODE_FILE}) {
+        EXPECT_TRUE(clLogger.bSetMode(eMode, L"/tmp/velmo.log"));
+        clLogger.AddLog(ILogger::PRIORITY_ERROR, L"lost");
+        clLogger.AddLogEvent(ILogger::PRIORITY_ERROR, 1, L"lost");
+        const wchar_t* tDetails[] = {L"lost"};
+        clLogger.AddLogDetail(ILogger::PRIORITY_ERROR, 1, tDetails, 1);
+    }
+    EXPECT_TRUE(clLog.bSilent());
+    EXPECT_FALSE(std::filesystem::exists("/tmp/velmo.log"));
+    clLogger.bSetMode(ILogger::MODE_SYSTEM);
+    clLogger.AddLog(ILogger::PRIORITY_ERROR, L"back");
+    EXPECT_EQ(clLog.csNext(), "<11>back");
+}

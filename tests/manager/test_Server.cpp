@@ -1,0 +1,311 @@
+// The TCP server with its conversations, over real sockets in a network of the test's own, against a scripted
+// systemctl. Exact bytes with the real one are asked in the machine.
+
+#include "manager/Dialog.h"
+#include "manager/SetupManager.h"
+#include "service/LanceProcessus.h"
+#include "tools/PrivateWorld.h"
+#include "tools/TempDir.h"
+#include "tools/Wait.h"
+#include "tools/WireClient.h"
+
+#include <chrono>
+#include <fcntl.h>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <memory>
+#include <sys/resource.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+/// "show" knows DXCS-a, DXCS-Données and DXCS-bad; the state of a server is in the file $DIR/state; "start
+/// DXCS-bad" and "stop DXCS-bad" are refused.
+constexpr char s_szSystemctl[] = R"sh(case "$*" in
+--no-pager*) exit 0 ;;
+list-units*) printf '  DXCS-a.service l a r A\n  DXCS-Donn\\xc3\\xa9es.service l a r D\n' ;;
+*ActiveState*) echo "ActiveState=$(cat $DIR/state 2>/dev/null || echo active)" ;;
+*FragmentPath*|*SourcePath*) echo "P=" ;;
+"start DXCS-bad"|"stop DXCS-bad") exit 1 ;;
+*show\ DXCS-a|*show\ DXCS-bad|*show\ dxsql) printf 'Type=forking\nExecStart={ argv[]=%s/srv/dx --SERVICE %s ; }\nDescription=%s\n' "$DIR" "$3" "$3" ;;
+*show\ DXCS-Données) printf 'Type=forking\nExecStart={ argv[]=/none/dx --SERVICE x ; }\nDescription=%s\n' "$3" ;;
+*show*) printf 'Type=\nDescription=%s\n' "$3" ;;
+esac)sh";
+
+int nCountEntries(const char* pszFolder)
+{
+    const std::filesystem::directory_iterator clAll(pszFolder);
+    return static_cast<int>(std::distance(begin(clAll), end(clAll)));
+}
+int nCountDescriptors()
+{
+    return nCountEntries("/proc/self/fd");
+}
+int nCountThreads()
+{
+    return nCountEntries("/proc/self/task");
+}
+
+class Server : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        REQUIRE_PRIVATE_WORLD();
+        ASSERT_TRUE(bFreshNetwork());
+        m_nThreads = nCountThreads();
+        CLanceProcessus::sInit();
+        m_pclTool = std::make_unique<CFakeTool>("/bin/systemctl", s_szSystemctl);
+        m_pclManager = std::make_unique<CSetupManager>();
+        gpclSetupManager = m_pclManager.get();
+        ASSERT_TRUE(m_pclManager->bStart());
+        m_clMainLoop = std::thread([this] { m_pclManager->MainLoop(); });
+    }
+    void TearDown() override
+    {
+        if (m_pclManager == nullptr) {
+            return;
+        }
+        m_pclManager->Stop();
+        if (m_clMainLoop.joinable()) {
+            m_clMainLoop.join();
+        }
+        EXPECT_TRUE(CDialog::s_bEndAll(5000));
+        EXPECT_TRUE(bWaitUntil([this] { return nCountThreads() == m_nThreads; }, 5000))
+            << "a thread is left over";
+        gpclSetupManager = nullptr;
+        m_pclManager.reset();
+        CLanceProcessus::sTerm();
+        CServiceManager::ms_eDistri = DISTRI_UNKNOWN;
+    }
+    /// A conversation that has been greeted.
+    static std::unique_ptr<CWireClient> pclOpen(const char* pszAddress = "127.0.0.1")
+    {
+        auto pclTool = std::make_unique<CWireClient>(pszAddress, g_wManagerPort);
+        EXPECT_EQ(pclTool->csLine(), "HELLO FROM SERVEUR SETUP 24.0.6.0\r\n");
+        return pclTool;
+    }
+    std::unique_ptr<CFakeTool> m_pclTool;
+    std::unique_ptr<CSetupManager> m_pclManager;
+    std::thread m_clMainLoop;
+    int m_nThreads = 0;
+};
+} // namespace
+
+TEST_F(Server, EveryCommandGivesItsReplyOnBothAddressFamilies)
+{
+    const struct
+    {
+        const char* pszSent;
+        const char* pszReply;
+    } tCases[] = {
+        {"START\ta", "OK\r\n"},
+        {"start\tbad", "ERROR\t2Operation canceled\r\n"},
+        {"START\tnone", "ERROR\t1No such file or directory\r\n"},
+        {"START", "ERROR\t1No such file or directory\r\n"},
+        {"STATUS\ta", "STATUS\tRUNNING\r\n"},
+        {"status\ta\tignored", "STATUS\tRUNNING\r\n"},
+        {"STATUS\tdxsql", "STATUS\tRUNNING\r\n"},
+        {"STATUS\tDXSQL", "ERROR\t1No such file or directory\r\n"},
+        {"STATUS\tDonn\xE9"
+         "es",
+         "STATUS\tRUNNING\r\n"},
+        {"UNINSTALL\tnone\t1", "ERROR\t11\r\n"},
+        {"UNINSTALL\tdxsql\t1", "ERROR\t11\r\n"},
+        {"UNINSTALL\tbad\t0", "ERROR\t3Operation canceled\r\n"},
+        {"UNINSTALL\ta\t0", "OK\r\n"},
+        {"CLUSTERINFO\tnone", "ERROR\t1No such file or directory\r\n"},
+        {"CLUSTERINFO\tDonn\xE9"
+         "es",
+         "ERROR\t1No such file or directory\r\n"},
+        {"STOP\ta", "ERROR\t8\r\n"},
+        {"NONSENSE", "ERROR\t8\r\n"},
+        {"", "ERROR\t8\r\n"},
+        {"STATUS a", "ERROR\t8\r\n"},
+        {"STATUS\tx -Hhost", "ERROR\t1No such file or directory\r\n"},
+        {"STATUS\tbu*", "ERROR\t1No such file or directory\r\n"},
+        {"mode_utf8", "OK\r\n"},
+        {"STATUS\tDonn\xC3\xA9"
+         "es",
+         "STATUS\tRUNNING\r\n"},
+        {"STATUS\tDonn\xE9"
+         "es",
+         "ERROR\t1No such file or directory\r\n"},
+    };
+    for (const char* pszAddress : {"127.0.0.1", "::1"}) {
+        const auto pclTool = pclOpen(pszAddress);
+        for (const auto& st : tCases) {
+            SCOPED_TRACE(st.pszSent);
+            EXPECT_EQ(pclTool->csAsk(st.pszSent), st.pszReply);
+        }
+        EXPECT_TRUE(pclTool->bSend("QUIT\r\n"));
+        EXPECT_TRUE(pclTool->bClosed());
+    }
+}
+
+TEST_F(Server, TheStateOfAServerIsItsWordOnTheWire)
+{
+    const struct
+    {
+        const char* pszState;
+        const char* pszReply;
+    } tCases[] = {
+        {"inactive", "STATUS\tSTOPPED\r\n"},         {"failed", "STATUS\tSTOPPED\r\n"},
+        {"activating", "STATUS\tSTART_PENDING\r\n"}, {"deactivating", "STATUS\tSTOP_PENDING\r\n"},
+        {"reloading", "STATUS\tRUNNING\r\n"},        {"whatever", "STATUS\tSTOPPED\r\n"},
+    };
+    const auto pclTool = pclOpen();
+    for (const auto& st : tCases) {
+        m_pclTool->Write("state", std::string(st.pszState) + "\n");
+        EXPECT_EQ(pclTool->csAsk("STATUS\ta"), st.pszReply) << st.pszState;
+    }
+}
+
+TEST_F(Server, InfoListsHostAndServersInTheEncodingOfTheConversation)
+{
+    m_pclTool->Write("srv/DXConf.ini",
+                     "[INIT]\nAccessPort=4911\n[ClusterNode]\nCluster=1\nClusterManager=boss\n");
+    const auto pclTool = pclOpen();
+    const std::string csReply = pclTool->csAsk("info");
+    EXPECT_TRUE(csReply.starts_with("YES\t"));
+    EXPECT_TRUE(csReply.ends_with(" Mo\ta\t4911\tDonn\xE9"
+                                  "es\t4900\t\t4911\r\n"))
+        << csReply; // dxsql: an empty name
+    EXPECT_EQ(pclTool->csAsk("CLUSTERINFO\ta"), "YES\t1\tboss\r\n");
+    m_pclTool->Write("srv/DXConf.ini", "[ClusterNode]\nCluster=2\nClusterManager=boss\n");
+    EXPECT_EQ(pclTool->csAsk("CLUSTERINFO\ta"), "YES\t0\t\r\n");
+    EXPECT_EQ(pclTool->csAsk("MODE_UTF8"), "OK\r\n");
+    EXPECT_TRUE(pclTool->csAsk("INFO").ends_with("\ta\t4900\tDonn\xC3\xA9"
+                                                 "es\t4900\t\t4900\r\n"));
+}
+
+TEST_F(Server, UninstallWithFilesTellsACompletedDeletionWithErrorTwelveAndKeepsTheService)
+{
+    m_pclTool->Write("srv/data/base", "x");
+    const auto pclTool = pclOpen();
+    (void)m_pclTool->csTakeJournal();
+    EXPECT_EQ(pclTool->csAsk("UNINSTALL\ta\t1"), "ERROR\t12\t\r\n");
+    EXPECT_FALSE(m_pclTool->bExists("srv"));
+    EXPECT_EQ(m_pclTool->csTakeJournal().find("disable"), std::string::npos);
+    EXPECT_EQ(pclTool->csAsk("UNINSTALL\ta\t1"), "OK\r\n") << "nothing to delete any more: the service goes";
+}
+
+TEST_F(Server, ALineMayComeInPiecesOrBeLongAndWhatFollowsItInOneSegmentIsLost)
+{
+    const auto pclTool = pclOpen();
+    for (const char* pszPiece : {"STA", "TUS\t", "a\r", "\n"}) {
+        EXPECT_TRUE(pclTool->bSend(pszPiece));
+        EXPECT_TRUE(pszPiece[0] == '\n' || pclTool->bSilent());
+    }
+    EXPECT_EQ(pclTool->csLine(), "STATUS\tRUNNING\r\n");
+    EXPECT_TRUE(pclTool->bSend("NO\targuments\r\nSTATUS\ta\r\n"));
+    EXPECT_EQ(pclTool->csLine(), "ERROR\t8\r\n");
+    EXPECT_TRUE(pclTool->bSilent());
+    const auto clStart = std::chrono::steady_clock::now();
+    EXPECT_TRUE(pclTool->bSend(std::string(8'000'000, '\r') + "\r\n", std::chrono::seconds(20)));
+    EXPECT_EQ(pclTool->csLine(std::chrono::seconds(20)), "ERROR\t8\r\n");
+    EXPECT_LT(std::chrono::steady_clock::now() - clStart, std::chrono::seconds(10))
+        << "the search must stay linear";
+    EXPECT_EQ(pclTool->csAsk(std::string("STATUS\ta\0b", 10)), "ERROR\t1No such file or directory\r\n");
+}
+
+TEST_F(Server, NothingThatToolsDoToTheirConnectionsLeavesAnythingBehind)
+{
+    const int nDescriptors = nCountDescriptors();
+    const int nThreads = nCountThreads();
+    const auto bBack = [&] {
+        return CDialog::s_nCount() == 0 && nCountDescriptors() == nDescriptors && nCountThreads() == nThreads;
+    };
+    for (int n = 0; n < 2000; ++n) {
+        CWireClient("127.0.0.1", g_wManagerPort).Close();
+    }
+    EXPECT_TRUE(bWaitUntil(bBack, 20'000)) << "after connecting and closing at once";
+    for (int n = 0; n < 500; ++n) {
+        CWireClient clTool("127.0.0.1", g_wManagerPort);
+        EXPECT_TRUE(clTool.bSend("NONSENSE\r\n"));
+        clTool.Reset();
+    }
+    EXPECT_TRUE(bWaitUntil(bBack, 20'000)) << "after resets in the middle of a reply";
+}
+
+TEST_F(Server, FifteenHundredConversationsAtOnceAreAllAnswered)
+{
+    rlimit stLimit{};
+    ::getrlimit(RLIMIT_NOFILE, &stLimit);
+    if (stLimit.rlim_max < 4000) {
+        GTEST_SKIP() << "SKIPPED: hard descriptor limit below 4000";
+    }
+    stLimit.rlim_cur = stLimit.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &stLimit);
+    std::vector<std::unique_ptr<CWireClient>> tTools;
+    for (int n = 0; n < 1500; ++n) {
+        tTools.push_back(pclOpen());
+    }
+    EXPECT_EQ(tTools.back()->csAsk("STATUS\ta"), "STATUS\tRUNNING\r\n");
+    for (const auto& pclTool : tTools) {
+        EXPECT_EQ(pclTool->csAsk("HELLO"), "ERROR\t8\r\n");
+    }
+}
+
+TEST_F(Server, ConversationsListAndAskAtOnce)
+{
+    std::vector<std::thread> tTools;
+    for (int n = 0; n < 6; ++n) {
+        tTools.emplace_back([n] {
+            const auto pclTool = pclOpen(n % 2 == 0 ? "127.0.0.1" : "::1");
+            for (int nRound = 0; nRound < 4; ++nRound) {
+                EXPECT_TRUE(pclTool->csAsk("INFO").ends_with("\ta\t4900\tDonn\xE9"
+                                                             "es\t4900\t\t4900\r\n"));
+                EXPECT_EQ(pclTool->csAsk("STATUS\ta"), "STATUS\tRUNNING\r\n");
+            }
+        });
+    }
+    for (std::thread& clTool : tTools) {
+        clTool.join();
+    }
+}
+
+TEST_F(Server, OutOfDescriptorsItWaitsAndThenAcceptsAgain)
+{
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "SKIPPED: the sanitizer itself needs descriptors";
+#endif
+    const auto pclTool = pclOpen();
+    rlimit stBefore{};
+    ::getrlimit(RLIMIT_NOFILE, &stBefore);
+    std::vector<CDescripteur> tFill; // no holes, so that the limit is a number of free descriptors
+    while (tFill.size() < 64) {
+        tFill.emplace_back(::fcntl(0, F_DUPFD_CLOEXEC, 0));
+    }
+    // Three tools' own ends and one to spare; a waiting accept may hold one more. So two are served at most.
+    const rlimit stNone{static_cast<rlim_t>(tFill.back().nFd()) + 1 + 4, stBefore.rlim_max};
+    ::setrlimit(RLIMIT_NOFILE, &stNone);
+    CWireClient tTools[3];
+    for (CWireClient& clTool : tTools) {
+        ASSERT_TRUE(clTool.bConnect("127.0.0.1", g_wManagerPort));
+    }
+    CWireClient& clLate = tTools[2];
+    timespec stCpu1{};
+    timespec stCpu2{};
+    ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &stCpu1);
+    EXPECT_TRUE(clLate.bSilent(std::chrono::milliseconds(500)));
+    ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &stCpu2);
+    EXPECT_EQ(pclTool->csAsk("HELLO"), "ERROR\t8\r\n") << "those in progress are unharmed";
+    ::setrlimit(RLIMIT_NOFILE, &stBefore);
+    EXPECT_LT((stCpu2.tv_sec - stCpu1.tv_sec) * 1000 + (stCpu2.tv_nsec - stCpu1.tv_nsec) / 1'000'000, 100)
+        << "ms";
+    EXPECT_EQ(clLate.csLine(std::chrono::milliseconds(1000)), "HELLO FROM SERVEUR SETUP 24.0.6.0\r\n");
+}
+
+TEST_F(Server, AStopEndsIdleConversationsAndLetsABusyOneReply)
+{
+    m_pclTool->Write("state", "active");
+    const auto pclIdle = pclOpen();
+    const auto pclBusy = pclOpen();
+    EXPECT_TRUE(pclBusy->bSend("STATUS\ta\r\n"));
+    m_pclManager->Stop();
+    m_clMainLoop.join();
+    EXPECT_TRUE(CDialog::s_bEndAll(5000));
+    EXPECT_TRUE(pclIdle->bClosed());
+    EXPECT_EQ(pclBusy->csLine(), "STATUS\tRUNNING\r\n");
+}
