@@ -1,0 +1,621 @@
+// The manager's own life in a machine with a real systemd: it installs itself, is replaced, removed, stopped,
+// killed, and stops the servers that it should.
+
+#include "tools/Command.h"
+#include "tools/Machine.h"
+#include "tools/PrivateWorld.h"
+#include "tools/Wait.h"
+#include "tools/WireClient.h"
+
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cstddef>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sstream>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+namespace {
+using ::testing::ContainsRegex;
+using ::testing::HasSubstr;
+using Clock = std::chrono::steady_clock;
+
+constexpr char s_szUnit[] = "/lib/systemd/system/VelmoManager.service";
+constexpr char s_szPidFile[] = "/run/VelmoManager.pid";
+constexpr char s_szFifo[] = "/tmp/__pipe_velmomanager__";
+constexpr char s_szNotStarted[] =
+    "The service could not be started. Look for its last entries in the system log, "
+    "correct what they report, then try again.\n";
+constexpr char s_szRootOnly[] =
+    "This must be done by root: run the command again as root, for example with sudo.";
+constexpr char s_szAsNobody[] = "setpriv --reuid 65534 --regid 65534 --clear-groups ";
+
+std::string csRead(const std::string& csPath)
+{
+    std::ostringstream clText;
+    clText << std::ifstream(csPath).rdbuf();
+    return clText.str();
+}
+
+std::string csHome(const std::string& csFolder)
+{
+    return "/opt/velmo/" + csFolder + "/";
+}
+
+/// Puts a manager into a folder; with another version, its executable says so (it behaves as this one does).
+void Put(const std::string& csFolder, const std::string& csVersion = "24.0.6.0")
+{
+    std::filesystem::create_directories(csHome(csFolder));
+    for (const char* pszFile : {"zt240vm64.so", "zt240obj.so"}) {
+        std::filesystem::copy_file(csBuildFolder() + "/" + pszFile, csHome(csFolder) + pszFile);
+    }
+    const std::string csEntry = "FileVersion=24.0.6.0";
+    std::string csBytes = csRead(csBuildFolder() + "/VelmoManager");
+    const std::size_t nEntry = csBytes.find(csEntry);
+    ASSERT_NE(nEntry, std::string::npos);
+    csBytes.replace(nEntry, csEntry.size(), "FileVersion=" + csVersion);
+    std::ofstream(csHome(csFolder) + "VelmoManager", std::ios::binary) << csBytes;
+    std::filesystem::permissions(csHome(csFolder) + "VelmoManager", std::filesystem::perms(0755));
+    std::ofstream(csHome(csFolder) + "DXConf.ini") << "[MANAGER]\nRestartOnFailed=0\n";
+}
+
+STCommandResult stManager(const std::string& csFolder, const std::string& csArguments = "")
+{
+    return stRun("cd / && exec " + csHome(csFolder) + "VelmoManager " + csArguments);
+}
+
+std::string csShow(const std::string& csProperty, const std::string& csUnit = "VelmoManager")
+{
+    std::string cs = stRun("systemctl show --value -p " + csProperty + " " + csUnit).csOutput;
+    cs.erase(cs.find_last_not_of('\n') + 1);
+    return cs;
+}
+
+std::string csUnitText(const std::string& csFolder)
+{
+    return "[Unit]\nDescription=VelmoManager\nAfter=network.target\n[Install]\nWantedBy=multi-user.target\n"
+           "[Service]\nType=forking\nExecStart=" +
+           csHome(csFolder) +
+           "VelmoManager --SERVICE VelmoManager\n"
+           "PIDFile=/var/run/VelmoManager.pid\nRestart=on-abnormal\n";
+}
+
+bool bAnswers()
+{
+    CWireClient clTool("127.0.0.1", 4999);
+    const bool bGreets = clTool.csLine() == "HELLO FROM SERVEUR SETUP 24.0.6.0\r\n";
+    clTool.Reset(); // no connection stays behind that holds the port when the manager is stopped next
+    return bGreets;
+}
+
+pid_t nManager()
+{
+    return std::atoi(csRead(s_szPidFile).c_str());
+}
+
+/// What a manager that has gone must not leave: names of leftovers, empty when there are none after nMs at
+/// most.
+std::string csLeftovers(int nMs = 1000)
+{
+    const auto clEnd = Clock::now() + std::chrono::milliseconds(nMs);
+    std::string csFound;
+    bWaitUntil(
+        [&] {
+            csFound = stRun("pgrep -x VelmoManager").csOutput;
+            for (const char* pszFile : {s_szPidFile, s_szFifo}) {
+                csFound += std::filesystem::exists(pszFile) ? pszFile : "";
+            }
+            return csFound.empty();
+        },
+        nMs);
+    return Clock::now() < clEnd ? csFound : csFound + " too late";
+}
+
+class Lifecycle : public ::testing::Test
+{
+protected:
+    void SetUp() override { stRun("logger -t VelmoManager -p user.crit " + csMark()); }
+    void TearDown() override
+    {
+        stRun("systemctl stop VelmoManager; systemctl kill -s KILL 'DXCS-*'; kill -9 $(cat "
+              "/run/VelmoManager.pid); "
+              "systemctl disable VelmoManager; "
+              "rm -rf /opt/velmo /lib/systemd/system/DXCS-* /lib/systemd/system/VelmoManager.service "
+              "/etc/systemd/system/VelmoManager.service.d /run/VelmoManager.pid "
+              "/tmp/__pipe_velmomanager__; systemctl daemon-reload; systemctl reset-failed");
+    }
+    /// The manager's entries of this test, once they hold the text: the journal is not written at once.
+    static std::string csLog(const std::string& csText)
+    {
+        std::string csFound;
+        bWaitUntil(
+            [&] {
+                csFound = stRun("journalctl -b -t VelmoManager -p crit -o cat").csOutput;
+                csFound.erase(0, csFound.rfind(csMark()));
+                return csFound.find(csText) != std::string::npos;
+            },
+            3000);
+        return csFound;
+    }
+    static std::string csMark()
+    {
+        return std::string("MARK-") + ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    }
+};
+
+/// Holds the manager's port.
+class CPortTaken
+{
+public:
+    CPortTaken() : m_clSocket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_in st{};
+        st.sin_family = AF_INET;
+        st.sin_port = htons(4999);
+        EXPECT_EQ(::bind(m_clSocket.nFd(), reinterpret_cast<const sockaddr*>(&st), sizeof st), 0);
+        EXPECT_EQ(::listen(m_clSocket.nFd(), 1), 0);
+    }
+
+private:
+    CDescripteur m_clSocket;
+};
+
+/// A socket of the notification protocol; "@" begins an abstract name.
+class CNotified
+{
+public:
+    explicit CNotified(const std::string& csName)
+        : m_clSocket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_un st{};
+        st.sun_family = AF_UNIX;
+        csName.copy(st.sun_path, sizeof st.sun_path);
+        st.sun_path[0] = csName[0] == '@' ? '\0' : csName[0];
+        ::unlink(csName.c_str());
+        ::bind(m_clSocket.nFd(), reinterpret_cast<const sockaddr*>(&st),
+               static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + csName.size()));
+    }
+    std::string csNext(int nMs) const
+    {
+        pollfd stWait{m_clSocket.nFd(), POLLIN, 0};
+        std::array<char, 100> tBytes;
+        if (TEMP_FAILURE_RETRY(::poll(&stWait, 1, nMs)) != 1) {
+            return "<none>";
+        }
+        return {tBytes.data(),
+                static_cast<std::size_t>(::recv(m_clSocket.nFd(), tBytes.data(), tBytes.size(), 0))};
+    }
+
+private:
+    CDescripteur m_clSocket;
+};
+} // namespace
+
+TEST_F(Lifecycle, TheFirstRunInstallsAndTheSecondTouchesNothing)
+{
+    Put("first");
+    const STCommandResult stFirst = stManager("first");
+    EXPECT_EQ(stFirst.nStatus, 0);
+    EXPECT_EQ(stFirst.csOutput, "");
+    EXPECT_EQ(csRead(s_szUnit), csUnitText("first"));
+    EXPECT_EQ(stRun("systemctl is-enabled VelmoManager").csOutput, "enabled\n");
+    EXPECT_EQ(csShow("ActiveState"), "active");
+    EXPECT_EQ(csRead(s_szPidFile), csShow("MainPID") + "\n");
+    EXPECT_TRUE(bAnswers());
+
+    const auto clUnitTime = std::filesystem::last_write_time(s_szUnit);
+    const pid_t nPid = nManager();
+    const auto clStart = Clock::now();
+    EXPECT_EQ(stManager("first", "--installer").nStatus, 0);
+    EXPECT_LT(Clock::now() - clStart, std::chrono::seconds(1));
+    EXPECT_EQ(nManager(), nPid);
+    EXPECT_EQ(std::filesystem::last_write_time(s_szUnit), clUnitTime);
+}
+
+TEST_F(Lifecycle, TheDaemonKeepsNothingOfWhoeverStartedIt)
+{
+    Put("first");
+    ASSERT_EQ(stRun("cd /usr && umask 077 && exec 7</etc/passwd && " + csHome("first") +
+                    "VelmoManager --SERVICE VelmoManager")
+                  .nStatus,
+              0);
+    const std::string csProc = "/proc/" + std::to_string(nManager()) + "/";
+    EXPECT_EQ(stRun("cd " + csProc + "fd && readlink 0 1 2").csOutput, "/dev/null\n/dev/null\n/dev/null\n");
+    EXPECT_EQ(
+        stRun("cd " + csProc + "fd && readlink $(ls | sort -n | tail -n +4) | grep -v '^socket:' | sort")
+            .csOutput,
+        "/run/VelmoManager.pid\n/tmp/__pipe_velmomanager__\n");
+    EXPECT_EQ(std::filesystem::read_symlink(csProc + "cwd"), "/tmp");
+    EXPECT_THAT(csRead(csProc + "status"), ContainsRegex("Umask:.0022\n"));
+    EXPECT_THAT(csRead(csProc + "status"), ContainsRegex("PPid:.1\n"));
+    EXPECT_NE(::getsid(nManager()), ::getsid(0));
+    ::kill(nManager(), SIGTERM);
+    EXPECT_EQ(csLeftovers(), "");
+}
+
+TEST_F(Lifecycle, AnOlderManagerIsReplacedAndAnyOtherKept)
+{
+    const struct
+    {
+        const char* pszVersion;
+        bool bReplaced;
+    } tCases[] = {{"9.99.9.9", true},
+                  {"23.0.0.0", true},
+                  {"24.0.6.0", false},
+                  {"24.0.10.0", false},
+                  {"25.0.0.0", false}};
+    for (const auto& st : tCases) {
+        SCOPED_TRACE(st.pszVersion);
+        Put("installed");
+        ASSERT_EQ(stManager("installed").nStatus, 0);
+        const pid_t nPid = nManager();
+        std::filesystem::remove_all("/opt/velmo/installed");
+        Put("installed", st.pszVersion);
+        Put("new");
+        EXPECT_EQ(stManager("new").nStatus, 0);
+        EXPECT_EQ(csRead(s_szUnit), csUnitText(st.bReplaced ? "new" : "installed"));
+        EXPECT_EQ(nManager() != nPid, st.bReplaced);
+        EXPECT_EQ(::kill(nPid, 0) == 0, !st.bReplaced);
+        EXPECT_EQ(csShow("MainPID"), std::to_string(nManager()));
+        EXPECT_EQ(stRun("systemctl is-enabled VelmoManager").csOutput, "enabled\n");
+        EXPECT_TRUE(bAnswers());
+        TearDown();
+    }
+}
+
+TEST_F(Lifecycle, AServiceOfAnotherInstallationThatCannotStartIsReplacedOnce)
+{
+    Put("new");
+    // A start that fails is given up after seconds, and once: systemd does not notice everywhere that a
+    // daemon has ended without its PID file.
+    const char* pszDropIn = "/etc/systemd/system/VelmoManager.service.d/quick.conf";
+    std::filesystem::create_directories(std::filesystem::path(pszDropIn).parent_path());
+    std::ofstream(pszDropIn) << "[Service]\nTimeoutStartSec=2\nRestart=no\n";
+    const auto fnRegisterBroken = [] {
+        std::ofstream(s_szUnit) << csUnitText("broken");
+        stRun("systemctl daemon-reload; systemctl reset-failed; systemctl enable VelmoManager");
+    };
+    fnRegisterBroken();
+    const STCommandResult stReplaced = stManager("new");
+    EXPECT_EQ(stReplaced.nStatus, 0);
+    EXPECT_EQ(stReplaced.csOutput, "");
+    EXPECT_EQ(csRead(s_szUnit), csUnitText("new"));
+    EXPECT_TRUE(bAnswers());
+    EXPECT_EQ(stRun("systemctl stop VelmoManager").nStatus, 0);
+
+    const CPortTaken clTaken;
+    fnRegisterBroken();
+    const STCommandResult stFails = stManager("new");
+    EXPECT_EQ(stFails.nStatus, 255);
+    EXPECT_EQ(stFails.csOutput, s_szNotStarted);
+    EXPECT_EQ(csRead(s_szUnit), csUnitText("new")) << "it stays registered";
+    EXPECT_EQ(csShow("ActiveState"), "failed");
+    EXPECT_EQ(csLeftovers(), "");
+    stRun("systemctl reset-failed VelmoManager");
+    const STCommandResult stOwn = stManager("new");
+    EXPECT_EQ(stOwn.nStatus, 255) << "its own failing service is not replaced";
+    EXPECT_EQ(stOwn.csOutput, s_szNotStarted);
+    std::filesystem::remove_all(std::filesystem::path(pszDropIn).parent_path());
+    stRun("systemctl daemon-reload");
+}
+
+TEST_F(Lifecycle, RemovalLeavesNothingOfTheManagerAndAllOfTheServers)
+{
+    AddServer("server", "DXCS-server", 4901, "");
+    stRun("systemctl daemon-reload; systemctl start DXCS-server");
+    Put("first");
+    ASSERT_EQ(stManager("first").nStatus, 0);
+    const STCommandResult st = stManager("first", "--UNINSTALL");
+    EXPECT_EQ(st.nStatus, 0);
+    EXPECT_EQ(st.csOutput, "");
+    EXPECT_EQ(csShow("LoadState"), "not-found");
+    EXPECT_EQ(stRun("ls /etc/systemd/system/*/VelmoManager.service " + std::string(s_szUnit))
+                  .csOutput.find("cannot access"),
+              4u)
+        << "ls: cannot access";
+    EXPECT_EQ(csLeftovers(), "");
+    EXPECT_EQ(stRun("ls /opt/velmo/first").csOutput, "DXConf.ini\nzt240obj.so\nzt240vm64.so\n");
+    EXPECT_EQ(csShow("ActiveState", "DXCS-server"), "active");
+}
+
+TEST_F(Lifecycle, OtherUsersAreToldAndChangeNothing)
+{
+    Put("first");
+    const auto fnAsNobody = [](const char* pszOption) {
+        return stRun(s_szAsNobody + csHome("first") + "VelmoManager " + pszOption);
+    };
+    const STCommandResult stInstall = fnAsNobody("");
+    EXPECT_EQ(stInstall.nStatus, 255);
+    EXPECT_EQ(stInstall.csOutput, std::string(s_szRootOnly) + "\n");
+    EXPECT_FALSE(std::filesystem::exists(s_szUnit));
+    ASSERT_EQ(stManager("first").nStatus, 0);
+    EXPECT_EQ(fnAsNobody("").nStatus, 0) << "it runs already: nothing needs root";
+    const STCommandResult stRemove = fnAsNobody("--UNINSTALL");
+    EXPECT_EQ(stRemove.nStatus, 255);
+    EXPECT_EQ(stRemove.csOutput, s_szRootOnly) << "without a line end";
+    EXPECT_TRUE(bAnswers());
+    EXPECT_TRUE(std::filesystem::exists(csHome("first") + "VelmoManager"));
+}
+
+TEST_F(Lifecycle, StartConversationStopTwoHundredTimes)
+{
+    Put("first");
+    for (int n = 0; n < 200; ++n) {
+        SCOPED_TRACE(n);
+        ASSERT_EQ(stManager("first", "--SERVICE VelmoManager").nStatus, 0);
+        CWireClient clTool("127.0.0.1", 4999);
+        ASSERT_EQ(clTool.csLine(), "HELLO FROM SERVEUR SETUP 24.0.6.0\r\n");
+        ASSERT_THAT(clTool.csAsk("INFO"), HasSubstr("YES\t"));
+        if (n % 2 == 0) {
+            clTool.Reset();
+        }
+        ASSERT_EQ(::kill(nManager(), SIGTERM), 0);
+        ASSERT_EQ(csLeftovers(), "");
+        clTool.Reset(); // at the latest: the system would keep the port for a minute
+    }
+}
+
+TEST_F(Lifecycle, StopRightBehindStartFiftyTimes)
+{
+    Put("first");
+    ASSERT_EQ(stManager("first").nStatus, 0);
+    ASSERT_EQ(stRun("systemctl stop VelmoManager").nStatus, 0);
+    for (int n = 0; n < 50; ++n) {
+        SCOPED_TRACE(n);
+        stRun("systemctl reset-failed VelmoManager"); // so many starts in a row are a failure otherwise
+        ASSERT_EQ(stRun("systemctl start VelmoManager && systemctl stop VelmoManager").nStatus, 0);
+        ASSERT_EQ(csLeftovers(), "");
+        ASSERT_EQ(csShow("ActiveState") + csShow("Result"), "inactivesuccess");
+        ASSERT_LT(std::stoll(csShow("InactiveEnterTimestampMonotonic")) -
+                      std::stoll(csShow("ActiveExitTimestampMonotonic")),
+                  1'000'000)
+            << "microseconds";
+    }
+}
+
+TEST_F(Lifecycle, SystemdSeesTheRightStateAfterRestartKillAndStop)
+{
+    Put("first");
+    ASSERT_EQ(stManager("first").nStatus, 0);
+    pid_t nBefore = nManager();
+    EXPECT_EQ(stRun("systemctl restart VelmoManager").nStatus, 0);
+    EXPECT_NE(nManager(), nBefore);
+    EXPECT_EQ(csShow("ActiveState") + csShow("MainPID"), "active" + std::to_string(nManager()));
+    EXPECT_TRUE(bAnswers());
+
+    nBefore = nManager();
+    ::kill(nBefore, SIGKILL);
+    EXPECT_TRUE(
+        bWaitUntil([&] { return csShow("NRestarts") == "1" && csShow("ActiveState") == "active"; }, 5000))
+        << "an abnormal end brings it back";
+    EXPECT_NE(nManager(), nBefore);
+    EXPECT_EQ(csShow("MainPID"), std::to_string(nManager()));
+    EXPECT_TRUE(bAnswers());
+
+    stRun(
+        "mkdir -p /etc/systemd/system/VelmoManager.service.d; cd /etc/systemd/system/VelmoManager.service.d;"
+        "printf '[Service]\\nRestart=no\\n' >x.conf; systemctl daemon-reload");
+    ::kill(nManager(), SIGKILL);
+    EXPECT_TRUE(bWaitUntil([] { return csShow("ActiveState") + csShow("Result") == "failedsignal"; }, 5000));
+    EXPECT_EQ(stRun("pgrep -x VelmoManager").csOutput, "");
+    EXPECT_EQ(stManager("first").nStatus, 0) << "what the killed one left is no hindrance";
+    EXPECT_TRUE(bAnswers());
+
+    EXPECT_EQ(stRun("systemctl stop VelmoManager").nStatus, 0);
+    EXPECT_EQ(csShow("ActiveState") + csShow("Result"), "inactivesuccess");
+    EXPECT_EQ(csLeftovers(), "");
+}
+
+TEST_F(Lifecycle, ReadyIsReportedOnceWhenTheEndpointsAnswerAndToolsDoNotSeeTheSocket)
+{
+    Put("first");
+    std::filesystem::create_directories("/run/real");
+    std::filesystem::copy_file("/bin/systemctl", "/run/real/systemctl",
+                               std::filesystem::copy_options::overwrite_existing);
+    CFakeTool clTool("/bin/systemctl",
+                     "env | grep -q NOTIFY_ && touch $DIR/seen; exec /run/real/systemctl \"$@\"");
+    for (const char* pszName : {"/run/velmo-notify", "@velmo/notify"}) {
+        SCOPED_TRACE(pszName);
+        const CNotified clNotified(pszName);
+        CManagerProcess clManager(
+            std::string("env NOTIFY_SOCKET=") + pszName + " " + csHome("first") + "VelmoManager", "");
+        ASSERT_EQ(clNotified.csNext(10'000), "READY=1");
+        CWireClient clWire("127.0.0.1", 4999);
+        EXPECT_TRUE(clWire.bConnected());
+        EXPECT_TRUE(std::filesystem::exists(s_szFifo));
+        EXPECT_FALSE(std::filesystem::exists(s_szPidFile));
+        clWire.csLine();
+        EXPECT_THAT(clWire.csAsk("INFO"), HasSubstr("YES\t"));
+        clWire.Close();
+        EXPECT_THAT(clTool.csTakeJournal(), HasSubstr("list-units"));
+        EXPECT_FALSE(clTool.bExists("seen"));
+        EXPECT_EQ(clManager.nStop(1000), 0);
+        EXPECT_EQ(clNotified.csNext(100), "<none>");
+        EXPECT_EQ(csLeftovers(), "");
+    }
+}
+
+TEST_F(Lifecycle, SystemdItselfTakesTheNotification)
+{
+    Put("first");
+    EXPECT_EQ(
+        stRun("systemd-run --quiet --unit=VelmoManager -p Type=notify " + csHome("first") + "VelmoManager")
+            .nStatus,
+        0);
+    EXPECT_EQ(csShow("ActiveState"), "active");
+    EXPECT_TRUE(bAnswers());
+    EXPECT_EQ(stRun("systemctl stop VelmoManager").nStatus, 0);
+    EXPECT_EQ(csLeftovers(), "");
+    const CPortTaken clTaken;
+    EXPECT_EQ(
+        stRun("systemd-run --quiet --unit=VelmoManager -p Type=notify " + csHome("first") + "VelmoManager")
+            .nStatus,
+        1)
+        << "systemd is told of the failure";
+}
+
+TEST_F(Lifecycle, StopAllStopsWhatRunsOrStartsAndTheManagerLast)
+{
+    int nPort = 4901;
+    for (const auto& [pszName, pszSettings] : {std::pair{"run", ""},
+                                               {"run2", ""},
+                                               {"starts", "StartDelay=60000\n"},
+                                               {"ends", "IgnoreTerm=1\n"},
+                                               {"failed", "FailAtStart=1\n"},
+                                               {"rests", ""},
+                                               {"refuses", ""}}) {
+        AddServer(pszName, std::string("DXCS-") + pszName, nPort++, pszSettings);
+    }
+    AddServer("other", "other", 4950, "");
+    stRun("sed -i 's/^After=.*/RefuseManualStop=yes/' /lib/systemd/system/DXCS-refuses.service; systemctl "
+          "daemon-reload;"
+          "systemctl start DXCS-run DXCS-run2 DXCS-ends DXCS-failed DXCS-refuses other;"
+          "systemctl start --no-block DXCS-starts; systemctl stop --no-block DXCS-ends");
+    Put("manager");
+    ASSERT_EQ(stManager("manager").nStatus, 0);
+    ASSERT_EQ(csShow("ActiveState", "DXCS-starts"), "activating");
+    ASSERT_EQ(csShow("ActiveState", "DXCS-ends"), "deactivating");
+    const STCommandResult st = stManager("manager", "--STOPALL");
+    EXPECT_EQ(st.nStatus, 0);
+    EXPECT_EQ(st.csOutput, "");
+    const struct
+    {
+        const char* pszUnit;
+        const char* pszState;
+    } tCases[] = {{"DXCS-run", "inactive"},      {"DXCS-run2", "inactive"}, {"DXCS-starts", "inactive"},
+                  {"DXCS-ends", "deactivating"}, {"DXCS-failed", "failed"}, {"DXCS-rests", "inactive"},
+                  {"DXCS-refuses", "active"},    {"other", "active"},       {"VelmoManager", "inactive"}};
+    for (const auto& stCase : tCases) {
+        EXPECT_EQ(csShow("ActiveState", stCase.pszUnit), stCase.pszState) << stCase.pszUnit;
+    }
+    for (const char* pszServer : {"DXCS-run", "DXCS-run2"}) {
+        EXPECT_LT(std::stoll(csShow("InactiveEnterTimestampMonotonic", pszServer)),
+                  std::stoll(csShow("ActiveExitTimestampMonotonic")));
+    }
+    EXPECT_EQ(csLeftovers(), "");
+    stRun("systemctl disable VelmoManager; rm " + std::string(s_szUnit) +
+          "; systemctl daemon-reload; systemctl start DXCS-run");
+    EXPECT_EQ(stManager("manager", "--stopall").nStatus, 0) << "no manager registered";
+    EXPECT_EQ(csShow("ActiveState", "DXCS-run"), "inactive");
+    stRun("systemctl stop other");
+}
+
+TEST_F(Lifecycle, StopServerStopsTheFirstServerOfTheDirectoryAndTheManagerThatLiesThere)
+{
+    AddServer("a", "DXCS-a1", 4901, "");
+    AddServer("b", "DXCS-b", 4902, "");
+    AddServer("twin", "DXCS-a2", 4903, "");
+    stRun("mv /opt/velmo/twin/dxdemo /opt/velmo/a/dxdemo2; sed -i s:/twin/dxdemo:/a/dxdemo2: "
+          "/lib/systemd/system/DXCS-a2.service; ln -s /opt/velmo/a /opt/velmo/link");
+    stRun("systemctl daemon-reload");
+    Put("manager");
+    const struct
+    {
+        const char* pszManager; ///< folder of the registered manager
+        const char* pszArgument;
+        const char* pszStates; ///< of DXCS-a1, DXCS-b and the manager afterwards
+    } tCases[] = {
+        {"manager", "/opt/velmo/b", "active inactive active"},
+        {"manager", "/opt/velmo/b/", "active inactive active"},
+        {"manager", "/opt/velmo/link", "inactive active active"}, // the same directory on disk
+        {"a", "/opt/velmo/a", "inactive active inactive"},
+        {"manager", "/opt/velmo/manager", "active active active"}, // no server lies there
+        {"manager", "/opt/velmo", "active active active"},
+        {"manager", "", "active active active"},
+    };
+    for (const auto& st : tCases) {
+        SCOPED_TRACE(st.pszArgument);
+        if (std::string(st.pszManager) == "a") {
+            stRun("cp /opt/velmo/manager/VelmoManager /opt/velmo/manager/*.so /opt/velmo/a/");
+        }
+        ASSERT_EQ(stManager(st.pszManager).nStatus, 0);
+        stRun("systemctl reset-failed 'DXCS-*'; systemctl start DXCS-a1 DXCS-b");
+        EXPECT_EQ(stManager("manager", std::string("--STOP-SERVER ") + st.pszArgument).nStatus, 0);
+        EXPECT_EQ(csShow("ActiveState", "DXCS-a1") + " " + csShow("ActiveState", "DXCS-b") + " " +
+                      csShow("ActiveState"),
+                  st.pszStates);
+        stRun("systemctl stop VelmoManager; systemctl disable VelmoManager; rm " + std::string(s_szUnit) +
+              "; systemctl daemon-reload");
+    }
+    // Two servers of one directory: the listing is in the order of the names.
+    stRun("cp /opt/velmo/a/DXConf.ini /opt/velmo/a/save; systemctl reset-failed; systemctl start DXCS-a1;"
+          "sed -i s/4901/4903/ /opt/velmo/a/DXConf.ini; systemctl start DXCS-a2");
+    ASSERT_EQ(csShow("ActiveState", "DXCS-a1") + csShow("ActiveState", "DXCS-a2"), "activeactive");
+    EXPECT_EQ(stManager("manager", "--STOP-SERVER /opt/velmo/a").nStatus, 0);
+    EXPECT_EQ(csShow("ActiveState", "DXCS-a1") + " " + csShow("ActiveState", "DXCS-a2"), "inactive active");
+}
+
+TEST_F(Lifecycle, ATakenPortIsToldInWordsThatHelpAndLeavesNothing)
+{
+    Put("first");
+    {
+        const CPortTaken clTaken;
+        const struct
+        {
+            const char* pszOptions;
+            int nStatus;
+        } tCases[] = {{"--SERVICE VelmoManager", 0}, {"--DEBUG", 0}, {"--SERVICE", 255}};
+        for (const auto& st : tCases) {
+            EXPECT_EQ(stManager("first", st.pszOptions).nStatus, st.nStatus) << st.pszOptions;
+            EXPECT_EQ(csLeftovers(), "");
+        }
+        EXPECT_EQ(stRun("NOTIFY_SOCKET=@nobody " + csHome("first") + "VelmoManager").nStatus, 255);
+        EXPECT_EQ(csLeftovers(), "");
+    }
+    EXPECT_THAT(csLog("The port 4999 cannot be opened."),
+                HasSubstr("The service \"VelmoManager\" could not be started."));
+    // The same after a conversation that the manager closed first: the system still holds its end.
+    const STCommandResult st =
+        stRun("unshare -n bash -c 'ip link set lo up; M=\"" + csHome("first") +
+              "VelmoManager --SERVICE VelmoManager\"; $M; "
+              "exec 3<>/dev/tcp/127.0.0.1/4999; printf \"QUIT\\r\\n\" >&3; cat <&3; exec 3<&-; P=$(cat "
+              "/run/VelmoManager.pid);"
+              "kill $P; while kill -0 $P 2>/dev/null; do sleep 0.01; done; $M; ls /run/VelmoManager.pid'");
+    EXPECT_THAT(st.csOutput, HasSubstr("cannot access '/run/VelmoManager.pid'"));
+    EXPECT_THAT(csLog("Right after a conversation"), HasSubstr("wait, then start the manager again"));
+}
+
+TEST_F(Lifecycle, ASecondDaemonOfTheSameNameEndsAndTakesThePidFileAway)
+{
+    Put("first");
+    ASSERT_EQ(stManager("first", "--SERVICE VelmoManager").nStatus, 0);
+    const pid_t nFirst = nManager();
+    EXPECT_EQ(stManager("first", "--SERVICE VelmoManager").nStatus, 0);
+    EXPECT_THAT(csLog("The port 4999"), HasSubstr("cannot be opened")) << "it fails at the port already";
+    EXPECT_EQ(nManager(), nFirst);
+    // On a network of its own it gets as far as the lock.
+    EXPECT_EQ(stRun("unshare -n " + csHome("first") + "VelmoManager --SERVICE VelmoManager").nStatus, 0);
+    EXPECT_TRUE(bWaitUntil(
+        [&] { return stRun("pgrep -x VelmoManager").csOutput == std::to_string(nFirst) + "\n"; }, 5000));
+    EXPECT_TRUE(bWaitUntil([] { return !std::filesystem::exists(s_szPidFile); }, 5000));
+    EXPECT_TRUE(bAnswers());
+    EXPECT_EQ(::kill(nFirst, SIGTERM), 0);
+    EXPECT_EQ(csLeftovers(), "");
+}
+
+TEST_F(Lifecycle, WithoutTheRuntimeLibraryEveryUseEndsAtOnceAndIsLogged)
+{
+    AddServer("server", "DXCS-server", 4901, "");
+    stRun("systemctl daemon-reload; systemctl start DXCS-server");
+    Put("first");
+    std::filesystem::remove(csHome("first") + "zt240vm64.so");
+    for (const char* pszOptions : {"", "--SERVICE VelmoManager", "--DEBUG", "--UNINSTALL", "--STOPALL",
+                                   "--STOP-SERVER /opt/velmo/server"}) {
+        SCOPED_TRACE(pszOptions);
+        const STCommandResult st = stManager("first", pszOptions);
+        EXPECT_EQ(st.nStatus, 255);
+        EXPECT_EQ(st.csOutput, "");
+    }
+    EXPECT_THAT(csLog("zt240vm64.so"), HasSubstr(csHome("first") + "zt240vm64.so"));
+    EXPECT_EQ(csShow("ActiveState", "DXCS-server"), "active");
+    EXPECT_TRUE(std::filesystem::exists(csHome("first") + "VelmoManager"));
+    EXPECT_FALSE(std::filesystem::exists(s_szUnit));
+    EXPECT_EQ(csLeftovers(), "");
+}

@@ -1,0 +1,404 @@
+// Init scripts at work in a machine without a service manager: the real tools of Debian, the real insserv and
+// OpenRC, stand-ins for what only other distributions have. The sample server is real in all of them.
+
+#include "service/AServiceUnix.h"
+#include "service/LanceProcessus.h"
+#include "service/ServiceManagerUnix.h"
+#include "tools/Command.h"
+#include "tools/Machine.h"
+#include "tools/Wait.h"
+#include "tools/WireClient.h"
+
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <memory>
+#include <sstream>
+
+namespace {
+void Write(const std::string& csPath, const std::string& csText)
+{
+    std::filesystem::create_directories(std::filesystem::path(csPath).parent_path());
+    std::filesystem::remove(csPath); // it may be a link to a real tool
+    std::ofstream(csPath) << csText;
+    std::filesystem::permissions(csPath, std::filesystem::perms(0755));
+}
+
+std::string csReadFile(const std::string& csPath)
+{
+    std::ostringstream clText;
+    clText << std::ifstream(csPath).rdbuf();
+    return clText.str();
+}
+
+/// Stand-ins note their calls; this forgets them.
+std::string csTakeJournal()
+{
+    const std::string csText = csReadFile("/tmp/journal");
+    std::filesystem::remove("/tmp/journal");
+    return csText;
+}
+
+/// What "daemon", "checkproc"... do on the distributions that have them, as far as the scripts need it.
+void AddStandIns()
+{
+    Write("/etc/rc.d/init.d/functions", "daemon() { echo \"daemon $*\" >>/tmp/journal; shift; /bin/bash -c "
+                                        "\"ulimit -S -c 0 >/dev/null 2>&1; $*\"; }\n"
+                                        "success() { echo \"success $*\" >>/tmp/journal; }\nfailure() { echo "
+                                        "\"failure $*\" >>/tmp/journal; }\n");
+    Write("/etc/sysconfig/network", "NETWORKING=yes\n");
+    Write("/etc/rc.status",
+          "rc_reset() { rc=0; }\nrc_status() { last=$?; [ $last -eq 0 ] || rc=$last; return $last; }\n"
+          "rc_exit() { exit $rc; }\n");
+    constexpr char szOurs[] = "#!/bin/sh\nread -r pid 2>/dev/null <\"$2\"\nfor prog; do :; done\n"
+                              "ours() { [ -n \"$pid\" ] && [ \"/proc/$pid/exe\" -ef \"$prog\" ]; }\n";
+    Write("/sbin/checkproc", std::string(szOurs) + "ours || { [ -f \"$2\" ] && exit 1; exit 3; }\n");
+    Write("/sbin/killproc", std::string(szOurs) +
+                                "echo \"killproc $*\" >>/tmp/journal\nours || exit 7\nkill \"$pid\"\n"
+                                "for n in 1 2 3 4 5 6 7 8 9; do ours || exit 0; sleep 0.1; done\n"
+                                "kill -KILL \"$pid\"\n");
+    Write("/sbin/chkconfig", "#!/bin/sh\necho \"chkconfig $*\" >>/tmp/journal\n");
+    Write("/sbin/rc-update", "#!/bin/sh\necho \"rc-update $*\" >>/tmp/journal\n");
+    Write(
+        "/sbin/runscript",
+        "#!/bin/sh\nebegin() { echo \"$*\" >>/tmp/journal; }\neend() { return $1; }\n"
+        "state=/run/started-${1##*/}\n. \"$1\"\ncase $2 in\nstart) [ -f $state ] || start && touch $state;;\n"
+        "stop) stop && rm -f $state;;\nrestart) stop && start;;\n"
+        "status) [ -f $state ] || exit 3\nread -r pid <\"/run/${1##*/}.pid\" || exit 32;;\nesac\n");
+    Write("/etc/rc.d/rc.M", "#!/bin/sh\n");
+    Write("/etc/rc.d/rc.K", "#!/bin/sh\n");
+    std::filesystem::create_directories("/run/lock/subsys");
+    stRun("rm -f /etc/init.d/*"); // they depend on scripts that are not there: insserv minds
+}
+
+/// One sample server "DXCS-a", installed for a family.
+class SysV : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        CLanceProcessus::sInit();
+        AddStandIns();
+    }
+    void TearDown() override
+    {
+        if (m_pclService != nullptr) {
+            (void)m_pclService->bStop();
+            (void)m_pclService->bRemove();
+        }
+        m_pclService.reset();
+        CLanceProcessus::sTerm();
+        CServiceManager::ms_eDistri = DISTRI_UNKNOWN;
+        (void)csTakeJournal();
+    }
+    void Install(EDistri eDistri, const std::string& csSettings = "",
+                 const wchar_t* pszHome = L"/opt/velmo/a/")
+    {
+        CServiceManager::ms_eDistri = eDistri;
+        const std::string csHome = std::filesystem::path(pszHome).string();
+        std::filesystem::create_directories(csHome);
+        std::filesystem::copy_file(csBuildFolder() + "/dxdemo", csHome + "dxdemo",
+                                   std::filesystem::copy_options::overwrite_existing);
+        std::ofstream(csHome + "DXConf.ini") << "[INIT]\nAccessPort = 4950\n[DEMO]\n" << csSettings;
+        m_pclService.reset(m_clManager.pclInstall(
+            L"DXCS-a", L"My base", (L"\"" + std::wstring(pszHome) + L"dxdemo\" --SERVICE").c_str(), 1, 1));
+        ASSERT_NE(m_pclService, nullptr);
+    }
+    static bool bServes() { return CWireClient("127.0.0.1", 4950).csLine() == "HELLO FROM DXCS-a\r\n"; }
+    static pid_t nServer()
+    {
+        pid_t nPid = 0;
+        std::ifstream("/run/DXCS-a.pid") >> nPid;
+        return nPid;
+    }
+    static bool bGone(pid_t nPid)
+    {
+        return bWaitUntil([&] { return ::kill(nPid, 0) != 0; }, 3000);
+    }
+    CServiceManager m_clManager;
+    std::unique_ptr<CService> m_pclService;
+};
+
+struct stFamilyCase
+{
+    EDistri eDistri;
+    const char* pszName;
+    bool bSeesDead; ///< its status tells a dead server from a stopped one by itself
+    bool bRestartStops;
+};
+
+class SysVFamily : public SysV, public ::testing::WithParamInterface<stFamilyCase>
+{};
+INSTANTIATE_TEST_SUITE_P(, SysVFamily,
+                         ::testing::Values(stFamilyCase{DISTRI_DEBIAN, "Debian", true, true},
+                                           stFamilyCase{DISTRI_REDHAT, "RedHat", true, true},
+                                           stFamilyCase{DISTRI_MANDRAKE, "Mandrake", true, true},
+                                           stFamilyCase{DISTRI_FEDORA, "Fedora", true, true},
+                                           stFamilyCase{DISTRI_SUSE, "SuSE", true, true},
+                                           stFamilyCase{DISTRI_GENTOO, "Gentoo", false, true},
+                                           stFamilyCase{DISTRI_SLACKWARE, "Slackware", true, false}),
+                         [](const auto& st) { return std::string(st.param.pszName); });
+} // namespace
+
+TEST_P(SysVFamily, AServerLivesAndEndsByItsScript)
+{
+    Install(GetParam().eDistri);
+    EXPECT_EQ(m_pclService->eGetStatus(), STATUS_STOPPED);
+    EXPECT_TRUE(m_pclService->bStop()) << "what does not run is stopped already";
+    EXPECT_TRUE(m_pclService->bStart());
+    EXPECT_EQ(m_pclService->eGetStatus(), STATUS_RUNNING);
+    EXPECT_TRUE(bServes());
+    const pid_t nFirst = nServer();
+    EXPECT_TRUE(m_pclService->bStart());
+    EXPECT_EQ(nServer(), nFirst) << "a second start starts no second server";
+    EXPECT_TRUE(m_pclService->bRestart());
+    EXPECT_TRUE(bServes());
+    EXPECT_EQ(nServer() != nFirst, GetParam().bRestartStops);
+    const pid_t nLast = nServer();
+    EXPECT_TRUE(m_pclService->bStop());
+    EXPECT_TRUE(bGone(nLast));
+    EXPECT_EQ(m_pclService->eGetStatus(), STATUS_STOPPED);
+    EXPECT_FALSE(std::filesystem::exists("/run/DXCS-a.pid") ||
+                 std::filesystem::exists("/var/lock/subsys/DXCS-a"));
+    EXPECT_TRUE(m_pclService->bRemove());
+    EXPECT_EQ(std::unique_ptr<CService>(m_clManager.pclGetService(L"DXCS-a")), nullptr);
+}
+
+TEST_P(SysVFamily, ADeadServersNumberIsNotMistakenForIt)
+{
+    Install(GetParam().eDistri);
+    ASSERT_TRUE(m_pclService->bStart());
+    const pid_t nDead = nServer();
+    ::kill(nDead, SIGKILL);
+    ASSERT_TRUE(bGone(nDead));
+    const pid_t nOther = ::fork();
+    if (nOther == 0) {
+        ::execl("/bin/sleep", "sleep", "1000", nullptr);
+        ::_exit(1);
+    }
+    const std::string tContents[] = {std::to_string(nDead) + "\n", std::to_string(nOther) + "\n", "", "x\n",
+                                     "../1\n"};
+    for (const std::string& csContent : tContents) {
+        SCOPED_TRACE(csContent);
+        std::ofstream("/run/DXCS-a.pid") << csContent;
+        if (GetParam().bSeesDead) {
+            EXPECT_EQ(m_pclService->eGetStatus(), STATUS_FAILED);
+        }
+        EXPECT_TRUE(m_pclService->bStop());
+        EXPECT_EQ(m_pclService->eGetStatus(), STATUS_STOPPED);
+        std::ofstream("/run/DXCS-a.pid") << csContent;
+        EXPECT_TRUE(m_pclService->bStart());
+        EXPECT_TRUE(bServes());
+        const pid_t nServing = nServer();
+        EXPECT_TRUE(m_pclService->bStop());
+        EXPECT_TRUE(bGone(nServing));
+    }
+    EXPECT_EQ(::waitpid(nOther, nullptr, WNOHANG), 0) << "a process that has nothing to do with it was ended";
+    ::kill(nOther, SIGKILL);
+    ::waitpid(nOther, nullptr, 0);
+}
+
+TEST_F(SysV, APidFileOfAnotherUserDoesNotKeepTheServerFromBeingStopped)
+{
+    for (const EDistri e : {DISTRI_DEBIAN, DISTRI_REDHAT, DISTRI_SUSE, DISTRI_SLACKWARE}) {
+        Install(e);
+        ASSERT_TRUE(m_pclService->bStart());
+        const pid_t nServing = nServer();
+        ASSERT_EQ(stRun("chown nobody /run/DXCS-a.pid; chmod 666 /run/DXCS-a.pid").nStatus, 0);
+        EXPECT_EQ(m_pclService->eGetStatus(), STATUS_RUNNING) << e;
+        EXPECT_TRUE(m_pclService->bStop()) << e;
+        EXPECT_TRUE(bGone(nServing)) << e;
+        EXPECT_TRUE(m_pclService->bRemove());
+    }
+}
+
+TEST_F(SysV, AServerThatIgnoresTermIsKilled)
+{
+    for (const EDistri e : {DISTRI_DEBIAN, DISTRI_REDHAT, DISTRI_GENTOO, DISTRI_SLACKWARE}) {
+        Install(e, "IgnoreTerm=1\n");
+        ASSERT_TRUE(m_pclService->bStart());
+        const pid_t nStubborn = nServer();
+        EXPECT_TRUE(m_pclService->bStop()) << e;
+        EXPECT_TRUE(bGone(nStubborn)) << e;
+        EXPECT_EQ(m_pclService->eGetStatus(), STATUS_STOPPED) << e;
+        EXPECT_TRUE(m_pclService->bRemove());
+    }
+}
+
+TEST_P(SysVFamily, PathsWithBlanksAndShellCharactersAreOnlyPaths)
+{
+    Install(GetParam().eDistri, "", L"/opt/velmo/it's $(touch ran) `base`; touch ran &/");
+    EXPECT_STREQ(m_pclService->pszBinaryPathName(),
+                 L"/opt/velmo/it's $(touch ran) `base`; touch ran &/dxdemo");
+    EXPECT_TRUE(m_pclService->bStart());
+    EXPECT_TRUE(bServes());
+    EXPECT_EQ(m_pclService->eGetStatus(), STATUS_RUNNING);
+    EXPECT_TRUE(m_pclService->bStop());
+    EXPECT_EQ(m_pclService->eGetStatus(), STATUS_STOPPED);
+    EXPECT_EQ(stRun("find / -xdev -name ran").csOutput, "");
+}
+
+TEST_P(SysVFamily, AMissingProgramIsNotARunningServer)
+{
+    Install(GetParam().eDistri);
+    std::filesystem::remove("/opt/velmo/a/dxdemo");
+    (void)m_pclService->bStart();
+    EXPECT_EQ(m_pclService->eGetStatus(), STATUS_STOPPED);
+}
+
+TEST_F(SysV, RunLevelLinksComeAndGo)
+{
+    const auto csLinks = [] {
+        return stRun("cd /etc && ls -d rc?.d/[SK]*DXCS-a | sed 's/[0-9][0-9]DX/DX/'").csOutput;
+    };
+    for (const EDistri e : {DISTRI_DEBIAN, DISTRI_SUSE}) {
+        Install(e);
+        EXPECT_EQ(csLinks(),
+                  "rc0.d/KDXCS-a\nrc1.d/KDXCS-a\nrc2.d/KDXCS-a\nrc3.d/SDXCS-a\nrc4.d/KDXCS-a\nrc5.d/SDXCS-a\n"
+                  "rc6.d/KDXCS-a\n");
+        EXPECT_EQ(stRun("insserv -r DXCS-a; insserv DXCS-a").csOutput, "") << "nothing to complain about";
+        EXPECT_TRUE(m_pclService->bRemove());
+        EXPECT_EQ(stRun("ls /etc/rc?.d | grep DXCS").csOutput, "") << e;
+    }
+}
+
+TEST_F(SysV, RedHatsHelpersAreCalledAsTheyExpect)
+{
+    Install(DISTRI_REDHAT);
+    EXPECT_TRUE(m_pclService->bStart());
+    EXPECT_TRUE(std::filesystem::exists("/var/lock/subsys/DXCS-a"));
+    EXPECT_TRUE(m_pclService->bStop());
+    EXPECT_TRUE(m_pclService->bRemove());
+    EXPECT_EQ(csTakeJournal(),
+              "chkconfig --add DXCS-a\ndaemon --check=DXCS-a /opt/velmo/a/dxdemo --SERVICE DXCS-a\n"
+              "success DXCS-a shutdown\nchkconfig --del DXCS-a\n");
+    Install(DISTRI_REDHAT);
+    Write("/etc/sysconfig/network", "NETWORKING=no\n");
+    EXPECT_TRUE(m_pclService->bStart());
+    EXPECT_EQ(m_pclService->eGetStatus(), STATUS_STOPPED);
+    Write("/etc/sysconfig/network", "NETWORKING=yes\n");
+}
+
+TEST_F(SysV, SuSEsOtherVerbsActOnARunningServerOnly)
+{
+    Install(DISTRI_SUSE);
+    for (const char* psz : {"try-restart", "condrestart", "reload", "force-reload"}) {
+        EXPECT_EQ(stRun(std::string("/etc/init.d/DXCS-a ") + psz).nStatus, 0) << psz;
+        EXPECT_EQ(m_pclService->eGetStatus(), STATUS_STOPPED);
+    }
+    EXPECT_TRUE(m_pclService->bStart());
+    const pid_t nFirst = nServer();
+    EXPECT_TRUE(m_pclService->bSendControlCommand(CONTROL_RELOAD));
+    EXPECT_NE(nServer(), nFirst);
+    EXPECT_EQ(csTakeJournal(), "killproc -p /var/run/DXCS-a.pid -TERM /opt/velmo/a/dxdemo\n");
+    std::filesystem::remove("/opt/velmo/a/dxdemo");
+    EXPECT_EQ(stRun("/etc/init.d/DXCS-a start").nStatus, 5);
+    EXPECT_EQ(stRun("/etc/init.d/DXCS-a stop").nStatus, 0);
+    stRun("kill $(cat /run/DXCS-a.pid)");
+}
+
+TEST_F(SysV, GentoosMessagesKeepTheirBytes)
+{
+    Install(DISTRI_GENTOO);
+    EXPECT_TRUE(m_pclService->bStart() && m_pclService->bStop() && m_pclService->bRemove());
+    EXPECT_EQ(
+        csTakeJournal(),
+        "rc-update add DXCS-a default\nD\xE9marrage : DXCS-a\nArr\xEAt : DXCS-a\nrc-update del DXCS-a\n");
+}
+
+TEST_F(SysV, UnknownVerbsAreRefused)
+{
+    for (const EDistri e : {DISTRI_DEBIAN, DISTRI_REDHAT, DISTRI_SLACKWARE}) {
+        Install(e);
+        EXPECT_FALSE(m_pclService->bSendControlCommand(CONTROL_RELOAD));
+        EXPECT_EQ(errno, ECANCELED);
+        EXPECT_TRUE(m_pclService->bRemove());
+    }
+}
+
+TEST_F(SysV, AStatusScriptThatHangsIsUnknownInTheEnd)
+{
+    CServiceManager::ms_eDistri = DISTRI_DEBIAN;
+    Write("/etc/init.d/DXCS-hangs", "#!/bin/sh\nexec sleep 600\n");
+    const auto clStart = std::chrono::steady_clock::now();
+    EXPECT_EQ(CService(&m_clManager, L"DXCS-hangs").eGetStatus(), STATUS_UNKNOWN);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    EXPECT_LT(std::chrono::steady_clock::now() - clStart, std::chrono::seconds(40));
+    EXPECT_EQ(stRun("pgrep -f 'sleep 60[0]'").csOutput, "") << "and it does not stay";
+    std::filesystem::remove("/etc/init.d/DXCS-hangs");
+}
+
+TEST_F(SysV, TheRealOpenRCRunsTheScript)
+{
+    const std::string csPackages = csBuildFolder() + "/openrc";
+    if (!std::filesystem::exists(csPackages)) {
+        GTEST_SKIP() << "SKIPPED: OpenRC is not unpacked in " << csPackages << " (docs/sysv.md tells how)";
+    }
+    ASSERT_EQ(stRun("rm /sbin/rc-update; tar -C " + csPackages +
+                    " -c . | tar -C / -x --keep-directory-symlink && ldconfig && "
+                    "ln -sf /sbin/openrc-run /sbin/runscript && openrc sysinit && openrc default")
+                  .nStatus,
+              0);
+    Install(DISTRI_GENTOO);
+    EXPECT_NE(stRun("rc-update show default").csOutput.find("DXCS-a"), std::string::npos);
+    EXPECT_EQ(m_pclService->eGetStatus(), STATUS_STOPPED);
+    EXPECT_TRUE(m_pclService->bStart());
+    EXPECT_TRUE(bServes());
+    EXPECT_EQ(m_pclService->eGetStatus(), STATUS_RUNNING);
+    const pid_t nServing = nServer();
+    ::kill(nServing, SIGKILL);
+    ASSERT_TRUE(bGone(nServing));
+    std::ofstream("/run/DXCS-a.pid") << ::getpid() << "\n"; // whose end would be noticed
+    EXPECT_TRUE(m_pclService->bStop());
+    EXPECT_EQ(m_pclService->eGetStatus(), STATUS_STOPPED);
+    EXPECT_TRUE(m_pclService->bRemove());
+    EXPECT_EQ(stRun("rc-update show default").csOutput.find("DXCS-a"), std::string::npos);
+}
+
+TEST_F(SysV, ToolsSeeTheStateOfScriptedServersOnTheWire)
+{
+    Install(DISTRI_DEBIAN);
+    CManagerProcess clManager;
+    ASSERT_TRUE(clManager.bAnswers());
+    CWireClient clTool("127.0.0.1", 4999);
+    (void)clTool.csLine();
+    EXPECT_EQ(clTool.csAsk("STATUS\ta"), "STATUS\tSTOPPED\r\n");
+    EXPECT_EQ(clTool.csAsk("START\ta"), "OK\r\n");
+    EXPECT_EQ(clTool.csAsk("STATUS\ta"), "STATUS\tRUNNING\r\n");
+    EXPECT_EQ(clTool.csAsk("STATUS\tb;touch /ran"), "ERROR\t1No such file or directory\r\n");
+    const pid_t nServing = nServer();
+    ::kill(nServing, SIGKILL);
+    ASSERT_TRUE(bGone(nServing));
+    EXPECT_TRUE(std::filesystem::exists("/run/DXCS-a.pid"));
+    EXPECT_EQ(clTool.csAsk("STATUS\ta"), "STATUS\tSTOPPED\r\n");
+    EXPECT_EQ(clTool.csAsk("START\ta"), "OK\r\n");
+    EXPECT_TRUE(m_pclService->bStop());
+    EXPECT_EQ(clTool.csAsk("STATUS\ta"), "STATUS\tSTOPPED\r\n");
+    EXPECT_FALSE(std::filesystem::exists("/ran"));
+    clTool.Close(); // first: the port of a conversation that the manager ends stays taken for a while
+    EXPECT_EQ(clManager.nStop(), 0);
+}
+
+TEST_F(SysV, TheManagerInstallsItselfServesAndRemovesItself)
+{
+    ASSERT_EQ(
+        stRun("mkdir -p /opt/velmo/m && cd " + csBuildFolder() + " && cp VelmoManager *.so /opt/velmo/m/")
+            .nStatus,
+        0);
+    const STCommandResult stInstalled = stRun("/opt/velmo/m/VelmoManager");
+    EXPECT_EQ(stInstalled.nStatus, 0) << stInstalled.csOutput;
+    EXPECT_EQ(stRun("/etc/init.d/VelmoManager status").nStatus, 0);
+    EXPECT_NE(csReadFile("/etc/rc3.d/S01VelmoManager")
+                  .find("# Program=\"/opt/velmo/m/VelmoManager\" Name=\"VelmoManager\" \n"),
+              std::string::npos);
+    CWireClient clTool("127.0.0.1", 4999);
+    EXPECT_EQ(clTool.csLine(), "HELLO FROM SERVEUR SETUP 24.0.6.0\r\n");
+    clTool.Close();
+    EXPECT_EQ(stRun("/etc/init.d/VelmoManager stop; /etc/init.d/VelmoManager status").nStatus, 3);
+    EXPECT_EQ(stRun("/opt/velmo/m/VelmoManager").nStatus, 0) << "registered already: it is started again";
+    EXPECT_EQ(stRun("/etc/init.d/VelmoManager status").nStatus, 0);
+    EXPECT_EQ(stRun("/opt/velmo/m/VelmoManager --UNINSTALL").nStatus, 0);
+    EXPECT_EQ(stRun("pgrep -x VelmoManager; ls /etc/rc?.d /etc/init.d | grep Velmo").csOutput, "");
+}
