@@ -1,0 +1,77 @@
+// The man page and the completion know every command and every option, and nothing else.
+
+#include "ScriptedManager.h"
+#include "velmoctl/Commands.h"
+
+#include <fstream>
+#include <gtest/gtest.h>
+#include <iterator>
+
+namespace {
+const std::string s_csPage = csSource() + "/docs/man/velmoctl.1";
+
+std::string csRead(const std::string& csFile)
+{
+    std::ifstream clFile(csFile);
+    return {std::istreambuf_iterator<char>(clFile), {}};
+}
+
+/// What bash offers for the last of the words, sorted, with blanks between.
+std::string csCompletions(const std::string& csWords, const std::string& csSetUp = "")
+{
+    return stRun("bash -c '" + csSetUp + "source " + csSource() +
+                 "/tools/velmoctl/velmoctl.bash; COMP_WORDS=(" + csWords +
+                 "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _velmoctl; printf \"%s\\n\" \"${COMPREPLY[@]}\" "
+                 "| LC_ALL=C sort | paste -sd\" \"'")
+        .csOutput;
+}
+
+std::string csSorted(std::vector<std::string> tWords)
+{
+    std::sort(tWords.begin(), tWords.end());
+    std::string cs;
+    for (const std::string& csWord : tWords) {
+        cs += (cs.empty() ? "" : " ") + csWord;
+    }
+    return cs + "\n";
+}
+} // namespace
+
+TEST(Documents, TheManPageHasEveryCommandAndOptionAndNoFault)
+{
+    const std::string csPage = csRead(s_csPage);
+    for (const std::string& csCommand : tCommandNames()) {
+        EXPECT_TRUE(csPage.find("\n.B " + csCommand + "\n") != csPage.npos ||
+                    csPage.find("\n.BI " + csCommand + " ") != csPage.npos)
+            << csCommand;
+        for (std::string csOption : tOptionsOf(csCommand)) {
+            for (std::size_t n = 0; (n = csOption.find('-', n)) != std::string::npos; n += 2) {
+                csOption.insert(n, "\\");
+            }
+            EXPECT_NE(csPage.find("\n.B " + csOption), csPage.npos) << csCommand << " " << csOption;
+        }
+    }
+    if (stRun("command -v groff").nStatus != 0) {
+        GTEST_SKIP() << "SKIPPED: no groff to check the page with";
+    }
+    EXPECT_EQ(stRun("groff -man -Tutf8 -ww -z " + s_csPage).csOutput, "");
+}
+
+TEST(Documents, TheCompletionOffersWhatTheCommandsKnow)
+{
+    EXPECT_EQ(csCompletions("velmoctl \"\""), csSorted(tCommandNames()));
+    EXPECT_EQ(csCompletions("velmoctl --host x li"), "lint list\n");
+    for (const std::string& csCommand : tCommandNames()) {
+        EXPECT_EQ(csCompletions("velmoctl " + csCommand + " --"), csSorted(tOptionsOf(csCommand)))
+            << csCommand;
+    }
+}
+
+TEST(Documents, TheCompletionAsksTheManagerForNames)
+{
+    CScriptedManager clManager(
+        CScriptedManager::Answers{{"INFO", "YES\tv\ts\tk\tp\tm\tOrders\t1\tOr der\t2\tStock\t3"}});
+    const std::string csSetUp = "velmoctl() { " + csClient() + " \"$@\"; }; ";
+    EXPECT_EQ(csCompletions("velmoctl --port " + clManager.csPort() + " status Or", csSetUp),
+              "Or\\ der Orders\n");
+}

@@ -1,0 +1,213 @@
+#include "velmoctl/Conversation.h"
+
+#include "support/Conversion.h"
+#include "velmoctl/Terminal.h"
+
+#include <array>
+#include <cstring>
+#include <future>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <thread>
+
+namespace {
+constexpr std::size_t s_nMaxGreeting = 1024;
+constexpr std::string_view s_csGreeting = "HELLO FROM SERVEUR SETUP ";
+
+struct STResolved
+{
+    CAddresses pstAddresses;
+    int nError = 0;
+};
+
+STResolved stAsk(const std::string& csHost, const std::string& csPort, int nType, int nFlags)
+{
+    addrinfo stHints{};
+    stHints.ai_socktype = nType;
+    stHints.ai_flags = AI_NUMERICSERV | nFlags;
+    addrinfo* pst = nullptr;
+    STResolved stResult;
+    stResult.nError =
+        ::getaddrinfo(csHost.empty() ? nullptr : csHost.c_str(), csPort.c_str(), &stHints, &pst);
+    stResult.pstAddresses.reset(pst);
+    return stResult;
+}
+
+/// The resolver knows no deadline: it is asked in a thread that is left to itself when it takes too long.
+STResolved stAskInTime(const std::string& csHost, const std::string& csPort, int nType,
+                       const CDeadline& clDeadline)
+{
+    std::packaged_task<STResolved()> clTask([=] { return stAsk(csHost, csPort, nType, 0); });
+    std::future<STResolved> clResult = clTask.get_future();
+    std::thread(std::move(clTask)).detach();
+    while (clResult.wait_for(Milliseconds(20)) != std::future_status::ready) {
+        bWaitFor(-1, 0, CDeadline(Milliseconds::zero())); // an interrupt ends it
+        if (clDeadline.bOver()) {
+            return {nullptr, EAI_AGAIN};
+        }
+    }
+    return clResult.get();
+}
+
+/// True when connected; else errno tells why not.
+bool bConnect(int nSocket, const addrinfo& stAddress, const CDeadline& clDeadline)
+{
+    if (::connect(nSocket, stAddress.ai_addr, stAddress.ai_addrlen) == 0) {
+        return true;
+    }
+    if (errno != EINPROGRESS) {
+        return false;
+    }
+    if (!bWaitFor(nSocket, POLLOUT, clDeadline)) {
+        errno = ETIMEDOUT;
+        return false;
+    }
+    int nError = 0;
+    socklen_t nLength = sizeof nError;
+    ::getsockopt(nSocket, SOL_SOCKET, SO_ERROR, &nError, &nLength);
+    errno = nError;
+    return nError == 0;
+}
+
+int nCount(const addrinfo* pst)
+{
+    int nAddresses = 0;
+    for (; pst != nullptr; pst = pst->ai_next) {
+        ++nAddresses;
+    }
+    return nAddresses;
+}
+
+std::string csSeconds(Milliseconds clTime)
+{
+    std::string cs = std::to_string(clTime.count() / 1000) + "." + std::to_string(clTime.count() / 100 % 10);
+    return (cs.ends_with(".0") ? cs.substr(0, cs.size() - 2) : cs) + " s";
+}
+} // namespace
+
+CAddresses pstResolve(const STOptions& stOptions, int nType, const CDeadline& clDeadline)
+{
+    const std::string csPort = std::to_string(stOptions.wPort);
+    STResolved stResult = stAsk(stOptions.csHost, csPort, nType, AI_NUMERICHOST);
+    if (stResult.nError != 0) {
+        stResult = stAskInTime(stOptions.csHost, csPort, nType, clDeadline);
+    }
+    if (stResult.nError != 0) {
+        throw CFailure(EExit::Unreachable, "the host \"" + csArgument(stOptions.csHost) +
+                                               "\" cannot be found: " + ::gai_strerror(stResult.nError));
+    }
+    return std::move(stResult.pstAddresses);
+}
+
+CConversation::CConversation(const STOptions& stOptions, Milliseconds clTimeout)
+    : m_clTimeout(clTimeout),
+      m_csWho(stOptions.csHost.empty() ? "this machine" : csShown(csArgument(stOptions.csHost)))
+{
+    m_csWho += ", port " + std::to_string(stOptions.wPort);
+    const CDeadline clDeadline(clTimeout);
+    _Connect(stOptions, clDeadline);
+    if (!_csLine(s_nMaxGreeting, clDeadline).starts_with(s_csGreeting)) {
+        throw CFailure(EExit::Nonsense, "what listens on " + m_csWho + " is not a manager");
+    }
+    _Send("MODE_UTF8\r\n", clDeadline);
+    if (const std::string csReply = _csLine(s_nMaxLine, clDeadline); csReply != "OK") {
+        throw clNonsense(csReply);
+    }
+}
+
+std::string CConversation::csAsk(const std::vector<std::string>& tFields)
+{
+    std::string csLine;
+    for (const std::string& csField : tFields) {
+        if (csField.find_first_of(std::string_view("\t\r\n\0", 4)) != csField.npos) {
+            throw CFailure(EExit::Usage, "a name cannot contain tabs, line ends or NUL characters");
+        }
+        csLine += (csLine.empty() ? "" : "\t") + csField;
+    }
+    const CDeadline clDeadline(m_clTimeout);
+    m_csReceived.clear(); // nothing was asked for
+    _Send(csLine + "\r\n", clDeadline);
+    return _csLine(s_nMaxLine, clDeadline);
+}
+
+CFailure CConversation::clNonsense(const std::string& csReply) const
+{
+    constexpr std::size_t nShown = 100; // bytes
+    const std::string csCut = csReply.substr(0, nCutUTF8(csReply, nShown));
+    return {EExit::Nonsense, "the manager on " + m_csWho + " answered what was not expected: \"" +
+                                 csShown(csCut) + (csCut.size() < csReply.size() ? "...\"" : "\"")};
+}
+
+/// Each address gets its share of the time that is left, so that a silent one does not use it all up.
+void CConversation::_Connect(const STOptions& stOptions, const CDeadline& clDeadline)
+{
+    const CAddresses pstAddresses = pstResolve(stOptions, SOCK_STREAM, clDeadline);
+    int nErrno = 0;
+    for (const addrinfo* pst = pstAddresses.get(); pst != nullptr; pst = pst->ai_next) {
+        CDescripteur clSocket(
+            ::socket(pst->ai_family, pst->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, pst->ai_protocol));
+        if (clSocket.bOpen() &&
+            bConnect(clSocket.nFd(), *pst, CDeadline(clDeadline.clLeft() / nCount(pst)))) {
+            const int nOne = 1;
+            ::setsockopt(clSocket.nFd(), IPPROTO_TCP, TCP_NODELAY, &nOne, sizeof nOne);
+            m_clSocket = std::move(clSocket);
+            return;
+        }
+        nErrno = errno;
+    }
+    throw CFailure(EExit::Unreachable,
+                   "no manager can be reached on " + m_csWho + ": " + std::strerror(nErrno));
+}
+
+void CConversation::_Send(std::string_view csBytes, const CDeadline& clDeadline)
+{
+    while (!csBytes.empty()) {
+        const ssize_t nSent = ::send(m_clSocket.nFd(), csBytes.data(), csBytes.size(), MSG_NOSIGNAL);
+        if (nSent >= 0) {
+            csBytes.remove_prefix(static_cast<std::size_t>(nSent));
+        } else if (errno != EAGAIN && errno != EINTR) {
+            throw clSystemFailure(EExit::Nonsense, "the manager on " + m_csWho + " broke off");
+        } else if (!bWaitFor(m_clSocket.nFd(), POLLOUT, clDeadline)) {
+            throw _clSilence();
+        }
+    }
+}
+
+std::string CConversation::_csLine(std::size_t nMax, const CDeadline& clDeadline)
+{
+    std::size_t nSearched = 0;
+    for (;;) {
+        const std::size_t nEnd = m_csReceived.find("\r\n", nSearched);
+        if (nEnd != std::string::npos && nEnd <= nMax) {
+            const std::string csLine = m_csReceived.substr(0, nEnd);
+            m_csReceived.erase(0, nEnd + 2);
+            return csToUTF8(csFromUTF8(csLine));
+        }
+        if (m_csReceived.size() > nMax) {
+            throw CFailure(EExit::Nonsense, "what listens on " + m_csWho + " sends a line without an end");
+        }
+        nSearched = m_csReceived.empty() ? 0 : m_csReceived.size() - 1;
+        _Receive(clDeadline);
+    }
+}
+
+void CConversation::_Receive(const CDeadline& clDeadline)
+{
+    if (!bWaitFor(m_clSocket.nFd(), POLLIN, clDeadline)) {
+        throw _clSilence();
+    }
+    std::array<char, 16384> tBytes;
+    const ssize_t nReceived = ::recv(m_clSocket.nFd(), tBytes.data(), tBytes.size(), 0);
+    if (nReceived > 0) {
+        m_csReceived.append(tBytes.data(), static_cast<std::size_t>(nReceived));
+    } else if (nReceived == 0 || (errno != EAGAIN && errno != EINTR)) {
+        throw CFailure(EExit::Nonsense, "the manager on " + m_csWho + " broke off " +
+                                            (m_csReceived.empty() ? "without a reply" : "in a reply"));
+    }
+}
+
+CFailure CConversation::_clSilence() const
+{
+    return {EExit::Unreachable,
+            "the manager on " + m_csWho + " did not answer within " + csSeconds(m_clTimeout)};
+}

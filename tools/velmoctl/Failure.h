@@ -1,0 +1,30 @@
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+/// Exit statuses, as velmoctl(1) documents them.
+enum class EExit : int
+{
+    Done = 0,
+    Refused = 1,     ///< the manager refused, or what was looked for or checked is not as it should be
+    Usage = 2,       ///< the command line is wrong
+    Unreachable = 3, ///< nobody there, or no answer in time
+    Nonsense = 4,    ///< who answers does not speak the manager's protocol, or broke off
+    Declined = 5,    ///< the user did not want it after all
+    Interrupted = 130,
+};
+
+/// Ends a command: the words for standard error (UTF-8, no line end) and the exit status.
+class CFailure : public std::runtime_error
+{
+public:
+    CFailure(EExit eExit, const std::string& csWords) : std::runtime_error(csWords), m_eExit(eExit) {}
+    EExit eExit() const noexcept { return m_eExit; }
+
+private:
+    EExit m_eExit;
+};
+
+/// The same for a system call that has just failed: adds the system's text for errno, read at once.
+CFailure clSystemFailure(EExit eExit, const std::string& csWords);

@@ -1,0 +1,256 @@
+#include "velmoctl/Lint.h"
+
+#include "support/Conversion.h"
+#include "velmoctl/Commands.h"
+#include "velmoctl/Output.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <optional>
+
+namespace {
+constexpr std::string_view s_csMarkUTF16 = "\xFF\xFE", s_csMarkBigEndian = "\xFE\xFF",
+                           s_csMarkUTF8 = "\xEF\xBB\xBF";
+constexpr std::wstring_view s_csSpace = L" \t\n\v\f\r"; // what the reader skips in front of a line
+
+std::string csQuoted(std::wstring_view cs)
+{
+    return "\"" + csToUTF8(cs) + "\"";
+}
+
+/// A single-byte text that would be another, sensible one if it were UTF-8.
+bool bLooksLikeUTF8(std::wstring_view csLine)
+{
+    const std::string csBytes = csNarrow(csLine, CP_1252);
+    const bool bBeyondASCII = std::any_of(csBytes.begin(), csBytes.end(), [](char c) { return c < 0; });
+    return bBeyondASCII && csFromUTF8(csBytes).find(L'\xFFFD') == std::wstring::npos;
+}
+
+/// Goes through a file line by line and knows at each line where the reader and the writer of settings are,
+/// who do not follow the same rules: see docs/settings.md.
+class CLinter
+{
+public:
+    explicit CLinter(bool bSingleByte) : m_bSingleByte(bSingleByte) {}
+
+    /// The line comes with its end, if it has one.
+    void Line(std::wstring_view csLine)
+    {
+        ++m_nLine;
+        std::wstring_view csText = csLine.substr(0, csLine.find(L'\0'));
+        if (csText.size() < csLine.size()) {
+            _Find("what follows the NUL character is not read");
+        }
+        csText.remove_prefix(std::min(csText.find_first_not_of(s_csSpace), csText.size()));
+        const bool bIndented = csText.data() != csLine.data();
+        if (csText.starts_with(L'[')) {
+            _Bracket(csText, bIndented);
+        } else if (!csText.empty() && csText[0] != L':' && csText[0] != L';' && csText[0] != L'#') {
+            _KeyLine(csText, bIndented);
+        }
+        if (csLine.starts_with(L'\n') || csLine.starts_with(L'\r')) {
+            m_nWriterEnd = m_nWriterEnd == 0 ? m_nLine : m_nWriterEnd;
+        }
+        if (!csLine.ends_with(L'\n')) {
+            _Find("the last line has no line end: what is added later will continue it");
+        }
+    }
+    /// A line that is not looked into.
+    void SkipLine() { ++m_nLine; }
+    void Find(const std::string& csText) { _Find(csText); }
+    std::vector<STFinding> tTake() { return std::move(m_tFindings); }
+
+private:
+    void _Find(std::string csText) { m_tFindings.push_back({std::max(m_nLine, 1u), std::move(csText)}); }
+
+    void _Bracket(std::wstring_view csText, bool bIndented)
+    {
+        const std::size_t nEnd = csText.find(L']');
+        if (nEnd == csText.npos) {
+            _Find("a section header without \"]\" is none, but a change of a later key does not get past it");
+            m_nWriterEnd = bIndented ? m_nWriterEnd : m_nLine;
+            return;
+        }
+        m_csSection = csText.substr(1, nEnd - 1);
+        m_bSection = true;
+        m_nWriterEnd = 0;
+        const bool bRepeated = std::any_of(m_tSections.begin(), m_tSections.end(),
+                                           [&](const auto& cs) { return bSameName(cs, m_csSection); });
+        m_bIgnored = bRepeated || !bKnownSection(m_csSection);
+        m_tSections.push_back(m_csSection);
+        if (!bKnownSection(m_csSection)) {
+            _Find("unknown section " + csQuoted(m_csSection));
+        } else if (bRepeated) {
+            _Find("section " + csQuoted(m_csSection) + " is there before: nothing in this one is read");
+        } else if (bIndented) {
+            _Find("the indented header " + csQuoted(m_csSection) +
+                  " is read, but a change will write a second section");
+        }
+    }
+
+    void _KeyLine(std::wstring_view csText, bool bIndented)
+    {
+        const std::size_t nName = std::min(csText.find_first_of(L"= \t\r\n"), csText.size());
+        const std::wstring csKey(csText.substr(0, nName));
+        const std::size_t nEqual = csText.find(L'=', nName);
+        if (!m_bSection) {
+            _Find(csQuoted(csKey) + " stands in front of the first section: it is never read");
+        } else if (nEqual == csText.npos) {
+            _Find("a line without \"=\" is never read, but may be overwritten");
+        } else if (!m_bIgnored) {
+            _Key(csKey, csText.substr(nName, nEqual - nName), csText.substr(nEqual + 1), bIndented);
+        }
+    }
+
+    void _Key(const std::wstring& csKey, std::wstring_view csBetween, std::wstring_view csRest,
+              bool bIndented)
+    {
+        if (csBetween.find_first_not_of(L" \t") != csBetween.npos) {
+            _Find("the text between " + csQuoted(csKey) + " and \"=\" is ignored");
+        }
+        const STSetting* const pst = pstSetting(m_csSection, csKey);
+        if (pst == nullptr) {
+            _UnknownKey(csKey);
+            return;
+        }
+        if (_bRepeated(csKey)) {
+            return;
+        }
+        if (bIndented) {
+            _Find(csQuoted(csKey) +
+                  " is indented: it is read, but a change will write a second line, in vain");
+        } else if (m_nWriterEnd != 0) {
+            _Find(csQuoted(csKey) + " is behind line " + std::to_string(m_nWriterEnd) +
+                  ", where the section ends for a change: a second line will be written there");
+        }
+        _Value(*pst, csRest);
+    }
+
+    void _UnknownKey(const std::wstring& csKey)
+    {
+        const wchar_t* const pszElsewhere = pszSectionOf(csKey);
+        _Find("unknown key " + csQuoted(csKey) + " in section " + csQuoted(m_csSection) +
+              (pszElsewhere == nullptr ? "" : ": it belongs to section " + csQuoted(pszElsewhere)));
+    }
+
+    bool _bRepeated(const std::wstring& csKey)
+    {
+        for (const auto& [csEarlier, nLine] : m_tKeys) {
+            if (bSameName(csEarlier, csKey)) {
+                _Find(csQuoted(csKey) + " is set in line " + std::to_string(nLine) +
+                      " already: only that counts");
+                return true;
+            }
+        }
+        m_tKeys.emplace_back(csKey, m_nLine);
+        return false;
+    }
+
+    void _Value(const STSetting& stSetting, std::wstring_view csRest)
+    {
+        const std::size_t nEnd = std::min(csRest.find_first_of(L"\r\n"), csRest.size());
+        const std::size_t nStart = std::min(csRest.find_first_not_of(L" \t"), nEnd);
+        if (nEnd < csRest.size() && csRest.find_first_not_of(L"\r\n", nEnd) != csRest.npos) {
+            _Find("what follows the carriage return is not read");
+        }
+        const std::wstring csValue(csRest.substr(nStart, nEnd - nStart));
+        if (const std::string csFault = csValueFault(stSetting, csValue); !csFault.empty()) {
+            _Find(csToUTF8(stSetting.pszKey) + ": " + csFault);
+        }
+        if (m_bSingleByte && bLooksLikeUTF8(csValue)) {
+            _Find(csToUTF8(stSetting.pszKey) +
+                  ": the value is in UTF-8, but will be read as Windows-1252: " + csQuoted(csValue));
+        }
+    }
+
+    bool m_bSingleByte;
+    unsigned int m_nLine = 0;
+    unsigned int m_nWriterEnd = 0; ///< line where the section ends for the writer; 0: not yet
+    bool m_bSection = false;       ///< behind the first header
+    bool m_bIgnored = false;       ///< an unknown or repeated section, reported at its header
+    std::wstring m_csSection;
+    std::vector<std::wstring> m_tSections;
+    std::vector<std::pair<std::wstring, unsigned int>> m_tKeys; ///< known ones, with their lines
+    std::vector<STFinding> m_tFindings;
+};
+
+/// One character for each unit, as the programs read them.
+std::wstring csUnits(std::string_view csBytes, bool bUTF16)
+{
+    if (!bUTF16) {
+        return csWide(csBytes, CP_SYSTEM);
+    }
+    std::wstring csText;
+    for (std::size_t n = 0; n + 1 < csBytes.size(); n += 2) {
+        const auto nLow = static_cast<unsigned char>(csBytes[n]);
+        const auto nHigh = static_cast<unsigned char>(csBytes[n + 1]);
+        csText += static_cast<wchar_t>(nLow | nHigh << 8);
+    }
+    return csText;
+}
+
+std::string csReadFile(const std::string& csPath)
+{
+    constexpr std::uintmax_t nMax = 4u << 20;
+    std::error_code clError;
+    if (!std::filesystem::is_regular_file(csPath, clError)) {
+        const std::string csWhy = clError ? clError.message() : "not a regular file";
+        throw CFailure(EExit::Usage, csArgument(csPath) + ": " + csWhy);
+    }
+    std::ifstream clFile(csPath, std::ios::binary);
+    std::string csBytes(std::min(std::filesystem::file_size(csPath, clError), nMax + 1), '\0');
+    clFile.read(csBytes.data(), static_cast<std::streamsize>(csBytes.size()));
+    csBytes.resize(static_cast<std::size_t>(clFile.gcount()));
+    if (!clFile.is_open() || clFile.bad() || csBytes.size() > nMax) {
+        throw CFailure(EExit::Usage, csArgument(csPath) + ": cannot be read, or is larger than 4 MiB");
+    }
+    return csBytes;
+}
+} // namespace
+
+std::vector<STFinding> tLint(std::string_view csBytes)
+{
+    if (csBytes.starts_with(s_csMarkBigEndian)) {
+        return {{1, "the file is UTF-16 in the wrong byte order (big-endian): nothing in it is read"}};
+    }
+    const bool bUTF16 = csBytes.starts_with(s_csMarkUTF16);
+    CLinter clLinter(!bUTF16);
+    const std::wstring csText = csUnits(csBytes.substr(bUTF16 ? s_csMarkUTF16.size() : 0), bUTF16);
+    std::size_t nStart = 0;
+    if (csBytes.starts_with(s_csMarkUTF8)) {
+        clLinter.SkipLine();
+        clLinter.Find(
+            "the file begins with a UTF-8 mark, which hides its first line; it is read as Windows-1252");
+        nStart = std::min(csText.find(L'\n'), csText.size() - 1) + 1;
+    }
+    while (nStart < csText.size()) {
+        const std::size_t nEnd = std::min(csText.find(L'\n', nStart), csText.size() - 1) + 1;
+        clLinter.Line(std::wstring_view(csText).substr(nStart, nEnd - nStart));
+        nStart = nEnd;
+    }
+    if (bUTF16 && csBytes.size() % 2 != 0) {
+        clLinter.Find("the file ends in the middle of a character");
+    }
+    return clLinter.tTake();
+}
+
+EExit eLint(const STCall& stCall)
+{
+    const std::string csFile = csArgument(stCall.tArguments[0]);
+    const std::vector<STFinding> tFindings = tLint(csReadFile(stCall.tArguments[0]));
+    std::vector<std::string> tObjects;
+    for (const STFinding& st : tFindings) {
+        const std::string csLine = std::to_string(st.nLine);
+        tObjects.push_back(csJsonObject({{"line", csLine}, {"text", csJsonText(st.csText)}}));
+        if (!stCall.stOptions.bJson) {
+            std::cout << csColoured(csShown(csFile) + ":" + csLine + ":", EColour::Bold) << " "
+                      << csShown(st.csText) << "\n";
+        }
+    }
+    if (stCall.stOptions.bJson) {
+        std::cout << csJsonArray(tObjects) << "\n";
+    }
+    return tFindings.empty() ? EExit::Done : EExit::Refused;
+}

@@ -1,0 +1,211 @@
+#include "support/Conversion.h"
+#include "velmoctl/Lint.h"
+
+#include <algorithm>
+#include <cwchar>
+#include <iterator>
+#include <limits>
+
+namespace {
+template <class T>
+constexpr STSetting stRow(const settings::STNumber<T>& st, EValue eValue)
+{
+    return {st.pszSection, st.pszKey, 0, st.nDefault, eValue};
+}
+
+constexpr STSetting stRow(const settings::STText& st, EValue eValue)
+{
+    return {st.pszSection, st.pszKey, st.nSize, 0, eValue};
+}
+
+constexpr STSetting s_tSettings[] = {
+    stRow(settings::Name, EValue::Text),
+    stRow(settings::ErrorLogMode, EValue::LogMode),
+    stRow(settings::ErrorLogFile, EValue::Path),
+    stRow(settings::SocketOptions, EValue::Families),
+    stRow(settings::DBRootPath, EValue::Path),
+    stRow(settings::LogConnexion, EValue::YesNo),
+    stRow(settings::MoreThan2Go, EValue::YesNo),
+    stRow(settings::AccessPort, EValue::Port),
+    stRow(settings::ZLDebugPort, EValue::Port),
+    stRow(settings::PreVersion, EValue::Signed),
+    stRow(settings::NdxCacheSize, EValue::Unsigned),
+    stRow(settings::CacheMaxUnusedFiles, EValue::Unsigned),
+    stRow(settings::CacheFilesPrefetch, EValue::YesNo),
+    stRow(settings::ReplicAllowIdAuto4, EValue::YesNo),
+    stRow(settings::WindowsFileCacheSize, EValue::Signed),
+    stRow(settings::WithCoreDump, EValue::YesNo),
+    stRow(settings::DaemonUser, EValue::Text),
+    stRow(settings::ActivityStatisticPeriod, EValue::Period),
+    stRow(settings::ActivityStatisticMaxFileSize, EValue::Megabytes),
+    stRow(settings::ActivityStatisticPath, EValue::Path),
+    stRow(settings::AfterUpdateReport, EValue::Text),
+    stRow(settings::Installer, EValue::Text),
+    stRow(settings::JNLRootPath, EValue::Path),
+    stRow(settings::JNLBackupRootPath, EValue::Path),
+    stRow(settings::DumpLevel, EValue::Unsigned),
+    stRow(settings::DumpPath, EValue::Path),
+    stRow(settings::KeySearch, EValue::YesNo),
+    stRow(settings::RestartOnFailed, EValue::YesNo),
+    stRow(settings::CheckPeriod, EValue::Seconds),
+    stRow(settings::Cluster, EValue::Node),
+    stRow(settings::ClusterManager, EValue::Text),
+    stRow(settings::NodePassword, EValue::Text),
+    stRow(settings::NodeRunning, EValue::YesNo),
+    stRow(settings::LastRun, EValue::Unsigned),
+    stRow(settings::AutoAnalyseEnable, EValue::YesNo),
+    stRow(settings::AutoAnalyseWait, EValue::Unsigned),
+    stRow(settings::AutoAnalyseBetweenScan, EValue::Unsigned),
+    stRow(settings::AutoAnalyseBetweenStat, EValue::Unsigned),
+    stRow(settings::AutoAnalyseAfterCreation, EValue::Unsigned),
+    stRow(settings::AutoAnalyseMinWrite, EValue::Unsigned),
+    stRow(settings::AutoAnalysePercentWrite, EValue::Unsigned),
+};
+
+constexpr long long s_n31 = 1LL << 31, s_n32 = 1LL << 32;
+
+/// What a number may be, and what becomes of another one.
+struct STBounds
+{
+    EValue eValue;
+    long long nMin;
+    long long nMax;
+    const char* pszBeyond;
+};
+constexpr STBounds s_tBounds[] = {
+    {EValue::Signed, -s_n31, s_n31 - 1, "wraps around"},
+    {EValue::Unsigned, 0, s_n32 - 1, "wraps around"},
+    {EValue::YesNo, -s_n31, s_n32 - 1, "wraps around"},
+    {EValue::Port, 1, 65535, "is no port (1 to 65535)"},
+    {EValue::Period, 0, 65535, "counts as 65535"},
+    {EValue::Megabytes, 0, 4095, "wraps around: at most 4095 megabytes can be set"},
+    {EValue::Seconds, 0, 4294967, "wraps around: at most 4294967 seconds can be set"},
+    {EValue::Node, 0, 1, "makes no cluster node: only 1 does"},
+};
+
+constexpr std::size_t s_nNumberCharacters = 19; // more are not looked at
+
+std::string csNumberFault(const STSetting& stSetting, const std::wstring& csValue)
+{
+    const std::wstring csRead = csValue.substr(0, s_nNumberCharacters);
+    wchar_t* pszEnd = nullptr;
+    const long long nValue =
+        std::wcstoll(csRead.c_str(), &pszEnd, 10); // 19 characters may just not fit: a bound
+    const std::string csReads = "reads as " + std::to_string(nValue);
+    if (csValue.find_first_not_of(L" \t") == std::wstring::npos) {
+        return "the value is empty: reads as 0, not as the default " + std::to_string(stSetting.nDefault);
+    }
+    if (pszEnd == csRead.c_str()) {
+        return "\"" + csToUTF8(csValue) + "\" is no decimal number: reads as 0";
+    }
+    if (csRead.find_first_not_of(L" \t", static_cast<std::size_t>(pszEnd - csRead.c_str())) != csRead.npos) {
+        return "\"" + csToUTF8(csValue) + "\" " + csReads + ": what follows the digits is ignored";
+    }
+    if (csValue.find_first_not_of(L" \t", csRead.size()) != std::wstring::npos) {
+        return "only the first 19 characters of the number count";
+    }
+    const auto* const pst = std::find_if(std::begin(s_tBounds), std::end(s_tBounds),
+                                         [&](const STBounds& st) { return st.eValue == stSetting.eValue; });
+    const bool bFits = pst == std::end(s_tBounds) || (nValue >= pst->nMin && nValue <= pst->nMax);
+    return bFits ? "" : std::to_string(nValue) + " " + pst->pszBeyond;
+}
+
+std::string csPathFault(const std::wstring& csValue)
+{
+    const bool bMacro = csValue.starts_with(L"%%");
+    if (!bMacro || csValue.starts_with(L"%%EXE%%") || csValue.starts_with(L"%%COMMONAPPDATA%%")) {
+        return "";
+    }
+    return csValue.starts_with(L"%%COMMO")
+               ? "the path is taken to begin with %%COMMONAPPDATA%%"
+               : "the path begins with no known macro (%%EXE%%, %%COMMONAPPDATA%%)";
+}
+
+std::string csLogModeFault(const std::wstring& csValue)
+{
+    const bool bKnown = csValue == L"SYSTEM" || csValue == L"FILE";
+    return bKnown ? "" : "\"" + csToUTF8(csValue) + "\" logs nowhere: only SYSTEM and FILE, in capitals, do";
+}
+
+std::string csFamiliesFault(const std::wstring& csValue)
+{
+    constexpr std::wstring_view tWords[] = {L"IPV4_ONLY", L"IPV6_ONLY", L"IPV4_IPV6", L"IPV6_IPV4"};
+    for (std::size_t nStart = 0; nStart <= csValue.size();) {
+        const std::size_t nEnd = std::min(csValue.find(L',', nStart), csValue.size());
+        const std::wstring csWord = csValue.substr(nStart, nEnd - nStart);
+        if (std::none_of(std::begin(tWords), std::end(tWords),
+                         [&](std::wstring_view cs) { return bSameName(cs, csWord); })) {
+            return "\"" + csToUTF8(csWord) +
+                   "\" is none of the words IPV4_ONLY, IPV6_ONLY, IPV4_IPV6, IPV6_IPV4";
+        }
+        nStart = nEnd + 1;
+    }
+    return "";
+}
+
+std::string csTextFault(const STSetting& stSetting, const std::wstring& csValue)
+{
+    if (csValue.size() >= stSetting.nSize) {
+        return "only the first " + std::to_string(stSetting.nSize - 1) + " characters of the value count";
+    }
+    if (csValue.ends_with(L' ') || csValue.ends_with(L'\t')) {
+        return "the blanks at the end belong to the value";
+    }
+    if (csValue.size() > 1 && csValue.front() == L'"' && csValue.back() == L'"') {
+        return "the quotation marks belong to the value";
+    }
+    if (csValue.find(L" ;") != std::wstring::npos || csValue.find(L"\t;") != std::wstring::npos) {
+        return "the text behind \";\" belongs to the value: a comment is a line that begins with \":\"";
+    }
+    return "";
+}
+} // namespace
+
+bool bSameName(std::wstring_view cs1, std::wstring_view cs2)
+{
+    const auto fnFold = [](wchar_t c) { return c >= L'A' && c <= L'Z' ? c - L'A' + L'a' : c; };
+    return std::equal(cs1.begin(), cs1.end(), cs2.begin(), cs2.end(),
+                      [&](wchar_t c1, wchar_t c2) { return fnFold(c1) == fnFold(c2); });
+}
+
+const STSetting* pstSetting(std::wstring_view csSection, std::wstring_view csKey)
+{
+    const auto* const pst = std::find_if(std::begin(s_tSettings), std::end(s_tSettings), [&](const auto& st) {
+        return bSameName(st.pszSection, csSection) && bSameName(st.pszKey, csKey);
+    });
+    return pst == std::end(s_tSettings) ? nullptr : pst;
+}
+
+const wchar_t* pszSectionOf(std::wstring_view csKey)
+{
+    const auto* const pst = std::find_if(std::begin(s_tSettings), std::end(s_tSettings),
+                                         [&](const auto& st) { return bSameName(st.pszKey, csKey); });
+    return pst == std::end(s_tSettings) ? nullptr : pst->pszSection;
+}
+
+bool bKnownSection(std::wstring_view csSection)
+{
+    return std::any_of(std::begin(s_tSettings), std::end(s_tSettings),
+                       [&](const auto& st) { return bSameName(st.pszSection, csSection); });
+}
+
+std::string csValueFault(const STSetting& stSetting, const std::wstring& csValue)
+{
+    if (stSetting.nSize == 0) {
+        return csNumberFault(stSetting, csValue);
+    }
+    std::string csFault = csTextFault(stSetting, csValue);
+    if (!csFault.empty()) {
+        return csFault;
+    }
+    switch (stSetting.eValue) {
+    case EValue::Path:
+        return csPathFault(csValue);
+    case EValue::LogMode:
+        return csLogModeFault(csValue);
+    case EValue::Families:
+        return csFamiliesFault(csValue);
+    default:
+        return "";
+    }
+}

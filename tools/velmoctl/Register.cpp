@@ -1,0 +1,165 @@
+#include "support/Conversion.h"
+#include "velmoctl/Output.h"
+#include "velmoctl/Query.h"
+
+#include <array>
+#include <charconv>
+#include <csignal>
+#include <cstdint>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <iostream>
+#include <sys/stat.h>
+
+namespace {
+constexpr const char* s_pszManagerPipe = "/tmp/__pipe_velmomanager__";
+
+/// Request with UTF-16 texts, and reply, as they lie in the pipes (little-endian).
+constexpr std::int32_t s_nFormUTF16 = 1;
+constexpr std::size_t s_nForm = 4, s_nPort = 8, s_nName = 10, s_nPath = 268, s_nRequest = 792;
+constexpr std::size_t s_nNameBytes = 256, s_nPathBytes = 522; // what remains is a NUL
+constexpr std::size_t s_nReplyText = 500, s_nReply = 501;
+using CRequest = std::array<char, s_nRequest>;
+
+/// The FIFO for one reply, under a number that no other process uses; gone with the object.
+class CReplyPipe
+{
+public:
+    CReplyPipe()
+    {
+        constexpr std::int32_t nStep = 1 << 22, nTries = 100; // no process number is that large
+        m_nNumber = ::getpid();
+        int nMade = -1;
+        for (int n = 0; n < nTries && nMade != 0; ++n, m_nNumber += nMade == 0 ? 0 : nStep) {
+            m_csName = "/tmp/__pipe_velmomanager_" + std::to_string(m_nNumber);
+            nMade = ::mkfifo(m_csName.c_str(), 0600);
+            if (nMade == 0) {
+                break;
+            }
+        }
+        if (nMade == 0) {
+            m_clPipe = CDescripteur(::open(m_csName.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW));
+        }
+        if (!m_clPipe.bOpen()) {
+            throw clSystemFailure(EExit::Refused, "a pipe for the reply cannot be made in /tmp");
+        }
+    }
+    ~CReplyPipe() { ::unlink(m_csName.c_str()); }
+    CReplyPipe(const CReplyPipe&) = delete;
+    CReplyPipe& operator=(const CReplyPipe&) = delete;
+
+    std::int32_t nNumber() const { return m_nNumber; }
+    /// The reply's text; Unreachable when none comes in time.
+    std::string csReply(const CDeadline& clDeadline) const
+    {
+        if (!bWaitFor(m_clPipe.nFd(), POLLIN, clDeadline)) {
+            throw CFailure(EExit::Unreachable, "the manager did not answer in time; it may still be at it");
+        }
+        std::array<char, s_nReply> tReply{};
+        if (::read(m_clPipe.nFd(), tReply.data(), tReply.size()) != static_cast<ssize_t>(tReply.size())) {
+            throw CFailure(EExit::Nonsense, "the manager's reply is not whole");
+        }
+        return {tReply.data(), ::strnlen(tReply.data(), s_nReplyText)};
+    }
+
+private:
+    std::string m_csName;
+    std::int32_t m_nNumber = 0;
+    CDescripteur m_clPipe;
+};
+
+CDescripteur clOpenManagerPipe()
+{
+    CDescripteur clPipe(::open(s_pszManagerPipe, O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW));
+    if (!clPipe.bOpen() && (errno == ENOENT || errno == ENXIO)) {
+        throw CFailure(EExit::Unreachable, "no manager runs on this machine");
+    }
+    if (!clPipe.bOpen()) {
+        throw clSystemFailure(EExit::Refused, "the manager's pipe cannot be opened (only root can register)");
+    }
+    struct stat st
+    {};
+    if (::fstat(clPipe.nFd(), &st) != 0 || !S_ISFIFO(st.st_mode)) {
+        throw CFailure(EExit::Nonsense, std::string(s_pszManagerPipe) + " is not the manager's pipe");
+    }
+    return clPipe;
+}
+
+/// All at once, or not at all.
+void Write(const CDescripteur& clPipe, const CRequest& tRequest, const CDeadline& clDeadline)
+{
+    while (::write(clPipe.nFd(), tRequest.data(), tRequest.size()) < 0) {
+        if (errno != EAGAIN) {
+            throw clSystemFailure(EExit::Unreachable, "the manager does not take the request");
+        }
+        if (!bWaitFor(clPipe.nFd(), POLLOUT, clDeadline)) {
+            throw CFailure(EExit::Unreachable, "the manager is busy with other requests");
+        }
+    }
+}
+
+void PutText(const std::string& csText, std::size_t nOffset, std::size_t nMax, const char* pszWhat,
+             CRequest* ptRequest)
+{
+    const std::string csUnits = csToUTF16(csFromUTF8(csText));
+    if (csText.empty() || csUnits.size() > nMax) {
+        throw CFailure(EExit::Usage,
+                       std::string(pszWhat) + " must have 1 to " + std::to_string(nMax / 2) + " characters");
+    }
+    csUnits.copy(&(*ptRequest)[nOffset], csUnits.size());
+}
+
+std::uint16_t wPortOf(const std::string& csPort)
+{
+    std::uint16_t wPort = 0;
+    const char* const pszEnd = csPort.data() + csPort.size();
+    const auto stResult = std::from_chars(csPort.data(), pszEnd, wPort);
+    if (stResult.ec != std::errc{} || stResult.ptr != pszEnd || wPort == 0) {
+        throw CFailure(EExit::Usage, "\"" + csArgument(csPort) + "\" is not a port from 1 to 65535");
+    }
+    return wPort;
+}
+
+std::string csProgram(const std::string& csArgumentBytes)
+{
+    if (::access(csArgumentBytes.c_str(), X_OK) != 0 || std::filesystem::is_directory(csArgumentBytes)) {
+        throw CFailure(EExit::Usage, "\"" + csArgument(csArgumentBytes) + "\" is no program that can be run");
+    }
+    return std::filesystem::absolute(csArgumentBytes).lexically_normal().string();
+}
+} // namespace
+
+EExit eRegister(const STCall& stCall)
+{
+    CInterrupts::Catch(); // the reply pipe must not stay behind, also when the manager's goes away
+    ::signal(SIGPIPE, SIG_IGN);
+    const std::string csName = csArgument(stCall.tArguments[0]);
+    CRequest tRequest{};
+    PutText(csName, s_nName, s_nNameBytes, "the name", &tRequest);
+    PutText(csProgram(stCall.tArguments[1]), s_nPath, s_nPathBytes, "the program's path", &tRequest);
+    const std::uint16_t wPort = wPortOf(stCall.tArguments[2]);
+
+    const CDescripteur clManager = clOpenManagerPipe();
+    const CReplyPipe clReply;
+    const std::int32_t nNumber = clReply.nNumber();
+    std::memcpy(&tRequest[0], &nNumber, sizeof nNumber);
+    std::memcpy(&tRequest[s_nForm], &s_nFormUTF16, sizeof s_nFormUTF16);
+    std::memcpy(&tRequest[s_nPort], &wPort, sizeof wPort);
+
+    const CProgress clProgress("registering...");
+    const CDeadline clDeadline(stCall.clTimeout);
+    Write(clManager, tRequest, clDeadline);
+    const std::string csReply = clReply.csReply(clDeadline);
+    clProgress.Show("");
+    if (!csReply.empty()) {
+        throw CFailure(EExit::Refused, "the manager answers: " + csReply);
+    }
+    if (stCall.stOptions.bJson) {
+        std::cout << csJsonObject({{"name", csJsonText(csName)}, {"result", csJsonText("registered")}})
+                  << "\n";
+    } else {
+        std::cout << "\"" << csShown(csName) << "\" is registered and runs\n";
+    }
+    return EExit::Done;
+}

@@ -1,0 +1,142 @@
+#include "velmoctl/Replies.h"
+
+#include <algorithm>
+#include <charconv>
+#include <iterator>
+
+namespace {
+/// The service without the usual prefix: its name is all prefix, so that it is listed with an empty one, and
+/// this is what it is asked for by.
+constexpr const char* s_pszDefaultServer = "dxsql";
+constexpr std::size_t s_nHostFields = 5;
+
+std::vector<std::string> tSplit(std::string_view csLine)
+{
+    std::vector<std::string> tFields;
+    for (std::size_t nEnd = 0; (nEnd = csLine.find('\t')) != csLine.npos; csLine.remove_prefix(nEnd + 1)) {
+        tFields.emplace_back(csLine.substr(0, nEnd));
+    }
+    tFields.emplace_back(csLine);
+    return tFields;
+}
+
+bool bDigits(const std::string& cs)
+{
+    return !cs.empty() && cs.find_first_not_of("0123456789") == std::string::npos;
+}
+
+/// Name and port in turn. An odd number of fields comes from a name with tabs in it: there a name goes on
+/// until a number follows.
+std::vector<STServer> tReadServers(const std::vector<std::string>& tFields, std::size_t nFirst)
+{
+    const bool bPairs = (tFields.size() - nFirst) % 2 == 0;
+    std::vector<STServer> tServers;
+    for (std::size_t n = nFirst; n + 1 < tFields.size(); n += 2) {
+        std::string csName = tFields[n];
+        for (; !bPairs && n + 2 < tFields.size() && !bDigits(tFields[n + 1]); ++n) {
+            csName += " " + tFields[n + 1];
+        }
+        tServers.push_back({csName.empty() ? s_pszDefaultServer : csName, tFields[n + 1]});
+    }
+    return tServers;
+}
+
+struct STWord
+{
+    const char* pszSent;
+    const char* pszShown;
+};
+constexpr STWord s_tStates[] = {
+    {"RUNNING", "running"},
+    {"STOPPED", "stopped"},
+    {"START_PENDING", "starting"},
+    {"STOP_PENDING", "stopping"},
+    {"CONTINUE_PENDING", "continuing"},
+    {"PAUSE_PENDING", "pausing"},
+    {"PAUSED", "paused"},
+    {"UNKWNOWN", "unknown"}, // spelled so by the manager
+};
+
+struct STCode
+{
+    const char* pszBefore;
+    const char* pszAfter; ///< null: the server's name has no place in it
+    unsigned int nCode;
+    bool bSystemText; ///< a lookup that found nothing says nothing about why
+};
+constexpr STCode s_tCodes[] = {
+    {"there is no server ", "", g_nServerUnknown, false},
+    {"the server ", " could not be started", 2, true},
+    {"the server ", " could not be stopped, so nothing was removed", 3, true},
+    {"the state of the server ", " could not be read", 4, true},
+    {"the manager does not know this question", nullptr, 8, false},
+    {"there is no server ", " that can be uninstalled", 11, false},
+    {"the files of the server ", " are deleted, its service is stopped but still registered", 12, false},
+    {"the server ", " is stopped, but its service could not be removed", 13, true},
+};
+} // namespace
+
+std::optional<STRefusal> stReadRefusal(std::string_view csLine)
+{
+    constexpr std::string_view csKeyword = "ERROR\t";
+    if (!csLine.starts_with(csKeyword)) {
+        return std::nullopt;
+    }
+    csLine.remove_prefix(csKeyword.size());
+    STRefusal stRefusal{};
+    const auto stResult = std::from_chars(csLine.data(), csLine.data() + csLine.size(), stRefusal.nCode);
+    if (stResult.ec != std::errc{}) {
+        return std::nullopt;
+    }
+    csLine.remove_prefix(static_cast<std::size_t>(stResult.ptr - csLine.data()));
+    // One form of the reply has a tab in front of the text, the other nothing at all.
+    stRefusal.csText = csLine.substr(csLine.starts_with('\t') ? 1 : 0);
+    return stRefusal;
+}
+
+std::optional<STInfo> stReadInfo(std::string_view csLine)
+{
+    const std::vector<std::string> tFields = tSplit(csLine);
+    if (tFields.size() <= s_nHostFields || tFields[0] != "YES") {
+        return std::nullopt;
+    }
+    return STInfo{tFields[1], tFields[2], tFields[3],
+                  tFields[4], tFields[5], tReadServers(tFields, s_nHostFields + 1)};
+}
+
+std::optional<std::string> csReadState(std::string_view csLine)
+{
+    const std::vector<std::string> tFields = tSplit(csLine);
+    if (tFields.size() != 2 || tFields[0] != "STATUS") {
+        return std::nullopt;
+    }
+    const auto* const pst = std::find_if(std::begin(s_tStates), std::end(s_tStates),
+                                         [&](const STWord& st) { return tFields[1] == st.pszSent; });
+    return pst == std::end(s_tStates) ? std::nullopt : std::optional<std::string>(pst->pszShown);
+}
+
+std::optional<std::string> csReadCluster(std::string_view csLine)
+{
+    for (const std::string_view csStart : {"YES\t0\t", "YES\t1\t"}) {
+        if (csLine.starts_with(csStart)) {
+            return std::string(csLine.substr(csStart.size()));
+        }
+    }
+    return std::nullopt;
+}
+
+std::string csRefusalWords(const STRefusal& stRefusal, const std::string& csServer)
+{
+    const auto* const pst = std::find_if(std::begin(s_tCodes), std::end(s_tCodes),
+                                         [&](const STCode& st) { return st.nCode == stRefusal.nCode; });
+    const bool bKnown = pst != std::end(s_tCodes);
+    std::string csWords =
+        bKnown ? pst->pszBefore : "the manager answered with error " + std::to_string(stRefusal.nCode);
+    if (bKnown && pst->pszAfter != nullptr) {
+        csWords += "\"" + csServer + "\"" + pst->pszAfter;
+    }
+    if (!stRefusal.csText.empty() && (!bKnown || pst->bSystemText)) {
+        csWords += " (" + stRefusal.csText + ")";
+    }
+    return csWords;
+}

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// The manager's reply lines, read. Pure functions: a line without its end comes in, well-formed UTF-8;
+/// nothing else in it is trusted. No result means that the line is no such reply.
+
+/// A server as the manager lists it.
+struct STServer
+{
+    std::string csName;
+    std::string csPort; ///< as configured: not always a number
+};
+
+struct STInfo
+{
+    std::string csVersion;
+    std::string csSystem;
+    std::string csKernel;
+    std::string csProcessors;
+    std::string csMemory;
+    std::vector<STServer> tServers;
+};
+
+/// A reply with an error code; the system's text may be empty, and is not always about the error.
+struct STRefusal
+{
+    unsigned int nCode;
+    std::string csText;
+};
+
+/// Code for a server that does not exist, also for what is missing of it.
+inline constexpr unsigned int g_nServerUnknown = 1;
+
+std::optional<STRefusal> stReadRefusal(std::string_view csLine);
+std::optional<STInfo> stReadInfo(std::string_view csLine);
+/// The state as one lower-case word.
+std::optional<std::string> csReadState(std::string_view csLine);
+/// Name of the cluster manager's machine; empty: the server is in no cluster.
+std::optional<std::string> csReadCluster(std::string_view csLine);
+
+/// What an error code means for the server of that name, with the system's text where it helps.
+std::string csRefusalWords(const STRefusal& stRefusal, const std::string& csServer);

@@ -1,0 +1,57 @@
+#include "velmoctl/Commands.h"
+#include "velmoctl/LineEditor.h"
+#include "velmoctl/Terminal.h"
+#include "velmoctl/Words.h"
+
+#include <csignal>
+#include <iostream>
+#include <optional>
+
+namespace {
+/// One line of the dialog. Ctrl-C ends the command that runs, not the dialog; other signals end both.
+EExit eRunLine(const std::string& csLine, const STOptions& stDefaults)
+{
+    EExit eResult = EExit::Usage;
+    try {
+        const std::vector<std::string> tWords = tWordsOf(csLine);
+        if (tWords.empty()) {
+            return EExit::Done;
+        }
+        if (tWords[0] == "shell") {
+            throw CFailure(EExit::Usage, "this is the shell");
+        }
+        eResult =
+            eExecuteAndTell(tWords[0] == "help" ? std::vector<std::string>{"--help"} : tWords, stDefaults);
+    } catch (const CFailure& clFailure) {
+        std::cerr << "velmoctl: " << clFailure.what() << "\n";
+    }
+    if (const int nSignal = CInterrupts::nTake(); nSignal != 0 && nSignal != SIGINT) {
+        throw CFailure(EExit::Interrupted, "interrupted");
+    }
+    return eResult;
+}
+
+bool bEnds(const std::string& csLine)
+{
+    return csLine == "quit" || csLine == "exit";
+}
+} // namespace
+
+EExit eShell(const STCall& stCall)
+{
+    CInterrupts::Catch();
+    std::vector<std::string> tCompletions = tCommandNames();
+    tCompletions.insert(tCompletions.end(), {"help", "quit"});
+    CLineEditor clEditor(tCompletions);
+    if (bTerminal(STDIN_FILENO)) {
+        std::cout << "Commands of velmoctl; \"help\" lists them, \"quit\" or Ctrl-D ends.\n";
+    }
+    EExit eResult = EExit::Done;
+    for (;;) {
+        const std::optional<std::string> csLine = clEditor.csRead("velmo> ");
+        if (!csLine.has_value() || bEnds(*csLine)) {
+            return eResult;
+        }
+        eResult = eRunLine(*csLine, stCall.stOptions);
+    }
+}

@@ -1,0 +1,150 @@
+#include "velmoctl/Terminal.h"
+
+#include "support/Conversion.h"
+#include "velmoctl/Failure.h"
+#include "velmoctl/Waiting.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cwchar>
+#include <iostream>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace {
+constexpr const char* s_pszClearLine = "\r\033[K";
+bool s_bColours = false;
+
+struct STRange
+{
+    wchar_t cFirst;
+    wchar_t cLast;
+};
+/// C0, C1, marks and overrides of the direction of writing, line and paragraph separators.
+constexpr STRange s_tHarmful[] = {{0, 0x1F},        {0x7F, 0x9F},     {0x061C, 0x061C},
+                                  {0x200E, 0x200F}, {0x2028, 0x202E}, {0x2066, 0x2069}};
+
+/// Escape sequences, by EColour.
+constexpr const char* s_tColours[] = {"", "\033[1m", "\033[32m", "\033[31m", "\033[33m"};
+} // namespace
+
+bool bHarmful(wchar_t c)
+{
+    return std::any_of(std::begin(s_tHarmful), std::end(s_tHarmful),
+                       [c](const STRange& st) { return c >= st.cFirst && c <= st.cLast; });
+}
+
+std::string csShown(std::string_view csText)
+{
+    std::wstring csWideText = csFromUTF8(csText);
+    std::replace_if(csWideText.begin(), csWideText.end(), bHarmful, L'\xFFFD');
+    return csToUTF8(csWideText);
+}
+
+std::size_t nColumns(std::string_view csText)
+{
+    std::size_t nSum = 0;
+    for (const wchar_t c : csFromUTF8(csText)) {
+        const int nWidth = ::wcwidth(c); // -1: the locale does not know the character
+        nSum += nWidth >= 0 ? static_cast<std::size_t>(nWidth) : 1;
+    }
+    return nSum;
+}
+
+STSize stTerminalSize()
+{
+    winsize st{};
+    if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &st) != 0 || st.ws_col == 0 || st.ws_row == 0) {
+        return {80, 24};
+    }
+    return {st.ws_col, st.ws_row};
+}
+
+bool bTerminal(int nFd)
+{
+    const char* const pszKind = std::getenv("TERM");
+    return ::isatty(nFd) == 1 && pszKind != nullptr && std::string_view(pszKind) != "dumb";
+}
+
+void SetColours(bool bAllowed)
+{
+    const char* const pszForbidden = std::getenv("NO_COLOR");
+    s_bColours = bAllowed && (pszForbidden == nullptr || *pszForbidden == '\0') && bTerminal(STDOUT_FILENO);
+}
+
+std::string csColoured(const std::string& csText, EColour eColour)
+{
+    if (!s_bColours || eColour == EColour::Plain) {
+        return csText;
+    }
+    return s_tColours[static_cast<std::size_t>(eColour)] + csText + "\033[0m";
+}
+
+CProgress::CProgress(const std::string& csText) : m_bShown(bTerminal(STDERR_FILENO))
+{
+    Show(csText);
+}
+
+CProgress::~CProgress()
+{
+    Show("");
+}
+
+void CProgress::Show(const std::string& csText) const
+{
+    if (m_bShown) {
+        std::cerr << s_pszClearLine << csText << std::flush;
+    }
+}
+
+CRawTerminal::CRawTerminal(bool bSignals)
+{
+    if (::tcgetattr(STDIN_FILENO, &m_stBefore) != 0) {
+        return;
+    }
+    termios stRaw = m_stBefore;
+    stRaw.c_lflag &= ~static_cast<tcflag_t>(bSignals ? ICANON | ECHO : ICANON | ECHO | ISIG | IEXTEN);
+    stRaw.c_iflag &= ~static_cast<tcflag_t>(ICRNL | IXON);
+    m_bRaw = ::tcsetattr(STDIN_FILENO, TCSADRAIN, &stRaw) == 0;
+}
+
+CRawTerminal::~CRawTerminal()
+{
+    if (m_bRaw) {
+        ::tcsetattr(STDIN_FILENO, TCSADRAIN, &m_stBefore);
+    }
+}
+
+bool bConfirm(const std::string& csQuestion)
+{
+    if (::isatty(STDIN_FILENO) != 1) {
+        throw CFailure(EExit::Usage, "nobody can be asked without a terminal: add --yes");
+    }
+    std::cerr << csQuestion << " [y/N] " << std::flush;
+    std::string csAnswer;
+    if (!bReadLine(&csAnswer, 1024)) {
+        std::cerr << "\n";
+        return false;
+    }
+    return csAnswer == "y" || csAnswer == "Y" || csAnswer == "yes";
+}
+
+bool bReadLine(std::string* pcsLine, std::size_t nMax)
+{
+    constexpr Milliseconds clLong(1'000'000);
+    pcsLine->clear();
+    for (bool bAny = false;; bAny = true) {
+        while (!bWaitFor(STDIN_FILENO, POLLIN, CDeadline(clLong))) {
+        }
+        char c = 0;
+        if (::read(STDIN_FILENO, &c, 1) != 1) { // single bytes: what follows the line is for the next call
+            return bAny;
+        }
+        if (c == '\n') {
+            return true;
+        }
+        if (pcsLine->size() < nMax) {
+            *pcsLine += c;
+        }
+    }
+}

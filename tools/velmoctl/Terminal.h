@@ -1,0 +1,77 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <termios.h>
+
+/// What concerns the terminal, and text on its way there. All text is UTF-8, in every locale.
+
+/// Characters that a terminal may obey instead of showing them: control characters, and marks that change the
+/// direction of writing.
+bool bHarmful(wchar_t c);
+/// Text of others, made harmless for a terminal: such characters and what is not UTF-8 become U+FFFD.
+std::string csShown(std::string_view csText);
+/// Columns that a text takes on a terminal.
+std::size_t nColumns(std::string_view csText);
+
+/// Size of the terminal behind standard output; 80 columns and 24 lines when it does not tell.
+struct STSize
+{
+    std::size_t nColumns;
+    std::size_t nLines;
+};
+STSize stTerminalSize();
+
+/// A terminal behind standard input, output or error (0, 1, 2) that understands escape sequences.
+bool bTerminal(int nFd);
+
+enum class EColour
+{
+    Plain,
+    Bold,
+    Green,
+    Red,
+    Yellow,
+};
+/// Switches colours on where standard output is a terminal and neither the user nor NO_COLOR forbids them.
+void SetColours(bool bAllowed);
+std::string csColoured(const std::string& csText, EColour eColour);
+
+/// A passing line on standard error while something takes its time; nothing off a terminal. Gone with the
+/// object.
+class CProgress
+{
+public:
+    explicit CProgress(const std::string& csText);
+    ~CProgress();
+    CProgress(const CProgress&) = delete;
+    CProgress& operator=(const CProgress&) = delete;
+    void Show(const std::string& csText) const;
+
+private:
+    bool m_bShown;
+};
+
+/// Keys of standard input as they are pressed, without echo, for the life of the object. Nothing happens when
+/// it is no terminal.
+class CRawTerminal
+{
+public:
+    /// With bSignals, Ctrl-C and the like still raise signals.
+    explicit CRawTerminal(bool bSignals);
+    ~CRawTerminal();
+    CRawTerminal(const CRawTerminal&) = delete;
+    CRawTerminal& operator=(const CRawTerminal&) = delete;
+
+private:
+    bool m_bRaw = false;
+    termios m_stBefore{};
+};
+
+/// Asks a question on the terminal; only "y" or "yes" is a yes. Throws CFailure (Usage) without a terminal to
+/// ask on.
+bool bConfirm(const std::string& csQuestion);
+
+/// Next line of standard input without its end, through a terminal's own editing; at most nMax bytes of it
+/// count. False at the end.
+bool bReadLine(std::string* pcsLine, std::size_t nMax);

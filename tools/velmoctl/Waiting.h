@@ -1,0 +1,40 @@
+#pragma once
+
+#include <chrono>
+#include <poll.h>
+#include <span>
+
+using Milliseconds = std::chrono::milliseconds;
+
+/// A moment after which nothing is waited for any more.
+class CDeadline
+{
+public:
+    explicit CDeadline(Milliseconds clFromNow) : m_clEnd(std::chrono::steady_clock::now() + clFromNow) {}
+
+    /// What is left, never negative.
+    Milliseconds clLeft() const;
+    bool bOver() const { return clLeft().count() == 0; }
+
+private:
+    std::chrono::steady_clock::time_point m_clEnd;
+};
+
+/// Signals that end a command in an orderly way: SIGINT, SIGTERM and SIGHUP, once Catch was called. Before
+/// that they have their usual effect. Catch blocks them in the calling thread and those it starts later, so
+/// it belongs into the main thread before any other runs.
+class CInterrupts
+{
+public:
+    static void Catch();
+    /// Readable while a signal is waiting; -1 before Catch.
+    static int nFd();
+    /// Takes the waiting signals back and returns the number of the last; 0 when there was none.
+    static int nTake();
+};
+
+/// Waits until one of the descriptors has what its events ask for; false at the deadline. A negative
+/// descriptor is never ready. Throws CFailure (Interrupted) when a caught signal arrives; every thread that
+/// waits then does.
+bool bWaitForAny(std::span<pollfd> tWait, const CDeadline& clDeadline);
+bool bWaitFor(int nFd, short nEvents, const CDeadline& clDeadline);
