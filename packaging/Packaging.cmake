@@ -1,0 +1,115 @@
+# What the packages hold and where it goes: .deb and .rpm put everything that is run into one folder, beside which
+# the settings lie; the .tar.gz is one folder with everything. packaging/build makes them.
+#
+# Components: "system" and "folder", one for each layout, and "debian", what only a .deb has.
+
+set(VELMO_MAINTAINER "VelmoManager maintainers <velmomanager@packages.invalid>" CACHE STRING
+  "Who answers for the packages: name and address")
+set(VELMO_HOME opt/velmomanager)
+set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY ON) # packaging/build has built what is installed; tests are not
+
+set(here ${CMAKE_CURRENT_LIST_DIR})
+set(made ${PROJECT_BINARY_DIR}/packaging)
+string(TIMESTAMP VELMO_DATE "%a, %d %b %Y %H:%M:%S +0000" UTC) # of SOURCE_DATE_EPOCH, if that is set
+foreach(script IN ITEMS deb/postinst deb/prerm deb/postrm deb/changelog rpm/post rpm/preun service)
+  configure_file(${here}/${script}.in ${made}/${script} @ONLY)
+endforeach()
+
+set(programs VelmoManager zt240vm64 zt240obj)
+if(TARGET velmoctl)
+  list(APPEND programs velmoctl)
+endif()
+set_target_properties(zt240vm64 PROPERTIES INSTALL_RPATH "$ORIGIN")
+file(GLOB manuals CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/man/*.[1-8])
+file(GLOB completions CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tools/velmoctl/*.bash)
+file(GLOB guides CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/*.md)
+list(REMOVE_ITEM guides ${PROJECT_SOURCE_DIR}/docs/decisions.md) # for those who change the code
+set(sample ${PROJECT_SOURCE_DIR}/docs/DXConf.ini.sample)
+set(tmpfiles ${here}/tmpfiles.d/velmomanager.conf)
+set(readable OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
+set(executable ${readable} OWNER_EXECUTE GROUP_EXECUTE WORLD_EXECUTE)
+
+# The layout of a system.
+install(TARGETS ${programs} COMPONENT system
+  RUNTIME DESTINATION ${VELMO_HOME}
+  LIBRARY DESTINATION ${VELMO_HOME} PERMISSIONS ${readable})
+install(FILES ${sample} DESTINATION ${VELMO_HOME} COMPONENT system)
+install(PROGRAMS ${made}/service DESTINATION ${VELMO_HOME} RENAME package-service COMPONENT system)
+install(FILES ${tmpfiles} DESTINATION usr/lib/tmpfiles.d COMPONENT system)
+install(FILES ${guides} DESTINATION usr/share/doc/velmomanager COMPONENT system)
+install(FILES ${here}/copyright DESTINATION usr/share/doc/velmomanager COMPONENT system)
+install(FILES ${PROJECT_SOURCE_DIR}/CHANGELOG.md DESTINATION usr/share/doc/velmomanager RENAME changelog
+  COMPONENT system)
+foreach(manual IN LISTS manuals)
+  cmake_path(GET manual EXTENSION LAST_ONLY section)
+  string(REPLACE "." "man" section ${section})
+  install(FILES ${manual} DESTINATION usr/share/man/${section} COMPONENT system)
+endforeach()
+foreach(completion IN LISTS completions)
+  cmake_path(GET completion STEM command)
+  install(FILES ${completion} DESTINATION usr/share/bash-completion/completions RENAME ${command} COMPONENT system)
+endforeach()
+# Links into the folder, so that the commands are found.
+foreach(link IN ITEMS usr/sbin/VelmoManager usr/bin/velmoctl)
+  cmake_path(GET link FILENAME command)
+  if(command IN_LIST programs)
+    cmake_path(GET link PARENT_PATH directory)
+    file(CREATE_LINK /${VELMO_HOME}/${command} ${made}/${command} SYMBOLIC)
+    install(FILES ${made}/${command} DESTINATION ${directory} COMPONENT system)
+  endif()
+endforeach()
+set(compress [[
+  file(GLOB pages "$ENV{DESTDIR}${CMAKE_INSTALL_PREFIX}/usr/share/man/man*/*.[1-8]"
+    "$ENV{DESTDIR}${CMAKE_INSTALL_PREFIX}/usr/share/doc/velmomanager/changelo[g]"
+    "$ENV{DESTDIR}${CMAKE_INSTALL_PREFIX}/usr/share/doc/velmomanager/changelog.Debia[n]")
+  execute_process(COMMAND gzip -9nf ${pages} COMMAND_ERROR_IS_FATAL ANY)
+]])
+install(CODE "${compress}" COMPONENT system)
+
+# What only a .deb has.
+install(FILES ${made}/deb/changelog DESTINATION usr/share/doc/velmomanager RENAME changelog.Debian COMPONENT debian)
+install(FILES ${here}/deb/overrides DESTINATION usr/share/lintian/overrides RENAME velmomanager COMPONENT debian)
+install(CODE "${compress}" COMPONENT debian)
+
+# The layout of one folder.
+install(TARGETS ${programs} COMPONENT folder EXCLUDE_FROM_ALL
+  RUNTIME DESTINATION .
+  LIBRARY DESTINATION . PERMISSIONS ${readable})
+install(FILES ${sample} ${here}/copyright DESTINATION . COMPONENT folder EXCLUDE_FROM_ALL)
+install(FILES ${guides} ${PROJECT_SOURCE_DIR}/CHANGELOG.md DESTINATION doc COMPONENT folder EXCLUDE_FROM_ALL)
+install(FILES ${manuals} DESTINATION man COMPONENT folder EXCLUDE_FROM_ALL)
+install(FILES ${tmpfiles} DESTINATION tmpfiles.d COMPONENT folder EXCLUDE_FROM_ALL)
+install(FILES ${completions} DESTINATION bash-completion COMPONENT folder EXCLUDE_FROM_ALL)
+
+set(CPACK_PACKAGE_NAME velmomanager)
+set(CPACK_PACKAGE_VERSION ${VELMO_VERSION})
+set(CPACK_PACKAGE_VENDOR "VelmoManager maintainers")
+set(CPACK_PACKAGE_CONTACT ${VELMO_MAINTAINER})
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "manager daemon for the database servers of one machine")
+set(CPACK_PACKAGE_DESCRIPTION
+  "VelmoManager starts, stops, watches and lists the database servers of a
+machine, which are system services (systemd or SysV), and answers the
+product's setup and administration tools over TCP, UDP and a local pipe.")
+set(CPACK_RESOURCE_FILE_LICENSE ${here}/copyright)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_THREADS 0)
+set(CPACK_PROJECT_CONFIG_FILE ${here}/PerGenerator.cmake)
+
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+set(CPACK_DEBIAN_PACKAGE_SECTION database)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${made}/deb/postinst ${made}/deb/prerm ${made}/deb/postrm)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+
+set(CPACK_RPM_FILE_NAME RPM-DEFAULT)
+set(CPACK_RPM_PACKAGE_RELEASE 1)
+set(CPACK_RPM_PACKAGE_LICENSE "See copyright")
+set(CPACK_RPM_PACKAGE_GROUP "Applications/Databases")
+set(CPACK_RPM_POST_INSTALL_SCRIPT_FILE ${made}/rpm/post)
+set(CPACK_RPM_PRE_UNINSTALL_SCRIPT_FILE ${made}/rpm/preun)
+set(CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION /opt /usr/sbin /usr/lib/tmpfiles.d /usr/share/man /usr/share/man/man1
+  /usr/share/man/man5 /usr/share/man/man8
+  /usr/share/bash-completion /usr/share/bash-completion/completions)
+include(CPack)

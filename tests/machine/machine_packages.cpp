@@ -1,0 +1,246 @@
+// The Debian package in a machine with a real systemd: installed, upgraded, removed and purged as an
+// administrator does. The packages come from packaging/build.
+
+#include "support/Messages.h"
+#include "tools/Command.h"
+#include "tools/Machine.h"
+#include "tools/Wait.h"
+#include "tools/WireClient.h"
+
+#include <filesystem>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+using ::testing::HasSubstr;
+
+constexpr char s_szHome[] = "/opt/velmomanager";
+constexpr char s_szSettings[] = "/opt/velmomanager/DXConf.ini";
+constexpr char s_szUnit[] = "/lib/systemd/system/VelmoManager.service";
+constexpr char s_szPolicy[] = "/usr/sbin/policy-rc.d";
+/// Without the triggers of other packages, which take their time.
+const std::string s_csDpkg = "dpkg --no-triggers ";
+
+/// The one .deb in a folder below the build folder; empty when there is none.
+std::string csPackage(const std::string& csFolder)
+{
+    const std::string csFound = stRun("ls " + csBuildFolder() + "/../" + csFolder + "/*.deb").csOutput;
+    return csFound.find(".deb\n") + 5 == csFound.size() && csFound[0] == '/'
+               ? csFound.substr(0, csFound.size() - 1)
+               : "";
+}
+
+std::string csCurrent()
+{
+    return csPackage("packages");
+}
+
+std::string csOlder()
+{
+    return csPackage("older/packages");
+}
+
+std::string csOutput(const std::string& csCommand)
+{
+    std::string cs = stRun(csCommand).csOutput;
+    cs.erase(cs.find_last_not_of('\n') + 1);
+    return cs;
+}
+
+std::string csRead(const std::string& csPath)
+{
+    std::ostringstream clText;
+    clText << std::ifstream(csPath).rdbuf();
+    return clText.str();
+}
+
+std::string csVersionOf(const std::string& csFile)
+{
+    const std::string cs = csOutput("dpkg-deb -f " + csFile + " Version");
+    return cs.substr(0, cs.find('-'));
+}
+
+/// The version that the manager on port 4999 tells; what came instead when nobody answers as one.
+std::string csRunningVersion()
+{
+    CWireClient clTool("127.0.0.1", 4999);
+    if (std::string csHello = clTool.csLine(); csHello != "HELLO FROM SERVEUR SETUP 24.0.6.0\r\n") {
+        return csHello;
+    }
+    const std::string csInfo = clTool.csAsk("INFO");
+    const std::size_t nStart = csInfo.find('\t') + 1;
+    return csInfo.substr(nStart, csInfo.find('\t', nStart) - nStart);
+}
+
+std::string csActive()
+{
+    return csOutput("systemctl is-active VelmoManager");
+}
+
+/// Whatever on the machine still has the manager's name, outside the checkout.
+std::string csTraces()
+{
+    return csOutput("find /etc /lib/systemd /opt /run /tmp /usr /var -iname '*velmo*' -not -path '" +
+                    csBuildFolder() + "/*' -not -path '*/velmo-machines*'; pgrep -ax VelmoManager");
+}
+
+class Packages : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        if (csCurrent().empty() || csOlder().empty()) {
+            GTEST_SKIP() << "the packages are not built: packaging/build deb older";
+        }
+        std::filesystem::remove(s_szPolicy); // the host's: no service is to start there
+    }
+    void TearDown() override { stRun(s_csDpkg + "-P velmomanager"); }
+
+    static void Install(const std::string& csFile)
+    {
+        const STCommandResult st = stRun(s_csDpkg + "-i " + csFile);
+        ASSERT_EQ(st.nStatus, 0) << st.csOutput;
+    }
+};
+} // namespace
+
+TEST_F(Packages, AFreshInstallationRunsAndStartsAtBoot)
+{
+    Install(csCurrent());
+    EXPECT_EQ(csRunningVersion(), csVersionOf(csCurrent()));
+    EXPECT_EQ(csActive(), "active");
+    EXPECT_EQ(csOutput("systemctl is-enabled VelmoManager"), "enabled");
+    EXPECT_EQ(csOutput("dpkg -V velmomanager"), "") << "files of the package are missing or changed";
+    EXPECT_EQ(stRun("VelmoManager").nStatus, 0) << "found by its name, and content with what runs";
+    EXPECT_THAT(csOutput("systemd-tmpfiles --cat-config"), HasSubstr("\nx /tmp/__pipe_velmomanager_*\n"));
+}
+
+TEST_F(Packages, AnUpgradeKeepsTheSettingsAndRunsTheNewVersion)
+{
+    const std::string csText = "[MANAGER]\nCheckPeriod = 7\n";
+    Install(csOlder());
+    ASSERT_EQ(csRunningVersion(), "23.0.0.0");
+    std::ofstream(s_szSettings) << csText;
+    Install(csCurrent());
+    EXPECT_EQ(csRunningVersion(), csVersionOf(csCurrent()));
+    EXPECT_EQ(csActive(), "active");
+    EXPECT_EQ(csRead(s_szSettings), csText);
+}
+
+TEST_F(Packages, AServiceThatWasStoppedIsNotStartedByAnUpgrade)
+{
+    Install(csOlder());
+    stRun("systemctl stop VelmoManager");
+    Install(csCurrent());
+    EXPECT_EQ(csActive(), "inactive");
+    EXPECT_EQ(stRun("VelmoManager").nStatus, 0);
+    EXPECT_EQ(csRunningVersion(), csVersionOf(csCurrent()));
+}
+
+TEST_F(Packages, ARemovalLeavesTheSettingsAndAPurgeNothing)
+{
+    Install(csCurrent());
+    std::ofstream(s_szSettings) << "[MANAGER]\n";
+    EXPECT_EQ(stRun(s_csDpkg + "-r velmomanager").nStatus, 0);
+    EXPECT_EQ(csOutput("systemctl show --value -p LoadState VelmoManager"), "not-found");
+    EXPECT_EQ(csOutput("ls -A " + std::string(s_szHome)), "DXConf.ini");
+    EXPECT_FALSE(CWireClient("127.0.0.1", 4999).bConnected());
+    EXPECT_EQ(stRun(s_csDpkg + "-P velmomanager").nStatus, 0);
+    EXPECT_EQ(csTraces(), "");
+}
+
+TEST_F(Packages, AManagerWhoseRuntimeIsGoneCanBeRemovedToo)
+{
+    Install(csCurrent());
+    std::filesystem::remove(std::string(s_szHome) + "/zt240obj.so");
+    EXPECT_EQ(stRun(s_csDpkg + "-P velmomanager").nStatus, 0);
+    EXPECT_EQ(csTraces(), "");
+}
+
+TEST_F(Packages, WhereNoServiceMayStartTheyAreInstalledAndRegisterNothing)
+{
+    const std::string csImage = "/mnt";
+    ASSERT_EQ(stRun("mount --bind / " + csImage).nStatus, 0);
+    EXPECT_EQ(stRun("chroot " + csImage + " " + s_csDpkg + "-i " + csCurrent()).nStatus, 0);
+    EXPECT_FALSE(std::filesystem::exists(s_szUnit));
+    EXPECT_EQ(stRun("chroot " + csImage + " " + s_csDpkg + "-P velmomanager").nStatus, 0);
+    stRun("umount " + csImage);
+    std::ofstream(s_szPolicy) << "#!/bin/sh\nexit 101\n";
+    std::filesystem::permissions(s_szPolicy, std::filesystem::perms(0755));
+    Install(csCurrent());
+    EXPECT_FALSE(std::filesystem::exists(s_szUnit));
+    EXPECT_FALSE(std::filesystem::exists("/etc/init.d/VelmoManager"));
+}
+
+TEST_F(Packages, TheServiceOfAnotherFolderIsNotTouched)
+{
+    ASSERT_EQ(stRun("mkdir /opt/other && cd " + csBuildFolder() +
+                    " && cp VelmoManager zt240*.so /opt/other && /opt/other/VelmoManager")
+                  .nStatus,
+              0);
+    const std::string csPid = csRead("/run/VelmoManager.pid");
+    Install(csCurrent());
+    EXPECT_EQ(stRun(s_csDpkg + "-P velmomanager").nStatus, 0);
+    EXPECT_EQ(csActive(), "active");
+    EXPECT_EQ(csRead("/run/VelmoManager.pid"), csPid);
+    stRun("/opt/other/VelmoManager --UNINSTALL; rm -r /opt/other");
+}
+
+TEST_F(Packages, TheirGuideExplainsEveryMessageAndTheirManualEverySetting)
+{
+    const std::string csFolder = "/tmp/unpacked";
+    ASSERT_EQ(stRun("dpkg-deb -x " + csCurrent() + " " + csFolder).nStatus, 0);
+    const std::string csGuide = csRead(csFolder + "/usr/share/doc/velmomanager/operations.md");
+    for (const STMessage& st : s_tMessages) {
+        if (st.wId != 257 && st.wId != 65535) { // the two markers
+            EXPECT_NE(csGuide.find("\n| " + std::to_string(st.wId) + " |"), std::string::npos) << st.wId;
+        }
+    }
+    const std::string csManual = csOutput("zcat " + csFolder + "/usr/share/man/man5/DXConf.ini.5.gz");
+    std::ifstream clSample(csFolder + s_szHome + "/DXConf.ini.sample");
+    int nSettings = 0;
+    for (std::string cs; std::getline(clSample, cs);) {
+        if (const std::size_t nEqual = cs.find(" = "); cs[0] != ':' && nEqual != std::string::npos) {
+            std::string csDefault = cs.substr(nEqual + 3);
+            if (const std::size_t n = csDefault.find('\\'); n != std::string::npos) {
+                csDefault.replace(n, 1, "\\e");
+            }
+            EXPECT_THAT(csManual, HasSubstr("\n.It Cm " + cs.substr(0, nEqual) + " Pq " +
+                                            (csDefault.empty() ? "empty" : csDefault) + "\n"));
+            ++nSettings;
+        }
+    }
+    EXPECT_GT(nSettings, 30);
+    std::filesystem::remove_all(csFolder);
+}
+
+TEST_F(Packages, TheClientsInTheirProtocolGuideWork)
+{
+    if (stRun("command -v python3").nStatus != 0) {
+        GTEST_SKIP() << "no python3 here";
+    }
+    Install(csCurrent());
+    const std::string csGuide = csRead(csBuildFolder() + "/../../docs/protocol.md");
+    std::vector<std::string> tClients;
+    for (std::size_t n = 0; (n = csGuide.find("```python\n", n)) != std::string::npos; n += 3) {
+        tClients.push_back("/tmp/client" + std::to_string(tClients.size()));
+        std::ofstream(tClients.back()) << csGuide.substr(n + 10, csGuide.find("```", n + 3) - n - 10);
+        n = csGuide.find("```", n + 3);
+    }
+    ASSERT_EQ(tClients.size(), 3u) << "conversation, registration, discovery";
+    stRun("mkdir -p /opt/velmo/Orders && cp " + csBuildFolder() + "/dxdemo /opt/velmo/Orders/");
+    const std::string csRegister = "python3 " + tClients[1] + " ";
+    EXPECT_EQ(csOutput(csRegister + "Orders /opt/velmo/Orders/dxdemo 4900"), "registered, and runs");
+    EXPECT_EQ(csOutput(csRegister + "Third Third/dxdemo 4902"), "Invalid argument");
+    const std::string csTalk = csOutput("python3 " + tClients[0]);
+    EXPECT_THAT(csTalk, HasSubstr(" Mo\\tOrders\\t4900\\r\\n'\n"));
+    EXPECT_THAT(csTalk, HasSubstr("STATUS\\tRUNNING\\r\\n'\nb'ERROR\\t1No such file or directory\\r\\n'"));
+    stRun("sed -i s/255.255.255.255/127.0.0.1/ " + tClients[2]); // a machine has no other network
+    EXPECT_THAT(csOutput("python3 " + tClients[2]),
+                HasSubstr("Orders\\t4900', ('127.0.0.1', 4999))\n(b'\\r\\n', ('127.0.0.1', 4999))"));
+    stRun("systemctl disable --now DXCS-Orders; rm -rf /lib/systemd/system/DXCS-Orders.service /opt/velmo");
+}
