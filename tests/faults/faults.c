@@ -1,0 +1,210 @@
+/* Preloaded into the manager by the fault tests: the Nth call of one function fails, or falls short, once.
+ *
+ * VELMO_FAULT is "<function> <N> <what>": N counts from 1 (0: none fails), what is an error number, or
+ * "short" for a transfer of one byte. VELMO_FAULT_REPORT is a file of two 32-bit numbers, the calls so far
+ * and the fault's turn (0 until it has come). The library takes itself out of the environment: children run
+ * without it. Calls that the C library makes inside itself are not seen, except those of the heap. With
+ * VELMO_FAULT_TRACE the turn's call stack goes to the standard error. */
+#include <dlfcn.h>
+#include <errno.h>
+#include <execinfo.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sched.h>
+#include <spawn.h>
+#include <stdarg.h>
+#include <stdatomic.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#define SEEN __attribute__((visibility("default")))
+/* Bytes of a request in the local pipe: the system hands one over whole. */
+#define RECORD 792
+
+struct report
+{
+    atomic_uint calls;
+    atomic_uint fired;
+};
+
+static char s_function[40];
+static unsigned int s_turn;
+static int s_errno;
+static int s_short;
+static int s_trace;
+static struct report* s_report;
+
+__attribute__((constructor)) static void begin(void)
+{
+    const char* fault = getenv("VELMO_FAULT");
+    const char* name = getenv("VELMO_FAULT_REPORT");
+    char what[16] = "";
+    unsetenv("LD_PRELOAD");
+    if (fault == NULL || name == NULL || sscanf(fault, "%39s %u %15s", s_function, &s_turn, what) != 3) {
+        return;
+    }
+    s_trace = getenv("VELMO_FAULT_TRACE") != NULL;
+    s_short = strcmp(what, "short") == 0;
+    s_errno = atoi(what);
+    const int file = open(name, O_RDWR | O_CLOEXEC);
+    void* shared = mmap(NULL, sizeof(struct report), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+    close(file);
+    unsetenv("VELMO_FAULT");
+    unsetenv("VELMO_FAULT_REPORT");
+    s_report = shared == MAP_FAILED ? NULL : shared; /* counting begins */
+}
+
+/* Whether this call is the one. */
+static int turn(const char* function)
+{
+    if (s_report == NULL || strcmp(function, s_function) != 0 ||
+        atomic_fetch_add(&s_report->calls, 1) + 1 != s_turn) {
+        return 0;
+    }
+    atomic_store(&s_report->fired, s_turn);
+    if (s_trace) {
+        void* stack[60];
+        backtrace_symbols_fd(stack, backtrace(stack, 60), STDERR_FILENO);
+    }
+    errno = s_errno;
+    return 1;
+}
+
+/* ISO C has no conversion from an object's address to a function's. */
+static void find(void* function, const char* name)
+{
+    void* found = dlsym(RTLD_NEXT, name);
+    memcpy(function, &found, sizeof found);
+}
+
+/* An interposed function: fails with -1, or the value given. */
+#define FAIL(name, failed, result, parameters, arguments)                                                    \
+    SEEN result name parameters                                                                              \
+    {                                                                                                        \
+        static result(*next) parameters;                                                                     \
+        if (next == NULL) {                                                                                  \
+            find(&next, #name);                                                                              \
+        }                                                                                                    \
+        return turn(#name) ? (failed) : next arguments;                                                      \
+    }
+
+/* A transfer: falls short instead when that is asked for. */
+#define TRANSFER(name, parameters, arguments, size)                                                          \
+    SEEN ssize_t name parameters                                                                             \
+    {                                                                                                        \
+        static ssize_t(*next) parameters;                                                                    \
+        if (next == NULL) {                                                                                  \
+            find(&next, #name);                                                                              \
+        }                                                                                                    \
+        if (turn(#name)) {                                                                                   \
+            if (!s_short) {                                                                                  \
+                return -1;                                                                                   \
+            }                                                                                                \
+            (size) = (size) == 0 || (size) == RECORD ? (size) : 1;                                           \
+        }                                                                                                    \
+        return next arguments;                                                                               \
+    }
+
+TRANSFER(read, (int fd, void* p, size_t n), (fd, p, n), n)
+TRANSFER(write, (int fd, const void* p, size_t n), (fd, p, n), n)
+TRANSFER(pread, (int fd, void* p, size_t n, off_t at), (fd, p, n, at), n)
+TRANSFER(pwrite, (int fd, const void* p, size_t n, off_t at), (fd, p, n, at), n)
+TRANSFER(recv, (int fd, void* p, size_t n, int flags), (fd, p, n, flags), n)
+TRANSFER(send, (int fd, const void* p, size_t n, int flags), (fd, p, n, flags), n)
+FAIL(recvmsg, -1, ssize_t, (int fd, struct msghdr* m, int flags), (fd, m, flags))
+FAIL(sendmsg, -1, ssize_t, (int fd, const struct msghdr* m, int flags), (fd, m, flags))
+FAIL(pipe2, -1, int, (int fds[2], int flags), (fds, flags))
+FAIL(socket, -1, int, (int family, int type, int protocol), (family, type, protocol))
+FAIL(bind, -1, int, (int fd, const struct sockaddr* a, socklen_t n), (fd, a, n))
+FAIL(listen, -1, int, (int fd, int n), (fd, n))
+FAIL(setsockopt, -1, int, (int fd, int level, int name, const void* p, socklen_t n), (fd, level, name, p, n))
+FAIL(accept4, -1, int, (int fd, struct sockaddr* a, socklen_t* n, int flags), (fd, a, n, flags))
+FAIL(mkfifo, -1, int, (const char* path, mode_t mode), (path, mode))
+FAIL(access, -1, int, (const char* path, int mode), (path, mode))
+FAIL(rename, -1, int, (const char* from, const char* to), (from, to))
+FAIL(fsync, -1, int, (int fd), (fd))
+FAIL(ftruncate, -1, int, (int fd, off_t n), (fd, n))
+FAIL(stat, -1, int, (const char* path, struct stat* st), (path, st))
+FAIL(fstat, -1, int, (int fd, struct stat* st), (fd, st))
+FAIL(poll, -1, int, (struct pollfd * p, nfds_t n, int ms), (p, n, ms))
+FAIL(select, -1, int, (int n, fd_set* r, fd_set* w, fd_set* e, struct timeval* t), (n, r, w, e, t))
+FAIL(getaddrinfo, s_errno, int,
+     (const char* node, const char* service, const struct addrinfo* hints, struct addrinfo** list),
+     (node, service, hints, list))
+FAIL(pthread_create, s_errno, int,
+     (pthread_t * thread, const pthread_attr_t* attributes, void* (*routine)(void*), void* argument),
+     (thread, attributes, routine, argument))
+FAIL(dlopen, NULL, void*, (const char* path, int flags), (path, flags))
+
+SEEN int __clone(int (*routine)(void*), void* stack, int flags, void* argument, ...)
+{
+    static int (*next)(int (*)(void*), void*, int, void*, ...);
+    va_list rest;
+    va_start(rest, argument);
+    pid_t* parent = va_arg(rest, pid_t*); /* all that the manager passes */
+    va_end(rest);
+    if (next == NULL) {
+        find(&next, "__clone");
+    }
+    return turn("clone") ? -1 : next(routine, stack, flags, argument, parent);
+}
+
+SEEN int clone(int (*routine)(void*), void* stack, int flags, void* argument, ...)
+    __attribute__((alias("__clone")));
+
+static mode_t mode_of(int flags, va_list rest)
+{
+    return (flags & O_CREAT) != 0 ? va_arg(rest, mode_t) : 0;
+}
+
+SEEN int open(const char* path, int flags, ...)
+{
+    static int (*next)(const char*, int, ...);
+    va_list rest;
+    va_start(rest, flags);
+    const mode_t mode = mode_of(flags, rest);
+    va_end(rest);
+    if (next == NULL) {
+        find(&next, "open");
+    }
+    return turn("open") ? -1 : next(path, flags, mode);
+}
+
+SEEN int openat(int folder, const char* path, int flags, ...)
+{
+    static int (*next)(int, const char*, int, ...);
+    va_list rest;
+    va_start(rest, flags);
+    const mode_t mode = mode_of(flags, rest);
+    va_end(rest);
+    if (next == NULL) {
+        find(&next, "openat");
+    }
+    return turn("openat") ? -1 : next(folder, path, flags, mode);
+}
+
+/* The heap by its inner names: looking the outer ones up would allocate. */
+void* __libc_malloc(size_t n);
+void* __libc_calloc(size_t count, size_t n);
+void* __libc_realloc(void* p, size_t n);
+
+SEEN void* malloc(size_t n)
+{
+    return turn("malloc") ? NULL : __libc_malloc(n);
+}
+SEEN void* calloc(size_t count, size_t n)
+{
+    return turn("calloc") ? NULL : __libc_calloc(count, n);
+}
+SEEN void* realloc(void* p, size_t n)
+{
+    return turn("realloc") ? NULL : __libc_realloc(p, n);
+}

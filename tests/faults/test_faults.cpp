@@ -1,0 +1,168 @@
+// The built manager while one call of one function fails, or falls short, once; for every function, swept
+// over the calls that a start, a conversation, a ping, a registration and a stop make. It may refuse, never
+// more. VELMO_FAULT_TURNS is how many calls of a function are swept (evenly spread); "all" takes every one.
+// To look into a failed one: VELMO_FAULT_TURN=<its number> VELMO_FAULT_TRACE=1.
+
+#include "ManagerWorld.h"
+#include "support/Descripteur.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netdb.h>
+#include <set>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+struct stFault
+{
+    const char* pszFunction;
+    const char* pszWhat; ///< shown with the test
+    int nErrno;          ///< 0: falls short
+};
+
+/// What the library in the manager tells.
+struct stReport
+{
+    unsigned int nCalls;
+    unsigned int nFired;
+};
+
+class CReportFile
+{
+public:
+    CReportFile() : m_clFile(::open(Path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600))
+    {
+        if (::ftruncate(m_clFile.nFd(), sizeof(stReport)) == 0) {
+            m_pShared = ::mmap(nullptr, sizeof(stReport), PROT_READ, MAP_SHARED, m_clFile.nFd(), 0);
+        }
+    }
+    ~CReportFile() { ::munmap(m_pShared, sizeof(stReport)); }
+    CReportFile(const CReportFile&) = delete;
+    CReportFile& operator=(const CReportFile&) = delete;
+
+    stReport stNow() const
+    {
+        const auto* const pShared = static_cast<const std::atomic<unsigned int>*>(m_pShared);
+        return {pShared[0], pShared[1]};
+    }
+    static constexpr char Path[] = "/tmp/faults.report";
+
+private:
+    CDescripteur m_clFile;
+    void* m_pShared = MAP_FAILED;
+};
+
+/// One manager's life with one fault; empty when it was as it has to be. *pnCalls is set to the calls of the
+/// function until the first questions were through.
+std::string csLive(const stFault& st, unsigned int nTurn, unsigned int* pnCalls)
+{
+    CManagerWorld::Reset();
+    const CReportFile clReport;
+    const std::string csWhat = st.nErrno == 0 ? "short" : std::to_string(st.nErrno);
+    CManagerRun clManager(
+        {"LD_PRELOAD=/run/velmo/libvelmofaults.so",
+         "VELMO_FAULT=" + std::string(st.pszFunction) + " " + std::to_string(nTurn) + " " + csWhat,
+         std::string("VELMO_FAULT_REPORT=") + CReportFile::Path});
+    std::string csAll;
+    if (clManager.bAnswers()) {
+        const bool bAtStart = clReport.stNow().nFired != 0;
+        const stFigures stBefore = clManager.stSettled({0, 0, 0, 0}, 20);
+        (void)csPlay(false);
+        const stReport stSeen = clReport.stNow();
+        *pnCalls = stSeen.nCalls;
+        // A fault at the start may have left it without systemd or a port; after any other one all is as
+        // before.
+        const bool bAllRight = !bAtStart && (stSeen.nFired != 0 || nTurn == 0);
+        if (const std::string cs = csPlay(bAllRight); bAllRight) {
+            csAll += cs;
+        }
+        const stFigures stAfter = clManager.stSettled(stBefore);
+        if (stAfter.nDescriptors > stBefore.nDescriptors || stAfter.nThreads > stBefore.nThreads ||
+            stAfter.nChildren > 0) {
+            csAll += "left: " + std::to_string(stAfter.nDescriptors - stBefore.nDescriptors) +
+                     " descriptors, " + std::to_string(stAfter.nThreads - stBefore.nThreads) + " threads, " +
+                     std::to_string(stAfter.nChildren) + " children\n";
+        }
+        if (clManager.csStop() != "exit 0") {
+            csAll += "stop: " + clManager.csStop(0) + "\n";
+        }
+    } else if (const std::string csEnd = clManager.csStop(); !csEnd.starts_with("exit ")) {
+        csAll += "refused start: " + csEnd + "\n";
+    }
+    return csAll + CManagerWorld::csDamage();
+}
+
+unsigned int nTurnsOf(unsigned int nCalls)
+{
+    const char* pszTurns = std::getenv("VELMO_FAULT_TURNS");
+    const std::string cs = pszTurns != nullptr ? pszTurns : "8";
+    return cs == "all" ? nCalls : std::min(nCalls, static_cast<unsigned int>(std::stoul(cs)));
+}
+
+/// The turns to be swept: evenly spread over the calls, or the one that VELMO_FAULT_TURN tells.
+std::set<unsigned int> tTurns(unsigned int nCalls)
+{
+    if (const char* pszOne = std::getenv("VELMO_FAULT_TURN"); pszOne != nullptr) {
+        return {static_cast<unsigned int>(std::stoul(pszOne))};
+    }
+    std::set<unsigned int> tSet;
+    for (unsigned int n = 0, nTurns = nTurnsOf(nCalls); n < nTurns; ++n) {
+        tSet.insert(1 + n * nCalls / nTurns);
+    }
+    return tSet;
+}
+
+/// All turns of a fault.
+std::string csSweep(const stFault& st)
+{
+    static const CManagerWorld s_clWorld;
+    unsigned int nCalls = 0;
+    std::string csAll = csLive(st, 0, &nCalls);
+    if (!csAll.empty() || nCalls == 0) {
+        return "without a fault: " + csAll + (nCalls == 0 ? "the function is never called\n" : "");
+    }
+    const std::set<unsigned int> tSwept = tTurns(nCalls);
+    for (const unsigned int nTurn : tSwept) {
+        unsigned int nIgnored = 0;
+        if (const std::string cs = csLive(st, nTurn, &nIgnored); !cs.empty()) {
+            csAll += "call " + std::to_string(nTurn) + " of " + std::to_string(nCalls) + ": " + cs;
+        }
+    }
+    std::printf("%s %s: %zu of %u calls\n", st.pszFunction, st.pszWhat, tSwept.size(), nCalls);
+    return csAll;
+}
+
+class Faults : public ::testing::TestWithParam<stFault>
+{};
+} // namespace
+
+TEST_P(Faults, OneFailedCallCostsAtMostTheRequestThatNeededIt)
+{
+    REQUIRE_PRIVATE_WORLD();
+    EXPECT_EQ(csSweep(GetParam()), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Every, Faults,
+    ::testing::Values(
+        stFault{"clone", "EAGAIN", EAGAIN}, stFault{"pipe2", "EMFILE", EMFILE},
+        stFault{"open", "EMFILE", EMFILE}, stFault{"accept4", "EMFILE", EMFILE},
+        stFault{"accept4", "ECONNABORTED", ECONNABORTED}, stFault{"malloc", "ENOMEM", ENOMEM},
+        stFault{"calloc", "ENOMEM", ENOMEM}, stFault{"pthread_create", "EAGAIN", EAGAIN},
+        stFault{"read", "EIO", EIO}, stFault{"read", "EINTR", EINTR}, stFault{"read", "Short", 0},
+        stFault{"write", "ENOSPC", ENOSPC}, stFault{"write", "Short", 0}, stFault{"pwrite", "ENOSPC", ENOSPC},
+        stFault{"pwrite", "Short", 0}, stFault{"pread", "EIO", EIO}, stFault{"pread", "Short", 0},
+        stFault{"recv", "EINTR", EINTR}, stFault{"recv", "ECONNRESET", ECONNRESET},
+        stFault{"recv", "Short", 0}, stFault{"send", "EPIPE", EPIPE}, stFault{"recvmsg", "ENOMEM", ENOMEM},
+        stFault{"sendmsg", "ENOBUFS", ENOBUFS}, stFault{"getaddrinfo", "MEMORY", EAI_MEMORY},
+        stFault{"socket", "EMFILE", EMFILE}, stFault{"bind", "EADDRINUSE", EADDRINUSE},
+        stFault{"listen", "EADDRINUSE", EADDRINUSE}, stFault{"setsockopt", "ENOPROTOOPT", ENOPROTOOPT},
+        stFault{"select", "ENOMEM", ENOMEM}, stFault{"select", "EINTR", EINTR},
+        stFault{"mkfifo", "ENOSPC", ENOSPC}, stFault{"access", "EACCES", EACCES},
+        stFault{"stat", "EACCES", EACCES}, stFault{"fstat", "EIO", EIO}, stFault{"dlopen", "ENOMEM", ENOMEM}),
+    [](const auto& st) { return std::string(st.param.pszFunction) + "_" + st.param.pszWhat; });

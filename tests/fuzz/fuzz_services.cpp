@@ -1,0 +1,82 @@
+// What tells of services: systemctl's output, init scripts, names, arguments of tools.
+
+#include "service/InitScript.h"
+#include "service/LanceProcessus.h"
+#include "service/ServiceName.h"
+#include "service/SystemctlOutput.h"
+#include "support/Conversion.h"
+#include "Target.h"
+
+#include <array>
+
+namespace {
+bool bLiesIn(std::string_view csPart, std::string_view csWhole)
+{
+    return csPart.empty() || (csPart.data() >= csWhole.data() &&
+                              csPart.data() + csPart.size() <= csWhole.data() + csWhole.size());
+}
+
+void Systemctl(std::string_view csOutput)
+{
+    const stUnitShown st = stReadShow(csOutput);
+    Require(!st.csDescription || csOutput.find(*st.csDescription) != std::string_view::npos);
+    Require(!st.csBinaryPath || csOutput.find(*st.csBinaryPath) != std::string_view::npos);
+    Require(bLiesIn(csReadProperty(csOutput), csOutput));
+    for (const std::string_view csUnit : tReadListing(csOutput)) {
+        Require(bLiesIn(csUnit, csOutput) && csUnit.find('\n') == std::string_view::npos);
+        (void)csUnitFromListing(csUnit);
+    }
+}
+
+void Scripts(const std::string& csText)
+{
+    for (const char* pszKey : {"Name=\"", "Path=\""}) {
+        for (const std::size_t nBuffer : {std::size_t{2}, std::size_t{80}, std::size_t{1000}}) {
+            const stMarker st = stReadMarker(csText, pszKey, nBuffer);
+            Require(!st.csValue || (st.bFound && st.csValue->size() < nBuffer));
+        }
+    }
+    const stCommandLine stLine = stSplitCommandLine(csText);
+    Require(stLine.csProgram.size() + stLine.csArguments.size() <= csText.size());
+    (void)bScriptable(csText);
+}
+
+void Names(const std::wstring& csName)
+{
+    const std::wstring csScript = csScriptName(csName);
+    Require(csScript.find_first_of(L" \t/.") == std::wstring::npos);
+    std::wstring csUnit;
+    if (bUnitName(csName, &csUnit)) { // then it is one argument of a tool, and no option
+        Require(csUnit.find_first_of(L" \t\"*?[\n\r") == std::wstring::npos);
+        (void)csUnitFileName(csUnit);
+    }
+    if (bInertName(csName)) {
+        Require(csName.find_first_of(L" \t\"'`$;&|<>()\\\n/") == std::wstring::npos && csName[0] != L'-');
+    }
+    (void)bInertWords(csName);
+}
+
+void Arguments(std::string csLine)
+{
+    csLine = csLine.c_str();
+    std::string csCopy = csLine;
+    std::array<char*, 5> tArguments{};
+    const int nCount = nSplitArguments(csCopy.data(), tArguments.data(), 5);
+    Require(nCount >= 0 && nCount <= 5);
+    for (int n = 0; n < nCount; ++n) {
+        const char* psz = tArguments[static_cast<std::size_t>(n)];
+        Require(psz >= csCopy.data() && psz + std::string_view(psz).size() <= csCopy.data() + csCopy.size());
+        Require(csLine.find(psz) != std::string::npos);
+    }
+}
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* pBytes, std::size_t nBytes)
+{
+    const std::string csText(csInput(pBytes, nBytes));
+    Systemctl(csText);
+    Scripts(csText);
+    Names(csFromUTF8(csText));
+    Arguments(csText);
+    return 0;
+}

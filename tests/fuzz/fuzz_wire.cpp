@@ -1,0 +1,42 @@
+// What comes over the network and the pipe: a discovery question, a request record, a reply's text.
+
+#include "manager/PingEcho.h"
+#include "manager/PipeRecords.h"
+#include "support/Conversion.h"
+#include "Target.h"
+
+#include <cstring>
+#include <memory>
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* pBytes, std::size_t nBytes)
+{
+    const std::string_view csBytes = csInput(pBytes, nBytes);
+
+    const EPingForm eForm = eReadPing(csBytes);
+    Require(eForm == EPingForm::NONE || csBytes.size() <= 33);
+    const std::string csServers = "\t" + std::string(csBytes);
+    for (const std::size_t nMax : {std::size_t{0}, nBytes / 2, nBytes, nBytes + 1}) {
+        const std::string_view cs = csFittingServers(csServers, nMax);
+        Require(cs.size() <= nMax && csServers.starts_with(cs));
+        Require(cs.size() == csServers.size() || csServers[cs.size()] == '\t');
+    }
+
+    const auto pstSend = std::make_unique<stSEND>();
+    std::memcpy(pstSend.get(), pBytes, std::min(nBytes, sizeof(stSEND)));
+    const stRegistration stAnsi = stReadAnsi(*pstSend);
+    Require(stAnsi.csName.size() <= 261 && stAnsi.csPath.size() <= 261);
+    Require(stAnsi.csName.find(L'\0') == std::wstring::npos &&
+            stAnsi.csPath.find(L'\0') == std::wstring::npos);
+    const stRegistration stWide = stReadUTF16(*pstSend);
+    Require(stWide.csName.size() <= 129 && stWide.csPath.size() <= 262);
+    Require(stWide.csName.find(L'\0') == std::wstring::npos &&
+            stWide.csPath.find(L'\0') == std::wstring::npos);
+
+    const auto pstReturn = std::make_unique<stRET>();
+    const std::string csText = csToUTF8(csFromUTF8(csBytes)); // what a reply is made of is well-formed
+    WriteReply(csText, pstReturn.get());
+    const std::string csSent(pstReturn->szText.data(),
+                             strnlen(pstReturn->szText.data(), sizeof pstReturn->szText));
+    Require(pstReturn->cEnd == 0 && csText.starts_with(csSent) && csToUTF8(csFromUTF8(csSent)) == csSent);
+    return 0;
+}
