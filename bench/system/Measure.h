@@ -1,0 +1,66 @@
+#pragma once
+
+#include <algorithm>
+#include <chrono>
+#include <functional>
+#include <string>
+#include <vector>
+
+/// Figures of one side of a comparison.
+class CFigures
+{
+public:
+    void Add(double fValue) { m_tValues.push_back(fValue); }
+    void Add(const std::vector<double>& tValues)
+    {
+        m_tValues.insert(m_tValues.end(), tValues.begin(), tValues.end());
+    }
+    double fMedian() const { return fPercentile(50); }
+    double fPercentile(double fPercent) const
+    {
+        if (m_tValues.empty()) {
+            return 0;
+        }
+        std::vector<double> tSorted = m_tValues;
+        std::sort(tSorted.begin(), tSorted.end());
+        const double fIndex = static_cast<double>(tSorted.size()) * fPercent / 100;
+        return tSorted[std::min(static_cast<std::size_t>(fIndex), tSorted.size() - 1)];
+    }
+
+private:
+    std::vector<double> m_tValues;
+};
+
+/// The two sides of a row, measured turn by turn, so that a slow moment of the machine meets both.
+struct stComparison
+{
+    CFigures clFloor;
+    CFigures clOurs;
+};
+
+/// Microseconds since some fixed moment.
+inline double fNow()
+{
+    const auto clNow = std::chrono::steady_clock::now().time_since_epoch();
+    return std::chrono::duration<double, std::micro>(clNow).count();
+}
+
+inline double fMicroseconds(const std::function<void()>& fnAction)
+{
+    const double fStart = fNow();
+    fnAction();
+    return fNow() - fStart;
+}
+
+/// Each side yields one figure a round; who begins changes with every round.
+stComparison stTurnByTurn(int nRounds, const std::function<double()>& fnFloor,
+                          const std::function<double()>& fnOurs);
+
+/// Writes one row of the table, as Markdown, to the standard output.
+void Row(const std::string& csWhat, const std::string& csFloor, const std::string& csOurs, double fRatio,
+         const std::string& csTarget, bool bReached);
+/// A row of times: the ratio of ours to the floor may be at most fTarget. fPercent is which figure counts.
+void TimeRow(const std::string& csWhat, const stComparison& st, double fTarget, double fPercent = 50);
+/// A row of rates: the ratio must be at least fTarget.
+void RateRow(const std::string& csWhat, const stComparison& st, double fTarget);
+std::string csNumber(double fValue, int nDecimals);

@@ -1,0 +1,226 @@
+// What launches tools: STATUS, INFO, ping, the restart pass.
+
+#include "Measure.h"
+#include "Rows.h"
+#include "Tools.h"
+
+#include <arpa/inet.h>
+#include <array>
+#include <fstream>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+const std::string s_csStatus = "STATUS\t" + csServer(0) + "\r\n";
+
+double fStatus(const CTalk& clTalk)
+{
+    return fMicroseconds([&] {
+        if (clTalk.csAsk(s_csStatus) != "STATUS\tRUNNING\r\n") {
+            Die("wrong answer to STATUS");
+        }
+    });
+}
+
+void StatusRows()
+{
+    const CTalk clTalk(g_wOurs);
+    const stComparison st = stTurnByTurn(
+        300, [] { return fMicroseconds([] { LaunchStatus(csServer(0)); }); },
+        [&] { return fStatus(clTalk); });
+    TimeRow("STATUS, one conversation, p50", st, 1.25);
+    TimeRow("the same, p99", st, 1.5, 99);
+}
+
+/// Runs the action in 8 threads for about a second; how often it was done per second.
+double fRateOf8(const std::function<void(int)>& fnAction)
+{
+    constexpr double fDuration = 1.2e6;
+    std::array<int, 8> tCounts{};
+    std::vector<std::thread> tThreads;
+    tThreads.reserve(tCounts.size());
+    const double fStart = fNow();
+    for (int n = 0; n < 8; ++n) {
+        tThreads.emplace_back([&, n] {
+            for (; fNow() - fStart < fDuration; ++tCounts[static_cast<std::size_t>(n)]) {
+                fnAction(n);
+            }
+        });
+    }
+    for (std::thread& clThread : tThreads) {
+        clThread.join();
+    }
+    double fTotal = 0;
+    for (const int nCount : tCounts) {
+        fTotal += nCount;
+    }
+    return fTotal * 1e6 / (fNow() - fStart);
+}
+
+void StatusOf8Row()
+{
+    std::vector<std::unique_ptr<CTalk>> tTalks;
+    tTalks.reserve(8);
+    for (int n = 0; n < 8; ++n) {
+        tTalks.push_back(std::make_unique<CTalk>(g_wOurs));
+    }
+    const stComparison st = stTurnByTurn(
+        5, [] { return fRateOf8([](int) { LaunchStatus(csServer(0)); }); },
+        [&] { return fRateOf8([&](int n) { fStatus(*tTalks[static_cast<std::size_t>(n)]); }); });
+    RateRow("STATUS per second, 8 conversations", st, 1 / 1.25);
+}
+
+/// Sends a question and waits for both datagrams of the answer.
+class CPing
+{
+public:
+    CPing() : m_clSocket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_in stAddress{};
+        stAddress.sin_family = AF_INET;
+        stAddress.sin_port = htons(g_wOurs);
+        stAddress.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        (void)::connect(m_clSocket.nFd(), reinterpret_cast<const sockaddr*>(&stAddress), sizeof stAddress);
+    }
+    void Ask() const
+    {
+        static constexpr char szQuestion[] = "ARE YOU A DEXARO SERVER SETUP?\r\n"; // with its NUL
+        (void)::send(m_clSocket.nFd(), szQuestion, sizeof szQuestion, 0);
+    }
+    void Await() const
+    {
+        std::array<char, 16384> tBuffer;
+        ssize_t n = 0;
+        do {
+            n = ::recv(m_clSocket.nFd(), tBuffer.data(), tBuffer.size(), 0);
+        } while (n > 2); // the line end comes last, by itself
+    }
+
+private:
+    CDescripteur m_clSocket;
+};
+
+void ListRows(int nServers, int nRounds)
+{
+    ProvideServers(nServers);
+    const CTalk clTalk(g_wOurs);
+    const CPing clPing;
+    const auto fnFloor = [&] { return fMicroseconds([&] { LaunchInfo(nServers); }); };
+    const std::string csServers = " with " + std::to_string(nServers) + " servers";
+    TimeRow("INFO" + csServers,
+            stTurnByTurn(nRounds, fnFloor,
+                         [&] { return fMicroseconds([&] { (void)clTalk.csAsk("INFO\r\n"); }); }),
+            1.15);
+    TimeRow("ping" + csServers,
+            stTurnByTurn(nRounds, fnFloor,
+                         [&] {
+                             return fMicroseconds([&] {
+                                 clPing.Ask();
+                                 clPing.Await();
+                             });
+                         }),
+            1.15);
+}
+
+/// STATUS while a thousand questions wait for their answers, which come one after the other.
+void FloodRow()
+{
+    CProgram clManager(tManagerCommand());
+    clManager.AwaitPort(g_wOurs);
+    const CTalk clTalk(g_wOurs);
+    stComparison st;
+    for (int n = 0; n < 60; ++n) {
+        st.clFloor.Add(fStatus(clTalk));
+    }
+    const CPing clPing;
+    for (int n = 0; n < 1000; ++n) {
+        clPing.Ask();
+    }
+    for (int n = 0; n < 60; ++n) {
+        st.clOurs.Add(fStatus(clTalk));
+    }
+    TimeRow("STATUS during a flood of 1,000 questions (floor: STATUS alone)", st, 2.0);
+}
+
+/// A unit that notes the moment of each start and fails, so that every pass of the monitor starts it again.
+constexpr int s_nPassServers = 10;
+constexpr char s_szStamps[] = "/run/bench-starts";
+
+void ProvideFailing()
+{
+    std::ofstream("/lib/systemd/system/DXCS-Failing.service")
+        << "[Unit]\nDescription=fails\nStartLimitIntervalSec=0\n[Service]\nType=oneshot\n"
+           "ExecStart=/bin/sh -c \"date +%%s%%N >> "
+        << s_szStamps << "; exit 1\"\n";
+    Launch({"daemon-reload"});
+    Launch({"start", "DXCS-Failing"});
+}
+
+void Empty(const char* pszFile)
+{
+    const std::ofstream clFile(pszFile, std::ios::trunc);
+}
+
+/// Microseconds of one pass, the median of a few that follow one another without a pause.
+double fPass()
+{
+    std::ofstream("/opt/velmo/manager/DXConf.ini") << "[MANAGER]\nCheckPeriod = 0\n";
+    Empty(s_szStamps);
+    std::vector<double> tStamps;
+    {
+        CProgram clManager(tManagerCommand());
+        while (tStamps.size() < 5) {
+            ::usleep(20000);
+            tStamps.clear();
+            std::ifstream clStamps(s_szStamps);
+            for (double f = 0; clStamps >> f;) {
+                tStamps.push_back(f / 1000);
+            }
+        }
+    }
+    Empty("/opt/velmo/manager/DXConf.ini");
+    CFigures clFigures;
+    for (std::size_t n = 1; n < tStamps.size(); ++n) {
+        clFigures.Add(tStamps[n] - tStamps[n - 1]);
+    }
+    return clFigures.fMedian();
+}
+
+void PassRow(int nServers)
+{
+    ProvideFailing();
+    TimeRow("restart pass, " + std::to_string(nServers) + " servers and one that it starts",
+            stTurnByTurn(
+                5,
+                [&] {
+                    return fMicroseconds([&] {
+                        LaunchPass(nServers);
+                        LaunchStatus("Failing");
+                        Launch({"start", "DXCS-Failing"});
+                    });
+                },
+                fPass),
+            1.2);
+    (void)::unlink("/lib/systemd/system/DXCS-Failing.service");
+    Launch({"reset-failed", "DXCS-Failing"});
+    Launch({"daemon-reload"});
+}
+} // namespace
+
+void ServiceRows()
+{
+    ProvideServers(s_nPassServers);
+    {
+        CProgram clManager(tManagerCommand());
+        clManager.AwaitPort(g_wOurs);
+        StatusRows();
+        StatusOf8Row();
+        ListRows(s_nPassServers, 12);
+    }
+    PassRow(s_nPassServers);
+    FloodRow();
+    CProgram clManager(tManagerCommand());
+    clManager.AwaitPort(g_wOurs);
+    ListRows(50, 5);
+}

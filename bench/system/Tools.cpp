@@ -1,0 +1,253 @@
+#include "Tools.h"
+
+#include "floor.h"
+#include "Measure.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+void Die(const std::string& csWhy)
+{
+    std::fprintf(stderr, "bench_system: %s\n", csWhy.c_str());
+    std::exit(1);
+}
+
+CDescripteur clConnect(std::uint16_t wPort, bool bBlocking)
+{
+    CDescripteur cl(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | (bBlocking ? 0 : SOCK_NONBLOCK), 0));
+    const linger stReset{1, 0}; // closing leaves no trace that would keep the port from the next program
+    (void)::setsockopt(cl.nFd(), SOL_SOCKET, SO_LINGER, &stReset, sizeof stReset);
+    sockaddr_in stAddress{};
+    stAddress.sin_family = AF_INET;
+    stAddress.sin_port = htons(wPort);
+    stAddress.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const int nResult = ::connect(cl.nFd(), reinterpret_cast<const sockaddr*>(&stAddress), sizeof stAddress);
+    if (nResult != 0 && bBlocking) {
+        cl.Close();
+    }
+    return cl;
+}
+
+CTalk::CTalk(std::uint16_t wPort) : m_clSocket(clConnect(wPort))
+{
+    if (!m_clSocket.bOpen() || !__csLine().starts_with("HELLO FROM ")) {
+        Die("no greeting from port " + std::to_string(wPort));
+    }
+}
+
+std::string CTalk::__csLine() const
+{
+    std::string cs;
+    std::array<char, 8192> tBuffer;
+    while (!cs.ends_with("\r\n")) {
+        const ssize_t n = ::recv(m_clSocket.nFd(), tBuffer.data(), tBuffer.size(), 0);
+        if (n <= 0) {
+            Die("a conversation ended");
+        }
+        cs.append(tBuffer.data(), static_cast<std::size_t>(n));
+    }
+    return cs;
+}
+
+std::string CTalk::csAsk(const std::string& csLine) const
+{
+    (void)::send(m_clSocket.nFd(), csLine.data(), csLine.size(), MSG_NOSIGNAL);
+    return __csLine();
+}
+
+namespace {
+/// For execv and the launches: pointers into the words.
+std::vector<char*> tPointers(std::vector<std::string>* ptWords)
+{
+    std::vector<char*> tResult;
+    for (std::string& cs : *ptWords) {
+        tResult.push_back(cs.data());
+    }
+    tResult.push_back(nullptr);
+    return tResult;
+}
+
+/// The soft limit that services are started with, whatever this program's is.
+constexpr rlim_t s_nUsualDescriptors = 1024;
+} // namespace
+
+CProgram::CProgram(const std::vector<std::string>& tCommand, unsigned int nDescriptors)
+{
+    std::vector<std::string> tWords = tCommand;
+    const std::vector<char*> tArguments = tPointers(&tWords);
+    m_nPid = ::fork();
+    if (m_nPid == 0) {
+        ::setpgid(0, 0);
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL); // Die() does not look back
+        rlimit stLimit{};
+        ::getrlimit(RLIMIT_NOFILE, &stLimit);
+        stLimit.rlim_max = nDescriptors != 0 ? nDescriptors : stLimit.rlim_max;
+        stLimit.rlim_cur = std::min<rlim_t>(stLimit.rlim_max, s_nUsualDescriptors);
+        ::setrlimit(RLIMIT_NOFILE, &stLimit);
+        ::execv(tArguments[0], tArguments.data());
+        ::_exit(127);
+    }
+    ::setpgid(m_nPid, m_nPid);
+}
+
+CProgram::~CProgram()
+{
+    ::kill(-m_nPid, SIGKILL); // the children of a daemon as well
+    ::waitpid(m_nPid, nullptr, 0);
+    while (::kill(-m_nPid, 0) == 0) { // they hold the port
+        ::usleep(100);
+    }
+}
+
+void CProgram::AwaitPort(std::uint16_t wPort) const
+{
+    const double fEnd = fNow() + 10e6;
+    while (!clConnect(wPort).bOpen()) {
+        if (fNow() > fEnd || ::waitpid(m_nPid, nullptr, WNOHANG) != 0) {
+            Die("nobody listens on port " + std::to_string(wPort));
+        }
+        ::usleep(100);
+    }
+    const CTalk clTalk(wPort); // a start that fails on its second socket has listened on the first
+}
+
+std::string csBuilt(const std::string& csName)
+{
+    return std::filesystem::read_symlink("/proc/self/exe").parent_path() / csName;
+}
+
+std::vector<std::string> tManagerCommand()
+{
+    return {"/opt/velmo/manager/VelmoManager", "--DEBUG"};
+}
+
+namespace {
+/// Sum of a field of every thread's status file; the last number of the line that starts with the name.
+long nSum(pid_t nPid, const std::string& csField)
+{
+    long nTotal = 0;
+    for (const auto& clTask :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(nPid) + "/task")) {
+        std::ifstream clStatus(clTask.path() / "status");
+        for (std::string csLine; std::getline(clStatus, csLine);) {
+            if (csLine.starts_with(csField)) {
+                nTotal += std::atol(csLine.c_str() + csField.size() + 1);
+            }
+        }
+    }
+    return nTotal;
+}
+} // namespace
+
+stProcess stLook(pid_t nPid)
+{
+    const std::string csFolder = "/proc/" + std::to_string(nPid) + "/";
+    stProcess st{};
+    std::ifstream clMemory(csFolder + "statm");
+    long nVirtual = 0;
+    clMemory >> nVirtual >> st.nResidentKiB;
+    st.nResidentKiB *= ::sysconf(_SC_PAGESIZE) / 1024;
+    st.nSwitches = nSum(nPid, "voluntary_ctxt_switches") + nSum(nPid, "nonvoluntary_ctxt_switches");
+    std::ifstream clStat(csFolder + "stat");
+    std::string csWord;
+    for (int n = 1; n <= 13; ++n) {
+        clStat >> csWord;
+    }
+    long nUser = 0;
+    long nSystem = 0;
+    clStat >> nUser >> nSystem;
+    st.nTicks = nUser + nSystem;
+    return st;
+}
+
+void Launch(const std::vector<std::string>& tArguments)
+{
+    std::vector<std::string> tWords{"/bin/systemctl"};
+    tWords.insert(tWords.end(), tArguments.begin(), tArguments.end());
+    if (floor_launch(tPointers(&tWords).data()) < 0) {
+        Die("a bare launch failed");
+    }
+}
+
+namespace {
+void LaunchShow(const std::string& csService)
+{
+    Launch({"--property=Description,ExecStart,Type", "show", csService});
+}
+void LaunchList()
+{
+    Launch({"list-units", "--all", "--type=service", "--full", "--no-pager", "--no-legend"});
+}
+void LaunchState(const std::string& csService)
+{
+    Launch({"--property=ActiveState", "show", csService});
+}
+} // namespace
+
+void LaunchStatus(const std::string& csName)
+{
+    LaunchShow("DXCS-" + csName);
+    LaunchState("DXCS-" + csName);
+}
+
+void LaunchInfo(int nServers)
+{
+    LaunchList();
+    for (int n = 0; n < nServers; ++n) {
+        LaunchShow("DXCS-" + csServer(n));
+    }
+    LaunchShow("dxsql");
+}
+
+void LaunchPass(int nServers)
+{
+    LaunchList();
+    for (int n = 0; n < nServers; ++n) {
+        LaunchShow("DXCS-" + csServer(n));
+    }
+    for (int n = 0; n < nServers; ++n) {
+        LaunchState("DXCS-" + csServer(n));
+    }
+}
+
+std::string csServer(int nServer)
+{
+    return "Server" + std::to_string(nServer);
+}
+
+void ProvideServers(int nServers)
+{
+    const std::string csWants = "/etc/systemd/system/multi-user.target.wants/";
+    std::filesystem::create_directories(csWants);
+    for (int n = 0; n < nServers; ++n) {
+        const std::string csName = csServer(n);
+        const std::string csHome = "/opt/velmo/" + csName;
+        const std::string csUnit = "/lib/systemd/system/DXCS-" + csName + ".service";
+        if (std::filesystem::exists(csUnit)) {
+            continue;
+        }
+        std::filesystem::create_directories(csHome);
+        std::filesystem::copy_file(csBuilt("dxdemo"), csHome + "/dxdemo");
+        std::ofstream(csHome + "/DXConf.ini")
+            << "[INIT]\nName = " << csName << "\nAccessPort = " << 6000 + n << "\n";
+        std::ofstream(csUnit)
+            << "[Unit]\nDescription=DXCS-" << csName
+            << "\n[Install]\nWantedBy=multi-user.target\n[Service]\nType=forking\nExecStart=" << csHome
+            << "/dxdemo --SERVICE DXCS-" << csName << "\nPIDFile=/var/run/DXCS-" << csName << ".pid\n";
+        std::filesystem::create_symlink(csUnit, std::filesystem::path(csWants) /
+                                                    std::filesystem::path(csUnit).filename());
+    }
+    Launch({"daemon-reload"});
+    Launch({"start", "DXCS-" + csServer(0)});
+}

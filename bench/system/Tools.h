@@ -1,0 +1,74 @@
+#pragma once
+
+#include "support/Descripteur.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+/// The manager's port, and the one of the floor's server.
+inline constexpr std::uint16_t g_wOurs = 4999;
+inline constexpr std::uint16_t g_wFloor = 5999;
+inline constexpr char g_szNothing[] = "MODE_UTF8\r\n"; ///< a command that touches no service
+
+/// Ends the program: a comparison whose sides do not do their work is worth nothing.
+[[noreturn]] void Die(const std::string& csWhy);
+
+/// One connection that has been greeted.
+class CTalk
+{
+public:
+    explicit CTalk(std::uint16_t wPort);
+    /// Sends a line (with its end) and takes the reply line.
+    std::string csAsk(const std::string& csLine) const;
+    int nFd() const { return m_clSocket.nFd(); }
+
+private:
+    std::string __csLine() const;
+    CDescripteur m_clSocket;
+};
+
+/// A new connection to the port, or an empty one; not greeted yet.
+CDescripteur clConnect(std::uint16_t wPort, bool bBlocking = true);
+
+/// A program that runs for the life of the object; SIGKILL ends it.
+class CProgram
+{
+public:
+    /// nDescriptors: its hard limit of descriptors, 0 leaves that; the soft one is what services get.
+    explicit CProgram(const std::vector<std::string>& tCommand, unsigned int nDescriptors = 0);
+    ~CProgram();
+    CProgram(const CProgram&) = delete;
+    CProgram& operator=(const CProgram&) = delete;
+    pid_t nPid() const { return m_nPid; }
+    /// Waits until the port answers.
+    void AwaitPort(std::uint16_t wPort) const;
+
+private:
+    pid_t m_nPid;
+};
+
+/// The manager that has been put in place, in the foreground.
+std::vector<std::string> tManagerCommand();
+/// A program that was built beside this one.
+std::string csBuilt(const std::string& csName);
+
+/// What /proc tells of a process.
+struct stProcess
+{
+    long nResidentKiB;
+    long nSwitches; ///< voluntary and other, of all threads
+    long nTicks;    ///< processor time, user and system, in clock ticks
+};
+stProcess stLook(pid_t nPid);
+
+/// A bare launch of the tool with these arguments.
+void Launch(const std::vector<std::string>& tArguments);
+/// The launches behind one STATUS, one INFO over so many servers, and one server's part of a restart pass.
+void LaunchStatus(const std::string& csServer);
+void LaunchInfo(int nServers);
+void LaunchPass(int nServers);
+/// Name of the server number n; all of them are stopped but server 0.
+std::string csServer(int nServer);
+/// Makes sure that exactly so many servers are there.
+void ProvideServers(int nServers);
