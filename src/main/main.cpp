@@ -20,6 +20,8 @@ namespace {
 constexpr int s_nFailure = -1; ///< the system shows it as 255
 /// What conversations that are in the middle of a command have for their reply when the service ends.
 constexpr int s_nLastRepliesMs = 500;
+/// From this size on a block (a long line, a tool's long output) is a mapping of its own, in bytes.
+constexpr int s_nOwnMapping = 64 * 1024;
 
 std::unique_ptr<CSetupManager> s_pclSetupManager;
 
@@ -32,10 +34,16 @@ void OpenStandardDescriptors()
     ::close(nFd);
 }
 
+/// What a burst made the heap need goes back to the system when it is over.
+void KeepHeapSmall()
+{
+    ::mallopt(M_ARENA_MAX, 1);                  // each of several heaps would keep its own share of the burst
+    ::mallopt(M_MMAP_THRESHOLD, s_nOwnMapping); // else it grows with the largest block ever freed
+}
+
 void Init(int*, char***)
 {
-    // One heap for all threads: each of several would keep for good what one tool's long output made it need.
-    ::mallopt(M_ARENA_MAX, 1);
+    KeepHeapSmall();
     OpenStandardDescriptors();
     DLLRES_bInit(nullptr, 0);
     s_pclSetupManager = std::make_unique<CSetupManager>();
