@@ -72,12 +72,17 @@ constexpr unsigned int nWordAt(std::size_t nOffset)
     return s_tBlock[nOffset] | static_cast<unsigned int>(s_tBlock[nOffset + 1]) << 8;
 }
 
-struct STIndex
+/// Offset of each record in the block.
+consteval std::array<std::size_t, std::size(s_tMessages)> tBuildIndex()
 {
-    std::array<std::size_t, s_nMaxRecords + 1> tOffsets{}; ///< each record, then the ending zero
-    std::size_t nCount = 0;
-    bool bBuilt = false;
-};
+    std::array<std::size_t, std::size(s_tMessages)> tOffsets{};
+    std::size_t nOffset = 0;
+    for (std::size_t& nRecord : tOffsets) {
+        nRecord = nOffset;
+        nOffset += nWordAt(nOffset);
+    }
+    return tOffsets;
+}
 
 class CResAnsi602
 {
@@ -86,16 +91,13 @@ public:
     /// found.
     static std::size_t nFind(unsigned int nId)
     {
-        if (!m_stRessource.bBuilt) {
-            _BuildIndex();
-        }
         std::size_t nLow = 1;
-        std::size_t nHigh = m_stRessource.nCount;
+        std::size_t nHigh = m_stRessource.size();
         while (nLow < nHigh) {
             const std::size_t nMiddle = (nLow + nHigh) / 2;
-            const int nOrder = nCompareRes(nId, m_stRessource.tOffsets[nMiddle]);
+            const int nOrder = nCompareRes(nId, m_stRessource[nMiddle]);
             if (nOrder == 0) {
-                return m_stRessource.tOffsets[nMiddle];
+                return m_stRessource[nMiddle];
             }
             (nOrder > 0 ? nLow : nHigh) = nOrder > 0 ? nMiddle + 1 : nMiddle;
         }
@@ -108,17 +110,7 @@ private:
         return static_cast<int>(nId & 0xFFFF) - static_cast<int>(nWordAt(nOffset + 2));
     }
 
-    static void _BuildIndex()
-    {
-        std::size_t nOffset = 0;
-        for (; nWordAt(nOffset) != 0; nOffset += nWordAt(nOffset)) {
-            m_stRessource.tOffsets[m_stRessource.nCount++] = nOffset;
-        }
-        m_stRessource.tOffsets[m_stRessource.nCount] = nOffset;
-        m_stRessource.bBuilt = true;
-    }
-
-    static inline STIndex m_stRessource;
+    static constexpr std::array m_stRessource = tBuildIndex();
 };
 } // namespace
 

@@ -11,6 +11,6 @@ struct STRessourceModule
     unsigned int nCharWidth; ///< 2 when bit 6 of the flags is set, else 1
 };
 
-/// Finds the record of a message in the manager's resource block (nId is taken as its low 16 bits). The index
-/// is built on first use, on the main thread during start-up; after that it is only read.
+/// Finds the record of a message in the manager's resource block (nId is taken as its low 16 bits). Any
+/// thread.
 bool bGetResAnsi602(unsigned int nId, STRessourceModule& stResource);
