@@ -7,6 +7,7 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -108,8 +109,7 @@ bool bWriteToEnd(int nFd, off_t nStart, off_t nSize, std::string_view csBytes)
 }
 } // namespace
 
-CProfileFile::CProfileFile()
-    : m_pBuffer(new CBuffer) {} // not make_unique: it would fill the buffer with zeros
+CProfileFile::CProfileFile() : m_pBuffer(std::make_unique_for_overwrite<CBuffer>()) {}
 
 bool CProfileFile::_bOpen(const std::string& csPath, int nFlags)
 {

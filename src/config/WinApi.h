@@ -21,8 +21,8 @@ unsigned int GetPrivateProfileStringW(const wchar_t* pszSection, const wchar_t* 
                                       const wchar_t* pszDefault, wchar_t* pszBuffer, unsigned int nSize,
                                       const wchar_t* pszFile);
 
-/// Decimal number at the start of the first 19 characters of a value, modulo 2^32; 0 when there is none, an
-/// empty value included. The default only counts when the key is absent.
+/// Decimal number at the start of the first 19 characters of a value, modulo 2^32 (beyond 2^63: -1); 0 when
+/// there is none, an empty value included. The default only counts when the key is absent.
 int GetPrivateProfileInt(const wchar_t* pszSection, const wchar_t* pszKey, int nDefault,
                          const wchar_t* pszFile);
 

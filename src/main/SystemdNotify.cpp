@@ -4,6 +4,7 @@
 #include "support/Descripteur.h"
 
 #include <array>
+#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -44,8 +45,10 @@ void NotifyReady(const std::string& csSocket)
         stAddress.sun_path[0] = '\0';
     }
     const auto nLength = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + csSocket.size());
-    (void)::sendto(clSocket.nFd(), s_csReady.data(), s_csReady.size(), MSG_NOSIGNAL,
-                   reinterpret_cast<const sockaddr*>(&stAddress), nLength);
+    while (::sendto(clSocket.nFd(), s_csReady.data(), s_csReady.size(), MSG_NOSIGNAL,
+                    reinterpret_cast<const sockaddr*>(&stAddress), nLength) < 0 &&
+           errno == EINTR) {
+    }
 }
 } // namespace
 

@@ -27,8 +27,8 @@ enum EControlCode : unsigned int
 ///
 /// Made by a CServiceManager for a caller who owns it. Holds no state of the service itself: every query asks
 /// the system again. Which init system it drives is CServiceManager::ms_eDistri's. Operations block while the
-/// system's tool runs; one thread uses a record, several records of one service may exist. Nothing throws;
-/// results named b... are true on success and otherwise leave errno set.
+/// system's tool runs; one thread uses a record, several records of one service may exist. Nothing throws
+/// but std::bad_alloc; results named b... are true on success and otherwise leave errno set.
 class CService
 {
 public:

@@ -187,7 +187,7 @@ void CProcessManager::SigAction(int nSignal, siginfo_t* pstInfo, void* pContext)
     bool bOurs = false;
     {
         const CChildGuard clGuard(m_nLock);
-        bOurs = __pstFind(pstInfo->si_pid) != nullptr;
+        bOurs = pstInfo->si_pid != 0 && __pstFind(pstInfo->si_pid) != nullptr; // 0 marks a free record
         __ForEach([](stChild& stRecord) {
             __Reap(stRecord);
             __Wake(stRecord);

@@ -16,6 +16,7 @@
 namespace {
 constexpr mode_t s_nFileMode = 0666;
 constexpr mode_t s_nDirectoryMode = 0777;
+constexpr int s_nMaxNames = 100; ///< tried for a new file; a crash may have left some
 
 /// A path as the system wants it. A name with a NUL inside names nothing: it must not reach the file whose
 /// name is the text before the NUL.
@@ -80,8 +81,9 @@ bool bWriteAll(int nFd, std::string_view csBytes)
 /// right to create files).
 bool bOverwrite(const std::string& csPath, const std::string& csBytes)
 {
-    const CDescripteur clFile(
-        ::open(csPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY, s_nFileMode));
+    constexpr int nFlags =
+        O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY | O_NONBLOCK; // a FIFO may lie there
+    const CDescripteur clFile(::open(csPath.c_str(), nFlags, s_nFileMode));
     return clFile.bOpen() && bWriteAll(clFile.nFd(), csBytes);
 }
 
@@ -105,8 +107,12 @@ bool bTakeOver(int nFd, const struct stat& stOld)
 bool bReplace(const std::string& csPath, const std::string& csBytes, const struct stat* pstOld,
               bool* pbTryOver)
 {
-    const std::string csNew = csNewName(csPath);
-    const CDescripteur clFile(::open(csNew.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, s_nFileMode));
+    std::string csNew;
+    CDescripteur clFile;
+    for (int n = 0; n < s_nMaxNames && !clFile.bOpen() && (n == 0 || errno == EEXIST); ++n) {
+        csNew = csNewName(csPath);
+        clFile = CDescripteur(::open(csNew.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, s_nFileMode));
+    }
     if (!clFile.bOpen()) {
         *pbTryOver = errno == EACCES || errno == EPERM || errno == ENAMETOOLONG;
         return false;

@@ -33,8 +33,8 @@ public:
     /// tells the first obstacle, and what could be deleted before it is gone.
     static bool bDeleteTree(const std::wstring& csDirectory, CXError* pclError = nullptr);
 
-    /// Replaces or creates a file with the given bytes (mode 0666 less the umask, or nMode when the file is
-    /// new).
+    /// Replaces or creates a file with the given bytes (a new one has mode 0666 less the umask, an old one
+    /// keeps its own).
     static bool bWriteFile(const std::wstring& csPath, const std::string& csBytes,
                            CXError* pclError = nullptr);
     /// Whole content of a regular file of at most nMax bytes; false (EFBIG, EINVAL...) otherwise.

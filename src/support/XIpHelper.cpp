@@ -55,7 +55,7 @@ bool bSetFlag(int nSocket, int nLevel, int nName)
 }
 
 /// A socket of the entry's family with the options that the flags ask for. IPv6 stays apart from IPv4, which
-/// has a socket of its own. An option that is refused shows in bind at the latest.
+/// has a socket of its own. An option that is refused does no harm that bind or a send would not tell.
 CDescripteur clNewSocket(const addrinfo& stEntry, int nType, unsigned int nFlags)
 {
     CDescripteur clSocket(::socket(stEntry.ai_family, nType | SOCK_CLOEXEC, 0));
@@ -116,19 +116,29 @@ int nFamily(unsigned int nFlags)
     return (nFlags & SOCKET_IPV6_ONLY) != 0 ? AF_INET6 : AF_UNSPEC;
 }
 
-/// Local addresses to bind; null with errno when the resolver fails.
-CAddrInfo tResolve(int nType, int nProtocol, std::uint16_t wPort, unsigned int nFlags,
-                   const wchar_t* pszAddress)
+/// What is to be opened.
+struct STEndpoint
 {
+    int nType;     ///< SOCK_...
+    int nProtocol; ///< IPPROTO_...
+    std::uint16_t wPort;
+    unsigned int nFlags;       ///< of ESocketFlags
+    const wchar_t* pszAddress; ///< null: every local one
+};
+
+/// Local addresses to bind; null with errno when the resolver fails.
+CAddrInfo tResolve(const STEndpoint& stEndpoint)
+{
+    const wchar_t* const pszAddress = stEndpoint.pszAddress;
     addrinfo stHints{};
-    stHints.ai_family = nFamily(nFlags);
-    stHints.ai_socktype = nType;
-    stHints.ai_protocol = nProtocol;
+    stHints.ai_family = nFamily(stEndpoint.nFlags);
+    stHints.ai_socktype = stEndpoint.nType;
+    stHints.ai_protocol = stEndpoint.nProtocol;
     stHints.ai_flags = pszAddress != nullptr ? AI_PASSIVE : AI_PASSIVE | AI_NUMERICHOST;
     const std::string csNode = pszAddress != nullptr ? csNarrow(pszAddress, CP_1252) : std::string();
     addrinfo* pstList = nullptr;
     const int nResult = ::getaddrinfo(pszAddress != nullptr ? csNode.c_str() : nullptr,
-                                      std::to_string(wPort).c_str(), &stHints, &pstList);
+                                      std::to_string(stEndpoint.wPort).c_str(), &stHints, &pstList);
     if (nResult != 0) {
         errno = nResult == EAI_SYSTEM ? errno : EADDRNOTAVAIL;
         return nullptr;
@@ -139,10 +149,9 @@ CAddrInfo tResolve(int nType, int nProtocol, std::uint16_t wPort, unsigned int n
 /// Resolves, and hands each IPv4 or IPv6 address to the worker, in the resolver's order, until one is fatal.
 /// A false always has a reason in the error, also where no worker gave one.
 template <class TWorker>
-bool bOpenAll(int nType, int nProtocol, std::uint16_t wPort, unsigned int nFlags, CEnsembleSockets* pclSet,
-              CXError* pclError, const wchar_t* pszAddress, TWorker eOpen)
+bool bOpenAll(const STEndpoint& stEndpoint, CEnsembleSockets* pclSet, CXError* pclError, TWorker eOpen)
 {
-    const CAddrInfo tAddresses = tResolve(nType, nProtocol, wPort, nFlags, pszAddress);
+    const CAddrInfo tAddresses = tResolve(stEndpoint);
     const wchar_t* pszFailed = tAddresses ? L"socket" : L"getaddrinfo";
     for (const addrinfo* pst = tAddresses.get(); pst != nullptr; pst = pst->ai_next) {
         if (pst->ai_family != AF_INET && pst->ai_family != AF_INET6) {
@@ -155,15 +164,21 @@ bool bOpenAll(int nType, int nProtocol, std::uint16_t wPort, unsigned int nFlags
             return false;
         }
         if (eResult == SOCKET_READY) {
-            pclSet->Add(pst->ai_family, nSocket);
+            pclSet->Add(pst->ai_family, CDescripteur(nSocket));
         }
     }
     if (pclSet->tGetSockets().empty() && pclError != nullptr && !pclError->bIsSet()) {
-        __CompleteErreurServeur(wPort, pszFailed, pclError);
+        __CompleteErreurServeur(stEndpoint.wPort, pszFailed, pclError);
     }
     return !pclSet->tGetSockets().empty();
 }
 } // namespace
+
+void CEnsembleSockets::Add(int nFamily, CDescripteur clSocket)
+{
+    m_tSockets.push_back({nFamily, clSocket.nFd()});
+    (void)clSocket.nRelease();
+}
 
 bool CEnsembleSockets::bSetsockopt(int nLevel, int nName, const void* pValue, socklen_t nLength)
 {
@@ -215,7 +230,7 @@ bool bSocketListenTCP(std::uint16_t wPort, unsigned int nFlags, CEnsembleSockets
         return eSocketListenStream(stEntry, wPort, nFlags, pclError, std::min(nBacklog, s_nMaxBacklog),
                                    pnSocket);
     };
-    return bOpenAll(SOCK_STREAM, IPPROTO_TCP, wPort, nFlags, pclSet, pclError, pszAddress, eOpen);
+    return bOpenAll({SOCK_STREAM, IPPROTO_TCP, wPort, nFlags, pszAddress}, pclSet, pclError, eOpen);
 }
 
 bool bSocketBindUDP(std::uint16_t wPort, unsigned int nFlags, CEnsembleSockets* pclSet, CXError* pclError,
@@ -224,5 +239,5 @@ bool bSocketBindUDP(std::uint16_t wPort, unsigned int nFlags, CEnsembleSockets* 
     const auto eOpen = [=](const addrinfo& stEntry, int* pnSocket) {
         return eSocketBindStreamUDP(stEntry, wPort, nFlags, pclError, pnSocket);
     };
-    return bOpenAll(SOCK_DGRAM, IPPROTO_UDP, wPort, nFlags, pclSet, pclError, pszAddress, eOpen);
+    return bOpenAll({SOCK_DGRAM, IPPROTO_UDP, wPort, nFlags, pszAddress}, pclSet, pclError, eOpen);
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "support/Descripteur.h"
 #include "support/XError.h"
 
 #include <cstdint>
@@ -25,7 +26,7 @@ public:
     CEnsembleSockets& operator=(const CEnsembleSockets&) = delete;
     ~CEnsembleSockets() { Close(); }
 
-    void Add(int nFamily, int nSocket) { m_tSockets.push_back({nFamily, nSocket}); }
+    void Add(int nFamily, CDescripteur clSocket);
     const std::vector<STSocket>& tGetSockets() const noexcept { return m_tSockets; }
 
     /// True only if the option was set on all; true for an empty set.
