@@ -139,7 +139,8 @@ std::unique_ptr<CService> CServiceManager::__pclInstallSystemd(const std::wstrin
 {
     std::wstring csUnit;
     // A line end in the command line would write lines of its own into the unit.
-    if (!bUnitName(csName, &csUnit) || csBinaryPath.find_first_of(L"\r\n") != std::wstring::npos) {
+    if (!bUnitName(csName, &csUnit) || !bWritableInUnit(csUnit) ||
+        csBinaryPath.find_first_of(L"\r\n") != std::wstring::npos) {
         errno = EINVAL;
         return nullptr;
     }

@@ -40,7 +40,17 @@ std::wstring csSubstitute(const std::wstring& csName, const std::array<stSubstit
 bool bForbiddenInUnit(wchar_t c)
 {
     return c < L' ' || (c >= 0x7F && c <= 0x9F) ||
-           std::wstring_view(L"*?[\"").find(c) != std::wstring_view::npos;
+           std::wstring_view(L"*?[\"/").find(c) != std::wstring_view::npos;
+}
+
+/// The tool takes such a name for a whole one, of a unit that may be another than the name's own.
+bool bHasUnitType(std::wstring_view csUnit)
+{
+    static constexpr std::wstring_view s_tTypes[] = {L".service",   L".socket", L".device", L".mount",
+                                                     L".automount", L".swap",   L".target", L".path",
+                                                     L".timer",     L".slice",  L".scope"};
+    return std::any_of(std::begin(s_tTypes), std::end(s_tTypes),
+                       [csUnit](std::wstring_view csType) { return csUnit.ends_with(csType); });
 }
 
 bool bHasOptionWord(const std::wstring& csUnit)
@@ -81,11 +91,16 @@ bool bUnitName(const std::wstring& csName, std::wstring* pcsUnit)
     static constexpr std::array<stSubstitution, 2> s_tRules{{{L' ', L"_"}, {L'\t', L"__"}}};
     std::wstring csUnit = csSubstitute(csName, s_tRules);
     if (std::any_of(csUnit.begin(), csUnit.end(), bForbiddenInUnit) || bHasOptionWord(csUnit) ||
-        csToUTF8(csUnit).size() + s_csSuffix.size() > s_nMaxUnitName) {
+        bHasUnitType(csUnit) || csToUTF8(csUnit).size() + s_csSuffix.size() > s_nMaxUnitName) {
         return false;
     }
     *pcsUnit = std::move(csUnit);
     return true;
+}
+
+bool bWritableInUnit(const std::wstring& csUnit)
+{
+    return csUnit.find_first_of(L"\\%$'") == std::wstring::npos;
 }
 
 std::wstring csUnitFileName(const std::wstring& csUnit)
