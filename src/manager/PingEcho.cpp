@@ -168,7 +168,9 @@ void CPingEcho::_Run()
             }
         } catch (const std::exception&) { // want of memory: costs this answer
         }
-        m_clThread.SleepOrStop(s_dwPauseMs);
+        if (errno != EINTR) { // the end of a child is no reason to pause
+            m_clThread.SleepOrStop(s_dwPauseMs);
+        }
     }
 }
 

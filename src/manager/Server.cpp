@@ -1,7 +1,11 @@
 #include "manager/Server.h"
 
 #include "manager/Dialog.h"
+#include "support/accesdllres.h"
 
+#include <cerrno>
+#include <exception>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -13,10 +17,28 @@ constexpr int s_nBacklog = 128;
 /// processor.
 constexpr unsigned int s_dwPauseMs = 50;
 
+/// Whether an accept that failed would fail again at once: not when a signal (the end of a child) or a tool
+/// that has left already was all.
+bool bLasting(int nErrno)
+{
+    return nErrno != EINTR && nErrno != ECONNABORTED;
+}
+
+/// Conversations have descriptors from here on: the low numbers stay free for what is passed to children,
+/// whose tables end at the highest number that they are passed.
+constexpr int s_nFirstDescriptor = 256;
+
+/// The same socket under a high number; where there is none, as it is.
+CDescripteur clMoveUp(CDescripteur clSocket)
+{
+    CDescripteur clMoved(::fcntl(clSocket.nFd(), F_DUPFD_CLOEXEC, s_nFirstDescriptor));
+    return clMoved.bOpen() ? std::move(clMoved) : std::move(clSocket);
+}
+
 /// A thread that cannot be started costs its conversation; the tool sees its connection closed.
 void Converse(CDescripteur clSocket)
 {
-    auto* pclDialog = new CDialog(std::move(clSocket)); // owned by its two users from here on
+    auto* pclDialog = new CDialog(clMoveUp(std::move(clSocket))); // owned by its two users from here on
     try {
         pclDialog->xStart();
     } catch (...) {
@@ -36,7 +58,9 @@ void _ServerThreadRoutine(CZTThread* pclThread)
         const int nSocket =
             ::accept4(nListening, reinterpret_cast<sockaddr*>(&stPeer), &nLength, SOCK_CLOEXEC);
         if (nSocket < 0) {
-            pclThread->SleepOrStop(s_dwPauseMs);
+            if (bLasting(errno)) {
+                pclThread->SleepOrStop(s_dwPauseMs);
+            }
             continue;
         }
         try {
@@ -72,8 +96,8 @@ bool CServer::bInit(std::uint16_t wPort)
 void CServer::Start()
 {
     for (std::size_t n = 0; n < m_tThreads.size(); ++n) {
-        m_tThreads[n]->eStart(_ServerThreadRoutine, const_cast<STSocket*>(&m_clSockets.tGetSockets()[n]), 0,
-                              0);
+        m_tThreads[n]->xbStart(_ServerThreadRoutine, const_cast<STSocket*>(&m_clSockets.tGetSockets()[n]),
+                               &g_stMyModule, 1, 0, 0);
     }
 }
 

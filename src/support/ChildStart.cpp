@@ -17,14 +17,16 @@ namespace {
 /// build a second argument vector on it.
 constexpr std::size_t s_nChildStack = std::size_t{32} * 1024;
 
+constexpr int s_nNotExecuted = 127; ///< exit code, as shells have it
+
 /// What the child finds on its stack.
 struct stChildContext
 {
     const stChildStart& stStart;
     void (*pfnFirst)(void*);
     void* pContext;
-    int nDescriptorLimit; ///< for kernels without close_range
-    int* pnExecError;     ///< written by the child
+    bool bCloseRange; ///< whether the kernel has it; then the descriptor table is the daemon's at first
+    int* pnExecError; ///< written by the child
 };
 
 /// Blocks every signal for its lifetime: a child that still shares our memory must not run our handlers.
@@ -45,8 +47,10 @@ private:
     sigset_t m_stMask;
 };
 
-/// The kernel's form of a signal action; all zero is the default one. The child asks the kernel itself: the
-/// wrappers may keep books in memory that is still the daemon's (the sanitizers' do).
+// The child asks the kernel itself wherever a wrapper may keep books in memory that is still the daemon's, as
+// those of the sanitizers do.
+
+/// The kernel's form of a signal action; all zero is the default one.
 struct stKernelAction
 {
     void* pHandler;
@@ -54,6 +58,45 @@ struct stKernelAction
     void* pRestorer;
     unsigned long nMask;
 };
+
+[[noreturn]] __attribute__((no_sanitize("thread", "address", "undefined"))) void
+EndUnexecuted(const stChildContext& stContext) noexcept
+{
+    *stContext.pnExecError = errno;
+    for (;;) {
+        ::syscall(SYS_exit_group, s_nNotExecuted);
+    }
+}
+
+/// Makes nTo the descriptor that nFrom is.
+__attribute__((no_sanitize("thread", "address", "undefined"))) void Duplicate(int nFrom, int nTo) noexcept
+{
+    if (nFrom != nTo) {
+        ::syscall(SYS_dup3, nFrom, nTo, 0);
+    }
+}
+
+/// Without close_range: what the daemon opened itself closes at exec, what it was started with lies below the
+/// limit that it was started with.
+__attribute__((no_sanitize("thread", "address", "undefined"))) void CloseOneByOne() noexcept
+{
+    for (int nFd = nOriginalDescriptorLimit() - 1; nFd > STDERR_FILENO; --nFd) {
+        ::syscall(SYS_close, nFd);
+    }
+}
+
+/// Gives the child a table of descriptors of its own, which holds what it needs and little more: copying all
+/// of the daemon's would grow with its conversations. Without one it must not go on, for what it closes
+/// would be the daemon's.
+__attribute__((no_sanitize("thread", "address", "undefined"))) bool
+bLeaveDaemonsDescriptors(const stChildStart& stStart) noexcept
+{
+    int nLast = STDERR_FILENO;
+    for (const int nFd : {stStart.nInput, stStart.nOutput, stStart.nError}) {
+        nLast = nFd > nLast ? nFd : nLast;
+    }
+    return ::close_range(static_cast<unsigned int>(nLast) + 1, ~0U, CLOSE_RANGE_UNSHARE) == 0;
+}
 
 /// The child until exec, on a stack of its own in the daemon's memory: only async-signal-safe calls, no
 /// allocation, no lock, no return.
@@ -64,13 +107,14 @@ __attribute__((no_sanitize("thread", "address", "undefined"))) int nRunChild(voi
     if (stContext.pfnFirst != nullptr) {
         stContext.pfnFirst(stContext.pContext);
     }
-    ::dup2(stStart.nError, STDERR_FILENO);
-    ::dup2(stStart.nOutput, STDOUT_FILENO);
-    ::dup2(stStart.nInput, STDIN_FILENO);
-    if (::close_range(STDERR_FILENO + 1, ~0U, 0) != 0) {
-        for (int nFd = STDERR_FILENO + 1; nFd < stContext.nDescriptorLimit; ++nFd) {
-            ::close(nFd);
-        }
+    if (stContext.bCloseRange && !bLeaveDaemonsDescriptors(stStart)) {
+        EndUnexecuted(stContext);
+    }
+    Duplicate(stStart.nError, STDERR_FILENO);
+    Duplicate(stStart.nOutput, STDOUT_FILENO);
+    Duplicate(stStart.nInput, STDIN_FILENO);
+    if (!stContext.bCloseRange || ::close_range(STDERR_FILENO + 1, ~0U, 0) != 0) {
+        CloseOneByOne();
     }
     RestoreDescriptorLimit();
     constexpr stKernelAction stDefault{};
@@ -79,8 +123,7 @@ __attribute__((no_sanitize("thread", "address", "undefined"))) int nRunChild(voi
     }
     ::syscall(SYS_rt_sigprocmask, SIG_SETMASK, &stDefault.nMask, nullptr, sizeof stDefault.nMask);
     ::execvp(stStart.pszProgram, stStart.ppszArguments);
-    *stContext.pnExecError = errno;
-    ::_exit(127);
+    EndUnexecuted(stContext);
 }
 } // namespace
 
@@ -90,8 +133,10 @@ pid_t CChildStarter::nStart(const stChildStart& stStart, pid_t* pnPid, void (*pf
                             void* pContext) noexcept
 {
     m_nExecError = 0;
-    stChildContext stContext{stStart, pfnFirst, pContext, ::getdtablesize(), &m_nExecError};
+    const bool bCloseRange = ::close_range(~0U, ~0U, 0) == 0; // closes nothing: no descriptor has that number
+    const int nSharedTable = bCloseRange ? CLONE_FILES : 0;
+    stChildContext stContext{stStart, pfnFirst, pContext, bCloseRange, &m_nExecError};
     const CAllSignalsBlocked clBlocked;
     return __clone(nRunChild, m_pStack.get() + s_nChildStack,
-                   CLONE_VM | CLONE_VFORK | CLONE_PARENT_SETTID | SIGCHLD, &stContext, pnPid);
+                   CLONE_VM | CLONE_VFORK | CLONE_PARENT_SETTID | nSharedTable | SIGCHLD, &stContext, pnPid);
 }

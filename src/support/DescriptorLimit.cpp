@@ -1,6 +1,7 @@
 #include "support/DescriptorLimit.h"
 
 #include <sys/resource.h>
+#include <unistd.h>
 
 namespace {
 rlimit s_stOriginal{};
@@ -16,6 +17,11 @@ void RaiseDescriptorLimit()
     const rlimit stRaised{stNow.rlim_max, stNow.rlim_max};
     s_stOriginal = stNow;
     s_bRaised = ::setrlimit(RLIMIT_NOFILE, &stRaised) == 0;
+}
+
+__attribute__((no_sanitize("thread", "address", "undefined"))) int nOriginalDescriptorLimit() noexcept
+{
+    return s_bRaised ? static_cast<int>(s_stOriginal.rlim_cur) : ::getdtablesize();
 }
 
 __attribute__((no_sanitize("thread", "address", "undefined"))) void RestoreDescriptorLimit() noexcept
