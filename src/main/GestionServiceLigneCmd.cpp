@@ -66,9 +66,8 @@ void StopAllCmd()
     CServiceManager* pclManager = gpclSetupManager->pclGetServiceManager();
     pclManager->bInit(nullptr, 0);
     const CServiceGuard clGuard = gpclSetupManager->clLockServices();
-    unsigned long nCursor = 0;
-    while (const auto pclServer =
-               std::unique_ptr<CService>(pclManager->pclEnumService(&nCursor, g_szServerPrefix))) {
+    CServiceListing clListing(pclManager, g_szServerPrefix);
+    while (const auto pclServer = clListing.pclNext()) {
         StopIfActive(*pclServer);
     }
     if (const auto pclService = pclManagerService(pclManager)) {
@@ -81,10 +80,10 @@ void StopOneServer(const wchar_t* pszDirectory)
     CServiceManager* pclManager = gpclSetupManager->pclGetServiceManager();
     pclManager->bInit(nullptr, 0);
     const CServiceGuard clGuard = gpclSetupManager->clLockServices();
-    unsigned long nCursor = 0;
-    auto pclServer = std::unique_ptr<CService>(pclManager->pclEnumService(&nCursor, g_szServerPrefix));
+    CServiceListing clListing(pclManager, g_szServerPrefix);
+    auto pclServer = clListing.pclNext();
     while (pclServer != nullptr && !bLiesIn(*pclServer, pszDirectory)) {
-        pclServer.reset(pclManager->pclEnumService(&nCursor, g_szServerPrefix));
+        pclServer = clListing.pclNext();
     }
     if (pclServer == nullptr) {
         return;
@@ -94,5 +93,4 @@ void StopOneServer(const wchar_t* pszDirectory)
     if (pclService != nullptr && bLiesIn(*pclService, pszDirectory)) {
         StopIfActive(*pclService);
     }
-    pclManager->AbortEnumService(&nCursor);
 }

@@ -111,6 +111,9 @@ CTermHeld::CTermHeld()
 
 CTermHeld::~CTermHeld()
 {
+    if (hMainThread.load() == 0) { // no main loop: the process ends already, and shall do so in order
+        ::signal(SIGTERM, SIG_IGN);
+    }
     sigset_t stTerm;
     sigemptyset(&stTerm);
     sigaddset(&stTerm, SIGTERM);

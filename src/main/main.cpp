@@ -61,9 +61,12 @@ void Term()
     DLLRES_Term();
 }
 
-/// A conversation that is still inside a system tool uses what Term destroys: then the process just ends.
-void EndConversations(int nStatus)
+/// First the endpoints, of which a start that failed half-way may have left some running: no conversation may
+/// begin that nobody waits for. One that is still inside a system tool uses what Term destroys: then the
+/// process just ends.
+void EndServing(int nStatus)
 {
+    gpclSetupManager->__TermMainLoop();
     if (!CDialog::s_bEndAll(s_nLastRepliesMs)) {
         ::_exit(nStatus);
     }
@@ -76,12 +79,12 @@ int nDispatch(int nCount, char** ppszArguments)
     if (bModeService(nCount, ppszArguments, L"--SERVICE")) {
         bGetCmdLineValue(nCount, ppszArguments, L"--SERVICE", &csValue);
         const int nStatus = bServiceMain(csValue.c_str()) ? 0 : s_nFailure;
-        EndConversations(nStatus);
+        EndServing(nStatus);
         return nStatus;
     }
     if (bSetOnCmdLine(nCount, ppszArguments, L"--DEBUG")) {
         RunDebugMode();
-        EndConversations(0);
+        EndServing(0);
         return 0;
     }
     if (bSetOnCmdLine(nCount, ppszArguments, L"--UNINSTALL")) {

@@ -36,24 +36,6 @@ bool bSameName(const CService& clService, const stRegistration& stServer)
     return CServiceManager::csRegisteredName(g_szServerPrefix + stServer.csName) == clService.pszGetName();
 }
 
-/// One listing of the server services; ended with the object when it is left early.
-class CServerListing
-{
-public:
-    explicit CServerListing(CServiceManager* pclManager) : m_pclManager(pclManager) {}
-    CServerListing(const CServerListing&) = delete;
-    CServerListing& operator=(const CServerListing&) = delete;
-    ~CServerListing() { m_pclManager->AbortEnumService(&m_nCursor); }
-
-    std::unique_ptr<CService> pclNext()
-    {
-        return std::unique_ptr<CService>(m_pclManager->pclEnumService(&m_nCursor, g_szServerPrefix));
-    }
-
-private:
-    CServiceManager* m_pclManager;
-    unsigned long m_nCursor = 0;
-};
 } // namespace
 
 void CSetupManager::RegisterServer(const std::wstring& csName, const std::wstring& csBinaryPath,
@@ -77,7 +59,7 @@ void CSetupManager::RegisterServer(const std::wstring& csName, const std::wstrin
 bool CSetupManager::__bFindServer(const CServiceGuard&, const stRegistration& stServer,
                                   std::unique_ptr<CService>* ppclFound, CTString* pcsError)
 {
-    CServerListing clListing(&m_clServiceManager);
+    CServiceListing clListing(&m_clServiceManager, g_szServerPrefix);
     while (auto pclService = clListing.pclNext()) {
         switch (__eCompare(*pclService, stServer, pcsError)) {
         case EComparison::OTHER:
@@ -107,7 +89,7 @@ CSetupManager::EComparison CSetupManager::__eCompare(CService& clService, const 
     }
     const std::wstring csShort = csShortName(clService);
     if (bSameFile) { // registered under another name, which the server learns from its configuration
-        const std::wstring csFile = CDiskFile::csDirectory(csExecutable) + L"DXConf.ini";
+        const std::wstring csFile = s_csServersConfig(csExecutable);
         (void)WritePrivateProfileString(L"INIT", L"Name", csShort.c_str(), csFile.c_str());
         return EComparison::SAME;
     }

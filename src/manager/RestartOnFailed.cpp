@@ -50,9 +50,8 @@ void CRestartOnFailed::Run()
 
 void CRestartOnFailed::__Check()
 {
-    unsigned long nCursor = 0;
-    while (const auto pclService =
-               std::unique_ptr<CService>(m_pclManager->pclEnumService(&nCursor, L"DXCS-"))) {
+    CServiceListing clListing(m_pclManager, L"DXCS-");
+    while (const auto pclService = clListing.pclNext()) {
         if (pclService->eGetStatus() == STATUS_FAILED) {
             (void)pclService->bStart();
         }

@@ -20,8 +20,8 @@
 CSetupManager* gpclSetupManager = nullptr;
 
 namespace {
-constexpr std::size_t s_nPrefixLength = 5; ///< of "DXCS-"; dropped from every listed name
-constexpr std::size_t s_nPortText = 200;   ///< characters read of an access port
+constexpr std::size_t s_nPrefixLength = std::size(g_szServerPrefix) - 1; ///< dropped from every listed name
+constexpr std::size_t s_nPortText = 200; ///< characters read of an access port
 
 void ReplaceAll(std::wstring* pcsText, std::wstring_view csFrom, std::wstring_view csTo)
 {
@@ -44,6 +44,7 @@ CSetupManager::CSetupManager() : m_clRemote(&m_clServiceManager)
 
 CSetupManager::~CSetupManager()
 {
+    __TermMainLoop(); // a start that failed half-way has left some of them running
     if (m_clRuntime.bLoaded()) {
         CBaseExecutionDLL::s_TermineMoiMeme(m_clRuntime.hGetHandle());
         TermVM(0);
@@ -57,9 +58,11 @@ bool CSetupManager::bInitVM()
     const std::wstring csDirectory = CDiskFile::csDirectory(GetModuleFileNameW());
     if (m_clRuntime.bLoad(csDirectory + L"zt240vm64.so", &clError)) {
         void* hLibrary = m_clRuntime.hGetHandle();
-        if (::bInitVM(hLibrary, &clError) && bCheminDLL(nullptr) &&
-            CBaseExecutionDLL::s_bInitialiseMoiMeme(hLibrary, &clError)) {
-            return true;
+        if (::bInitVM(hLibrary, &clError)) {
+            (void)bCheminDLL(nullptr); // only the two others decide
+            if (CBaseExecutionDLL::s_bInitialiseMoiMeme(hLibrary, &clError)) {
+                return true;
+            }
         }
     }
     _LogError(clError);
@@ -166,9 +169,8 @@ void CSetupManager::_AddCPU_RAM_Info()
 void CSetupManager::AddServeurList(CTString* pcsReply)
 {
     const CServiceGuard clGuard = clLockServices();
-    unsigned long nCursor = 0;
-    while (const auto pclService =
-               std::unique_ptr<CService>(m_clServiceManager.pclEnumService(&nCursor, g_szServerPrefix))) {
+    CServiceListing clListing(&m_clServiceManager, g_szServerPrefix);
+    while (const auto pclService = clListing.pclNext()) {
         __AddServeurList(clGuard, *pclService, pcsReply);
     }
     if (const auto pclService =
@@ -177,9 +179,14 @@ void CSetupManager::AddServeurList(CTString* pcsReply)
     }
 }
 
+std::wstring CSetupManager::s_csServersConfig(const std::wstring& csExecutable)
+{
+    return CDiskFile::csDirectory(csExecutable) + L"DXConf.ini";
+}
+
 std::wstring CSetupManager::s_csAccessPort(CService& clService)
 {
-    const std::wstring csFile = CDiskFile::csDirectory(clService.csGetExecutable()) + L"DXConf.ini";
+    const std::wstring csFile = s_csServersConfig(clService.csGetExecutable());
     std::array<wchar_t, s_nPortText + 1> tPort{};
     GetPrivateProfileString(L"INIT", L"AccessPort", L"4900", tPort.data(), tPort.size(), csFile.c_str());
     return tPort.data();

@@ -52,6 +52,9 @@ public:
     bool bStart() override;
     /// Async-signal-safe.
     void Stop() override;
+    /// Ends the endpoints and the monitor and waits for their threads; conversations go on. Does nothing to
+    /// what does not run.
+    void __TermMainLoop();
     bool vbLogStartOK() override { return true; }
 
     /// The service manager, for the command-line modes and the dialogs.
@@ -65,6 +68,8 @@ public:
     const CTString& csGetHostInfo() const { return m_csHostInfo; }
     /// Appends a tab, the name, a tab and the access port for each server service. Takes the service lock.
     void AddServeurList(CTString* pcsReply);
+    /// The configuration file of the server with this executable.
+    static std::wstring s_csServersConfig(const std::wstring& csExecutable);
     /// Access port of a server as its own configuration has it; "4900" when that does not say.
     static std::wstring s_csAccessPort(CService& clService);
     /// Makes sure that a service exists for this server's executable and runs. On refusal or failure the text
@@ -74,7 +79,6 @@ public:
 
 private:
     void __StopMainLoop();
-    void __TermMainLoop();
     void _HInfoServeur();
     void _AddVIInfo();
     void _AddOSInfo();

@@ -34,7 +34,8 @@ public:
 /// prefix, installs new ones. Records returned belong to the caller.
 ///
 /// bInit comes first, on one thread; after that all operations may run in several threads at once, each
-/// enumeration with a cursor of its own. Absence and failure are both null, with errno set; nothing throws.
+/// enumeration with a cursor of its own. Absence and failure are both null; of a lookup and an installation
+/// errno tells why. Nothing throws but std::bad_alloc.
 class CServiceManager
 {
 public:
@@ -85,4 +86,28 @@ private:
     std::mutex m_clLock; ///< guards the two members below, never held while a tool runs
     std::map<unsigned long, std::shared_ptr<CServiceEnumeration>> m_tEnumerations;
     unsigned long m_nLastCursor = 0;
+};
+
+/// One listing of services, which ends with the object, also when it is left early or by an exception.
+class CServiceListing
+{
+public:
+    /// Both must outlive the object.
+    CServiceListing(CServiceManager* pclManager, const wchar_t* pszPrefix)
+        : m_pclManager(pclManager), m_pszPrefix(pszPrefix)
+    {}
+    CServiceListing(const CServiceListing&) = delete;
+    CServiceListing& operator=(const CServiceListing&) = delete;
+    ~CServiceListing() { m_pclManager->AbortEnumService(&m_nCursor); }
+
+    /// Next service whose name begins with the prefix, null at the end.
+    std::unique_ptr<CService> pclNext()
+    {
+        return std::unique_ptr<CService>(m_pclManager->pclEnumService(&m_nCursor, m_pszPrefix));
+    }
+
+private:
+    CServiceManager* m_pclManager;
+    const wchar_t* m_pszPrefix;
+    unsigned long m_nCursor = 0;
 };
