@@ -16,7 +16,7 @@
 namespace {
 constexpr int s_nMaxArguments = 50; ///< the program included
 /// Room for a child's output: what fits does not hold the child up while its reader pauses.
-constexpr int s_nOutputRoom = 1 << 20;
+constexpr std::size_t s_nOutputRoom = std::size_t{1} << 20;
 std::unique_ptr<CProcessManager> s_pclManager;
 
 struct stPipe
@@ -102,8 +102,8 @@ bool CLanceProcessus::bLanceProcessus(const wchar_t* pszProgram, const wchar_t* 
     if (!bOpenPipe(&stInput) || !bOpenPipe(&stOutput)) {
         return bFail(pclError, L"pipe", pszProgram);
     }
-    (void)::fcntl(stOutput.clWrite.nFd(), F_SETPIPE_SZ,
-                  s_nOutputRoom); // refused: the usual room does as well
+    // Refused: the usual room does as well.
+    (void)::fcntl(stOutput.clWrite.nFd(), F_SETPIPE_SZ, static_cast<int>(s_nOutputRoom));
     const stChildStart stStart{csProgram.c_str(), tArguments.data(), stInput.clRead.nFd(),
                                stOutput.clWrite.nFd(), stOutput.clWrite.nFd()};
     const pid_t nPid = CProcessManager::m_gpclManager->Fork(stStart);
@@ -125,14 +125,14 @@ bool CLanceProcessus::__bReadable(long nMs) const
     return clSet.nSelect(&stTimeout) > 0;
 }
 
-bool CLanceProcessus::__bReadSome(CXYString<char>* pcsOutput, bool* pbAny)
+bool CLanceProcessus::__bReadSome(CXYString<char>* pcsOutput, std::size_t* pnTotal)
 {
     std::array<char, 1024> tBuffer;
     const ssize_t nRead = ::read(m_clOutput.nFd(), tBuffer.data(), tBuffer.size());
     if (nRead <= 0) {
         return nRead < 0 && errno == EINTR;
     }
-    *pbAny = true;
+    *pnTotal += static_cast<std::size_t>(nRead);
     if (pcsOutput != nullptr) {
         pcsOutput->append(tBuffer.data(), static_cast<std::size_t>(nRead));
     }
@@ -153,15 +153,16 @@ bool CLanceProcessus::bLitSortieA(CXYString<char>* pcsOutput)
     if (!m_bLaunched) {
         return false;
     }
-    bool bAny = false;
+    std::size_t nTotal = 0;
     bool bOpen = true;
-    while (bOpen && __bReadable(0)) {
-        bOpen = __bReadSome(pcsOutput, &bAny);
+    // No more than the pipe holds: something that the child has left behind may go on printing for ever.
+    while (bOpen && nTotal < s_nOutputRoom && __bReadable(0)) {
+        bOpen = __bReadSome(pcsOutput, &nTotal);
     }
     if (!bOpen) {
         __WaitEndAfterOutput();
     }
-    if (!bAny && CProcessManager::m_gpclManager != nullptr) {
+    if (nTotal == 0 && CProcessManager::m_gpclManager != nullptr) {
         CProcessManager::m_gpclManager->Pause(m_nPid);
     }
     return true;
@@ -189,7 +190,7 @@ bool CLanceProcessus::bAttendFinExecution(unsigned int* pnExitCode, unsigned int
     const auto clEnd = std::chrono::steady_clock::now() + std::chrono::milliseconds(nMaxMs);
     int nCode = 0;
     bool bOpen = true;
-    bool bAny = false;
+    std::size_t nDiscarded = 0;
     for (int nMs = 1; !CProcessManager::m_gpclManager->bGetCode(m_nPid, &nCode);) {
         if (nMaxMs != 0 && std::chrono::steady_clock::now() >= clEnd) {
             Kill();
@@ -199,7 +200,7 @@ bool CLanceProcessus::bAttendFinExecution(unsigned int* pnExitCode, unsigned int
         if (!bOpen) {
             Nap(nMs);
         } else if (__bReadable(nMs)) {
-            bOpen = __bReadSome(nullptr, &bAny);
+            bOpen = __bReadSome(nullptr, &nDiscarded);
         }
         nMs = std::min(nMs + 1, 100);
     }

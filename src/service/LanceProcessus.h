@@ -51,8 +51,8 @@ public:
 
 private:
     bool __bReadable(long nMs) const;
-    /// One read; false at the end of the output.
-    bool __bReadSome(CXYString<char>* pcsOutput, bool* pbAny);
+    /// One read, whose bytes are added to *pnTotal; false at the end of the output.
+    bool __bReadSome(CXYString<char>* pcsOutput, std::size_t* pnTotal);
     void __WaitEndAfterOutput() const;
 
     pid_t m_nPid = 0;
