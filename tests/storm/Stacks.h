@@ -38,10 +38,22 @@ public:
             }
         }
     }
+    /// What all stacks hold in memory, in KiB, those included that the C library keeps for later threads (of
+    /// 40 MiB in addresses at most).
+    long nResidentKb() const
+    {
+        unsigned long nSum = 0;
+        for (const auto& [nEnd, nKb] : __tResidentKb()) {
+            nSum += nKb != s_nNoStack ? nKb : 0;
+        }
+        return static_cast<long>(nSum);
+    }
     /// Deepest so far in KiB, in whole pages, by kind of thread.
     const std::map<std::string, unsigned long>& tDepthKb() const { return m_tDepthKb; }
 
 private:
+    static constexpr unsigned long s_nNoStack = ~0UL;
+
     /// End of each mapping as large as a thread's stack -> KiB of it in memory.
     std::map<unsigned long, unsigned long> __tResidentKb() const
     {
@@ -60,7 +72,7 @@ private:
             } else if (csFirst == "Rss:" && bStack) {
                 t[nEnd] = std::stoul(csRights);
             } else if (csFirst == "Rss:") {
-                t[nEnd] = ~0UL; // no stack of a thread
+                t[nEnd] = s_nNoStack;
             }
         }
         return t;
