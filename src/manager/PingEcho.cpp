@@ -62,9 +62,9 @@ void AnswerFromAsked(msghdr* pst)
 }
 
 /// A failure costs the answer, nothing else.
-void Send(int nSocket, msghdr stTo, std::string csBytes)
+void Send(int nSocket, msghdr stTo, std::string_view csBytes)
 {
-    iovec stText{csBytes.data(), csBytes.size()};
+    iovec stText{const_cast<char*>(csBytes.data()), csBytes.size()}; // sending only reads it
     stTo.msg_iov = &stText;
     (void)::sendmsg(nSocket, &stTo, MSG_NOSIGNAL);
 }
@@ -153,7 +153,7 @@ void CPingEcho::_PingThreadRoutine(CZTThread* pclThread)
     pclThread->Started();
     try {
         static_cast<CPingEcho*>(pclThread->pGetParameter())->_Run();
-    } catch (const std::exception&) { // want of memory where even pausing fails
+    } catch (...) { // want of memory where even pausing fails
     }
     pclThread->Stopped();
 }
@@ -166,7 +166,7 @@ void CPingEcho::_Run()
                 __Serve(nSocket);
                 continue;
             }
-        } catch (const std::exception&) { // want of memory: costs this answer
+        } catch (...) { // want of memory, or the end: costs this answer
         }
         if (errno != EINTR) { // the end of a child is no reason to pause
             m_clThread.SleepOrStop(s_dwPauseMs);

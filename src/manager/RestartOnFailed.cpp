@@ -43,7 +43,7 @@ void CRestartOnFailed::Run()
         }
         try {
             __Check();
-        } catch (const std::exception&) { // want of memory: costs this pass
+        } catch (...) { // want of memory: costs this pass
         }
     }
 }

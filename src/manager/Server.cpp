@@ -4,7 +4,6 @@
 #include "support/accesdllres.h"
 
 #include <cerrno>
-#include <exception>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -65,7 +64,7 @@ void _ServerThreadRoutine(CZTThread* pclThread)
         }
         try {
             Converse(CDescripteur(nSocket));
-        } catch (const std::exception&) { // want of memory: costs this conversation
+        } catch (...) { // want of memory: costs this conversation
         }
     }
     pclThread->Stopped();

@@ -15,6 +15,7 @@
 
 #include <array>
 #include <cerrno>
+#include <stdexcept>
 #include <unistd.h>
 
 CSetupManager* gpclSetupManager = nullptr;
@@ -125,6 +126,7 @@ void CSetupManager::__StopMainLoop()
 
 void CSetupManager::__TermMainLoop()
 {
+    m_bEnding = true;
     m_clServer.Stop();
     m_clPingEcho.Stop();
     if (m_pclRestart != nullptr) {
@@ -169,13 +171,22 @@ void CSetupManager::_AddCPU_RAM_Info()
 void CSetupManager::AddServeurList(CTString* pcsReply)
 {
     const CServiceGuard clGuard = clLockServices();
+    __CheckNotEnding();
     CServiceListing clListing(&m_clServiceManager, g_szServerPrefix);
     while (const auto pclService = clListing.pclNext()) {
         __AddServeurList(clGuard, *pclService, pcsReply);
+        __CheckNotEnding();
     }
     if (const auto pclService =
             std::unique_ptr<CService>(m_clServiceManager.pclGetService(g_szDefaultServer))) {
         __AddServeurList(clGuard, *pclService, pcsReply);
+    }
+}
+
+void CSetupManager::__CheckNotEnding() const
+{
+    if (m_bEnding) {
+        throw std::runtime_error("the manager ends");
     }
 }
 

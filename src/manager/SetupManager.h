@@ -12,6 +12,7 @@
 #include "support/ZTSem.h"
 #include "vm/Proxy.h"
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -67,6 +68,8 @@ public:
     /// runs.
     const CTString& csGetHostInfo() const { return m_csHostInfo; }
     /// Appends a tab, the name, a tab and the access port for each server service. Takes the service lock.
+    /// Throws once the endpoints are to end: many callers may be waiting for each other's slow tools, and
+    /// half a list is no answer.
     void AddServeurList(CTString* pcsReply);
     /// The configuration file of the server with this executable.
     static std::wstring s_csServersConfig(const std::wstring& csExecutable);
@@ -83,6 +86,7 @@ private:
     void _AddVIInfo();
     void _AddOSInfo();
     void _AddCPU_RAM_Info();
+    void __CheckNotEnding() const;
     void __AddServeurList(const CServiceGuard& clGuard, CService& clService, CTString* pcsReply);
     void _LogError(const CXError& clError);
     /// Text from outside, logged as it is.
@@ -106,6 +110,7 @@ private:
     CServiceManager m_clServiceManager;
     CRemoteVelmoManager m_clRemote;
     std::mutex m_clServiceLock;
+    std::atomic<bool> m_bEnding{false}; ///< set by __TermMainLoop
     CServer m_clServer;
     CPingEcho m_clPingEcho;
     CPipeServerVelmoManager m_clPipeServer;

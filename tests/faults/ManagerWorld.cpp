@@ -1,6 +1,7 @@
 #include "ManagerWorld.h"
 
 #include "support/Descripteur.h"
+#include "tools/Command.h"
 #include "tools/PingClient.h"
 #include "tools/PipeClient.h"
 #include "tools/Wait.h"
@@ -11,7 +12,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <sys/wait.h>
 
 namespace fs = std::filesystem;
@@ -36,13 +36,6 @@ case "$*" in
 esac
 exit 0)";
 
-std::string csText(const std::string& csPath)
-{
-    std::ostringstream clText;
-    clText << std::ifstream(csPath).rdbuf();
-    return clText.str();
-}
-
 int nEntries(const std::string& csFolder)
 {
     std::error_code clIgnored;
@@ -57,11 +50,8 @@ std::string csWrong(const std::string& csWhat, const std::string& csSeen)
 
 std::string csOfConversation(CWireClient::Duration clLimit)
 {
-    const struct
-    {
-        const char* pszSent;
-        const char* pszReply; ///< its beginning
-    } tSteps[] = {
+    const std::pair<std::string, const char*> tSteps[] = {
+        // the reply's beginning
         {"MODE_UTF8", "OK\r\n"},
         {"INFO", "YES\t"},
         {"STATUS\tA", "STATUS\tRUNNING\r\n"},
@@ -78,11 +68,10 @@ std::string csOfConversation(CWireClient::Duration clLimit)
     if (const std::string cs = clTool.csLine(clLimit); !cs.starts_with("HELLO")) {
         return csWrong("greeting", cs);
     }
-    for (const auto& st : tSteps) {
-        const std::string cs = clTool.csAsk(st.pszSent, clLimit);
-        if (!cs.starts_with(st.pszReply) ||
-            (std::string(st.pszSent) == "INFO" && !cs.ends_with("\tA\t4900\r\n"))) {
-            csAll += csWrong(st.pszSent, cs);
+    for (const auto& [csSent, pszReply] : tSteps) {
+        const std::string cs = clTool.csAsk(csSent, clLimit);
+        if (!cs.starts_with(pszReply) || (csSent == "INFO" && !cs.ends_with("\tA\t4900\r\n"))) {
+            csAll += csWrong(csSent, cs);
         }
         if (cs.find('<') != std::string::npos) {
             return csAll; // closed or late: what follows would be out of step
@@ -155,8 +144,8 @@ CManagerWorld::CManagerWorld(const std::string& csPrograms, const std::string& c
         return;
     }
     fs::create_directories("/run/velmo/a");
-    for (const char* pszName :
-         {"VelmoManager", "zt240vm64.so", "zt240obj.so", "dxdemo", "libvelmofaults.so", "test_faults"}) {
+    for (const char* pszName : {"VelmoManager", "zt240vm64.so", "zt240obj.so", "dxdemo", "libvelmofaults.so",
+                                "libvelmooldkernel.so", "test_faults"}) {
         const fs::path clFrom = "/proc/self/fd/" + std::to_string(clFolder.nFd()) + "/" + pszName;
         if (fs::exists(clFrom)) {
             fs::copy_file(clFrom, std::string("/run/velmo/") + pszName, fs::copy_options::overwrite_existing);
@@ -181,11 +170,9 @@ void CManagerWorld::Reset()
 
 std::string CManagerWorld::csDamage()
 {
-    const std::string csServer = csText(s_szServerSettings);
-    std::string csAll;
-    if (csText(s_szOwnSettings) != s_szOwnText) {
-        csAll += csWrong("manager's settings", csText(s_szOwnSettings));
-    }
+    const std::string csServer = stRun(std::string("cat ") + s_szServerSettings).csOutput;
+    const std::string csOwn = stRun(std::string("cat ") + s_szOwnSettings).csOutput;
+    std::string csAll = csOwn == s_szOwnText ? "" : csWrong("manager's settings", csOwn);
     if (csServer != s_szServerText && csServer != s_szRegisteredText) {
         csAll += csWrong("server's settings", csServer);
     }
@@ -196,21 +183,17 @@ CManagerRun::CManagerRun(const std::vector<std::string>& tEnvironment,
                          const std::vector<std::string>& tWrapper)
     : m_nPid(::fork())
 {
-    if (m_nPid != 0) {
-        return;
+    if (m_nPid == 0) {
+        std::string csCommand = "exec env";
+        for (const auto& tWords : {tEnvironment, tWrapper}) {
+            for (const std::string& csWord : tWords) {
+                csCommand += " '" + csWord + "'";
+            }
+        }
+        csCommand += std::string(" ") + CManagerWorld::Manager + " --DEBUG";
+        ::execl("/bin/sh", "sh", "-c", csCommand.c_str(), nullptr);
+        ::_exit(126);
     }
-    for (const std::string& cs : tEnvironment) {
-        ::putenv(const_cast<char*>(cs.c_str()));
-    }
-    std::vector<char*> tArguments;
-    for (const std::string& cs : tWrapper) {
-        tArguments.push_back(const_cast<char*>(cs.c_str()));
-    }
-    tArguments.push_back(const_cast<char*>(CManagerWorld::Manager));
-    tArguments.push_back(const_cast<char*>("--DEBUG"));
-    tArguments.push_back(nullptr);
-    ::execvp(tArguments[0], tArguments.data());
-    ::_exit(126);
 }
 
 CManagerRun::~CManagerRun()

@@ -10,10 +10,8 @@
 #include <execinfo.h>
 #include <fcntl.h>
 #include <netdb.h>
-#include <poll.h>
 #include <pthread.h>
 #include <sched.h>
-#include <spawn.h>
 #include <stdarg.h>
 #include <stdatomic.h>
 #include <stdio.h>
@@ -85,14 +83,18 @@ static void find(void* function, const char* name)
     memcpy(function, &found, sizeof found);
 }
 
+/* The function that this one stands in front of. */
+#define NEXT(name)                                                                                           \
+    static __typeof__(&(name)) next;                                                                         \
+    if (next == NULL) {                                                                                      \
+        find(&next, #name);                                                                                  \
+    }
+
 /* An interposed function: fails with -1, or the value given. */
 #define FAIL(name, failed, result, parameters, arguments)                                                    \
     SEEN result name parameters                                                                              \
     {                                                                                                        \
-        static result(*next) parameters;                                                                     \
-        if (next == NULL) {                                                                                  \
-            find(&next, #name);                                                                              \
-        }                                                                                                    \
+        NEXT(name)                                                                                           \
         return turn(#name) ? (failed) : next arguments;                                                      \
     }
 
@@ -100,10 +102,7 @@ static void find(void* function, const char* name)
 #define TRANSFER(name, parameters, arguments, size)                                                          \
     SEEN ssize_t name parameters                                                                             \
     {                                                                                                        \
-        static ssize_t(*next) parameters;                                                                    \
-        if (next == NULL) {                                                                                  \
-            find(&next, #name);                                                                              \
-        }                                                                                                    \
+        NEXT(name)                                                                                           \
         if (turn(#name)) {                                                                                   \
             if (!s_short) {                                                                                  \
                 return -1;                                                                                   \
@@ -129,12 +128,8 @@ FAIL(setsockopt, -1, int, (int fd, int level, int name, const void* p, socklen_t
 FAIL(accept4, -1, int, (int fd, struct sockaddr* a, socklen_t* n, int flags), (fd, a, n, flags))
 FAIL(mkfifo, -1, int, (const char* path, mode_t mode), (path, mode))
 FAIL(access, -1, int, (const char* path, int mode), (path, mode))
-FAIL(rename, -1, int, (const char* from, const char* to), (from, to))
-FAIL(fsync, -1, int, (int fd), (fd))
-FAIL(ftruncate, -1, int, (int fd, off_t n), (fd, n))
 FAIL(stat, -1, int, (const char* path, struct stat* st), (path, st))
 FAIL(fstat, -1, int, (int fd, struct stat* st), (fd, st))
-FAIL(poll, -1, int, (struct pollfd * p, nfds_t n, int ms), (p, n, ms))
 FAIL(select, -1, int, (int n, fd_set* r, fd_set* w, fd_set* e, struct timeval* t), (n, r, w, e, t))
 FAIL(getaddrinfo, s_errno, int,
      (const char* node, const char* service, const struct addrinfo* hints, struct addrinfo** list),
@@ -160,41 +155,19 @@ SEEN int __clone(int (*routine)(void*), void* stack, int flags, void* argument, 
 SEEN int clone(int (*routine)(void*), void* stack, int flags, void* argument, ...)
     __attribute__((alias("__clone")));
 
-static mode_t mode_of(int flags, va_list rest)
-{
-    return (flags & O_CREAT) != 0 ? va_arg(rest, mode_t) : 0;
-}
-
 SEEN int open(const char* path, int flags, ...)
 {
-    static int (*next)(const char*, int, ...);
+    NEXT(open)
     va_list rest;
     va_start(rest, flags);
-    const mode_t mode = mode_of(flags, rest);
+    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(rest, mode_t) : 0;
     va_end(rest);
-    if (next == NULL) {
-        find(&next, "open");
-    }
     return turn("open") ? -1 : next(path, flags, mode);
-}
-
-SEEN int openat(int folder, const char* path, int flags, ...)
-{
-    static int (*next)(int, const char*, int, ...);
-    va_list rest;
-    va_start(rest, flags);
-    const mode_t mode = mode_of(flags, rest);
-    va_end(rest);
-    if (next == NULL) {
-        find(&next, "openat");
-    }
-    return turn("openat") ? -1 : next(folder, path, flags, mode);
 }
 
 /* The heap by its inner names: looking the outer ones up would allocate. */
 void* __libc_malloc(size_t n);
 void* __libc_calloc(size_t count, size_t n);
-void* __libc_realloc(void* p, size_t n);
 
 SEEN void* malloc(size_t n)
 {
@@ -203,8 +176,4 @@ SEEN void* malloc(size_t n)
 SEEN void* calloc(size_t count, size_t n)
 {
     return turn("calloc") ? NULL : __libc_calloc(count, n);
-}
-SEEN void* realloc(void* p, size_t n)
-{
-    return turn("realloc") ? NULL : __libc_realloc(p, n);
 }

@@ -6,14 +6,12 @@
 #include "ManagerWorld.h"
 #include "support/Descripteur.h"
 
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netdb.h>
 #include <set>
-#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -25,36 +23,26 @@ struct stFault
     int nErrno;          ///< 0: falls short
 };
 
-/// What the library in the manager tells.
-struct stReport
-{
-    unsigned int nCalls;
-    unsigned int nFired;
-};
-
+/// What the library in the manager tells: the calls so far, and the fault's turn once it has come.
 class CReportFile
 {
 public:
     CReportFile() : m_clFile(::open(Path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600))
     {
-        if (::ftruncate(m_clFile.nFd(), sizeof(stReport)) == 0) {
-            m_pShared = ::mmap(nullptr, sizeof(stReport), PROT_READ, MAP_SHARED, m_clFile.nFd(), 0);
-        }
+        (void)!::ftruncate(m_clFile.nFd(), 2 * sizeof(unsigned int));
     }
-    ~CReportFile() { ::munmap(m_pShared, sizeof(stReport)); }
-    CReportFile(const CReportFile&) = delete;
-    CReportFile& operator=(const CReportFile&) = delete;
-
-    stReport stNow() const
-    {
-        const auto* const pShared = static_cast<const std::atomic<unsigned int>*>(m_pShared);
-        return {pShared[0], pShared[1]};
-    }
+    unsigned int nCalls() const { return _nRead(0); }
+    unsigned int nFired() const { return _nRead(1); }
     static constexpr char Path[] = "/tmp/faults.report";
 
 private:
+    unsigned int _nRead(int nIndex) const
+    {
+        unsigned int n = 0;
+        (void)!::pread(m_clFile.nFd(), &n, sizeof n, nIndex * static_cast<off_t>(sizeof n));
+        return n;
+    }
     CDescripteur m_clFile;
-    void* m_pShared = MAP_FAILED;
 };
 
 /// One manager's life with one fault; empty when it was as it has to be. *pnCalls is set to the calls of the
@@ -70,14 +58,14 @@ std::string csLive(const stFault& st, unsigned int nTurn, unsigned int* pnCalls)
          std::string("VELMO_FAULT_REPORT=") + CReportFile::Path});
     std::string csAll;
     if (clManager.bAnswers()) {
-        const bool bAtStart = clReport.stNow().nFired != 0;
+        const bool bAtStart = clReport.nFired() != 0;
         const stFigures stBefore = clManager.stSettled({0, 0, 0, 0}, 20);
         (void)csPlay(false);
-        const stReport stSeen = clReport.stNow();
-        *pnCalls = stSeen.nCalls;
+        const bool bFired = clReport.nFired() != 0;
+        *pnCalls = clReport.nCalls();
         // A fault at the start may have left it without systemd or a port; after any other one all is as
         // before.
-        const bool bAllRight = !bAtStart && (stSeen.nFired != 0 || nTurn == 0);
+        const bool bAllRight = !bAtStart && (bFired || nTurn == 0);
         if (const std::string cs = csPlay(bAllRight); bAllRight) {
             csAll += cs;
         }
@@ -97,21 +85,18 @@ std::string csLive(const stFault& st, unsigned int nTurn, unsigned int* pnCalls)
     return csAll + CManagerWorld::csDamage();
 }
 
-unsigned int nTurnsOf(unsigned int nCalls)
-{
-    const char* pszTurns = std::getenv("VELMO_FAULT_TURNS");
-    const std::string cs = pszTurns != nullptr ? pszTurns : "8";
-    return cs == "all" ? nCalls : std::min(nCalls, static_cast<unsigned int>(std::stoul(cs)));
-}
-
 /// The turns to be swept: evenly spread over the calls, or the one that VELMO_FAULT_TURN tells.
 std::set<unsigned int> tTurns(unsigned int nCalls)
 {
     if (const char* pszOne = std::getenv("VELMO_FAULT_TURN"); pszOne != nullptr) {
         return {static_cast<unsigned int>(std::stoul(pszOne))};
     }
+    const char* pszTurns = std::getenv("VELMO_FAULT_TURNS");
+    const std::string csTurns = pszTurns != nullptr ? pszTurns : "8";
+    const unsigned int nTurns =
+        csTurns == "all" ? nCalls : std::min(nCalls, static_cast<unsigned int>(std::stoul(csTurns)));
     std::set<unsigned int> tSet;
-    for (unsigned int n = 0, nTurns = nTurnsOf(nCalls); n < nTurns; ++n) {
+    for (unsigned int n = 0; n < nTurns; ++n) {
         tSet.insert(1 + n * nCalls / nTurns);
     }
     return tSet;

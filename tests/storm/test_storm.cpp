@@ -290,7 +290,7 @@ TEST(Storm, LeavesEverythingWhereItWas)
     EXPECT_LE(stEnd.nDescriptors, stStart.nDescriptors);
     EXPECT_LE(stEnd.nThreads, stStart.nThreads);
     EXPECT_EQ(stEnd.nChildren, 0);
-    constexpr long nByChanceKb = 1024;
+    constexpr long nByChanceKb = 4096; // by how the blocks that outlive a burst lie in the heap
     EXPECT_TRUE(s_bSanitized || nEndKb <= nMiddleKb + nByChanceKb);
     EXPECT_EQ(g_stCounts.nNonsense, 0);
     EXPECT_GT(g_stCounts.nReplies, 20);
