@@ -97,7 +97,7 @@ void CConfig::__PatchPath(std::wstring* pcsPath) const
     if (pcsPath->starts_with(csProgramData.substr(0, csExe.size()))) {
         *pcsPath = __GetProgramData() + csBehindMacro(*pcsPath, csProgramData.size());
     }
-    *pcsPath = pcsPath->substr(0, s_nMaxPath);
+    pcsPath->resize(std::min(pcsPath->size(), s_nMaxPath));
 }
 
 template <class T>

@@ -155,7 +155,7 @@ unsigned int nAnswer(const STRead& stResult, const std::basic_string<TCar>& csFo
     if (pszDefault != nullptr) {
         return nCopyCut<TCar>(pszDefault, pszBuffer, nSize);
     }
-    return stResult.bOpened ? nCopyCut<TCar>({}, pszBuffer, nSize) : 0;
+    return stResult.bOpened ? nCopyCut<TCar>(std::basic_string_view<TCar>(), pszBuffer, nSize) : 0;
 }
 
 bool bWrite(const wchar_t* pszSection, const wchar_t* pszKey, const wchar_t* pszValue, const wchar_t* pszFile)

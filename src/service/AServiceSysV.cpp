@@ -9,6 +9,7 @@
 #include "support/Shell.h"
 
 #include <cerrno>
+#include <sys/wait.h>
 
 namespace {
 constexpr std::size_t s_nMaxScript = 1U << 20;
@@ -47,7 +48,7 @@ bool CService::__bScriptCommand(const wchar_t* pszVerb, const wchar_t* pszArgume
     }
     const int nStatus = nShell(csToUTF8(csPath + L" " + pszVerb + (csArguments.empty() ? L"" : L" ") +
                                         csArguments + L" " + pszRedirection));
-    const int nExitCode = (nStatus >> 8) & 0xFF;
+    const int nExitCode = nStatus == -1 ? -1 : WEXITSTATUS(nStatus);
     if (nStatus != -1 && nExitCode != 0) {
         errno = nErrnoOfShell(nExitCode);
     }

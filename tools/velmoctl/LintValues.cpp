@@ -132,10 +132,10 @@ std::string csFamiliesFault(const std::wstring& csValue)
     constexpr std::wstring_view tWords[] = {L"IPV4_ONLY", L"IPV6_ONLY", L"IPV4_IPV6", L"IPV6_IPV4"};
     for (std::size_t nStart = 0; nStart <= csValue.size();) {
         const std::size_t nEnd = std::min(csValue.find(L',', nStart), csValue.size());
-        const std::wstring csWord = csValue.substr(nStart, nEnd - nStart);
+        const std::wstring_view csWord = std::wstring_view(csValue).substr(nStart, nEnd - nStart);
         if (std::none_of(std::begin(tWords), std::end(tWords),
                          [&](std::wstring_view cs) { return bSameName(cs, csWord); })) {
-            return "\"" + csToUTF8(csWord) +
+            return "\"" + csToUTF8(std::wstring(csWord)) +
                    "\" is none of the words IPV4_ONLY, IPV6_ONLY, IPV4_IPV6, IPV6_IPV4";
         }
         nStart = nEnd + 1;
