@@ -107,6 +107,8 @@ set(CPACK_RPM_FILE_NAME RPM-DEFAULT)
 set(CPACK_RPM_PACKAGE_RELEASE 1)
 set(CPACK_RPM_PACKAGE_LICENSE "See copyright")
 set(CPACK_RPM_PACKAGE_GROUP "Applications/Databases")
+set(CPACK_RPM_PACKAGE_DESCRIPTION "${CPACK_PACKAGE_DESCRIPTION}")
+set(CPACK_PACKAGE_RELOCATABLE OFF) # its scripts and links name the folder
 set(CPACK_RPM_POST_INSTALL_SCRIPT_FILE ${made}/rpm/post)
 set(CPACK_RPM_PRE_UNINSTALL_SCRIPT_FILE ${made}/rpm/preun)
 set(CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION /opt /usr/sbin /usr/lib/tmpfiles.d /usr/share/man /usr/share/man/man1

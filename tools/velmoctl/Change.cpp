@@ -38,10 +38,16 @@ bool bFilesDeleted(CConversation* pclManager, const std::string& csName, bool bD
     return false;
 }
 
-EExit eRemove(const STCall& stCall, CConversation* pclManager, const std::string& csName)
+struct STOutcome
+{
+    EExit eExit;
+    const char* pszJson;
+    const char* pszWords;
+};
+
+STOutcome stRemove(CConversation* pclManager, const std::string& csName, bool bDeleteFiles)
 {
     const CProgress clProgress("uninstalling...");
-    const bool bDeleteFiles = stCall.stOptions.bDeleteFiles;
     if (bFilesDeleted(pclManager, csName, bDeleteFiles)) {
         try {
             (void)bFilesDeleted(pclManager, csName, false);
@@ -50,16 +56,13 @@ EExit eRemove(const STCall& stCall, CConversation* pclManager, const std::string
                                                   "\" are deleted, its service is still registered: " +
                                                   clFailure.what() + "; try again without --delete-files");
         }
-        Tell(stCall, csName, "files deleted", "is uninstalled, its files are deleted");
-        return EExit::Done;
+        return {EExit::Done, "files deleted", "is uninstalled, its files are deleted"};
     }
     if (!bDeleteFiles) {
-        Tell(stCall, csName, "files kept", "is uninstalled, its files are kept");
-        return EExit::Done;
+        return {EExit::Done, "files kept", "is uninstalled, its files are kept"};
     }
     // The manager removes the service at once only when there was nothing that it could delete whole.
-    Tell(stCall, csName, "files left", "is uninstalled, but its files could not all be deleted");
-    return EExit::Refused;
+    return {EExit::Refused, "files left", "is uninstalled, but its files could not all be deleted"};
 }
 
 /// A server whose state cannot be read can be uninstalled all the same.
@@ -111,5 +114,7 @@ EExit eUninstall(const STCall& stCall)
         !bConfirm("\"" + csShown(csName) + "\" is " + csState + ". Uninstall: " + csPlan(stCall) + "?")) {
         throw CFailure(EExit::Declined, "nothing was changed");
     }
-    return eRemove(stCall, &clManager, csName);
+    const STOutcome stOutcome = stRemove(&clManager, csName, stCall.stOptions.bDeleteFiles);
+    Tell(stCall, csName, stOutcome.pszJson, stOutcome.pszWords);
+    return stOutcome.eExit;
 }

@@ -39,6 +39,23 @@ struct STAddress
     }
 };
 
+/// The broadcast address of an IPv4 interface in network order; 0 when it has none. One that nobody has set
+/// (as after a plain "ip address add") is the last address of the network, which the kernel treats as
+/// broadcast all the same; the C library tells the interface's own address then.
+in_addr_t nBroadcast(const ifaddrs& st)
+{
+    const auto nAddress = [](const sockaddr* pst) {
+        return pst == nullptr ? 0 : reinterpret_cast<const sockaddr_in*>(pst)->sin_addr.s_addr;
+    };
+    constexpr in_addr_t nSmallestHosts = 3; // two addresses or one leave none for broadcasts
+    const in_addr_t nOwn = nAddress(st.ifa_addr);
+    if (const in_addr_t nSet = nAddress(st.ifa_broadaddr); nSet != 0 && nSet != nOwn) {
+        return nSet;
+    }
+    const in_addr_t nHosts = ~nAddress(st.ifa_netmask);
+    return ntohl(nHosts) < nSmallestHosts ? 0 : nOwn | nHosts;
+}
+
 /// This machine's interfaces, read once.
 class CInterfaces
 {
@@ -60,10 +77,12 @@ public:
         for (const ifaddrs* pst = m_pst; pst != nullptr; pst = pst->ifa_next) {
             if (pst->ifa_addr != nullptr && pst->ifa_addr->sa_family == AF_INET &&
                 (pst->ifa_flags & IFF_UP) != 0 && (pst->ifa_flags & IFF_BROADCAST) != 0 &&
-                pst->ifa_broadaddr != nullptr) {
-                STAddress st(pst->ifa_broadaddr, sizeof(sockaddr_in));
-                reinterpret_cast<sockaddr_in*>(&st.st)->sin_port = htons(wPort);
-                tAddresses.push_back(st);
+                nBroadcast(*pst) != 0) {
+                sockaddr_in st{};
+                st.sin_family = AF_INET;
+                st.sin_port = htons(wPort);
+                st.sin_addr.s_addr = nBroadcast(*pst);
+                tAddresses.emplace_back(reinterpret_cast<const sockaddr*>(&st), sizeof st);
             }
         }
         return tAddresses;

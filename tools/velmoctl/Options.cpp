@@ -7,6 +7,7 @@
 #include <charconv>
 #include <cmath>
 #include <iterator>
+#include <sstream>
 
 namespace {
 struct STOption
@@ -25,9 +26,9 @@ T nNumber(const std::string& csValue, T nMin, T nMax)
     const char* const pszEnd = csValue.data() + csValue.size();
     const auto stResult = std::from_chars(csValue.data(), pszEnd, nNumber);
     if (stResult.ec != std::errc{} || stResult.ptr != pszEnd || !(nNumber >= nMin && nNumber <= nMax)) {
-        throw CFailure(EExit::Usage, "\"" + csValue + "\" is not a number from " +
-                                         std::to_string(static_cast<long>(std::ceil(nMin))) + " to " +
-                                         std::to_string(static_cast<long>(nMax)));
+        std::ostringstream clWords;
+        clWords << '"' << csArgument(csValue) << "\" is not a number from " << nMin << " to " << nMax;
+        throw CFailure(EExit::Usage, clWords.str());
     }
     return nNumber;
 }
