@@ -3,13 +3,14 @@
 #include "config/WinApi.h"
 #include "ProfileModel.h"
 
+#include <array>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
 #include <string>
-#include <vector>
+#include <string_view>
 
 /// Any bytes, read as a profile file and a series of operations on it, which the store and the model carry
 /// out side by side. The ordinary test feeds it seeded noise, the fuzzer whatever leads into new code.
@@ -41,45 +42,22 @@ private:
 
     std::string csContent(bool bUnicode)
     {
-        static const std::vector<std::string> s_tPieces = {"\n",
-                                                           "\n",
-                                                           "\r\n",
-                                                           "[INIT]",
-                                                           "[init]x",
-                                                           "[",
-                                                           "]",
-                                                           "[Other]\n",
-                                                           "[Other]\r\n",
-                                                           " ",
-                                                           "\t",
-                                                           "=",
-                                                           " = ",
-                                                           "Name",
-                                                           "NAME",
-                                                           "Name=",
-                                                           "N",
-                                                           ":",
-                                                           ":Name=c\n",
-                                                           "x",
-                                                           "42",
-                                                           "-7 z",
-                                                           "\r",
-                                                           "\v",
-                                                           "[INIT]\n",
-                                                           "\xE9",
-                                                           "\x80",
-                                                           ";",
-                                                           "\"",
-                                                           "Name = v",
-                                                           " Name=i\n",
-                                                           "é = ",
-                                                           "0x1F",
-                                                           "Name\n",
-                                                           "[INIT]\r\n",
-                                                           std::string(70, 'w'),
-                                                           std::string(1, '\0'),
-                                                           "Name \r= ",
-                                                           "99999999999999999999"};
+        using namespace std::string_view_literals;
+        static constexpr auto s_tPieces =
+            std::to_array<std::string_view>({"\n",        "\n",         "\r\n",
+                                             "[INIT]",    "[init]x",    "[",
+                                             "]",         "[Other]\n",  "[Other]\r\n",
+                                             " ",         "\t",         "=",
+                                             " = ",       "Name",       "NAME",
+                                             "Name=",     "N",          ":",
+                                             ":Name=c\n", "x",          "42",
+                                             "-7 z",      "\r",         "\v",
+                                             "[INIT]\n",  "\xE9",       "\x80",
+                                             ";",         "\"",         "Name = v",
+                                             " Name=i\n", "é = ",       "0x1F",
+                                             "Name\n",    "[INIT]\r\n", "wwwwwwwwwwwwwwwwwwwwwwww",
+                                             "\0"sv,      "Name \r= ",  "99999999999999999999",
+                                             "\xFF",      "\xFE\xFF"});
         std::string csBytes = bUnicode ? "\xFF\xFE" : "";
         for (unsigned int n = nNext() % 40; n > 0; --n) {
             const unsigned int nPiece = nNext();

@@ -3,6 +3,7 @@
 #include "support/Conversion.h"
 #include "support/WinApi.h"
 #include "support/XError.h"
+#include "tools/Elsewhere.h"
 #include "tools/PrivateWorld.h"
 #include "tools/TempDir.h"
 
@@ -10,9 +11,6 @@
 #include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
-#include <sys/mount.h>
-#include <sys/stat.h>
 
 namespace {
 using namespace std::string_literals;
@@ -34,6 +32,17 @@ protected:
         (m_clConfig.*pfnGetter)(csBuffer.data());
         return csBuffer.c_str();
     }
+    /// What a setter throws.
+    static CXError clThrown(const std::function<void()>& fnSet)
+    {
+        try {
+            fnSet();
+        } catch (const CXError& clError) {
+            return clError;
+        }
+        ADD_FAILURE() << "nothing thrown";
+        return {};
+    }
     /// Text with "<D>" for the directory, without an ending slash.
     std::wstring csHere(const std::wstring& csText) const
     {
@@ -44,84 +53,71 @@ protected:
 };
 } // namespace
 
-TEST_F(Config, NumbersFollowTheFile)
+TEST_F(Config, NumbersFollowTheFileAndAreOfTheirType)
 {
-    const std::string csInit = "INIT";
+    using CExpected = std::array<long, 3>; // for "2", "-1" and "4294967295"
+    constexpr CExpected tSigned{2, -1, -1};
+    constexpr CExpected tUnsigned{2, 4294967295, 4294967295};
+    constexpr CExpected tMegabytes{2 << 20, 4293918720, 4293918720}; // wraps at 32 bits
+    constexpr CExpected tYes{1, 1, 1};
     const struct
     {
-        std::string csSection, csKey;
+        const char *pszSection, *pszKey;
         std::function<long(const CConfig&)> fnGet;
-        long nDefault, n2, nNegative, nHuge; // for no key, "2", "-1" and "4294967295"
+        long nDefault;
+        CExpected tExpected;
     } tCases[] = {
-        {csInit, "LogConnexion", &CConfig::bLogConnexion, 0, 2, -1, -1},
-        {csInit, "MoreThan2Go", &CConfig::bMoreThan2Go, 0, 2, -1, -1},
-        {csInit, "AccessPort", &CConfig::nGetPort, 4900, 2, -1, -1},
-        {csInit, "ZLDebugPort", &CConfig::nGetDebuggerPort, 27281, 2, -1, -1},
-        {csInit, "PreVersion", &CConfig::nGetPreVersion, 0, 2, -1, -1},
-        {csInit, "NdxCacheSize", &CConfig::dwGetCacheSizeMo, 100, 2, 4294967295, 4294967295},
-        {csInit, "CacheMaxUnusedFiles", &CConfig::nGetCacheMaximumUnusedTables, 128, 2, 4294967295,
-         4294967295},
-        {csInit, "CacheFilesPrefetch", &CConfig::bGetCacheTablesPrefetch, 1, 1, 1, 1},
-        {csInit, "ReplicAllowIdAuto4", &CConfig::bAllowReplicIdAuto4, 0, 1, 1, 1},
-        {csInit, "WindowsFileCacheSize", &CConfig::nGetWindowsFileCacheSize, -1, 2, -1, -1},
-        {csInit, "WithCoreDump", &CConfig::bWithCoreDump, 0, 2, -1, -1},
-        {csInit, "ActivityStatisticPeriod", &CConfig::wGetStatPeriod, 0, 2, 65535, 65535},
-        {csInit, "ActivityStatisticMaxFileSize", &CConfig::qwGetStatMaxFileSize, 524288000, 2097152,
-         4293918720, 4293918720},
-        {csInit, "DumpLevel", &CConfig::dwGetCrashDumpLevel, 0, 2, 4294967295, 4294967295},
-        {csInit, "KeySearch", &CConfig::bQuerySuggestKey, 1, 1, 1, 1},
-        {"MANAGER", "RestartOnFailed", &CConfig::bRestartOnFailed, 1, 2, -1, -1},
-        {"MANAGER", "CheckPeriod", &CConfig::dwCheckPeriod, 600, 2, 4294967295, 4294967295},
-        {"ClusterNode", "Cluster", &CConfig::bClusterNode, 0, 0, 0, 0},
-        {"ClusterNode", "NodeRunning", &CConfig::bGetClusterLastRunCrashed, 0, 1, 1, 1},
-        {"ClusterNode", "LastRun", &CConfig::dwGetClusterLastRunNumber, 0, 2, 4294967295, 4294967295},
-        {"AUTOANALYSE", "ENABLE", &CConfig::bGetAutoAnalyseEnable, 1, 1, 1, 1},
-        {"AUTOANALYSE", "WAIT", &CConfig::dwGetAutoAnalyseWait, 10, 2, 4294967295, 4294967295},
-        {"AUTOANALYSE", "TIME_BETWEEN_SCAN", &CConfig::dwGetAutoAnalyseTimeBetweenScan, 600000, 2, 4294967295,
-         4294967295},
-        {"AUTOANALYSE", "TIME_BETWEEN_CALC", &CConfig::dwGetAutoAnalyseTimeBetweenStat, 604800, 2, 4294967295,
-         4294967295},
-        {"AUTOANALYSE", "TIME_AFTER_CREATION", &CConfig::dwGetAutoAnalyseTimeAfterCreation, 86400, 2,
-         4294967295, 4294967295},
-        {"AUTOANALYSE", "MINIMUM_WRITE", &CConfig::dwGetAutoAnalyseMinWrite, 1000, 2, 4294967295, 4294967295},
-        {"AUTOANALYSE", "PERCENT_WRITE", &CConfig::dwGetAutoAnalysePercentWrite, 10, 2, 4294967295,
-         4294967295},
+        {"INIT", "LogConnexion", &CConfig::bLogConnexion, 0, tSigned},
+        {"INIT", "MoreThan2Go", &CConfig::bMoreThan2Go, 0, tSigned},
+        {"INIT", "AccessPort", &CConfig::nGetPort, 4900, tSigned},
+        {"INIT", "ZLDebugPort", &CConfig::nGetDebuggerPort, 27281, tSigned},
+        {"INIT", "PreVersion", &CConfig::nGetPreVersion, 0, tSigned},
+        {"INIT", "NdxCacheSize", &CConfig::dwGetCacheSizeMo, 100, tUnsigned},
+        {"INIT", "CacheMaxUnusedFiles", &CConfig::nGetCacheMaximumUnusedTables, 128, tUnsigned},
+        {"INIT", "CacheFilesPrefetch", &CConfig::bGetCacheTablesPrefetch, 1, tYes},
+        {"INIT", "ReplicAllowIdAuto4", &CConfig::bAllowReplicIdAuto4, 0, tYes},
+        {"INIT", "WindowsFileCacheSize", &CConfig::nGetWindowsFileCacheSize, -1, tSigned},
+        {"INIT", "WithCoreDump", &CConfig::bWithCoreDump, 0, tSigned},
+        {"INIT", "ActivityStatisticPeriod", &CConfig::wGetStatPeriod, 0, {2, 65535, 65535}},
+        {"INIT", "ActivityStatisticMaxFileSize", &CConfig::qwGetStatMaxFileSize, 500 << 20, tMegabytes},
+        {"INIT", "DumpLevel", &CConfig::dwGetCrashDumpLevel, 0, tUnsigned},
+        {"INIT", "KeySearch", &CConfig::bQuerySuggestKey, 1, tYes},
+        {"MANAGER", "RestartOnFailed", &CConfig::bRestartOnFailed, 1, tSigned},
+        {"MANAGER", "CheckPeriod", &CConfig::dwCheckPeriod, 600, tUnsigned},
+        {"ClusterNode", "Cluster", &CConfig::bClusterNode, 0, {0, 0, 0}},
+        {"ClusterNode", "NodeRunning", &CConfig::bGetClusterLastRunCrashed, 0, tYes},
+        {"ClusterNode", "LastRun", &CConfig::dwGetClusterLastRunNumber, 0, tUnsigned},
+        {"AUTOANALYSE", "ENABLE", &CConfig::bGetAutoAnalyseEnable, 1, tYes},
+        {"AUTOANALYSE", "WAIT", &CConfig::dwGetAutoAnalyseWait, 10, tUnsigned},
+        {"AUTOANALYSE", "TIME_BETWEEN_SCAN", &CConfig::dwGetAutoAnalyseTimeBetweenScan, 600000, tUnsigned},
+        {"AUTOANALYSE", "TIME_BETWEEN_CALC", &CConfig::dwGetAutoAnalyseTimeBetweenStat, 604800, tUnsigned},
+        {"AUTOANALYSE", "TIME_AFTER_CREATION", &CConfig::dwGetAutoAnalyseTimeAfterCreation, 86400, tUnsigned},
+        {"AUTOANALYSE", "MINIMUM_WRITE", &CConfig::dwGetAutoAnalyseMinWrite, 1000, tUnsigned},
+        {"AUTOANALYSE", "PERCENT_WRITE", &CConfig::dwGetAutoAnalysePercentWrite, 10, tUnsigned},
     };
     for (const auto& st : tCases) {
-        SCOPED_TRACE(st.csKey);
-        const std::string csLine = "[Other]\n" + st.csKey + "=9\n[" + st.csSection + "]\n" + st.csKey + " = ";
+        SCOPED_TRACE(st.pszKey);
         RemoveFile();
         EXPECT_EQ(st.fnGet(m_clConfig), st.nDefault);
-        for (const auto& [pszValue, nExpected] : {std::pair{"2", st.n2},
-                                                  {"-1", st.nNegative},
-                                                  {"4294967295", st.nHuge},
-                                                  {"", 0L},
-                                                  {"0x10", 0L}}) {
-            SetFile(csLine + pszValue + "\n");
-            EXPECT_EQ(st.fnGet(m_clConfig), nExpected) << pszValue;
-        }
+        const auto nGet = [&](const char* pszValue) {
+            SetFile("[Other]\n"s + st.pszKey + "=9\n[" + st.pszSection + "]\n" + st.pszKey + " = " +
+                    pszValue + "\n");
+            return st.fnGet(m_clConfig);
+        };
+        EXPECT_EQ((CExpected{nGet("2"), nGet("-1"), nGet("4294967295")}), st.tExpected);
+        EXPECT_EQ(nGet(""), 0);
+        EXPECT_EQ(nGet("0x10"), 0);
     }
-}
-
-TEST_F(Config, NumbersThatOnlyOneValueShows)
-{
     SetFile("[INIT]\nActivityStatisticMaxFileSize=4096\nActivityStatisticPeriod=65536\n[ClusterNode]"
             "\nCluster=1\n");
     EXPECT_EQ(m_clConfig.qwGetStatMaxFileSize(), 0u);
     EXPECT_EQ(m_clConfig.wGetStatPeriod(), 65535);
     EXPECT_TRUE(m_clConfig.bClusterNode());
-    SetFile("[INIT]\nActivityStatisticMaxFileSize=4097\n");
-    EXPECT_EQ(m_clConfig.qwGetStatMaxFileSize(), 1u << 20);
 }
 
 TEST_F(Config, TextsFollowTheFileAndTheirMacros)
 {
-    const struct
-    {
-        const char* pszLine; // in section INIT
-        PFNText pfnGetter;
-        const wchar_t* pszExpected;
-    } tCases[] = {
+    const std::tuple<const char*, PFNText, const wchar_t*> tCases[] = {
         {"", &CConfig::GetLogFileName, L"<D>/EventLog.txt"},
         {"ErrorLogFile=%%EXE%%//a\\b", &CConfig::GetLogFileName, L"<D>/a\\b"},
         {"", &CConfig::GetRootDBPath, L"<D>/DB/"},
@@ -152,25 +148,17 @@ TEST_F(Config, TextsFollowTheFileAndTheirMacros)
         {"", &CConfig::GetClusterManagerName, L""},
         {"[ClusterNode]\nNodePassword= s ;\n", &CConfig::GetClusterPassword, L"s ;"},
     };
-    for (const auto& st : tCases) {
-        SCOPED_TRACE(st.pszLine);
-        SetFile("[INIT]\n"s + st.pszLine + "\n");
-        EXPECT_EQ(csText(st.pfnGetter), csHere(st.pszExpected));
-        if (*st.pszLine == '\0') {
-            RemoveFile();
-            EXPECT_EQ(csText(st.pfnGetter), csHere(st.pszExpected)) << "without a file";
-        }
+    for (const auto& [pszLine, pfnGetter, pszExpected] : tCases) {
+        SCOPED_TRACE(pszLine);
+        SetFile("[INIT]\n"s + pszLine + "\n");
+        EXPECT_EQ(csText(pfnGetter), csHere(pszExpected));
     }
 }
 
 TEST_F(Config, TextsAreCutToTheirBuffers)
 {
-    const struct
-    {
-        const char* pszKey;
-        PFNText pfnGetter;
-        std::size_t nLength; // of a value of 2000 characters
-    } tCases[] = {
+    const std::tuple<const char*, PFNText, std::size_t> tCases[] = {
+        // length of a value of 2000 characters
         {"Name", &CConfig::GetServerName, 259},
         {"DBRootPath", &CConfig::GetRootDBPathConfig, 259},
         {"DBRootPath", &CConfig::GetRootDBPath, 260}, // with its slash
@@ -178,10 +166,10 @@ TEST_F(Config, TextsAreCutToTheirBuffers)
         {"ClusterManager", &CConfig::GetClusterManagerName, 1024},
         {"NodePassword", &CConfig::GetClusterPassword, 259},
     };
-    for (const auto& st : tCases) {
-        const std::string csLine = st.pszKey + "="s + std::string(2000, 'v') + "\n";
+    for (const auto& [pszKey, pfnGetter, nLength] : tCases) {
+        const std::string csLine = pszKey + "="s + std::string(2000, 'v') + "\n";
         SetFile("[INIT]\n" + csLine + "[ClusterNode]\n" + csLine);
-        EXPECT_EQ(csText(st.pfnGetter).size(), st.nLength) << st.pszKey;
+        EXPECT_EQ(csText(pfnGetter).size(), nLength) << pszKey;
     }
     SetFile("[INIT]\nDBRootPath=%%EXE%%" + std::string(2000, 'v') + "\n");
     EXPECT_EQ(csText(&CConfig::GetRootDBPath).size(), 260u);
@@ -197,12 +185,7 @@ TEST_F(Config, KeywordsAreRecognised)
         std::wstring csUser(300, L'#');
         return cl.bGetUserDaemon(csUser.data()) ? static_cast<int>(csUser.find(L'\0')) : -1;
     };
-    const struct
-    {
-        const char* pszLine;
-        int (*pfnGetter)(const CConfig&);
-        int nExpected;
-    } tCases[] = {
+    const std::tuple<const char*, int (*)(const CConfig&), int> tCases[] = {
         {"", nMode, 1},
         {"ErrorLogMode=FILE", nMode, 2},
         {"ErrorLogMode=file", nMode, 0},
@@ -224,14 +207,10 @@ TEST_F(Config, KeywordsAreRecognised)
         {"DaemonUser=", nUser, -1},
         {"DaemonUser=dbuser", nUser, 6},
     };
-    for (const auto& st : tCases) {
-        SCOPED_TRACE(st.pszLine);
-        SetFile("[INIT]\n"s + st.pszLine + "\n");
-        EXPECT_EQ(st.pfnGetter(m_clConfig), st.nExpected);
-        if (*st.pszLine == '\0') {
-            RemoveFile();
-            EXPECT_EQ(st.pfnGetter(m_clConfig), st.nExpected) << "without a file";
-        }
+    for (const auto& [pszLine, pfnGetter, nExpected] : tCases) {
+        SCOPED_TRACE(pszLine);
+        SetFile("[INIT]\n"s + pszLine + "\n");
+        EXPECT_EQ(pfnGetter(m_clConfig), nExpected);
     }
 }
 
@@ -247,108 +226,62 @@ TEST_F(Config, ANamelessServerKeepsTheNameItIsGiven)
 
 TEST_F(Config, SettersChangeTheirLineOnly)
 {
-    using CSet = std::function<void(CConfig&)>;
-    const std::wstring csDB = m_clDirectory.csWidePath("a/b");
     const struct
     {
-        const char *pszSection, *pszLine; // the line that results
-        CSet fnSet;
+        const char *pszSection, *pszBefore, *pszAfter; // the line of the key
+        std::function<void(CConfig&)> fnSet;
     } tCases[] = {
-        {"INIT", "MoreThan2Go = 4294967295\n", [](CConfig& cl) { cl.SetMoreThan2Go(4294967295u); }},
-        {"INIT", "AccessPort = 65535\n", [](CConfig& cl) { cl.SetPort(65535); }},
-        {"INIT", "ZLDebugPort = 0\n", [](CConfig& cl) { cl.SetDebuggerPort(0); }},
-        {"INIT", "NdxCacheSize = 4294967295\n", [](CConfig& cl) { cl.SetCacheSizeMo(4294967295u); }},
-        {"INIT", "CacheMaxUnusedFiles = 7\n", [](CConfig& cl) { cl.SetCacheMaximumUnusedTables(7); }},
-        {"INIT", "WindowsFileCacheSize = -2\n", [](CConfig& cl) { cl.SetWindowsFileCacheSize(-2); }},
-        {"INIT", "DaemonUser = db user\n", [](CConfig& cl) { cl.SetUserDaemon(L"db user"); }},
-        {"INIT", "", [](CConfig& cl) { cl.SetUserDaemon(nullptr); }},
-        {"INIT", "ActivityStatisticPeriod = 65535\n", [](CConfig& cl) { cl.SetStatPeriod(65535); }},
-        {"INIT", "ActivityStatisticMaxFileSize = 4096\n", [](CConfig& cl) { cl.SetStatMaxFileSizeMO(4096); }},
-        {"INIT", "ActivityStatisticPath = %%EXE%%s\n", [](CConfig& cl) { cl.SetStatDirectory(L"%%EXE%%s"); }},
-        {"INIT", "AfterUpdateReport = ok\n", [](CConfig& cl) { cl.WriteAfterUpdate(L"ok"); }},
-        {"INIT", "", [](CConfig& cl) { EXPECT_NE(cl.ClearAfterUpdate(), 0); }},
-        {"INIT", "JNLRootPath = /j\n", [](CConfig& cl) { EXPECT_NE(cl.SetJNLPath(L"/j"), 0); }},
-        {"INIT", "", [](CConfig& cl) { EXPECT_NE(cl.SetJNLPath(L""), 0); }},
-        {"INIT", "JNLBackupRootPath = /b\n", [](CConfig& cl) { EXPECT_NE(cl.SetJNLBackupPath(L"/b"), 0); }},
-        {"INIT", "", [](CConfig& cl) { EXPECT_NE(cl.SetJNLBackupPath(nullptr), 0); }},
-        {"INIT", "DBRootPath = %%EXE%%x\\y\n", [](CConfig& cl) { cl.SetDBRootPath(L"%%EXE%%x\\y"); }},
-        {"ClusterNode", "NodeRunning = 1\n", [](CConfig& cl) { EXPECT_NE(cl.SetClusterRunning(true), 0); }},
-        {"ClusterNode", "NodeRunning = 0\n", [](CConfig& cl) { EXPECT_NE(cl.SetClusterRunning(false), 0); }},
-        {"ClusterNode", "LastRun = 4294967295\n",
+        {"INIT", "", "MoreThan2Go = 4294967295\n", [](CConfig& cl) { cl.SetMoreThan2Go(4294967295u); }},
+        {"INIT", "AccessPort=2\n", "AccessPort = 65535\n", [](CConfig& cl) { cl.SetPort(65535); }},
+        {"INIT", "", "ZLDebugPort = 0\n", [](CConfig& cl) { cl.SetDebuggerPort(0); }},
+        {"INIT", "", "NdxCacheSize = 4294967295\n", [](CConfig& cl) { cl.SetCacheSizeMo(4294967295u); }},
+        {"INIT", "", "CacheMaxUnusedFiles = 7\n", [](CConfig& cl) { cl.SetCacheMaximumUnusedTables(7); }},
+        {"INIT", "", "WindowsFileCacheSize = -2\n", [](CConfig& cl) { cl.SetWindowsFileCacheSize(-2); }},
+        {"INIT", "", "DaemonUser = db user\n", [](CConfig& cl) { cl.SetUserDaemon(L"db user"); }},
+        {"INIT", "DaemonUser = x\n", "", [](CConfig& cl) { cl.SetUserDaemon(nullptr); }},
+        {"INIT", "", "ActivityStatisticPeriod = 65535\n", [](CConfig& cl) { cl.SetStatPeriod(65535); }},
+        {"INIT", "", "ActivityStatisticMaxFileSize = 4096\n",
+         [](CConfig& cl) { cl.SetStatMaxFileSizeMO(4096); }},
+        {"INIT", "", "ActivityStatisticPath = %%EXE%%s\n",
+         [](CConfig& cl) { cl.SetStatDirectory(L"%%EXE%%s"); }},
+        {"INIT", "", "AfterUpdateReport = ok\n", [](CConfig& cl) { cl.WriteAfterUpdate(L"ok"); }},
+        {"INIT", "AfterUpdateReport = x\n", "", [](CConfig& cl) { EXPECT_NE(cl.ClearAfterUpdate(), 0); }},
+        {"INIT", "", "JNLRootPath = /j\n", [](CConfig& cl) { EXPECT_NE(cl.SetJNLPath(L"/j"), 0); }},
+        {"INIT", "JNLRootPath = x\n", "", [](CConfig& cl) { EXPECT_NE(cl.SetJNLPath(L""), 0); }},
+        {"INIT", "", "JNLBackupRootPath = /b\n",
+         [](CConfig& cl) { EXPECT_NE(cl.SetJNLBackupPath(L"/b"), 0); }},
+        {"INIT", "JNLBackupRootPath=x\n", "",
+         [](CConfig& cl) { EXPECT_NE(cl.SetJNLBackupPath(nullptr), 0); }},
+        {"INIT", "", "DBRootPath = %%EXE%%x\\y\n", [](CConfig& cl) { cl.SetDBRootPath(L"%%EXE%%x\\y"); }},
+        {"ClusterNode", "", "NodeRunning = 1\n",
+         [](CConfig& cl) { EXPECT_NE(cl.SetClusterRunning(true), 0); }},
+        {"ClusterNode", "", "NodeRunning = 0\n",
+         [](CConfig& cl) { EXPECT_NE(cl.SetClusterRunning(false), 0); }},
+        {"ClusterNode", "", "LastRun = 4294967295\n",
          [](CConfig& cl) { EXPECT_NE(cl.SetClusterLastRunNumber(4294967295u), 0); }},
-        {"AUTOANALYSE", "ENABLE = 1\n", [](CConfig& cl) { cl.SetAutoAnalyseEnable(true); }},
-        {"AUTOANALYSE", "ENABLE = 0\n", [](CConfig& cl) { cl.SetAutoAnalyseEnable(false); }},
+        {"AUTOANALYSE", "", "ENABLE = 1\n", [](CConfig& cl) { cl.SetAutoAnalyseEnable(true); }},
+        {"AUTOANALYSE", "ENABLE=1\n", "ENABLE = 0\n", [](CConfig& cl) { cl.SetAutoAnalyseEnable(false); }},
     };
     for (const auto& st : tCases) {
-        SCOPED_TRACE(st.pszLine);
+        SCOPED_TRACE(st.pszAfter);
         const std::string csHead = ":note\r\n[ZZ]\nAccessPort=1\n["s + st.pszSection + "]\r\n; kept \r\n";
         const std::string csTail = "\r\nlast line";
-        SetFile(csHead + csTail);
+        SetFile(csHead + st.pszBefore + csTail);
         st.fnSet(m_clConfig);
-        EXPECT_EQ(csFile(), csHead + st.pszLine + csTail);
+        EXPECT_EQ(csFile(), csHead + st.pszAfter + csTail);
     }
     EXPECT_TRUE(m_clDirectory.bExists("x/y"));
-}
-
-TEST_F(Config, EverySetterIsReadBackAndADeletionRestoresTheDefault)
-{
-    m_clConfig.SetMoreThan2Go(1);
-    m_clConfig.SetPort(65535);
-    m_clConfig.SetDebuggerPort(2);
-    m_clConfig.SetCacheSizeMo(4294967295u);
-    m_clConfig.SetCacheMaximumUnusedTables(3);
-    m_clConfig.SetWindowsFileCacheSize(-2);
-    m_clConfig.SetDBRootPath(L"%%EXE%%data");
-    m_clConfig.SetUserDaemon(L"dbuser");
-    m_clConfig.SetStatPeriod(65535);
-    m_clConfig.SetStatMaxFileSizeMO(4);
-    m_clConfig.SetStatDirectory(L"/stat");
-    m_clConfig.WriteAfterUpdate(L"updated");
-    m_clConfig.SetAutoAnalyseEnable(false);
-    EXPECT_NE(m_clConfig.SetJNLPath(L"/journal"), 0);
-    EXPECT_NE(m_clConfig.SetClusterRunning(true), 0);
-    EXPECT_NE(m_clConfig.SetClusterLastRunNumber(4294967295u), 0);
-    EXPECT_EQ(m_clConfig.bMoreThan2Go(), 1);
-    EXPECT_EQ(m_clConfig.nGetPort(), 65535);
-    EXPECT_EQ(m_clConfig.nGetDebuggerPort(), 2);
-    EXPECT_EQ(m_clConfig.dwGetCacheSizeMo(), 4294967295u);
-    EXPECT_EQ(m_clConfig.nGetCacheMaximumUnusedTables(), 3u);
-    EXPECT_EQ(m_clConfig.nGetWindowsFileCacheSize(), -2);
-    EXPECT_EQ(csText(&CConfig::GetRootDBPath), csHere(L"<D>/data/"));
-    EXPECT_EQ(m_clConfig.wGetStatPeriod(), 65535);
-    EXPECT_EQ(m_clConfig.qwGetStatMaxFileSize(), 4u << 20);
-    EXPECT_EQ(csText(&CConfig::GetStatDirectory), L"/stat/");
-    EXPECT_EQ(csText(&CConfig::GetAfterUpdate), L"updated");
-    EXPECT_FALSE(m_clConfig.bGetAutoAnalyseEnable());
-    EXPECT_EQ(csText(&CConfig::GetJNLBackupPath), L"/journal/");
-    EXPECT_TRUE(m_clConfig.bGetClusterLastRunCrashed());
-    EXPECT_EQ(m_clConfig.dwGetClusterLastRunNumber(), 4294967295u);
-    std::wstring csUser(300, L'#');
-    EXPECT_TRUE(m_clConfig.bGetUserDaemon(csUser.data()));
-    EXPECT_STREQ(csUser.c_str(), L"dbuser");
-    EXPECT_NE(m_clConfig.SetJNLBackupPath(L"/backup"), 0);
-    EXPECT_EQ(csText(&CConfig::GetJNLBackupPath), L"/backup/");
-
-    EXPECT_NE(m_clConfig.ClearAfterUpdate(), 0);
-    EXPECT_NE(m_clConfig.SetJNLPath(nullptr), 0);
-    EXPECT_NE(m_clConfig.SetJNLBackupPath(L""), 0);
-    EXPECT_EQ(csText(&CConfig::GetAfterUpdate), L"");
-    EXPECT_EQ(csText(&CConfig::GetJNLBackupPath), csHere(L"<D>/data/"));
 }
 
 TEST_F(Config, AFailedWriteThrowsWhatTheSystemSaid)
 {
     m_clDirectory.csMakeDirectory("DXConf.ini"); // cannot be written, not even by root
-    try {
-        m_clConfig.SetPort(1);
-        FAIL() << "nothing thrown";
-    } catch (const CXError& clError) {
-        EXPECT_EQ(clError.nGetSystemError(), EISDIR);
-        EXPECT_EQ(clError.nGetUserError(), 3859u);
-        EXPECT_FALSE(clError.csGetMessage().empty());
-        EXPECT_THAT(csToUTF8(clError.StringDump(CXError::INFO_DEBUG)),
-                    testing::HasSubstr("IEvelmomanager=1.1\r\nModule=<velmomanager>\r\nVersion=<24.0.6.0>"));
-    }
+    const CXError clError = clThrown([this] { m_clConfig.SetPort(1); });
+    EXPECT_EQ(clError.nGetSystemError(), EISDIR);
+    EXPECT_EQ(clError.nGetUserError(), 3859u);
+    EXPECT_FALSE(clError.csGetMessage().empty());
+    EXPECT_THAT(csToUTF8(clError.StringDump(CXError::INFO_DEBUG)),
+                testing::HasSubstr("IEvelmomanager=1.1\r\nModule=<velmomanager>\r\nVersion=<24.0.6.0>"));
     errno = 0;
     EXPECT_EQ(m_clConfig.SetClusterLastRunNumber(1), 0);
     EXPECT_EQ(errno, EISDIR);
@@ -360,16 +293,12 @@ TEST_F(Config, ADatabaseRootThatCannotBeMadeLeavesTheFileAlone)
 {
     SetFile("[INIT]\nDBRootPath = /old\n");
     m_clDirectory.csWrite("file", "");
-    for (const wchar_t* pszPath :
-         {L"%%EXE%%file/below", L"%%EXE%%file", L"", static_cast<const wchar_t*>(nullptr)}) {
-        EXPECT_THROW(m_clConfig.SetDBRootPath(pszPath), CXError);
+    const std::pair<const wchar_t*, int> tCases[] = {
+        {L"%%EXE%%file/below", ENOTDIR}, {L"%%EXE%%file", EEXIST}, {L"", ENOENT}, {nullptr, ENOENT}};
+    for (const auto& [pszPath, nErrno] : tCases) {
+        EXPECT_EQ(clThrown([&, psz = pszPath] { m_clConfig.SetDBRootPath(psz); }).nGetSystemError(), nErrno);
     }
     EXPECT_EQ(csFile(), "[INIT]\nDBRootPath = /old\n");
-    try {
-        m_clConfig.SetDBRootPath(L"%%EXE%%file/below");
-    } catch (const CXError& clError) {
-        EXPECT_EQ(clError.nGetSystemError(), ENOTDIR);
-    }
 }
 
 TEST_F(Config, WithoutADirectoryTheExecutablesCounts)
@@ -385,19 +314,9 @@ TEST_F(Config, WithoutADirectoryTheExecutablesCounts)
 TEST_F(Config, AWorkerThreadsSmallStackIsEnough)
 {
     SetFile("[INIT]\n" + std::string(300000, 'x') + "\nAccessPort=12\n");
-    pthread_attr_t stAttributes;
-    ::pthread_attr_init(&stAttributes);
-    ASSERT_EQ(::pthread_attr_setstacksize(&stAttributes, 65536), 0);
-    pthread_t hThread{};
-    ASSERT_EQ(::pthread_create(
-                  &hThread, &stAttributes,
-                  [](void* p) -> void* {
-                      static_cast<CConfig*>(p)->SetPort(13);
-                      static_cast<CConfig*>(p)->SetDBRootPath(L"%%EXE%%db");
-                      return nullptr;
-                  },
-                  &m_clConfig),
-              0);
-    ::pthread_join(hThread, nullptr);
+    OnWorker([this] {
+        m_clConfig.SetPort(13);
+        m_clConfig.SetDBRootPath(L"%%EXE%%db");
+    });
     EXPECT_EQ(m_clConfig.nGetPort(), 13);
 }

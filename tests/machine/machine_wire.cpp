@@ -1,4 +1,5 @@
-// The protocol in a machine with a real systemd: exact bytes for real services, over both address families.
+// The protocol and the command-line client in a machine with a real systemd: exact bytes and texts for real
+// services.
 
 #include "tools/Command.h"
 #include "tools/Machine.h"
@@ -6,124 +7,82 @@
 #include "tools/WireClient.h"
 
 #include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <memory>
 
+using ::testing::HasSubstr;
+
 namespace {
-constexpr unsigned short s_wPort = 4999;
+constexpr std::chrono::seconds s_clSlow{20};
 
 class Wire : public ::testing::Test
 {
 protected:
-    static void SetUpTestSuite()
+    void SetUp() override
     {
-        AddServer("run", "DXCS-run", 4901, "");
-        AddServer("stop", "DXCS-stop", 4902, "");
-        AddServer("fail", "DXCS-fail", 4903, "CrashAfter=100\n");
-        AddServer("slow", "DXCS-slow", 4904, "StartDelay=60000\n");
-        AddServer("cluster", "DXCS-cluster", 4905, "[ClusterNode]\nCluster=1\nClusterManager=boss\n");
-        AddServer("accent",
-                  "DXCS-Donn\xC3\xA9"
-                  "es",
-                  4906, "");
-        AddServer("blank", "DXCS-Velmo_20261121_083000", 4907, "", "DXCS-Velmo_20261121 083000");
-        stRun("systemctl daemon-reload");
-        stRun("systemctl start DXCS-run DXCS-Donn\xC3\xA9"
-              "es DXCS-fail; systemctl start --no-block DXCS-slow");
-        EXPECT_TRUE(bWaitUntil([] { return stRun("systemctl is-failed DXCS-fail").nStatus == 0; }, 10'000));
-        s_pclManager = std::make_unique<CManagerProcess>();
-        ASSERT_TRUE(s_pclManager->bAnswers());
+        AddServer("run", "DXCS-run", 4911, "[ClusterNode]\nCluster=1\nClusterManager=boss\n");
+        AddServer("accent", "DXCS-Données", 4912, "");
+        AddServer("blank", "DXCS-Velmo_20261121_083000", 4913, "", "DXCS-Velmo_20261121 083000");
+        stRun("systemctl daemon-reload; systemctl enable DXCS-run DXCS-Données DXCS-Velmo_20261121_083000; "
+              "systemctl start DXCS-run");
+        m_pclManager = std::make_unique<CManagerProcess>();
+        ASSERT_TRUE(m_pclManager->bAnswers());
+        ASSERT_TRUE(bWaitUntil([] { return std::filesystem::exists("/tmp/__pipe_velmomanager__"); }, 5000));
+        ASSERT_TRUE(m_clTool.bConnect("127.0.0.1", 4999));
+        ASSERT_EQ(m_clTool.csLine(), "HELLO FROM SERVEUR SETUP 24.0.6.0\r\n");
     }
-    static void TearDownTestSuite()
+    void TearDown() override
     {
-        EXPECT_EQ(s_pclManager->nStop(), 0);
-        s_pclManager.reset();
+        m_clTool.Reset(); // no connection stays behind that holds the port of the next manager
+        m_pclManager.reset();
         stRun(
-            "systemctl stop 'DXCS-*'; rm -rf /lib/systemd/system/DXCS-* /opt/velmo; systemctl daemon-reload");
+            "systemctl disable -q $(ls /lib/systemd/system | grep ^DXCS-); systemctl kill -s KILL 'DXCS-*'; "
+            "systemctl stop 'DXCS-*'; rm -rf /lib/systemd/system/DXCS-* /opt/velmo; systemctl daemon-reload; "
+            "systemctl reset-failed");
     }
-    static std::unique_ptr<CWireClient> pclOpen(const char* pszAddress = "127.0.0.1")
+    static STCommandResult stClient(const std::string& csArguments)
     {
-        auto pclTool = std::make_unique<CWireClient>(pszAddress, s_wPort);
-        EXPECT_EQ(pclTool->csLine(), "HELLO FROM SERVEUR SETUP 24.0.6.0\r\n");
-        return pclTool;
+        return stRun(csBuildFolder() + "/velmoctl " + csArguments);
     }
-    static std::unique_ptr<CManagerProcess> s_pclManager;
-};
-std::unique_ptr<CManagerProcess> Wire::s_pclManager;
+    /// Of the registered servers.
+    static std::string csUnits() { return stRun("ls /lib/systemd/system | grep ^DXCS-").csOutput; }
 
-constexpr std::chrono::seconds s_clSlow{20};
+    std::unique_ptr<CManagerProcess> m_pclManager;
+    CWireClient m_clTool; ///< greeted
+};
 } // namespace
 
-TEST_F(Wire, EveryCommandGivesItsExactBytesForEveryStateOfAService)
+TEST_F(Wire, EveryStateOfARealServiceHasItsBytesAndAnswersComeWhenTheToolEnds)
 {
-    const struct
-    {
-        const char* pszSent;
-        const char* pszReply;
-    } tCases[] = {
+    AddServer("fail", "DXCS-fail", 4903, "CrashAfter=100\n");
+    AddServer("slow", "DXCS-slow", 4904, "StartDelay=60000\n");
+    stRun("systemctl daemon-reload; systemctl start DXCS-fail; systemctl start --no-block DXCS-slow");
+    ASSERT_TRUE(bWaitUntil([] { return stRun("systemctl is-failed DXCS-fail").nStatus == 0; }, 10'000));
+    const std::pair<const char*, const char*> tCases[] = {
         {"STATUS\trun", "STATUS\tRUNNING\r\n"},
-        {"Status\tstop", "STATUS\tSTOPPED\r\n"},
         {"STATUS\tfail", "STATUS\tSTOPPED\r\n"},
         {"STATUS\tslow", "STATUS\tSTART_PENDING\r\n"},
         {"STATUS\tmissing", "ERROR\t1No such file or directory\r\n"},
-        {"STATUS\tDonn\xE9"
-         "es",
-         "STATUS\tRUNNING\r\n"},
         {"STATUS\tVelmo_20261121 083000", "STATUS\tSTOPPED\r\n"},
         {"START\trun", "OK\r\n"},
-        {"START\tmissing", "ERROR\t1No such file or directory\r\n"},
-        {"CLUSTERINFO\tcluster", "YES\t1\tboss\r\n"},
-        {"CLUSTERINFO\trun", "YES\t0\t\r\n"},
-        {"CLUSTERINFO\tmissing", "ERROR\t1No such file or directory\r\n"},
         {"UNINSTALL\tmissing\t0", "ERROR\t11\r\n"},
-        {"STOP\trun", "ERROR\t8\r\n"},
-        {"", "ERROR\t8\r\n"},
         {"MODE_UTF8", "OK\r\n"},
-        {"STATUS\tDonn\xC3\xA9"
-         "es",
-         "STATUS\tRUNNING\r\n"},
-        {"STATUS\tDonn\xE9"
-         "es",
-         "ERROR\t1No such file or directory\r\n"},
+        {"STATUS\tDonnées", "STATUS\tSTOPPED\r\n"},
     };
-    for (const char* pszAddress : {"127.0.0.1", "::1"}) {
-        const auto pclTool = pclOpen(pszAddress);
-        for (const auto& st : tCases) {
-            SCOPED_TRACE(st.pszSent);
-            EXPECT_EQ(pclTool->csAsk(st.pszSent), st.pszReply);
-        }
-        EXPECT_TRUE(pclTool->bSend("QUIT\r\n"));
-        EXPECT_TRUE(pclTool->bClosed());
+    const auto clStart = std::chrono::steady_clock::now();
+    for (const auto& [pszSent, pszReply] : tCases) {
+        EXPECT_EQ(m_clTool.csAsk(pszSent), pszReply) << pszSent;
     }
-}
-
-TEST_F(Wire, StartAndUninstallActOnTheRealService)
-{
-    const auto pclTool = pclOpen();
-    EXPECT_EQ(pclTool->csAsk("START\tstop", s_clSlow), "OK\r\n");
-    EXPECT_EQ(stRun("systemctl is-active DXCS-stop").csOutput, "active\n");
-    EXPECT_EQ(CWireClient("127.0.0.1", 4902).bConnected(), true);
-    EXPECT_EQ(pclTool->csAsk("UNINSTALL\tstop\t1", s_clSlow), "ERROR\t12\t\r\n");
-    EXPECT_EQ(stRun("ls /opt/velmo/stop").nStatus, 2);
-    EXPECT_EQ(pclTool->csAsk("STATUS\tstop"), "STATUS\tSTOPPED\r\n");
-    EXPECT_EQ(pclTool->csAsk("START\tstop", s_clSlow).substr(0, 7), "ERROR\t2") << "its program is gone";
-    EXPECT_EQ(pclTool->csAsk("UNINSTALL\tstop\t0", s_clSlow), "OK\r\n");
-    EXPECT_EQ(pclTool->csAsk("STATUS\tstop"), "ERROR\t1No such file or directory\r\n");
-    EXPECT_EQ(stRun("ls /lib/systemd/system/DXCS-stop.service").nStatus, 2);
-}
-
-TEST_F(Wire, InfoNamesTheMachineAndEveryServerWithItsPort)
-{
-    const auto pclTool = pclOpen();
-    EXPECT_EQ(pclTool->csAsk("MODE_UTF8"), "OK\r\n");
-    const std::string csReply = pclTool->csAsk("INFO");
-    const std::string csKernel = stRun("uname -r | tr -d '\\n'").csOutput;
-    EXPECT_TRUE(csReply.starts_with("YES\t")) << csReply;
-    EXPECT_NE(csReply.find("\t" + csKernel + "\t"), std::string::npos) << csReply;
-    for (const char* pszServer : {"\trun\t4901", "\tfail\t4903", "\tslow\t4904",
-                                  "\tDonn\xC3\xA9"
-                                  "es\t4906"}) {
-        EXPECT_NE(csReply.find(pszServer), std::string::npos) << pszServer << " in " << csReply;
+    EXPECT_LT(std::chrono::steady_clock::now() - clStart, std::chrono::seconds(2))
+        << "a pause was not cut short";
+    const std::string csInfo = m_clTool.csAsk("INFO");
+    EXPECT_TRUE(csInfo.starts_with("YES\t")) << csInfo;
+    for (const std::string& csPart : {stRun("uname -r | tr -d '\\n'").csOutput, std::string("run\t4911"),
+                                      std::string("slow\t4904"), std::string("Données\t4912")}) {
+        EXPECT_THAT(csInfo, HasSubstr("\t" + csPart));
     }
 }
 
@@ -132,35 +91,98 @@ TEST_F(Wire, ToolsTextNeverBecomesAnOptionAPatternOrASecondWordOfTheTool)
     if (stRun("command -v strace").nStatus != 0) {
         GTEST_SKIP() << "SKIPPED: strace is not installed";
     }
-    const std::string csPid = std::to_string(s_pclManager->nPid());
+    const std::string csPid = std::to_string(m_pclManager->nPid());
     stRun("strace -f -q -s 400 -e trace=execve -o /run/wire.trace -p " + csPid +
           " >/dev/null 2>&1 & echo $! >/run/strace.pid");
     ASSERT_TRUE(bWaitUntil(
         [&] { return stRun("grep -q 'TracerPid:.[1-9]' /proc/" + csPid + "/status").nStatus == 0; }, 10'000));
-    const auto pclTool = pclOpen();
     for (const char* pszText :
          {"STATUS\tx -Hhost", "START\tx other", "UNINSTALL\tru*\t1", "STATUS\tx;-Hhost", "STATUS\tx\" \"y",
           "START\tx|--root=/", "STATUS\trun\x01", "CLUSTERINFO\t[a-z]*"}) {
-        EXPECT_TRUE(pclTool->csAsk(pszText, s_clSlow).starts_with("ERROR\t1")) << pszText;
+        EXPECT_TRUE(m_clTool.csAsk(pszText, s_clSlow).starts_with("ERROR\t1")) << pszText;
     }
     stRun(
         "kill $(cat /run/strace.pid); while kill -0 $(cat /run/strace.pid) 2>/dev/null; do sleep 0.05; done");
-    const std::string csTrace = stRun("grep -o 'execve([^]]*]' /run/wire.trace | sort -u").csOutput;
-    EXPECT_EQ(csTrace,
-              "execve(\"/bin/systemctl\", [\"/bin/systemctl\", \"--property=Description,ExecStart,Type\", "
-              "\"show\", \"DXCS-x_-Hhost\"]\n"
-              "execve(\"/bin/systemctl\", [\"/bin/systemctl\", \"--property=Description,ExecStart,Type\", "
-              "\"show\", \"DXCS-x_other\"]\n");
+    const std::string csShow = "execve(\"/bin/systemctl\", [\"/bin/systemctl\", "
+                               "\"--property=Description,ExecStart,Type\", \"show\", ";
+    EXPECT_EQ(stRun("grep -o 'execve([^]]*]' /run/wire.trace | sort -u").csOutput,
+              csShow + "\"DXCS-x_-Hhost\"]\n" + csShow + "\"DXCS-x_other\"]\n");
     EXPECT_EQ(stRun("systemctl is-active DXCS-run").csOutput, "active\n");
 }
 
-TEST_F(Wire, AnswersComeWhenTheToolEnds)
+TEST_F(Wire, TheClientListsAsksAndStarts)
 {
-    const auto pclTool = pclOpen();
-    const auto clStart = std::chrono::steady_clock::now();
-    for (int n = 0; n < 20; ++n) {
-        EXPECT_EQ(pclTool->csAsk("STATUS\trun"), "STATUS\tRUNNING\r\n");
+    EXPECT_EQ(stClient("list").csOutput, "NAME                   PORT  STATE\n"
+                                         "Données                4912  stopped\n"
+                                         "run                    4911  running\n"
+                                         "Velmo_20261121 083000  4913  stopped\n");
+    EXPECT_EQ(stClient("start Données").csOutput, "\"Données\" is started\n");
+    EXPECT_TRUE(CWireClient("127.0.0.1", 4912).csLine().starts_with("HELLO"));
+    EXPECT_EQ(stClient("status 'Velmo_20261121 083000' --json").csOutput,
+              "{\"name\": \"Velmo_20261121 083000\", \"state\": \"stopped\"}\n");
+    EXPECT_EQ(stClient("cluster run").csOutput, "\"run\" belongs to the cluster managed by \"boss\"\n");
+}
+
+TEST_F(Wire, TheClientUninstallsWithAndWithoutTheFiles)
+{
+    EXPECT_EQ(stClient("uninstall 'Velmo_20261121 083000' --yes").csOutput,
+              "\"Velmo_20261121 083000\" is uninstalled, its files are kept\n");
+    EXPECT_TRUE(std::filesystem::exists("/opt/velmo/blank/dxdemo"));
+    EXPECT_EQ(stClient("uninstall run --delete-files --dry-run").nStatus, 0);
+    EXPECT_EQ(stClient("status run").csOutput, "running\n");
+    EXPECT_EQ(m_clTool.csAsk("UNINSTALL\tDonnées\t1", s_clSlow), "ERROR\t11\r\n") << "in another encoding";
+    EXPECT_EQ(stClient("uninstall run --delete-files --yes").csOutput,
+              "\"run\" is uninstalled, its files are deleted\n");
+    EXPECT_FALSE(std::filesystem::exists("/opt/velmo/run"));
+    EXPECT_FALSE(CWireClient("127.0.0.1", 4911).bConnected());
+
+    stRun("mkdir /opt/velmo/accent/held && mount -t tmpfs held /opt/velmo/accent/held");
+    const STCommandResult stHeld = stClient("uninstall Données --delete-files --yes");
+    stRun("umount /opt/velmo/accent/held");
+    EXPECT_EQ(stHeld.nStatus, 1);
+    EXPECT_EQ(stHeld.csOutput, "\"Données\" is uninstalled, but its files could not all be deleted\n");
+    EXPECT_EQ(csUnits(), "");
+    EXPECT_EQ(stClient("list").csOutput, "NAME  PORT  STATE\n");
+}
+
+TEST_F(Wire, TheClientRegistersAServerOrTellsWhyItCannotAndLeavesNoPipeBehind)
+{
+    stRun("mkdir /opt/velmo/fresh /opt/velmo/second; cp " + csBuildFolder() +
+          "/dxdemo /opt/velmo/fresh; cp " + csBuildFolder() +
+          "/dxdemo /opt/velmo/second; printf '[INIT]\\nAccessPort=4920\\n' >/opt/velmo/fresh/DXConf.ini");
+    EXPECT_EQ(stRun("cd /opt/velmo/fresh && " + csBuildFolder() + "/velmoctl register 'Fréd 1' ./dxdemo 4920")
+                  .csOutput,
+              "\"Fréd 1\" is registered and runs\n");
+    EXPECT_TRUE(CWireClient("127.0.0.1", 4920).csLine().starts_with("HELLO"));
+    const std::string csBefore = csUnits();
+    const std::string csSecond = " /opt/velmo/second/dxdemo ";
+    const std::tuple<std::string, int, const char*> tCases[] = {
+        {"run" + csSecond + "4921", 1, "velmoctl: the manager answers: The server \"run\""},
+        {"x /opt/velmo/second/none 4921", 2, "is no program that can be run"},
+        {"x /opt/velmo/second 4921", 2, "is no program that can be run"},
+        {"''" + csSecond + "4921", 2, "the name must have 1 to 128 characters"},
+        {"\"$(printf %0129d 0)\"" + csSecond + "4921", 2, "the name must have 1 to 128"},
+        {"x" + csSecond + "65536", 2, "is not a port"},
+    };
+    for (const auto& [csArguments, nStatus, pszWords] : tCases) {
+        SCOPED_TRACE(csArguments);
+        const STCommandResult stResult = stClient("register " + csArguments);
+        EXPECT_EQ(stResult.nStatus, nStatus);
+        EXPECT_THAT(stResult.csOutput, HasSubstr(pszWords));
     }
-    EXPECT_LT(std::chrono::steady_clock::now() - clStart, std::chrono::seconds(4))
-        << "a pause was not cut short";
+    const std::string csRegister = csBuildFolder() + "/velmoctl register x" + csSecond + "4921 ";
+    EXPECT_THAT(stRun("setpriv --reuid=65534 --clear-groups " + csRegister).csOutput,
+                HasSubstr("only root can register"));
+    ASSERT_EQ(::kill(m_pclManager->nPid(), SIGSTOP), 0);
+    EXPECT_EQ(stRun(csRegister + "--timeout 0.2").nStatus, 3);
+    EXPECT_EQ(stRun("timeout -s INT 0.2 " + csRegister).nStatus, 124);
+    EXPECT_EQ(stRun("ls /tmp | grep __pipe_velmomanager_").csOutput, "__pipe_velmomanager__\n");
+    EXPECT_EQ(stClient("status run --timeout 0.3").nStatus, 3) << "it is as silent over TCP";
+    EXPECT_EQ(csUnits(), csBefore);
+    ASSERT_EQ(::kill(m_pclManager->nPid(), SIGCONT), 0);
+    EXPECT_TRUE(bWaitUntil([] { return stClient("status x").csOutput == "running\n"; }, 20'000))
+        << "it was at it";
+    m_clTool.Reset();
+    EXPECT_EQ(m_pclManager->nStop(), 0);
+    EXPECT_EQ(stRun(csRegister).csOutput, "velmoctl: no manager runs on this machine\n");
 }

@@ -1,18 +1,13 @@
 #pragma once
 
-#include "support/Descripteur.h"
+#include "tools/NotifySocket.h"
 #include "tools/PrivateWorld.h"
 
-#include <array>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
-#include <poll.h>
 #include <string>
 #include <sys/mount.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 /// Gives the private world a /dev of its own, in which the tests may put a log socket. Once, before any
 /// thread.
@@ -41,28 +36,17 @@ inline bool bPrivateDevices()
 class CSystemLog
 {
 public:
-    CSystemLog() : m_clSocket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0))
-    {
-        const sockaddr_un st{AF_UNIX, "/dev/log"};
-        ::unlink(st.sun_path);
-        ::bind(m_clSocket.nFd(), reinterpret_cast<const sockaddr*>(&st), sizeof st);
-    }
     /// The next entry as "<priority>text", without date and program; empty when none comes in time.
     std::string csNext(int nMs = 5000) const
     {
-        pollfd stWait{m_clSocket.nFd(), POLLIN, 0};
-        std::array<char, 8192> tBytes;
-        if (TEMP_FAILURE_RETRY(::poll(&stWait, 1, nMs)) != 1) {
-            return "";
-        }
-        const ssize_t nRead = ::recv(m_clSocket.nFd(), tBytes.data(), tBytes.size(), 0);
-        const std::string csEntry(tBytes.data(), static_cast<std::size_t>(nRead));
+        const std::string csEntry = m_clSocket.csNext(nMs);
         const std::string csProgram = std::string(" ") + program_invocation_short_name + ": ";
-        return csEntry.substr(0, csEntry.find('>') + 1) +
-               csEntry.substr(csEntry.find(csProgram) + csProgram.size());
+        return csEntry == "<none>" ? ""
+                                   : csEntry.substr(0, csEntry.find('>') + 1) +
+                                         csEntry.substr(csEntry.find(csProgram) + csProgram.size());
     }
     bool bSilent() const { return csNext(50).empty(); }
 
 private:
-    CDescripteur m_clSocket;
+    CNotifySocket m_clSocket{"/dev/log"};
 };

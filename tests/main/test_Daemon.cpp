@@ -20,6 +20,34 @@ using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
 constexpr char s_szPidFile[] = "/var/run/velmotest.pid";
+using CPrepare = std::function<void(CTestService&)>;
+
+void Nothing(CTestService&) {}
+
+void FailStart(CTestService& cl)
+{
+    cl.m_fnStart = [] { return false; };
+}
+
+bool bForeground()
+{
+    RunDebugMode();
+    return true;
+}
+
+/// A thread that starts one short thread after the other.
+void RunShortThreads(CZTThread* pclThread)
+{
+    const auto fnShort = [](CZTThread* pclShort) {
+        pclShort->Started();
+        pclShort->Stopped();
+    };
+    pclThread->Started();
+    while (!pclThread->bMustStop()) {
+        CZTThread().eStart(fnShort, nullptr, 1, 0);
+    }
+    pclThread->Stopped();
+}
 
 class Daemon : public ::testing::Test
 {
@@ -42,9 +70,7 @@ protected:
         std::filesystem::remove(g_szHold);
     }
     /// Runs a daemon of a name; the launcher's status.
-    static int nRun(
-        const std::function<void(CTestService&)>& fnPrepare = [](CTestService&) {},
-        const wchar_t* pszName = L"velmotest")
+    static int nRun(const CPrepare& fnPrepare = Nothing, const wchar_t* pszName = L"velmotest")
     {
         return nEnd(nLaunch(fnPrepare, [&] { return bServiceMain(pszName); }));
     }
@@ -83,15 +109,13 @@ protected:
 TEST_F(Daemon, IsCutOffFromWhoeverStartedIt)
 {
     const CDescripteur clLeak(::open("/etc/passwd", O_RDONLY)); // inheritable on purpose
-    const pid_t nLauncher = nLaunch(
-        [](CTestService&) {
-            ::umask(077);
-            sigset_t stAll;
-            sigfillset(&stAll);
-            ::sigprocmask(SIG_BLOCK, &stAll, nullptr);
-        },
-        [] { return bServiceMain(L"velmotest"); });
-    ASSERT_EQ(nEnd(nLauncher), 0);
+    const auto fnMaskAll = [](CTestService&) {
+        ::umask(077);
+        sigset_t stAll;
+        sigfillset(&stAll);
+        ::sigprocmask(SIG_BLOCK, &stAll, nullptr);
+    };
+    ASSERT_EQ(nRun(fnMaskAll), 0);
     const pid_t nPid = nDaemon();
     const std::string csPid = std::to_string(nPid);
     EXPECT_EQ(csReadFile(s_szPidFile), csPid + "\n");
@@ -131,37 +155,30 @@ TEST_F(Daemon, TheLauncherWaitsUntilTheServiceIsUpOrGone)
         }
         return bResult;
     };
-    const auto fnFails = [](CTestService& cl) { cl.m_fnStart = [] { return false; }; };
-    EXPECT_EQ(nEnd(nLaunch(fnFails, fnSlowEnd)), 0);
+    EXPECT_EQ(nEnd(nLaunch(FailStart, fnSlowEnd)), 0);
     EXPECT_EQ(csEvents(), "started gone ");
-    EXPECT_EQ(nRun([](CTestService&) {}, L""), 255) << "no name";
-    EXPECT_EQ(nRun([](CTestService&) {}, nullptr), 255);
+    EXPECT_EQ(nRun(Nothing, L""), 255) << "no name";
+    EXPECT_EQ(nRun(Nothing, nullptr), 255);
     EXPECT_EQ(csEvents(), "");
 }
 
 TEST_F(Daemon, AFailedStartIsLoggedAndLeavesNothing)
 {
-    const auto fnFails = [](CTestService& cl) { cl.m_fnStart = [] { return false; }; };
     const auto fnNobodyThere = [](CTestService& cl) { cl.m_csUser = L"velmo 100%s nobody"; };
-    const auto fnWorks = [](CTestService&) {};
+    const std::string csNoPidFile = "<10>Echec de la cr\u00e9"
+                                    "ation du fichier de lock du demon";
     const struct
     {
         const char* pszWorld; ///< run before
-        std::function<void(CTestService&)> fnPrepare;
-        const char* pszLog;
+        CPrepare fnPrepare;
+        std::string csLog;
         const char* pszEvents;
     } tCases[] = {
-        {"true", fnFails, "<10>The service \"VelmoManager\" could not be started.", "started "},
+        {"true", FailStart, "<10>The service \"VelmoManager\" could not be started.", "started "},
         {"true", fnNobodyThere,
          "<10>The user \"velmo 100%s nobody\" that the manager is to run as does not exist", ""},
-        {"mkdir /run/velmotest.pid", fnWorks,
-         "<10>Echec de la cr\xC3\xA9"
-         "ation du fichier de lock du demon",
-         "started stop "},
-        {"ln -s /etc/passwd /run/velmotest.pid", fnWorks,
-         "<10>Echec de la cr\xC3\xA9"
-         "ation du fichier de lock du demon",
-         "started stop "},
+        {"mkdir /run/velmotest.pid", Nothing, csNoPidFile, "started stop "},
+        {"ln -s /etc/passwd /run/velmotest.pid", Nothing, csNoPidFile, "started stop "},
     };
     for (const auto& st : tCases) {
         SCOPED_TRACE(st.pszWorld);
@@ -169,7 +186,7 @@ TEST_F(Daemon, AFailedStartIsLoggedAndLeavesNothing)
         const std::string csBefore = csReadFile("/etc/passwd");
         EXPECT_EQ(nRun(st.fnPrepare), 0);
         EXPECT_TRUE(bNoneLeft());
-        EXPECT_THAT(m_clLog.csNext(), StartsWith(st.pszLog));
+        EXPECT_THAT(m_clLog.csNext(), StartsWith(st.csLog));
         EXPECT_TRUE(m_clLog.bSilent());
         EXPECT_EQ(csEvents(), st.pszEvents);
         EXPECT_EQ(csReadFile("/etc/passwd"), csBefore);
@@ -179,10 +196,14 @@ TEST_F(Daemon, AFailedStartIsLoggedAndLeavesNothing)
     }
 }
 
-TEST_F(Daemon, ASecondOneOfTheSameNameStopsAndTakesThePidFileAway)
+TEST_F(Daemon, APidFileIsOverwrittenAtItsStartOnlyAndTakenAwayByASecondOneThatStops)
 {
+    const std::string csOld = "99999999999999\nold\n";
+    std::ofstream(s_szPidFile) << csOld;
     ASSERT_EQ(nRun(), 0);
     const pid_t nFirst = nDaemon();
+    const std::string csPid = std::to_string(nFirst) + "\n";
+    EXPECT_EQ(csReadFile(s_szPidFile), csPid + csOld.substr(csPid.size()));
     EXPECT_EQ(nRun(), 0);
     EXPECT_TRUE(bWaitUntil([] { return csEvents() == "started stop "; }, 5000)) << csEvents();
     EXPECT_TRUE(bWaitUntil([] { return !std::filesystem::exists(s_szPidFile); }, 5000));
@@ -192,56 +213,36 @@ TEST_F(Daemon, ASecondOneOfTheSameNameStopsAndTakesThePidFileAway)
     EXPECT_TRUE(bNoneLeft());
 }
 
-TEST_F(Daemon, ALongerOldPidFileIsOverwrittenAtItsStartOnly)
-{
-    std::ofstream(s_szPidFile) << "99999999999999\nold\n";
-    ASSERT_EQ(nRun(), 0);
-    const std::string csPid = std::to_string(nDaemon()) + "\n";
-    EXPECT_EQ(csReadFile(s_szPidFile), csPid + std::string("99999999999999\nold\n").substr(csPid.size()));
-    EXPECT_EQ(nStop(), 0);
-}
-
 TEST_F(Daemon, AServiceUserGetsTheDirectoryAndThenThePidFileAndTheProcess)
 {
     const std::string csDirectory = "/tmp/it's \"$(touch evil)\"; touch evil2 #";
     std::filesystem::create_directories(csDirectory + "/closed");
-    std::filesystem::permissions(csDirectory + "/closed", std::filesystem::perms::none);
+    std::ofstream{csDirectory + "/closed/file"};
+    for (const char* pszName : {"/closed/file", "/closed"}) {
+        std::filesystem::permissions(csDirectory + pszName, std::filesystem::perms::none);
+    }
     const auto fnPrepare = [&](CTestService& cl) {
         cl.m_csUser = L"nobody";
         cl.m_csDirectory = std::wstring(csDirectory.begin(), csDirectory.end());
         cl.m_bCoreDump = true;
         cl.m_fnStart = [] {
-            CTestService::s_Note(::geteuid() == ::getpwnam("nobody")->pw_uid && ::getuid() == 0 ? "switched "
-                                                                                                : "not ");
+            CTestService::s_Note(::geteuid() == ::getpwnam("nobody")->pw_uid ? "effective " : "not ");
+            CTestService::s_Note(::getuid() == 0 ? "only " : "for good ");
             return true;
         };
     };
     ASSERT_EQ(nRun(fnPrepare), 0);
-    EXPECT_EQ(csEvents(), "started switched ");
+    EXPECT_EQ(csEvents(), "started effective only ");
     const std::string csPid = std::to_string(nDaemon());
-    const std::string csNobody = stRun("id -u nobody | tr -d '\\n'").csOutput;
-    const std::string csAll = csNobody + "\t" + csNobody + "\t" + csNobody + "\t" + csNobody;
-    EXPECT_EQ(csStatus(csPid, "Uid"), csAll) << "for good";
+    const std::string csNobody = std::to_string(::getpwnam("nobody")->pw_uid);
+    EXPECT_EQ(csStatus(csPid, "Uid"), csNobody + "\t" + csNobody + "\t" + csNobody + "\t" + csNobody);
     EXPECT_EQ(csStatus(csPid, "Gid").find("0\t"), std::string::npos);
-    EXPECT_EQ(stRun("stat -c '%U %G' /run/velmotest.pid").csOutput,
-              stRun("echo nobody $(id -gn nobody)").csOutput);
-    EXPECT_EQ(stRun("stat -c '%U %a' /tmp/it*/closed").csOutput, "nobody 700\n");
+    EXPECT_EQ(stRun("stat -c '%U %G %a' /run/velmotest.pid /tmp/it*/closed /tmp/it*/closed/file").csOutput,
+              stRun("for mode in 644 700 0; do echo nobody $(id -gn nobody) $mode; done").csOutput);
     EXPECT_FALSE(std::filesystem::exists("/tmp/evil") || std::filesystem::exists("/tmp/evil2"));
     EXPECT_THAT(csReadFile("/proc/" + csPid + "/limits"),
                 ::testing::ContainsRegex("core file size +unlimited +unlimited"));
     EXPECT_EQ(nStop(), 0);
-}
-
-TEST_F(Daemon, OwnershipCommandsForOrdinaryNamesAreLiteral)
-{
-    CFakeTool clChown("/bin/chown", "");
-    CFakeTool clFind("/bin/find", "");
-    const auto fnSwitch = [] { return __bChangeUser(-1, L"nobody", false); };
-    EXPECT_EQ(nEnd(nLaunch([](CTestService& cl) { cl.m_csDirectory = L"/opt/velmo/data-1_2"; }, fnSwitch)),
-              0);
-    EXPECT_EQ(clChown.csTakeJournal(), "-R nobody: /opt/velmo/data-1_2\n");
-    EXPECT_EQ(clFind.csTakeJournal(),
-              "/opt/velmo/data-1_2 -type d -not -perm -u=rwx -exec chmod u+rwx {} ;\n");
 }
 
 TEST_F(Daemon, ARefusedLimitOrSwitchIsLogged)
@@ -269,12 +270,7 @@ TEST_F(Daemon, AStopThatComesDuringTheStartIsCarriedOutOnceTheServiceIsUp)
     EXPECT_TRUE(bNoneLeft());
     EXPECT_EQ(csEvents(), "started stop ended ");
     EXPECT_FALSE(std::filesystem::exists(s_szPidFile));
-    EXPECT_EQ(nEnd(nLaunch(fnStopped,
-                           [] {
-                               RunDebugMode();
-                               return true;
-                           })),
-              0);
+    EXPECT_EQ(nEnd(nLaunch(fnStopped, bForeground)), 0);
     EXPECT_EQ(csEvents(), "started stop ended ");
 }
 
@@ -284,21 +280,7 @@ TEST_F(Daemon, AStopRightBehindTheStartIsNeverLostWhateverThreadsComeAndGo)
         cl.m_fnStart = [] {
             static CZTThread s_tMakers[3];
             for (CZTThread& clMaker : s_tMakers) {
-                clMaker.eStart(
-                    [](CZTThread* pclMaker) {
-                        pclMaker->Started();
-                        while (!pclMaker->bMustStop()) {
-                            CZTThread clShort;
-                            clShort.eStart(
-                                [](CZTThread* pclShort) {
-                                    pclShort->Started();
-                                    pclShort->Stopped();
-                                },
-                                nullptr, 1, 0);
-                        }
-                        pclMaker->Stopped();
-                    },
-                    nullptr, 0, 0);
+                clMaker.eStart(RunShortThreads, nullptr, 0, 0);
             }
             return true;
         };
@@ -347,12 +329,8 @@ TEST_F(Daemon, ASignalToAWorkerDoesNotStopItAndASecondOneChangesNothing)
 
 TEST_F(Daemon, TheForegroundModeStaysAndIsSilentAboutAFailedStart)
 {
-    const auto fnDebug = [] {
-        RunDebugMode();
-        return true;
-    };
-    EXPECT_EQ(nEnd(nLaunch([](CTestService& cl) { cl.m_fnStart = [] { return false; }; }, fnDebug)), 0);
-    const pid_t nPid = nLaunch([](CTestService& cl) { cl.m_csUser = L"nobody"; }, fnDebug);
+    EXPECT_EQ(nEnd(nLaunch(FailStart, bForeground)), 0);
+    const pid_t nPid = nLaunch([](CTestService& cl) { cl.m_csUser = L"nobody"; }, bForeground);
     ASSERT_TRUE(bWaitUntil([] { return csEvents() == "started "; }, 5000));
     EXPECT_EQ(csStatus(std::to_string(nPid), "Uid"), "0\t0\t0\t0") << "no switch of users";
     EXPECT_FALSE(std::filesystem::exists(s_szPidFile));

@@ -2,8 +2,8 @@
 
 #include "SystemLog.h"
 #include "TestService.h"
+#include "tools/NotifySocket.h"
 
-#include <cstddef>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -12,28 +12,6 @@ class SystemdNotify : public ::testing::Test
 {
 protected:
     void SetUp() override { REQUIRE_PRIVATE_DEVICES(); }
-    /// Listens at a name as systemd gives it: a path, or "@" and an abstract name.
-    void Listen(const std::string& csName)
-    {
-        sockaddr_un st{};
-        st.sun_family = AF_UNIX;
-        csName.copy(st.sun_path, sizeof st.sun_path);
-        st.sun_path[0] = csName[0] == '@' ? '\0' : csName[0];
-        ::unlink(csName.c_str());
-        m_clSocket = CDescripteur(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        const auto nLength = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + csName.size());
-        ASSERT_EQ(::bind(m_clSocket.nFd(), reinterpret_cast<const sockaddr*>(&st), nLength), 0);
-    }
-    std::string csDatagram(int nMs = 5000) const
-    {
-        pollfd stWait{m_clSocket.nFd(), POLLIN, 0};
-        std::array<char, 100> tBytes;
-        if (TEMP_FAILURE_RETRY(::poll(&stWait, 1, nMs)) != 1) {
-            return "<none>";
-        }
-        return {tBytes.data(),
-                static_cast<std::size_t>(::recv(m_clSocket.nFd(), tBytes.data(), tBytes.size(), 0))};
-    }
     /// A service that finds the socket's name in its environment; fails its start if it is told so.
     static pid_t nStart(const std::string& csName, bool bUp = true)
     {
@@ -47,7 +25,6 @@ protected:
             },
             [] { return bServiceMain(L""); });
     }
-    CDescripteur m_clSocket;
 };
 } // namespace
 
@@ -56,14 +33,14 @@ TEST_F(SystemdNotify, ReadyIsSentOnceWhenTheServiceIsUpAndNobodyElseSeesTheSocke
     for (const std::string& csName : {std::string("/run/notify"), "/run/" + std::string(102, 'n'),
                                       std::string("@velmo/notify"), "@" + std::string(106, 'n')}) {
         SCOPED_TRACE(csName);
-        Listen(csName);
+        const CNotifySocket clSocket(csName);
         const pid_t nPid = nStart(csName);
-        EXPECT_EQ(csDatagram(), "READY=1");
+        EXPECT_EQ(clSocket.csNext(), "READY=1");
         EXPECT_EQ(csReadFile(g_szEvents), "started unset ");
         EXPECT_EQ(::getsid(nPid), ::getsid(0)) << "it stays where it was started";
         ::kill(nPid, SIGTERM);
         EXPECT_EQ(nEnd(nPid, 1000), 0);
-        EXPECT_EQ(csDatagram(50), "<none>");
+        EXPECT_EQ(clSocket.csNext(50), "<none>");
         EXPECT_EQ(csReadFile(g_szEvents), "started unset stop ended ");
     }
 }
@@ -71,9 +48,9 @@ TEST_F(SystemdNotify, ReadyIsSentOnceWhenTheServiceIsUpAndNobodyElseSeesTheSocke
 TEST_F(SystemdNotify, AServiceThatFailsToStartNeverReportsReady)
 {
     const CSystemLog clLog;
-    Listen("@velmo/fails");
+    const CNotifySocket clSocket("@velmo/fails");
     EXPECT_EQ(nEnd(nStart("@velmo/fails", false)), 255);
-    EXPECT_EQ(csDatagram(50), "<none>");
+    EXPECT_EQ(clSocket.csNext(50), "<none>");
     EXPECT_THAT(clLog.csNext(),
                 ::testing::StartsWith("<10>The service \"VelmoManager\" could not be started."));
     const pid_t nUnknown = nLaunch(

@@ -1,4 +1,6 @@
+#include "manager/PipeRecords.h"
 #include "manager/PipeServer.h"
+#include "support/Conversion.h"
 #include "tools/Command.h"
 #include "tools/PipeClient.h"
 #include "tools/PrivateWorld.h"
@@ -6,9 +8,9 @@
 
 #include <atomic>
 #include <csignal>
+#include <cstring>
 #include <gtest/gtest.h>
 #include <semaphore>
-#include <set>
 #include <sys/ioctl.h>
 #include <thread>
 
@@ -63,26 +65,62 @@ protected:
         const std::string st = csRequest(nReply, 0, csOrder, "", 1);
         return bWritePipe(s_pszPipe, st) ? clReply.csReply() : "<no server>";
     }
-    static bool bDrained(const char* pszPipe = s_pszPipe)
+    static bool bDrained()
     {
-        const CDescripteur clPipe(::open(pszPipe, O_RDWR | O_NONBLOCK | O_CLOEXEC));
-        return bWaitUntil(
-            [&] {
-                int nLeft = -1;
-                return ::ioctl(clPipe.nFd(), FIONREAD, &nLeft) == 0 && nLeft == 0;
-            },
-            5000);
+        const CDescripteur clPipe(::open(s_pszPipe, O_RDWR | O_NONBLOCK | O_CLOEXEC));
+        int nLeft = -1;
+        return bWaitUntil([&] { return ::ioctl(clPipe.nFd(), FIONREAD, &nLeft) == 0 && nLeft == 0; }, 5000);
     }
 };
 } // namespace
 
+TEST(PipeRecords, TextsAndPortsAreReadAsTheirFormsHaveThem)
+{
+    const auto stRecord = [](const std::string& csName, const std::string& csPort) {
+        stSEND st{};
+        std::memcpy(reinterpret_cast<char*>(&st) + 8, csName.data(), csName.size());
+        std::memcpy(reinterpret_cast<char*>(&st) + 530, csPort.data(), csPort.size());
+        return st;
+    };
+    EXPECT_EQ(stReadAnsi(stRecord("Caf\xe9 \x80", "1")).csName, L"Caf\u00e9 \u20ac");
+    const auto stWide =
+        stReadUTF16(stRecord("\x24\x13" + csToUTF16(L"\u0416\U0001F600") + std::string("\0\xD8z\0", 4), ""));
+    EXPECT_EQ(stWide.csName, L"\u0416\U0001F600\uFFFDz");
+    EXPECT_EQ(stWide.wPort, 4900);
+    const std::pair<std::string, int> tPorts[] = {// the low 16 bits count
+                                                  {"70000", 4464}, {"65535", 65535},
+                                                  {"-1", 65535},   {" +12x9", 12},
+                                                  {"", 0},         {std::string(262, '0'), 0}};
+    for (const auto& [csDigits, nPort] : tPorts) {
+        EXPECT_EQ(stReadAnsi(stRecord("x", csDigits)).wPort, nPort) << csDigits;
+    }
+    const stSEND stFull = stRecord(std::string(784, 'A'), ""); // no NUL anywhere; 0x4141 as a unit
+    EXPECT_EQ(stReadAnsi(stFull).csName, std::wstring(261, L'A'));
+    EXPECT_EQ(stReadAnsi(stFull).csPath, std::wstring(261, L'A'));
+    EXPECT_EQ(stReadUTF16(stFull).csName, std::wstring(129, L'\u4141'));
+    EXPECT_EQ(stReadUTF16(stFull).csPath, std::wstring(262, L'\u4141'));
+}
+
+TEST(PipeRecords, ReplyIsCutAtACharacterAndAlwaysEnds)
+{
+    const std::string csLong(497, 'x');
+    const std::pair<std::string, std::string> tCases[] = {{"UNKNOWN", "UNKNOWN"},
+                                                          {csLong + "1234", csLong + "123"},
+                                                          {csLong + "1€", csLong + "1"},
+                                                          {csLong + "€!", csLong + "€"}};
+    for (const auto& [csText, csReply] : tCases) {
+        stRET stReturn;
+        std::memset(&stReturn, 'R', sizeof stReturn); // what an earlier reply left
+        WriteReply(csText, &stReturn);
+        const std::string csBytes(reinterpret_cast<const char*>(&stReturn), sizeof stReturn);
+        EXPECT_EQ(csBytes, csReply + std::string(501 - csReply.size(), '\0'));
+    }
+}
+
 TEST_F(PipeServer, UsesOnlyAFifoOfOursAndReplacesAllElse)
 {
-    const struct
-    {
-        const char* pszBefore; ///< $P is the server's name
-        bool bKept;
-    } tCases[] = {
+    const std::pair<const char*, bool> tCases[] = {
+        // what makes $P, the server's name; whether it is kept
         {"true", false},
         {"mkfifo -m 600 $P", true},
         {"mkfifo -m 644 $P", true},
@@ -94,39 +132,28 @@ TEST_F(PipeServer, UsesOnlyAFifoOfOursAndReplacesAllElse)
         {"echo precious >/tmp/victim; ln -s /tmp/victim $P", false},
         {"ln -s /tmp/nowhere $P", false},
         {"echo data >$P", false},
-        {"mkdir $P", false},
         {"mkdir -p $P/full/of/things", false},
         {"mknod $P c 1 3", false},
     };
-    for (const auto& st : tCases) {
-        SCOPED_TRACE(st.pszBefore);
-        const auto fnInode = [] {
-            struct stat stFile
-            {};
-            return ::lstat(s_pszPipe, &stFile) == 0 ? stFile.st_ino : 0;
-        };
-        const std::string csName = std::string("P=") + s_pszPipe + "; ";
-        ASSERT_EQ(stRun(csName + "rm -rf $P /tmp/second /tmp/victim; " + st.pszBefore).nStatus, 0);
-        const ino_t nBefore = fnInode();
+    const std::string csName = std::string("P=") + s_pszPipe + "; ";
+    const auto csInode = [&] { return stRun(csName + "stat -c %i $P || true").csOutput; };
+    for (const auto& [pszBefore, bKept] : tCases) {
+        SCOPED_TRACE(pszBefore);
+        ASSERT_EQ(stRun(csName + "rm -rf $P /tmp/second /tmp/victim; " + pszBefore).nStatus, 0);
+        const std::string csBefore = csInode();
         CEchoPipe clServer;
         ASSERT_TRUE(clServer.bStart());
-        EXPECT_EQ(fnInode() == nBefore, st.bKept);
-        EXPECT_EQ(stRun(std::string("stat -c '%F %a %u' ") + s_pszPipe).csOutput, "fifo 600 0\n");
+        EXPECT_EQ(csInode() == csBefore, bKept);
+        EXPECT_EQ(stRun(csName + "stat -c '%F %a %u' $P").csOutput, "fifo 600 0\n");
         EXPECT_EQ(csAsk("x"), "served");
         EXPECT_EQ(stRun("! [ -e /tmp/nowhere ] && ! [ -f /tmp/victim ] || grep precious /tmp/victim").nStatus,
                   0);
         EXPECT_TRUE(clServer.bStop());
-        EXPECT_EQ(fnInode(), 0u) << "left behind";
+        EXPECT_NE(stRun(csName + "ls -d $P").nStatus, 0) << "left behind";
     }
-}
-
-TEST_F(PipeServer, DoesNotStartWhereTheNameCannotBeHad)
-{
-    CEchoPipe clNoFolder("/tmp/missing/pipe");
-    EXPECT_FALSE(clNoFolder.bStart());
+    EXPECT_FALSE(CEchoPipe("/tmp/missing/pipe").bStart());
     ASSERT_EQ(stRun("mkdir /tmp/mounted && mount -t tmpfs none /tmp/mounted").nStatus, 0);
-    CEchoPipe clMounted("/tmp/mounted");
-    EXPECT_FALSE(clMounted.bStart());
+    EXPECT_FALSE(CEchoPipe("/tmp/mounted").bStart());
     EXPECT_EQ(stRun("umount /tmp/mounted && rmdir /tmp/mounted").nStatus, 0);
 }
 
@@ -166,11 +193,10 @@ TEST_F(PipeServer, AReplyThatCannotBeWrittenCostsNothingElse)
 {
     CEchoPipe clServer;
     ASSERT_TRUE(clServer.bStart());
-    const struct
-    {
-        const char* pszBefore; ///< $R is the reply's name
-        const char* pszFile;   ///< what a file at the name holds afterwards
-    } tCases[] = {
+    const std::string csName = "R=" + csReplyPipe(79) + "; ";
+    const std::string st = csRequest(79, 0, "x", "", 1);
+    const std::pair<const char*, const char*> tCases[] = {
+        // what makes $R, the reply's name; a file's content then
         {"true", ""},
         {"echo precious >$R", "precious\n"},
         {"echo precious >/tmp/victim; ln -s /tmp/victim $R", "precious\n"},
@@ -179,44 +205,28 @@ TEST_F(PipeServer, AReplyThatCannotBeWrittenCostsNothingElse)
         {"mkfifo -m 600 $R", ""}, // without reader
     };
     int nHandled = 0;
-    for (const auto& stCase : tCases) {
-        SCOPED_TRACE(stCase.pszBefore);
-        const std::string csName = "R=" + csReplyPipe(79) + "; ";
-        ASSERT_EQ(stRun("rm -rf /tmp/__pipe*; " + csName + stCase.pszBefore).nStatus, 0);
-        const std::string st = csRequest(79, 0, "x", "", 1);
+    for (const auto& [pszBefore, pszFile] : tCases) {
+        SCOPED_TRACE(pszBefore);
+        ASSERT_EQ(stRun("rm -rf /tmp/__pipe*; " + csName + pszBefore).nStatus, 0);
         ASSERT_TRUE(bWritePipe(s_pszPipe, st));
         EXPECT_EQ(csAsk("x"), "served");
         EXPECT_EQ(clServer.m_nHandled, nHandled += 2);
-        EXPECT_EQ(stRun(csName + "[ -f $R ] && cat $R").csOutput, stCase.pszFile);
+        EXPECT_EQ(stRun(csName + "[ -f $R ] && cat $R").csOutput, pszFile);
     }
-}
-
-TEST_F(PipeServer, AFullReplyFifoLosesTheReplyOnly)
-{
-    CEchoPipe clServer;
-    ASSERT_TRUE(clServer.bStart());
-    const CReplyPipe clFull(80);
+    const CReplyPipe clFull(79);
     const std::array<char, 4096> tPage{};
     while (::write(clFull.nFd(), tPage.data(), tPage.size()) > 0) {
     }
-    const std::string st = csRequest(80, 0, "x", "", 1);
     ASSERT_TRUE(bWritePipe(s_pszPipe, st));
     EXPECT_EQ(csAsk("x"), "served");
-    EXPECT_EQ(clServer.m_nHandled, 2);
+    EXPECT_EQ(clServer.m_nHandled, nHandled += 2);
 }
 
-TEST_F(PipeServer, AFailingRequestIsAnsweredAndTheNextIsServed)
+TEST_F(PipeServer, AFailingRequestIsAnsweredAndTheThreadLeavesSigtermToTheMainThread)
 {
     CEchoPipe clServer;
     ASSERT_TRUE(clServer.bStart());
     EXPECT_EQ(csAsk("throw"), "what went wrong");
-    EXPECT_EQ(csAsk("x"), "served");
-}
-
-TEST_F(PipeServer, ItsThreadLeavesSigtermToTheMainThread)
-{
-    CEchoPipe clServer;
-    ASSERT_TRUE(clServer.bStart());
     EXPECT_EQ(csAsk("mask"), "held");
 }
 

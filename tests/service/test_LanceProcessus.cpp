@@ -1,6 +1,8 @@
 #include "service/LanceProcessus.h"
 #include "service/ProcessManager.h"
 #include "support/Conversion.h"
+#include "support/DescriptorLimit.h"
+#include "support/Shell.h"
 #include "tools/TempDir.h"
 #include "tools/Wait.h"
 
@@ -51,55 +53,28 @@ protected:
     {
         const auto clStart = std::chrono::steady_clock::now();
         fnAction();
-        return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
-                                                                     clStart)
-            .count();
+        return (std::chrono::steady_clock::now() - clStart) / std::chrono::milliseconds(1);
     }
 };
-
-std::string csScript(const CTempDir& clDir, const std::string& csName, const std::string& csText)
-{
-    return clDir.csWrite(csName, csText, 0755);
-}
 } // namespace
 
 TEST(SplitArguments, FollowsBlanksAndQuotesOnly)
 {
-    const struct
-    {
-        const char* pszText;
-        std::vector<std::string> tExpected;
-    } tCases[] = {
-        {"", {}},
+    const std::pair<std::string, std::vector<std::string>> tCases[] = {
         {"   ", {}},
-        {"a b", {"a", "b"}},
         {"  a   b  ", {"a", "b"}},
         {"\"a b\" c", {"a b", "c"}},
         {"\"\" c", {"", "c"}},
         {"\"open end", {"open end"}},
         {"a\"b c\"d", {"a\"b", "c\"d"}},
         {"a;b|c >d $e `f`", {"a;b|c", ">d", "$e", "`f`"}},
-        {"--property=Description,ExecStart,Type show x",
-         {"--property=Description,ExecStart,Type", "show", "x"}},
     };
-    for (const auto& st : tCases) {
-        SCOPED_TRACE(st.pszText);
-        std::string cs(st.pszText);
+    for (const auto& [csText, tExpected] : tCases) {
+        std::string cs = csText;
         char* tWords[8];
         const int nCount = nSplitArguments(cs.data(), tWords, 8);
-        EXPECT_EQ(std::vector<std::string>(tWords, tWords + nCount), st.tExpected);
+        EXPECT_EQ(std::vector<std::string>(tWords, tWords + nCount), tExpected) << csText;
     }
-}
-
-TEST_F(LanceProcessus, TakesFiftyArgumentsWithTheProgramAndIgnoresTheRest)
-{
-    std::wstring csWords;
-    for (int n = 0; n < 60; ++n) {
-        csWords += L"w" + std::to_wstring(n) + L" ";
-    }
-    std::string csOutput;
-    EXPECT_EQ(nRun(L"/bin/echo", csWords, &csOutput), 0u);
-    EXPECT_TRUE(csOutput.ends_with(" w48\n")) << csOutput;
 }
 
 TEST_F(LanceProcessus, ChildGetsOnlyTheThreeStandardDescriptorsAndNoBlockedOrIgnoredSignal)
@@ -121,7 +96,7 @@ TEST_F(LanceProcessus, ChildGetsOnlyTheThreeStandardDescriptorsAndNoBlockedOrIgn
     EXPECT_EQ(csStatus, "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n");
 }
 
-TEST_F(LanceProcessus, ExitCodesAndMergedOutputArrive)
+TEST_F(LanceProcessus, ExitCodesAndMergedOutputArriveWhenTheChildEnds)
 {
     const CTempDir clDir;
     const struct
@@ -138,54 +113,58 @@ TEST_F(LanceProcessus, ExitCodesAndMergedOutputArrive)
         {"no-interpreter", "#!/does/not/exist\n", "", 127, ""},
         {"no-magic", "echo shell", "", 0, "shell\n"},
         {"reads-input", "#!/bin/sh\ncat; echo end", "", 0, "end\n"},
-        {"silent", "#!/bin/sh\nexec 1>&- 2>&-; sleep 0.2; exit 3", "", 3, ""},
+        {"closes-output", "#!/bin/sh\nexec 1>&- 2>&-; sleep 0.2; exit 3", "", 3, ""},
+        {"is-silent", "#!/bin/sh\nexec sleep 0.2", "", 0, ""},
     };
     for (const auto& st : tCases) {
         SCOPED_TRACE(st.pszName);
         std::string csOutput;
-        const std::wstring csPath = csFromUTF8(csScript(clDir, st.pszName, st.pszText));
-        EXPECT_EQ(nRun(csPath, csFromUTF8(st.pszArguments), &csOutput), st.nCode);
+        const std::wstring csPath = csFromUTF8(clDir.csWrite(st.pszName, st.pszText, 0755));
+        EXPECT_LT(nMsOf([&] { EXPECT_EQ(nRun(csPath, csFromUTF8(st.pszArguments), &csOutput), st.nCode); }),
+                  1000)
+            << "the end cuts a pause short";
         EXPECT_EQ(csOutput, st.pszOutput);
+    }
+    std::wstring csWords;
+    for (int n = 0; n < 60; ++n) {
+        csWords += L"w" + std::to_wstring(n) + L" ";
     }
     std::string csOutput;
     EXPECT_EQ(nRun(L"/does/not/exist", L"", &csOutput), 999u);
+    EXPECT_EQ(nRun(L"/bin/echo", csWords, &csOutput), 0u);
+    EXPECT_TRUE(csOutput.ends_with(" w48\n")) << csOutput << "fifty with the program, the rest is ignored";
 }
 
-TEST_F(LanceProcessus, ASilentChildsEndCutsThePauseShort)
-{
-    EXPECT_LT(nMsOf([] { EXPECT_EQ(nRun(L"/bin/sleep", L"0.1", nullptr), 0u); }), 1000);
-}
-
-TEST_F(LanceProcessus, WaitsWithoutReadingForAChildThatPrintsMoreThanAPipeHolds)
-{
-    unsigned int nCode = 999;
-    EXPECT_LT(nMsOf([&] {
-                  CLanceProcessus cl;
-                  ASSERT_TRUE(cl.bLanceProcessus(L"/bin/head", L"-c 1048576 /dev/zero", nullptr));
-                  EXPECT_TRUE(cl.bAttendFinExecution(&nCode));
-              }),
-              800);
-    EXPECT_EQ(nCode, 0u);
-}
-
-TEST_F(LanceProcessus, AGrandchildThatKeepsTheOutputOpenDoesNotProlongTheWait)
+TEST_F(LanceProcessus, NeitherAFullPipeNorAGrandchildThatKeepsItOpenProlongsTheWait)
 {
     const CTempDir clDir;
-    const std::wstring csPath =
-        csFromUTF8(csScript(clDir, "parent", "#!/bin/sh\nsleep 30 &\necho $!\nexit 4"));
-    std::string csGrandchild;
-    EXPECT_LT(nMsOf([&] { EXPECT_EQ(nRun(csPath, L"", &csGrandchild), 4u); }), 5000);
-    ::kill(std::stoi(csGrandchild), SIGKILL);
-    unsigned int nCode = 999;
-    EXPECT_LT(nMsOf([&] {
-                  CLanceProcessus cl;
-                  const std::wstring csSilent =
-                      csFromUTF8(csScript(clDir, "silent", "#!/bin/sh\nsleep 2 &\nexit 5"));
-                  ASSERT_TRUE(cl.bLanceProcessus(csSilent.c_str(), L"", nullptr));
-                  EXPECT_TRUE(cl.bAttendFinExecution(&nCode));
-              }),
-              1500);
-    EXPECT_EQ(nCode, 5u);
+    const struct
+    {
+        const char* pszName;
+        const char* pszText;
+        bool bRead;
+        unsigned int nCode;
+        long nMs;
+    } tCases[] = {{"grandchild", "#!/bin/sh\nsleep 30 &\necho $!\nexit 4", true, 4, 5000},
+                  {"grandchild-unread", "#!/bin/sh\nsleep 2 &\nexit 5", false, 5, 1500},
+                  {"megabyte-unread", "#!/bin/sh\nexec head -c 1048576 /dev/zero", false, 0, 800}};
+    for (const auto& st : tCases) {
+        SCOPED_TRACE(st.pszName);
+        CLanceProcessus cl;
+        unsigned int nCode = 999;
+        std::string csOutput;
+        const std::wstring csPath = csFromUTF8(clDir.csWrite(st.pszName, st.pszText, 0755));
+        EXPECT_LT(nMsOf([&] {
+                      ASSERT_TRUE(cl.bLanceProcessus(csPath.c_str(), L"", nullptr));
+                      EXPECT_TRUE(st.bRead ? cl.bLitSortieEtAttendFinExecution(&csOutput, &nCode)
+                                           : cl.bAttendFinExecution(&nCode));
+                  }),
+                  st.nMs);
+        EXPECT_EQ(nCode, st.nCode);
+        if (st.bRead) {
+            ::kill(std::stoi(csOutput), SIGKILL);
+        }
+    }
 }
 
 TEST_F(LanceProcessus, TwoChildrenThatEndBehindOneSignalBothYieldTheirCodes)
@@ -216,15 +195,14 @@ TEST_F(LanceProcessus, TwoChildrenThatEndBehindOneSignalBothYieldTheirCodes)
 TEST_F(LanceProcessus, LetsGoOfARunningChildWithoutKillingItAndReapsItLater)
 {
     const CTempDir clDir;
-    {
-        CLanceProcessus cl;
-        const std::string csText = "#!/bin/sh\nsleep 0.2\necho done >" + clDir.csPath("mark") + "\n";
-        ASSERT_TRUE(cl.bLanceProcessus(csFromUTF8(csScript(clDir, "late", csText)).c_str(), L"", nullptr));
-        cl.bLibere();
-        EXPECT_EQ(CProcessManager::m_gpclManager->nCountRecords(), 1);
-        ASSERT_TRUE(cl.bLanceProcessus(L"/bin/true", L"", nullptr)) << "reusable at once";
-    }
-    EXPECT_TRUE(bWaitUntil([&] { return ::access(clDir.csPath("mark").c_str(), F_OK) == 0; }, 5000));
+    CLanceProcessus cl;
+    const std::string csLate =
+        clDir.csWrite("late", "#!/bin/sh\nsleep 0.2\n: >" + clDir.csPath("mark") + "\n", 0755);
+    ASSERT_TRUE(cl.bLanceProcessus(csFromUTF8(csLate).c_str(), L"", nullptr));
+    cl.bLibere();
+    EXPECT_EQ(CProcessManager::m_gpclManager->nCountRecords(), 1);
+    ASSERT_TRUE(cl.bLanceProcessus(L"/bin/true", L"", nullptr)) << "reusable at once";
+    EXPECT_TRUE(bWaitUntil([&] { return clDir.bExists("mark"); }, 5000));
 }
 
 TEST_F(LanceProcessus, KillsARunningChildAndToleratesAnInputThatNobodyReads)
@@ -237,12 +215,6 @@ TEST_F(LanceProcessus, KillsARunningChildAndToleratesAnInputThatNobodyReads)
     EXPECT_FALSE(cl.bEcritEntree("text", 4));
     EXPECT_TRUE(cl.bAttendFinExecution(&nCode));
     EXPECT_EQ(nCode, static_cast<unsigned int>(SIGKILL));
-    cl.bLibere();
-    ASSERT_TRUE(cl.bLanceProcessus(L"/bin/cat", L"", nullptr));
-    std::string csOutput;
-    EXPECT_TRUE(cl.bEcritEntree("hello", 5));
-    EXPECT_TRUE(cl.bLitSortieEtAttendFinExecution(&csOutput, &nCode));
-    EXPECT_EQ(csOutput, "hello");
 }
 
 TEST_F(LanceProcessus, AForeignChildIsLeftToItsParentAndReachesThePreviousHandler)
@@ -258,24 +230,30 @@ TEST_F(LanceProcessus, AForeignChildIsLeftToItsParentAndReachesThePreviousHandle
     EXPECT_EQ(WEXITSTATUS(nStatus), 5);
 }
 
-TEST_F(LanceProcessus, WorksWithDescriptorsBeyondTheFixedSelectSet)
+TEST_F(LanceProcessus, ARaisedDescriptorLimitIsUsedBeyondTheSelectSetAndNotInherited)
 {
-    rlimit stLimit{};
-    ::getrlimit(RLIMIT_NOFILE, &stLimit);
-    if (stLimit.rlim_max < 2000) {
+    rlimit stBefore{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &stBefore), 0);
+    if (stBefore.rlim_max < 2000) {
         GTEST_SKIP() << "SKIPPED: hard descriptor limit below 2000";
     }
-    const rlimit stRaised{stLimit.rlim_max, stLimit.rlim_max};
-    ::setrlimit(RLIMIT_NOFILE, &stRaised);
+    const rlimit stStartedWith{200, stBefore.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &stStartedWith), 0);
+    RaiseDescriptorLimit();
+    RaiseDescriptorLimit(); // a second time it must not take the raised limit for the first one
+    rlimit stRaised{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &stRaised), 0);
+    EXPECT_EQ(stRaised.rlim_cur, stBefore.rlim_max);
+    EXPECT_EQ(nShell("test \"$(ulimit -Sn)\" = 200"), 0);
     std::vector<CDescripteur> tFill;
-    while (tFill.empty() || tFill.back().nFd() < 1100) {
+    while (tFill.empty() || tFill.back().nFd() < 1100) { // select() takes 1024
         tFill.emplace_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
     }
     std::string csOutput;
-    EXPECT_EQ(nRun(L"/bin/echo", L"high", &csOutput), 0u);
-    EXPECT_EQ(csOutput, "high\n");
+    EXPECT_EQ(nRun(L"/bin/sh", L"-c \"ulimit -Sn\"", &csOutput), 0u);
+    EXPECT_EQ(csOutput, "200\n");
     tFill.clear();
-    ::setrlimit(RLIMIT_NOFILE, &stLimit);
+    ::setrlimit(RLIMIT_NOFILE, &stBefore);
 }
 
 TEST_F(LanceProcessus, ManyThreadsLaunchingAtOnceLoseNoChildNoCodeAndNoOutput)
@@ -286,7 +264,7 @@ TEST_F(LanceProcessus, ManyThreadsLaunchingAtOnceLoseNoChildNoCodeAndNoOutput)
     constexpr int nRounds = 416; // 16 threads, 20,000 launches in all
 #endif
     const CTempDir clDir;
-    const std::wstring csBroken = csFromUTF8(csScript(clDir, "broken", "#!/does/not/exist\n"));
+    const std::wstring csBroken = csFromUTF8(clDir.csWrite("broken", "#!/does/not/exist\n", 0755));
     std::atomic<int> nWrong{0};
     std::vector<std::thread> tThreads;
     for (int n = 0; n < 16; ++n) {

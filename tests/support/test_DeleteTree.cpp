@@ -1,12 +1,10 @@
 #include "support/Conversion.h"
 #include "support/DiskFile.h"
 #include "support/ProtectedDirectories.h"
-#include "support/ZTThread.h"
-#include "tools/PrivateMounts.h"
+#include "tools/Elsewhere.h"
+#include "tools/PrivateWorld.h"
 #include "tools/TempDir.h"
-#include "tools/Wait.h"
 
-#include <atomic>
 #include <cerrno>
 #include <fcntl.h>
 #include <filesystem>
@@ -14,7 +12,6 @@
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace fs = std::filesystem;
 
@@ -29,62 +26,27 @@ int nDelete(const std::wstring& csPath)
 
 TEST(DeleteTree, OnlyAFolderOfItsOwnMayBeDeleted)
 {
-    const struct
-    {
-        const char* pszPath;
-        bool bOwn;
-    } tCases[] = {
-        {"/opt/velmo", true},
-        {"/opt/velmo/server1", true},
-        {"/srv/db", true},
-        {"/var/lib/velmo", true},
-        {"/usr/local/velmo", true},
-        {"/usr/local/lib/velmo", true},
-        {"/home/joe/servers", true},
-        {"/root/servers", true},
-        {"/tmp/x", true},
-        {"/mnt/disk/servers", true},
-        {"/usrlocal/x", true},
-        {"/usr/localx/y", false},
-        {"/", false},
-        {"", false},
-        {"relative/dir", false},
-        {"/opt", false},
-        {"/anything", false},
-        {"/tmp", false},
-        {"/usr", false},
-        {"/usr/bin", false},
-        {"/usr/lib/systemd/system", false},
-        {"/usr/local", false},
-        {"/usr/local/bin", false},
-        {"/usr/local/bin/x", false},
-        {"/bin", false},
-        {"/sbin/x", false},
-        {"/lib/x86_64-linux-gnu", false},
-        {"/lib64", false},
-        {"/etc/systemd", false},
-        {"/etc/init.d", false},
-        {"/boot/grub", false},
-        {"/dev/shm/x", false},
-        {"/proc/1", false},
-        {"/sys/fs", false},
-        {"/run/x", false},
-        {"/var", false},
-        {"/var/lib", false},
-        {"/var/run", false},
-        {"/var/log/velmo", false},
-        {"/var/lib/dpkg/info", false},
-        {"/var/lib/systemd", false},
-        {"/home", false},
-        {"/home/joe", false},
-        {"/root", false},
-        {"/opt/a/../..", false},
-        {"/opt/./a", false},
-        {"/opt//a", false},
-        {"/opt/a/", false},
+    const std::pair<std::string, std::vector<const char*>> tCases[] = {
+        {"own",
+         {"/opt/velmo", "/opt/velmo/server1", "/srv/db", "/var/lib/velmo", "/usr/local/velmo",
+          "/usr/local/lib/velmo", "/home/joe/servers", "/root/servers", "/tmp/x", "/mnt/disk/servers",
+          "/usrlocal/x"}},
+        {"not the one plain name", {"", "relative/dir", "/opt/a/../..", "/opt/./a", "/opt//a", "/opt/a/"}},
+        {"shared by many",
+         {"/", "/opt", "/anything", "/tmp", "/usr", "/usr/local", "/var", "/var/lib", "/var/run", "/home",
+          "/home/joe", "/root"}},
+        {"programs",
+         {"/usr/bin", "/usr/local/bin", "/usr/local/bin/x", "/usr/localx/y", "/bin", "/sbin/x",
+          "/usr/lib/systemd/system", "/lib/x86_64-linux-gnu", "/lib64"}},
+        {"the system's",
+         {"/etc/systemd", "/etc/init.d", "/boot/grub", "/var/log/velmo", "/var/lib/dpkg/info",
+          "/var/lib/systemd"}},
+        {"no disk", {"/dev/shm/x", "/proc/1", "/sys/fs", "/run/x"}},
     };
-    for (const auto& st : tCases) {
-        EXPECT_EQ(bOwnFolder(st.pszPath), st.bOwn) << st.pszPath;
+    for (const auto& [csKind, tPaths] : tCases) {
+        for (const char* psz : tPaths) {
+            EXPECT_EQ(bOwnFolder(psz), csKind == "own") << psz << " " << csKind;
+        }
     }
 }
 
@@ -101,10 +63,9 @@ TEST(DeleteTree, LeavesNothingAndFollowsNoLink)
     ASSERT_EQ(::mkfifo(clDir.csPath("tree/fifo").c_str(), 0600), 0);
     for (int n = 0; n < 300; ++n) {
         clDir.csWrite("tree/wide/f" + std::to_string(n), "");
-        ::mkdir(clDir.csPath("tree/wide/d" + std::to_string(n)).c_str(), 0700);
+        clDir.csMakeDirectory("tree/wide/d" + std::to_string(n));
     }
-    fs::create_directory_symlink(clDir.csPath(),
-                                 clDir.csPath("parent")); // a link above the tree is no obstacle
+    fs::create_directory_symlink(clDir.csPath(), clDir.csPath("parent")); // above the tree it is no obstacle
     EXPECT_EQ(nDelete(clDir.csWidePath("parent/tree/")), 0);
     EXPECT_FALSE(clDir.bExists("tree"));
     EXPECT_TRUE(clDir.bExists("outside/keep"));
@@ -116,24 +77,19 @@ TEST(DeleteTree, RefusesWhatItsCallerCannotHaveMeant)
     clDir.csWrite("tree/sub/file", "x");
     fs::create_directory_symlink(clDir.csPath("tree"), clDir.csPath("link"));
     ASSERT_EQ(::chdir(clDir.csPath().c_str()), 0);
-    const struct
-    {
-        std::wstring csPath;
-        int nErrno;
-    } tCases[] = {
-        {L"", EPERM},
-        {L"tree", EPERM},
-        {L"./tree", EPERM},
-        {clDir.csWidePath("link"), EPERM},
-        {clDir.csWidePath("link/"), EPERM},
-        {clDir.csWidePath("tree/sub/.."), EPERM},
-        {clDir.csWidePath("tree/sub/../sub"), EPERM},
-        {clDir.csWidePath("tree/sub") + L'\0', EPERM},
-        {clDir.csWidePath("tree/sub/file"), ENOTDIR},
-        {clDir.csWidePath("gone"), ENOENT},
-    };
-    for (const auto& st : tCases) {
-        EXPECT_EQ(nDelete(st.csPath), st.nErrno) << csToUTF8(st.csPath);
+    const std::wstring cs = clDir.csWidePath() + L"/";
+    const std::pair<std::wstring, int> tCases[] = {{L"", EPERM},
+                                                   {L"tree", EPERM},
+                                                   {L"./tree", EPERM},
+                                                   {cs + L"link", EPERM},
+                                                   {cs + L"link/", EPERM},
+                                                   {cs + L"tree/sub/..", EPERM},
+                                                   {cs + L"tree/sub/../sub", EPERM},
+                                                   {cs + L"tree/sub" + L'\0', EPERM},
+                                                   {cs + L"tree/sub/file", ENOTDIR},
+                                                   {cs + L"gone", ENOENT}};
+    for (const auto& [csPath, nErrno] : tCases) {
+        EXPECT_EQ(nDelete(csPath), nErrno) << csToUTF8(csPath);
     }
     ASSERT_EQ(::chdir("/"), 0);
     EXPECT_TRUE(clDir.bExists("tree/sub/file"));
@@ -150,70 +106,46 @@ TEST(DeleteTree, ADeepTreeFitsAWorkersStackAndFewDescriptors)
         nFd = nBelow;
     }
     ::close(nFd);
-    struct STWorker : CZTThread
-    {
-        std::wstring csPath;
-        std::atomic<int> nResult{-1};
-        ~STWorker() override { Stop(1); }
-        static void Run(CZTThread* pclThread)
-        {
-            auto* pcl = static_cast<STWorker*>(pclThread);
-            pcl->Started();
-            pcl->nResult = nDelete(pcl->csPath);
-            pcl->Stopped();
-        }
-    };
     rlimit stOld{};
     ::getrlimit(RLIMIT_NOFILE, &stOld);
     const rlimit stFew{64, stOld.rlim_max};
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &stFew), 0);
-    STWorker clWorker;
-    clWorker.csPath = clDir.csWidePath("tree");
-    ASSERT_EQ(clWorker.eStart(&STWorker::Run, nullptr, 0, 0), CZTThread::START_OK);
-    EXPECT_TRUE(bWaitUntil([&] { return clWorker.nResult >= 0; }, 30000));
+    OnWorker([&] { EXPECT_EQ(nDelete(clDir.csWidePath("tree")), 0); });
     ::setrlimit(RLIMIT_NOFILE, &stOld);
-    EXPECT_EQ(clWorker.nResult, 0);
     EXPECT_FALSE(clDir.bExists("tree"));
 }
 
 TEST(DeleteTree, CrossesNoMountAndReportsIt)
 {
-    if (::geteuid() != 0) {
-        GTEST_SKIP() << "needs root to mount";
-    }
+    REQUIRE_PRIVATE_WORLD();
     const CTempDir clDir;
     clDir.csWrite("outside/keep", "x");
-    for (const char* psz : {"tmpfs", "bind"}) {
-        clDir.csMakeDirectory(std::string("tree/") + psz);
-    }
     clDir.csWrite("tree/file", "");
     clDir.csWrite("tree/goes", "");
-    const int nResult = nInPrivateMounts([&clDir] {
-        const std::string csOutside = clDir.csPath("outside");
-        if (::mount("tmpfs", clDir.csPath("tree/tmpfs").c_str(), "tmpfs", 0, nullptr) != 0 ||
-            ::mount(csOutside.c_str(), clDir.csPath("tree/bind").c_str(), nullptr, MS_BIND, nullptr) != 0 ||
-            ::mount(clDir.csPath("outside/keep").c_str(), clDir.csPath("tree/file").c_str(), nullptr, MS_BIND,
-                    nullptr) != 0) {
-            return 201;
-        }
-        clDir.csWrite("tree/tmpfs/keep", "x");
-        const bool bKept = nDelete(clDir.csWidePath("tree")) == EBUSY && clDir.bExists("tree/tmpfs/keep") &&
-                           clDir.bExists("tree/bind/keep") && clDir.bExists("tree/file") &&
-                           !clDir.bExists("tree/goes");
-        const bool bMountsRefused = nDelete(clDir.csWidePath("tree/tmpfs")) == EPERM &&
-                                    nDelete(clDir.csWidePath("tree/bind")) == EPERM &&
-                                    clDir.bExists("tree/bind/keep");
-        return bKept && bMountsRefused ? 0 : 1;
-    });
-    EXPECT_EQ(nResult, 0);
-    EXPECT_TRUE(clDir.bExists("outside/keep"));
+    const std::string csTmpfs = clDir.csMakeDirectory("tree/tmpfs");
+    const std::pair<std::string, std::string> tBinds[] = {
+        {clDir.csPath("outside"), clDir.csMakeDirectory("tree/bind")},
+        {clDir.csPath("outside/keep"), clDir.csPath("tree/file")}};
+    ASSERT_EQ(::mount("tmpfs", csTmpfs.c_str(), "tmpfs", 0, nullptr), 0);
+    for (const auto& [csFrom, csTo] : tBinds) {
+        ASSERT_EQ(::mount(csFrom.c_str(), csTo.c_str(), nullptr, MS_BIND, nullptr), 0);
+    }
+    clDir.csWrite("tree/tmpfs/keep", "x");
+    EXPECT_EQ(nDelete(clDir.csWidePath("tree")), EBUSY);
+    EXPECT_FALSE(clDir.bExists("tree/goes"));
+    EXPECT_EQ(nDelete(clDir.csWidePath("tree/tmpfs")), EPERM);
+    EXPECT_EQ(nDelete(clDir.csWidePath("tree/bind")), EPERM);
+    for (const char* psz : {"tree/tmpfs/keep", "tree/bind/keep", "tree/file", "outside/keep"}) {
+        EXPECT_TRUE(clDir.bExists(psz)) << psz;
+    }
+    for (const std::string& csMount : {csTmpfs, tBinds[0].second, tBinds[1].second}) {
+        ::umount2(csMount.c_str(), MNT_DETACH);
+    }
 }
 
 TEST(DeleteTree, RefusesTheSystemsDirectoriesByTheirResolvedNames)
 {
-    if (::geteuid() != 0) {
-        GTEST_SKIP() << "needs root to change the root directory";
-    }
+    REQUIRE_PRIVATE_WORLD();
     // A root directory of its own: no name in it reaches the real system.
     const CTempDir clRoot;
     for (const char* psz :
@@ -222,20 +154,15 @@ TEST(DeleteTree, RefusesTheSystemsDirectoriesByTheirResolvedNames)
     }
     fs::create_directory_symlink("/usr/bin", clRoot.csPath("bin"));
     fs::create_directory_symlink("/usr", clRoot.csPath("opt/usr"));
-    const int nResult = nInPrivateMounts([&clRoot] {
-        if (::chroot(clRoot.csPath().c_str()) != 0 || ::chdir("/") != 0) {
-            return 201;
+    InChild([&clRoot] {
+        ASSERT_TRUE(::chroot(clRoot.csPath().c_str()) == 0 && ::chdir("/") == 0);
+        for (const wchar_t* psz : {L"/", L"//", L"/usr/", L"/usr/bin", L"/bin", L"/bin/", L"/home/joe",
+                                   L"/etc/x", L"/run/x", L"/opt/usr/bin", L"/opt/usr"}) {
+            EXPECT_EQ(nDelete(psz), EPERM) << csToUTF8(psz);
         }
-        for (const wchar_t* psz :
-             {L"/", L"//", L"/usr", L"/usr/", L"/usr/bin", L"/bin", L"/bin/", L"/opt", L"/home", L"/home/joe",
-              L"/etc/x", L"/run/x", L"/var/lib", L"/opt/usr/bin", L"/opt/usr"}) {
-            if (nDelete(psz) != EPERM) {
-                return 1;
-            }
-        }
-        return nDelete(L"/opt/velmo") == 0 && nDelete(L"/var/lib/velmo") == 0 ? 0 : 2;
+        EXPECT_EQ(nDelete(L"/opt/velmo"), 0);
+        EXPECT_EQ(nDelete(L"/var/lib/velmo"), 0);
     });
-    EXPECT_EQ(nResult, 0);
     for (const char* psz :
          {"usr/bin/file", "usr/lib/file", "etc/x/file", "home/joe/file", "opt/mine/file", "run/x/file"}) {
         EXPECT_TRUE(clRoot.bExists(psz)) << psz;
@@ -245,25 +172,20 @@ TEST(DeleteTree, RefusesTheSystemsDirectoriesByTheirResolvedNames)
 
 TEST(DeleteTree, WhatCannotGoIsToldByItsPath)
 {
-    if (::geteuid() != 0) {
-        GTEST_SKIP() << "needs root to take on another user";
-    }
+    REQUIRE_PRIVATE_WORLD();
     const CTempDir clDir;
     clDir.csWrite("tree/locked/file", "x");
     clDir.csWrite("tree/open/file", "x");
     for (const char* psz : {"tree", "tree/open", ""}) {
         ::chmod(clDir.csPath(psz).c_str(), 0777);
     }
-    const int nResult = nInPrivateMounts([&clDir] {
+    InChild([&clDir] {
+        ASSERT_TRUE(::setresgid(65534, 65534, 65534) == 0 && ::setresuid(65534, 65534, 65534) == 0);
         CXError clError;
-        const bool bUser = ::setresgid(65534, 65534, 65534) == 0 && ::setresuid(65534, 65534, 65534) == 0;
-        const bool bDeleted = CDiskFile::bDeleteTree(clDir.csWidePath("tree"), &clError);
-        return bUser && !bDeleted && clError.nGetSystemError() == EACCES &&
-                       clError.csGetMessage() == L"delete " + clDir.csWidePath("tree/locked/file")
-                   ? 0
-                   : 1;
+        EXPECT_FALSE(CDiskFile::bDeleteTree(clDir.csWidePath("tree"), &clError));
+        EXPECT_EQ(clError.nGetSystemError(), EACCES);
+        EXPECT_EQ(clError.csGetMessage(), L"delete " + clDir.csWidePath("tree/locked/file"));
     });
-    EXPECT_EQ(nResult, 0);
     EXPECT_TRUE(clDir.bExists("tree/locked/file"));
     EXPECT_FALSE(clDir.bExists("tree/open"));
 }

@@ -6,66 +6,51 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 
-using testing::Test;
+using CCase = std::pair<const wchar_t*, const wchar_t*>; // format, text
 
 TEST(FormatMessage, EscapesAndUnknownDirectives)
 {
-    const struct
-    {
-        const wchar_t* pszFormat;
-        const wchar_t* pszWanted;
-    } tCases[] = {
+    const CCase tCases[] = {
         {L"", L""},
-        {L"plain", L"plain"},
-        {L"100%% sure%!", L"100% sure!"},
+        {L"plain a\r\nb 100%% sure%!", L"plain a\r\nb 100% sure!"},
         {L"a%nb%rc%td%be%.f", L"a\r\nb\rc\td e.f"},
         {L"%x%y% ", L"xy "},
         {L"end%0 of it", L"end"},
         {L"%0", L""},
         {L"a%", L"a"},
-        {L"a\r\nb", L"a\r\nb"},
     };
-    for (const auto& st : tCases) {
-        EXPECT_EQ(csFormatMessage(st.pszFormat), st.pszWanted);
+    for (const auto& [pszFormat, pszWanted] : tCases) {
+        EXPECT_EQ(csFormatMessage(pszFormat), pszWanted);
     }
 }
 
 TEST(FormatMessage, StringsInAnyOrderAndNumber)
 {
-    const struct
-    {
-        const wchar_t* pszFormat;
-        const wchar_t* pszWanted;
-    } tCases[] = {
+    const CCase tCases[] = {
         {L"%1", L"one"},
         {L"%2 before %1, %2 again", L"two before one, two again"},
         {L"%3", L"three"},
         {L"%1!s!%2!ls!%3!ws!", L"onetwothree"},
-        {L"[%1!6s!][%1!-6s!][%3!.2s!][%3!4.1s!]", L"[   one][one   ][th][   t]"},
+        {L"[%1!4s!][%1!-6s!][%3!.2s!][%3!4.1s!]", L"[ one][one   ][th][   t]"},
         {L"%12", L"twelve"},
         {L"%1%%%2", L"one%two"},
         {L"%1!", L"%1!"},
         {L"%1!s", L"%1!s"}, // ends in the middle of an insert
-
         {L"%1!6", L"%1!6"},
         {L"%1!*s!%2", L"%1!*s!two"},
         {L"%1!q!", L"%1!q!"},
         {L"%1!!", L"%1!!"},
         {L"%1 %1!d!", L"one %1!d!"}, // contradicts the first
-        {L"[%1!99999999999s!", nullptr},
     };
-    for (const auto& st : tCases) {
-        const std::wstring cs = csFormatMessage(st.pszFormat, L"one", L"two", L"three", L"4", L"5", L"6",
-                                                L"7", L"8", L"9", L"10", L"11", L"twelve");
-        if (st.pszWanted != nullptr) {
-            EXPECT_EQ(cs, st.pszWanted);
-        } else {
-            EXPECT_LE(cs.size(), 1001u); // widths are bounded
-        }
+    for (const auto& [pszFormat, pszWanted] : tCases) {
+        EXPECT_EQ(csFormatMessage(pszFormat, L"one", L"two", L"three", L"4", L"5", L"6", L"7", L"8", L"9",
+                                  L"10", L"11", L"twelve"),
+                  pszWanted);
     }
+    EXPECT_LE(csFormatMessage(L"[%1!99999999999s!", L"one").size(), 1001u); // widths are bounded
 }
 
-TEST(FormatMessage, EachInsertsTypeDecidesHowTheArgumentsAreWalked)
+TEST(FormatMessage, EachInsertDecidesHowItsArgumentIsRead)
 {
     const long long nBig = 0x123456789ALL;
     EXPECT_EQ(csFormatMessage(L"%4 %3!I64d! %2!u! %1!d!", -1, 4000000000u, nBig, L"last"),
@@ -77,44 +62,26 @@ TEST(FormatMessage, EachInsertsTypeDecidesHowTheArgumentsAreWalked)
               L"\u00E9\u20AC|\u00E9\u20AC|\u20AC|\u20AC");
     EXPECT_EQ(csFormatMessage(L"%1 %2!S!", static_cast<wchar_t*>(nullptr), static_cast<char*>(nullptr)),
               L"(null) (null)");
+    const char szNoEnd[3] = {'a', 'b', 'c'};
+    const wchar_t szWideNoEnd[2] = {L'x', L'y'};
+    EXPECT_EQ(csFormatMessage(L"%1!.3S!%2!.2s!", szNoEnd, szWideNoEnd), L"abcxy"); // no more is read
 }
 
 TEST(FormatMessage, IntegersTakeFlagsWidthAndPrecision)
 {
-    const struct
-    {
-        const wchar_t* pszFormat;
-        int nValue;
-        const wchar_t* pszWanted;
-    } tCases[] = {
-        {L"%1!d!", INT_MIN, L"-2147483648"},
-        {L"%1!i!", 7, L"7"},
-        {L"%1!ld!", -7, L"-7"},
-        {L"%1!u!", -1, L"4294967295"},
-        {L"%1!lu!", -1, L"4294967295"},
-        {L"%1!x!", 0xABC, L"abc"},
-        {L"%1!lX!", 0xABC, L"ABC"},
-        {L"%1!#x!", 255, L"0xff"},
-        {L"%1!o!", 8, L"10"},
-        {L"[%1!5d!]", 42, L"[   42]"},
-        {L"[%1!-5d!]", 42, L"[42   ]"},
+    const std::tuple<const wchar_t*, int, const wchar_t*> tCases[] = {
+        {L"%1!d! %1!i! %1!ld! %1!I32d!", INT_MIN, L"-2147483648 -2147483648 -2147483648 -2147483648"},
+        {L"%1!u! %1!lu!", -1, L"4294967295 4294967295"},
+        {L"%1!x! %1!lX! %1!#x! %1!o!", 0xABC, L"abc ABC 0xabc 5274"},
+        {L"[%1!5d!] [%1!-5d!]", 42, L"[   42] [42   ]"},
         {L"[%1!05d!]", -42, L"[-0042]"},
         {L"[%1!+.3d!]", 4, L"[+004]"},
-        {L"%1!hd!", 0x1FFFF, L"-1"},
-        {L"%1!hu!", 0x1FFFF, L"65535"},
-        {L"%1!I32d!", 9, L"9"},
+        {L"%1!hd! %1!hu!", 0x1FFFF, L"-1 65535"},
     };
-    for (const auto& st : tCases) {
-        EXPECT_EQ(csFormatMessage(st.pszFormat, st.nValue), st.pszWanted);
+    for (const auto& [pszFormat, nValue, pszWanted] : tCases) {
+        EXPECT_EQ(csFormatMessage(pszFormat, nValue), pszWanted);
     }
     EXPECT_EQ(csFormatMessage(L"%1!2000000000.2000000000d!", 1).size(), 1000u);
-}
-
-TEST(FormatMessage, ThePrecisionBoundsWhatIsReadOfAString)
-{
-    const char szNoEnd[3] = {'a', 'b', 'c'};
-    const wchar_t szWideNoEnd[2] = {L'x', L'y'};
-    EXPECT_EQ(csFormatMessage(L"%1!.3S!%2!.2s!", szNoEnd, szWideNoEnd), L"abcxy");
 }
 
 TEST(FormatMessage, SystemTextsAndInsertsLeftAlone)

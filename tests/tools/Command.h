@@ -1,6 +1,9 @@
 #pragma once
 
+#include <array>
+#include <cstdio>
 #include <string>
+#include <sys/wait.h>
 
 /// What a shell command left behind.
 struct STCommandResult
@@ -11,4 +14,20 @@ struct STCommandResult
 
 /// Runs a command line with /bin/sh, standard input empty, and waits until it and whoever keeps its output
 /// open have ended. For tests only: the command line is trusted.
-STCommandResult stRun(const std::string& csCommand);
+inline STCommandResult stRun(const std::string& csCommand)
+{
+    std::FILE* pstPipe = ::popen(("{ " + csCommand + "\n} </dev/null 2>&1").c_str(), "re");
+    if (pstPipe == nullptr) {
+        return {-1, ""};
+    }
+    STCommandResult stResult{-1, ""};
+    std::array<char, 4096> tBuffer;
+    while (const std::size_t nCount = std::fread(tBuffer.data(), 1, tBuffer.size(), pstPipe)) {
+        stResult.csOutput.append(tBuffer.data(), nCount);
+    }
+    const int nStatus = ::pclose(pstPipe);
+    if (nStatus != -1) {
+        stResult.nStatus = WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : 128 + WTERMSIG(nStatus);
+    }
+    return stResult;
+}

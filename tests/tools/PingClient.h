@@ -1,14 +1,13 @@
 #pragma once
 
 #include "support/Descripteur.h"
+#include "tools/Address.h"
 
-#include <arpa/inet.h>
 #include <array>
-#include <netinet/in.h>
+#include <cerrno>
 #include <poll.h>
 #include <string>
 #include <string_view>
-#include <sys/socket.h>
 
 /// A tool that asks over UDP, without being bound to one address.
 class CPingClient
@@ -18,21 +17,13 @@ public:
     /// sent.
     bool Ask(const std::string& csAddress, unsigned short wPort, std::string_view csQuestion)
     {
-        const bool bIPv6 = csAddress.find(':') != std::string::npos;
-        sockaddr_in6 st6{};
-        sockaddr_in st4{};
-        st6.sin6_family = AF_INET6;
-        st4.sin_family = AF_INET;
-        st6.sin6_port = st4.sin_port = htons(wPort);
-        ::inet_pton(AF_INET6, csAddress.c_str(), &st6.sin6_addr);
-        ::inet_pton(AF_INET, csAddress.c_str(), &st4.sin_addr);
-        m_clSocket = CDescripteur(::socket(bIPv6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        const sockaddr_in6 st = stAddress(csAddress.c_str(), wPort);
+        m_clSocket = CDescripteur(::socket(st.sin6_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
         const int nOne = 1;
         ::setsockopt(m_clSocket.nFd(), SOL_SOCKET, SO_BROADCAST, &nOne, sizeof nOne);
-        const auto* const pstTo =
-            bIPv6 ? reinterpret_cast<sockaddr*>(&st6) : reinterpret_cast<sockaddr*>(&st4);
-        return ::sendto(m_clSocket.nFd(), csQuestion.data(), csQuestion.size(), 0, pstTo,
-                        bIPv6 ? sizeof st6 : sizeof st4) == static_cast<ssize_t>(csQuestion.size());
+        return ::sendto(m_clSocket.nFd(), csQuestion.data(), csQuestion.size(), 0,
+                        reinterpret_cast<const sockaddr*>(&st),
+                        sizeof st) == static_cast<ssize_t>(csQuestion.size());
     }
     /// The next datagram: the address it came from, a blank, its bytes; or in angle brackets that none came.
     std::string csAnswer(int nMs = 20000) const

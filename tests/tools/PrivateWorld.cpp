@@ -1,5 +1,7 @@
 #include "tools/PrivateWorld.h"
 
+#include "support/Descripteur.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -11,18 +13,15 @@
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 bool bLoopbackUp()
 {
-    const int nSocket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const CDescripteur clSocket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     ifreq stRequest{};
     std::snprintf(stRequest.ifr_name, sizeof stRequest.ifr_name, "lo");
     stRequest.ifr_flags = IFF_UP | IFF_RUNNING;
-    const bool bDone = ::ioctl(nSocket, SIOCSIFFLAGS, &stRequest) == 0;
-    ::close(nSocket);
-    return bDone;
+    return ::ioctl(clSocket.nFd(), SIOCSIFFLAGS, &stRequest) == 0;
 }
 
 bool bMakeWorld()

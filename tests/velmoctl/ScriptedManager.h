@@ -1,6 +1,7 @@
 #pragma once
 
 #include "support/Descripteur.h"
+#include "tools/Address.h"
 #include "tools/Command.h"
 #include "tools/Machine.h"
 
@@ -9,6 +10,7 @@
 #include <array>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <netinet/in.h>
 #include <poll.h>
@@ -49,7 +51,7 @@ private:
     CDescripteur m_clSocket;
 };
 
-/// A server on a free port of the loopback that does to each connection, in a thread of its own, what a test
+/// A server on a free port of the loopback that serves each connection, in a thread of its own, as a test
 /// wants.
 class CScriptedServer
 {
@@ -57,14 +59,12 @@ public:
     explicit CScriptedServer(std::function<void(CClientSide&)> fnServe)
         : m_fnServe(std::move(fnServe)), m_clSocket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
     {
-        sockaddr_in st{};
-        st.sin_family = AF_INET;
-        st.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sockaddr_in6 st = stAddress("127.0.0.1", 0);
         socklen_t nLength = sizeof st;
         (void)::bind(m_clSocket.nFd(), reinterpret_cast<sockaddr*>(&st), nLength);
         (void)::listen(m_clSocket.nFd(), 64);
         (void)::getsockname(m_clSocket.nFd(), reinterpret_cast<sockaddr*>(&st), &nLength);
-        m_csPort = std::to_string(ntohs(st.sin_port));
+        m_csPort = std::to_string(ntohs(st.sin6_port));
         m_clThread = std::thread([this] { _Accept(); });
     }
     ~CScriptedServer()
@@ -98,12 +98,11 @@ private:
     std::thread m_clThread;
 };
 
-/// A server that keeps to the protocol: greets, agrees on UTF-8 and gives the answers of a table (line,
-/// answer), in which a repeated line gives the next one.
+/// A server that keeps to the protocol: greets, agrees on UTF-8 and gives the answers of a table.
 class CScriptedManager
 {
 public:
-    using Answers = std::vector<std::pair<std::string, std::string>>;
+    using Answers = std::map<std::string, std::string>;
 
     explicit CScriptedManager(Answers tAnswers)
         : m_tAnswers(std::move(tAnswers)), m_clServer([this](CClientSide& clClient) { _Serve(clClient); })
@@ -128,20 +127,12 @@ private:
     {
         const std::lock_guard clGuard(m_clMutex);
         m_csAsked += csLine + "|";
-        const auto it = std::find_if(m_tAnswers.begin(), m_tAnswers.end(),
-                                     [&](const auto& st) { return st.first == csLine; });
-        if (it == m_tAnswers.end()) {
-            return "ERROR\t8";
-        }
-        const std::string csAnswer = it->second;
-        if (std::count_if(it, m_tAnswers.end(), [&](const auto& st) { return st.first == csLine; }) > 1) {
-            m_tAnswers.erase(it);
-        }
-        return csAnswer;
+        const auto it = m_tAnswers.find(csLine);
+        return it == m_tAnswers.end() ? "ERROR\t8" : it->second;
     }
 
     std::mutex m_clMutex;
-    Answers m_tAnswers;
+    const Answers m_tAnswers;
     std::string m_csAsked;
     CScriptedServer m_clServer;
 };

@@ -3,18 +3,10 @@
 #include "ScriptedManager.h"
 #include "velmoctl/Commands.h"
 
-#include <fstream>
 #include <gtest/gtest.h>
-#include <iterator>
 
 namespace {
 const std::string s_csPage = csSource() + "/docs/man/velmoctl.1";
-
-std::string csRead(const std::string& csFile)
-{
-    std::ifstream clFile(csFile);
-    return {std::istreambuf_iterator<char>(clFile), {}};
-}
 
 /// What bash offers for the last of the words, sorted, with blanks between.
 std::string csCompletions(const std::string& csWords, const std::string& csSetUp = "")
@@ -39,7 +31,7 @@ std::string csSorted(std::vector<std::string> tWords)
 
 TEST(Documents, TheManPageHasEveryCommandAndOptionAndNoFault)
 {
-    const std::string csPage = csRead(s_csPage);
+    const std::string csPage = stRun("cat " + s_csPage).csOutput;
     for (const std::string& csCommand : tCommandNames()) {
         EXPECT_TRUE(csPage.find("\n.B " + csCommand + "\n") != csPage.npos ||
                     csPage.find("\n.BI " + csCommand + " ") != csPage.npos)
@@ -57,7 +49,7 @@ TEST(Documents, TheManPageHasEveryCommandAndOptionAndNoFault)
     EXPECT_EQ(stRun("groff -man -Tutf8 -ww -z " + s_csPage).csOutput, "");
 }
 
-TEST(Documents, TheCompletionOffersWhatTheCommandsKnow)
+TEST(Documents, TheCompletionOffersWhatTheCommandsKnowAndAsksTheManagerForNames)
 {
     EXPECT_EQ(csCompletions("velmoctl \"\""), csSorted(tCommandNames()));
     EXPECT_EQ(csCompletions("velmoctl --host x li"), "lint list\n");
@@ -65,13 +57,9 @@ TEST(Documents, TheCompletionOffersWhatTheCommandsKnow)
         EXPECT_EQ(csCompletions("velmoctl " + csCommand + " --"), csSorted(tOptionsOf(csCommand)))
             << csCommand;
     }
-}
-
-TEST(Documents, TheCompletionAsksTheManagerForNames)
-{
     CScriptedManager clManager(
         CScriptedManager::Answers{{"INFO", "YES\tv\ts\tk\tp\tm\tOrders\t1\tOr der\t2\tStock\t3"}});
-    const std::string csSetUp = "velmoctl() { " + csClient() + " \"$@\"; }; ";
-    EXPECT_EQ(csCompletions("velmoctl --port " + clManager.csPort() + " status Or", csSetUp),
+    EXPECT_EQ(csCompletions("velmoctl --port " + clManager.csPort() + " status Or",
+                            "velmoctl() { " + csClient() + " \"$@\"; }; "),
               "Or\\ der Orders\n");
 }

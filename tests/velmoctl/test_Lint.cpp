@@ -9,10 +9,9 @@
 
 #include <algorithm>
 #include <array>
-#include <fstream>
 #include <gtest/gtest.h>
-#include <iterator>
 #include <random>
+#include <sstream>
 
 using std::string_literals::operator""s;
 
@@ -34,20 +33,15 @@ std::string csUTF16File(const std::string& csText)
 
 TEST(Lint, TheSampleWithEverySettingIsFreeOfFaults)
 {
-    std::ifstream clFile(csSource() + "/docs/DXConf.ini.sample", std::ios::binary);
-    const std::string csSample((std::istreambuf_iterator<char>(clFile)), {});
-    ASSERT_FALSE(csSample.empty());
+    const std::string csSample = stRun("cat " + csSource() + "/docs/DXConf.ini.sample").csOutput;
+    ASSERT_GT(csSample.size(), 1000u);
     EXPECT_EQ(csFindings(csSample), "");
     EXPECT_EQ(csFindings(csUTF16File(csSample)), "");
 }
 
 TEST(Lint, LinesThatReaderOrWriterDoNotSeeAreFoundWithTheirNumber)
 {
-    const struct
-    {
-        std::string csFile;
-        std::string csFindings;
-    } tCases[] = {
+    const std::pair<std::string, std::string> tCases[] = {
         {"", ""},
         {"\r\n: [x]\r\n; a = b\n#\n[INIT]\r\nname=x\r\n\r\n[Manager]\nCHECKPERIOD\t=\t5 \n", ""},
         {"Name=x\n[INIT]\n", "1: \"Name\" stands in front of the first section: it is never read\n"},
@@ -82,19 +76,15 @@ TEST(Lint, LinesThatReaderOrWriterDoNotSeeAreFoundWithTheirNumber)
         {csUTF16File("[INIT]\nNmae=x\n") + "y",
          "2: unknown key \"Nmae\" in section \"INIT\"\n2: the file ends in the middle of a character\n"},
     };
-    for (const auto& st : tCases) {
-        SCOPED_TRACE(st.csFile);
-        EXPECT_EQ(csFindings(st.csFile), st.csFindings);
+    for (const auto& [csFile, csExpected] : tCases) {
+        EXPECT_EQ(csFindings(csFile), csExpected) << csFile;
     }
 }
 
 TEST(Lint, ValuesThatDoNotReadAsTheirTypeAreFound)
 {
-    const struct
-    {
-        const char* pszLine; // in section INIT
-        const char* pszFault;
-    } tCases[] = {
+    const std::pair<std::string, std::string> tCases[] = {
+        // in section INIT
         {"AccessPort= 4900 ", ""},
         {"AccessPort=", "AccessPort: the value is empty: reads as 0, not as the default 4900"},
         {"AccessPort=0x1388", "AccessPort: \"0x1388\" reads as 0: what follows the digits is ignored"},
@@ -123,19 +113,13 @@ TEST(Lint, ValuesThatDoNotReadAsTheirTypeAreFound)
         {"Name=x ", "Name: the blanks at the end belong to the value"},
         {"Name=x ; mine",
          "Name: the text behind \";\" belongs to the value: a comment is a line that begins with \":\""},
-        {"Installer="
-         "nnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnn"
-         "nnnnnnnnn",
-         "Installer: only the first 98 characters of the value count"},
-        {"Name=Donn\xC3\xA9",
-         "Name: the value is in UTF-8, but will be read as Windows-1252: \"Donn\xC3\x83\xC2\xA9\""},
+        {"Installer=" + std::string(99, 'n'), "Installer: only the first 98 characters of the value count"},
+        {"Name=Donné", "Name: the value is in UTF-8, but will be read as Windows-1252: \"DonnÃ©\""},
         {"Name=Donn\xE9", ""},
     };
-    for (const auto& st : tCases) {
-        SCOPED_TRACE(st.pszLine);
-        const std::string csFault = st.pszFault;
-        EXPECT_EQ(csFindings("[INIT]\n" + std::string(st.pszLine) + "\n"),
-                  csFault.empty() ? "" : "2: " + csFault + "\n");
+    for (const auto& [csLine, csFault] : tCases) {
+        EXPECT_EQ(csFindings("[INIT]\n" + csLine + "\n"), csFault.empty() ? "" : "2: " + csFault + "\n")
+            << csLine;
     }
     EXPECT_EQ(csFindings("[MANAGER]\nCheckPeriod=4294968\n[ClusterNode]\nCluster=2\n"),
               "2: CheckPeriod: 4294968 wraps around: at most 4294967 seconds can be set\n"
@@ -147,27 +131,15 @@ TEST(Lint, ValuesThatDoNotReadAsTheirTypeAreFound)
 TEST(Lint, WhatIsFreeOfFaultsIsReadAndReplacedWhereItStands)
 {
     const CTempDir clFolder;
-    const std::array<const char*, 16> tPieces = {"[INIT]\n",
-                                                 "[MANAGER]\n",
-                                                 " [INIT]\n",
-                                                 "[INIT\n",
-                                                 "\n",
-                                                 " \n",
-                                                 ":c\n",
-                                                 ";c\n",
-                                                 "Name=x\n",
-                                                 "Name y=z\n",
-                                                 "\tCheckPeriod=7\n",
-                                                 "Name\n",
-                                                 "name =y\n",
-                                                 "CheckPeriod=7\n",
-                                                 "DumpLevel\t= 3\r\n",
-                                                 "]\n"};
-    const struct
-    {
-        const wchar_t* pszSection;
-        const wchar_t* pszKey;
-    } tKeys[] = {{L"INIT", L"Name"}, {L"MANAGER", L"CheckPeriod"}, {L"INIT", L"DumpLevel"}};
+    std::istringstream clPieces(
+        "[INIT]|[MANAGER]| [INIT]|[INIT|]|| |:c|;c|Name=x|Name y=z|\tCheckPeriod=7|Name|name =y|"
+        "CheckPeriod=7|DumpLevel\t= 3\r");
+    std::vector<std::string> tPieces;
+    for (std::string cs; std::getline(clPieces, cs, '|');) {
+        tPieces.push_back(cs + "\n");
+    }
+    const std::pair<const wchar_t*, const wchar_t*> tKeys[] = {
+        {L"INIT", L"Name"}, {L"MANAGER", L"CheckPeriod"}, {L"INIT", L"DumpLevel"}};
     std::mt19937 clRandom(20261121); // NOLINT: the same files every time
     int nClean = 0;
     int nReplaced = 0;
@@ -180,26 +152,23 @@ TEST(Lint, WhatIsFreeOfFaultsIsReadAndReplacedWhereItStands)
             continue;
         }
         ++nClean;
-        for (const auto& stKey : tKeys) {
-            const std::string csKey = csToUTF8(stKey.pszKey);
-            std::string csLower = csFile;
-            std::string csSought = csKey;
-            for (std::string* pcs : {&csLower, &csSought}) {
-                std::transform(pcs->begin(), pcs->end(), pcs->begin(),
-                               [](char c) { return static_cast<char>(std::tolower(c)); });
-            }
-            const std::size_t nStart = csLower.find(csSought);
-            if (nStart == std::string::npos) {
+        for (const auto& [pszSection, pszKey] : tKeys) {
+            const std::string csKey = csToUTF8(pszKey);
+            const auto itStart =
+                std::search(csFile.begin(), csFile.end(), csKey.begin(), csKey.end(),
+                            [](char c1, char c2) { return std::tolower(c1) == std::tolower(c2); });
+            if (itStart == csFile.end()) {
                 continue;
             }
+            const auto nStart = static_cast<std::size_t>(itStart - csFile.begin());
             const std::size_t nLength = csFile.find('\n', nStart) + 1 - nStart;
             const std::wstring csPath = csFromUTF8(clFolder.csWrite("f", csFile));
             std::array<wchar_t, 20> szValue{};
-            GetPrivateProfileString(stKey.pszSection, stKey.pszKey, L"<none>", szValue.data(), szValue.size(),
+            GetPrivateProfileString(pszSection, pszKey, L"<none>", szValue.data(), szValue.size(),
                                     csPath.c_str());
             const std::string csLine = csFile.substr(nStart, nLength);
             EXPECT_EQ(csToUTF8(szValue.data()), csLine.substr(csLine.find_last_not_of("\r\n"), 1)) << csFile;
-            ASSERT_NE(WritePrivateProfileString(stKey.pszSection, stKey.pszKey, L"new", csPath.c_str()), 0);
+            ASSERT_NE(WritePrivateProfileString(pszSection, pszKey, L"new", csPath.c_str()), 0);
             EXPECT_EQ(clFolder.csRead("f"), std::string(csFile).replace(nStart, nLength, csKey + " = new\n"));
             ++nReplaced;
         }

@@ -1,16 +1,87 @@
 // The client with a user in front of it: on a terminal, and at the prompt of its shell.
 
-#include "ProgramOnTerminal.h"
 #include "ScriptedManager.h"
-#include "support/Conversion.h"
+#include "tools/Wait.h"
 #include "velmoctl/Failure.h"
-#include "velmoctl/LineEditor.h"
 #include "velmoctl/Output.h"
 #include "velmoctl/Words.h"
 
+#include <chrono>
+#include <csignal>
 #include <gmock/gmock.h>
+#include <pty.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
+/// A program on a terminal of its own: what is typed goes in, what it shows comes out.
+class CProgramOnTerminal
+{
+public:
+    explicit CProgramOnTerminal(const std::string& csCommand)
+    {
+        winsize stSize{24, 80, 0, 0};
+        int nTerminal = -1;
+        m_nPid = ::forkpty(&nTerminal, nullptr, nullptr, &stSize);
+        if (m_nPid == 0) {
+            ::setenv("TERM", "xterm", 1);
+            ::execl("/bin/sh", "sh", "-c", ("exec " + csCommand).c_str(), nullptr);
+            ::_exit(127);
+        }
+        m_clTerminal = CDescripteur(nTerminal);
+    }
+    ~CProgramOnTerminal()
+    {
+        if (m_nPid > 0) {
+            ::kill(m_nPid, SIGKILL);
+            ::waitpid(m_nPid, nullptr, 0);
+        }
+    }
+    CProgramOnTerminal(const CProgramOnTerminal&) = delete;
+    CProgramOnTerminal& operator=(const CProgramOnTerminal&) = delete;
+
+    void Type(std::string_view cs) const { (void)!::write(m_clTerminal.nFd(), cs.data(), cs.size()); }
+    /// Waits until a text is shown, and reads no further.
+    bool bShows(const std::string& csText)
+    {
+        const auto clEnd = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        for (m_csShown.clear(); !m_csShown.ends_with(csText);) {
+            if (std::chrono::steady_clock::now() > clEnd || !_bRead()) {
+                return false;
+            }
+        }
+        return true;
+    }
+    /// Exit status, after reading all that is left; -1 when it then still runs.
+    int nEnd()
+    {
+        while (_bRead()) {
+        }
+        int nStatus = -1;
+        if (!bWaitUntil([&] { return ::waitpid(m_nPid, &nStatus, WNOHANG) == m_nPid; }, 1000)) {
+            return -1;
+        }
+        m_nPid = -1;
+        return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : 128 + WTERMSIG(nStatus);
+    }
+
+private:
+    bool _bRead()
+    {
+        pollfd st{m_clTerminal.nFd(), POLLIN, 0};
+        char c = 0;
+        if (TEMP_FAILURE_RETRY(::poll(&st, 1, 10'000)) != 1 || ::read(m_clTerminal.nFd(), &c, 1) != 1) {
+            return false;
+        }
+        m_csShown += c;
+        return true;
+    }
+
+    pid_t m_nPid = -1;
+    CDescripteur m_clTerminal;
+    std::string m_csShown;
+};
+
 const CScriptedManager::Answers s_tAnswers = {{"INFO", "YES\tv\ts\tk\tp\tm\tOrders\t4900"},
                                               {"STATUS\tOrders", "STATUS\tRUNNING"},
                                               {"STATUS\tStock", "STATUS\tSTOPPED"},
@@ -24,45 +95,37 @@ std::string csOn(const CScriptedManager& clManager, const std::string& csArgumen
 
 TEST(Terminal, UninstallingHappensOnlyAfterAYes)
 {
-    const struct
-    {
-        const char* pszTyped;
-        int nStatus;
-        const char* pszAsked;
-    } tCases[] = {{"y\n", 0, "STATUS\tStock|UNINSTALL\tStock\t0|"},
-                  {"yes\n", 0, "STATUS\tStock|UNINSTALL\tStock\t0|"},
-                  {"\n", 5, "STATUS\tStock|"},
-                  {"no\n", 5, "STATUS\tStock|"},
-                  {"\x04", 5, "STATUS\tStock|"},
-                  {"\x03", 130, "STATUS\tStock|"}};
-    for (const auto& st : tCases) {
-        SCOPED_TRACE(st.pszTyped);
+    const std::tuple<const char*, int, const char*> tCases[] = {
+        {"y\n", 0, "STATUS\tStock|UNINSTALL\tStock\t0|"},
+        {"yes\n", 0, "STATUS\tStock|UNINSTALL\tStock\t0|"},
+        {"\n", 5, "STATUS\tStock|"},
+        {"no\n", 5, "STATUS\tStock|"},
+        {"\x04", 5, "STATUS\tStock|"},
+        {"\x03", 130, "STATUS\tStock|"}};
+    for (const auto& [pszTyped, nStatus, pszAsked] : tCases) {
+        SCOPED_TRACE(pszTyped);
         CScriptedManager clManager(s_tAnswers);
         CProgramOnTerminal clProgram(csOn(clManager, "uninstall Stock"));
         ASSERT_TRUE(clProgram.bShows(
             "\"Stock\" is stopped. Uninstall: stop it and remove its service; its files are kept? [y/N] "));
-        clProgram.Type(st.pszTyped);
-        EXPECT_EQ(clProgram.nEnd(), st.nStatus);
-        EXPECT_EQ(clManager.csAsked(), st.pszAsked);
+        clProgram.Type(pszTyped);
+        EXPECT_EQ(clProgram.nEnd(), nStatus);
+        EXPECT_EQ(clManager.csAsked(), pszAsked);
     }
 }
 
 TEST(Terminal, ColoursAreForTerminalsWhoseUserWantsThem)
 {
     CScriptedManager clManager(s_tAnswers);
-    const struct
-    {
-        const char* pszBefore;
-        const char* pszBehind;
-        bool bColoured;
-    } tCases[] = {{"", "", true},
-                  {"", " --no-color", false},
-                  {"env NO_COLOR=1 ", "", false},
-                  {"env TERM=dumb ", "", false}};
-    for (const auto& st : tCases) {
-        SCOPED_TRACE(std::string(st.pszBefore) + st.pszBehind);
-        CProgramOnTerminal clProgram(st.pszBefore + csOn(clManager, "status Orders") + st.pszBehind);
-        EXPECT_TRUE(clProgram.bShows(st.bColoured ? "\033[32mrunning\033[0m" : "running"));
+    const std::tuple<const char*, const char*, const char*> tCases[] = {{"", "", "\033[32mrunning\033[0m"},
+                                                                        {"", "--no-color", "running\r\n"},
+                                                                        {"NO_COLOR=1", "", "running\r\n"},
+                                                                        {"TERM=dumb", "", "running\r\n"}};
+    for (const auto& [pszEnvironment, pszOption, pszShown] : tCases) {
+        SCOPED_TRACE(std::string(pszEnvironment) + pszOption);
+        CProgramOnTerminal clProgram("env " + (pszEnvironment + (" " + csOn(clManager, pszOption))) +
+                                     " status Orders");
+        EXPECT_TRUE(clProgram.bShows(pszShown));
         EXPECT_EQ(clProgram.nEnd(), 0);
     }
 }
@@ -86,14 +149,12 @@ TEST(Terminal, TheShellEditsKeepsAHistoryAndOutlivesAnInterruptedCommand)
     CScriptedManager clManager(s_tAnswers);
     CScriptedServer clMute([](CClientSide& cl) { cl.WaitForEnd(); });
     CProgramOnTerminal clProgram(csOn(clManager, "--no-color shell"));
-    const struct
-    {
-        std::string csTyped;
-        const char* pszShown;
-    } tLines[] = {
+    const std::pair<std::string, const char*> tLines[] = {
         {"statu Orders\033[H\033[C\033[C\033[C\033[C\033[Cs\r", "running\r\n"},
         {"\033[A\x17Stock\r", "stopped\r\n"},
-        {"\033[A\033[A\r", "running\r\n"},
+        {"junk\x15status Ordersxy\x7f\033[D\x0b\r", "running\r\n"},
+        {"xstatus Stock\x01\033[3~\x05\r", "stopped\r\n"},
+        {"\033[A\033[A\033[A\033[B\r", "running\r\n"},
         {"li\t\r", "unknown command \"li\""}, // list and lint: it takes one letter more
         {"lis\t--port " + clMute.csPort() + "\r", "asking the manager"},
         {"\x03", "velmoctl: interrupted"},
@@ -101,11 +162,11 @@ TEST(Terminal, TheShellEditsKeepsAHistoryAndOutlivesAnInterruptedCommand)
         {"sta\x03", "sta"},
         {"\x04", ""},
     };
-    for (const auto& st : tLines) {
-        SCOPED_TRACE(st.csTyped);
-        ASSERT_TRUE(st.csTyped == "\x03" || clProgram.bShows("velmo> ")); // before it, keys are not its own
-        clProgram.Type(st.csTyped);
-        ASSERT_TRUE(clProgram.bShows(st.pszShown));
+    for (const auto& [csTyped, pszShown] : tLines) {
+        SCOPED_TRACE(csTyped);
+        ASSERT_TRUE(csTyped == "\x03" || clProgram.bShows("velmo> ")); // before it, keys are not its own
+        clProgram.Type(csTyped);
+        ASSERT_TRUE(clProgram.bShows(pszShown));
     }
     EXPECT_EQ(clProgram.nEnd(), 0);
 }
@@ -124,63 +185,22 @@ TEST(Terminal, TheShellReadsPlainLinesOffATerminal)
 
 TEST(Terminal, WordsMayBeQuoted)
 {
-    const struct
-    {
-        const char* pszLine;
-        std::vector<std::string> tWords;
-    } tCases[] = {
+    const std::pair<const char*, std::vector<std::string>> tCases[] = {
         {"  a\tb  c\r", {"a", "b", "c"}},
         {"a \"b c\" 'd \"e'", {"a", "b c", "d \"e"}},
         {"a\\ b \"c\\\"d\" 'e\\f'", {"a b", "c\"d", "e\\f"}},
         {"a'b'c \"\"", {"abc", ""}},
         {"", {}},
     };
-    for (const auto& st : tCases) {
-        EXPECT_EQ(tWordsOf(st.pszLine), st.tWords) << st.pszLine;
+    for (const auto& [pszLine, tWords] : tCases) {
+        EXPECT_EQ(tWordsOf(pszLine), tWords) << pszLine;
     }
     EXPECT_THROW(tWordsOf("a\\"), CFailure);
 }
 
-TEST(Terminal, KeysEditTheLineAtTheCursor)
-{
-    using E = CEditLine::EKey;
-    const std::vector<std::wstring> tHistory = {L"first", L"second"};
-    const struct
-    {
-        std::vector<E> tKeys; // after typing "ab cd"
-        const wchar_t* pszText;
-        std::size_t nCursor;
-    } tCases[] = {
-        {{E::Left, E::Backspace}, L"ab d", 3},
-        {{E::Home, E::Backspace, E::Delete, E::Left}, L"b cd", 0},
-        {{E::End, E::Right, E::Delete}, L"ab cd", 5},
-        {{E::Left, E::Left, E::KillToEnd}, L"ab ", 3},
-        {{E::Left, E::Left, E::KillToStart}, L"cd", 0},
-        {{E::KillWord}, L"ab ", 3},
-        {{E::KillWord, E::KillWord, E::KillWord}, L"", 0},
-        {{E::Up}, L"second", 6},
-        {{E::Up, E::Up, E::Up}, L"first", 5},
-        {{E::Up, E::Up, E::Down, E::Down, E::Down}, L"ab cd", 5},
-    };
-    for (const auto& st : tCases) {
-        CEditLine clLine(tHistory);
-        for (const wchar_t c : std::wstring(L"ab cd")) {
-            clLine.Insert(c);
-        }
-        for (const E eKey : st.tKeys) {
-            clLine.Key(eKey);
-        }
-        EXPECT_EQ(csToUTF8(clLine.csText()), csToUTF8(st.pszText));
-        EXPECT_EQ(clLine.nCursor(), st.nCursor) << csToUTF8(st.pszText);
-    }
-}
-
 TEST(Terminal, NothingThatATerminalWouldObeyGetsThrough)
 {
-    EXPECT_EQ(csShown("a\033[2Jb\r\n\t\xC2\x9B"
-                      "c\xE2\x80\xAE\xFF"),
-              "a\xEF\xBF\xBD[2Jb\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"
-              "c\xEF\xBF\xBD\xEF\xBF\xBD");
-    EXPECT_EQ(csJsonText("\"\\\x01\n\xC3\xA9\xE2\x80\xAE"), "\"\\\"\\\\\\u0001\\u000a\xC3\xA9\\u202e\"");
+    EXPECT_EQ(csShown("a\033[2Jb\r\n\t\xC2\x9B|\xE2\x80\xAE\xFF"), "a�[2Jb����|��");
+    EXPECT_EQ(csJsonText("\"\\\x01\né\xE2\x80\xAE"), "\"\\\"\\\\\\u0001\\u000aé\\u202e\"");
     EXPECT_EQ(csJsonNumber("007"), "\"007\"");
 }

@@ -1,4 +1,5 @@
 #include "support/Conversion.h"
+#include "tools/TempDir.h"
 #include "vm/DLLExecution.h"
 #include "vm/Proxy.h"
 #include "vm/vmload.h"
@@ -10,6 +11,7 @@
 #include <string>
 
 namespace fs = std::filesystem;
+using testing::AllOf;
 using testing::HasSubstr;
 
 namespace {
@@ -87,15 +89,11 @@ TEST_F(LanguageRuntime, EntryPointsAreCalledInOrderAndOnce)
 
 TEST_F(LanguageRuntime, LibraryThatCannotBeLoadedIsRefusedWithItsPath)
 {
-    const fs::path clFolder = fs::temp_directory_path() / ("runtime-" + std::to_string(::getpid()));
-    fs::create_directory(clFolder);
+    const CTempDir clDirectory;
+    const fs::path clFolder = clDirectory.csPath();
     fs::copy_file(clBin() / "zt240vm64.so", clFolder / "zt240vm64.so");
-    std::ofstream(clFolder / "text.so") << "no library";
-    const struct
-    {
-        fs::path clPath;
-        const char* pszReason;
-    } tCases[] = {
+    clDirectory.csWrite("text.so", "no library");
+    const std::pair<fs::path, const char*> tCases[] = {
         {clFolder / "absent.so", "No such file"},
         {clFolder / "text.so", "too short"},
         {clFolder / "zt240vm64.so", "zt240obj.so"}, // its companion is not beside it
@@ -103,37 +101,31 @@ TEST_F(LanguageRuntime, LibraryThatCannotBeLoadedIsRefusedWithItsPath)
         {"zt240vm64.so", "directory"}, // never searched for elsewhere
         {"", "directory"},
     };
-    for (const auto& st : tCases) {
-        SCOPED_TRACE(st.clPath);
-        EXPECT_FALSE(bLoad(st.clPath));
+    for (const auto& [clPath, pszReason] : tCases) {
+        SCOPED_TRACE(clPath);
+        EXPECT_FALSE(bLoad(clPath));
         EXPECT_FALSE(m_clDll.bLoaded());
-        EXPECT_THAT(csText(m_clError), HasSubstr("\"" + st.clPath.string() + "\""));
-        EXPECT_THAT(csText(m_clError), HasSubstr(st.pszReason));
+        EXPECT_THAT(csText(m_clError), AllOf(HasSubstr("\"" + clPath.string() + "\""), HasSubstr(pszReason)));
     }
-    fs::remove_all(clFolder);
 }
 
 TEST_F(LanguageRuntime, RuntimeThatIsIncompleteOrRefusesIsNeverEnded)
 {
-    const struct
-    {
-        const char* pszVariant;
-        const char* pszReason;
-        const char* pszCalls;
-    } tCases[] = {
+    const std::tuple<const char*, const char*, const char*> tCases[] = {
+        // and the calls that were made
         {"lacks-path", "bCheminDLL", ""}, // found out before any code of the library ran
         {"lacks-self-term", "TermineMoiMeme", ""},
         {"refuses", "no licence for café", "I"},
         {"refuses-without-end", "xxxx", "I"},
     };
-    for (const auto& st : tCases) {
-        SCOPED_TRACE(st.pszVariant);
-        ASSERT_TRUE(bLoad(clVariant(st.pszVariant))) << csText(m_clError);
+    for (const auto& [pszVariant, pszReason, pszCalls] : tCases) {
+        SCOPED_TRACE(pszVariant);
+        ASSERT_TRUE(bLoad(clVariant(pszVariant))) << csText(m_clError);
         EXPECT_FALSE(bInitVM(m_clDll.hGetHandle(), &m_clError));
         EXPECT_FALSE(bCheminDLL(nullptr));
-        EXPECT_THAT(csText(m_clError), HasSubstr(st.pszReason));
+        EXPECT_THAT(csText(m_clError), HasSubstr(pszReason));
         EndAll();
-        EXPECT_EQ(csJournal(), st.pszCalls);
+        EXPECT_EQ(csJournal(), pszCalls);
     }
     EXPECT_FALSE(bInitVM(nullptr, &m_clError));
 }
