@@ -83,11 +83,11 @@ CUnitsView<TUnit> csReaderText(CUnitsView<TUnit> csLine)
 template <class TUnit>
 std::optional<CUnitsView<TUnit>> csHeaderName(CUnitsView<TUnit> csText)
 {
-    const std::size_t nEnd = csText.find(TUnit{']'});
-    if (!bBeginsWith(csText, TUnit{'['}) || nEnd == csText.npos) {
+    if (!bBeginsWith(csText, TUnit{'['})) {
         return std::nullopt;
     }
-    return csText.substr(1, nEnd - 1);
+    const std::size_t nEnd = csText.find(TUnit{']'});
+    return nEnd == csText.npos ? std::nullopt : std::optional(csText.substr(1, nEnd - 1));
 }
 
 /// Value of a key line whose "=" is sought from nAfterName on; none without a "=".

@@ -1,5 +1,7 @@
 #include "config/ProfileFile.h"
 
+#include "support/SignalMask.h"
+
 #include <algorithm>
 #include <bit>
 #include <cerrno>
@@ -32,28 +34,24 @@ auto nRetry(TCall fnCall)
 class CNoFileSizeSignal
 {
 public:
-    CNoFileSizeSignal()
-    {
-        sigemptyset(&m_stSignal);
-        sigaddset(&m_stSignal, SIGXFSZ);
-        ::pthread_sigmask(SIG_BLOCK, &m_stSignal, &m_stOldMask);
-    }
+    CNoFileSizeSignal() = default;
     CNoFileSizeSignal(const CNoFileSizeSignal&) = delete;
     CNoFileSizeSignal& operator=(const CNoFileSizeSignal&) = delete;
     ~CNoFileSizeSignal()
     {
         const int nErrno = errno;
-        if (sigismember(&m_stOldMask, SIGXFSZ) == 0) {
+        if (sigismember(&m_clHeld.stBefore(), SIGXFSZ) == 0) {
+            sigset_t stSignal;
+            sigemptyset(&stSignal);
+            sigaddset(&stSignal, SIGXFSZ);
             const timespec stNow{};
-            (void)::sigtimedwait(&m_stSignal, nullptr, &stNow); // takes the signal back; none is as good
+            (void)::sigtimedwait(&stSignal, nullptr, &stNow); // takes the signal back; none is as good
         }
-        ::pthread_sigmask(SIG_SETMASK, &m_stOldMask, nullptr);
         errno = nErrno;
     }
 
 private:
-    sigset_t m_stSignal{};
-    sigset_t m_stOldMask{};
+    CSignalsHeld m_clHeld{SIGXFSZ};
 };
 
 bool bWriteAt(int nFd, std::string_view csBytes, off_t nPosition)
@@ -142,13 +140,11 @@ bool CProfileFile::bOpenToUpdate(const std::string& csPath)
 bool CProfileFile::bFichierUnicode()
 {
     constexpr std::string_view csMark = "\xFF\xFE";
-    std::array<char, 2> tStart{};
-    const ssize_t nRead = nRetry([&] { return ::pread(m_clFile.nFd(), tStart.data(), tStart.size(), 0); });
-    if (nRead < 0) {
-        m_nReadError = errno;
+    while (m_nEnd < csMark.size() && _bFill()) { // the lines come out of the same read
     }
-    const bool bUnicode = std::string_view(tStart.data(), nRead == 2 ? 2 : 0) == csMark;
-    if (bUnicode && m_nPosition == 0) {
+    const bool bUnicode = std::string_view(m_pBuffer->data(), m_nEnd).starts_with(csMark);
+    if (bUnicode) {
+        m_nBegin = csMark.size();
         m_nPosition = static_cast<off_t>(csMark.size());
     }
     return bUnicode;
@@ -180,19 +176,20 @@ std::size_t CProfileFile::_nTakeUntilLF(std::basic_string<TUnit>* pcsLine)
 {
     const char* pBegin = m_pBuffer->data() + m_nBegin;
     const std::size_t nUnits = (m_nEnd - m_nBegin) / sizeof(TUnit);
-    const std::size_t nBefore = pcsLine->size();
     std::size_t nTaken = nUnits;
     if constexpr (sizeof(TUnit) == 1) {
         const void* pLF = std::memchr(pBegin, '\n', nUnits);
         nTaken =
             pLF == nullptr ? nUnits : static_cast<std::size_t>(static_cast<const char*>(pLF) - pBegin) + 1;
+        pcsLine->append(pBegin, nTaken);
     } else {
         for (std::size_t n = 0; n < nUnits && nTaken == nUnits; ++n) {
             nTaken = pBegin[2 * n] == '\n' && pBegin[2 * n + 1] == '\0' ? n + 1 : nUnits;
         }
+        const std::size_t nBefore = pcsLine->size();
+        pcsLine->resize(nBefore + nTaken); // the buffer's bytes need not be aligned
+        std::memcpy(pcsLine->data() + nBefore, pBegin, nTaken * sizeof(TUnit));
     }
-    pcsLine->resize(nBefore + nTaken);
-    std::memcpy(pcsLine->data() + nBefore, pBegin, nTaken * sizeof(TUnit));
     m_nBegin += nTaken * sizeof(TUnit);
     m_nPosition += static_cast<off_t>(nTaken * sizeof(TUnit));
     return nTaken;

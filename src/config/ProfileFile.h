@@ -28,8 +28,7 @@ public:
     bool bOpenToRead(const std::string& csPath);
     bool bOpenToUpdate(const std::string& csPath);
 
-    /// Whether the file begins with FF FE. The reading position stays where it is, except that a file not yet
-    /// read from is placed behind its mark.
+    /// Whether the file begins with FF FE, behind which the reader then is. Comes before the first line.
     bool bFichierUnicode();
 
     /// Reads up to and including the next LF, or to the end of the file. Returns the number of bytes

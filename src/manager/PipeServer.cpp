@@ -1,5 +1,7 @@
 #include "manager/PipeServer.h"
 
+#include "support/SignalMask.h"
+
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -140,11 +142,8 @@ bool CPipeServer::__bStartThread()
     }
     const std::unique_ptr<pthread_attr_t, int (*)(pthread_attr_t*)> clDestroyer(&stAttributes,
                                                                                 ::pthread_attr_destroy);
-    sigset_t stMask; // the signal that ends the daemon is for its main thread
-    (void)::pthread_sigmask(SIG_BLOCK, nullptr, &stMask);
-    sigaddset(&stMask, SIGTERM);
     (void)::pthread_attr_setstacksize(&stAttributes, s_nStackSize);
-    (void)::pthread_attr_setsigmask_np(&stAttributes, &stMask);
+    const CSignalsHeld clHeld{SIGTERM}; // in the new thread for good: it is the main thread's
     errno = ::pthread_create(&m_hThread, &stAttributes, ThreadPipe, this);
     m_bThread = errno == 0;
     return m_bThread;

@@ -1,5 +1,7 @@
 #include "service/ProcessManager.h"
 
+#include "support/SignalMask.h"
+
 #include <cerrno>
 #include <ctime>
 #include <poll.h>
@@ -9,27 +11,6 @@
 CProcessManager* CProcessManager::m_gpclManager = nullptr;
 
 namespace {
-/// Blocks SIGCHLD in this thread for its lifetime.
-class CSigChldBlocked
-{
-public:
-    CSigChldBlocked() noexcept
-    {
-        sigset_t stChld;
-        sigemptyset(&stChld);
-        sigaddset(&stChld, SIGCHLD);
-        pthread_sigmask(SIG_BLOCK, &stChld, &m_stMask);
-    }
-    ~CSigChldBlocked() { pthread_sigmask(SIG_SETMASK, &m_stMask, nullptr); }
-    CSigChldBlocked(const CSigChldBlocked&) = delete;
-    CSigChldBlocked& operator=(const CSigChldBlocked&) = delete;
-    /// The mask from before.
-    const sigset_t& stMask() const noexcept { return m_stMask; }
-
-private:
-    sigset_t m_stMask;
-};
-
 /// Holds the child table. Blocks SIGCHLD in this thread before it takes the lock, so that the handler never
 /// waits for a lock of its own thread; the destructor undoes both in reverse.
 class CChildGuard
@@ -55,7 +36,7 @@ public:
 
 private:
     static_assert(std::atomic<int>::is_always_lock_free);
-    CSigChldBlocked m_clBlocked;
+    CSignalsHeld m_clHeld{SIGCHLD};
     std::atomic<int>& m_nLock;
     int m_nHolder;
 };
@@ -224,7 +205,7 @@ bool CProcessManager::bGetCode(pid_t nPid, int* pnCode)
 void CProcessManager::Pause(pid_t nPid)
 {
     // An end that comes after the look below stays pending for the pause instead of slipping in ahead of it.
-    const CSigChldBlocked clBlocked;
+    const CSignalsHeld clHeld{SIGCHLD};
     {
         const CChildGuard clGuard(m_nLock);
         stChild* pstRecord = __pstFind(nPid);
@@ -239,7 +220,7 @@ void CProcessManager::Pause(pid_t nPid)
         pstRecord->nPausing = ::gettid();
     }
     constexpr timespec st2s{2, 0};
-    ::ppoll(nullptr, 0, &st2s, &clBlocked.stMask()); // once, not re-armed: SIGCHLD ends it
+    ::ppoll(nullptr, 0, &st2s, &clHeld.stBefore()); // once, not re-armed: SIGCHLD ends it
     const CChildGuard clGuard(m_nLock);
     if (stChild* pstRecord = __pstFind(nPid); pstRecord != nullptr) {
         pstRecord->nFlags &= ~FLAG_PAUSE;

@@ -1,6 +1,7 @@
 #include "support/ChildStart.h"
 
 #include "support/DescriptorLimit.h"
+#include "support/SignalMask.h"
 
 #include <cerrno>
 #include <csignal>
@@ -27,24 +28,6 @@ struct stChildContext
     void* pContext;
     bool bCloseRange; ///< whether the kernel has it; then the descriptor table is the daemon's at first
     int* pnExecError; ///< written by the child
-};
-
-/// Blocks every signal for its lifetime: a child that still shares our memory must not run our handlers.
-class CAllSignalsBlocked
-{
-public:
-    CAllSignalsBlocked() noexcept
-    {
-        sigset_t stAll;
-        sigfillset(&stAll);
-        pthread_sigmask(SIG_SETMASK, &stAll, &m_stMask);
-    }
-    ~CAllSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &m_stMask, nullptr); }
-    CAllSignalsBlocked(const CAllSignalsBlocked&) = delete;
-    CAllSignalsBlocked& operator=(const CAllSignalsBlocked&) = delete;
-
-private:
-    sigset_t m_stMask;
 };
 
 // The child asks the kernel itself wherever a wrapper may keep books in memory that is still the daemon's, as
@@ -136,7 +119,7 @@ pid_t CChildStarter::nStart(const stChildStart& stStart, pid_t* pnPid, void (*pf
     const bool bCloseRange = ::close_range(~0U, ~0U, 0) == 0; // closes nothing: no descriptor has that number
     const int nSharedTable = bCloseRange ? CLONE_FILES : 0;
     stChildContext stContext{stStart, pfnFirst, pContext, bCloseRange, &m_nExecError};
-    const CAllSignalsBlocked clBlocked;
+    const CSignalsHeld clHeld; // a child that still shares our memory must not run our handlers
     return __clone(nRunChild, m_pStack.get() + s_nChildStack,
                    CLONE_VM | CLONE_VFORK | CLONE_PARENT_SETTID | nSharedTable | SIGCHLD, &stContext, pnPid);
 }

@@ -1,6 +1,7 @@
 #include "support/ZTThread.h"
 
 #include "support/accesdllres.h"
+#include "support/SignalMask.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -39,25 +40,6 @@ private:
     int m_nRounds = 0;
 };
 
-/// Blocks SIGTERM in this thread for as long as it lives; a thread created meanwhile has it blocked for good.
-class CSigTermBlocked
-{
-public:
-    CSigTermBlocked()
-    {
-        sigset_t stTerm;
-        sigemptyset(&stTerm);
-        sigaddset(&stTerm, SIGTERM);
-        ::pthread_sigmask(SIG_BLOCK, &stTerm, &m_stMask);
-    }
-    CSigTermBlocked(const CSigTermBlocked&) = delete;
-    CSigTermBlocked& operator=(const CSigTermBlocked&) = delete;
-    ~CSigTermBlocked() { ::pthread_sigmask(SIG_SETMASK, &m_stMask, nullptr); }
-
-private:
-    sigset_t m_stMask{};
-};
-
 int nCreateDetached(void* (*pfnThread)(void*), void* pParameter)
 {
     pthread_attr_t stAttributes;
@@ -68,7 +50,7 @@ int nCreateDetached(void* (*pfnThread)(void*), void* pParameter)
     ::pthread_attr_setdetachstate(&stAttributes, PTHREAD_CREATE_DETACHED);
     nError = ::pthread_attr_setstacksize(&stAttributes, s_nStackSize);
     if (nError == 0) {
-        const CSigTermBlocked clBlocked;
+        const CSignalsHeld clHeld{SIGTERM}; // in the new thread for good
         pthread_t nThread{};
         nError = ::pthread_create(&nThread, &stAttributes, pfnThread, pParameter);
     }
