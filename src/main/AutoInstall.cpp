@@ -1,6 +1,7 @@
 #include "main/AutoInstall.h"
 
 #include "main/ErrorMsg.h"
+#include "main/GestionServiceLigneCmd.h"
 #include "manager/SetupManager.h"
 #include "support/accesdllres.h"
 #include "support/Conversion.h"
@@ -20,17 +21,6 @@ constexpr unsigned int s_nMsgCannotStart = 4004;
 constexpr unsigned int s_nMsgRootOnly = 4139;
 
 using CServicePtr = std::unique_ptr<CService>;
-
-CServicePtr pclFind(CServiceManager* pclManager)
-{
-    return CServicePtr(pclManager->pclGetService(g_szManagerService));
-}
-
-bool bActive(CService& clService)
-{
-    const EServiceStatus eStatus = clService.eGetStatus();
-    return eStatus == STATUS_START_PENDING || eStatus == STATUS_RUNNING;
-}
 
 /// An executable whose version cannot be read is kept as it is.
 bool bOlderThanThis(CService& clService)
@@ -64,7 +54,7 @@ CServicePtr pclProvide(int nStyle, CServiceManager* pclManager)
         ShowErrorIDSError_Service(nStyle, s_nMsgCannotRegister);
         return nullptr;
     }
-    CServicePtr pclService = pclFind(pclManager);
+    CServicePtr pclService = pclManagerService(pclManager);
     if (pclService != nullptr && bOlderThanThis(*pclService)) {
         (void)pclService->bStop();
         (void)pclService->bRemove();
@@ -88,7 +78,7 @@ bool bAutoInstall(int bInstaller, CServiceManager* pclManager)
         if (pclService == nullptr) {
             return false;
         }
-        if (bActive(*pclService) || pclService->bStart()) {
+        if (pclService->bActive() || pclService->bStart()) {
             return true;
         }
         if (!bRetry || bIsThisExecutable(*pclService)) {
@@ -111,8 +101,8 @@ bool bUnInstall(CServiceManager* pclManager)
         return false;
     }
     pclManager->bInit(nullptr, 0);
-    if (const CServicePtr pclService = pclFind(pclManager)) {
-        if (bActive(*pclService)) {
+    if (const CServicePtr pclService = pclManagerService(pclManager)) {
+        if (pclService->bActive()) {
             (void)pclService->bStop();
         }
         (void)pclService->bRemove();

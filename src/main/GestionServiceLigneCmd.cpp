@@ -23,8 +23,7 @@ int nFindOption(int nCount, char** ppszArguments, const wchar_t* pszOption)
 
 void StopIfActive(CService& clService)
 {
-    const EServiceStatus eStatus = clService.eGetStatus();
-    if (eStatus == STATUS_START_PENDING || eStatus == STATUS_RUNNING) {
+    if (clService.bActive()) {
         (void)clService.bStop(); // the next one is stopped all the same
     }
 }
@@ -33,12 +32,12 @@ bool bLiesIn(CService& clService, const wchar_t* pszDirectory)
 {
     return CDiskFile::bSameDirectoryName(CDiskFile::csDirectory(clService.csGetExecutable()), pszDirectory);
 }
+} // namespace
 
 std::unique_ptr<CService> pclManagerService(CServiceManager* pclManager)
 {
     return std::unique_ptr<CService>(pclManager->pclGetService(g_szManagerService));
 }
-} // namespace
 
 bool bSetOnCmdLine(int nCount, char** ppszArguments, const wchar_t* pszOption)
 {

@@ -1,6 +1,9 @@
 #pragma once
 
+#include "service/ServiceManagerUnix.h"
 #include "support/XYString.h"
+
+#include <memory>
 
 /// The command line: what it asks for, and the two commands that stop servers. Main thread only.
 
@@ -12,6 +15,8 @@ bool bGetCmdLineValue(int nCount, char** ppszArguments, const wchar_t* pszOption
 /// Whether the process must run as the service: the option is present, or systemd waits for a notification.
 bool bModeService(int nCount, char** ppszArguments, const wchar_t* pszOption);
 
+/// The manager's own service; null when it is not registered.
+std::unique_ptr<CService> pclManagerService(CServiceManager* pclManager);
 /// Stops every database server that runs or starts, then the manager's own service.
 void StopAllCmd();
 /// Stops the first database server whose executable lies in the directory, then the manager's service if its

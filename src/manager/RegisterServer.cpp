@@ -93,8 +93,8 @@ CSetupManager::EComparison CSetupManager::__eCompare(CService& clService, const 
         (void)WritePrivateProfileString(L"INIT", L"Name", csShort.c_str(), csFile.c_str());
         return EComparison::SAME;
     }
-    // A service without an executable has no configuration, so it holds no port.
-    if (csExecutable.empty() ||
+    if (csExecutable.empty() || // then it holds no port
+
         std::wcstol(s_csAccessPort(clService).c_str(), nullptr, 10) != stServer.wPort) {
         return EComparison::OTHER;
     }

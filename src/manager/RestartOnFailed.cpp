@@ -1,5 +1,6 @@
 #include "manager/RestartOnFailed.h"
 
+#include "manager/SetupManager.h"
 #include "service/ServiceManagerUnix.h"
 #include "support/accesdllres.h"
 
@@ -50,7 +51,7 @@ void CRestartOnFailed::Run()
 
 void CRestartOnFailed::__Check()
 {
-    CServiceListing clListing(m_pclManager, L"DXCS-");
+    CServiceListing clListing(m_pclManager, g_szServerPrefix);
     while (const auto pclService = clListing.pclNext()) {
         if (pclService->eGetStatus() == STATUS_FAILED) {
             (void)pclService->bStart();

@@ -197,9 +197,14 @@ std::wstring CSetupManager::s_csServersConfig(const std::wstring& csExecutable)
 
 std::wstring CSetupManager::s_csAccessPort(CService& clService)
 {
-    const std::wstring csFile = s_csServersConfig(clService.csGetExecutable());
+    constexpr wchar_t szUsual[] = L"4900";
+    const std::wstring csExecutable = clService.csGetExecutable();
+    if (csExecutable.empty()) { // no folder, so no configuration either
+        return szUsual;
+    }
+    const std::wstring csFile = s_csServersConfig(csExecutable);
     std::array<wchar_t, s_nPortText + 1> tPort{};
-    GetPrivateProfileString(L"INIT", L"AccessPort", L"4900", tPort.data(), tPort.size(), csFile.c_str());
+    GetPrivateProfileString(L"INIT", L"AccessPort", szUsual, tPort.data(), tPort.size(), csFile.c_str());
     return tPort.data();
 }
 

@@ -92,6 +92,12 @@ EServiceStatus CService::eGetStatus()
     return CServiceManager::bSystemd() ? __eGetStatusSystemd() : __eGetStatusSysV();
 }
 
+bool CService::bActive()
+{
+    const EServiceStatus eStatus = eGetStatus();
+    return eStatus == STATUS_START_PENDING || eStatus == STATUS_RUNNING;
+}
+
 bool CService::bRemove()
 {
     return CServiceManager::bSystemd() ? __bRemoveSystemd() : __bRemoveSysV();

@@ -56,6 +56,8 @@ public:
     bool bStop();
     bool bRestart();
     EServiceStatus eGetStatus();
+    /// Whether it runs or is about to.
+    bool bActive();
     /// Unregisters the service and deletes its unit file or script.
     bool bRemove();
     bool bSendControlCommand(unsigned int nCode);

@@ -204,6 +204,9 @@ bool CLanceProcessus::bAttendFinExecution(unsigned int* pnExitCode, unsigned int
         }
         nMs = std::min(nMs + 1, 100);
     }
+    if (nCode < 0) { // the child is nobody's
+        return false;
+    }
     if (pnExitCode != nullptr) {
         *pnExitCode = static_cast<unsigned int>(nCode);
     }

@@ -81,13 +81,22 @@ private:
     std::unique_ptr<DIR, stCloseDirectory> m_pDirectory;
 };
 
-/// An existing file keeps its identity; whoever owned it, it is root's afterwards.
+/// An existing file keeps its identity; whoever owned it, it is root's afterwards. One that cannot be made so
+/// goes: root would run what is another user's.
 bool bWriteScript(const std::wstring& csPath, const std::string& csText)
 {
     constexpr mode_t nMode = 0755;
     const std::string csDisk = csToUTF8(csPath);
-    return CDiskFile::bWriteFile(csPath, csText) && ::chown(csDisk.c_str(), 0, 0) == 0 &&
-           ::chmod(csDisk.c_str(), nMode) == 0;
+    if (!CDiskFile::bWriteFile(csPath, csText)) {
+        return false;
+    }
+    if (::chown(csDisk.c_str(), 0, 0) == 0 && ::chmod(csDisk.c_str(), nMode) == 0) {
+        return true;
+    }
+    const int nErrno = errno;
+    (void)CDiskFile::bDelete(csPath);
+    errno = nErrno;
+    return false;
 }
 } // namespace
 
