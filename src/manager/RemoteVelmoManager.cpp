@@ -9,8 +9,8 @@
 #include <cerrno>
 
 namespace {
-constexpr std::size_t s_nClusterName =
-    1025; ///< characters of the cluster manager's name, terminator included
+/// Characters of the cluster manager's name, terminator included.
+constexpr std::size_t s_nClusterName = 1025;
 
 /// A reply with the system text of what has just failed.
 void Refuse(CDialog& clDialog, eError eCode)
@@ -33,6 +33,7 @@ std::wstring csNextArgument(CDialog& clDialog)
     clDialog.GetString(&csArgument);
     return csArgument;
 }
+
 /// A name that goes on behind a NUL is not the name in front of it.
 std::unique_ptr<CService> pclLookup(CServiceManager* pclManager, const std::wstring& csService)
 {
