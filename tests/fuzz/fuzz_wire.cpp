@@ -13,7 +13,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* pBytes, std::size_t nB
     const std::string_view csBytes = csInput(pBytes, nBytes);
 
     const EPingForm eForm = eReadPing(csBytes);
-    Require(eForm == EPingForm::NONE || csBytes.size() <= 33);
+    Require(eForm == EPingForm::NONE || csBytes.size() <= 34); // with its NUL
     const std::string csServers = "\t" + std::string(csBytes);
     for (const std::size_t nMax : {std::size_t{0}, nBytes / 2, nBytes, nBytes + 1}) {
         const std::string_view cs = csFittingServers(csServers, nMax);
@@ -22,7 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* pBytes, std::size_t nB
     }
 
     const auto pstSend = std::make_unique<stSEND>();
-    std::memcpy(pstSend.get(), pBytes, std::min(nBytes, sizeof(stSEND)));
+    csBytes.copy(reinterpret_cast<char*>(pstSend.get()), sizeof(stSEND));
     const stRegistration stAnsi = stReadAnsi(*pstSend);
     Require(stAnsi.csName.size() <= 261 && stAnsi.csPath.size() <= 261);
     Require(stAnsi.csName.find(L'\0') == std::wstring::npos &&
