@@ -34,6 +34,13 @@ CDescripteur clMoveUp(CDescripteur clSocket)
     return clMoved.bOpen() ? std::move(clMoved) : std::move(clSocket);
 }
 
+/// Makes the descriptor table large enough for the first conversations. While the process has one thread that
+/// is done at once; later the system makes all threads wait for some milliseconds.
+void EnlargeDescriptorTable(int nAny)
+{
+    const CDescripteur clHigh(::fcntl(nAny, F_DUPFD_CLOEXEC, s_nFirstDescriptor));
+}
+
 /// A thread that cannot be started costs its conversation; the tool sees its connection closed.
 void Converse(CDescripteur clSocket)
 {
@@ -82,6 +89,7 @@ bool CServer::bInit(std::uint16_t wPort)
         errno = clIgnored.nGetSystemError();
         return false;
     }
+    EnlargeDescriptorTable(m_clSockets.tGetSockets().front().nSocket);
     const int nOne = 1;
     (void)m_clSockets.bSetsockopt(IPPROTO_TCP, TCP_NODELAY, &nOne,
                                   sizeof nOne); // inherited by the connections
