@@ -142,8 +142,8 @@ bool CPingEcho::bStart()
 void CPingEcho::Stop()
 {
     m_clThread.Stop(0);
-    Shutdown(
-        SHUT_RDWR); // wakes the wait, though the system calls it an error for a socket without connection
+    // Wakes the wait, though the system calls it an error for a socket without connection.
+    Shutdown(SHUT_RDWR);
     m_clThread.Stop(1);
     Close();
 }

@@ -24,8 +24,8 @@ std::string csReplaceName(std::string csPattern, const std::string& csName)
 
 void RegisterByTool(const stSysVFamily& stFamily, const std::string& csName)
 {
-    (void)nShell(
-        csReplaceName(stFamily.pszRegister, csName)); // not judged: an unregistered script still serves
+    // Not judged: an unregistered script still serves.
+    (void)nShell(csReplaceName(stFamily.pszRegister, csName));
 }
 
 struct stBootFile
