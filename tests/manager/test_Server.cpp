@@ -17,6 +17,7 @@
 #include <gtest/gtest.h>
 #include <memory>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
 
@@ -285,4 +286,36 @@ TEST_F(Server, AStopEndsIdleConversationsAndLetsABusyOneReply)
     EXPECT_TRUE(CDialog::s_bEndAll(5000));
     EXPECT_TRUE(pclIdle->bClosed());
     EXPECT_EQ(pclBusy->csLine(), "STATUS\tRUNNING\r\n");
+}
+
+TEST(Upload, ComesToAWholeFileOrToNone)
+{
+    REQUIRE_PRIVATE_WORLD();
+    const std::string csBytes(100'000, 'x');
+    const int nFiles = nCountEntries("/tmp");
+    for (const std::size_t nSent : {csBytes.size(), csBytes.size() / 2}) {
+        SCOPED_TRACE(nSent);
+        int tPair[2] = {-1, -1};
+        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, tPair), 0);
+        CDialog* pclDialog = new CDialog(CDescripteur(tPair[1])); // freed by its second Release
+        std::thread clTool([&, clSocket = CDescripteur(tPair[0])] {
+            (void)::send(clSocket.nFd(), csBytes.data(), nSent, MSG_NOSIGNAL);
+        });
+        CInstallInfo clInfo;
+        if (nSent == csBytes.size()) {
+            pclDialog->xGetFile(L"name", static_cast<unsigned int>(nSent), &clInfo);
+            ASSERT_EQ(clInfo.tNames, std::vector<std::wstring>{L"name"});
+            const std::filesystem::path clFile(clInfo.tTemporaryFiles.at(0));
+            EXPECT_EQ(std::filesystem::file_size(clFile), nSent);
+            std::filesystem::remove(clFile);
+        } else {
+            EXPECT_THROW(pclDialog->xGetFile(L"name", static_cast<unsigned int>(csBytes.size()), &clInfo),
+                         CXError);
+            EXPECT_TRUE(clInfo.tTemporaryFiles.empty());
+        }
+        clTool.join();
+        EXPECT_EQ(nCountEntries("/tmp"), nFiles);
+        pclDialog->Release();
+        pclDialog->Release();
+    }
 }
