@@ -1,8 +1,7 @@
 #include "manager/RestartOnFailed.h"
-#include "service/LanceProcessus.h"
 #include "service/ServiceManagerUnix.h"
 #include "support/ZTSem.h"
-#include "tools/PrivateWorld.h"
+#include "tools/SystemdTest.h"
 #include "tools/Wait.h"
 
 #include <chrono>
@@ -20,22 +19,7 @@ list-units*) for s in DXCS-failed DXCS-inactive DXCS-activating DXCS-deactivatin
 *Description*) printf 'Type=forking\nDescription=x\nExecStart={ argv[]=/x ; }\n' ;;
 esac)";
 
-class RestartOnFailed : public ::testing::Test
-{
-protected:
-    void SetUp() override
-    {
-        REQUIRE_PRIVATE_WORLD();
-        CLanceProcessus::sInit();
-        CServiceManager::ms_eDistri = DISTRI_SYSTEMD;
-    }
-    void TearDown() override
-    {
-        CLanceProcessus::sTerm();
-        CServiceManager::ms_eDistri = DISTRI_UNKNOWN;
-    }
-    CServiceManager m_clManager;
-};
+using RestartOnFailed = CSystemdTest;
 } // namespace
 
 TEST_F(RestartOnFailed, OnlyFailedServersAreStarted)

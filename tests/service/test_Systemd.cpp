@@ -2,35 +2,21 @@
 // machine.
 
 #include "service/AServiceUnix.h"
-#include "service/LanceProcessus.h"
-#include "service/ServiceManagerUnix.h"
 #include "tools/Command.h"
-#include "tools/PrivateWorld.h"
+#include "tools/SystemdTest.h"
 
 #include <fstream>
 #include <gtest/gtest.h>
 #include <memory>
 
 namespace {
-class Systemd : public ::testing::Test
+class Systemd : public CSystemdTest
 {
 protected:
-    void SetUp() override
-    {
-        REQUIRE_PRIVATE_WORLD();
-        CLanceProcessus::sInit();
-        CServiceManager::ms_eDistri = DISTRI_SYSTEMD;
-    }
-    void TearDown() override
-    {
-        CLanceProcessus::sTerm();
-        CServiceManager::ms_eDistri = DISTRI_UNKNOWN;
-    }
     std::unique_ptr<CService> pclGet(const wchar_t* pszName)
     {
         return std::unique_ptr<CService>(m_clManager.pclGetService(pszName));
     }
-    CServiceManager m_clManager;
 };
 
 /// Answers "show" for three servers and one other service, and the listing of them.
