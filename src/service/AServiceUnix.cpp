@@ -52,26 +52,25 @@ bool CService::bStart(const wchar_t* pszArguments)
 
 bool CService::bStop()
 {
-    if (CServiceManager::bSystemd()) {
-        return bSystemctlDone(L"stop " + m_csName);
-    }
-    return __bScriptCommand(L"stop", nullptr, L">/dev/null 2>/dev/null");
+    return __bCommand(L"stop");
 }
 
 bool CService::bRestart()
 {
-    if (CServiceManager::bSystemd()) {
-        return bSystemctlDone(L"restart " + m_csName);
-    }
-    return __bScriptCommand(L"restart", nullptr, L">/dev/null 2>/dev/null");
+    return __bCommand(L"restart");
 }
 
 bool CService::__bReload()
 {
+    return __bCommand(L"reload");
+}
+
+bool CService::__bCommand(const wchar_t* pszVerb)
+{
     if (CServiceManager::bSystemd()) {
-        return bSystemctlDone(L"reload " + m_csName);
+        return bSystemctlDone(pszVerb + (L" " + m_csName));
     }
-    return __bScriptCommand(L"reload", nullptr, L">/dev/null 2>/dev/null");
+    return __bScriptCommand(pszVerb, nullptr, L">/dev/null 2>/dev/null");
 }
 
 bool CService::bSendControlCommand(unsigned int nCode)

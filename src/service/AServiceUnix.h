@@ -67,6 +67,8 @@ public:
 
 private:
     bool __bReload();
+    /// A command whose output nobody sees, by the verb that both systems share.
+    bool __bCommand(const wchar_t* pszVerb);
     EServiceStatus __eGetStatusSystemd();
     bool __bRemoveSystemd();
 
