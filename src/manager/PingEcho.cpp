@@ -166,11 +166,12 @@ void CPingEcho::_Run()
                 __Serve(nSocket);
                 continue;
             }
+            if (errno == EINTR) { // the end of a child is no reason to pause
+                continue;
+            }
         } catch (...) { // want of memory, or the end: costs this answer
         }
-        if (errno != EINTR) { // the end of a child is no reason to pause
-            m_clThread.SleepOrStop(s_dwPauseMs);
-        }
+        m_clThread.SleepOrStop(s_dwPauseMs);
     }
 }
 

@@ -94,7 +94,6 @@ CSetupManager::EComparison CSetupManager::__eCompare(CService& clService, const 
         return EComparison::SAME;
     }
     if (csExecutable.empty() || // then it holds no port
-
         std::wcstol(s_csAccessPort(clService).c_str(), nullptr, 10) != stServer.wPort) {
         return EComparison::OTHER;
     }

@@ -19,7 +19,7 @@ public:
 
     /// Opens the listening sockets; false when that fails (errno tells).
     bool bInit(std::uint16_t wPort);
-    /// Starts the accept threads.
+    /// Starts the accept threads; throws the CXError when one cannot be started, those before it go on.
     void Start();
     /// Ends the accept threads and closes the sockets. Conversations go on.
     void Stop();

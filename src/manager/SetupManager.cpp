@@ -45,7 +45,7 @@ CSetupManager::CSetupManager() : m_clRemote(&m_clServiceManager)
 
 CSetupManager::~CSetupManager()
 {
-    __TermMainLoop(); // a start that failed half-way has left some of them running
+    __TermMainLoop(); // for whoever has not: their threads use the members
     if (m_clRuntime.bLoaded()) {
         CBaseExecutionDLL::s_TermineMoiMeme(m_clRuntime.hGetHandle());
         TermVM(0);
