@@ -3,17 +3,10 @@
 #include "manager/SetupManager.h"
 #include "support/accesdllres.h"
 #include "support/Conversion.h"
+#include "support/WinApi.h"
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
-
-namespace {
-std::wstring csErrnoText()
-{
-    return csFromUTF8(std::strerror(errno));
-}
-} // namespace
 
 void ShowError(int, const wchar_t* pszMessage)
 {
@@ -36,7 +29,7 @@ void ShowErrorIDS_Service(int nStyle, unsigned int nMessage)
 
 void ShowErrorIDSError(int nStyle, unsigned int nMessage)
 {
-    const std::wstring csError = csErrnoText();
+    const std::wstring csError = csSystemMessage(errno);
     CTString csText;
     DLLRES_bFormatMessage(&g_stMyModule, nMessage, &csText, csError.c_str());
     ShowError(nStyle, csText.c_str());
@@ -44,7 +37,7 @@ void ShowErrorIDSError(int nStyle, unsigned int nMessage)
 
 void ShowErrorIDSError_Service(int nStyle, unsigned int nMessage)
 {
-    const std::wstring csError = csErrnoText();
+    const std::wstring csError = csSystemMessage(errno);
     CTString csText;
     DLLRES_bFormatMessage(&g_stMyModule, nMessage, &csText, csError.c_str(), g_szManagerService);
     ShowError(nStyle, csText.c_str());

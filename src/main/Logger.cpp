@@ -68,10 +68,7 @@ void CLogger::AddLogSystemError(const wchar_t* pszFormat, ...)
     va_start(pArgs, pszFormat);
     csText.FormatV(pszFormat, pArgs);
     va_end(pArgs);
-    constexpr unsigned int nFlags =
-        FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_IGNORE_INSERTS;
-    csText += L" , error " + std::to_wstring(nErrno) + L", " +
-              FormatMessageW(nFlags, nullptr, static_cast<unsigned int>(nErrno), nullptr);
+    csText += L" , error " + std::to_wstring(nErrno) + L", " + csSystemMessage(nErrno);
     AddLog(PRIORITY_ERROR, csText.c_str());
 }
 

@@ -3,11 +3,11 @@
 #include "manager/SetupManager.h"
 #include "support/accesdllres.h"
 #include "support/Conversion.h"
+#include "support/WinApi.h"
 
 #include <array>
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <mutex>
 #include <set>
 #include <sys/socket.h>
@@ -199,9 +199,8 @@ void CDialog::ACK(eError eCode, unsigned int nSystemError)
         __Send("OK\r\n");
         return;
     }
-    std::array<char, 256> tText{};
-    const char* pszText = nSystemError != 0 ? ::strerror_r(nErrno, tText.data(), tText.size()) : "";
-    __Send("ERROR\t" + std::to_string(eCode) + pszText + "\r\n");
+    const std::wstring csText = nSystemError != 0 ? csSystemMessage(nErrno) : std::wstring();
+    __Send("ERROR\t" + std::to_string(eCode) + __csToWire(csText) + "\r\n");
 }
 
 bool CDialog::__bExecute(const std::wstring& csKeyword)

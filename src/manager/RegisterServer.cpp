@@ -8,23 +8,13 @@
 #include "config/WinApi.h"
 #include "manager/SetupManager.h"
 #include "support/accesdllres.h"
-#include "support/Conversion.h"
 #include "support/DiskFile.h"
 #include "support/WinApi.h"
 
-#include <array>
 #include <cerrno>
-#include <cstring>
 #include <cwchar>
 
 namespace {
-/// The C library's text for an error.
-std::wstring csSystemText(int nErrno)
-{
-    std::array<char, 1000> tBuffer{};
-    return csFromUTF8(::strerror_r(nErrno, tBuffer.data(), tBuffer.size()));
-}
-
 std::wstring csShortName(const CService& clService)
 {
     return std::wstring(clService.pszGetName()).substr(std::size(g_szServerPrefix) - 1);
@@ -35,7 +25,6 @@ bool bSameName(const CService& clService, const stRegistration& stServer)
 {
     return CServiceManager::csRegisteredName(g_szServerPrefix + stServer.csName) == clService.pszGetName();
 }
-
 } // namespace
 
 void CSetupManager::RegisterServer(const std::wstring& csName, const std::wstring& csBinaryPath,
@@ -51,7 +40,7 @@ void CSetupManager::RegisterServer(const std::wstring& csName, const std::wstrin
         pclService = __pclInstallServer(clGuard, stServer);
     }
     if (pclService == nullptr || (pclService->eGetStatus() != STATUS_RUNNING && !pclService->bStart())) {
-        *pcsError = csSystemText(errno);
+        *pcsError = csSystemMessage(errno);
         _LogText(*pcsError);
     }
 }

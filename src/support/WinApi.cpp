@@ -26,11 +26,6 @@ std::string csReadLink(const char* pszLink)
     return {};
 }
 
-std::wstring csSystemMessage(unsigned int nErrno)
-{
-    std::string csBuffer(256, '\0');
-    return csFromUTF8(::strerror_r(static_cast<int>(nErrno), csBuffer.data(), csBuffer.size()));
-}
 } // namespace
 
 std::wstring GetModuleFileNameW(std::size_t nMax)
@@ -52,7 +47,14 @@ std::wstring FormatMessageW(unsigned int nFlags, const wchar_t* pszSource, unsig
         return pszSource == nullptr ? std::wstring()
                                     : csFormatInserts(pszSource, bIgnoreInserts ? nullptr : pArgs);
     }
-    return (nFlags & FORMAT_MESSAGE_FROM_SYSTEM) != 0 ? csSystemMessage(nMessageId) : std::wstring();
+    return (nFlags & FORMAT_MESSAGE_FROM_SYSTEM) != 0 ? csSystemMessage(static_cast<int>(nMessageId))
+                                                       : std::wstring();
+}
+
+std::wstring csSystemMessage(int nErrno)
+{
+    std::string csBuffer(256, '\0');
+    return csFromUTF8(::strerror_r(nErrno, csBuffer.data(), csBuffer.size()));
 }
 
 std::wstring csFormatMessage(const wchar_t* pszFormat, ...)

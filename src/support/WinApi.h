@@ -27,6 +27,9 @@ enum EFormatMessage : unsigned int
 std::wstring FormatMessageW(unsigned int nFlags, const wchar_t* pszSource, unsigned int nMessageId,
                             va_list* pArgs);
 
+/// The C library's text for an error number. Any thread.
+std::wstring csSystemMessage(int nErrno);
+
 /// As FormatMessageW from a string, with the arguments given directly.
 std::wstring csFormatMessage(const wchar_t* pszFormat, ...);
 

@@ -7,11 +7,7 @@
 
 std::wstring CXError::csGetSystemMessage() const
 {
-    if (m_nSystem == 0) {
-        return {};
-    }
-    return FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM, nullptr,
-                          static_cast<unsigned int>(m_nSystem), nullptr);
+    return m_nSystem != 0 ? csSystemMessage(m_nSystem) : std::wstring();
 }
 
 void CXError::SetUserError(unsigned int nCode, std::wstring csMessage)
