@@ -64,9 +64,8 @@ std::wstring csGeneratedName()
 CXError clWriteError(int nErrno)
 {
     constexpr const wchar_t* pszModule = L"velmomanager";
-    constexpr unsigned int nUserError = 3;
     CXError clError;
-    DLLRES_SetUserError(&clError, g_stMyModule, nUserError, nErrno);
+    DLLRES_SetUserError(&clError, g_stMyModule, USER_ERROR_SETTING, nErrno);
     CTString csDebug;
     csDebug.Format(L"IE%ls=%u.%u\r\nModule=<%ls>\r\nVersion=<%ls>", pszModule, 1U, 1U, pszModule,
                    g_szVersion);

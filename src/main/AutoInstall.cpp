@@ -16,10 +16,6 @@
 #include <unistd.h>
 
 namespace {
-constexpr unsigned int s_nMsgCannotRegister = 4003;
-constexpr unsigned int s_nMsgCannotStart = 4004;
-constexpr unsigned int s_nMsgRootOnly = 4139;
-
 using CServicePtr = std::unique_ptr<CService>;
 
 /// An executable whose version cannot be read is kept as it is.
@@ -35,14 +31,14 @@ bool bOlderThanThis(CService& clService)
 CServicePtr pclRegister(int nStyle, CServiceManager* pclManager)
 {
     if (::getuid() != 0) {
-        ShowErrorIDS(nStyle, s_nMsgRootOnly);
+        ShowErrorIDS(nStyle, MSG_ROOT_ONLY);
         return nullptr;
     }
     const std::wstring csCommandLine = GetModuleFileNameW() + L" --SERVICE";
     CServicePtr pclService(
         pclManager->pclInstall(g_szManagerService, g_szManagerService, csCommandLine.c_str(), 1, 1));
     if (pclService == nullptr) {
-        ShowErrorIDSError_Service(nStyle, s_nMsgCannotRegister);
+        ShowErrorIDSError_Service(nStyle, MSG_CANNOT_REGISTER);
     }
     return pclService;
 }
@@ -51,7 +47,7 @@ CServicePtr pclRegister(int nStyle, CServiceManager* pclManager)
 CServicePtr pclProvide(int nStyle, CServiceManager* pclManager)
 {
     if (!pclManager->bInit(nullptr, 0)) {
-        ShowErrorIDSError_Service(nStyle, s_nMsgCannotRegister);
+        ShowErrorIDSError_Service(nStyle, MSG_CANNOT_REGISTER);
         return nullptr;
     }
     CServicePtr pclService = pclManagerService(pclManager);
@@ -82,7 +78,7 @@ bool bAutoInstall(int bInstaller, CServiceManager* pclManager)
             return true;
         }
         if (!bRetry || bIsThisExecutable(*pclService)) {
-            ShowErrorIDS(bInstaller, s_nMsgCannotStart);
+            ShowErrorIDS(bInstaller, MSG_CANNOT_START);
             return false;
         }
         (void)pclService->bRemove(); // another installation's: this one takes its place
@@ -93,7 +89,7 @@ bool bUnInstall(CServiceManager* pclManager)
 {
     if (::getuid() != 0) {
         CTString csText;
-        DLLRES_bLoadString(g_stMyModule, s_nMsgRootOnly, &csText);
+        DLLRES_bLoadString(g_stMyModule, MSG_ROOT_ONLY, &csText);
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-security"
         std::printf(csToUTF8(csText).c_str()); // the message is the format, and no line end follows; intended

@@ -130,7 +130,7 @@ void AllowCoreDump()
 {
     constexpr rlimit stUnlimited{RLIM_INFINITY, RLIM_INFINITY};
     if (::setrlimit(RLIMIT_CORE, &stUnlimited) != 0) {
-        LogMessage(25304, L"");
+        LogMessage(MSG_NO_CORE_DUMPS, L"");
     }
 }
 
@@ -139,7 +139,7 @@ bool __bStart()
     if (gpclServiceImp->bStart()) {
         return true;
     }
-    LogMessage(4012, L"VelmoManager");
+    LogMessage(MSG_START_FAILED, L"VelmoManager");
     return false;
 }
 
@@ -149,7 +149,7 @@ bool __bChangeUser(int nFd, const wchar_t* pszUser, bool bPermanent)
     uid_t nUser = 0;
     gid_t nGroup = 0;
     if (!bFindUser(csUser, &nUser, &nGroup)) {
-        LogMessage(25305, pszUser);
+        LogMessage(MSG_UNKNOWN_USER, pszUser);
         return false;
     }
     if (nFd != -1) {
@@ -160,7 +160,7 @@ bool __bChangeUser(int nFd, const wchar_t* pszUser, bool bPermanent)
         GiveDirectory(csUser, csToUTF8(tDirectory.data()));
     }
     if (!bSwitch(nUser, nGroup, bPermanent)) {
-        LogMessage(25306, pszUser);
+        LogMessage(MSG_USER_REFUSED, pszUser);
         return false;
     }
     return true;

@@ -51,7 +51,7 @@ CDialog::~CDialog()
 
 void CDialog::xStart()
 {
-    if (!m_clThread.xbStart(_WaitForCommandeThreadRoutine, this, &g_stMyModule, 1, 0, 0)) {
+    if (!m_clThread.xbStart(_WaitForCommandeThreadRoutine, this, &g_stMyModule, USER_ERROR_THREAD, 0, 0)) {
         throw CXError();
     }
     _SayHello();

@@ -136,7 +136,7 @@ bool CPingEcho::bInit(std::uint16_t wPort)
 
 bool CPingEcho::bStart()
 {
-    return m_clThread.xbStart(_PingThreadRoutine, this, &g_stMyModule, 1, 1, 0);
+    return m_clThread.xbStart(_PingThreadRoutine, this, &g_stMyModule, USER_ERROR_THREAD, 1, 0);
 }
 
 void CPingEcho::Stop()

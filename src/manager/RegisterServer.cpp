@@ -72,8 +72,8 @@ CSetupManager::EComparison CSetupManager::__eCompare(CService& clService, const 
         if (bSameFile) {
             return EComparison::SAME;
         }
-        DLLRES_bFormatMessage(&g_stMyModule, 4010, pcsError, stServer.csName.c_str(), stServer.csPath.c_str(),
-                              csExecutable.c_str());
+        DLLRES_bFormatMessage(&g_stMyModule, MSG_NAME_TAKEN, pcsError, stServer.csName.c_str(),
+                              stServer.csPath.c_str(), csExecutable.c_str());
         return EComparison::CONFLICT;
     }
     const std::wstring csShort = csShortName(clService);
@@ -86,7 +86,7 @@ CSetupManager::EComparison CSetupManager::__eCompare(CService& clService, const 
         std::wcstol(s_csAccessPort(clService).c_str(), nullptr, 10) != stServer.wPort) {
         return EComparison::OTHER;
     }
-    DLLRES_bFormatMessage(&g_stMyModule, 4009, pcsError, stServer.csName.c_str(),
+    DLLRES_bFormatMessage(&g_stMyModule, MSG_PORT_TAKEN, pcsError, stServer.csName.c_str(),
                           static_cast<unsigned int>(stServer.wPort), csShort.c_str());
     return EComparison::CONFLICT;
 }

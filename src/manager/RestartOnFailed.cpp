@@ -26,7 +26,7 @@ CRestartOnFailed::~CRestartOnFailed()
 
 void CRestartOnFailed::xStart()
 {
-    (void)xbStart(RestartOnFailedThreadFunc, this, &g_stMyModule, 1, 1, 0);
+    (void)xbStart(RestartOnFailedThreadFunc, this, &g_stMyModule, USER_ERROR_THREAD, 1, 0);
 }
 
 void CRestartOnFailed::Stop()

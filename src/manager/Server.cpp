@@ -104,7 +104,7 @@ void CServer::Start()
 {
     for (std::size_t n = 0; n < m_tThreads.size(); ++n) {
         m_tThreads[n]->xbStart(_ServerThreadRoutine, const_cast<STSocket*>(&m_clSockets.tGetSockets()[n]),
-                               &g_stMyModule, 1, 0, 0);
+                               &g_stMyModule, USER_ERROR_THREAD, 0, 0);
     }
 }
 

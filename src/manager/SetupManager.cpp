@@ -82,8 +82,9 @@ bool CSetupManager::bInit()
     CXError clError;
     clError.SetSystemError(errno);
     CTString csMessage;
-    DLLRES_bFormatMessage(&g_stMyModule, 25627, &csMessage, static_cast<unsigned int>(g_wManagerPort));
-    clError.SetUserError(25627, csMessage);
+    DLLRES_bFormatMessage(&g_stMyModule, MSG_PORT_NOT_OPENED, &csMessage,
+                          static_cast<unsigned int>(g_wManagerPort));
+    clError.SetUserError(MSG_PORT_NOT_OPENED, csMessage);
     _LogError(clError);
     return false;
 }
@@ -223,7 +224,7 @@ void CSetupManager::_LogError(const CXError& clError)
 {
     constexpr unsigned int nEverything = 0x80000FFF;
     CTString csText;
-    DLLRES_bFormatMessage(&g_stMyModule, 4012, &csText, g_szManagerService);
+    DLLRES_bFormatMessage(&g_stMyModule, MSG_START_FAILED, &csText, g_szManagerService);
     csText += L"\r\n" + clError.StringDump(nEverything);
     ReplaceAll(&csText, L"\r\n", L"\n");
     m_clLogger.AddLog(ILogger::PRIORITY_CRITICAL, L"%1!s!", csEscapePercent(csText).c_str());

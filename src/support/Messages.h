@@ -1,5 +1,7 @@
 #pragma once
 
+#include "support/MessageIds.h"
+
 #include <cstdint>
 #include <string_view>
 
@@ -15,41 +17,41 @@ struct STMessage
 /// but that of their inserts.
 inline constexpr STMessage s_tMessages[] = {
     {257, u"ZANTOR RES BLOC UTF16 START"},
-    {3857,
+    {nUserErrorMessage(USER_ERROR_THREAD),
      u"A worker thread could not be started. Check the limits on memory and on the number of threads of the "
      u"service (LimitNPROC, TasksMax), then restart the manager."},
-    {3858,
+    {nUserErrorMessage(USER_ERROR_COMMAND),
      u"The operation could not be carried out. The lines below tell what was refused: correct it and try "
      u"again."},
-    {3859,
+    {nUserErrorMessage(USER_ERROR_SETTING),
      u"A setting could not be written to DXConf.ini. Check that the disk is not full and that the file and "
      u"its folder can be written to, then try again."},
-    {4003,
+    {MSG_CANNOT_REGISTER,
      u"The service \"%2\" cannot be registered or looked up with the system's service manager: %1. Check "
      u"that the system's init tools work and that you are root, then try again."},
-    {4004,
+    {MSG_CANNOT_START,
      u"The service could not be started. Look for its last entries in the system log, correct what they "
      u"report, then try again."},
-    {4009, u"The server \"%1\" was not registered: its port %2!u! is already used by the server \"%3\". Set "
-           u"another "
-           u"AccessPort in its DXConf.ini, then register it again."},
-    {4010,
+    {MSG_PORT_TAKEN, u"The server \"%1\" was not registered: its port %2!u! is already used by the server "
+                     u"\"%3\". Set another "
+                     u"AccessPort in its DXConf.ini, then register it again."},
+    {MSG_NAME_TAKEN,
      u"The server \"%1\" (%2) was not registered: its name is already registered for %3. Give it another "
      u"name, or uninstall the other server first, then register it again."},
-    {4012,
+    {MSG_START_FAILED,
      u"The service \"%1\" could not be started. The system log tells what failed: correct it, then start the "
      u"service again."},
-    {4139, u"This must be done by root: run the command again as root, for example with sudo."},
-    {25304,
+    {MSG_ROOT_ONLY, u"This must be done by root: run the command again as root, for example with sudo."},
+    {MSG_NO_CORE_DUMPS,
      u"The limit on core dumps could not be raised, so a crash may leave no core file. Start the manager as "
      u"root or raise the limit of its service (LimitCORE)."},
-    {25305,
+    {MSG_UNKNOWN_USER,
      u"The user \"%1\" that the manager is to run as does not exist on this machine. Create this user or "
      u"correct its name in DXConf.ini, then start the manager again."},
-    {25306,
+    {MSG_USER_REFUSED,
      u"The manager could not switch to the user \"%1\". Start it as root, or correct the user in DXConf.ini, "
      u"then start it again."},
-    {25627,
+    {MSG_PORT_NOT_OPENED,
      u"The port %1!u! cannot be opened. Check that no other program uses it (\"ss -lnp\" shows which). Right "
      u"after a conversation the system may hold the port of a manager that has ended for about a minute: in "
      u"that case wait, then start the manager again."},

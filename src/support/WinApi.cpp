@@ -48,7 +48,7 @@ std::wstring FormatMessageW(unsigned int nFlags, const wchar_t* pszSource, unsig
                                     : csFormatInserts(pszSource, bIgnoreInserts ? nullptr : pArgs);
     }
     return (nFlags & FORMAT_MESSAGE_FROM_SYSTEM) != 0 ? csSystemMessage(static_cast<int>(nMessageId))
-                                                       : std::wstring();
+                                                      : std::wstring();
 }
 
 std::wstring csSystemMessage(int nErrno)

@@ -13,7 +13,6 @@
 #include <unistd.h>
 
 namespace {
-constexpr unsigned int s_nMessagePort = 25627;
 constexpr int s_nMaxBacklog = 128;
 constexpr int s_nLevelServer = 2;
 
@@ -39,8 +38,8 @@ void __CompleteErreurServeur(std::uint16_t wPort, const wchar_t* pszCall, CXErro
     }
     const int nErrno = errno;
     CTString csText;
-    DLLRES_bFormatMessage(&g_stMyModule, s_nMessagePort, &csText, static_cast<unsigned int>(wPort));
-    pclError->SetUserError(s_nMessagePort, csText);
+    DLLRES_bFormatMessage(&g_stMyModule, MSG_PORT_NOT_OPENED, &csText, static_cast<unsigned int>(wPort));
+    pclError->SetUserError(MSG_PORT_NOT_OPENED, csText);
     pclError->SetLevel(s_nLevelServer);
     pclError->SetModule(g_stMyModule.pszName);
     pclError->SetSystemError(nErrno);

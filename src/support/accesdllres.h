@@ -1,5 +1,6 @@
 #pragma once
 
+#include "support/MessageIds.h"
 #include "support/ResANSI.h"
 #include "support/XError.h"
 #include "support/XYString.h"
@@ -14,12 +15,6 @@ struct _stMyModuleInfo
     bool (*pfnGetResource)(unsigned int nId, STRessourceModule& stResource);
 };
 extern const _stMyModuleInfo g_stMyModule;
-
-/// Message id of "user error n" of a module.
-constexpr unsigned int nUserErrorMessage(unsigned int nCode)
-{
-    return 3856 + nCode;
-}
 
 bool DLLRES_bInit(void* hInstance, int nReserved);
 void DLLRES_Term();

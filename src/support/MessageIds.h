@@ -1,0 +1,31 @@
+#pragma once
+
+/// Numbers of the manager's messages by name; texts and their inserts: Messages.h. An outside loader knows
+/// the messages by these numbers, so they never change.
+enum EMessage : unsigned int
+{
+    MSG_CANNOT_REGISTER = 4003,
+    MSG_CANNOT_START = 4004,
+    MSG_PORT_TAKEN = 4009,
+    MSG_NAME_TAKEN = 4010,
+    MSG_START_FAILED = 4012,
+    MSG_ROOT_ONLY = 4139,
+    MSG_NO_CORE_DUMPS = 25304,
+    MSG_UNKNOWN_USER = 25305,
+    MSG_USER_REFUSED = 25306,
+    MSG_PORT_NOT_OPENED = 25627,
+};
+
+/// "User errors" of the manager's module, which an error object carries to whoever reports it.
+enum EUserError : unsigned int
+{
+    USER_ERROR_THREAD = 1,  ///< a worker thread cannot be started
+    USER_ERROR_COMMAND = 2, ///< an operation was refused; for the language runtime
+    USER_ERROR_SETTING = 3, ///< a setting cannot be written
+};
+
+/// Number of the message of "user error n" of a module.
+constexpr unsigned int nUserErrorMessage(unsigned int nCode)
+{
+    return 3856 + nCode;
+}
