@@ -1,6 +1,7 @@
 #include "config/ProfileFile.h"
 
 #include "support/SignalMask.h"
+#include "support/SystemCall.h"
 
 #include <algorithm>
 #include <bit>
@@ -16,19 +17,6 @@
 static_assert(std::endian::native == std::endian::little, "units are copied from the file as they are");
 
 namespace {
-constexpr mode_t s_nFileMode = 0666;
-
-/// Repeats a system call that a signal interrupted.
-template <class TCall>
-auto nRetry(TCall fnCall)
-{
-    auto nResult = fnCall();
-    while (nResult < 0 && errno == EINTR) {
-        nResult = fnCall();
-    }
-    return nResult;
-}
-
 /// Keeps SIGXFSZ from this thread: writing past the limit on file sizes is to fail with EFBIG, not to end the
 /// process.
 class CNoFileSizeSignal
@@ -111,19 +99,8 @@ CProfileFile::CProfileFile() : m_pBuffer(std::make_unique_for_overwrite<CBuffer>
 
 bool CProfileFile::_bOpen(const std::string& csPath, int nFlags)
 {
-    constexpr int nAlways = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
-    m_clFile = CDescripteur(nRetry([&] { return ::open(csPath.c_str(), nFlags | nAlways, s_nFileMode); }));
-    struct stat stFile
-    {};
-    if (!m_clFile.bOpen() || ::fstat(m_clFile.nFd(), &stFile) != 0) {
-        return false;
-    }
-    if (!S_ISREG(stFile.st_mode)) {
-        m_clFile.Close();
-        errno = S_ISDIR(stFile.st_mode) ? EISDIR : EINVAL;
-        return false;
-    }
-    return true;
+    m_clFile = clOpenRegular(csPath, nFlags);
+    return m_clFile.bOpen();
 }
 
 bool CProfileFile::bOpenToRead(const std::string& csPath)

@@ -3,13 +3,11 @@
 #include "main/PidFile.h"
 #include "main/ServiceSteps.h"
 #include "support/Conversion.h"
-#include "support/Descripteur.h"
-#include "support/Ignored.h"
+#include "support/SystemCall.h"
 
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <ctime>
 #include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -36,7 +34,8 @@ std::string csPidPath(const wchar_t* pszServiceName)
 
 void __NotifyParentFork(CDescripteur* pclPipe, char cStatus)
 {
-    while (pclPipe->bOpen() && ::write(pclPipe->nFd(), &cStatus, 1) < 0 && errno == EINTR) {
+    if (pclPipe->bOpen()) {
+        Ignored(nRetry([&] { return ::write(pclPipe->nFd(), &cStatus, 1); })); // the launcher may be gone
     }
     pclPipe->Close();
 }
@@ -45,7 +44,6 @@ void __NotifyParentFork(CDescripteur* pclPipe, char cStatus)
 /// init system may take it for a daemon that is still about to write its PID file, and wait for that.
 void AwaitEnd()
 {
-    constexpr timespec st10ms{0, 10'000'000};
     for (int n = 0; n < s_nMaxEndMs / 10; ++n) {
         pid_t nEnded = 0;
         while ((nEnded = ::waitpid(-1, nullptr, WNOHANG)) > 0) {
@@ -53,7 +51,7 @@ void AwaitEnd()
         if (nEnded < 0) {
             return; // no child is left
         }
-        ::nanosleep(&st10ms, nullptr);
+        ::usleep(10'000);
     }
 }
 
@@ -61,14 +59,11 @@ void AwaitEnd()
 void Launcher(pid_t nChild, const CDescripteur& clPipe)
 {
     int nStatus = 0;
-    while (::waitpid(nChild, &nStatus, 0) < 0) {
-        if (errno != EINTR) {
-            return;
-        }
+    if (nRetry([&] { return ::waitpid(nChild, &nStatus, 0); }) < 0) {
+        return;
     }
     char cByte = s_cFailed;
-    while (::read(clPipe.nFd(), &cByte, 1) < 0 && errno == EINTR) {
-    }
+    Ignored(nRetry([&] { return ::read(clPipe.nFd(), &cByte, 1); })); // nothing comes: it failed
     if (cByte != s_cRunning) {
         AwaitEnd();
     }

@@ -3,8 +3,8 @@
 #include "main/ServiceSteps.h"
 #include "support/accesdllres.h"
 #include "support/Conversion.h"
-#include "support/Ignored.h"
 #include "support/Shell.h"
+#include "support/SystemCall.h"
 #include "support/WinApi.h"
 #include "support/XYString.h"
 

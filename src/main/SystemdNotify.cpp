@@ -1,10 +1,9 @@
 // The service main under systemd's notification protocol: no fork, no PID file; systemd owns the process.
 
 #include "main/ServiceSteps.h"
-#include "support/Descripteur.h"
+#include "support/SystemCall.h"
 
 #include <array>
-#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -45,10 +44,10 @@ void NotifyReady(const std::string& csSocket)
         stAddress.sun_path[0] = '\0';
     }
     const auto nLength = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + csSocket.size());
-    while (::sendto(clSocket.nFd(), s_csReady.data(), s_csReady.size(), MSG_NOSIGNAL,
-                    reinterpret_cast<const sockaddr*>(&stAddress), nLength) < 0 &&
-           errno == EINTR) {
-    }
+    Ignored(nRetry([&] {
+        return ::sendto(clSocket.nFd(), s_csReady.data(), s_csReady.size(), MSG_NOSIGNAL,
+                        reinterpret_cast<const sockaddr*>(&stAddress), nLength);
+    }));
 }
 } // namespace
 

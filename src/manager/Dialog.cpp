@@ -3,6 +3,7 @@
 #include "manager/SetupManager.h"
 #include "support/accesdllres.h"
 #include "support/Conversion.h"
+#include "support/SystemCall.h"
 #include "support/WinApi.h"
 
 #include <array>
@@ -119,10 +120,8 @@ bool CDialog::bGetCommand(CTString* pcsKeyword)
     std::array<char, s_nBlock> tBlock;
     std::size_t nEnd = std::wstring::npos;
     while (nEnd == std::wstring::npos) {
-        const ssize_t nReceived = ::recv(m_clSocket.nFd(), tBlock.data(), tBlock.size(), 0);
-        if (nReceived < 0 && errno == EINTR) {
-            continue;
-        }
+        const ssize_t nReceived =
+            nRetry([&] { return ::recv(m_clSocket.nFd(), tBlock.data(), tBlock.size(), 0); });
         if (nReceived <= 0) {
             return false;
         }

@@ -2,7 +2,7 @@
 
 #include "manager/Dialog.h"
 #include "support/Conversion.h"
-#include "support/DiskFile.h"
+#include "support/SystemCall.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -40,16 +40,10 @@ public:
     CTemporaryFile(const CTemporaryFile&) = delete;
     CTemporaryFile& operator=(const CTemporaryFile&) = delete;
 
-    void xWrite(const char* pBytes, std::size_t nLength)
+    void xWrite(std::string_view csBytes)
     {
-        while (nLength > 0) {
-            const ssize_t nWritten = ::write(m_clFile.nFd(), pBytes, nLength);
-            if (nWritten < 0 && errno != EINTR) {
-                xThrow(L"write", m_csPath);
-            }
-            const std::size_t nDone = nWritten > 0 ? static_cast<std::size_t>(nWritten) : 0;
-            pBytes += nDone;
-            nLength -= nDone;
+        if (!bWriteAll(m_clFile.nFd(), csBytes)) {
+            xThrow(L"write", m_csPath);
         }
     }
     std::wstring csKeep()
@@ -70,17 +64,14 @@ void CDialog::xGetFile(const std::wstring& csName, unsigned int nSize, CInstallI
     CTemporaryFile clFile;
     const auto pBlock = std::make_unique_for_overwrite<char[]>(s_nBlock);
     for (std::size_t nTotal = 0; nTotal < nSize;) {
-        const ssize_t nReceived = ::recv(m_clSocket.nFd(), pBlock.get(), s_nBlock, 0);
-        if (nReceived < 0 && errno == EINTR) {
-            continue;
-        }
+        const ssize_t nReceived = nRetry([&] { return ::recv(m_clSocket.nFd(), pBlock.get(), s_nBlock, 0); });
         if (nReceived == 0) {
             errno = ECONNRESET; // the tool is gone: the file will never be whole
         }
         if (nReceived <= 0) {
             xThrow(L"recv", csToUTF8(csName));
         }
-        clFile.xWrite(pBlock.get(), static_cast<std::size_t>(nReceived));
+        clFile.xWrite({pBlock.get(), static_cast<std::size_t>(nReceived)});
         nTotal += static_cast<std::size_t>(nReceived);
     }
     pclInfo->tNames.push_back(csName);

@@ -1,6 +1,7 @@
 #include "manager/PipeServer.h"
 
 #include "support/SignalMask.h"
+#include "support/SystemCall.h"
 
 #include <array>
 #include <cerrno>
@@ -104,7 +105,7 @@ void SendReply(int nReply, const stRET& stReturn)
     struct stat st
     {};
     if (clReply.bOpen() && ::fstat(clReply.nFd(), &st) == 0 && S_ISFIFO(st.st_mode)) {
-        (void)!::write(clReply.nFd(), &stReturn, sizeof stReturn); // smaller than PIPE_BUF: all or nothing
+        Ignored(::write(clReply.nFd(), &stReturn, sizeof stReturn)); // smaller than PIPE_BUF: all or nothing
     }
 }
 } // namespace

@@ -7,7 +7,7 @@
 #include "support/DescriptorLimit.h"
 #include "support/DiskFile.h"
 #include "support/FileVersion.h"
-#include "support/Ignored.h"
+#include "support/SystemCall.h"
 #include "support/SystemInfo.h"
 #include "support/WinApi.h"
 #include "vm/DLLExecution.h"

@@ -3,6 +3,7 @@
 #include "service/ProcessManager.h"
 #include "support/Conversion.h"
 #include "support/SelectSet.h"
+#include "support/SystemCall.h"
 
 #include <algorithm>
 #include <array>
@@ -222,18 +223,7 @@ bool CLanceProcessus::bProcessusTermine() const
 
 bool CLanceProcessus::bEcritEntree(const void* pData, unsigned int nLength)
 {
-    const char* pNext = static_cast<const char*>(pData);
-    while (m_clInput.bOpen() && nLength > 0) {
-        const ssize_t nWritten = ::write(m_clInput.nFd(), pNext, nLength);
-        if (nWritten < 0 && errno != EINTR) {
-            return false;
-        }
-        if (nWritten > 0) {
-            pNext += nWritten;
-            nLength -= static_cast<unsigned int>(nWritten);
-        }
-    }
-    return m_clInput.bOpen() && nLength == 0;
+    return m_clInput.bOpen() && bWriteAll(m_clInput.nFd(), {static_cast<const char*>(pData), nLength});
 }
 
 bool CLanceProcessus::Kill()

@@ -6,19 +6,14 @@
 #include "service/SysVFamily.h"
 #include "support/Conversion.h"
 #include "support/DiskFile.h"
+#include "support/SystemCall.h"
 
 #include <cerrno>
-#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
 namespace {
-struct stCloseDirectory
-{
-    void operator()(DIR* pDirectory) const { ::closedir(pDirectory); }
-};
-
 /// A place where scripts are: what stands before a script's name is split at its last "/".
 struct stScriptPlace
 {
@@ -78,7 +73,7 @@ private:
     std::vector<stScriptPlace> m_tPlaces;
     std::wstring m_csStart;
     std::size_t m_nOpened = 0; ///< places up to this one have been opened or passed over
-    std::unique_ptr<DIR, stCloseDirectory> m_pDirectory;
+    CDirectory m_pDirectory;
 };
 
 /// An existing file keeps its identity; whoever owned it, it is root's afterwards. One that cannot be made so

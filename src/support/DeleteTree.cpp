@@ -1,13 +1,12 @@
 #include "support/Conversion.h"
-#include "support/Descripteur.h"
 #include "support/DiskFile.h"
 #include "support/ProtectedDirectories.h"
+#include "support/SystemCall.h"
 #include "support/WinApi.h"
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
 #include <fcntl.h>
 #include <memory>
 #include <optional>
@@ -72,16 +71,11 @@ CDescripteur clOpenResolved(const std::string& csPath)
     return clFd;
 }
 
-struct STCloseDirectory
-{
-    void operator()(DIR* pDir) const noexcept { ::closedir(pDir); }
-};
-
 /// Names in a directory but "." and ".."; false with errno when it cannot be read.
 bool bListNames(int nFd, std::vector<std::string>* ptNames)
 {
     CDescripteur clCopy(::openat(nFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    const std::unique_ptr<DIR, STCloseDirectory> pDir(clCopy.bOpen() ? ::fdopendir(clCopy.nFd()) : nullptr);
+    const CDirectory pDir(clCopy.bOpen() ? ::fdopendir(clCopy.nFd()) : nullptr);
     if (!pDir) {
         return false;
     }

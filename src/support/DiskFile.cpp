@@ -1,7 +1,7 @@
 #include "support/DiskFile.h"
 
 #include "support/Conversion.h"
-#include "support/Descripteur.h"
+#include "support/SystemCall.h"
 
 #include <algorithm>
 #include <array>
@@ -59,22 +59,6 @@ bool bSameName(const std::wstring& cs1, const std::wstring& cs2, bool bDirectory
         return false;
     }
     return csName1 == csName2 || bSameOnDisk(csName1, csName2, bDirectory);
-}
-
-bool bWriteAll(int nFd, std::string_view csBytes)
-{
-    while (!csBytes.empty()) {
-        const ssize_t nWritten = ::write(nFd, csBytes.data(), csBytes.size());
-        if (nWritten < 0 && errno == EINTR) {
-            continue;
-        }
-        if (nWritten <= 0) {
-            errno = nWritten == 0 ? EIO : errno;
-            return false;
-        }
-        csBytes.remove_prefix(static_cast<std::size_t>(nWritten));
-    }
-    return true;
 }
 
 /// Writes over the file itself: for what cannot be replaced by a new file (a device, a directory without the
@@ -162,10 +146,7 @@ bool bReadAll(int nFd, std::string* pcsBytes, std::size_t nMax)
 {
     auto pBuffer = std::make_unique<std::array<char, 16384>>();
     while (true) {
-        const ssize_t nRead = ::read(nFd, pBuffer->data(), pBuffer->size());
-        if (nRead < 0 && errno == EINTR) {
-            continue;
-        }
+        const ssize_t nRead = nRetry([&] { return ::read(nFd, pBuffer->data(), pBuffer->size()); });
         if (nRead <= 0) {
             return nRead == 0;
         }
@@ -254,17 +235,9 @@ bool CDiskFile::bReadFile(const std::wstring& csPath, std::string* pcsBytes, std
                           CXError* pclError)
 {
     pcsBytes->clear();
-    // Non-blocking: a FIFO in the file's place must not hold the caller.
-    const CDescripteur clFile(
-        ::open(csDiskPath(csPath).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    struct stat st
-    {};
-    if (!clFile.bOpen() || ::fstat(clFile.nFd(), &st) != 0) {
+    const CDescripteur clFile = clOpenRegular(csDiskPath(csPath), O_RDONLY);
+    if (!clFile.bOpen()) {
         return bFail(pclError, L"open", csPath);
-    }
-    if (!S_ISREG(st.st_mode)) {
-        errno = EINVAL;
-        return bFail(pclError, L"read", csPath);
     }
     return bReadAll(clFile.nFd(), pcsBytes, nMax) || bFail(pclError, L"read", csPath);
 }

@@ -37,7 +37,7 @@ public:
     /// keeps its own).
     static bool bWriteFile(const std::wstring& csPath, const std::string& csBytes,
                            CXError* pclError = nullptr);
-    /// Whole content of a regular file of at most nMax bytes; false (EFBIG, EINVAL...) otherwise.
+    /// Whole content of a regular file of at most nMax bytes; false (EFBIG, EISDIR, EINVAL...) otherwise.
     static bool bReadFile(const std::wstring& csPath, std::string* pcsBytes, std::size_t nMax = 16u << 20,
                           CXError* pclError = nullptr);
 };

@@ -1,16 +1,15 @@
 #include "support/FileVersion.h"
 
 #include "support/Conversion.h"
-#include "support/Descripteur.h"
+#include "support/SystemCall.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <elf.h>
 #include <fcntl.h>
 #include <optional>
 #include <string_view>
-#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 // A note and its neighbours are a few hundred bytes; what claims to be larger is not looked at.
@@ -27,10 +26,8 @@ bool bReadAt(int nFd, std::uint64_t qwOffset, void* pBuffer, std::size_t nSize)
         return false;
     }
     while (nSize > 0) {
-        const ssize_t nRead = ::pread(nFd, pBytes, nSize, static_cast<off_t>(qwOffset));
-        if (nRead < 0 && errno == EINTR) {
-            continue;
-        }
+        const ssize_t nRead =
+            nRetry([&] { return ::pread(nFd, pBytes, nSize, static_cast<off_t>(qwOffset)); });
         if (nRead <= 0) {
             return false;
         }
@@ -112,14 +109,8 @@ bool CFileVersion::bLoad(const std::wstring& csPath)
     if (csPath.find(L'\0') != std::wstring::npos) {
         return false;
     }
-    // Non-blocking: a FIFO or a device in the file's place must not hold the caller.
-    const CDescripteur clFile(::open(csToUTF8(csPath).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    struct stat st
-    {};
-    if (!clFile.bOpen() || ::fstat(clFile.nFd(), &st) != 0 || !S_ISREG(st.st_mode)) {
-        return false;
-    }
-    const std::optional<std::string> csContent = csReadNote(clFile.nFd());
+    const CDescripteur clFile = clOpenRegular(csToUTF8(csPath), O_RDONLY);
+    const auto csContent = clFile.bOpen() ? csReadNote(clFile.nFd()) : std::nullopt;
     if (!csContent) {
         return false;
     }

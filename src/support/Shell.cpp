@@ -1,23 +1,11 @@
 #include "support/Shell.h"
 
 #include "support/ChildStart.h"
+#include "support/SystemCall.h"
 
 #include <cerrno>
 #include <sys/wait.h>
 #include <unistd.h>
-
-namespace {
-int nWaitStatus(pid_t nPid)
-{
-    int nStatus = 0;
-    while (::waitpid(nPid, &nStatus, 0) < 0) {
-        if (errno != EINTR) {
-            return -1;
-        }
-    }
-    return nStatus;
-}
-} // namespace
 
 int nShell(const std::string& csCommand)
 {
@@ -31,7 +19,10 @@ int nShell(const std::string& csCommand)
     if (clStarter.nStart(stShell, &nPid) < 0) {
         return -1;
     }
-    const int nStatus = nWaitStatus(nPid);
+    int nStatus = 0;
+    if (nRetry([&] { return ::waitpid(nPid, &nStatus, 0); }) < 0) {
+        return -1;
+    }
     if (clStarter.nExecError() != 0) {
         errno = clStarter.nExecError();
         return -1;

@@ -117,7 +117,7 @@ TEST(DiskFile, ReadingTakesRegularFilesOfABoundedSizeOnly)
     EXPECT_NE(cs.find("VmRSS"), cs.npos);
     const std::pair<std::wstring, int> tCases[] = {
         {clDir.csWidePath("f"), EFBIG},         {clDir.csWidePath("fifo"), EINVAL},
-        {clDir.csWidePath(), EINVAL},           {L"/dev/zero", EINVAL},
+        {clDir.csWidePath(), EISDIR},           {L"/dev/zero", EINVAL},
         {clDir.csWidePath("gone"), ENOENT},     {L"", ENOENT},
         {clDir.csWidePath("f") + L'\0', ENOENT}};
     for (const auto& [csPath, nErrno] : tCases) {

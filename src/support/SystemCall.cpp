@@ -1,0 +1,35 @@
+#include "support/SystemCall.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+bool bWriteAll(int nFd, std::string_view csBytes)
+{
+    while (!csBytes.empty()) {
+        const ssize_t nWritten = nRetry([&] { return ::write(nFd, csBytes.data(), csBytes.size()); });
+        if (nWritten <= 0) {
+            errno = nWritten == 0 ? EIO : errno;
+            return false;
+        }
+        csBytes.remove_prefix(static_cast<std::size_t>(nWritten));
+    }
+    return true;
+}
+
+CDescripteur clOpenRegular(const std::string& csPath, int nFlags)
+{
+    constexpr int nAlways = O_CLOEXEC | O_NONBLOCK | O_NOCTTY; // not waiting makes no difference for a file
+    constexpr mode_t nMode = 0666;
+    CDescripteur clFile(nRetry([&] { return ::open(csPath.c_str(), nFlags | nAlways, nMode); }));
+    struct stat st
+    {};
+    if (!clFile.bOpen() || ::fstat(clFile.nFd(), &st) != 0) {
+        return CDescripteur();
+    }
+    if (!S_ISREG(st.st_mode)) {
+        errno = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
+        return CDescripteur();
+    }
+    return clFile;
+}

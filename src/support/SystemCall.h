@@ -1,0 +1,40 @@
+#pragma once
+
+#include "support/Descripteur.h"
+
+#include <cerrno>
+#include <dirent.h>
+#include <memory>
+#include <string>
+#include <string_view>
+
+/// System calls that are made in the same way everywhere.
+
+/// Makes a call again as long as a signal interrupts it, and returns what it returned at last. Not for waits
+/// that a signal is meant to end.
+template <class TCall>
+auto nRetry(TCall Call)
+{
+    auto nResult = Call();
+    while (nResult < 0 && errno == EINTR) {
+        nResult = Call();
+    }
+    return nResult;
+}
+
+/// For the result of a call after whose failure there is nothing better than to go on; the place says why.
+inline void Ignored(long) {}
+
+/// Writes all of the bytes; false with errno (EIO where the system just takes none) when it cannot.
+bool bWriteAll(int nFd, std::string_view csBytes);
+
+/// Opens a file close-on-exec. What is no regular file (a directory, a FIFO, a device) is refused with EISDIR
+/// or EINVAL and never waited for. With O_CREAT a new file has mode 0666 less the umask.
+CDescripteur clOpenRegular(const std::string& csPath, int nFlags);
+
+/// An open directory; closed with its owner.
+struct STCloseDirectory
+{
+    void operator()(DIR* pDirectory) const noexcept { ::closedir(pDirectory); }
+};
+using CDirectory = std::unique_ptr<DIR, STCloseDirectory>;
