@@ -49,11 +49,7 @@ std::string csShellWord(const std::string& cs)
     if (!cs.empty() && bHarmless(cs)) {
         return cs;
     }
-    std::string csQuoted = "'";
-    for (const char c : cs) {
-        csQuoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    }
-    return csQuoted + "'";
+    return "'" + csReplaceAll<char>(cs, "'", "'\\''") + "'";
 }
 
 void GiveDirectory(const std::string& csUser, const std::string& csDirectory)

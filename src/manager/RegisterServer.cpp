@@ -102,8 +102,3 @@ std::unique_ptr<CService> CSetupManager::__pclInstallServer(const CServiceGuard&
     return std::unique_ptr<CService>(m_clServiceManager.pclInstall(
         csService.c_str(), csService.c_str(), (stServer.csPath + L" --SERVICE").c_str(), 1, 1));
 }
-
-void CSetupManager::_LogText(const std::wstring& csText)
-{
-    m_clLogger.AddLog(ILogger::PRIORITY_CRITICAL, L"%1!s!", csEscapePercent(csText).c_str());
-}

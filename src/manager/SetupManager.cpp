@@ -23,14 +23,6 @@ CSetupManager* gpclSetupManager = nullptr;
 namespace {
 constexpr std::size_t s_nPrefixLength = std::size(g_szServerPrefix) - 1; ///< dropped from every listed name
 constexpr std::size_t s_nPortText = 200; ///< characters read of an access port
-
-void ReplaceAll(std::wstring* pcsText, std::wstring_view csFrom, std::wstring_view csTo)
-{
-    for (std::size_t n = pcsText->find(csFrom); n != std::wstring::npos;
-         n = pcsText->find(csFrom, n + csTo.size())) {
-        pcsText->replace(n, csFrom.size(), csTo);
-    }
-}
 } // namespace
 
 CSetupManager::CSetupManager() : m_clRemote(&m_clServiceManager)
@@ -225,7 +217,10 @@ void CSetupManager::_LogError(const CXError& clError)
     constexpr unsigned int nEverything = 0x80000FFF;
     CTString csText;
     DLLRES_bFormatMessage(&g_stMyModule, MSG_START_FAILED, &csText, g_szManagerService);
-    csText += L"\r\n" + clError.StringDump(nEverything);
-    ReplaceAll(&csText, L"\r\n", L"\n");
+    _LogText(csReplaceAll<wchar_t>(csText + L"\r\n" + clError.StringDump(nEverything), L"\r\n", L"\n"));
+}
+
+void CSetupManager::_LogText(const std::wstring& csText)
+{
     m_clLogger.AddLog(ILogger::PRIORITY_CRITICAL, L"%1!s!", csEscapePercent(csText).c_str());
 }

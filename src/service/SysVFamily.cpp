@@ -13,19 +13,16 @@
 namespace {
 constexpr wchar_t s_szUsualPrefix[] = L"/etc/init.d/";
 
-std::string csReplaceName(std::string csPattern, const std::string& csName)
+/// The shell line or text of a row, for one service.
+std::string csFor(const std::string& csName, const char* pszRow)
 {
-    for (std::size_t n = csPattern.find("%s"); n != std::string::npos;
-         n = csPattern.find("%s", n + csName.size())) {
-        csPattern.replace(n, 2, csName);
-    }
-    return csPattern;
+    return csReplaceAll<char>(pszRow, "%s", csName);
 }
 
 void RegisterByTool(const stSysVFamily& stFamily, const std::string& csName)
 {
     // Not judged: an unregistered script still serves.
-    (void)nShell(csReplaceName(stFamily.pszRegister, csName));
+    (void)nShell(csFor(csName, stFamily.pszRegister));
 }
 
 struct stBootFile
@@ -46,7 +43,7 @@ void AppendBootBlocks(const stSysVFamily&, const std::string& csName)
 {
     for (const stBootFile& st : s_tBootFiles) {
         std::string csFile;
-        const std::string csBlock = csReplaceName(st.pszBlock, csName);
+        const std::string csBlock = csFor(csName, st.pszBlock);
         if (CDiskFile::bReadFile(st.pszPath, &csFile) && csFile.find(csBlock) == std::string::npos) {
             (void)CDiskFile::bWriteFile(st.pszPath, csFile + csBlock); // best effort, as with the tools
         }
@@ -56,7 +53,7 @@ void AppendBootBlocks(const stSysVFamily&, const std::string& csName)
 bool bUnregisterThenDelete(const stSysVFamily& stFamily, const std::wstring& csName)
 {
     if (stFamily.pszUnregister != nullptr) {
-        (void)nShell(csReplaceName(stFamily.pszUnregister, csToUTF8(csName)));
+        (void)nShell(csFor(csToUTF8(csName), stFamily.pszUnregister));
     }
     (void)CDiskFile::bDelete(csScriptPath(csName));
     return true; // best effort
@@ -66,7 +63,7 @@ bool bUnregisterThenDelete(const stSysVFamily& stFamily, const std::wstring& csN
 bool bDeleteThenUnregister(const stSysVFamily& stFamily, const std::wstring& csName)
 {
     (void)CDiskFile::bDelete(csScriptPath(csName));
-    return nShell(csReplaceName(stFamily.pszUnregister, csToUTF8(csName))) != -1 || errno == ENOENT;
+    return nShell(csFor(csToUTF8(csName), stFamily.pszUnregister)) != -1 || errno == ENOENT;
 }
 
 constexpr stSysVFamily s_tFamilies[] = {

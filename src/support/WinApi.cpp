@@ -2,6 +2,7 @@
 
 #include "support/Conversion.h"
 #include "support/FormatMessage.h"
+#include "support/XYString.h"
 
 #include <cstring>
 #include <unistd.h>
@@ -68,10 +69,5 @@ std::wstring csFormatMessage(const wchar_t* pszFormat, ...)
 
 std::wstring csEscapePercent(std::wstring_view csText)
 {
-    std::wstring csEscaped;
-    csEscaped.reserve(csText.size());
-    for (const wchar_t c : csText) {
-        csEscaped.append(c == L'%' ? 2 : 1, c);
-    }
-    return csEscaped;
+    return csReplaceAll<wchar_t>(std::wstring(csText), L"%", L"%%");
 }
