@@ -1,6 +1,7 @@
 #include "service/Distribution.h"
 
 #include "support/DiskFile.h"
+#include "support/TextLines.h"
 
 #include <algorithm>
 #include <initializer_list>
@@ -36,9 +37,7 @@ struct stWord
 
 EDistri eFirstWordIn(std::string csText, std::initializer_list<stWord> tWords, EDistri eOtherwise)
 {
-    for (char& c : csText) {
-        c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-    }
+    std::transform(csText.begin(), csText.end(), csText.begin(), cLower);
     const auto* const pFound = std::find_if(tWords.begin(), tWords.end(), [&](const stWord& st) {
         return csText.find(st.pszWord) != std::string::npos;
     });

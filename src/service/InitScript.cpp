@@ -1,5 +1,7 @@
 #include "service/InitScript.h"
 
+#include "support/TextLines.h"
+
 #include <algorithm>
 #include <array>
 
@@ -81,7 +83,7 @@ std::string csEscapeAgain(std::string_view csText)
 
 EQuoting eQuotingOf(std::string_view csLine)
 {
-    csLine.remove_prefix(std::min(csLine.find_first_not_of(" \t"), csLine.size()));
+    SkipBlanks(&csLine);
     if (csLine.starts_with('#')) {
         return QUOTING_COMMENT;
     }
@@ -131,15 +133,6 @@ std::string csCommentText(std::string csText)
     std::replace_if(csText.begin(), csText.end(), bControl, ' ');
     std::replace(csText.begin(), csText.end(), '"', '\'');
     return csText;
-}
-
-/// Takes the first line, without its end, off the text.
-std::string_view csTakeLine(std::string_view* pcsText)
-{
-    const std::size_t nEnd = std::min(pcsText->find('\n'), pcsText->size());
-    const std::string_view csLine = pcsText->substr(0, nEnd);
-    pcsText->remove_prefix(std::min(nEnd + 1, pcsText->size()));
-    return csLine;
 }
 } // namespace
 

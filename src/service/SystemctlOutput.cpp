@@ -1,8 +1,9 @@
 #include "service/SystemctlOutput.h"
 
+#include "support/TextLines.h"
+
 #include <algorithm>
 #include <array>
-#include <strings.h>
 
 namespace {
 constexpr std::string_view s_csArgv = "argv[]=";
@@ -12,26 +13,7 @@ constexpr std::array<std::string_view, 5> s_tMarks{"●", "○", "×", "↻", "*
 
 bool bSameKey(std::string_view cs1, std::string_view cs2)
 {
-    return cs1.size() == cs2.size() && strncasecmp(cs1.data(), cs2.data(), cs1.size()) == 0;
-}
-
-/// Calls action(line) for every line, the line end not included.
-template <class TAction>
-void ForEachLine(std::string_view csText, TAction action)
-{
-    while (!csText.empty()) {
-        const std::size_t nEnd = csText.find('\n');
-        action(csText.substr(0, nEnd));
-        if (nEnd == std::string_view::npos) {
-            return;
-        }
-        csText.remove_prefix(nEnd + 1);
-    }
-}
-
-void SkipBlanks(std::string_view* pcsText)
-{
-    pcsText->remove_prefix(std::min(pcsText->find_first_not_of(' '), pcsText->size()));
+    return cs1.size() == cs2.size() && bBeginsWith(cs1, cs2);
 }
 
 std::string_view csAfterMarks(std::string_view csLine)

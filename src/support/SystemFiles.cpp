@@ -1,5 +1,7 @@
 #include "support/SystemFiles.h"
 
+#include "support/TextLines.h"
+
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -9,28 +11,11 @@ namespace {
 constexpr std::size_t s_nMaxCpuLine = 200;
 constexpr std::size_t s_nMaxMemLine = 256;
 
-char cLower(char c)
-{
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-/// Without regard to the case of ASCII letters; csWord is in lower case.
-bool bBeginsWith(std::string_view csText, std::string_view csWord)
-{
-    return csText.size() >= csWord.size() && std::equal(csWord.begin(), csWord.end(), csText.begin(),
-                                                        [](char c1, char c2) { return c1 == cLower(c2); });
-}
-
-void SkipBlanks(std::string_view& csText)
-{
-    csText.remove_prefix(std::min(csText.find_first_not_of(" \t"), csText.size()));
-}
-
 /// Takes a number off the front, blanks before it skipped. Nothing when there is none or it is too large.
 template <class TNumber>
 std::optional<TNumber> nTakeNumber(std::string_view& csText)
 {
-    SkipBlanks(csText);
+    SkipBlanks(&csText);
     TNumber nValue = 0;
     const auto [pszEnd, eError] = std::from_chars(csText.data(), csText.data() + csText.size(), nValue);
     if (eError != std::errc()) {
@@ -40,17 +25,6 @@ std::optional<TNumber> nTakeNumber(std::string_view& csText)
     return nValue;
 }
 
-/// Calls action(line) for each line, cut to nMax bytes.
-template <class TAction>
-void ForEachLine(std::string_view csText, std::size_t nMax, TAction Action)
-{
-    while (!csText.empty()) {
-        const std::size_t nEnd = std::min(csText.find('\n'), csText.size());
-        Action(csText.substr(0, std::min(nEnd, nMax)));
-        csText.remove_prefix(std::min(nEnd + 1, csText.size()));
-    }
-}
-
 void ParseCpuLine(std::string_view csLine, STCpuInfo* pstInfo)
 {
     const std::size_t nColon = csLine.find(':');
@@ -58,7 +32,7 @@ void ParseCpuLine(std::string_view csLine, STCpuInfo* pstInfo)
         return;
     }
     std::string_view csValue = csLine.substr(nColon + 1);
-    SkipBlanks(csValue);
+    SkipBlanks(&csValue);
     if (bBeginsWith(csLine.substr(0, nColon), "processor")) {
         const auto nNumber = nTakeNumber<unsigned int>(csValue);
         if (nNumber && *nNumber < UINT32_MAX) {
@@ -174,22 +148,25 @@ bool bReadReleaseFile(const CReadFile& csRead, const std::string& csWord, STLinu
 STCpuInfo stParseCpuInfo(std::string_view csText)
 {
     STCpuInfo stInfo;
-    ForEachLine(csText, s_nMaxCpuLine, [&stInfo](std::string_view csLine) { ParseCpuLine(csLine, &stInfo); });
+    ForEachLine(csText, [&stInfo](std::string_view csLine) {
+        ParseCpuLine(csLine.substr(0, s_nMaxCpuLine), &stInfo);
+    });
     return stInfo;
 }
 
 void ParseMemInfo(std::string_view csText, tagMEMORYSTATUSEX* pstStatus)
 {
     pstStatus->qwTotalPhys = pstStatus->qwAvailPhys = pstStatus->qwTotalSwap = pstStatus->qwFreeSwap = 0;
-    ForEachLine(csText, s_nMaxMemLine,
-                [pstStatus](std::string_view csLine) { ParseMemLine(csLine, pstStatus); });
+    ForEachLine(csText, [pstStatus](std::string_view csLine) {
+        ParseMemLine(csLine.substr(0, s_nMaxMemLine), pstStatus);
+    });
     pstStatus->dwMemoryLoad = dwLoad(*pstStatus);
 }
 
 bool readEtcFile(std::string_view csText, const STReleaseKeys& stKeys, STLinuxNameAndVersion* pstInfo)
 {
     *pstInfo = {};
-    ForEachLine(csText, csText.size(), [&](std::string_view csLine) {
+    ForEachLine(csText, [&](std::string_view csLine) {
         const auto Take = [csLine](std::string_view csKey, std::string* pcsValue) {
             if (csLine.starts_with(csKey)) {
                 *pcsValue = csTrimQuotes(csLine.substr(csKey.size()));
