@@ -37,6 +37,14 @@ void TermHandler(int)
     errno = nErrno;
 }
 
+void MaskTerm(int nHow)
+{
+    sigset_t stTerm;
+    sigemptyset(&stTerm);
+    sigaddset(&stTerm, SIGTERM);
+    pthread_sigmask(nHow, &stTerm, nullptr);
+}
+
 bool bHarmless(const std::string& cs)
 {
     return cs.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._-+@:,") ==
@@ -99,10 +107,7 @@ void LogMessage(unsigned int nMessage, const std::wstring& csInsert)
 
 CTermHeld::CTermHeld()
 {
-    sigset_t stTerm;
-    sigemptyset(&stTerm);
-    sigaddset(&stTerm, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stTerm, nullptr);
+    MaskTerm(SIG_BLOCK);
 }
 
 CTermHeld::~CTermHeld()
@@ -110,10 +115,7 @@ CTermHeld::~CTermHeld()
     if (hMainThread.load() == 0) { // no main loop: the process ends already, and shall do so in order
         ::signal(SIGTERM, SIG_IGN);
     }
-    sigset_t stTerm;
-    sigemptyset(&stTerm);
-    sigaddset(&stTerm, SIGTERM);
-    pthread_sigmask(SIG_UNBLOCK, &stTerm, nullptr);
+    MaskTerm(SIG_UNBLOCK); // also where the daemon was started with the signal blocked
 }
 
 void SetTermHandler()

@@ -2,6 +2,7 @@
 
 #include "support/SignalMask.h"
 #include "support/SystemCall.h"
+#include "support/WorkerThread.h"
 
 #include <array>
 #include <cerrno>
@@ -10,17 +11,11 @@
 #include <cstdlib>
 #include <exception>
 #include <fcntl.h>
-#include <memory>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr std::size_t s_nStackSize = 1u << 20; // instrumented frames are several times larger
-#else
-constexpr std::size_t s_nStackSize = 65536;
-#endif
 /// Pause after a read that failed, so that a lasting failure does not burn a processor.
 constexpr useconds_t s_nPauseMicroseconds = 100'000;
 /// Times that something put in our way again and again is replaced.
@@ -137,15 +132,7 @@ bool CPipeServer::bStop()
 
 bool CPipeServer::__bStartThread()
 {
-    pthread_attr_t stAttributes;
-    if ((errno = ::pthread_attr_init(&stAttributes)) != 0) {
-        return false;
-    }
-    const std::unique_ptr<pthread_attr_t, int (*)(pthread_attr_t*)> clDestroyer(&stAttributes,
-                                                                                ::pthread_attr_destroy);
-    (void)::pthread_attr_setstacksize(&stAttributes, s_nStackSize);
-    const CSignalsHeld clHeld{SIGTERM}; // in the new thread for good: it is the main thread's
-    errno = ::pthread_create(&m_hThread, &stAttributes, ThreadPipe, this);
+    errno = nCreateWorker(&m_hThread, PTHREAD_CREATE_JOINABLE, ThreadPipe, this);
     m_bThread = errno == 0;
     return m_bThread;
 }
@@ -180,7 +167,8 @@ void CPipeServer::_Run()
 bool CPipeServer::__bReadRequest(stSEND* pstSend) const
 {
     // The only place where the thread can be cancelled. That unwinds its stack, so no caller may catch
-    // everything, and no signal handler may run meanwhile: it could be left halfway, with a lock held.
+    // everything, and no signal handler may run meanwhile: it could be left halfway, with a lock held. Hence
+    // no CSignalsHeld either, which would let the signals through while the stack is unwound.
     sigset_t stAll;
     sigset_t stMask;
     sigfillset(&stAll);

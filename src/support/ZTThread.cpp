@@ -1,27 +1,19 @@
 #include "support/ZTThread.h"
 
 #include "support/accesdllres.h"
-#include "support/SignalMask.h"
+#include "support/WorkerThread.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <climits>
-#include <csignal>
 #include <cxxabi.h>
-#include <pthread.h>
 #include <sched.h>
 #include <thread>
 
 namespace {
 using namespace std::chrono_literals;
 using CClock = std::chrono::steady_clock;
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr std::size_t s_nStackSize = 1u << 20; // instrumented code needs far more stack
-#else
-constexpr std::size_t s_nStackSize = 65536;
-#endif
 
 /// Pauses between two looks at a state: 101 of 1 ms, then each 1 ms longer than the last, up to 100 ms.
 class CBackOff
@@ -39,24 +31,6 @@ private:
     std::chrono::milliseconds m_clPause = 1ms;
     int m_nRounds = 0;
 };
-
-int nCreateDetached(void* (*pfnThread)(void*), void* pParameter)
-{
-    pthread_attr_t stAttributes;
-    int nError = ::pthread_attr_init(&stAttributes);
-    if (nError != 0) {
-        return nError;
-    }
-    ::pthread_attr_setdetachstate(&stAttributes, PTHREAD_CREATE_DETACHED);
-    nError = ::pthread_attr_setstacksize(&stAttributes, s_nStackSize);
-    if (nError == 0) {
-        const CSignalsHeld clHeld{SIGTERM}; // in the new thread for good
-        pthread_t nThread{};
-        nError = ::pthread_create(&nThread, &stAttributes, pfnThread, pParameter);
-    }
-    ::pthread_attr_destroy(&stAttributes);
-    return nError;
-}
 } // namespace
 
 template <class TCondition>
@@ -263,10 +237,11 @@ CZTThread::EStart CZTThread::_eWaitStarted(CLock& clLock) const
 int CZTThread::__nStartThread()
 {
     constexpr int nAttempts = 11;
-    int nError = nCreateDetached(&ThreadFunc, this);
+    pthread_t hThread{};
+    int nError = nCreateWorker(&hThread, PTHREAD_CREATE_DETACHED, &ThreadFunc, this);
     for (int n = 1; n < nAttempts && nError != 0; ++n) {
         std::this_thread::sleep_for(40ms);
-        nError = nCreateDetached(&ThreadFunc, this);
+        nError = nCreateWorker(&hThread, PTHREAD_CREATE_DETACHED, &ThreadFunc, this);
     }
     return nError;
 }
