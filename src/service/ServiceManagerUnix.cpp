@@ -44,7 +44,8 @@ CService* CServiceManager::pclEnumService(unsigned long* pnCursor, const wchar_t
     }
     auto pclService = pclEnumeration->pclNext();
     if (pclService == nullptr) {
-        AbortEnumService(pnCursor);
+        const std::lock_guard<std::mutex> clGuard(m_clLock);
+        m_tEnumerations.erase(*pnCursor);
     }
     return pclService.release();
 }
@@ -53,6 +54,9 @@ void CServiceManager::AbortEnumService(unsigned long* pnCursor)
 {
     const std::lock_guard<std::mutex> clGuard(m_clLock);
     m_tEnumerations.erase(*pnCursor);
+    if (!bSystemd()) {
+        *pnCursor = 0;
+    }
 }
 
 CService* CServiceManager::pclInstall(const wchar_t* pszName, const wchar_t* pszDisplayName,

@@ -47,10 +47,11 @@ public:
     bool bInit(const wchar_t* pszReserved, unsigned int nReserved);
 
     CService* pclGetService(const wchar_t* pszName, unsigned int nReserved = 0);
-    /// The cursor is 0 before the first call and opaque afterwards. Null at the end; a cursor whose
-    /// enumeration has ended or was aborted gives null again and may be aborted again.
+    /// The cursor is 0 before the first call and opaque afterwards. Null at the end, and again with the
+    /// cursor of an enumeration that has ended, which may be aborted all the same.
     CService* pclEnumService(unsigned long* pnCursor, const wchar_t* pszPrefix, unsigned int nReserved = 0);
-    /// Ends an enumeration early and releases what it still holds.
+    /// Ends an enumeration early and releases what it still holds. On SysV the cursor is then 0, that of a
+    /// new enumeration; under systemd it stays and gives null: intended.
     void AbortEnumService(unsigned long* pnCursor);
     /// Registers a service under a command line; neither starts it nor checks that the name is free.
     /// bRestartOnAbnormal is for systemd only.
