@@ -4,6 +4,9 @@
 
 class CSetupManager;
 
+/// The FIFO through which database servers register.
+inline constexpr char g_szManagerPipe[] = "/tmp/__pipe_velmomanager__";
+
 /// The manager's local pipe: each request asks for the registration of a database server, which the setup
 /// manager carries out; its text (empty: done) is the reply. Owned by the setup manager.
 class CPipeServerVelmoManager : public CPipeServer
@@ -18,7 +21,7 @@ protected:
     /// A request of the single-byte form is carried out but always answered "UNKNOWN", like one of an unknown
     /// form, which is not carried out: the clients of that form expect this answer.
     void _ProcessMessage(const stSEND* pstSend, stRET* pstReturn) override;
-    const char* _vpszGetServerPipeName() const override { return "/tmp/__pipe_velmomanager__"; }
+    const char* _vpszGetServerPipeName() const override { return g_szManagerPipe; }
 
 private:
     std::string __csRegister(const stRegistration& stServer);

@@ -94,11 +94,21 @@ bool CSetupManager::bStart()
         if (m_pclRestart != nullptr) {
             m_pclRestart->xStart();
         }
-        return m_clPingEcho.bStart() && m_clPipeServer.bStart();
+        return m_clPingEcho.bStart() && __bStartPipe();
     } catch (const CXError& clError) {
         _LogError(clError);
         return false;
     }
+}
+
+bool CSetupManager::__bStartPipe()
+{
+    CXError clError;
+    if (m_clPipeServer.bStart() || bFail(&clError, L"create", csFromUTF8(g_szManagerPipe))) {
+        return true;
+    }
+    _LogError(clError);
+    return false;
 }
 
 void CSetupManager::MainLoop()

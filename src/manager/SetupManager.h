@@ -76,12 +76,15 @@ public:
     /// Access port of a server as its own configuration has it; "4900" when that does not say.
     static std::wstring s_csAccessPort(CService& clService);
     /// Makes sure that a service exists for this server's executable and runs. On refusal or failure the text
-    /// goes into pcsError and the log, and no service is changed. Takes the service lock.
+    /// goes into pcsError and the log. A refusal installs and starts nothing; a service whose start fails
+    /// stays installed. Takes the service lock.
     void RegisterServer(const std::wstring& csName, const std::wstring& csBinaryPath, std::uint16_t wPort,
                         CTString* pcsError);
 
 private:
     void __StopMainLoop();
+    /// A failure is logged.
+    bool __bStartPipe();
     void _HInfoServeur();
     void _AddVIInfo();
     void _AddOSInfo();
