@@ -13,7 +13,7 @@
 ///
 /// Getters of texts fill a buffer as large as their setting's row in Settings.h says, terminator included;
 /// those that expand a path fill one of s_nPathBuffer characters. Setters of texts delete the key when given
-/// null.
+/// null (not SetDBRootPath, which needs a directory).
 class CConfig
 {
 public:

@@ -44,9 +44,7 @@ std::wstring FormatMessageW(unsigned int nFlags, const wchar_t* pszSource, unsig
                             va_list* pArgs)
 {
     if ((nFlags & FORMAT_MESSAGE_FROM_STRING) != 0) {
-        const bool bIgnoreInserts = (nFlags & FORMAT_MESSAGE_IGNORE_INSERTS) != 0;
-        return pszSource == nullptr ? std::wstring()
-                                    : csFormatInserts(pszSource, bIgnoreInserts ? nullptr : pArgs);
+        return pszSource == nullptr ? std::wstring() : csFormatInserts(pszSource, pArgs);
     }
     return (nFlags & FORMAT_MESSAGE_FROM_SYSTEM) != 0 ? csSystemMessage(static_cast<int>(nMessageId))
                                                       : std::wstring();

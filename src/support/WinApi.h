@@ -8,11 +8,10 @@
 std::wstring GetModuleFileNameW(std::size_t nMax = 260);
 
 /// Flags of FormatMessageW: the buffer is always allocated by the formatter; the text comes from the caller
-/// or from the system; inserts may be left alone.
+/// or from the system.
 enum EFormatMessage : unsigned int
 {
     FORMAT_MESSAGE_ALLOCATE_BUFFER = 0x100,
-    FORMAT_MESSAGE_IGNORE_INSERTS = 0x200,
     FORMAT_MESSAGE_FROM_STRING = 0x400,
     FORMAT_MESSAGE_FROM_SYSTEM = 0x1000,
 };
