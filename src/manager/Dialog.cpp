@@ -209,10 +209,14 @@ bool CDialog::__bExecute(const std::wstring& csKeyword)
         const wchar_t* pszKeyword;
         bool (CDialog::*pfnAction)();
     };
+    using CRemote = CRemoteVelmoManager;
     static constexpr stCommand s_tCommands[] = {
-        {L"START", &CDialog::__bStart},         {L"STATUS", &CDialog::__bStatus},
-        {L"UNINSTALL", &CDialog::__bUninstall}, {L"QUIT", &CDialog::__bQuit},
-        {L"INFO", &CDialog::__bInfo},           {L"CLUSTERINFO", &CDialog::__bClusterInfo},
+        {L"START", &CDialog::__bOnServer<&CRemote::Start>},
+        {L"STATUS", &CDialog::__bOnServer<&CRemote::GetStatus>},
+        {L"UNINSTALL", &CDialog::__bOnServer<&CRemote::UnInstall>},
+        {L"QUIT", &CDialog::__bQuit},
+        {L"INFO", &CDialog::__bInfo},
+        {L"CLUSTERINFO", &CDialog::__bOnServer<&CRemote::ClusterInfo>},
         {L"MODE_UTF8", &CDialog::__bModeUTF8},
     };
     for (const stCommand& st : s_tCommands) {
@@ -224,21 +228,10 @@ bool CDialog::__bExecute(const std::wstring& csKeyword)
     return true;
 }
 
-bool CDialog::__bStart()
+template <auto pfnCommand>
+bool CDialog::__bOnServer()
 {
-    gpclSetupManager->clGetRemote().Start(*this);
-    return true;
-}
-
-bool CDialog::__bStatus()
-{
-    gpclSetupManager->clGetRemote().GetStatus(*this);
-    return true;
-}
-
-bool CDialog::__bUninstall()
-{
-    gpclSetupManager->clGetRemote().UnInstall(*this);
+    (gpclSetupManager->clGetRemote().*pfnCommand)(*this);
     return true;
 }
 
@@ -252,12 +245,6 @@ bool CDialog::__bInfo()
     CTString csReply(L"YES\t" + gpclSetupManager->csGetHostInfo());
     gpclSetupManager->AddServeurList(&csReply);
     Answer(csReply);
-    return true;
-}
-
-bool CDialog::__bClusterInfo()
-{
-    gpclSetupManager->clGetRemote().ClusterInfo(*this);
     return true;
 }
 

@@ -82,13 +82,14 @@ public:
 
 private:
     ~CDialog();
+    /// Runs the command of a keyword (ASCII letters in any case). Like the commands below, false when the
+    /// conversation is to end.
     bool __bExecute(const std::wstring& csKeyword);
-    bool __bStart();
-    bool __bStatus();
-    bool __bUninstall();
+    /// A command on one server, which is CRemoteVelmoManager's.
+    template <auto pfnCommand>
+    bool __bOnServer();
     bool __bQuit();
     bool __bInfo();
-    bool __bClusterInfo();
     bool __bModeUTF8();
     bool __bNextField(std::wstring* pcsField);
     void __Send(std::string_view csBytes);

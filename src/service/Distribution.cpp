@@ -83,8 +83,3 @@ EDistri eFindDistribution()
     return CDiskFile::bExists(L"/etc/init.d/function") ? DISTRI_REDHAT
                                                        : DISTRI_DEBIAN; // "function": its exact name
 }
-
-EDistri CServiceManager::__eFindDistri()
-{
-    return eFindDistribution();
-}

@@ -1,5 +1,6 @@
 // The SysV back end: init scripts, and their registration with the family's own tool.
 
+#include "service/Distribution.h"
 #include "service/InitScript.h"
 #include "service/ServiceManagerUnix.h"
 #include "service/ServiceName.h"
@@ -95,6 +96,11 @@ bool bWriteScript(const std::wstring& csPath, const std::string& csText)
 }
 } // namespace
 
+EDistri CServiceManager::__eFindDistri()
+{
+    return eFindDistribution();
+}
+
 std::unique_ptr<CService> CServiceManager::__pclGetServiceSysV(const std::wstring& csName)
 {
     for (const std::wstring& csCandidate : {csScriptName(csName), csName}) {
@@ -108,7 +114,7 @@ std::unique_ptr<CService> CServiceManager::__pclGetServiceSysV(const std::wstrin
 
 std::unique_ptr<CServiceEnumeration> CServiceManager::__pclEnumServiceSysV(const std::wstring& csPrefix)
 {
-    const stScriptPlace stUsual{L"/etc/init.d/", L""};
+    const stScriptPlace stUsual{g_szScriptDirectory, L""};
     std::vector<stScriptPlace> tPlaces{stUsual};
     if (const stSysVFamily* const pstFamily = pstFindFamily(ms_eDistri); pstFamily != nullptr) {
         stScriptPlace stOwn;

@@ -5,6 +5,7 @@
 #include "service/ServiceName.h"
 #include "service/Systemctl.h"
 #include "service/SystemctlOutput.h"
+#include "service/SysVFamily.h"
 #include "support/Conversion.h"
 #include "support/DiskFile.h"
 
@@ -15,7 +16,6 @@
 namespace {
 /// A systemctl that hangs when the daemon starts must not keep it from starting for ever.
 constexpr unsigned int s_nDetectionLimitMs = 30'000;
-constexpr char s_szScriptDirectory[] = "/etc/init.d/";
 
 /// Hands out records that were all looked up when the listing was made.
 class CListedServices : public CServiceEnumeration
@@ -93,6 +93,7 @@ std::unique_ptr<CService> CServiceManager::__pclGetServiceSystemd(const std::wst
         return nullptr;
     }
     std::wstring csArguments = L"--property=Description,ExecStart,Type show " + csUnit;
+    // In a lookup, and nowhere else, these two stand for blanks; intended.
     std::replace_if(
         csArguments.begin(), csArguments.end(), [](wchar_t c) { return c == L';' || c == L'|'; }, L' ');
     std::string csOutput;
@@ -103,9 +104,11 @@ std::unique_ptr<CService> CServiceManager::__pclGetServiceSystemd(const std::wst
     if (!stShown.bExists) {
         return nullptr;
     }
-    const bool bFromScript = stShown.csBinaryPath && stShown.csBinaryPath->starts_with(s_szScriptDirectory);
+    std::optional<std::wstring> csBinaryPath = csDecode(stShown.csBinaryPath);
+    // A unit that systemd made of an init script runs the script: the server's program stands inside it.
+    const bool bFromScript = csBinaryPath && csBinaryPath->starts_with(g_szScriptDirectory);
     auto pclService = std::make_unique<CService>(this, csUnit, csDecode(stShown.csDescription),
-                                                 bFromScript ? std::nullopt : csDecode(stShown.csBinaryPath));
+                                                 bFromScript ? std::nullopt : std::move(csBinaryPath));
     if (bFromScript) {
         pclService->SetBinaryPathFromSysVScript();
     }

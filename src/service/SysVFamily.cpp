@@ -11,8 +11,6 @@
 #include <iterator>
 
 namespace {
-constexpr wchar_t s_szUsualPrefix[] = L"/etc/init.d/";
-
 /// The shell line or text of a row, for one service.
 std::string csFor(const std::string& csName, const char* pszRow)
 {
@@ -67,17 +65,17 @@ bool bDeleteThenUnregister(const stSysVFamily& stFamily, const std::wstring& csN
 }
 
 constexpr stSysVFamily s_tFamilies[] = {
-    {DISTRI_DEBIAN, s_szUsualPrefix, &g_csDebianScript, "update-rc.d %s defaults >/dev/null",
+    {DISTRI_DEBIAN, g_szScriptDirectory, &g_csDebianScript, "update-rc.d %s defaults >/dev/null",
      "update-rc.d -f %s remove >/dev/null", RegisterByTool, bDeleteThenUnregister},
-    {DISTRI_REDHAT, s_szUsualPrefix, &g_csRedHatScript, "chkconfig --add %s >/dev/null",
+    {DISTRI_REDHAT, g_szScriptDirectory, &g_csRedHatScript, "chkconfig --add %s >/dev/null",
      "chkconfig --del %s >/dev/null", RegisterByTool, bUnregisterThenDelete},
-    {DISTRI_MANDRAKE, s_szUsualPrefix, &g_csRedHatScript, "chkconfig --add %s >/dev/null",
+    {DISTRI_MANDRAKE, g_szScriptDirectory, &g_csRedHatScript, "chkconfig --add %s >/dev/null",
      "chkconfig --del %s >/dev/null", RegisterByTool, bUnregisterThenDelete},
-    {DISTRI_FEDORA, s_szUsualPrefix, &g_csRedHatScript, "chkconfig --add %s >/dev/null",
+    {DISTRI_FEDORA, g_szScriptDirectory, &g_csRedHatScript, "chkconfig --add %s >/dev/null",
      "chkconfig --del %s >/dev/null", RegisterByTool, bUnregisterThenDelete},
-    {DISTRI_SUSE, s_szUsualPrefix, &g_csSuSEScript, "insserv %s >/dev/null", "insserv -r %s >/dev/null",
+    {DISTRI_SUSE, g_szScriptDirectory, &g_csSuSEScript, "insserv %s >/dev/null", "insserv -r %s >/dev/null",
      RegisterByTool, bUnregisterThenDelete},
-    {DISTRI_GENTOO, s_szUsualPrefix, &g_csGentooScript, "rc-update add %s default >/dev/null",
+    {DISTRI_GENTOO, g_szScriptDirectory, &g_csGentooScript, "rc-update add %s default >/dev/null",
      "rc-update del %s >/dev/null", RegisterByTool, bUnregisterThenDelete},
     {DISTRI_SLACKWARE, L"/etc/rc.d/rc.", &g_csSlackwareScript, nullptr, nullptr, AppendBootBlocks,
      bUnregisterThenDelete},
@@ -99,7 +97,7 @@ std::wstring csScriptPath(const std::wstring& csName)
         return {};
     }
     const stSysVFamily* const pstFamily = pstFindFamily(CServiceManager::ms_eDistri);
-    const std::wstring csUsual = s_szUsualPrefix + csName;
+    const std::wstring csUsual = g_szScriptDirectory + csName;
     const std::wstring csOwn = pstFamily != nullptr ? pstFamily->pszScriptPrefix + csName : csUsual;
     return !CDiskFile::bExists(csOwn) && CDiskFile::bExists(csUsual) ? csUsual : csOwn;
 }

@@ -5,6 +5,9 @@
 #include <string>
 #include <string_view>
 
+/// Where most families have their scripts, and where every family's are looked for.
+inline constexpr wchar_t g_szScriptDirectory[] = L"/etc/init.d/";
+
 /// What is particular to one family of SysV systems: one row of the table behind pstFindFamily. Every
 /// function that takes a name expects an inert one (bInertName).
 struct stSysVFamily
@@ -22,6 +25,6 @@ struct stSysVFamily
 /// Row of a family; null for DISTRI_SYSTEMD and DISTRI_UNKNOWN.
 const stSysVFamily* pstFindFamily(EDistri eDistri);
 
-/// Path of a service's script: where the machine's family writes it, or in "/etc/init.d/" when it is only
-/// there. Empty (and errno ENOENT) for a name that no service can have.
+/// Path of a service's script: where the machine's family writes it, or in g_szScriptDirectory when it is
+/// only there. Empty (and errno ENOENT) for a name that no service can have.
 std::wstring csScriptPath(const std::wstring& csName);
