@@ -1,5 +1,6 @@
 // A stand-in for a database server: a daemon that listens, greets and hangs up. It behaves like the real
-// thing towards the system (forking start, PID file, SIGTERM) and badly on demand.
+// thing towards the system (forking start, PID file, SIGTERM) and badly on demand. To the manager it is
+// somebody else's program, so it shares neither its code nor its names.
 #include "Register.h"
 #include "Settings.h"
 

@@ -29,6 +29,7 @@ std::wstring csCutDirectory(const std::wstring& csPath)
     return csDirectory;
 }
 
+/// The directory given, or that of the running executable.
 std::wstring csOwnDirectory(const wchar_t* pszDirectory)
 {
     std::wstring csPath =
@@ -52,6 +53,7 @@ void CopyPath(const std::wstring& csPath, wchar_t* pszBuffer)
     pszBuffer[csPath.copy(pszBuffer, s_nMaxPath)] = L'\0';
 }
 
+/// Unique enough: two nameless servers would have to ask within the same second.
 std::wstring csGeneratedName()
 {
     const std::time_t nNow = std::time(nullptr);
@@ -61,6 +63,8 @@ std::wstring csGeneratedName()
     return {szName, nLength};
 }
 
+/// Of the form that the product's tools show: the manager's message, the system's reason, and where it was
+/// met.
 CXError clWriteError(int nErrno)
 {
     constexpr const wchar_t* pszModule = L"velmomanager";

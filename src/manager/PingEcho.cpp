@@ -106,7 +106,7 @@ std::string_view csFittingServers(std::string_view csServers, std::size_t nMax)
         return csServers;
     }
     std::size_t nWhole = 0;
-    for (std::size_t nEnd = 0; nEnd <= nMax;) {
+    for (std::size_t nEnd = 0; nEnd <= nMax;) { // server by server: tab, name, tab, port
         nWhole = nEnd;
         const std::size_t nPort = std::min(csServers.find('\t', nEnd + 1), csServers.size());
         nEnd = std::min(csServers.find('\t', nPort + 1), csServers.size());

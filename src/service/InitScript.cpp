@@ -8,10 +8,11 @@
 namespace {
 constexpr char s_szOrdinary[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_-.+@:,=%";
 
+/// How a line of a template is read, which decides how values stand in it.
 enum EQuoting : int
 {
-    QUOTING_COMMENT = 0,
-    QUOTING_COMMAND = 1,
+    QUOTING_COMMENT = 0,    ///< by nobody but us: as they are
+    QUOTING_COMMAND = 1,    ///< by the shell
     QUOTING_TWO_SHELLS = 2, ///< `daemon` hands its arguments to a shell of its own
 };
 
@@ -25,6 +26,7 @@ bool bControl(char c)
     return static_cast<unsigned char>(c) < ' ' || c == 0x7F;
 }
 
+/// Characters that mean nothing to a shell; of those beyond ASCII all but the control characters.
 bool bOrdinary(wchar_t c)
 {
     return c > 0x9F ||
@@ -128,6 +130,7 @@ void AppendFilled(std::string_view csLine, const tPlaceholders& tValues, std::st
     }
 }
 
+/// Made unable to end the comment's line, or the value in the marker line.
 std::string csCommentText(std::string csText)
 {
     std::replace_if(csText.begin(), csText.end(), bControl, ' ');

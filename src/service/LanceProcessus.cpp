@@ -188,6 +188,8 @@ bool CLanceProcessus::bAttendFinExecution(unsigned int* pnExitCode, unsigned int
         return false;
     }
     m_clInput.Close();
+    // Rounds of 1 ms, 2 ms, 3 ms and so on up to 100 ms; output that comes meanwhile, and the child's end,
+    // cut one short.
     const auto clEnd = std::chrono::steady_clock::now() + std::chrono::milliseconds(nMaxMs);
     int nCode = 0;
     bool bOpen = true;

@@ -119,7 +119,7 @@ pid_t CProcessManager::Fork(const stChildStart& stStart)
 {
     CChildStarter clStarter;
     std::unique_ptr<stBlock> pstSpare;
-    for (;;) {
+    for (;;) { // once, or once more with the block that was wanting
         {
             CChildGuard clGuard(m_nLock);
             if (pstSpare != nullptr) {

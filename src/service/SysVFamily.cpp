@@ -64,6 +64,7 @@ bool bDeleteThenUnregister(const stSysVFamily& stFamily, const std::wstring& csN
     return nShell(csFor(csToUTF8(csName), stFamily.pszUnregister)) != -1 || errno == ENOENT;
 }
 
+/// One row for each SysV family. Those without a tool of their own for boot links have functions instead.
 constexpr stSysVFamily s_tFamilies[] = {
     {DISTRI_DEBIAN, g_szScriptDirectory, &g_csDebianScript, "update-rc.d %s defaults >/dev/null",
      "update-rc.d -f %s remove >/dev/null", RegisterByTool, bDeleteThenUnregister},

@@ -16,6 +16,7 @@ bool bSameKey(std::string_view cs1, std::string_view cs2)
     return cs1.size() == cs2.size() && bBeginsWith(cs1, cs2);
 }
 
+/// The line from the unit's name on.
 std::string_view csAfterMarks(std::string_view csLine)
 {
     SkipBlanks(&csLine);
@@ -27,6 +28,7 @@ std::string_view csAfterMarks(std::string_view csLine)
     return csLine;
 }
 
+/// Of "{ path=/p ; argv[]=/p --SERVICE DXCS-A ; ignore_errors=no ; ... }" the words behind "argv[]=".
 std::optional<std::string> csCommandLine(std::string_view csExecStart)
 {
     const std::size_t nArgv = csExecStart.find(s_csArgv, 1);

@@ -59,6 +59,7 @@ std::optional<std::string_view> csTake(std::string_view& csRest, std::size_t nSi
     return csTaken;
 }
 
+/// Notes lie back to back: sizes of owner and content and the type, then owner and content, each padded.
 /// Content of the version note among the notes of a segment.
 std::optional<std::string_view> csFindNote(std::string_view csNotes, std::size_t nAlign)
 {

@@ -159,6 +159,7 @@ std::wstring csStringArg(const void* pText, const STInsert& stInsert)
     return csWide({psz, nLength}, CP_SYSTEM);
 }
 
+/// The value that the insert's type makes of an argument: of the shorter types only the low bits count.
 std::int64_t nIntegerArg(const UArg& uArg, const STInsert& stInsert)
 {
     const bool bSigned = stInsert.cConversion == 'd' || stInsert.cConversion == 'i';
@@ -172,6 +173,7 @@ std::int64_t nIntegerArg(const UArg& uArg, const STInsert& stInsert)
     return bSigned ? std::int64_t{uArg.n32} : std::int64_t{static_cast<std::uint32_t>(uArg.n32)};
 }
 
+/// By the C library, whose flags, width and precision the inserts have.
 std::wstring csInteger(const UArg& uArg, const STInsert& stInsert)
 {
     const std::string csFormat = "%" + stInsert.csFlags + "*.*ll" + stInsert.cConversion;
@@ -197,6 +199,8 @@ std::wstring csArgument(const UArg& uArg, const STInsert& stInsert)
     return csInteger(uArg, stInsert);
 }
 
+/// Fills a format in two walks over it: the first learns the types of the arguments, which are then taken
+/// from the list in the order of their numbers; the second writes the text.
 class CFormatter
 {
 public:

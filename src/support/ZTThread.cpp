@@ -60,6 +60,7 @@ CZTThread::EStart CZTThread::eStart(PFNThread pfnThread, void* pParameter, int b
 {
     CLock clLock(m_clLock);
     if (_bAny(STARTING | RUNNING)) {
+        // One that was asked to stop is waited for and then started anew; any other goes on as it is.
         _WaitUntil(clLock, 0, [this] { return !_bAny(RUNNING) || !_bAny(STOP_REQUESTED); });
         if (_bAny(STARTING | RUNNING)) {
             return bWaitStart != 0 ? _eWaitStarted(clLock) : START_OK;
@@ -69,7 +70,7 @@ CZTThread::EStart CZTThread::eStart(PFNThread pfnThread, void* pParameter, int b
     m_pfnThread = pfnThread;
     m_nState = (m_nState & ~STOP_REQUESTED) | STARTING;
     if (bSuspended != 0) {
-        Suspend();
+        Suspend(); // before there is a thread that could pass its Wait
     }
     const int nError = __nStartThread();
     if (nError != 0) {
@@ -120,9 +121,10 @@ void CZTThread::Stop(int bWait)
 void CZTThread::TakeSynchroStop()
 {
     CLock clLock(m_clLock);
+    // A thread that is only starting is waited for, so that its end, too, can be waited for.
     _WaitUntil(clLock, m_nStopTimeOut, [this] { return _bAny(STOP_REQUESTED | RUNNING); });
     m_nState |= STOP_REQUESTED;
-    clLock.release();
+    clLock.release(); // LeaveSynchroStop adopts it
 }
 
 void CZTThread::LeaveSynchroStop(int bWait)
@@ -191,7 +193,7 @@ void CZTThread::Wait()
         }
         m_nState |= STARTING | SUSPENDED;
     }
-    m_clSuspension.Wait();
+    m_clSuspension.Wait(); // a Resume in between has posted already
 }
 
 int CZTThread::Sleep(unsigned int dwMs)
@@ -234,6 +236,7 @@ CZTThread::EStart CZTThread::_eWaitStarted(CLock& clLock) const
     return _bAny(RUNNING) ? START_OK : START_ENDED;
 }
 
+/// Tries again for 0.4 seconds: want of memory or of room for threads may pass.
 int CZTThread::__nStartThread()
 {
     constexpr int nAttempts = 11;

@@ -25,6 +25,8 @@ int nLoadOutside(unsigned int nId, wchar_t* pszBuffer, int nSize)
     return nLength;
 }
 
+/// The loader does not tell a text's length: one that fills the buffer may have been cut, and is asked for
+/// again with more room.
 bool bLoadOutside(unsigned int nId, CTString* pcsText)
 {
     for (int nSize = 1024; gpfnLoadStringZTM != nullptr && nSize <= s_nMaxOutsideText; nSize *= 8) {

@@ -1,3 +1,5 @@
+// The commands that change something: start and uninstall.
+
 #include "velmoctl/Output.h"
 #include "velmoctl/Query.h"
 

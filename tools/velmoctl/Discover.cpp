@@ -1,3 +1,6 @@
+// The search for managers: a question to every broadcast address and to this machine, answers until the time
+// is over.
+
 #include "support/Conversion.h"
 #include "velmoctl/Conversation.h"
 #include "velmoctl/Output.h"

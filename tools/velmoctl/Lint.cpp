@@ -1,3 +1,6 @@
+// The check of a DXConf.ini: reads it as the reader and as the writer of settings would, and tells where they
+// disagree.
+
 #include "velmoctl/Lint.h"
 
 #include "support/Conversion.h"

@@ -1,3 +1,5 @@
+// What the check knows of each setting, and which values it finds fault with.
+
 #include "support/Conversion.h"
 #include "velmoctl/Lint.h"
 

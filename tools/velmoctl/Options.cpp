@@ -20,14 +20,15 @@ struct STOption
 };
 
 template <class T>
-T nNumber(const std::string& csValue, T nMin, T nMax)
+T nNumber(const std::string& csValue, T nMin, T nMax, const char* pszKind = "number")
 {
     T nNumber{};
     const char* const pszEnd = csValue.data() + csValue.size();
     const auto stResult = std::from_chars(csValue.data(), pszEnd, nNumber);
     if (stResult.ec != std::errc{} || stResult.ptr != pszEnd || !(nNumber >= nMin && nNumber <= nMax)) {
         std::ostringstream clWords;
-        clWords << '"' << csArgument(csValue) << "\" is not a number from " << nMin << " to " << nMax;
+        clWords << '"' << csArgument(csValue) << "\" is not a " << pszKind << " from " << nMin << " to "
+                << nMax;
         throw CFailure(EExit::Usage, clWords.str());
     }
     return nNumber;
@@ -43,8 +44,7 @@ constexpr const char* s_pszRemote = " info list status start uninstall cluster d
 constexpr STOption s_tOptions[] = {
     {"--host", "HOST", s_pszRemote, [](STOptions* pst, const std::string& cs) { pst->csHost = cs; },
      "the machine whose manager is asked (default: this one)"},
-    {"--port", "PORT", s_pszRemote,
-     [](STOptions* pst, const std::string& cs) { pst->wPort = nNumber<std::uint16_t>(cs, 1, 65535); },
+    {"--port", "PORT", s_pszRemote, [](STOptions* pst, const std::string& cs) { pst->wPort = wReadPort(cs); },
      "its port (default: 4999, where every manager listens)"},
     {"--timeout", "SECONDS", nullptr,
      [](STOptions* pst, const std::string& cs) { pst->clTimeout = clSeconds(cs); },
@@ -153,6 +153,11 @@ std::string csOptionsHelp()
         csHelp += "  " + csLeft + " " + stOption.pszHelp + "\n";
     }
     return csHelp;
+}
+
+std::uint16_t wReadPort(const std::string& csWord)
+{
+    return nNumber<std::uint16_t>(csWord, 1, 65535, "port");
 }
 
 std::string csArgument(const std::string& csBytes)

@@ -44,5 +44,8 @@ std::vector<std::string> tOptionsOf(std::string_view csCommand);
 /// One line of help for each option.
 std::string csOptionsHelp();
 
+/// A port from the command line. Throws CFailure (Usage) for anything but a number from 1 to 65535.
+std::uint16_t wReadPort(const std::string& csWord);
+
 /// A text from the command line as UTF-8: what is not is taken for Windows-1252.
 std::string csArgument(const std::string& csBytes);

@@ -1,3 +1,5 @@
+// The commands that only ask: info, list, status, cluster.
+
 #include "velmoctl/Query.h"
 
 #include "velmoctl/Output.h"

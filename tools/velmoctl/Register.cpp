@@ -1,9 +1,10 @@
+// Registration of a server of this machine through the manager's FIFO, in the way servers do it themselves.
+
 #include "support/Conversion.h"
 #include "velmoctl/Output.h"
 #include "velmoctl/Query.h"
 
 #include <array>
-#include <charconv>
 #include <csignal>
 #include <cstdint>
 #include <cstring>
@@ -110,17 +111,6 @@ void PutText(const std::string& csText, std::size_t nOffset, std::size_t nMax, c
     csUnits.copy(&(*ptRequest)[nOffset], csUnits.size());
 }
 
-std::uint16_t wPortOf(const std::string& csPort)
-{
-    std::uint16_t wPort = 0;
-    const char* const pszEnd = csPort.data() + csPort.size();
-    const auto stResult = std::from_chars(csPort.data(), pszEnd, wPort);
-    if (stResult.ec != std::errc{} || stResult.ptr != pszEnd || wPort == 0) {
-        throw CFailure(EExit::Usage, "\"" + csArgument(csPort) + "\" is not a port from 1 to 65535");
-    }
-    return wPort;
-}
-
 std::string csProgram(const std::string& csArgumentBytes)
 {
     if (::access(csArgumentBytes.c_str(), X_OK) != 0 || std::filesystem::is_directory(csArgumentBytes)) {
@@ -138,7 +128,7 @@ EExit eRegister(const STCall& stCall)
     CRequest tRequest{};
     PutText(csName, s_nName, s_nNameBytes, "the name", &tRequest);
     PutText(csProgram(stCall.tArguments[1]), s_nPath, s_nPathBytes, "the program's path", &tRequest);
-    const std::uint16_t wPort = wPortOf(stCall.tArguments[2]);
+    const std::uint16_t wPort = wReadPort(stCall.tArguments[2]);
 
     const CDescripteur clManager = clOpenManagerPipe();
     const CReplyPipe clReply;

@@ -1,3 +1,5 @@
+// Commands line by line, each as if it were a command line of its own.
+
 #include "velmoctl/Commands.h"
 #include "velmoctl/LineEditor.h"
 #include "velmoctl/Terminal.h"

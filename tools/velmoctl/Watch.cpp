@@ -1,3 +1,5 @@
+// The list in the same place of the terminal again and again, until "q".
+
 #include "velmoctl/Output.h"
 #include "velmoctl/Query.h"
 
