@@ -6,7 +6,7 @@ packages=(g++ cmake ninja-build libgtest-dev libgmock-dev libbenchmark-dev syste
     shellcheck busybox insserv iproute2 valgrind dpkg-dev file python3)
 # The sourcing scripts use it.
 # shellcheck disable=SC2034
-readonly machine=$PWD/tests/machine/machine
+readonly machine=$PWD/tools/machine
 
 say() {
     echo "== $*"
