@@ -21,25 +21,12 @@ ENTRY const char* pszJournal(void)
     return s_szJournal;
 }
 
-#ifdef UNBOUND
-extern int bNowhereDefined(void);
-ENTRY int bNeedsMore(void)
-{
-    return bNowhereDefined();
-}
-#endif
-
 ENTRY int bInitVM(char* pszError, unsigned int nSize)
 {
-#ifdef REFUSES_WITHOUT_END /* fills the whole buffer and forgets the ending NUL */
+#ifdef REFUSES /* fills the whole buffer and forgets the ending NUL */
+    static const char szReason[] = "no licence for caf\xC3\xA9, ";
     for (unsigned int n = 0; n < nSize; ++n) {
-        pszError[n] = 'x';
-    }
-    return Note('I', 0);
-#elif defined(REFUSES)
-    static const char szReason[] = "no licence for caf\xC3\xA9";
-    for (unsigned int n = 0; n < sizeof szReason && n < nSize; ++n) {
-        pszError[n] = szReason[n];
+        pszError[n] = szReason[n % (sizeof szReason - 1)];
     }
     return Note('I', 0);
 #else
@@ -72,9 +59,7 @@ ENTRY int bInitialiseMoiMeme(char* pszError, unsigned int nSize)
 #endif
 }
 
-#ifndef LACKS_SELF_TERM
 ENTRY void TermineMoiMeme(void)
 {
     (void)Note('e', 0);
 }
-#endif
