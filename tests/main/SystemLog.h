@@ -1,13 +1,20 @@
 #pragma once
 
-#include "tools/NotifySocket.h"
+#include "support/Descripteur.h"
 #include "tools/PrivateWorld.h"
+#include "tools/Wait.h"
 
+#include <array>
 #include <cerrno>
+#include <cstddef>
 #include <filesystem>
 #include <fstream>
+#include <gtest/gtest.h>
 #include <string>
 #include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 /// Gives the private world a /dev of its own, in which the tests may put a log socket. Once, before any
 /// thread.
@@ -18,10 +25,10 @@ inline bool bPrivateDevices()
             return false;
         }
         std::filesystem::create_directory("/tmp/dev");
-        for (const char* pszDevice : {"null", "urandom"}) {
-            const std::string csPlace = std::string("/tmp/dev/") + pszDevice;
-            std::ofstream{csPlace};
-            ::mount((std::string("/dev/") + pszDevice).c_str(), csPlace.c_str(), nullptr, MS_BIND, nullptr);
+        for (const std::string csDevice : {"null", "urandom"}) {
+            std::ofstream{"/tmp/dev/" + csDevice};
+            ::mount(("/dev/" + csDevice).c_str(), ("/tmp/dev/" + csDevice).c_str(), nullptr, MS_BIND,
+                    nullptr);
         }
         return ::mount("/tmp/dev", "/dev", nullptr, MS_BIND | MS_REC, nullptr) == 0;
     }();
@@ -32,6 +39,36 @@ inline bool bPrivateDevices()
     if (!bPrivateDevices())                                                                                  \
     GTEST_SKIP() << "SKIPPED: needs root and mount/network namespaces"
 
+/// Receives what is sent to a local name: a path (what is there is replaced), or "@" and an abstract name.
+class CLocalReceiver
+{
+public:
+    explicit CLocalReceiver(const std::string& csName)
+        : m_clSocket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_un st{};
+        st.sun_family = AF_UNIX;
+        csName.copy(st.sun_path, sizeof st.sun_path);
+        st.sun_path[0] = csName[0] == '@' ? '\0' : csName[0];
+        ::unlink(csName.c_str());
+        const auto nLength = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + csName.size());
+        EXPECT_EQ(::bind(m_clSocket.nFd(), reinterpret_cast<const sockaddr*>(&st), nLength), 0) << csName;
+    }
+    /// The next datagram; empty when none comes in time.
+    std::string csNext(int nMs = 5000) const
+    {
+        if (!bReadable(m_clSocket.nFd(), nMs)) {
+            return "";
+        }
+        std::array<char, 8192> tBytes;
+        const ssize_t nRead = ::recv(m_clSocket.nFd(), tBytes.data(), tBytes.size(), 0);
+        return {tBytes.data(), static_cast<std::size_t>(nRead)};
+    }
+
+private:
+    CDescripteur m_clSocket;
+};
+
 /// The system log's end of /dev/log, in the private world.
 class CSystemLog
 {
@@ -39,14 +76,14 @@ public:
     /// The next entry as "<priority>text", without date and program; empty when none comes in time.
     std::string csNext(int nMs = 5000) const
     {
-        const std::string csEntry = m_clSocket.csNext(nMs);
+        const std::string csEntry = m_clReceiver.csNext(nMs);
         const std::string csProgram = std::string(" ") + program_invocation_short_name + ": ";
-        return csEntry == "<none>" ? ""
-                                   : csEntry.substr(0, csEntry.find('>') + 1) +
-                                         csEntry.substr(csEntry.find(csProgram) + csProgram.size());
+        return csEntry.empty() ? ""
+                               : csEntry.substr(0, csEntry.find('>') + 1) +
+                                     csEntry.substr(csEntry.find(csProgram) + csProgram.size());
     }
     bool bSilent() const { return csNext(50).empty(); }
 
 private:
-    CNotifySocket m_clSocket{"/dev/log"};
+    CLocalReceiver m_clReceiver{"/dev/log"};
 };

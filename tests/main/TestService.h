@@ -4,16 +4,13 @@
 #include "support/ZTSem.h"
 #include "tools/Wait.h"
 
-#include <csignal>
-#include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <sstream>
+#include <iterator>
 #include <string>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 /// Where the services of the tests note what happens to them, one word each.
@@ -23,9 +20,8 @@ inline constexpr char g_szHold[] = "/tmp/hold";
 
 inline std::string csReadFile(const std::string& csPath)
 {
-    std::ostringstream clText;
-    clText << std::ifstream(csPath).rdbuf();
-    return clText.str();
+    std::ifstream clFile(csPath);
+    return {std::istreambuf_iterator<char>(clFile), {}};
 }
 
 /// A small real service: waits for Stop and notes what happens.
@@ -92,17 +88,4 @@ inline pid_t nLaunch(const std::function<void(CTestService&)>& fnPrepare, const 
         ::_exit(fnRun() ? 0 : 255);
     }
     return nPid;
-}
-
-/// How a process ended: its status, or 128 and the signal; -1 when it does not end in time. Then it is
-/// killed.
-inline int nEnd(pid_t nPid, int nMs = 10'000)
-{
-    int nStatus = 0;
-    if (!bWaitUntil([&] { return ::waitpid(nPid, &nStatus, WNOHANG) == nPid; }, nMs)) {
-        ::kill(nPid, SIGKILL);
-        ::waitpid(nPid, &nStatus, 0);
-        return -1;
-    }
-    return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : 128 + WTERMSIG(nStatus);
 }

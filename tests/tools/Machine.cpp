@@ -7,8 +7,8 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 
 std::string csBuildFolder()
 {
@@ -20,11 +20,10 @@ namespace {
 std::string csFileName(const std::string& csUnit)
 {
     std::string csName;
-    for (const char c : csUnit) {
-        char szEscape[8] = {c};
-        if (static_cast<unsigned char>(c) >= 0x80) {
-            std::snprintf(szEscape, sizeof szEscape, "\\x%02x",
-                          static_cast<unsigned int>(static_cast<unsigned char>(c)));
+    for (const unsigned char c : csUnit) {
+        char szEscape[8] = {static_cast<char>(c)};
+        if (c >= 0x80) {
+            std::snprintf(szEscape, sizeof szEscape, "\\x%02x", c);
         }
         csName += szEscape;
     }
@@ -60,8 +59,7 @@ CManagerProcess::CManagerProcess(const std::string& csExecutable, const std::str
 CManagerProcess::~CManagerProcess()
 {
     if (m_nPid > 0) {
-        ::kill(m_nPid, SIGKILL);
-        ::waitpid(m_nPid, nullptr, 0);
+        (void)nEndOf(m_nPid, 0);
     }
 }
 
@@ -72,11 +70,6 @@ bool CManagerProcess::bAnswers() const
 
 int CManagerProcess::nStop(int nMs)
 {
-    int nStatus = 0;
     ::kill(m_nPid, SIGTERM);
-    if (!bWaitUntil([&] { return ::waitpid(m_nPid, &nStatus, WNOHANG) == m_nPid; }, nMs)) {
-        return -1;
-    }
-    m_nPid = -1;
-    return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : 128 + WTERMSIG(nStatus);
+    return nEndOf(std::exchange(m_nPid, -1), nMs);
 }

@@ -2,10 +2,10 @@
 
 #include "support/Descripteur.h"
 #include "tools/Address.h"
+#include "tools/Wait.h"
 
 #include <array>
-#include <cerrno>
-#include <poll.h>
+#include <netdb.h>
 #include <string>
 #include <string_view>
 
@@ -28,8 +28,7 @@ public:
     /// The next datagram: the address it came from, a blank, its bytes; or in angle brackets that none came.
     std::string csAnswer(int nMs = 20000) const
     {
-        pollfd stWait{m_clSocket.nFd(), POLLIN, 0};
-        if (TEMP_FAILURE_RETRY(::poll(&stWait, 1, nMs)) != 1) { // an ending child interrupts
+        if (!bReadable(m_clSocket.nFd(), nMs)) {
             return "<nothing in time>";
         }
         std::array<char, 65536> tBytes;
@@ -38,11 +37,8 @@ public:
         const ssize_t nRead = ::recvfrom(m_clSocket.nFd(), tBytes.data(), tBytes.size(), 0,
                                          reinterpret_cast<sockaddr*>(&stFrom), &nLength);
         std::array<char, INET6_ADDRSTRLEN> szFrom{};
-        const void* pAddress = &stFrom.sin6_addr;
-        if (stFrom.sin6_family == AF_INET) {
-            pAddress = &reinterpret_cast<sockaddr_in*>(&stFrom)->sin_addr;
-        }
-        ::inet_ntop(stFrom.sin6_family, pAddress, szFrom.data(), szFrom.size());
+        ::getnameinfo(reinterpret_cast<sockaddr*>(&stFrom), nLength, szFrom.data(), szFrom.size(), nullptr, 0,
+                      NI_NUMERICHOST);
         return std::string(szFrom.data()) + " " + std::string(tBytes.data(), static_cast<std::size_t>(nRead));
     }
 

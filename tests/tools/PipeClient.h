@@ -1,12 +1,13 @@
 #pragma once
 
+#include "support/Conversion.h"
 #include "support/Descripteur.h"
+#include "tools/Wait.h"
 
 #include <array>
 #include <cstdint>
 #include <cstring>
 #include <fcntl.h>
-#include <poll.h>
 #include <string>
 #include <string_view>
 #include <sys/stat.h>
@@ -36,11 +37,10 @@ public:
     /// Text of the next reply, or in angle brackets what came instead.
     std::string csReply(int nMs = 20000) const
     {
-        pollfd stWait{nFd(), POLLIN, 0};
-        std::array<char, 600> tBytes{};
-        if (TEMP_FAILURE_RETRY(::poll(&stWait, 1, nMs)) != 1) { // an ending child interrupts
+        if (!bReadable(nFd(), nMs)) {
             return "<nothing in time>";
         }
+        std::array<char, 600> tBytes;
         const ssize_t nRead = ::read(nFd(), tBytes.data(), tBytes.size());
         return nRead == 501 && tBytes[500] == 0 ? std::string(tBytes.data())
                                                 : "<" + std::to_string(nRead) + " bytes>";
@@ -73,11 +73,7 @@ inline std::string csRequest(std::int32_t nReply, std::int32_t nForm, const std:
         return cs.replace(530, std::to_string(nPort).size(), std::to_string(nPort));
     }
     std::memcpy(&cs[8], &nPort, 2);
-    for (std::size_t n = 0; n < csName.size(); ++n) {
-        cs[10 + 2 * n] = csName[n];
-    }
-    for (std::size_t n = 0; n < csPath.size(); ++n) {
-        cs[268 + 2 * n] = csPath[n];
-    }
-    return cs;
+    const std::string csWideName = csToUTF16(csFromUTF8(csName));
+    const std::string csWidePath = csToUTF16(csFromUTF8(csPath));
+    return cs.replace(10, csWideName.size(), csWideName).replace(268, csWidePath.size(), csWidePath);
 }

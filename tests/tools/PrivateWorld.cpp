@@ -3,12 +3,9 @@
 #include "support/Descripteur.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <net/if.h>
 #include <sched.h>
-#include <sstream>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
@@ -54,38 +51,22 @@ bool bFreshNetwork()
 
 CFakeTool::CFakeTool(std::string csProgram, const std::string& csBody) : m_csProgram(std::move(csProgram))
 {
-    char szFolder[] = "/tmp/faketoolXXXXXX";
-    m_csDirectory = ::mkdtemp(szFolder);
-    const std::string csScript = m_csDirectory + "/tool";
-    std::ofstream(csScript) << "#!/bin/sh\nDIR=" << m_csDirectory << "\nJOURNAL=$DIR/journal\n"
-                            << "echo \"$*\" >>\"$JOURNAL\"\n"
-                            << csBody << "\n";
-    std::filesystem::permissions(csScript, std::filesystem::perms(0755));
+    const std::string csScript =
+        m_clFolder.csWrite("tool",
+                           "#!/bin/sh\nDIR=" + m_clFolder.csPath() +
+                               "\nJOURNAL=$DIR/journal\necho \"$*\" >>\"$JOURNAL\"\n" + csBody + "\n",
+                           0755);
     ::mount(csScript.c_str(), m_csProgram.c_str(), nullptr, MS_BIND, nullptr);
 }
 
 CFakeTool::~CFakeTool()
 {
     ::umount2(m_csProgram.c_str(), MNT_DETACH);
-    std::filesystem::remove_all(m_csDirectory);
 }
 
 std::string CFakeTool::csTakeJournal()
 {
-    std::ostringstream clText;
-    clText << std::ifstream(m_csDirectory + "/journal").rdbuf();
-    std::filesystem::remove(m_csDirectory + "/journal");
-    return clText.str();
-}
-
-void CFakeTool::Write(const std::string& csName, const std::string& csText)
-{
-    const std::filesystem::path clPath = m_csDirectory + "/" + csName;
-    std::filesystem::create_directories(clPath.parent_path());
-    std::ofstream(clPath) << csText;
-}
-
-bool CFakeTool::bExists(const std::string& csName) const
-{
-    return std::filesystem::exists(m_csDirectory + "/" + csName);
+    const std::string csCalls = bExists("journal") ? m_clFolder.csRead("journal") : "";
+    std::filesystem::remove(m_clFolder.csPath("journal"));
+    return csCalls;
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "tools/TempDir.h"
+
 #include <string>
 
 /// Gives this process its own mounts and network: what a test puts in /etc/init.d, /lib/systemd/system, /tmp,
@@ -30,10 +32,10 @@ public:
     /// The calls so far, one a line; forgets them.
     std::string csTakeJournal();
     /// A file in the tool's folder, with the folders that it needs.
-    void Write(const std::string& csName, const std::string& csText);
-    bool bExists(const std::string& csName) const;
+    void Write(const std::string& csName, const std::string& csText) { m_clFolder.csWrite(csName, csText); }
+    bool bExists(const std::string& csName) const { return m_clFolder.bExists(csName); }
 
 private:
     std::string m_csProgram;
-    std::string m_csDirectory;
+    CTempDir m_clFolder;
 };

@@ -1,6 +1,10 @@
 #pragma once
 
+#include <cerrno>
+#include <csignal>
 #include <functional>
+#include <poll.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 /// Polls a condition until it holds or the milliseconds are over: the only way in which tests wait.
@@ -13,4 +17,23 @@ inline bool bWaitUntil(const std::function<bool()>& fnCondition, int nMs)
         ::usleep(5000);
     }
     return fnCondition();
+}
+
+/// Waits until there is something to read.
+inline bool bReadable(int nFd, int nMs)
+{
+    pollfd st{nFd, POLLIN, 0};
+    return TEMP_FAILURE_RETRY(::poll(&st, 1, nMs)) == 1; // an ending child interrupts
+}
+
+/// How a child ended: its status, or 128 and the signal; -1 when it does not end in time. Then it is killed.
+inline int nEndOf(pid_t nPid, int nMs = 10'000)
+{
+    int nStatus = 0;
+    if (!bWaitUntil([&] { return ::waitpid(nPid, &nStatus, WNOHANG) == nPid; }, nMs)) {
+        ::kill(nPid, SIGKILL);
+        ::waitpid(nPid, nullptr, 0);
+        return -1;
+    }
+    return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : 128 + WTERMSIG(nStatus);
 }

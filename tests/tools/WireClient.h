@@ -3,18 +3,18 @@
 #include "support/Descripteur.h"
 #include "tools/Address.h"
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <poll.h>
 #include <string>
 #include <string_view>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <utility>
 
-/// A tool's side of one conversation over TCP: raw bytes out, raw bytes in, every wait with a limit. Failures
-/// show in what is returned; nothing throws. One thread at a time.
+/// A tool's side of one conversation over TCP: raw bytes out, raw bytes in. A limit is how long one wait for
+/// the other side may take, and never 0. Failures show in what is returned; nothing throws. One thread at a
+/// time.
 class CWireClient
 {
 public:
@@ -26,37 +26,31 @@ public:
     CWireClient(const char* pszAddress, unsigned short wPort) { (void)bConnect(pszAddress, wPort); }
 
     /// Connects to a numeric address, IPv4 ("127.0.0.1") or IPv6 ("::1"), in place of an earlier connection.
-    bool bConnect(const char* pszAddress, unsigned short wPort, Duration clLimit = Limit)
+    bool bConnect(const char* pszAddress, unsigned short wPort)
     {
         m_csReceived.clear();
         const sockaddr_in6 st = stAddress(pszAddress, wPort);
-        m_clSocket = CDescripteur(::socket(st.sin6_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-        int nError = 0;
-        if (::connect(m_clSocket.nFd(), reinterpret_cast<const sockaddr*>(&st), sizeof st) != 0) {
-            nError = errno;
-        }
-        if (nError == EINPROGRESS && _bReady(POLLOUT, Clock::now() + clLimit)) {
-            socklen_t nLength = sizeof nError;
-            ::getsockopt(m_clSocket.nFd(), SOL_SOCKET, SO_ERROR, &nError, &nLength);
-        }
-        if (nError != 0) {
+        m_clSocket = CDescripteur(::socket(st.sin6_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        _SetLimit(SO_SNDTIMEO, Limit);
+        if (TEMP_FAILURE_RETRY(::connect(m_clSocket.nFd(), reinterpret_cast<const sockaddr*>(&st),
+                                         sizeof st)) != 0) { // an ending child interrupts
             m_clSocket.Close();
         }
-        return nError == 0;
+        return bConnected();
     }
     bool bConnected() const { return m_clSocket.bOpen(); }
 
-    /// Sends all the bytes, waiting when the other side is slow. False when it is gone or the time is over.
+    /// Sends all the bytes, waiting when the other side is slow. False when it is gone or too slow.
     bool bSend(std::string_view csBytes, Duration clLimit = Limit)
     {
-        const auto clEnd = Clock::now() + clLimit;
+        _SetLimit(SO_SNDTIMEO, clLimit);
         while (!csBytes.empty()) {
-            const ssize_t nSent = ::send(m_clSocket.nFd(), csBytes.data(), csBytes.size(), MSG_NOSIGNAL);
-            if (nSent > 0) {
-                csBytes.remove_prefix(static_cast<std::size_t>(nSent));
-            } else if (errno != EAGAIN || !_bReady(POLLOUT, clEnd)) {
+            const ssize_t nSent =
+                TEMP_FAILURE_RETRY(::send(m_clSocket.nFd(), csBytes.data(), csBytes.size(), MSG_NOSIGNAL));
+            if (nSent < 0) {
                 return false;
             }
+            csBytes.remove_prefix(static_cast<std::size_t>(nSent));
         }
         return true;
     }
@@ -66,21 +60,16 @@ public:
     /// Bytes behind the line are kept for the next call.
     std::string csLine(Duration clLimit = Limit)
     {
-        const auto clEnd = Clock::now() + clLimit;
-        EArrival eArrival = EArrival::Bytes;
-        while (m_csReceived.find("\r\n") == std::string::npos && eArrival == EArrival::Bytes) {
-            eArrival = _eReceive(clEnd);
+        std::string csWhy;
+        while (m_csReceived.find("\r\n") == std::string::npos) {
+            if (csWhy = _csReceive(clLimit); !csWhy.empty()) {
+                return std::exchange(m_csReceived, {}) + csWhy;
+            }
         }
-        const std::size_t nEnd = m_csReceived.find("\r\n");
-        if (nEnd != std::string::npos) {
-            std::string csResult = m_csReceived.substr(0, nEnd + 2);
-            m_csReceived.erase(0, nEnd + 2);
-            return csResult;
-        }
-        const char* pszWhy = eArrival == EArrival::Closed  ? "<closed>"
-                             : eArrival == EArrival::Reset ? "<reset>"
-                                                           : "<nothing in time>";
-        return std::exchange(m_csReceived, {}) + pszWhy;
+        const std::size_t nEnd = m_csReceived.find("\r\n") + 2;
+        const std::string csResult = m_csReceived.substr(0, nEnd);
+        m_csReceived.erase(0, nEnd);
+        return csResult;
     }
     /// Sends a line (its "\r\n" is added) and returns the reply line with its "\r\n".
     std::string csAsk(std::string_view csLineOut, Duration clLimit = Limit)
@@ -91,12 +80,12 @@ public:
     /// Nothing arrives, and the connection stays open, for this long: silence has to be waited out.
     bool bSilent(Duration clLimit = Duration{50})
     {
-        return m_csReceived.empty() && _eReceive(Clock::now() + clLimit) == EArrival::Nothing;
+        return m_csReceived.empty() && _csReceive(clLimit) == "<nothing in time>";
     }
     /// The other side ends the connection in time, without sending anything more.
     bool bClosed(Duration clLimit = Limit)
     {
-        return m_csReceived.empty() && _eReceive(Clock::now() + clLimit) == EArrival::Closed;
+        return m_csReceived.empty() && _csReceive(clLimit) == "<closed>";
     }
 
     /// Closes as usual, or so that the other side gets a reset.
@@ -109,39 +98,26 @@ public:
     }
 
 private:
-    using Clock = std::chrono::steady_clock;
-    enum class EArrival
+    void _SetLimit(int nOption, Duration clLimit) const
     {
-        Bytes,
-        Nothing,
-        Closed,
-        Reset,
-    };
-    EArrival _eReceive(Clock::time_point clEnd)
-    {
-        if (!bConnected()) {
-            return EArrival::Closed;
-        }
-        if (!_bReady(POLLIN, clEnd)) {
-            return EArrival::Nothing;
-        }
-        std::array<char, 4096> tBuffer;
-        const ssize_t nCount = ::recv(m_clSocket.nFd(), tBuffer.data(), tBuffer.size(), 0);
-        if (nCount < 0) {
-            return EArrival::Reset;
-        }
-        m_csReceived.append(tBuffer.data(), static_cast<std::size_t>(nCount));
-        return nCount == 0 ? EArrival::Closed : EArrival::Bytes;
+        const timeval st{clLimit.count() / 1000, clLimit.count() % 1000 * 1000};
+        ::setsockopt(m_clSocket.nFd(), SOL_SOCKET, nOption, &st, sizeof st);
     }
-
-    bool _bReady(short nEvents, Clock::time_point clEnd) const
+    /// Receives what there is; empty, or in angle brackets why nothing was.
+    std::string _csReceive(Duration clLimit)
     {
-        pollfd stPoll{m_clSocket.nFd(), nEvents, 0};
-        const auto nLeft = [clEnd] {
-            return static_cast<int>(
-                std::max(std::chrono::ceil<Duration>(clEnd - Clock::now()), Duration{0}).count());
-        };
-        return TEMP_FAILURE_RETRY(::poll(&stPoll, 1, nLeft())) > 0;
+        _SetLimit(SO_RCVTIMEO, clLimit);
+        std::array<char, 4096> tBuffer;
+        const ssize_t nCount =
+            TEMP_FAILURE_RETRY(::recv(m_clSocket.nFd(), tBuffer.data(), tBuffer.size(), 0));
+        if (nCount > 0) {
+            m_csReceived.append(tBuffer.data(), static_cast<std::size_t>(nCount));
+            return "";
+        }
+        if (nCount == 0 || !bConnected()) {
+            return "<closed>";
+        }
+        return errno == EAGAIN ? "<nothing in time>" : "<reset>";
     }
 
     CDescripteur m_clSocket;
