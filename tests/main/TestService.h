@@ -5,7 +5,6 @@
 #include "tools/Wait.h"
 
 #include <fcntl.h>
-#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iterator>
@@ -15,8 +14,6 @@
 
 /// Where the services of the tests note what happens to them, one word each.
 inline constexpr char g_szEvents[] = "/tmp/events";
-/// While this file exists a main loop does not return.
-inline constexpr char g_szHold[] = "/tmp/hold";
 
 inline std::string csReadFile(const std::string& csPath)
 {
@@ -33,7 +30,6 @@ public:
     void MainLoop() override
     {
         m_clEnd.Wait();
-        bWaitUntil([] { return !std::filesystem::exists(g_szHold); }, 10'000);
         s_Note("ended ");
     }
     ILogger* pclGetLogger() override { return &m_clLogger; }

@@ -1,7 +1,5 @@
-#include "main/ErrorMsg.h"
 #include "main/GestionServiceLigneCmd.h"
 
-#include <cerrno>
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <tuple>
@@ -63,25 +61,4 @@ TEST(CommandLine, AValidNotificationSocketMakesTheProcessTheService)
     }
     ::unsetenv("NOTIFY_SOCKET");
     EXPECT_FALSE(bModeService(clNone.nCount(), clNone.ppsz(), L"--SERVICE"));
-}
-
-TEST(Console, EveryMessageIsOneLineWithItsInsertsInOrder)
-{
-    const std::pair<void (*)(), const char*> tCases[] = {
-        {[] { ShowError(0, L"100%s \u20ac"); }, "100%s \xE2\x82\xAC\n"},
-        {[] { ShowErrorIDS(1, 25305); }, "The user \"%1\" that"}, // as it stands
-        {[] { ShowErrorIDS_Service(0, 25305); }, "The user \"VelmoManager\" that"},
-        {[] { ShowErrorIDSError(0, 25305); }, "The user \"Permission denied\" that"},
-        {[] { ShowErrorIDSError_Service(0, 4003); },
-         "The service \"VelmoManager\" cannot be registered or looked up with the system's service manager: "
-         "Permission denied."},
-    };
-    for (const auto& [fnShow, pszShown] : tCases) {
-        ::testing::internal::CaptureStdout();
-        errno = EACCES;
-        fnShow();
-        const std::string csShown = ::testing::internal::GetCapturedStdout();
-        EXPECT_TRUE(csShown.starts_with(pszShown)) << csShown;
-        EXPECT_EQ(csShown.find('\n'), csShown.size() - 1) << csShown;
-    }
 }

@@ -24,12 +24,6 @@ void FailStart(CTestService& cl)
     cl.m_fnStart = [] { return false; };
 }
 
-bool bForeground()
-{
-    RunDebugMode();
-    return true;
-}
-
 class Daemon : public ::testing::Test
 {
 protected:
@@ -48,7 +42,6 @@ protected:
         }
         (void)bNoneLeft();
         std::filesystem::remove_all(s_szPidFile);
-        std::filesystem::remove(g_szHold);
     }
     /// Runs a daemon; the launcher's status.
     static int nRun(const CPrepare& fnPrepare = Nothing)
@@ -56,11 +49,11 @@ protected:
         return nEndOf(nLaunch(fnPrepare, [] { return bServiceMain(L"velmotest"); }));
     }
     static pid_t nDaemon() { return std::atoi(csReadFile(s_szPidFile).c_str()); }
-    static int nStop(int nMs = 1000)
+    static int nStop()
     {
         const pid_t nPid = nDaemon();
         ::kill(nPid, SIGTERM);
-        return nEndOf(nPid, nMs);
+        return nEndOf(nPid, 1000);
     }
     /// Every process of the daemon has ended, with status 0.
     static bool bNoneLeft()
@@ -196,35 +189,10 @@ TEST_F(Daemon, AStopThatComesDuringTheStartIsCarriedOutOnceTheServiceIsUp)
     EXPECT_TRUE(bNoneLeft());
     EXPECT_EQ(csEvents(), "started stop ended ");
     EXPECT_FALSE(std::filesystem::exists(s_szPidFile));
-    EXPECT_EQ(nEndOf(nLaunch(fnStopped, bForeground)), 0);
+    const auto fnForeground = [] {
+        RunDebugMode();
+        return true;
+    };
+    EXPECT_EQ(nEndOf(nLaunch(fnStopped, fnForeground)), 0);
     EXPECT_EQ(csEvents(), "started stop ended ");
-}
-
-TEST_F(Daemon, ASecondStopChangesNothing)
-{
-    std::ofstream{g_szHold};
-    ASSERT_EQ(nRun(), 0);
-    const pid_t nPid = nDaemon();
-    for (int n = 0; n < 2; ++n) {
-        ::kill(nPid, SIGTERM);
-        EXPECT_TRUE(bWaitUntil(
-            [&] { return csStatus(nPid, "ShdPnd") == "0000000000000000" && csEvents() == "started stop "; },
-            5000))
-            << csEvents();
-    }
-    std::filesystem::remove(g_szHold);
-    EXPECT_EQ(nEndOf(nPid), 0);
-    EXPECT_EQ(csEvents(), "started stop ended ");
-}
-
-TEST_F(Daemon, TheForegroundModeStaysAndIsSilentAboutAFailedStart)
-{
-    EXPECT_EQ(nEndOf(nLaunch(FailStart, bForeground)), 0);
-    const pid_t nPid = nLaunch([](CTestService& cl) { cl.m_csUser = L"nobody"; }, bForeground);
-    ASSERT_TRUE(bWaitUntil([] { return csEvents() == "started "; }, 5000));
-    EXPECT_EQ(csStatus(nPid, "Uid"), "0\t0\t0\t0") << "no switch of users";
-    EXPECT_FALSE(std::filesystem::exists(s_szPidFile));
-    ::kill(nPid, SIGTERM);
-    EXPECT_EQ(nEndOf(nPid), 0);
-    EXPECT_TRUE(m_clLog.bSilent());
 }

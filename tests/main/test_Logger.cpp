@@ -34,17 +34,3 @@ TEST_F(Logger, ASystemErrorIsTheOneAtTheCallWithNumberAndText)
     CLogger().AddLogSystemError(L"open of %ls failed, try %d", L"/etc/x", 3);
     EXPECT_EQ(clLog.csNext(), "<11>open of /etc/x failed, try 3 , error 2, No such file or directory");
 }
-
-TEST_F(Logger, OnlySystemModeReachesTheSystemLog)
-{
-    const CSystemLog clLog;
-    CLogger clLogger;
-    const wchar_t* tDetails[] = {L"lost"};
-    clLogger.bSetMode(ILogger::MODE_OFF);
-    clLogger.AddLog(ILogger::PRIORITY_ERROR, L"lost");
-    clLogger.AddLogEvent(ILogger::PRIORITY_ERROR, 1, L"lost");
-    clLogger.AddLogDetail(ILogger::PRIORITY_ERROR, 1, tDetails, 1);
-    clLogger.bSetMode(ILogger::MODE_SYSTEM);
-    clLogger.AddLog(ILogger::PRIORITY_ERROR, L"back");
-    EXPECT_EQ(clLog.csNext(), "<11>back");
-}

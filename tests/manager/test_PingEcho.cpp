@@ -1,7 +1,5 @@
 #include "manager/PingEcho.h"
-#include "tools/PrivateWorld.h"
 
-#include <chrono>
 #include <gtest/gtest.h>
 #include <string>
 #include <utility>
@@ -14,14 +12,11 @@ TEST(PingEcho, ADatagramIsAQuestionWhenAQuestionBeginsWithIt)
         {"ARE YOU A DEXARO SERVER SETUP?\r\n", EPingForm::SYSTEM},
         {"ARE YOU A DEXARO SERVER SETUP?\r\n\0"s, EPingForm::SYSTEM},
         {"ARE YOU A DEXARO SERVER SETUP?\r\n\0\0"s, EPingForm::NONE},
-        {"ARE YOU A DEXARO SERVER SETUP?\r\nx", EPingForm::NONE},
         {"ARE YOU A DEXARO S", EPingForm::SYSTEM},
-        {"ARE YOU A DEXARO MANAGER UTF-8?\r\n\0"s, EPingForm::UTF8},
         {"ARE YOU A DEXARO MANAGER UTF-8?\r\n!", EPingForm::NONE},
         {"ARE YOU A DEXARO ", EPingForm::UTF8},
         {"", EPingForm::UTF8},
         {"are you a dexaro", EPingForm::NONE},
-        {"\0"s, EPingForm::NONE},
     };
     for (const auto& [csDatagram, eForm] : tCases) {
         EXPECT_EQ(eReadPing(csDatagram), eForm) << csDatagram;
@@ -31,24 +26,10 @@ TEST(PingEcho, ADatagramIsAQuestionWhenAQuestionBeginsWithIt)
 TEST(PingEcho, AListThatIsTooLongLosesWholeServers)
 {
     constexpr const char* pszTwo = "\tA\t1\tBB\t22";
-    const std::pair<std::size_t, const char*> tCases[] = {{100, pszTwo}, {10, pszTwo}, {9, "\tA\t1"},
-                                                          {4, "\tA\t1"}, {3, ""},      {0, ""}};
+    const std::pair<std::size_t, const char*> tCases[] = {
+        {10, pszTwo}, {9, "\tA\t1"}, {4, "\tA\t1"}, {3, ""}};
     for (const auto& [nMax, pszFitting] : tCases) {
         EXPECT_EQ(csFittingServers(pszTwo, nMax), pszFitting) << nMax;
     }
     EXPECT_EQ(csFittingServers("\t\t1\t\t2", 5), "\t\t1") << "empty names";
-    EXPECT_EQ(csFittingServers("ABCDEF", 3), "") << "no list of ours";
-}
-
-TEST(PingEcho, AStopReturnsWithoutADatagramAndAnswersNothing)
-{
-    REQUIRE_PRIVATE_WORLD();
-    CPingEcho clPing;
-    ASSERT_TRUE(clPing.bInit(5999));
-    ASSERT_TRUE(clPing.bStart());
-    const auto clStart = std::chrono::steady_clock::now();
-    clPing.Stop(); // taken for a question, the shutdown would be answered: by a manager, which is not there
-    EXPECT_LT(std::chrono::steady_clock::now() - clStart, std::chrono::seconds(1));
-    CPingEcho clNever;
-    clNever.Stop();
 }

@@ -3,10 +3,7 @@
 
 #include "manager/Dialog.h"
 #include "manager/SetupManager.h"
-#include "service/LanceProcessus.h"
-#include "tools/PingClient.h"
-#include "tools/PrivateWorld.h"
-#include "tools/TempDir.h"
+#include "tools/SystemdTest.h"
 #include "tools/Wait.h"
 #include "tools/WireClient.h"
 
@@ -41,15 +38,18 @@ int nCountEntries(const char* pszFolder)
     const std::filesystem::directory_iterator clAll(pszFolder);
     return static_cast<int>(std::distance(begin(clAll), end(clAll)));
 }
-class Server : public ::testing::Test
+
+class Server : public CSystemdTest
 {
 protected:
     void SetUp() override
     {
-        REQUIRE_PRIVATE_WORLD();
+        CSystemdTest::SetUp();
+        if (IsSkipped()) {
+            return;
+        }
         ASSERT_TRUE(bFreshNetwork());
         m_nThreads = nCountEntries("/proc/self/task");
-        CLanceProcessus::sInit();
         m_pclTool = std::make_unique<CFakeTool>("/bin/systemctl", s_szSystemctl);
         m_pclManager = std::make_unique<CSetupManager>();
         gpclSetupManager = m_pclManager.get();
@@ -70,8 +70,7 @@ protected:
             << "a thread is left over";
         gpclSetupManager = nullptr;
         m_pclManager.reset();
-        CLanceProcessus::sTerm();
-        CServiceManager::ms_eDistri = DISTRI_UNKNOWN;
+        CSystemdTest::TearDown();
     }
     /// A conversation that has been greeted.
     static std::unique_ptr<CWireClient> pclOpen(const char* pszAddress = "127.0.0.1")
@@ -96,18 +95,14 @@ TEST_F(Server, EveryCommandGivesItsReplyOnBothAddressFamilies)
         {"START", s_szUnknown},
         {"status\ta\tignored", "STATUS\tRUNNING\r\n"},
         {"STATUS\tdxsql", "STATUS\tRUNNING\r\n"},
-        {"STATUS\tDXSQL", s_szUnknown},
         {"STATUS\tCaf\xE9", "STATUS\tRUNNING\r\n"},
         {"UNINSTALL\tnone\t1", "ERROR\t11\r\n"},
         {"UNINSTALL\tdxsql\t1", "ERROR\t11\r\n"},
         {"UNINSTALL\tbad\t0", "ERROR\t3Operation canceled\r\n"},
         {"UNINSTALL\ta\t0", "OK\r\n"},
-        {"CLUSTERINFO\tnone", s_szUnknown},
         {"CLUSTERINFO\tCaf\xE9", s_szUnknown},
         {"STOP\ta", "ERROR\t8\r\n"},
         {"", "ERROR\t8\r\n"},
-        {"STATUS a", "ERROR\t8\r\n"},
-        {"STATUS\tx -Hhost", s_szUnknown},
         {"STATUS\tbu*", s_szUnknown},
         {"mode_utf8", "OK\r\n"},
         {"STATUS\tCafé", "STATUS\tRUNNING\r\n"},
@@ -127,8 +122,7 @@ TEST_F(Server, TheStateOfAServerIsItsWordOnTheWire)
 {
     const std::pair<const char*, const char*> tCases[] = {
         {"inactive", "STOPPED"},          {"failed", "STOPPED"},    {"activating", "START_PENDING"},
-        {"deactivating", "STOP_PENDING"}, {"reloading", "RUNNING"}, {"ACTIVE", "RUNNING"},
-        {"maintenance", "STOPPED"},       {"", "STOPPED"},
+        {"deactivating", "STOP_PENDING"}, {"reloading", "RUNNING"}, {"", "STOPPED"},
     };
     const auto pclTool = pclOpen();
     for (const auto& [pszState, pszWord] : tCases) {
@@ -151,29 +145,6 @@ TEST_F(Server, InfoListsHostAndServersInTheEncodingOfTheConversation)
     EXPECT_EQ(pclTool->csAsk("CLUSTERINFO\ta"), "YES\t0\t\r\n");
     EXPECT_EQ(pclTool->csAsk("MODE_UTF8"), "OK\r\n");
     EXPECT_TRUE(pclTool->csAsk("INFO").ends_with("\ta\t4900\tCafé\t4900\t\t4900\r\n"));
-}
-
-TEST_F(Server, AQuestionGetsTwoDatagramsFromTheAddressThatWasAsked)
-{
-    using namespace std::string_literals;
-    const std::pair<std::string, const char*> tCases[] = {
-        {"ARE YOU A DEXARO SERVER SETUP?\r\n", " Mo\ta\t4900\tCaf\xE9\t4900\t\t4900"},
-        {"ARE YOU A DEXARO MANAGER UTF-8?\r\n\0"s, " Mo\ta\t4900\tCafé\t4900\t\t4900"},
-        {"", " Mo\ta\t4900\tCafé\t4900\t\t4900"},
-    };
-    for (const std::string csAddress :
-         {"127.0.0.1", "127.1.2.3", "::1"}) { // the system's choice is 127.0.0.1
-        CPingClient clTool;
-        for (const auto& [csQuestion, pszEnd] : tCases) {
-            clTool.Ask(csAddress, g_wManagerPort, csQuestion);
-            const std::string csAnswer = clTool.csAnswer();
-            EXPECT_TRUE(csAnswer.starts_with(csAddress + " YES\t") && csAnswer.ends_with(pszEnd)) << csAnswer;
-            EXPECT_EQ(clTool.csAnswer(), csAddress + " \r\n");
-        }
-        clTool.Ask(csAddress, g_wManagerPort, "ARE YOU A DEXARO SERVER SETUP?\r\n\0\0"s);
-        clTool.Ask(csAddress, g_wManagerPort, std::string(60000, 'A'));
-        EXPECT_EQ(clTool.csAnswer(100), "<nothing in time>");
-    }
 }
 
 TEST_F(Server, UninstallWithFilesTellsACompletedDeletionWithErrorTwelveAndKeepsTheService)
@@ -206,36 +177,11 @@ TEST_F(Server, ALineMayComeInPiecesOrBeLongAndWhatFollowsItInOneSegmentIsLost)
     EXPECT_EQ(pclTool->csAsk(std::string("STATUS\ta\0b", 10)), "ERROR\t1No such file or directory\r\n");
 }
 
-TEST_F(Server, NothingThatToolsDoToTheirConnectionsLeavesAnythingBehind)
-{
-    const auto tFigures = [] {
-        return std::tuple(CDialog::s_nCount(), nCountEntries("/proc/self/fd"),
-                          nCountEntries("/proc/self/task"));
-    };
-    const auto tBefore = tFigures();
-    for (int n = 0; n < 2000; ++n) {
-        CWireClient("127.0.0.1", g_wManagerPort).Close();
-    }
-    EXPECT_TRUE(bWaitUntil([&] { return tFigures() == tBefore; }, 20'000))
-        << "after connecting and closing at once";
-    for (int n = 0; n < 500; ++n) {
-        CWireClient clTool("127.0.0.1", g_wManagerPort);
-        EXPECT_TRUE(clTool.bSend("NONSENSE\r\n"));
-        clTool.Reset();
-    }
-    EXPECT_TRUE(bWaitUntil([&] { return tFigures() == tBefore; }, 20'000))
-        << "after resets in the middle of a reply";
-}
-
 TEST_F(Server, FifteenHundredConversationsAtOnceAreAllAnswered)
 {
-    rlimit stLimit{};
-    ::getrlimit(RLIMIT_NOFILE, &stLimit);
-    if (stLimit.rlim_max < 4000) {
+    if (::getdtablesize() < 4000) {
         GTEST_SKIP() << "SKIPPED: hard descriptor limit below 4000";
     }
-    stLimit.rlim_cur = stLimit.rlim_max;
-    ::setrlimit(RLIMIT_NOFILE, &stLimit);
     std::vector<std::unique_ptr<CWireClient>> tTools;
     for (int n = 0; n < 1500; ++n) {
         tTools.push_back(pclOpen());
@@ -265,19 +211,16 @@ TEST_F(Server, OutOfDescriptorsItWaitsAndThenAcceptsAgain)
     for (CWireClient& clTool : tTools) {
         ASSERT_TRUE(clTool.bConnect("127.0.0.1", g_wManagerPort));
     }
-    CWireClient& clLate = tTools[2];
     const std::clock_t nCpuBefore = std::clock(); // of the process
-    EXPECT_TRUE(clLate.bSilent(std::chrono::milliseconds(500)));
-    const std::clock_t nCpuAfter = std::clock();
+    EXPECT_TRUE(tTools[2].bSilent(std::chrono::milliseconds(500)));
+    EXPECT_LT(std::clock() - nCpuBefore, CLOCKS_PER_SEC / 10);
     EXPECT_EQ(pclTool->csAsk("HELLO"), "ERROR\t8\r\n") << "those in progress are unharmed";
     ::setrlimit(RLIMIT_NOFILE, &stBefore);
-    EXPECT_LT(nCpuAfter - nCpuBefore, CLOCKS_PER_SEC / 10);
-    EXPECT_EQ(clLate.csLine(std::chrono::milliseconds(1000)), "HELLO FROM SERVEUR SETUP 24.0.6.0\r\n");
+    EXPECT_EQ(tTools[2].csLine(std::chrono::milliseconds(1000)), "HELLO FROM SERVEUR SETUP 24.0.6.0\r\n");
 }
 
 TEST_F(Server, AStopEndsIdleConversationsAndLetsABusyOneReply)
 {
-    m_pclTool->Write("state", "active");
     const auto pclIdle = pclOpen();
     const auto pclBusy = pclOpen();
     EXPECT_TRUE(pclBusy->bSend("STATUS\ta\r\n"));
@@ -293,27 +236,26 @@ TEST(Upload, ComesToAWholeFileOrToNone)
     REQUIRE_PRIVATE_WORLD();
     const std::string csBytes(100'000, 'x');
     const int nFiles = nCountEntries("/tmp");
-    for (const std::size_t nSent : {csBytes.size(), csBytes.size() / 2}) {
-        SCOPED_TRACE(nSent);
+    for (const unsigned int nMissing : {0u, 1u}) {
+        SCOPED_TRACE(nMissing);
         int tPair[2] = {-1, -1};
         ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, tPair), 0);
         CDialog* pclDialog = new CDialog(CDescripteur(tPair[1])); // freed by its second Release
-        std::thread clTool([&, clSocket = CDescripteur(tPair[0])] {
-            (void)::send(clSocket.nFd(), csBytes.data(), nSent, MSG_NOSIGNAL);
+        std::thread clTool([&csBytes, clSocket = CDescripteur(tPair[0])] {
+            (void)::send(clSocket.nFd(), csBytes.data(), csBytes.size(), MSG_NOSIGNAL);
         });
         CInstallInfo clInfo;
-        if (nSent == csBytes.size()) {
-            pclDialog->xGetFile(L"name", static_cast<unsigned int>(nSent), &clInfo);
-            ASSERT_EQ(clInfo.tNames, std::vector<std::wstring>{L"name"});
-            const std::filesystem::path clFile(clInfo.tTemporaryFiles.at(0));
-            EXPECT_EQ(std::filesystem::file_size(clFile), nSent);
-            std::filesystem::remove(clFile);
-        } else {
-            EXPECT_THROW(pclDialog->xGetFile(L"name", static_cast<unsigned int>(csBytes.size()), &clInfo),
-                         CXError);
-            EXPECT_TRUE(clInfo.tTemporaryFiles.empty());
+        try {
+            pclDialog->xGetFile(L"name", static_cast<unsigned int>(csBytes.size()) + nMissing, &clInfo);
+        } catch (const CXError&) {
+            EXPECT_EQ(nMissing, 1u);
         }
         clTool.join();
+        EXPECT_EQ(clInfo.tNames.size(), 1 - nMissing);
+        for (const std::filesystem::path clFile : clInfo.tTemporaryFiles) {
+            EXPECT_EQ(std::filesystem::file_size(clFile), csBytes.size());
+            std::filesystem::remove(clFile);
+        }
         EXPECT_EQ(nCountEntries("/tmp"), nFiles);
         pclDialog->Release();
         pclDialog->Release();

@@ -8,7 +8,7 @@
 /// What a shell command left behind.
 struct STCommandResult
 {
-    int nStatus; ///< exit status; 128 + the signal's number when a signal ended it; -1: it could not be run
+    int nStatus;          ///< exit status; 128 + the signal's number when a signal ended it
     std::string csOutput; ///< standard output and standard error, as they came
 };
 
@@ -17,17 +17,12 @@ struct STCommandResult
 inline STCommandResult stRun(const std::string& csCommand)
 {
     std::FILE* pstPipe = ::popen(("{ " + csCommand + "\n} </dev/null 2>&1").c_str(), "re");
-    if (pstPipe == nullptr) {
-        return {-1, ""};
-    }
-    STCommandResult stResult{-1, ""};
+    STCommandResult stResult;
     std::array<char, 4096> tBuffer;
     while (const std::size_t nCount = std::fread(tBuffer.data(), 1, tBuffer.size(), pstPipe)) {
         stResult.csOutput.append(tBuffer.data(), nCount);
     }
     const int nStatus = ::pclose(pstPipe);
-    if (nStatus != -1) {
-        stResult.nStatus = WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : 128 + WTERMSIG(nStatus);
-    }
+    stResult.nStatus = WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : 128 + WTERMSIG(nStatus);
     return stResult;
 }

@@ -46,12 +46,10 @@ void AddServer(const std::string& csFolder, const std::string& csUnit, int nPort
         << csHome << "dxdemo --SERVICE " << csUnit << "\nPIDFile=/var/run/" << csUnit << ".pid\n";
 }
 
-CManagerProcess::CManagerProcess(const std::string& csExecutable, const std::string& csArguments)
-    : m_nPid(::fork())
+CManagerProcess::CManagerProcess(const std::string& csExecutable) : m_nPid(::fork())
 {
     if (m_nPid == 0) {
-        const std::string csProgram = csExecutable.empty() ? csBuildFolder() + "/VelmoManager" : csExecutable;
-        ::execl("/bin/sh", "sh", "-c", ("exec " + csProgram + " " + csArguments).c_str(), nullptr);
+        ::execl(csExecutable.c_str(), csExecutable.c_str(), "--DEBUG", nullptr);
         ::_exit(127);
     }
 }
@@ -68,8 +66,8 @@ bool CManagerProcess::bAnswers() const
     return bWaitUntil([] { return CWireClient("127.0.0.1", 4999).csLine().starts_with("HELLO"); }, 10'000);
 }
 
-int CManagerProcess::nStop(int nMs)
+int CManagerProcess::nStop()
 {
     ::kill(m_nPid, SIGTERM);
-    return nEndOf(std::exchange(m_nPid, -1), nMs);
+    return nEndOf(std::exchange(m_nPid, -1));
 }

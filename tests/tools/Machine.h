@@ -19,9 +19,8 @@ void AddServer(const std::string& csFolder, const std::string& csUnit, int nPort
 class CManagerProcess
 {
 public:
-    /// Starts the given executable (the built one when empty) with the arguments.
-    explicit CManagerProcess(const std::string& csExecutable = "",
-                             const std::string& csArguments = "--DEBUG");
+    /// Starts the given executable, or the built one.
+    explicit CManagerProcess(const std::string& csExecutable = csBuildFolder() + "/VelmoManager");
     /// Kills it if it still runs.
     ~CManagerProcess();
     CManagerProcess(const CManagerProcess&) = delete;
@@ -30,8 +29,8 @@ public:
     pid_t nPid() const { return m_nPid; }
     /// Waits until it greets on 127.0.0.1; false after 10 seconds.
     bool bAnswers() const;
-    /// SIGTERM, then its exit status (-1: it did not end within nMs milliseconds and was killed).
-    int nStop(int nMs = 10'000);
+    /// SIGTERM, then how it ended (see nEndOf).
+    int nStop();
 
 private:
     pid_t m_nPid;

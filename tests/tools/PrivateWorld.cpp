@@ -66,7 +66,7 @@ CFakeTool::~CFakeTool()
 
 std::string CFakeTool::csTakeJournal()
 {
-    const std::string csCalls = bExists("journal") ? m_clFolder.csRead("journal") : "";
+    const std::string csCalls = m_clFolder.csRead("journal");
     std::filesystem::remove(m_clFolder.csPath("journal"));
     return csCalls;
 }

@@ -45,19 +45,14 @@ public:
     {
         const std::filesystem::path clFile = csPath(csName);
         std::filesystem::create_directories(clFile.parent_path());
-        std::ofstream clStream;
-        clStream.exceptions(std::ios::badbit | std::ios::failbit);
-        clStream.open(clFile, std::ios::binary);
-        clStream << csBytes << std::flush;
+        std::ofstream(clFile, std::ios::binary) << csBytes;
         std::filesystem::permissions(clFile, std::filesystem::perms(nMode));
         return clFile.string();
     }
-    /// Whole content.
+    /// Whole content; empty when there is no such file.
     std::string csRead(std::string_view csName) const
     {
-        std::ifstream clStream;
-        clStream.exceptions(std::ios::badbit | std::ios::failbit);
-        clStream.open(csPath(csName), std::ios::binary);
+        std::ifstream clStream(csPath(csName), std::ios::binary);
         return {std::istreambuf_iterator<char>(clStream), std::istreambuf_iterator<char>()};
     }
     /// Creates a directory with missing parents.
