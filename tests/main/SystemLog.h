@@ -1,17 +1,15 @@
 #pragma once
 
 #include "support/Descripteur.h"
+#include "tools/Command.h"
 #include "tools/PrivateWorld.h"
 #include "tools/Wait.h"
 
 #include <array>
 #include <cerrno>
 #include <cstddef>
-#include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
 #include <string>
-#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -20,18 +18,10 @@
 /// thread.
 inline bool bPrivateDevices()
 {
-    static const bool s_bMade = [] {
-        if (!bPrivateWorld()) {
-            return false;
-        }
-        std::filesystem::create_directory("/tmp/dev");
-        for (const std::string csDevice : {"null", "urandom"}) {
-            std::ofstream{"/tmp/dev/" + csDevice};
-            ::mount(("/dev/" + csDevice).c_str(), ("/tmp/dev/" + csDevice).c_str(), nullptr, MS_BIND,
-                    nullptr);
-        }
-        return ::mount("/tmp/dev", "/dev", nullptr, MS_BIND | MS_REC, nullptr) == 0;
-    }();
+    static const bool s_bMade =
+        bPrivateWorld() && stRun("cd /tmp; mkdir dev; touch dev/null dev/urandom; for n in null urandom; do "
+                                 "mount --bind /dev/$n dev/$n; done; mount --rbind dev /dev")
+                                   .nStatus == 0;
     return s_bMade;
 }
 

@@ -1,6 +1,5 @@
 #include "main/GestionServiceLigneCmd.h"
 
-#include <cstdlib>
 #include <gtest/gtest.h>
 #include <tuple>
 #include <wordexp.h>
@@ -45,20 +44,4 @@ TEST(CommandLine, AnOptionIsAWholeArgumentInAnyCaseAtAnyPlace)
         EXPECT_EQ(bGetCmdLineValue(cl.nCount(), cl.ppsz(), L"--SERVICE", &csValue), bFound);
         EXPECT_STREQ(csValue.c_str(), pszValue);
     }
-}
-
-TEST(CommandLine, AValidNotificationSocketMakesTheProcessTheService)
-{
-    const std::pair<const char*, bool> tCases[] = {{"/run/notify", true}, {"@notify", true}, {"@", false},
-                                                   {"/", false},          {"x", false},      {"", false}};
-    const CArguments clNone("velmo");
-    const CArguments clOption("velmo --service");
-    for (const auto& [pszSocket, bService] : tCases) {
-        SCOPED_TRACE(pszSocket);
-        ::setenv("NOTIFY_SOCKET", pszSocket, 1);
-        EXPECT_EQ(bModeService(clNone.nCount(), clNone.ppsz(), L"--SERVICE"), bService);
-        EXPECT_TRUE(bModeService(clOption.nCount(), clOption.ppsz(), L"--SERVICE"));
-    }
-    ::unsetenv("NOTIFY_SOCKET");
-    EXPECT_FALSE(bModeService(clNone.nCount(), clNone.ppsz(), L"--SERVICE"));
 }

@@ -1,10 +1,11 @@
-// The forking service main with real processes: what the launcher waits for, what the daemon looks like, how
-// it ends.
+// The service main with real processes. Forking: what the launcher waits for, what the daemon looks like, how
+// it ends. Notifying: what it sends, to real sockets.
 
 #include "SystemLog.h"
 #include "TestService.h"
 #include "tools/Command.h"
 
+#include <cstdlib>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
@@ -195,4 +196,30 @@ TEST_F(Daemon, AStopThatComesDuringTheStartIsCarriedOutOnceTheServiceIsUp)
     };
     EXPECT_EQ(nEndOf(nLaunch(fnStopped, fnForeground)), 0);
     EXPECT_EQ(csEvents(), "started stop ended ");
+}
+
+TEST_F(Daemon, ReadinessIsNotifiedOnceAndNobodyElseSeesTheSocket)
+{
+    const std::pair<std::string, const char*> tCases[] = {{"/run/" + std::string(102, 'n'), "READY=1"},
+                                                          {"@" + std::string(106, 'n'), "READY=1"},
+                                                          {"/run/nobody/listens", ""}};
+    for (const auto& [csName, pszSent] : tCases) {
+        SCOPED_TRACE(csName);
+        const CLocalReceiver clReceiver(*pszSent != 0 ? csName : "@elsewhere");
+        const auto fnPrepare = [&](CTestService& cl) {
+            ::setenv("NOTIFY_SOCKET", csName.c_str(), 1);
+            cl.m_fnStart = [] {
+                CTestService::s_Note(std::getenv("NOTIFY_SOCKET") == nullptr ? "unset " : "set ");
+                return true;
+            };
+        };
+        const pid_t nPid = nLaunch(fnPrepare, [] { return bServiceMain(L""); });
+        EXPECT_TRUE(bWaitUntil([] { return csEvents() == "started unset "; }, 5000)) << csEvents();
+        EXPECT_EQ(clReceiver.csNext(*pszSent != 0 ? 5000 : 50), pszSent);
+        EXPECT_EQ(::getsid(nPid), ::getsid(0)) << "it stays where it was started";
+        ::kill(nPid, SIGTERM);
+        EXPECT_EQ(nEndOf(nPid, 1000), 0);
+        EXPECT_EQ(clReceiver.csNext(50), "");
+        EXPECT_EQ(csEvents(), "started unset stop ended ");
+    }
 }

@@ -4,16 +4,9 @@
 #include <cerrno>
 #include <gtest/gtest.h>
 
-namespace {
-class Logger : public ::testing::Test
+TEST(Logger, WritesFormattedTextToTheSystemLogAtItsPriority)
 {
-protected:
-    void SetUp() override { REQUIRE_PRIVATE_DEVICES(); }
-};
-} // namespace
-
-TEST_F(Logger, WritesFormattedTextToTheSystemLogAtItsPriority)
-{
+    REQUIRE_PRIVATE_DEVICES();
     const CSystemLog clLog;
     CLogger clLogger;
     clLogger.AddLog(ILogger::PRIORITY_CRITICAL, L"the server %1 on port %2!u!", L"Donn\u00e9es", 4900u);
@@ -24,13 +17,8 @@ TEST_F(Logger, WritesFormattedTextToTheSystemLogAtItsPriority)
     const wchar_t* tDetails[] = {L"first 100%%%%", L"second", L"third"};
     clLogger.AddLogDetail(ILogger::PRIORITY_ERROR, 5, tDetails, 3);
     EXPECT_EQ(clLog.csNext(), "<11>first 100%") << "a format twice over";
-    EXPECT_TRUE(clLog.bSilent());
-}
-
-TEST_F(Logger, ASystemErrorIsTheOneAtTheCallWithNumberAndText)
-{
-    const CSystemLog clLog;
     errno = ENOENT;
-    CLogger().AddLogSystemError(L"open of %ls failed, try %d", L"/etc/x", 3);
+    clLogger.AddLogSystemError(L"open of %ls failed, try %d", L"/etc/x", 3);
     EXPECT_EQ(clLog.csNext(), "<11>open of /etc/x failed, try 3 , error 2, No such file or directory");
+    EXPECT_TRUE(clLog.bSilent());
 }

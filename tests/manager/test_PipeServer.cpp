@@ -9,43 +9,30 @@
 #include <atomic>
 #include <csignal>
 #include <cstring>
+#include <functional>
 #include <gtest/gtest.h>
 #include <semaphore>
 #include <sys/ioctl.h>
 #include <thread>
+#include <utility>
 
 namespace {
 constexpr const char* s_pszPipe = "/tmp/pipeserver_under_test";
 
-/// Answers "served"; orders (a request's name) of "throw", "mask" and "wait" do what they say.
-class CEchoPipe : public CPipeServer
+/// Answers "served", unless it is told something else.
+class CTestPipe : public CPipeServer
 {
 public:
-    ~CEchoPipe() override { bStop(); }
+    ~CTestPipe() override { bStop(); }
 
+    std::function<std::string()> m_fnAnswer = [] { return "served"; };
     std::atomic<int> m_nHandled{0};
-    std::binary_semaphore m_clEntered{0};
-    std::binary_semaphore m_clGoOn{0};
 
 protected:
-    void _ProcessMessage(const stSEND* pstSend, stRET* pstReturn) override
+    void _ProcessMessage(const stSEND*, stRET* pstReturn) override
     {
-        const std::wstring csOrder = stReadAnsi(*pstSend).csName;
-        std::string csReply = "served";
-        if (csOrder == L"throw") {
-            throw std::runtime_error("what went wrong");
-        }
-        if (csOrder == L"mask") {
-            sigset_t stMask;
-            ::pthread_sigmask(SIG_BLOCK, nullptr, &stMask);
-            csReply = sigismember(&stMask, SIGTERM) == 1 ? "held" : "open";
-        }
-        if (csOrder == L"wait") {
-            m_clEntered.release();
-            m_clGoOn.acquire();
-        }
+        WriteReply(m_fnAnswer(), pstReturn);
         ++m_nHandled;
-        WriteReply(csReply, pstReturn);
     }
     const char* _vpszGetServerPipeName() const override { return s_pszPipe; }
 };
@@ -54,12 +41,12 @@ class PipeServer : public ::testing::Test
 {
 protected:
     void SetUp() override { REQUIRE_PRIVATE_WORLD(); }
-    static std::string csAsk(const std::string& csOrder, int nReply = 77)
+    static std::string csAsk()
     {
-        const CReplyPipe clReply(nReply);
-        const std::string st = csRequest(nReply, 0, csOrder, "", 1);
-        return bWritePipe(s_pszPipe, st) ? clReply.csReply() : "<no server>";
+        const CReplyPipe clReply(77);
+        return bWritePipe(s_pszPipe, csRecord(77)) ? clReply.csReply() : "<no server>";
     }
+    static std::string csRecord(int nReply) { return csRequest(nReply, 0, "name", "/path", 1); }
 };
 } // namespace
 
@@ -119,12 +106,12 @@ TEST_F(PipeServer, UsesOnlyAFifoOfOursAndReplacesAllElse)
         SCOPED_TRACE(pszBefore);
         stRun(csName + "rm -rf $P /tmp/second; echo precious >/tmp/victim; " + pszBefore);
         const std::string csBefore = csInode();
-        CEchoPipe clServer;
+        CTestPipe clServer;
         ASSERT_TRUE(clServer.bStart());
         EXPECT_EQ(csInode() == csBefore, bKept);
         EXPECT_EQ(stRun(csName + "stat -c '%F %a %u' $P; cat /tmp/victim").csOutput,
                   "fifo 600 0\nprecious\n");
-        EXPECT_EQ(csAsk("x"), "served");
+        EXPECT_EQ(csAsk(), "served");
         EXPECT_TRUE(clServer.bStop());
         EXPECT_NE(stRun(csName + "ls -d $P").nStatus, 0) << "left behind";
     }
@@ -132,32 +119,27 @@ TEST_F(PipeServer, UsesOnlyAFifoOfOursAndReplacesAllElse)
 
 TEST_F(PipeServer, AHalfIsDiscardedAndTheNextRecordIsServed)
 {
-    CEchoPipe clServer;
+    CTestPipe clServer;
     ASSERT_TRUE(clServer.bStart());
     const CDescripteur clPipe(::open(s_pszPipe, O_RDWR | O_NONBLOCK | O_CLOEXEC));
     int nLeft = -1;
-    ASSERT_TRUE(bWritePipe(s_pszPipe, csRequest(78, 0, "x", "", 1).substr(0, 400)));
+    ASSERT_TRUE(bWritePipe(s_pszPipe, csRecord(78).substr(0, 400)));
     ASSERT_TRUE(bWaitUntil([&] { return ::ioctl(clPipe.nFd(), FIONREAD, &nLeft) == 0 && nLeft == 0; }, 5000));
-    EXPECT_EQ(csAsk("x"), "served");
+    EXPECT_EQ(csAsk(), "served");
     EXPECT_EQ(clServer.m_nHandled, 1);
 }
 
 TEST_F(PipeServer, AReplyThatCannotBeWrittenCostsNothingElse)
 {
-    CEchoPipe clServer;
+    CTestPipe clServer;
     ASSERT_TRUE(clServer.bStart());
-    const std::string csRecord = csRequest(79, 0, "x", "", 1);
-    const char* const tCases[] = {
-        // what makes $R, the reply's name
-        "true", "cp /tmp/victim $R", "ln -s /tmp/victim $R",
-        "mkfifo -m 600 $R", // without reader
-    };
+    const char* const tCases[] = {"true", "cp /tmp/victim $R", "ln -s /tmp/victim $R", "mkfifo -m 600 $R"};
     for (const char* pszBefore : tCases) {
         SCOPED_TRACE(pszBefore);
-        const std::string csName = "R=" + csReplyPipe(79) + "; ";
+        const std::string csName = "R=" + csReplyPipe(79) + "; "; // nobody reads what is there
         stRun(csName + "rm -f $R; echo precious >/tmp/victim; " + pszBefore);
-        ASSERT_TRUE(bWritePipe(s_pszPipe, csRecord));
-        EXPECT_EQ(csAsk("x"), "served");
+        ASSERT_TRUE(bWritePipe(s_pszPipe, csRecord(79)));
+        EXPECT_EQ(csAsk(), "served");
         EXPECT_EQ(stRun(csName + "cat /tmp/victim; [ ! -f $R ] || cmp /tmp/victim $R").csOutput,
                   "precious\n");
     }
@@ -165,37 +147,52 @@ TEST_F(PipeServer, AReplyThatCannotBeWrittenCostsNothingElse)
     const std::array<char, 4096> tPage{};
     while (::write(clFull.nFd(), tPage.data(), tPage.size()) > 0) {
     }
-    ASSERT_TRUE(bWritePipe(s_pszPipe, csRecord));
-    EXPECT_EQ(csAsk("x"), "served");
+    ASSERT_TRUE(bWritePipe(s_pszPipe, csRecord(79)));
+    EXPECT_EQ(csAsk(), "served");
 }
 
 TEST_F(PipeServer, AFailingRequestIsAnsweredAndTheThreadLeavesSigtermToTheMainThread)
 {
-    CEchoPipe clServer;
+    CTestPipe clServer;
+    clServer.m_fnAnswer = [bFirst = true]() mutable -> std::string {
+        if (std::exchange(bFirst, false)) {
+            throw std::runtime_error("what went wrong");
+        }
+        sigset_t stMask;
+        ::pthread_sigmask(SIG_BLOCK, nullptr, &stMask);
+        return sigismember(&stMask, SIGTERM) == 1 ? "held" : "open";
+    };
     ASSERT_TRUE(clServer.bStart());
-    EXPECT_EQ(csAsk("throw"), "what went wrong");
-    EXPECT_EQ(csAsk("mask"), "held");
+    EXPECT_EQ(csAsk(), "what went wrong");
+    EXPECT_EQ(csAsk(), "held");
 }
 
 TEST_F(PipeServer, AStopLetsTheRequestInProgressFinish)
 {
-    CEchoPipe clServer;
+    CTestPipe clServer;
+    std::binary_semaphore clEntered{0};
+    std::binary_semaphore clGoOn{0};
+    clServer.m_fnAnswer = [&] {
+        clEntered.release();
+        clGoOn.acquire();
+        return "finished";
+    };
     ASSERT_TRUE(clServer.bStart());
     const CReplyPipe clReply(81);
-    const std::string st = csRequest(81, 0, "wait", "", 1);
-    ASSERT_TRUE(bWritePipe(s_pszPipe, st));
-    clServer.m_clEntered.acquire();
+    ASSERT_TRUE(bWritePipe(s_pszPipe, csRecord(81)));
+    clEntered.acquire();
     std::atomic<bool> bStopped = false;
     std::thread clStopper([&] { bStopped = clServer.bStop(); });
-    EXPECT_FALSE(bWaitUntil([&] { return bStopped.load(); }, 100)); // silence has to be waited out
-    clServer.m_clGoOn.release();
+    EXPECT_EQ(clReply.csReply(100), "<nothing in time>"); // silence has to be waited out
+    EXPECT_FALSE(bStopped);
+    clGoOn.release();
     clStopper.join();
-    EXPECT_EQ(clReply.csReply(), "served");
+    EXPECT_EQ(clReply.csReply(0), "finished");
 }
 
 TEST_F(PipeServer, AStopLeavesAFifoThatAnotherHasPutInItsPlace)
 {
-    CEchoPipe clServer;
+    CTestPipe clServer;
     ASSERT_TRUE(clServer.bStart());
     const std::string csName = std::string("P=") + s_pszPipe + "; ";
     ASSERT_EQ(stRun(csName + "rm $P; mkfifo $P").nStatus, 0);

@@ -10,7 +10,6 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <memory>
-#include <thread>
 
 namespace {
 using ::testing::HasSubstr;
@@ -80,13 +79,11 @@ protected:
         CSystemdTest::TearDown();
     }
     /// The reply to a request.
-    static std::string csRegister(int nForm, const std::string& csName, const std::string& csPath, int nPort,
-                                  int nReply = -4711)
+    static std::string csRegister(int nForm, const std::string& csName, const std::string& csPath, int nPort)
     {
-        const CReplyPipe clReply(nReply);
-        EXPECT_TRUE(
-            bWritePipe("/tmp/__pipe_velmomanager__", csRequest(nReply, nForm, csName, csPath, nPort)));
-        return clReply.csReply();
+        const CReplyPipe clReply(-4711);
+        const std::string csRecord = csRequest(-4711, nForm, csName, csPath, nPort);
+        return bWritePipe("/tmp/__pipe_velmomanager__", csRecord) ? clReply.csReply() : "<no manager>";
     }
     std::unique_ptr<CFakeTool> m_pclTool;
     std::unique_ptr<CSetupManager> m_pclManager;
@@ -96,30 +93,28 @@ protected:
 
 TEST_F(Registration, AServerIsRecognisedOrRefusedOrGetsItsOwnUnit)
 {
+    using CUnits = std::map<std::string, std::string>; // with their programs
+    const CUnits tA = {{"DXCS-a", "/tmp/A/srv"}};
+    const CUnits tBoth = {{"DXCS-a", "/tmp/A/srv"}, {"DXCS-b", "/tmp/B/srv"}};
+    const CUnits tEmpty = {{"DXCS-a", ""}};
     const struct
     {
         const char* pszWhat;
-        std::map<std::string, std::string> tUnits; ///< with their program
+        CUnits tUnits;
         const char* pszName;
         const char* pszPath;
         int nPort;
         const char* pszReply; ///< part of it
         const char* pszStarted;
     } tCases[] = {
-        {"own unit, another port now", {{"DXCS-a", "/tmp/A/srv"}}, "a", "/tmp/A/srv", 4999, "", "DXCS-a"},
-        {"own unit, other path", {{"DXCS-a", "/tmp/A/srv"}}, "a", "/tmp/./N/../A/srv", 1, "", "DXCS-a"},
-        {"own unit, port of another",
-         {{"DXCS-a", "/tmp/A/srv"}, {"DXCS-b", "/tmp/B/srv"}},
-         "a",
-         "/tmp/A/srv",
-         4902,
-         "its port 4902",
-         ""},
+        {"own unit, another port now", tA, "a", "/tmp/A/srv", 4999, "", "DXCS-a"},
+        {"own unit by another path", tA, "a", "/tmp/./N/../A/srv", 1, "", "DXCS-a"},
+        {"own unit, port of another", tBoth, "a", "/tmp/A/srv", 4902, "its port 4902", ""},
         {"name of another", {{"DXCS-a_b", "/tmp/A/srv"}}, "a b", "/tmp/N/srv", 1, "for /tmp/A/srv.", ""},
-        {"name of one without program", {{"DXCS-a", ""}}, "a", "/tmp/N/srv", 1, "registered for .", ""},
-        {"names differ by case", {{"DXCS-a", "/tmp/A/srv"}}, "A", "/tmp/N/srv", 1, "", "DXCS-A"},
+        {"name of one without program", tEmpty, "a", "/tmp/N/srv", 1, "registered for .", ""},
+        {"names differ by case", tA, "A", "/tmp/N/srv", 1, "", "DXCS-A"},
         {"default port of another", {{"DXCS-a", "/tmp/C/srv"}}, "n", "/tmp/N/srv", 4900, "\"a\"", ""},
-        {"one without program holds no port", {{"DXCS-a", ""}}, "n", "/tmp/N/srv", 4900, "", "DXCS-n"},
+        {"one without program holds no port", tEmpty, "n", "/tmp/N/srv", 4900, "", "DXCS-n"},
         {"port beyond 16 bits", {{"DXCS-a", "/tmp/big/srv"}}, "n", "/tmp/N/srv", 4464, "", "DXCS-n"},
         {"no name", {}, "", "/tmp/N/srv", 1, "Invalid argument", ""},
         {"a name that means more", {}, "a;-Hhost", "/tmp/N/srv", 1, "Invalid argument", ""},
@@ -159,37 +154,5 @@ TEST_F(Registration, TheOldFormIsUnderstoodButOnlyTheNewOneIsToldTheOutcome)
         EXPECT_EQ(csRegister(nForm, "ansi", csProgram, nPort), "UNKNOWN");
         EXPECT_EQ(csUnits(), pszUnits);
         stRun("rm -f /lib/systemd/system/DXCS-ansi.service");
-    }
-}
-
-TEST_F(Registration, ServersThatComeAtOnceWhileToolsListGetOneServiceEach)
-{
-    CRestartOnFailed clMonitor(m_pclManager->pclGetServiceManager(), 0);
-    clMonitor.xStart();
-    std::atomic<bool> bDone = false;
-    std::thread clLister([&] {
-        while (!bDone) {
-            CTString csList;
-            m_pclManager->AddServeurList(&csList);
-        }
-    });
-    std::vector<std::thread> tServers;
-    for (int n = 0; n < 12; ++n) { // three servers, each four times
-        const std::string csName = "s" + std::to_string(n % 3);
-        const std::string csProgram = csAddProgram(csName, 4910 + n % 3);
-        tServers.emplace_back([=] { EXPECT_EQ(csRegister(1, csName, csProgram, 4910 + n % 3, n), ""); });
-    }
-    for (std::thread& clServer : tServers) {
-        clServer.join();
-    }
-    bDone = true;
-    clLister.join();
-    clMonitor.Stop();
-    EXPECT_EQ(csUnits(), "DXCS-s0.service\nDXCS-s1.service\nDXCS-s2.service\n");
-    EXPECT_EQ(csStates(), "DXCS-s0.state\nDXCS-s1.state\nDXCS-s2.state\n");
-    const std::string csJournal = m_pclTool->csTakeJournal();
-    for (const std::string csCall : {"enable DXCS-s0", "enable DXCS-s1", "enable DXCS-s2"}) {
-        EXPECT_NE(csJournal.find(csCall), std::string::npos);
-        EXPECT_EQ(csJournal.find(csCall), csJournal.rfind(csCall)) << "installed once";
     }
 }
