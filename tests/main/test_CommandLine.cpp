@@ -1,5 +1,7 @@
+#include "main/ErrorMsg.h"
 #include "main/GestionServiceLigneCmd.h"
 
+#include <cerrno>
 #include <gtest/gtest.h>
 #include <tuple>
 #include <wordexp.h>
@@ -28,4 +30,14 @@ TEST(CommandLine, AnOptionIsAWholeArgumentInAnyCaseAtAnyPlace)
         EXPECT_STREQ(csValue.c_str(), pszValue);
         ::wordfree(&stWords);
     }
+}
+
+TEST(CommandLine, AServiceManagerThatRefusesIsToldWithTheSystemsReason)
+{
+    ::testing::internal::CaptureStdout();
+    errno = EACCES;
+    ShowErrorIDSError_Service(0, 4003);
+    EXPECT_TRUE(::testing::internal::GetCapturedStdout().starts_with(
+        "The service \"VelmoManager\" cannot be registered or looked up with the system's service manager: "
+        "Permission denied."));
 }
