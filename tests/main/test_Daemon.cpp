@@ -149,6 +149,17 @@ TEST_F(Daemon, AFailedStartIsLoggedAndLeavesNothing)
     }
 }
 
+TEST_F(Daemon, ASecondOneStopsAndTakesThePidFileAwayAllTheSame)
+{
+    ASSERT_EQ(nRun(), 0);
+    const pid_t nFirst = nDaemon();
+    EXPECT_EQ(nRun(), 0);
+    EXPECT_EQ(csEvents(), "started stop ");
+    EXPECT_FALSE(std::filesystem::exists(s_szPidFile)) << "although it is the first one's; intended";
+    ::kill(nFirst, SIGTERM);
+    EXPECT_EQ(nEndOf(nFirst), 0);
+}
+
 TEST_F(Daemon, AServiceUserGetsTheDirectoryAndThenThePidFileAndTheProcess)
 {
     const std::string csDirectory = "/tmp/it's \"$(touch evil)\"; touch evil2 #";
