@@ -5,11 +5,10 @@
 
 TEST(ListUnits, EveryFormOfAListingGivesTheUnits)
 {
-    const std::string csLong(240, 'x');
     const struct
     {
         const char* pszForm;
-        std::string csOutput;
+        const char* pszOutput;
         std::vector<std::string_view> tExpected;
     } tCases[] = {
         {"without marks, as before 246",
@@ -28,15 +27,13 @@ TEST(ListUnits, EveryFormOfAListingGivesTheUnits)
         {"escaped and template names",
          "  DXCS-Donn\\xc3\\xa9es.service l a r x\n  user@0.service l a r x\n",
          {"DXCS-Donn\\xc3\\xa9es", "user@0"}},
-        {"no last line end", "  DXCS-a.service l a r x\n  DXCS-b.service l a r x", {"DXCS-a", "DXCS-b"}},
         {"lines that name no service",
          "\n  boot.mount loaded\n0 units listed.\n  DXCS-a.service x\n",
          {"DXCS-a"}},
-        {"a long name", "  " + csLong + ".service loaded active running L\n", {csLong}},
         {"nothing", "", {}},
     };
     for (const auto& st : tCases) {
-        const auto tUnits = tReadListing(st.csOutput);
+        const auto tUnits = tReadListing(st.pszOutput);
         EXPECT_EQ(std::vector<std::string_view>(tUnits.begin(), tUnits.end()), st.tExpected) << st.pszForm;
     }
 }
@@ -56,11 +53,9 @@ TEST(Show, TellsExistenceDescriptionAndCommandLine)
          "Type=forking\nExecStart={ path=/opt/a/dx ; argv[]=/opt/a/dx --SERVICE DXCS-a ; pid=0 ; "
          "}\nDescription=a = b\n",
          true, "a = b", "/opt/a/dx --SERVICE DXCS-a "},
-        {"keys in any case and order", "DESCRIPTION=d\ntype=simple\n", true, "d", {}},
         {"a unit that does not exist", "Type=\nDescription=DXCS-x.service\n", false, "DXCS-x.service", {}},
         {"argv at the very start does not count", "Type=simple\nExecStart=argv[]=/x ;\n", true, {}, {}},
         {"no semicolon behind argv", "Type=simple\nExecStart={ argv[]=/x", true, {}, {}},
-        {"lines without an equals sign", "nonsense\n\nType=dbus\n", true, {}, {}},
         {"nothing", "", false, {}, {}},
     };
     for (const auto& st : tCases) {
@@ -79,7 +74,6 @@ TEST(UnitName, ToolsTextIsOneHarmlessArgumentOrNoService)
 {
     const std::pair<const wchar_t*, const wchar_t*> tCases[] = {
         {L"DXCS-Velmo_20261121 083000", L"DXCS-Velmo_20261121_083000"},
-        {L"DXCS-a\tb", L"DXCS-a__b"},
         {L"DXCS-x -Hhost", L"DXCS-x_-Hhost"}, // the blank is gone, so no word begins with the dash
         {L"DXCS-x;y|z", L"DXCS-x;y|z"},
         {L"DXCS-Données €", L"DXCS-Données_€"},
@@ -99,20 +93,4 @@ TEST(UnitName, ToolsTextIsOneHarmlessArgumentOrNoService)
     EXPECT_FALSE(bUnitName(std::wstring(248, L'x'), &csUnit));
     EXPECT_FALSE(bUnitName(std::wstring(124, L'é'), &csUnit));
     EXPECT_FALSE(bUnitName(std::wstring(L"a\0b", 3), &csUnit));
-}
-
-TEST(UnitName, IsWrittenOnlyWhereItsTextIsReadBackAsItIs)
-{
-    EXPECT_TRUE(bWritableInUnit(L"DXCS-a;b@c:d_é"));
-    for (const wchar_t* psz : {L"DXCS-a\\", L"DXCS-5%q", L"DXCS-$HOME", L"DXCS-d'or"}) {
-        EXPECT_FALSE(bWritableInUnit(psz)) << ::testing::PrintToString(std::wstring(psz));
-    }
-}
-
-TEST(UnitName, FilesAndListingsHoldCharactersBeyondAsciiAsEscapesAndScriptsSubstituteFour)
-{
-    EXPECT_EQ(csUnitFileName(L"DXCS-Données;x"), L"DXCS-Donn\\xc3\\xa9es\\x3bx");
-    EXPECT_EQ(csUnitFromListing("DXCS-Donn\\xc3\\xa9es"), L"DXCS-Données");
-    EXPECT_EQ(csUnitFromListing("a\\x2db\\xzz\\x"), L"a\\x2db\\xzz\\x"); // ASCII escapes belong to the name
-    EXPECT_EQ(csScriptName(L"DXCS-my.base a/b\tc"), L"DXCS-my-base_a-b__c");
 }
