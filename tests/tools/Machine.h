@@ -9,9 +9,17 @@
 /// Folder of the built programs (this test's own).
 std::string csBuildFolder();
 
+/// Puts the manager with its runtime library in /opt/velmo/<folder>/; the settings go into the [MANAGER]
+/// section of its DXConf.ini.
+void PutManager(const std::string& csFolder, const std::string& csSettings = "");
+
+/// Puts a sample server in /opt/velmo/<folder>/ without registering it. The settings go into the [DEMO]
+/// section of its DXConf.ini (a text may open further sections), and a name into [INIT].
+void PutServer(const std::string& csFolder, int nPort, const std::string& csSettings = "",
+               const std::string& csName = "");
+
 /// Puts a sample server in /opt/velmo/<folder>/ and a unit for it in the form that the manager writes;
-/// neither reloads systemd nor starts the server. The settings go into the [DEMO] section of its DXConf.ini
-/// (a text may open further sections); the display name is the unit's name when none is given.
+/// neither reloads systemd nor starts the server. The display name is the unit's name when none is given.
 void AddServer(const std::string& csFolder, const std::string& csUnit, int nPort,
                const std::string& csSettings, const std::string& csDisplayName = "");
 
