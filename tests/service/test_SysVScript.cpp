@@ -19,28 +19,6 @@ std::string csFilled(std::string_view csTemplate, const std::string& csCommandLi
 }
 } // namespace
 
-TEST(SysVScript, PlaceholdersAreFilledFromTheTwoHalvesOfTheCommandLine)
-{
-    const struct
-    {
-        const char* pszTemplate;
-        const char* pszCommandLine;
-        const char* pszDisplayName;
-        const char* pszExpected;
-    } tCases[] = {
-        {"# %%%PROGRAM%%%|%%%ARG%%%|", "\"/opt/my base/dx\" --port=1", "", "# /opt/my base/dx| --port=1|"},
-        {"%%%PROGRAM%%%|%%%ARG%%%|", "/opt/dx\" --port=1", "", "/opt/dx|--port=1|"},
-        {"# %%%DISPLAY_NAME%%%, %%%DISPLAY_NAME%%%", "/x", "DX b\xC3\xA9", "# DX b\xC3\xA9, DX b\xC3\xA9"},
-        {"# %%%DISPLAY_NAME%%%\nnext", "/x", "a\nreboot\r\"b\"", "# a reboot 'b'\nnext"},
-        {"# %%%DISPLAY_NAME%%%", "/x", "%%%LOCK_FILE%%%", "# %%%LOCK_FILE%%%"},
-        {"%%%LOCK_FILE%%%%%%LOCK_FILE%%%%%%OTHER%%%\n\n", "/x", "", "DXCS-aDXCS-a%%%OTHER%%%\n\n"},
-        {"\xE9%%%ARG%%%\xEA no end", "/x y", "", "\xE9y\xEA no end"},
-    };
-    for (const auto& st : tCases) {
-        EXPECT_EQ(csFilled(st.pszTemplate, st.pszCommandLine, st.pszDisplayName), st.pszExpected);
-    }
-}
-
 TEST(SysVScript, ShellsPassHostileValuesOnInsteadOfRunningThem)
 {
     const CTempDir clDirectory;

@@ -81,16 +81,3 @@ TEST_F(Systemd, InstallationKeepsNamesAndCommandLinesToTheirOwnLine)
     EXPECT_EQ(m_clManager.pclInstall(L"DXCS-n", L"x", L"/x\nExecStartPre=/evil", 1, 1), nullptr);
     EXPECT_EQ(clTool.csTakeJournal(), "");
 }
-
-TEST_F(Systemd, DetectionSurvivesAToolThatPrintsMoreThanAPipeHolds)
-{
-    CServiceManager::ms_eDistri = DISTRI_UNKNOWN;
-    CFakeTool clTool("/bin/systemctl", "head -c 200000 /dev/zero");
-    EXPECT_TRUE(m_clManager.bInit(nullptr, 0));
-    EXPECT_EQ(CServiceManager::ms_eDistri, DISTRI_SYSTEMD);
-    EXPECT_EQ(clTool.csTakeJournal(), "--no-pager --no-legend\n");
-    CServiceManager::ms_eDistri = DISTRI_UNKNOWN;
-    const CFakeTool clBroken("/bin/systemctl", "exit 1");
-    EXPECT_TRUE(m_clManager.bInit(nullptr, 0));
-    EXPECT_NE(CServiceManager::ms_eDistri, DISTRI_SYSTEMD);
-}
