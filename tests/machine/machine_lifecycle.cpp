@@ -14,7 +14,6 @@
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sstream>
 
 namespace {
 using ::testing::HasSubstr;
@@ -24,16 +23,14 @@ constexpr char s_szUnit[] = "/lib/systemd/system/VelmoManager.service";
 constexpr char s_szPidFile[] = "/run/VelmoManager.pid";
 constexpr char s_szFifo[] = "/tmp/__pipe_velmomanager__";
 constexpr char s_szNotStarted[] =
-    "The service could not be started. Look for its last entries in the system log, "
+    "255 The service could not be started. Look for its last entries in the system log, "
     "correct what they report, then try again.\n";
 constexpr char s_szRootOnly[] =
-    "This must be done by root: run the command again as root, for example with sudo.";
+    "255 This must be done by root: run the command again as root, for example with sudo.";
 
 std::string csRead(const std::string& csPath)
 {
-    std::ostringstream clText;
-    clText << std::ifstream(csPath).rdbuf();
-    return clText.str();
+    return stRun("cat " + csPath).csOutput;
 }
 
 std::string csHome(const std::string& csFolder)
@@ -52,9 +49,16 @@ void Put(const std::string& csFolder, const std::string& csVersion = "24.0.6.0")
               0);
 }
 
-STCommandResult stManager(const std::string& csFolder, const std::string& csArguments = "")
+/// What a command comes to: its exit status, a blank, its output.
+std::string csOutcome(const std::string& csCommand)
 {
-    return stRun("cd / && exec " + csHome(csFolder) + "VelmoManager " + csArguments);
+    const STCommandResult st = stRun(csCommand);
+    return std::to_string(st.nStatus) + " " + st.csOutput;
+}
+
+std::string csManager(const std::string& csFolder, const std::string& csArguments = "")
+{
+    return csOutcome("cd / && exec " + csHome(csFolder) + "VelmoManager " + csArguments);
 }
 
 std::string csShow(const std::string& csProperty, const std::string& csUnit = "VelmoManager")
@@ -107,12 +111,9 @@ class Lifecycle : public ::testing::Test
 protected:
     void TearDown() override
     {
-        stRun("systemctl stop VelmoManager; systemctl kill -s KILL 'DXCS-*'; kill -9 $(cat "
-              "/run/VelmoManager.pid); "
-              "systemctl disable VelmoManager; "
-              "rm -rf /opt/velmo /lib/systemd/system/DXCS-* /lib/systemd/system/VelmoManager.service "
-              "/etc/systemd/system/VelmoManager.service.d /run/VelmoManager.pid "
-              "/tmp/__pipe_velmomanager__; systemctl daemon-reload; systemctl reset-failed");
+        stRun("systemctl stop VelmoManager; kill -9 $(cat /run/VelmoManager.pid); rm -rf "
+              "/etc/systemd/system/VelmoManager.service.d /run/VelmoManager.pid /tmp/__pipe_velmomanager__");
+        RemoveServices();
     }
     /// The manager's entries of this test, once they hold the text: the journal is not written at once.
     std::string csLog(const std::string& csText) const
@@ -152,9 +153,7 @@ CDescripteur clTakePort()
 TEST_F(Lifecycle, TheFirstRunInstallsAndTheSecondTouchesNothing)
 {
     Put("first");
-    const STCommandResult stFirst = stManager("first");
-    EXPECT_EQ(stFirst.nStatus, 0);
-    EXPECT_EQ(stFirst.csOutput, "");
+    EXPECT_EQ(csManager("first"), "0 ");
     EXPECT_EQ(csRead(s_szUnit), csUnitText("first"));
     EXPECT_EQ(stRun("systemctl is-enabled VelmoManager").csOutput, "enabled\n");
     EXPECT_EQ(csShow("ActiveState"), "active");
@@ -164,7 +163,7 @@ TEST_F(Lifecycle, TheFirstRunInstallsAndTheSecondTouchesNothing)
     const auto clUnitTime = std::filesystem::last_write_time(s_szUnit);
     const pid_t nPid = nManager();
     const auto clStart = Clock::now();
-    EXPECT_EQ(stManager("first", "--installer").nStatus, 0);
+    EXPECT_EQ(csManager("first", "--installer"), "0 ");
     EXPECT_LT(Clock::now() - clStart, std::chrono::seconds(1));
     EXPECT_EQ(nManager(), nPid);
     EXPECT_EQ(std::filesystem::last_write_time(s_szUnit), clUnitTime);
@@ -177,12 +176,12 @@ TEST_F(Lifecycle, AnOlderManagerIsReplacedAndAnyOtherKept)
     for (const auto& [pszVersion, bReplaced] : tCases) {
         SCOPED_TRACE(pszVersion);
         Put("installed");
-        ASSERT_EQ(stManager("installed").nStatus, 0);
+        ASSERT_EQ(csManager("installed"), "0 ");
         const pid_t nPid = nManager();
         std::filesystem::remove_all("/opt/velmo/installed");
         Put("installed", pszVersion);
         Put("new");
-        EXPECT_EQ(stManager("new").nStatus, 0);
+        EXPECT_EQ(csManager("new"), "0 ");
         EXPECT_EQ(csRead(s_szUnit), csUnitText(bReplaced ? "new" : "installed"));
         EXPECT_EQ(nManager() != nPid, bReplaced);
         EXPECT_EQ(::kill(nPid, 0) == 0, !bReplaced);
@@ -204,9 +203,7 @@ TEST_F(Lifecycle, AServiceOfAnotherInstallationThatCannotStartIsReplacedOnce)
         stRun("systemctl daemon-reload; systemctl reset-failed; systemctl enable VelmoManager");
     };
     fnRegisterBroken();
-    const STCommandResult stReplaced = stManager("new");
-    EXPECT_EQ(stReplaced.nStatus, 0);
-    EXPECT_EQ(stReplaced.csOutput, "");
+    EXPECT_EQ(csManager("new"), "0 ");
     EXPECT_EQ(csRead(s_szUnit), csUnitText("new"));
     EXPECT_TRUE(bAnswers());
     EXPECT_EQ(stRun("systemctl stop VelmoManager").nStatus, 0);
@@ -215,9 +212,7 @@ TEST_F(Lifecycle, AServiceOfAnotherInstallationThatCannotStartIsReplacedOnce)
     fnRegisterBroken();
     for (const char* pszWhat : {"the new one fails too", "its own failing service is not replaced"}) {
         SCOPED_TRACE(pszWhat);
-        const STCommandResult stFails = stManager("new");
-        EXPECT_EQ(stFails.nStatus, 255);
-        EXPECT_EQ(stFails.csOutput, s_szNotStarted);
+        EXPECT_EQ(csManager("new"), s_szNotStarted);
         EXPECT_EQ(csRead(s_szUnit), csUnitText("new")) << "it stays registered";
         EXPECT_EQ(csShow("ActiveState"), "failed");
         EXPECT_EQ(csLeftovers(), "");
@@ -230,10 +225,8 @@ TEST_F(Lifecycle, RemovalLeavesNothingOfTheManagerAndAllOfTheServers)
     AddServer("server", "DXCS-server", 4901, "");
     stRun("systemctl daemon-reload; systemctl start DXCS-server");
     Put("first");
-    ASSERT_EQ(stManager("first").nStatus, 0);
-    const STCommandResult st = stManager("first", "--UNINSTALL");
-    EXPECT_EQ(st.nStatus, 0);
-    EXPECT_EQ(st.csOutput, "");
+    ASSERT_EQ(csManager("first"), "0 ");
+    EXPECT_EQ(csManager("first", "--UNINSTALL"), "0 ");
     EXPECT_EQ(csShow("LoadState"), "not-found");
     EXPECT_EQ(stRun("find /etc/systemd /lib/systemd -name 'VelmoManager*'").csOutput, "");
     EXPECT_EQ(csLeftovers(), "");
@@ -246,15 +239,11 @@ TEST_F(Lifecycle, OtherUsersAreToldAndChangeNothing)
     Put("first");
     const std::string csAsNobody =
         "setpriv --reuid 65534 --regid 65534 --clear-groups " + csHome("first") + "VelmoManager ";
-    const STCommandResult stInstall = stRun(csAsNobody);
-    EXPECT_EQ(stInstall.nStatus, 255);
-    EXPECT_EQ(stInstall.csOutput, std::string(s_szRootOnly) + "\n");
+    EXPECT_EQ(csOutcome(csAsNobody), std::string(s_szRootOnly) + "\n");
     EXPECT_FALSE(std::filesystem::exists(s_szUnit));
-    ASSERT_EQ(stManager("first").nStatus, 0);
-    EXPECT_EQ(stRun(csAsNobody).nStatus, 0) << "it runs already: nothing needs root";
-    const STCommandResult stRemove = stRun(csAsNobody + "--UNINSTALL");
-    EXPECT_EQ(stRemove.nStatus, 255);
-    EXPECT_EQ(stRemove.csOutput, s_szRootOnly) << "without a line end";
+    ASSERT_EQ(csManager("first"), "0 ");
+    EXPECT_EQ(csOutcome(csAsNobody), "0 ") << "it runs already: nothing needs root";
+    EXPECT_EQ(csOutcome(csAsNobody + "--UNINSTALL"), s_szRootOnly) << "without a line end";
     EXPECT_TRUE(bAnswers());
     EXPECT_TRUE(std::filesystem::exists(csHome("first") + "VelmoManager"));
 }
@@ -262,7 +251,7 @@ TEST_F(Lifecycle, OtherUsersAreToldAndChangeNothing)
 TEST_F(Lifecycle, StopRightBehindStartFiftyTimes)
 {
     Put("first");
-    ASSERT_EQ(stManager("first").nStatus, 0);
+    ASSERT_EQ(csManager("first"), "0 ");
     ASSERT_EQ(stRun("systemctl stop VelmoManager").nStatus, 0);
     for (int n = 0; n < 50; ++n) {
         SCOPED_TRACE(n);
@@ -280,7 +269,7 @@ TEST_F(Lifecycle, StopRightBehindStartFiftyTimes)
 TEST_F(Lifecycle, SystemdSeesTheRightStateAfterARestartAndAKill)
 {
     Put("first");
-    ASSERT_EQ(stManager("first").nStatus, 0);
+    ASSERT_EQ(csManager("first"), "0 ");
     pid_t nBefore = nManager();
     EXPECT_EQ(stRun("systemctl restart VelmoManager").nStatus, 0);
     EXPECT_NE(nManager(), nBefore);
@@ -297,7 +286,7 @@ TEST_F(Lifecycle, SystemdSeesTheRightStateAfterARestartAndAKill)
     DropIn("Restart=no\n");
     ::kill(nManager(), SIGKILL);
     EXPECT_TRUE(bWaitUntil([] { return csShow("ActiveState") + csShow("Result") == "failedsignal"; }, 5000));
-    EXPECT_EQ(stManager("first").nStatus, 0) << "what the killed one left is no hindrance";
+    EXPECT_EQ(csManager("first"), "0 ") << "what the killed one left is no hindrance";
     EXPECT_TRUE(bAnswers());
 }
 
@@ -343,12 +332,10 @@ TEST_F(Lifecycle, StopAllStopsWhatRunsOrStartsAndTheManagerLast)
           "systemctl start DXCS-run DXCS-run2 DXCS-ends DXCS-failed DXCS-refuses other;"
           "systemctl start --no-block DXCS-starts; systemctl stop --no-block DXCS-ends");
     Put("manager");
-    ASSERT_EQ(stManager("manager").nStatus, 0);
+    ASSERT_EQ(csManager("manager"), "0 ");
     ASSERT_EQ(csShow("ActiveState", "DXCS-starts"), "activating");
     ASSERT_EQ(csShow("ActiveState", "DXCS-ends"), "deactivating");
-    const STCommandResult stAll = stManager("manager", "--STOPALL");
-    EXPECT_EQ(stAll.nStatus, 0);
-    EXPECT_EQ(stAll.csOutput, "");
+    EXPECT_EQ(csManager("manager", "--STOPALL"), "0 ");
     for (const auto& st : tServers) {
         EXPECT_EQ(csShow("ActiveState", std::string("DXCS-") + st.pszName), st.pszState) << st.pszName;
     }
@@ -360,7 +347,7 @@ TEST_F(Lifecycle, StopAllStopsWhatRunsOrStartsAndTheManagerLast)
     EXPECT_EQ(csLeftovers(), "");
     stRun("systemctl disable VelmoManager; rm " + std::string(s_szUnit) +
           "; systemctl daemon-reload; systemctl start DXCS-run");
-    EXPECT_EQ(stManager("manager", "--stopall").nStatus, 0) << "no manager registered";
+    EXPECT_EQ(csManager("manager", "--stopall"), "0 ") << "no manager registered";
     EXPECT_EQ(csShow("ActiveState", "DXCS-run"), "inactive");
     stRun("systemctl stop other");
 }
@@ -384,9 +371,9 @@ TEST_F(Lifecycle, StopServerStopsTheServerOfTheDirectoryAndTheManagerThatLiesThe
     const auto csState = [](const std::string& csUnit) { return csShow("ActiveState", csUnit); };
     for (const auto& [pszManager, pszArgument, pszStates] : tCases) {
         SCOPED_TRACE(pszArgument);
-        ASSERT_EQ(stManager(pszManager).nStatus, 0);
+        ASSERT_EQ(csManager(pszManager), "0 ");
         stRun("systemctl reset-failed 'DXCS-*'; systemctl start DXCS-a DXCS-b");
-        EXPECT_EQ(stManager("manager", std::string("--STOP-SERVER ") + pszArgument).nStatus, 0);
+        EXPECT_EQ(csManager("manager", std::string("--STOP-SERVER ") + pszArgument), "0 ");
         EXPECT_EQ(csState("DXCS-a") + " " + csState("DXCS-b") + " " + csState("VelmoManager"), pszStates);
         stRun("systemctl stop VelmoManager; systemctl disable VelmoManager; rm " + std::string(s_szUnit) +
               "; systemctl daemon-reload");
@@ -397,9 +384,9 @@ TEST_F(Lifecycle, ATakenPortIsToldInWordsThatHelpAndLeavesNothing)
 {
     Put("first");
     const CDescripteur clTaken = clTakePort();
-    for (const auto& [pszOptions, nStatus] :
-         {std::pair{"--SERVICE VelmoManager", 0}, {"--DEBUG", 0}, {"--SERVICE", 255}}) {
-        EXPECT_EQ(stManager("first", pszOptions).nStatus, nStatus) << pszOptions;
+    for (const auto& [pszOptions, pszOutcome] :
+         {std::pair{"--SERVICE VelmoManager", "0 "}, {"--DEBUG", "0 "}, {"--SERVICE", "255 "}}) {
+        EXPECT_EQ(csManager("first", pszOptions), pszOutcome) << pszOptions;
         EXPECT_EQ(csLeftovers(), "");
     }
     EXPECT_THAT(csLog("The port 4999 cannot be opened."),
@@ -415,9 +402,7 @@ TEST_F(Lifecycle, WithoutTheRuntimeLibraryEveryUseEndsAtOnceAndIsLogged)
     for (const char* pszOptions : {"", "--SERVICE VelmoManager", "--DEBUG", "--UNINSTALL", "--STOPALL",
                                    "--STOP-SERVER /opt/velmo/server"}) {
         SCOPED_TRACE(pszOptions);
-        const STCommandResult st = stManager("first", pszOptions);
-        EXPECT_EQ(st.nStatus, 255);
-        EXPECT_EQ(st.csOutput, "");
+        EXPECT_EQ(csManager("first", pszOptions), "255 ");
     }
     EXPECT_THAT(csLog("zt240vm64.so"), HasSubstr(csHome("first") + "zt240vm64.so"));
     EXPECT_EQ(csShow("ActiveState", "DXCS-server"), "active");

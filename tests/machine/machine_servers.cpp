@@ -54,10 +54,7 @@ protected:
     void TearDown() override
     {
         m_pclManager.reset();
-        stRun("for n in $(ls /etc/init.d | grep ^DXCS-); do /etc/init.d/$n stop; update-rc.d -f $n remove; "
-              "rm /etc/init.d/$n; done; systemctl stop 'DXCS-*'; systemctl reset-failed; "
-              "rm -rf /opt/velmo /lib/systemd/system/DXCS-* /etc/systemd/system/DXCS-* "
-              "/etc/systemd/system/*/DXCS-*; systemctl daemon-reload");
+        RemoveServices();
     }
     /// A manager with settings of its own in section MANAGER.
     void Start(const std::string& csSettings = "RestartOnFailed=0\n")

@@ -38,10 +38,7 @@ protected:
     {
         m_clTool.Reset(); // no connection stays behind that holds the port of the next manager
         m_pclManager.reset();
-        stRun(
-            "systemctl disable -q $(ls /lib/systemd/system | grep ^DXCS-); systemctl kill -s KILL 'DXCS-*'; "
-            "systemctl stop 'DXCS-*'; rm -rf /lib/systemd/system/DXCS-* /opt/velmo; systemctl daemon-reload; "
-            "systemctl reset-failed");
+        RemoveServices();
     }
     static STCommandResult stClient(const std::string& csArguments)
     {

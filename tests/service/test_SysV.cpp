@@ -34,16 +34,20 @@ protected:
     {
         REQUIRE_PRIVATE_WORLD();
         CLanceProcessus::sInit();
-        ASSERT_EQ(::mount("tmpfs", "/etc", "tmpfs", 0, "mode=0755"), 0);
+        m_bOwnEtc = bEmptyEtc();
+        ASSERT_TRUE(m_bOwnEtc);
         std::filesystem::create_directories("/etc/init.d");
         CServiceManager::ms_eDistri = DISTRI_DEBIAN;
     }
     void TearDown() override
     {
         CServiceManager::ms_eDistri = DISTRI_UNKNOWN;
-        ::umount2("/etc", MNT_DETACH);
+        if (m_bOwnEtc) {
+            ::umount2("/etc", MNT_DETACH);
+        }
         CLanceProcessus::sTerm();
     }
+    static bool bEmptyEtc() { return ::mount("tmpfs", "/etc", "tmpfs", 0, "mode=0755") == 0; }
     /// The calls so far; forgets them.
     static std::string csTakeJournal()
     {
@@ -67,6 +71,7 @@ protected:
         return tNames;
     }
     CServiceManager m_clManager;
+    bool m_bOwnEtc = false;
 };
 
 /// A script that writes its arguments to the journal.
@@ -80,15 +85,12 @@ TEST_F(SysV, ReleaseFilesTellTheFamilyInTheirOrder)
         {"true", DISTRI_DEBIAN},
         {"touch debian_version SuSE-release mandrake-release", DISTRI_DEBIAN},
         {"touch mandrake-release SuSE-release; echo x >redhat-release", DISTRI_MANDRAKE},
-        {"touch mandriva-release gentoo-release", DISTRI_MANDRAKE},
         {"touch SuSE-release gentoo-release fedora-release", DISTRI_SUSE},
         {"touch gentoo-release fedora-release", DISTRI_GENTOO},
         {"touch fedora-release slackware-version; echo x >redhat-release", DISTRI_FEDORA},
-        {"touch slackware-release; echo x >redhat-release", DISTRI_SLACKWARE},
         {"touch slackware-version; echo fedora >version", DISTRI_SLACKWARE},
         {"echo 'MANDRIVA Linux (like Fedora)' >redhat-release", DISTRI_MANDRAKE},
         {"echo 'Fedora Core release 6' >redhat-release; echo debian >version", DISTRI_FEDORA},
-        {"echo Debian >redhat-release; echo debian >version", DISTRI_REDHAT},
         {"mkdir redhat-release; echo 'a Debian, or a RedHat' >version", DISTRI_REDHAT},
         {"echo 'Mandrake, Mandriva, Fedora' >version", DISTRI_MANDRAKE},
         {"echo 'Debian 3' >version; mkdir init.d; touch init.d/function", DISTRI_DEBIAN},
@@ -96,8 +98,10 @@ TEST_F(SysV, ReleaseFilesTellTheFamilyInTheirOrder)
         {"mkdir init.d; touch init.d/functions", DISTRI_DEBIAN},
     };
     for (const auto& [pszMake, eExpected] : tCases) {
-        ASSERT_EQ(stRun(std::string("rm -r /etc/*; cd /etc; ") + pszMake).nStatus, 0) << pszMake;
+        ASSERT_TRUE(bEmptyEtc());
+        ASSERT_EQ(stRun(std::string("cd /etc; ") + pszMake).nStatus, 0) << pszMake;
         EXPECT_EQ(eFindDistribution(), eExpected) << pszMake;
+        ::umount2("/etc", MNT_DETACH);
     }
 }
 

@@ -1,5 +1,6 @@
 #include "tools/Machine.h"
 
+#include "tools/Command.h"
 #include "tools/Wait.h"
 #include "tools/WireClient.h"
 
@@ -65,6 +66,14 @@ void AddServer(const std::string& csFolder, const std::string& csUnit, int nPort
            "forking\nExecStart="
         << "/opt/velmo/" << csFolder << "/dxdemo --SERVICE " << csUnit << "\nPIDFile=/var/run/" << csUnit
         << ".pid\n";
+}
+
+void RemoveServices()
+{
+    stRun("cd /etc/init.d && for n in DXCS-*; do ./$n stop; update-rc.d -f $n remove; rm $n; done; "
+          "systemctl kill -s KILL 'DXCS-*'; systemctl stop VelmoManager 'DXCS-*'; "
+          "find /lib/systemd /etc/systemd '(' -name 'DXCS-*' -o -name VelmoManager.service ')' -delete; "
+          "rm -rf /opt/velmo; systemctl daemon-reload; systemctl reset-failed");
 }
 
 CManagerProcess::CManagerProcess(const std::string& csExecutable) : m_nPid(::fork())

@@ -23,6 +23,9 @@ void PutServer(const std::string& csFolder, int nPort, const std::string& csSett
 void AddServer(const std::string& csFolder, const std::string& csUnit, int nPort,
                const std::string& csSettings, const std::string& csDisplayName = "");
 
+/// Ends and removes whatever manager and servers are registered, with /opt/velmo.
+void RemoveServices();
+
 /// The manager in the foreground mode, as a child of the test.
 class CManagerProcess
 {
