@@ -44,11 +44,6 @@ std::string csRunningVersion()
     return csOutput(csBuildFolder() + "/velmoctl info | sed 's/^version *//;q'");
 }
 
-std::string csActive()
-{
-    return csOutput("systemctl is-active VelmoManager");
-}
-
 /// Whatever on the machine still has the manager's name, outside the checkout.
 std::string csTraces()
 {
@@ -81,7 +76,6 @@ TEST_F(Packages, AFreshInstallationRunsAndStartsAtBoot)
 {
     Install(csCurrent());
     EXPECT_EQ(csRunningVersion(), "24.0.6.0");
-    EXPECT_EQ(csActive(), "active");
     EXPECT_EQ(csOutput("systemctl is-enabled VelmoManager"), "enabled");
     EXPECT_EQ(csOutput("dpkg -V velmomanager"), "") << "files of the package are missing or changed";
     EXPECT_EQ(stRun("VelmoManager").nStatus, 0) << "found by its name, and content with what runs";
@@ -96,11 +90,10 @@ TEST_F(Packages, AnUpgradeKeepsTheSettingsAndRunsTheNewVersionOfWhatRan)
     std::ofstream(s_szSettings) << csText;
     Install(csCurrent());
     EXPECT_EQ(csRunningVersion(), "24.0.6.0");
-    EXPECT_EQ(csActive(), "active");
     EXPECT_EQ(stRun("cat " + std::string(s_szSettings)).csOutput, csText);
     stRun("systemctl stop VelmoManager");
     Install(csCurrent());
-    EXPECT_EQ(csActive(), "inactive") << "what was stopped is not started";
+    EXPECT_EQ(csOutput("systemctl is-active VelmoManager"), "inactive") << "what was stopped is not started";
 }
 
 TEST_F(Packages, ARemovalLeavesTheSettingsAndAPurgeNothing)
@@ -120,12 +113,11 @@ TEST_F(Packages, ARemovalLeavesTheSettingsAndAPurgeNothing)
 
 TEST_F(Packages, WhereNoServiceMayStartTheyAreInstalledAndRegisterNothing)
 {
-    const std::string csImage = "/mnt";
-    ASSERT_EQ(stRun("mount --bind / " + csImage).nStatus, 0);
-    EXPECT_EQ(stRun("chroot " + csImage + " " + s_csDpkg + "-i " + csCurrent()).nStatus, 0);
+    ASSERT_EQ(stRun("mount --bind / /mnt").nStatus, 0);
+    EXPECT_EQ(stRun("chroot /mnt " + s_csDpkg + "-i " + csCurrent()).nStatus, 0);
     EXPECT_FALSE(std::filesystem::exists(s_szUnit));
-    EXPECT_EQ(stRun("chroot " + csImage + " " + s_csDpkg + "-P velmomanager").nStatus, 0);
-    stRun("umount " + csImage);
+    EXPECT_EQ(stRun("chroot /mnt " + s_csDpkg + "-P velmomanager").nStatus, 0);
+    stRun("umount /mnt");
     std::ofstream(s_szPolicy) << "#!/bin/sh\nexit 101\n";
     std::filesystem::permissions(s_szPolicy, std::filesystem::perms(0755));
     Install(csCurrent());
@@ -140,8 +132,8 @@ TEST_F(Packages, TheServiceOfAnotherFolderIsNotTouched)
     const std::string csPid = stRun("cat /run/VelmoManager.pid").csOutput;
     Install(csCurrent());
     EXPECT_EQ(stRun(s_csDpkg + "-P velmomanager").nStatus, 0);
-    EXPECT_EQ(csActive(), "active");
     EXPECT_EQ(stRun("cat /run/VelmoManager.pid").csOutput, csPid);
+    EXPECT_EQ(csRunningVersion(), "24.0.6.0");
     stRun("/opt/velmo/other/VelmoManager --UNINSTALL; rm -r /opt/velmo");
 }
 
@@ -154,17 +146,14 @@ TEST_F(Packages, TheClientsInTheirProtocolGuideWork)
     stRun("awk '/^```python/ { file = \"/tmp/client\" n++; next } /^```/ { file = \"\" } file { print >file "
           "}' " +
           csBuildFolder() + "/../../docs/protocol.md");
-    const std::string csTalk = "python3 /tmp/client0";
-    const std::string csRegister = "python3 /tmp/client1 ";
-    const std::string csDiscover = "python3 /tmp/client2";
     PutServer("Orders", 4900);
-    EXPECT_EQ(csOutput(csRegister + "Orders /opt/velmo/Orders/dxdemo 4900"), "registered, and runs");
-    EXPECT_EQ(csOutput(csRegister + "Third Third/dxdemo 4902"), "Invalid argument");
-    const std::string csSaid = csOutput(csTalk);
+    EXPECT_EQ(csOutput("python3 /tmp/client1 Orders /opt/velmo/Orders/dxdemo 4900"), "registered, and runs");
+    EXPECT_EQ(csOutput("python3 /tmp/client1 Third Third/dxdemo 4902"), "Invalid argument");
+    const std::string csSaid = csOutput("python3 /tmp/client0");
     EXPECT_THAT(csSaid, HasSubstr(" Mo\\tOrders\\t4900\\r\\n'\n"));
     EXPECT_THAT(csSaid, HasSubstr("STATUS\\tRUNNING\\r\\n'\nb'ERROR\\t1No such file or directory\\r\\n'"));
     stRun("sed -i s/255.255.255.255/127.0.0.1/ /tmp/client2"); // a machine has no other network
-    EXPECT_THAT(csOutput(csDiscover),
+    EXPECT_THAT(csOutput("python3 /tmp/client2"),
                 HasSubstr("Orders\\t4900', ('127.0.0.1', 4999))\n(b'\\r\\n', ('127.0.0.1', 4999))"));
     stRun("systemctl disable --now DXCS-Orders; rm -rf /lib/systemd/system/DXCS-Orders.service /opt/velmo");
 }

@@ -19,20 +19,10 @@
 #include <vector>
 
 namespace {
-std::atomic<int> s_nForeign{0};
-void ForeignHandler(int)
-{
-    ++s_nForeign;
-}
-
 class LanceProcessus : public ::testing::Test
 {
 protected:
-    void SetUp() override
-    {
-        ::signal(SIGCHLD, ForeignHandler);
-        CLanceProcessus::sInit();
-    }
+    void SetUp() override { CLanceProcessus::sInit(); }
     void TearDown() override
     {
         EXPECT_TRUE(bWaitUntil([] { return CProcessManager::m_gpclManager->nCountRecords() == 0; }, 5000));
@@ -161,19 +151,6 @@ TEST_F(LanceProcessus, ChildrenThatAreLetGoRunOnAndAreReapedEvenWhenTwoEndBehind
     const std::string csCountEnded = "pgrep -c -r Z -P " + std::to_string(::getpid());
     EXPECT_TRUE(bWaitUntil([&] { return stRun(csCountEnded).csOutput == "2\n"; }, 5000));
     EXPECT_EQ(clDir.csRead("mark"), "late\nlate\n");
-}
-
-TEST_F(LanceProcessus, AForeignChildIsLeftToItsParentAndReachesThePreviousHandler)
-{
-    s_nForeign = 0;
-    const pid_t nPid = ::fork();
-    if (nPid == 0) {
-        ::_exit(5);
-    }
-    EXPECT_TRUE(bWaitUntil([] { return s_nForeign > 0; }, 5000));
-    int nStatus = 0;
-    EXPECT_EQ(::waitpid(nPid, &nStatus, 0), nPid);
-    EXPECT_EQ(WEXITSTATUS(nStatus), 5);
 }
 
 TEST_F(LanceProcessus, ARaisedDescriptorLimitIsUsedBeyondTheSelectSetAndNotInherited)
