@@ -78,8 +78,13 @@ TEST(SysVScript, TemplatesAreCleanScriptsHoweverTheyAreFilled)
 {
     const CTempDir clDirectory;
     const std::string csPath = clDirectory.csPath("script");
-    for (const std::string_view csTemplate :
-         {g_csDebianScript, g_csRedHatScript, g_csSuSEScript, g_csGentooScript, g_csSlackwareScript}) {
+    const std::pair<std::string_view, std::size_t> tTemplates[] = {{g_csDebianScript, 1644},
+                                                                   {g_csRedHatScript, 2904},
+                                                                   {g_csSuSEScript, 2153},
+                                                                   {g_csGentooScript, 477},
+                                                                   {g_csSlackwareScript, 1956}};
+    for (const auto& [csTemplate, nLength] : tTemplates) {
+        EXPECT_EQ(csTemplate.size(), nLength);
         for (const char* pszCommandLine :
              {"/opt/dx", "/opt/dx --port=1 -v", "\"/opt/it's $(my) base/dx\" \"a b\""}) {
             const std::string csScript = csFilled(csTemplate, pszCommandLine, "My `base` $(x)");
