@@ -95,7 +95,7 @@ void IdleCrowdRows()
     clFloor.AwaitPort(g_wFloor);
     clManager.AwaitPort(g_wOurs);
     const CTalk clTalk(g_wOurs);
-    stComparison stStatus;
+    STComparison stStatus;
     CFigures clMemory;
     for (int n = 0; n < 5; ++n) {
         AwaitFewThreads(clManager.nPid());

@@ -39,9 +39,9 @@ void IdleRows()
     clManager.AwaitPort(g_wOurs);
     const CTalk clTalk(g_wOurs);
     ::sleep(1);
-    const stProcess stBefore = stLook(clManager.nPid());
+    const STProcess stBefore = stLook(clManager.nPid());
     ::sleep(nSeconds);
-    const stProcess stAfter = stLook(clManager.nPid());
+    const STProcess stAfter = stLook(clManager.nPid());
     const long nSwitches = stAfter.nSwitches - stBefore.nSwitches;
     const long nTicks = stAfter.nTicks - stBefore.nTicks;
     Row("idle for 20 s with one conversation: wake-ups", "0", std::to_string(nSwitches), -1, "0",

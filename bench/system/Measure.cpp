@@ -3,10 +3,10 @@
 #include <array>
 #include <cstdio>
 
-stComparison stTurnByTurn(int nRounds, const std::function<double()>& fnFloor,
+STComparison stTurnByTurn(int nRounds, const std::function<double()>& fnFloor,
                           const std::function<double()>& fnOurs)
 {
-    stComparison st;
+    STComparison st;
     for (int n = 0; n < nRounds; ++n) {
         if (n % 2 == 0) {
             st.clFloor.Add(fnFloor());
@@ -42,7 +42,7 @@ std::string csTime(double fMicro)
 }
 } // namespace
 
-void TimeRow(const std::string& csWhat, const stComparison& st, double fTarget, double fPercent)
+void TimeRow(const std::string& csWhat, const STComparison& st, double fTarget, double fPercent)
 {
     const double fFloor = st.clFloor.fPercentile(fPercent);
     const double fOurs = st.clOurs.fPercentile(fPercent);
@@ -50,7 +50,7 @@ void TimeRow(const std::string& csWhat, const stComparison& st, double fTarget, 
         fOurs <= fTarget * fFloor);
 }
 
-void RateRow(const std::string& csWhat, const stComparison& st, double fTarget)
+void RateRow(const std::string& csWhat, const STComparison& st, double fTarget)
 {
     const double fFloor = st.clFloor.fMedian();
     const double fOurs = st.clOurs.fMedian();

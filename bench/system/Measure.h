@@ -32,7 +32,7 @@ private:
 };
 
 /// The two sides of a row, measured turn by turn, so that a slow moment of the machine meets both.
-struct stComparison
+struct STComparison
 {
     CFigures clFloor;
     CFigures clOurs;
@@ -53,14 +53,14 @@ inline double fMicroseconds(const std::function<void()>& fnAction)
 }
 
 /// Each side yields one figure a round; who begins changes with every round.
-stComparison stTurnByTurn(int nRounds, const std::function<double()>& fnFloor,
+STComparison stTurnByTurn(int nRounds, const std::function<double()>& fnFloor,
                           const std::function<double()>& fnOurs);
 
 /// Writes one row of the table, as Markdown, to the standard output.
 void Row(const std::string& csWhat, const std::string& csFloor, const std::string& csOurs, double fRatio,
          const std::string& csTarget, bool bReached);
 /// A row of times: the ratio of ours to the floor may be at most fTarget. fPercent is which figure counts.
-void TimeRow(const std::string& csWhat, const stComparison& st, double fTarget, double fPercent = 50);
+void TimeRow(const std::string& csWhat, const STComparison& st, double fTarget, double fPercent = 50);
 /// A row of rates: the ratio must be at least fTarget.
-void RateRow(const std::string& csWhat, const stComparison& st, double fTarget);
+void RateRow(const std::string& csWhat, const STComparison& st, double fTarget);
 std::string csNumber(double fValue, int nDecimals);

@@ -26,7 +26,7 @@ double fStatus(const CTalk& clTalk)
 void StatusRows()
 {
     const CTalk clTalk(g_wOurs);
-    const stComparison st = stTurnByTurn(
+    const STComparison st = stTurnByTurn(
         300, [] { return fMicroseconds([] { LaunchStatus(csServer(0)); }); },
         [&] { return fStatus(clTalk); });
     TimeRow("STATUS, one conversation, p50", st, 1.25);
@@ -65,7 +65,7 @@ void StatusOf8Row()
     for (int n = 0; n < 8; ++n) {
         tTalks.push_back(std::make_unique<CTalk>(g_wOurs));
     }
-    const stComparison st = stTurnByTurn(
+    const STComparison st = stTurnByTurn(
         5, [] { return fRateOf8([](int) { LaunchStatus(csServer(0)); }); },
         [&] { return fRateOf8([&](int n) { fStatus(*tTalks[static_cast<std::size_t>(n)]); }); });
     RateRow("STATUS per second, 8 conversations", st, 1 / 1.25);
@@ -129,7 +129,7 @@ void FloodRow()
     CProgram clManager(tManagerCommand());
     clManager.AwaitPort(g_wOurs);
     const CTalk clTalk(g_wOurs);
-    stComparison st;
+    STComparison st;
     for (int n = 0; n < 60; ++n) {
         st.clFloor.Add(fStatus(clTalk));
     }

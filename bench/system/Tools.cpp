@@ -150,10 +150,10 @@ long nSum(pid_t nPid, const std::string& csField)
 }
 } // namespace
 
-stProcess stLook(pid_t nPid)
+STProcess stLook(pid_t nPid)
 {
     const std::string csFolder = "/proc/" + std::to_string(nPid) + "/";
-    stProcess st{};
+    STProcess st{};
     std::ifstream clMemory(csFolder + "statm");
     long nVirtual = 0;
     clMemory >> nVirtual >> st.nResidentKiB;

@@ -54,13 +54,13 @@ std::vector<std::string> tManagerCommand();
 std::string csBuilt(const std::string& csName);
 
 /// What /proc tells of a process.
-struct stProcess
+struct STProcess
 {
     long nResidentKiB;
     long nSwitches; ///< voluntary and other, of all threads
     long nTicks;    ///< processor time, user and system, in clock ticks
 };
-stProcess stLook(pid_t nPid);
+STProcess stLook(pid_t nPid);
 
 /// A bare launch of the tool with these arguments.
 void Launch(const std::vector<std::string>& tArguments);

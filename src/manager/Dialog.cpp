@@ -21,21 +21,21 @@ constexpr std::wstring_view s_csLineEnd = L"\r\n";
 constexpr std::size_t s_nBlock = 1024; ///< bytes of one receive
 
 /// The conversations that exist, by socket.
-struct stRegister
+struct STRegister
 {
     std::mutex clLock;
     std::set<int> tSockets;
 };
-stRegister& stConversations()
+STRegister& stConversations()
 {
-    static stRegister s_stRegister;
+    static STRegister s_stRegister;
     return s_stRegister;
 }
 } // namespace
 
 CDialog::CDialog(CDescripteur clSocket) : m_clSocket(std::move(clSocket))
 {
-    stRegister& stAll = stConversations();
+    STRegister& stAll = stConversations();
     const std::lock_guard<std::mutex> clGuard(stAll.clLock);
     stAll.tSockets.insert(m_clSocket.nFd());
 }
@@ -43,7 +43,7 @@ CDialog::CDialog(CDescripteur clSocket) : m_clSocket(std::move(clSocket))
 CDialog::~CDialog()
 {
     m_clThread.Stop(1);
-    stRegister& stAll = stConversations();
+    STRegister& stAll = stConversations();
     const std::lock_guard<std::mutex> clGuard(stAll.clLock);
     ::shutdown(m_clSocket.nFd(), SHUT_RDWR);
     stAll.tSockets.erase(m_clSocket.nFd());
@@ -67,7 +67,7 @@ void CDialog::Release()
 
 int CDialog::s_nCount()
 {
-    stRegister& stAll = stConversations();
+    STRegister& stAll = stConversations();
     const std::lock_guard<std::mutex> clGuard(stAll.clLock);
     return static_cast<int>(stAll.tSockets.size());
 }
@@ -75,7 +75,7 @@ int CDialog::s_nCount()
 bool CDialog::s_bEndAll(int nMs)
 {
     {
-        stRegister& stAll = stConversations();
+        STRegister& stAll = stConversations();
         const std::lock_guard<std::mutex> clGuard(stAll.clLock);
         for (const int nSocket : stAll.tSockets) {
             ::shutdown(nSocket, SHUT_RD); // ends the wait for a command; a reply can still go out
@@ -204,13 +204,13 @@ void CDialog::ACK(eError eCode, unsigned int nSystemError)
 
 bool CDialog::__bExecute(const std::wstring& csKeyword)
 {
-    struct stCommand
+    struct STCommand
     {
         const wchar_t* pszKeyword;
         bool (CDialog::*pfnAction)();
     };
     using CRemote = CRemoteVelmoManager;
-    static constexpr stCommand s_tCommands[] = {
+    static constexpr STCommand s_tCommands[] = {
         {L"START", &CDialog::__bOnServer<&CRemote::Start>},
         {L"STATUS", &CDialog::__bOnServer<&CRemote::GetStatus>},
         {L"UNINSTALL", &CDialog::__bOnServer<&CRemote::UnInstall>},
@@ -219,7 +219,7 @@ bool CDialog::__bExecute(const std::wstring& csKeyword)
         {L"CLUSTERINFO", &CDialog::__bOnServer<&CRemote::ClusterInfo>},
         {L"MODE_UTF8", &CDialog::__bModeUTF8},
     };
-    for (const stCommand& st : s_tCommands) {
+    for (const STCommand& st : s_tCommands) {
         if (wcscasecmp(csKeyword.c_str(), st.pszKeyword) == 0) {
             return (this->*st.pfnAction)();
         }

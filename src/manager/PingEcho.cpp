@@ -19,14 +19,14 @@ constexpr std::size_t s_nMaxQuestion = 37;
 constexpr unsigned int s_dwPauseMs = 50;
 
 /// One datagram received, with all that is needed to answer it from the address that it was sent to.
-struct stDatagram
+struct STDatagram
 {
     std::array<char, s_nMaxQuestion> tText;
     sockaddr_storage stSender;
     alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(in6_pktinfo))> tAsked;
 };
 
-msghdr stMessage(stDatagram* pstDatagram, iovec* pstText)
+msghdr stMessage(STDatagram* pstDatagram, iovec* pstText)
 {
     msghdr st{};
     st.msg_name = &pstDatagram->stSender;
@@ -177,7 +177,7 @@ void CPingEcho::_Run()
 
 void CPingEcho::__Serve(int nSocket)
 {
-    stDatagram stQuestion;
+    STDatagram stQuestion;
     iovec stText{stQuestion.tText.data(), stQuestion.tText.size()};
     msghdr stHeader = stMessage(&stQuestion, &stText);
     // A datagram that woke the wait may be dropped for its checksum: waiting here would keep the other socket

@@ -23,16 +23,16 @@ std::string csText(const std::array<char, nSize>& szField)
 }
 } // namespace
 
-stRegistration stReadAnsi(const stSEND& stSend)
+STRegistration stReadAnsi(const stSEND& stSend)
 {
-    const auto stContent = std::bit_cast<stSendAnsi>(stSend.tContent);
+    const auto stContent = std::bit_cast<STSendAnsi>(stSend.tContent);
     return {csWide(csText(stContent.szName), CP_1252), csWide(csText(stContent.szPath), CP_1252),
             static_cast<std::uint16_t>(std::strtol(csText(stContent.szPort).c_str(), nullptr, 10))};
 }
 
-stRegistration stReadUTF16(const stSEND& stSend)
+STRegistration stReadUTF16(const stSEND& stSend)
 {
-    const auto stContent = std::bit_cast<stSendUTF16>(stSend.tContent);
+    const auto stContent = std::bit_cast<STSendUTF16>(stSend.tContent);
     return {csFromUTF16(stContent.szName.data(), nTextLength(stContent.szName)),
             csFromUTF16(stContent.szPath.data(), nTextLength(stContent.szPath)), stContent.wPort};
 }

@@ -18,14 +18,14 @@ enum EPipeForm : std::int32_t
 };
 
 /// Content of a request of the single-byte form.
-struct stSendAnsi
+struct STSendAnsi
 {
     std::array<char, 261> szName;
     std::array<char, 261> szPath;
     std::array<char, 262> szPort;
 };
 /// Content of a request of the UTF-16 form.
-struct stSendUTF16
+struct STSendUTF16
 {
     std::uint16_t wPort;
     std::array<char16_t, 129> szName;
@@ -47,15 +47,15 @@ struct stRET
 };
 
 static_assert(sizeof(stSEND) == 792 && offsetof(stSEND, nForm) == 4 && offsetof(stSEND, tContent) == 8);
-static_assert(sizeof(stSendAnsi) == 784 && sizeof(stSendUTF16) == 784);
-static_assert(offsetof(stSEND, tContent) + offsetof(stSendAnsi, szPath) == 269);
-static_assert(offsetof(stSEND, tContent) + offsetof(stSendAnsi, szPort) == 530);
-static_assert(offsetof(stSEND, tContent) + offsetof(stSendUTF16, szName) == 10);
-static_assert(offsetof(stSEND, tContent) + offsetof(stSendUTF16, szPath) == 268);
+static_assert(sizeof(STSendAnsi) == 784 && sizeof(STSendUTF16) == 784);
+static_assert(offsetof(stSEND, tContent) + offsetof(STSendAnsi, szPath) == 269);
+static_assert(offsetof(stSEND, tContent) + offsetof(STSendAnsi, szPort) == 530);
+static_assert(offsetof(stSEND, tContent) + offsetof(STSendUTF16, szName) == 10);
+static_assert(offsetof(stSEND, tContent) + offsetof(STSendUTF16, szPath) == 268);
 static_assert(sizeof(stRET) == 501 && offsetof(stRET, cEnd) == 500);
 
 /// What a request asks for: the registration of a server.
-struct stRegistration
+struct STRegistration
 {
     std::wstring csName;
     std::wstring csPath; ///< of the server's executable
@@ -63,8 +63,8 @@ struct stRegistration
 };
 /// Reads a request of one of the two forms. A text without NUL ends with its field; the port digits are read
 /// as a decimal number (blanks and a sign accepted) of which the low 16 bits count.
-stRegistration stReadAnsi(const stSEND& stSend);
-stRegistration stReadUTF16(const stSEND& stSend);
+STRegistration stReadAnsi(const stSEND& stSend);
+STRegistration stReadUTF16(const stSEND& stSend);
 
 /// Puts UTF-8 text into a reply, cut at a character's border when it is too long; all behind it becomes NUL.
 void WriteReply(std::string_view csText, stRET* pstReturn);

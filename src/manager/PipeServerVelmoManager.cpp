@@ -3,7 +3,7 @@
 #include "manager/SetupManager.h"
 #include "support/Conversion.h"
 
-std::string CPipeServerVelmoManager::__csRegister(const stRegistration& stServer)
+std::string CPipeServerVelmoManager::__csRegister(const STRegistration& stServer)
 {
     CTString csMessage;
     m_pclManager->RegisterServer(stServer.csName, stServer.csPath, stServer.wPort, &csMessage);

@@ -24,7 +24,7 @@ protected:
     const char* _vpszGetServerPipeName() const override { return g_szManagerPipe; }
 
 private:
-    std::string __csRegister(const stRegistration& stServer);
+    std::string __csRegister(const STRegistration& stServer);
 
     CSetupManager* m_pclManager = nullptr;
 };

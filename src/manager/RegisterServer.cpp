@@ -21,7 +21,7 @@ std::wstring csShortName(const CService& clService)
 }
 
 /// Names are compared as they stand in the registry, where a blank is "_".
-bool bSameName(const CService& clService, const stRegistration& stServer)
+bool bSameName(const CService& clService, const STRegistration& stServer)
 {
     return CServiceManager::csRegisteredName(g_szServerPrefix + stServer.csName) == clService.pszGetName();
 }
@@ -30,7 +30,7 @@ bool bSameName(const CService& clService, const stRegistration& stServer)
 void CSetupManager::RegisterServer(const std::wstring& csName, const std::wstring& csBinaryPath,
                                    std::uint16_t wPort, CTString* pcsError)
 {
-    const stRegistration stServer{csName, csBinaryPath, wPort};
+    const STRegistration stServer{csName, csBinaryPath, wPort};
     const CServiceGuard clGuard = clLockServices();
     std::unique_ptr<CService> pclService;
     if (!__bFindServer(clGuard, stServer, &pclService, pcsError)) {
@@ -45,7 +45,7 @@ void CSetupManager::RegisterServer(const std::wstring& csName, const std::wstrin
     }
 }
 
-bool CSetupManager::__bFindServer(const CServiceGuard&, const stRegistration& stServer,
+bool CSetupManager::__bFindServer(const CServiceGuard&, const STRegistration& stServer,
                                   std::unique_ptr<CService>* ppclFound, CTString* pcsError)
 {
     CServiceListing clListing(&m_clServiceManager, g_szServerPrefix);
@@ -63,7 +63,7 @@ bool CSetupManager::__bFindServer(const CServiceGuard&, const stRegistration& st
     return true;
 }
 
-CSetupManager::EComparison CSetupManager::__eCompare(CService& clService, const stRegistration& stServer,
+CSetupManager::EComparison CSetupManager::__eCompare(CService& clService, const STRegistration& stServer,
                                                      CTString* pcsError)
 {
     const std::wstring csExecutable = clService.csGetExecutable();
@@ -92,7 +92,7 @@ CSetupManager::EComparison CSetupManager::__eCompare(CService& clService, const 
 }
 
 std::unique_ptr<CService> CSetupManager::__pclInstallServer(const CServiceGuard&,
-                                                            const stRegistration& stServer)
+                                                            const STRegistration& stServer)
 {
     if (stServer.csName.empty() || !stServer.csPath.starts_with(L'/')) { // no service could come of it
         errno = EINVAL;

@@ -103,12 +103,12 @@ private:
         CONFLICT, ///< it has the server's name or port
     };
     /// False when a service is in conflict with the server; the text then says how.
-    bool __bFindServer(const CServiceGuard& clGuard, const stRegistration& stServer,
+    bool __bFindServer(const CServiceGuard& clGuard, const STRegistration& stServer,
                        std::unique_ptr<CService>* ppclFound, CTString* pcsError);
-    static EComparison __eCompare(CService& clService, const stRegistration& stServer, CTString* pcsError);
+    static EComparison __eCompare(CService& clService, const STRegistration& stServer, CTString* pcsError);
     /// Null with errno set when it cannot be installed.
     std::unique_ptr<CService> __pclInstallServer(const CServiceGuard& clGuard,
-                                                 const stRegistration& stServer);
+                                                 const STRegistration& stServer);
 
     CServiceManager m_clServiceManager;
     CRemoteVelmoManager m_clRemote;

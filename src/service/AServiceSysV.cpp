@@ -76,7 +76,7 @@ EServiceStatus CService::__eGetStatusSysV()
 
 bool CService::__bRemoveSysV()
 {
-    const stSysVFamily* const pstFamily = pstFindFamily(CServiceManager::ms_eDistri);
+    const STSysVFamily* const pstFamily = pstFindFamily(CServiceManager::ms_eDistri);
     if (pstFamily == nullptr) {
         return errno == ENOENT; // nothing to do on a machine of no known family
     }
@@ -94,7 +94,7 @@ const wchar_t* CService::__pszDisplayNameFromScript()
     if (csPath.empty() || !CDiskFile::bReadFile(csPath, &csScript, s_nMaxScript)) {
         return nullptr;
     }
-    const stMarker stName = stReadMarker(csScript, "Name=\"", s_nDisplayNameBuffer);
+    const STMarker stName = stReadMarker(csScript, "Name=\"", s_nDisplayNameBuffer);
     if (!stName.bFound) {
         return m_csName.c_str();
     }
@@ -113,7 +113,7 @@ void CService::SetBinaryPathFromSysVScript()
     if (csPath.empty() || !CDiskFile::bReadFile(csPath, &csScript, s_nMaxScript)) {
         return;
     }
-    if (const stMarker stProgram = stReadMarker(csScript, "Program=\"", s_nProgramBuffer);
+    if (const STMarker stProgram = stReadMarker(csScript, "Program=\"", s_nProgramBuffer);
         stProgram.csValue) {
         m_csBinaryPath = csFromUTF8(*stProgram.csValue);
     }

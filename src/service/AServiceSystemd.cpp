@@ -9,18 +9,18 @@
 
 EServiceStatus CService::__eGetStatusSystemd()
 {
-    struct stState
+    struct STState
     {
         const wchar_t* pszActiveState;
         EServiceStatus eStatus;
     };
-    static constexpr stState s_tStates[] = {
+    static constexpr STState s_tStates[] = {
         {L"active", STATUS_RUNNING},           {L"reloading", STATUS_RUNNING},
         {L"inactive", STATUS_STOPPED},         {L"failed", STATUS_FAILED},
         {L"activating", STATUS_START_PENDING}, {L"deactivating", STATUS_STOP_PENDING},
     };
     const std::wstring csActiveState = m_pclManager->csGetSystemdProp("ActiveState", m_csName.c_str());
-    for (const stState& st : s_tStates) {
+    for (const STState& st : s_tStates) {
         if (wcscasecmp(st.pszActiveState, csActiveState.c_str()) == 0) {
             return st.eStatus;
         }

@@ -10,14 +10,14 @@ namespace {
 /// A release file holds a line or two; whatever is larger is not one.
 constexpr std::size_t s_nMaxReleaseFile = 1U << 20;
 
-struct stReleaseFile
+struct STReleaseFile
 {
     const wchar_t* pszPath;
     EDistri eDistri;
 };
 
 /// Files whose mere existence decides, in this order.
-constexpr stReleaseFile s_tReleaseFiles[] = {
+constexpr STReleaseFile s_tReleaseFiles[] = {
     {L"/etc/debian_version", DISTRI_DEBIAN},
     {L"/etc/mandrake-release", DISTRI_MANDRAKE},
     {L"/etc/mandriva-release", DISTRI_MANDRAKE},
@@ -29,16 +29,16 @@ constexpr stReleaseFile s_tReleaseFiles[] = {
     {L"/etc/slackware-version", DISTRI_SLACKWARE},
 };
 
-struct stWord
+struct STWord
 {
     const char* pszWord;
     EDistri eDistri;
 };
 
-EDistri eFirstWordIn(std::string csText, std::initializer_list<stWord> tWords, EDistri eOtherwise)
+EDistri eFirstWordIn(std::string csText, std::initializer_list<STWord> tWords, EDistri eOtherwise)
 {
     std::transform(csText.begin(), csText.end(), csText.begin(), cLower);
-    const auto* const pFound = std::find_if(tWords.begin(), tWords.end(), [&](const stWord& st) {
+    const auto* const pFound = std::find_if(tWords.begin(), tWords.end(), [&](const STWord& st) {
         return csText.find(st.pszWord) != std::string::npos;
     });
     return pFound != tWords.end() ? pFound->eDistri : eOtherwise;
@@ -66,7 +66,7 @@ EDistri eFamilyInVersion(std::string csText)
 
 EDistri eFindDistribution()
 {
-    for (const stReleaseFile& st : s_tReleaseFiles) {
+    for (const STReleaseFile& st : s_tReleaseFiles) {
         if (CDiskFile::bExists(st.pszPath)) {
             return st.eDistri;
         }

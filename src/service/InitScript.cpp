@@ -92,15 +92,15 @@ EQuoting eQuotingOf(std::string_view csLine)
     return csLine.starts_with("daemon ") ? QUOTING_TWO_SHELLS : QUOTING_COMMAND;
 }
 
-struct stPlaceholder
+struct STPlaceholder
 {
     std::string_view csName;
     std::array<std::string, 3> tValues; ///< by EQuoting
 };
 
-using tPlaceholders = std::array<stPlaceholder, 4>;
+using CPlaceholders = std::array<STPlaceholder, 4>;
 
-tPlaceholders tMakePlaceholders(const stCommandLine& stCommand, const std::string& csDisplayName,
+CPlaceholders tMakePlaceholders(const STCommandLine& stCommand, const std::string& csDisplayName,
                                 const std::string& csLockFile)
 {
     const std::string csProgram = csEscape(stCommand.csProgram);
@@ -113,11 +113,11 @@ tPlaceholders tMakePlaceholders(const stCommandLine& stCommand, const std::strin
 }
 
 /// Appends the line with its placeholders filled. Values are not looked through for placeholders in turn.
-void AppendFilled(std::string_view csLine, const tPlaceholders& tValues, std::string* pcsResult)
+void AppendFilled(std::string_view csLine, const CPlaceholders& tValues, std::string* pcsResult)
 {
     const EQuoting eQuoting = eQuotingOf(csLine);
     while (!csLine.empty()) {
-        const auto pFound = std::find_if(tValues.begin(), tValues.end(), [&](const stPlaceholder& st) {
+        const auto pFound = std::find_if(tValues.begin(), tValues.end(), [&](const STPlaceholder& st) {
             return csLine.starts_with(st.csName);
         });
         if (pFound != tValues.end()) {
@@ -151,7 +151,7 @@ bool bInertWords(const std::wstring& csText)
                        [](wchar_t c) { return bOrdinary(c) || c == L' ' || c == L'/'; });
 }
 
-stCommandLine stSplitCommandLine(std::string_view csCommandLine)
+STCommandLine stSplitCommandLine(std::string_view csCommandLine)
 {
     const bool bQuoted = csCommandLine.starts_with('"');
     const std::size_t nSeparator = bQuoted ? csCommandLine.find('"', 1) : csCommandLine.find(' ');
@@ -174,7 +174,7 @@ bool bScriptable(const std::string& csCommandLine)
 void __PatchScript(CXYString<char>* pcsScript, CXYString<char>* pcsLockFile, const char* pszCommandLine,
                    const char* pszDisplayName)
 {
-    const tPlaceholders tValues =
+    const CPlaceholders tValues =
         tMakePlaceholders(stSplitCommandLine(pszCommandLine),
                           csCommentText(pszDisplayName != nullptr ? pszDisplayName : ""), *pcsLockFile);
     std::string csResult;
@@ -187,7 +187,7 @@ void __PatchScript(CXYString<char>* pcsScript, CXYString<char>* pcsLockFile, con
     *pcsScript = std::move(csResult);
 }
 
-stMarker stReadMarker(std::string_view csScript, std::string_view csKey, std::size_t nBuffer)
+STMarker stReadMarker(std::string_view csScript, std::string_view csKey, std::size_t nBuffer)
 {
     while (!csScript.empty()) {
         std::string_view csLine = csTakeLine(&csScript).substr(0, nBuffer - 1);

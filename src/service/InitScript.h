@@ -19,12 +19,12 @@ bool bInertWords(const std::wstring& csText);
 
 /// A command line, cut where its program ends: at the second double quote when it begins with one, otherwise
 /// at the first blank. The arguments keep their blanks.
-struct stCommandLine
+struct STCommandLine
 {
     std::string csProgram;
     std::string csArguments;
 };
-stCommandLine stSplitCommandLine(std::string_view csCommandLine);
+STCommandLine stSplitCommandLine(std::string_view csCommandLine);
 
 /// Whether a script can hold a server's command line and still be read back: no control characters, a
 /// program, and no double quote in its path, as that ends the path in the marker line.
@@ -39,11 +39,11 @@ void __PatchScript(CXYString<char>* pcsScript, CXYString<char>* pcsLockFile, con
                    const char* pszDisplayName);
 
 /// Value of a marker such as `Name="..."` in a script.
-struct stMarker
+struct STMarker
 {
     bool bFound = false;                ///< a line holds the marker
     std::optional<std::string> csValue; ///< null also when the value's end was not seen
 };
 /// Looks in the first nBuffer - 1 bytes of each line, the first line with the marker decides. csKey ends with
 /// the opening quote.
-stMarker stReadMarker(std::string_view csScript, std::string_view csKey, std::size_t nBuffer);
+STMarker stReadMarker(std::string_view csScript, std::string_view csKey, std::size_t nBuffer);

@@ -20,13 +20,13 @@ constexpr int s_nMaxArguments = 50; ///< the program included
 constexpr std::size_t s_nOutputRoom = std::size_t{1} << 20;
 std::unique_ptr<CProcessManager> s_pclManager;
 
-struct stPipe
+struct STPipe
 {
     CDescripteur clRead;
     CDescripteur clWrite;
 };
 
-bool bOpenPipe(stPipe* pstPipe)
+bool bOpenPipe(STPipe* pstPipe)
 {
     int tFd[2];
     if (::pipe2(tFd, O_CLOEXEC) != 0) {
@@ -98,14 +98,14 @@ bool CLanceProcessus::bLanceProcessus(const wchar_t* pszProgram, const wchar_t* 
     tArguments[0] = csProgram.data();
     nSplitArguments(csArguments.data(), &tArguments[1], s_nMaxArguments - 1);
 
-    stPipe stInput;
-    stPipe stOutput;
+    STPipe stInput;
+    STPipe stOutput;
     if (!bOpenPipe(&stInput) || !bOpenPipe(&stOutput)) {
         return bFail(pclError, L"pipe", pszProgram);
     }
     // Refused: the usual room does as well.
     (void)::fcntl(stOutput.clWrite.nFd(), F_SETPIPE_SZ, static_cast<int>(s_nOutputRoom));
-    const stChildStart stStart{csProgram.c_str(), tArguments.data(), stInput.clRead.nFd(),
+    const STChildStart stStart{csProgram.c_str(), tArguments.data(), stInput.clRead.nFd(),
                                stOutput.clWrite.nFd(), stOutput.clWrite.nFd()};
     const pid_t nPid = CProcessManager::m_gpclManager->Fork(stStart);
     if (nPid < 0) {

@@ -88,17 +88,17 @@ CProcessManager::~CProcessManager()
 template <class TAction>
 void CProcessManager::__ForEach(TAction action)
 {
-    for (stBlock* pstBlock = &m_stFirst; pstBlock != nullptr; pstBlock = pstBlock->pstNext.get()) {
-        for (stChild& stRecord : pstBlock->tChildren) {
+    for (STBlock* pstBlock = &m_stFirst; pstBlock != nullptr; pstBlock = pstBlock->pstNext.get()) {
+        for (STChild& stRecord : pstBlock->tChildren) {
             action(stRecord);
         }
     }
 }
 
-CProcessManager::stChild* CProcessManager::__pstFind(pid_t nPid)
+CProcessManager::STChild* CProcessManager::__pstFind(pid_t nPid)
 {
-    stChild* pstFound = nullptr;
-    __ForEach([&](stChild& stRecord) {
+    STChild* pstFound = nullptr;
+    __ForEach([&](STChild& stRecord) {
         if (pstFound == nullptr && stRecord.nPid == nPid) {
             pstFound = &stRecord;
         }
@@ -106,37 +106,37 @@ CProcessManager::stChild* CProcessManager::__pstFind(pid_t nPid)
     return pstFound;
 }
 
-void CProcessManager::__Append(std::unique_ptr<stBlock> pstBlock)
+void CProcessManager::__Append(std::unique_ptr<STBlock> pstBlock)
 {
-    std::unique_ptr<stBlock>* ppstLast = &m_stFirst.pstNext;
+    std::unique_ptr<STBlock>* ppstLast = &m_stFirst.pstNext;
     while (*ppstLast != nullptr) {
         ppstLast = &(*ppstLast)->pstNext;
     }
     *ppstLast = std::move(pstBlock);
 }
 
-pid_t CProcessManager::Fork(const stChildStart& stStart)
+pid_t CProcessManager::Fork(const STChildStart& stStart)
 {
     CChildStarter clStarter;
-    std::unique_ptr<stBlock> pstSpare;
+    std::unique_ptr<STBlock> pstSpare;
     for (;;) { // once, or once more with the block that was wanting
         {
             CChildGuard clGuard(m_nLock);
             if (pstSpare != nullptr) {
                 __Append(std::move(pstSpare));
             }
-            if (stChild* pstFree = __pstFind(0); pstFree != nullptr) {
+            if (STChild* pstFree = __pstFind(0); pstFree != nullptr) {
                 *pstFree = {0, 0, FLAG_OWNED, 0};
                 return clStarter.nStart(stStart, &pstFree->nPid, ReleaseGuard, &clGuard);
             }
         }
         // Outside the guard: a thread that the signal interrupted inside the heap may be waiting for it.
-        pstSpare = std::make_unique<stBlock>();
+        pstSpare = std::make_unique<STBlock>();
     }
 }
 
 /// Takes the end of a child if it has come.
-void CProcessManager::__Reap(stChild& stRecord)
+void CProcessManager::__Reap(STChild& stRecord)
 {
     int nStatus = 0;
     if (stRecord.nPid == 0 || (stRecord.nFlags & FLAG_ENDED) != 0 ||
@@ -152,7 +152,7 @@ void CProcessManager::__Reap(stChild& stRecord)
 
 /// The kernel gives the end of a child to the thread that created it, unless a signal of another child is
 /// pending already; so whoever notes an end passes it on to the thread that pauses for it.
-void CProcessManager::__Wake(const stChild& stRecord)
+void CProcessManager::__Wake(const STChild& stRecord)
 {
     constexpr int nWanted = FLAG_PAUSE | FLAG_ENDED;
     if ((stRecord.nFlags & nWanted) == nWanted && stRecord.nPausing != ::gettid()) {
@@ -169,7 +169,7 @@ void CProcessManager::SigAction(int nSignal, siginfo_t* pstInfo, void* pContext)
     {
         const CChildGuard clGuard(m_nLock);
         bOurs = pstInfo->si_pid != 0 && __pstFind(pstInfo->si_pid) != nullptr; // 0 marks a free record
-        __ForEach([](stChild& stRecord) {
+        __ForEach([](STChild& stRecord) {
             __Reap(stRecord);
             __Wake(stRecord);
         });
@@ -191,7 +191,7 @@ void CProcessManager::__ForwardToPrevious(int nSignal, siginfo_t* pstInfo, void*
 bool CProcessManager::bGetCode(pid_t nPid, int* pnCode)
 {
     const CChildGuard clGuard(m_nLock);
-    stChild* pstRecord = __pstFind(nPid);
+    STChild* pstRecord = __pstFind(nPid);
     if (pstRecord != nullptr) {
         __Reap(*pstRecord);
         if ((pstRecord->nFlags & FLAG_ENDED) == 0) {
@@ -208,7 +208,7 @@ void CProcessManager::Pause(pid_t nPid)
     const CSignalsHeld clHeld{SIGCHLD};
     {
         const CChildGuard clGuard(m_nLock);
-        stChild* pstRecord = __pstFind(nPid);
+        STChild* pstRecord = __pstFind(nPid);
         if (pstRecord == nullptr) {
             return;
         }
@@ -222,7 +222,7 @@ void CProcessManager::Pause(pid_t nPid)
     constexpr timespec st2s{2, 0};
     ::ppoll(nullptr, 0, &st2s, &clHeld.stBefore()); // once, not re-armed: SIGCHLD ends it
     const CChildGuard clGuard(m_nLock);
-    if (stChild* pstRecord = __pstFind(nPid); pstRecord != nullptr) {
+    if (STChild* pstRecord = __pstFind(nPid); pstRecord != nullptr) {
         pstRecord->nFlags &= ~FLAG_PAUSE;
     }
 }
@@ -230,7 +230,7 @@ void CProcessManager::Pause(pid_t nPid)
 void CProcessManager::FreePid(pid_t nPid)
 {
     const CChildGuard clGuard(m_nLock);
-    if (stChild* pstRecord = __pstFind(nPid); pstRecord != nullptr) {
+    if (STChild* pstRecord = __pstFind(nPid); pstRecord != nullptr) {
         pstRecord->nFlags &= ~FLAG_OWNED;
         if ((pstRecord->nFlags & FLAG_ENDED) != 0) {
             pstRecord->nPid = 0;
@@ -241,7 +241,7 @@ void CProcessManager::FreePid(pid_t nPid)
 void CProcessManager::Kill(pid_t nPid, int nSignal)
 {
     const CChildGuard clGuard(m_nLock);
-    if (const stChild* pstRecord = __pstFind(nPid);
+    if (const STChild* pstRecord = __pstFind(nPid);
         pstRecord != nullptr && (pstRecord->nFlags & FLAG_ENDED) == 0) {
         ::kill(nPid, nSignal);
     }
@@ -251,6 +251,6 @@ int CProcessManager::nCountRecords()
 {
     const CChildGuard clGuard(m_nLock);
     int nCount = 0;
-    __ForEach([&](const stChild& stRecord) { nCount += stRecord.nPid != 0 ? 1 : 0; });
+    __ForEach([&](const STChild& stRecord) { nCount += stRecord.nPid != 0 ? 1 : 0; });
     return nCount;
 }

@@ -28,7 +28,7 @@ public:
     CProcessManager& operator=(const CProcessManager&) = delete;
 
     /// Starts a child (CChildStarter tells how) with an owned record. Returns its pid, or -1 with errno.
-    pid_t Fork(const stChildStart& stStart);
+    pid_t Fork(const STChildStart& stStart);
     /// True when the child has ended, and then its exit code (the signal's number for a killed one). Also
     /// true, with code -1, for a pid without a record.
     bool bGetCode(pid_t nPid, int* pnCode);
@@ -52,7 +52,7 @@ private:
         FLAG_PAUSE = 4, ///< a thread pauses until the child ends
     };
     /// pid 0 marks a free record.
-    struct stChild
+    struct STChild
     {
         int nPid;
         int nCode;
@@ -61,22 +61,22 @@ private:
     };
     /// Records live in blocks that are only ever added: the handler releases a record by clearing its pid,
     /// since it must not call free.
-    struct stBlock
+    struct STBlock
     {
-        stChild tChildren[64]{};
-        std::unique_ptr<stBlock> pstNext;
+        STChild tChildren[64]{};
+        std::unique_ptr<STBlock> pstNext;
     };
 
-    stChild* __pstFind(pid_t nPid);
-    void __Append(std::unique_ptr<stBlock> pstBlock);
-    static void __Reap(stChild& stRecord);
-    static void __Wake(const stChild& stRecord);
+    STChild* __pstFind(pid_t nPid);
+    void __Append(std::unique_ptr<STBlock> pstBlock);
+    static void __Reap(STChild& stRecord);
+    static void __Wake(const STChild& stRecord);
     void __ForwardToPrevious(int nSignal, siginfo_t* pstInfo, void* pContext) const;
     template <class TAction>
     void __ForEach(TAction action);
 
     std::atomic<int> m_nLock{0}; ///< spin lock: 0 free, else the thread id of its holder
-    stBlock m_stFirst;
+    STBlock m_stFirst;
     struct sigaction m_stPrevious
     {};
     struct sigaction m_stPreviousPipe

@@ -16,7 +16,7 @@
 
 namespace {
 /// A place where scripts are: what stands before a script's name is split at its last "/".
-struct stScriptPlace
+struct STScriptPlace
 {
     std::wstring csDirectory;
     std::wstring csFilePrefix;
@@ -27,7 +27,7 @@ struct stScriptPlace
 class CScriptEnumeration : public CServiceEnumeration
 {
 public:
-    CScriptEnumeration(CServiceManager* pclManager, std::vector<stScriptPlace> tPlaces, std::wstring csStart)
+    CScriptEnumeration(CServiceManager* pclManager, std::vector<STScriptPlace> tPlaces, std::wstring csStart)
         : m_pclManager(pclManager), m_tPlaces(std::move(tPlaces)), m_csStart(std::move(csStart))
     {}
 
@@ -60,7 +60,7 @@ private:
     /// asked for, or was handed out before from an earlier directory.
     std::wstring __csServiceOf(const std::wstring& csFile) const
     {
-        const stScriptPlace& stPlace = m_tPlaces[m_nOpened - 1];
+        const STScriptPlace& stPlace = m_tPlaces[m_nOpened - 1];
         if (!csFile.starts_with(stPlace.csFilePrefix)) {
             return {};
         }
@@ -71,7 +71,7 @@ private:
     }
 
     CServiceManager* m_pclManager; ///< not owned
-    std::vector<stScriptPlace> m_tPlaces;
+    std::vector<STScriptPlace> m_tPlaces;
     std::wstring m_csStart;
     std::size_t m_nOpened = 0; ///< places up to this one have been opened or passed over
     CDirectory m_pDirectory;
@@ -114,10 +114,10 @@ std::unique_ptr<CService> CServiceManager::__pclGetServiceSysV(const std::wstrin
 
 std::unique_ptr<CServiceEnumeration> CServiceManager::__pclEnumServiceSysV(const std::wstring& csPrefix)
 {
-    const stScriptPlace stUsual{g_szScriptDirectory, L""};
-    std::vector<stScriptPlace> tPlaces{stUsual};
-    if (const stSysVFamily* const pstFamily = pstFindFamily(ms_eDistri); pstFamily != nullptr) {
-        stScriptPlace stOwn;
+    const STScriptPlace stUsual{g_szScriptDirectory, L""};
+    std::vector<STScriptPlace> tPlaces{stUsual};
+    if (const STSysVFamily* const pstFamily = pstFindFamily(ms_eDistri); pstFamily != nullptr) {
+        STScriptPlace stOwn;
         CDiskFile::__SplitPath(pstFamily->pszScriptPrefix, &stOwn.csDirectory, &stOwn.csFilePrefix);
         if (stOwn.csDirectory != stUsual.csDirectory) {
             tPlaces.insert(tPlaces.begin(), stOwn);
@@ -137,7 +137,7 @@ std::unique_ptr<CService> CServiceManager::__pclInstallSysV(const std::wstring& 
 {
     const std::wstring csScript = csScriptName(csName);
     const std::string csCommandLine = csToUTF8(csBinaryPath);
-    const stSysVFamily* const pstFamily = pstFindFamily(ms_eDistri);
+    const STSysVFamily* const pstFamily = pstFindFamily(ms_eDistri);
     if (pstFamily == nullptr || !bInertName(csScript) || !bScriptable(csCommandLine)) {
         errno = EINVAL;
         return nullptr;

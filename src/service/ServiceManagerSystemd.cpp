@@ -100,7 +100,7 @@ std::unique_ptr<CService> CServiceManager::__pclGetServiceSystemd(const std::wst
     if (!bSystemctl(csArguments, &csOutput)) {
         return nullptr;
     }
-    const stUnitShown stShown = stReadShow(csOutput);
+    const STUnitShown stShown = stReadShow(csOutput);
     if (!stShown.bExists) {
         return nullptr;
     }

@@ -14,14 +14,14 @@ constexpr std::string_view s_csSuffix = ".service";
 constexpr std::string_view s_csUnitCharacters =
     "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ:-_.\\@";
 
-struct stSubstitution
+struct STSubstitution
 {
     wchar_t cFrom;
     const wchar_t* pszTo;
 };
 
 template <std::size_t nCount>
-std::wstring csSubstitute(const std::wstring& csName, const std::array<stSubstitution, nCount>& tRules)
+std::wstring csSubstitute(const std::wstring& csName, const std::array<STSubstitution, nCount>& tRules)
 {
     std::wstring csResult;
     csResult.reserve(csName.size());
@@ -81,14 +81,14 @@ int nEscapedByte(std::string_view cs)
 
 std::wstring csScriptName(const std::wstring& csName)
 {
-    static constexpr std::array<stSubstitution, 4> s_tRules{
+    static constexpr std::array<STSubstitution, 4> s_tRules{
         {{L' ', L"_"}, {L'\t', L"__"}, {L'/', L"-"}, {L'.', L"-"}}};
     return csSubstitute(csName, s_tRules);
 }
 
 bool bUnitName(const std::wstring& csName, std::wstring* pcsUnit)
 {
-    static constexpr std::array<stSubstitution, 2> s_tRules{{{L' ', L"_"}, {L'\t', L"__"}}};
+    static constexpr std::array<STSubstitution, 2> s_tRules{{{L' ', L"_"}, {L'\t', L"__"}}};
     std::wstring csUnit = csSubstitute(csName, s_tRules);
     if (std::any_of(csUnit.begin(), csUnit.end(), bForbiddenInUnit) || bHasOptionWord(csUnit) ||
         bHasUnitType(csUnit) || csToUTF8(csUnit).size() + s_csSuffix.size() > s_nMaxUnitName) {

@@ -17,29 +17,29 @@ std::string csFor(const std::string& csName, const char* pszRow)
     return csReplaceAll<char>(pszRow, "%s", csName);
 }
 
-void RegisterByTool(const stSysVFamily& stFamily, const std::string& csName)
+void RegisterByTool(const STSysVFamily& stFamily, const std::string& csName)
 {
     // Not judged: an unregistered script still serves.
     (void)nShell(csFor(csName, stFamily.pszRegister));
 }
 
-struct stBootFile
+struct STBootFile
 {
     const wchar_t* pszPath;
     const char* pszBlock;
 };
 
 /// Exactly these bytes are intended, the start block's command and the stop block's comment included.
-constexpr stBootFile s_tBootFiles[] = {
+constexpr STBootFile s_tBootFiles[] = {
     {L"/etc/rc.d/rc.M",
      "\n# Start the %s server\nif [ -x /etc/rc.d/rc.%s ]; then\n/. etc/rc.d/rc.%s start\nfi\n"},
     {L"/etc/rc.d/rc.K",
      "\n# Start the %s server\nif [ -x /etc/rc.d/rc.%s ]; then\n/etc/rc.d/rc.%s stop\nfi\n"},
 };
 
-void AppendBootBlocks(const stSysVFamily&, const std::string& csName)
+void AppendBootBlocks(const STSysVFamily&, const std::string& csName)
 {
-    for (const stBootFile& st : s_tBootFiles) {
+    for (const STBootFile& st : s_tBootFiles) {
         std::string csFile;
         const std::string csBlock = csFor(csName, st.pszBlock);
         if (CDiskFile::bReadFile(st.pszPath, &csFile) && csFile.find(csBlock) == std::string::npos) {
@@ -48,7 +48,7 @@ void AppendBootBlocks(const stSysVFamily&, const std::string& csName)
     }
 }
 
-bool bUnregisterThenDelete(const stSysVFamily& stFamily, const std::wstring& csName)
+bool bUnregisterThenDelete(const STSysVFamily& stFamily, const std::wstring& csName)
 {
     if (stFamily.pszUnregister != nullptr) {
         (void)nShell(csFor(csToUTF8(csName), stFamily.pszUnregister));
@@ -58,14 +58,14 @@ bool bUnregisterThenDelete(const stSysVFamily& stFamily, const std::wstring& csN
 }
 
 /// update-rc.d takes the links away only when the script is gone.
-bool bDeleteThenUnregister(const stSysVFamily& stFamily, const std::wstring& csName)
+bool bDeleteThenUnregister(const STSysVFamily& stFamily, const std::wstring& csName)
 {
     (void)CDiskFile::bDelete(csScriptPath(csName));
     return nShell(csFor(csToUTF8(csName), stFamily.pszUnregister)) != -1 || errno == ENOENT;
 }
 
 /// One row for each SysV family. Those without a tool of their own for boot links have functions instead.
-constexpr stSysVFamily s_tFamilies[] = {
+constexpr STSysVFamily s_tFamilies[] = {
     {DISTRI_DEBIAN, g_szScriptDirectory, &g_csDebianScript, "update-rc.d %s defaults >/dev/null",
      "update-rc.d -f %s remove >/dev/null", RegisterByTool, bDeleteThenUnregister},
     {DISTRI_REDHAT, g_szScriptDirectory, &g_csRedHatScript, "chkconfig --add %s >/dev/null",
@@ -83,11 +83,11 @@ constexpr stSysVFamily s_tFamilies[] = {
 };
 } // namespace
 
-const stSysVFamily* pstFindFamily(EDistri eDistri)
+const STSysVFamily* pstFindFamily(EDistri eDistri)
 {
     const auto* const pFound =
         std::find_if(std::begin(s_tFamilies), std::end(s_tFamilies),
-                     [eDistri](const stSysVFamily& st) { return st.eDistri == eDistri; });
+                     [eDistri](const STSysVFamily& st) { return st.eDistri == eDistri; });
     return pFound != std::end(s_tFamilies) ? pFound : nullptr;
 }
 
@@ -97,7 +97,7 @@ std::wstring csScriptPath(const std::wstring& csName)
         errno = ENOENT;
         return {};
     }
-    const stSysVFamily* const pstFamily = pstFindFamily(CServiceManager::ms_eDistri);
+    const STSysVFamily* const pstFamily = pstFindFamily(CServiceManager::ms_eDistri);
     const std::wstring csUsual = g_szScriptDirectory + csName;
     const std::wstring csOwn = pstFamily != nullptr ? pstFamily->pszScriptPrefix + csName : csUsual;
     return !CDiskFile::bExists(csOwn) && CDiskFile::bExists(csUsual) ? csUsual : csOwn;

@@ -44,9 +44,9 @@ std::optional<std::string> csCommandLine(std::string_view csExecStart)
 }
 } // namespace
 
-stUnitShown stReadShow(std::string_view csOutput)
+STUnitShown stReadShow(std::string_view csOutput)
 {
-    stUnitShown stShown;
+    STUnitShown stShown;
     ForEachLine(csOutput, [&](std::string_view csLine) {
         const std::size_t nEqual = csLine.find('=');
         if (nEqual == std::string_view::npos) {

@@ -8,13 +8,13 @@
 /// Readers of what systemctl prints: bytes in, records out, no I/O.
 
 /// What "show" tells of one unit.
-struct stUnitShown
+struct STUnitShown
 {
     bool bExists = false;                     ///< a "Type" with a value was seen
     std::optional<std::string> csDescription; ///< UTF-8
     std::optional<std::string> csBinaryPath;  ///< the command line of "ExecStart"; keeps the blank behind it
 };
-stUnitShown stReadShow(std::string_view csOutput);
+STUnitShown stReadShow(std::string_view csOutput);
 
 /// Value of the one property that was asked for: all behind the first "=", less the line end. Empty when
 /// there is none.

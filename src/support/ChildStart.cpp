@@ -21,9 +21,9 @@ constexpr std::size_t s_nChildStack = std::size_t{32} * 1024;
 constexpr int s_nNotExecuted = 127; ///< exit code, as shells have it
 
 /// What the child finds on its stack.
-struct stChildContext
+struct STChildContext
 {
-    const stChildStart& stStart;
+    const STChildStart& stStart;
     void (*pfnFirst)(void*);
     void* pContext;
     bool bCloseRange; ///< whether the kernel has it; then the descriptor table is the daemon's at first
@@ -34,7 +34,7 @@ struct stChildContext
 // those of the sanitizers do.
 
 /// The kernel's form of a signal action; all zero is the default one.
-struct stKernelAction
+struct STKernelAction
 {
     void* pHandler;
     unsigned long nFlags;
@@ -43,7 +43,7 @@ struct stKernelAction
 };
 
 [[noreturn]] __attribute__((no_sanitize("thread", "address", "undefined"))) void
-EndUnexecuted(const stChildContext& stContext) noexcept
+EndUnexecuted(const STChildContext& stContext) noexcept
 {
     *stContext.pnExecError = errno;
     for (;;) {
@@ -72,7 +72,7 @@ __attribute__((no_sanitize("thread", "address", "undefined"))) void CloseOneByOn
 /// of the daemon's would grow with its conversations. Without one it must not go on, for what it closes
 /// would be the daemon's.
 __attribute__((no_sanitize("thread", "address", "undefined"))) bool
-bLeaveDaemonsDescriptors(const stChildStart& stStart) noexcept
+bLeaveDaemonsDescriptors(const STChildStart& stStart) noexcept
 {
     int nLast = STDERR_FILENO;
     for (const int nFd : {stStart.nInput, stStart.nOutput, stStart.nError}) {
@@ -85,8 +85,8 @@ bLeaveDaemonsDescriptors(const stChildStart& stStart) noexcept
 /// allocation, no lock, no return.
 __attribute__((no_sanitize("thread", "address", "undefined"))) int nRunChild(void* pContext) noexcept
 {
-    const auto& stContext = *static_cast<const stChildContext*>(pContext);
-    const stChildStart& stStart = stContext.stStart;
+    const auto& stContext = *static_cast<const STChildContext*>(pContext);
+    const STChildStart& stStart = stContext.stStart;
     if (stContext.pfnFirst != nullptr) {
         stContext.pfnFirst(stContext.pContext);
     }
@@ -100,7 +100,7 @@ __attribute__((no_sanitize("thread", "address", "undefined"))) int nRunChild(voi
         CloseOneByOne();
     }
     RestoreDescriptorLimit();
-    constexpr stKernelAction stDefault{};
+    constexpr STKernelAction stDefault{};
     for (int nSignal = 1; nSignal < NSIG; ++nSignal) {
         ::syscall(SYS_rt_sigaction, nSignal, &stDefault, nullptr, sizeof stDefault.nMask);
     }
@@ -112,13 +112,13 @@ __attribute__((no_sanitize("thread", "address", "undefined"))) int nRunChild(voi
 
 CChildStarter::CChildStarter() : m_pStack(std::make_unique_for_overwrite<std::byte[]>(s_nChildStack)) {}
 
-pid_t CChildStarter::nStart(const stChildStart& stStart, pid_t* pnPid, void (*pfnFirst)(void*),
+pid_t CChildStarter::nStart(const STChildStart& stStart, pid_t* pnPid, void (*pfnFirst)(void*),
                             void* pContext) noexcept
 {
     m_nExecError = 0;
     const bool bCloseRange = ::close_range(~0U, ~0U, 0) == 0; // closes nothing: no descriptor has that number
     const int nSharedTable = bCloseRange ? CLONE_FILES : 0;
-    stChildContext stContext{stStart, pfnFirst, pContext, bCloseRange, &m_nExecError};
+    STChildContext stContext{stStart, pfnFirst, pContext, bCloseRange, &m_nExecError};
     const CSignalsHeld clHeld; // a child that still shares our memory must not run our handlers
     return __clone(nRunChild, m_pStack.get() + s_nChildStack,
                    CLONE_VM | CLONE_VFORK | CLONE_PARENT_SETTID | nSharedTable | SIGCHLD, &stContext, pnPid);

@@ -6,7 +6,7 @@
 
 /// All that a child needs between its creation and exec, prepared before: the child shares the daemon's
 /// memory until exec and may neither allocate nor lock.
-struct stChildStart
+struct STChildStart
 {
     const char* pszProgram;
     char* const* ppszArguments; ///< null-terminated, entry 0 is the program
@@ -30,7 +30,7 @@ public:
     /// The kernel writes the pid to *pnPid before the child runs; in the child pfnFirst(pContext), unless
     /// null, comes first of all: only async-signal-safe calls. Returns the pid, or -1 with errno. A child
     /// whose program cannot be executed ends with code 127. Neither allocates nor locks.
-    pid_t nStart(const stChildStart& stStart, pid_t* pnPid, void (*pfnFirst)(void*) = nullptr,
+    pid_t nStart(const STChildStart& stStart, pid_t* pnPid, void (*pfnFirst)(void*) = nullptr,
                  void* pContext = nullptr) noexcept;
     /// Why the program of the child could not be executed; 0 when it was.
     int nExecError() const noexcept { return m_nExecError; }

@@ -13,7 +13,7 @@ int nShell(const std::string& csCommand)
     std::string csOption = "-c";
     std::string csText = csCommand;
     char* const ppszArgs[] = {csShell.data(), csOption.data(), csText.data(), nullptr};
-    const stChildStart stShell{"/bin/sh", ppszArgs, STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO};
+    const STChildStart stShell{"/bin/sh", ppszArgs, STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO};
     CChildStarter clStarter;
     pid_t nPid = -1;
     if (clStarter.nStart(stShell, &nPid) < 0) {

@@ -112,10 +112,10 @@ std::string csOfRegistration(int nMs)
 }
 } // namespace
 
-stFigures stFiguresOf(pid_t nProcess)
+STFigures stFiguresOf(pid_t nProcess)
 {
     const std::string csProcess = "/proc/" + std::to_string(nProcess);
-    stFigures st;
+    STFigures st;
     st.nDescriptors = nEntries(csProcess + "/fd");
     st.nThreads = nEntries(csProcess + "/task");
     std::error_code clIgnored;
@@ -232,9 +232,9 @@ bool CManagerRun::bAnswers(int nMs)
            bRuns();
 }
 
-stFigures CManagerRun::stSettled(const stFigures& stWanted, int nMs) const
+STFigures CManagerRun::stSettled(const STFigures& stWanted, int nMs) const
 {
-    stFigures st;
+    STFigures st;
     (void)bWaitUntil(
         [&] {
             st = stFiguresOf(m_nPid);

@@ -8,14 +8,14 @@
 #include <vector>
 
 /// What is used of a process, as the system tells it.
-struct stFigures
+struct STFigures
 {
     int nDescriptors = 0;
     int nThreads = 0;
     int nChildren = 0; ///< ended ones that nobody collected included
     long nResidentKb = 0;
 };
-stFigures stFiguresOf(pid_t nProcess);
+STFigures stFiguresOf(pid_t nProcess);
 
 /// Where the manager under test runs: private mounts and network, copies of the manager and its runtime
 /// library, one server "A" (port 4900) of the DXCS-A unit, and a scripted systemctl that knows it. One a
@@ -64,7 +64,7 @@ public:
     /// Waits until it greets over IPv4 or IPv6; false when it has ended, or after nMs.
     bool bAnswers(int nMs = 10'000);
     /// Figures once they are steady at (or below) those given, or after nMs.
-    stFigures stSettled(const stFigures& stWanted, int nMs = 5000) const;
+    STFigures stSettled(const STFigures& stWanted, int nMs = 5000) const;
     /// SIGTERM; how it ended: "exit 0", "signal 6", or "<hangs>".
     std::string csStop(int nMs = 10'000);
 

@@ -16,7 +16,7 @@
 #include <unistd.h>
 
 namespace {
-struct stFault
+struct STFault
 {
     const char* pszFunction;
     const char* pszWhat; ///< shown with the test
@@ -47,7 +47,7 @@ private:
 
 /// One manager's life with one fault; empty when it was as it has to be. *pnCalls is set to the calls of the
 /// function until the first questions were through.
-std::string csLive(const stFault& st, unsigned int nTurn, unsigned int* pnCalls)
+std::string csLive(const STFault& st, unsigned int nTurn, unsigned int* pnCalls)
 {
     CManagerWorld::Reset();
     const CReportFile clReport;
@@ -59,7 +59,7 @@ std::string csLive(const stFault& st, unsigned int nTurn, unsigned int* pnCalls)
     std::string csAll;
     if (clManager.bAnswers()) {
         const bool bAtStart = clReport.nFired() != 0;
-        const stFigures stBefore = clManager.stSettled({0, 0, 0, 0}, 20);
+        const STFigures stBefore = clManager.stSettled({0, 0, 0, 0}, 20);
         (void)csPlay(false);
         const bool bFired = clReport.nFired() != 0;
         *pnCalls = clReport.nCalls();
@@ -69,7 +69,7 @@ std::string csLive(const stFault& st, unsigned int nTurn, unsigned int* pnCalls)
         if (const std::string cs = csPlay(bAllRight); bAllRight) {
             csAll += cs;
         }
-        const stFigures stAfter = clManager.stSettled(stBefore);
+        const STFigures stAfter = clManager.stSettled(stBefore);
         if (stAfter.nDescriptors > stBefore.nDescriptors || stAfter.nThreads > stBefore.nThreads ||
             stAfter.nChildren > 0) {
             csAll += "left: " + std::to_string(stAfter.nDescriptors - stBefore.nDescriptors) +
@@ -103,7 +103,7 @@ std::set<unsigned int> tTurns(unsigned int nCalls)
 }
 
 /// All turns of a fault.
-std::string csSweep(const stFault& st)
+std::string csSweep(const STFault& st)
 {
     static const CManagerWorld s_clWorld;
     unsigned int nCalls = 0;
@@ -122,7 +122,7 @@ std::string csSweep(const stFault& st)
     return csAll;
 }
 
-class Faults : public ::testing::TestWithParam<stFault>
+class Faults : public ::testing::TestWithParam<STFault>
 {};
 } // namespace
 
@@ -135,19 +135,19 @@ TEST_P(Faults, OneFailedCallCostsAtMostTheRequestThatNeededIt)
 INSTANTIATE_TEST_SUITE_P(
     Every, Faults,
     ::testing::Values(
-        stFault{"clone", "EAGAIN", EAGAIN}, stFault{"pipe2", "EMFILE", EMFILE},
-        stFault{"open", "EMFILE", EMFILE}, stFault{"accept4", "EMFILE", EMFILE},
-        stFault{"accept4", "ECONNABORTED", ECONNABORTED}, stFault{"malloc", "ENOMEM", ENOMEM},
-        stFault{"calloc", "ENOMEM", ENOMEM}, stFault{"pthread_create", "EAGAIN", EAGAIN},
-        stFault{"read", "EIO", EIO}, stFault{"read", "EINTR", EINTR}, stFault{"read", "Short", 0},
-        stFault{"write", "ENOSPC", ENOSPC}, stFault{"write", "Short", 0}, stFault{"pwrite", "ENOSPC", ENOSPC},
-        stFault{"pwrite", "Short", 0}, stFault{"pread", "EIO", EIO}, stFault{"pread", "Short", 0},
-        stFault{"recv", "EINTR", EINTR}, stFault{"recv", "ECONNRESET", ECONNRESET},
-        stFault{"recv", "Short", 0}, stFault{"send", "EPIPE", EPIPE}, stFault{"recvmsg", "ENOMEM", ENOMEM},
-        stFault{"sendmsg", "ENOBUFS", ENOBUFS}, stFault{"getaddrinfo", "MEMORY", EAI_MEMORY},
-        stFault{"socket", "EMFILE", EMFILE}, stFault{"bind", "EADDRINUSE", EADDRINUSE},
-        stFault{"listen", "EADDRINUSE", EADDRINUSE}, stFault{"setsockopt", "ENOPROTOOPT", ENOPROTOOPT},
-        stFault{"select", "ENOMEM", ENOMEM}, stFault{"select", "EINTR", EINTR},
-        stFault{"mkfifo", "ENOSPC", ENOSPC}, stFault{"access", "EACCES", EACCES},
-        stFault{"stat", "EACCES", EACCES}, stFault{"fstat", "EIO", EIO}, stFault{"dlopen", "ENOMEM", ENOMEM}),
+        STFault{"clone", "EAGAIN", EAGAIN}, STFault{"pipe2", "EMFILE", EMFILE},
+        STFault{"open", "EMFILE", EMFILE}, STFault{"accept4", "EMFILE", EMFILE},
+        STFault{"accept4", "ECONNABORTED", ECONNABORTED}, STFault{"malloc", "ENOMEM", ENOMEM},
+        STFault{"calloc", "ENOMEM", ENOMEM}, STFault{"pthread_create", "EAGAIN", EAGAIN},
+        STFault{"read", "EIO", EIO}, STFault{"read", "EINTR", EINTR}, STFault{"read", "Short", 0},
+        STFault{"write", "ENOSPC", ENOSPC}, STFault{"write", "Short", 0}, STFault{"pwrite", "ENOSPC", ENOSPC},
+        STFault{"pwrite", "Short", 0}, STFault{"pread", "EIO", EIO}, STFault{"pread", "Short", 0},
+        STFault{"recv", "EINTR", EINTR}, STFault{"recv", "ECONNRESET", ECONNRESET},
+        STFault{"recv", "Short", 0}, STFault{"send", "EPIPE", EPIPE}, STFault{"recvmsg", "ENOMEM", ENOMEM},
+        STFault{"sendmsg", "ENOBUFS", ENOBUFS}, STFault{"getaddrinfo", "MEMORY", EAI_MEMORY},
+        STFault{"socket", "EMFILE", EMFILE}, STFault{"bind", "EADDRINUSE", EADDRINUSE},
+        STFault{"listen", "EADDRINUSE", EADDRINUSE}, STFault{"setsockopt", "ENOPROTOOPT", ENOPROTOOPT},
+        STFault{"select", "ENOMEM", ENOMEM}, STFault{"select", "EINTR", EINTR},
+        STFault{"mkfifo", "ENOSPC", ENOSPC}, STFault{"access", "EACCES", EACCES},
+        STFault{"stat", "EACCES", EACCES}, STFault{"fstat", "EIO", EIO}, STFault{"dlopen", "ENOMEM", ENOMEM}),
     [](const auto& st) { return std::string(st.param.pszFunction) + "_" + st.param.pszWhat; });

@@ -65,9 +65,9 @@ TEST_F(Whole, ServesManyAtOnceAndLeavesNothingBehind)
         CManagerWorld::Reset();
         CManagerRun clManager(bOldKernel ? s_tOldKernel : std::vector<std::string>());
         ASSERT_TRUE(clManager.bAnswers());
-        const stFigures stBefore = clManager.stSettled({}, 500);
+        const STFigures stBefore = clManager.stSettled({}, 500);
         EXPECT_EQ(csServe(), "");
-        const stFigures stAfter = clManager.stSettled(stBefore);
+        const STFigures stAfter = clManager.stSettled(stBefore);
         EXPECT_LE(stAfter.nDescriptors, stBefore.nDescriptors);
         EXPECT_LE(stAfter.nThreads, stBefore.nThreads);
         EXPECT_EQ(stAfter.nChildren, 0);

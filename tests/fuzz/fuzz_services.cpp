@@ -18,7 +18,7 @@ bool bLiesIn(std::string_view csPart, std::string_view csWhole)
 
 void Systemctl(std::string_view csOutput)
 {
-    const stUnitShown st = stReadShow(csOutput);
+    const STUnitShown st = stReadShow(csOutput);
     Require(!st.csDescription || csOutput.find(*st.csDescription) != std::string_view::npos);
     Require(!st.csBinaryPath || csOutput.find(*st.csBinaryPath) != std::string_view::npos);
     Require(bLiesIn(csReadProperty(csOutput), csOutput));
@@ -32,11 +32,11 @@ void Scripts(const std::string& csText)
 {
     for (const char* pszKey : {"Name=\"", "Path=\""}) {
         for (const std::size_t nBuffer : {std::size_t{2}, std::size_t{80}, std::size_t{1000}}) {
-            const stMarker st = stReadMarker(csText, pszKey, nBuffer);
+            const STMarker st = stReadMarker(csText, pszKey, nBuffer);
             Require(!st.csValue || (st.bFound && st.csValue->size() < nBuffer));
         }
     }
-    const stCommandLine stLine = stSplitCommandLine(csText);
+    const STCommandLine stLine = stSplitCommandLine(csText);
     Require(stLine.csProgram.size() + stLine.csArguments.size() <= csText.size());
     (void)bScriptable(csText);
 }

@@ -23,11 +23,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* pBytes, std::size_t nB
 
     const auto pstSend = std::make_unique<stSEND>();
     csBytes.copy(reinterpret_cast<char*>(pstSend.get()), sizeof(stSEND));
-    const stRegistration stAnsi = stReadAnsi(*pstSend);
+    const STRegistration stAnsi = stReadAnsi(*pstSend);
     Require(stAnsi.csName.size() <= 261 && stAnsi.csPath.size() <= 261);
     Require(stAnsi.csName.find(L'\0') == std::wstring::npos &&
             stAnsi.csPath.find(L'\0') == std::wstring::npos);
-    const stRegistration stWide = stReadUTF16(*pstSend);
+    const STRegistration stWide = stReadUTF16(*pstSend);
     Require(stWide.csName.size() <= 129 && stWide.csPath.size() <= 262);
     Require(stWide.csName.find(L'\0') == std::wstring::npos &&
             stWide.csPath.find(L'\0') == std::wstring::npos);

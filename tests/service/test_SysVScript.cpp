@@ -67,7 +67,7 @@ TEST(SysVScript, MarkersAreReadFromWhatTheBufferHoldsOfALine)
     };
     for (const auto& [csScript, csValue] : tCases) {
         SCOPED_TRACE(csScript);
-        const stMarker stFound = stReadMarker(csScript, "Program=\"", 150);
+        const STMarker stFound = stReadMarker(csScript, "Program=\"", 150);
         EXPECT_TRUE(stFound.bFound);
         EXPECT_EQ(stFound.csValue, csValue);
     }

@@ -58,7 +58,7 @@ TEST(Show, TellsExistenceDescriptionAndCommandLine)
     };
     for (const auto& st : tCases) {
         SCOPED_TRACE(st.pszForm);
-        const stUnitShown stShown = stReadShow(st.pszOutput);
+        const STUnitShown stShown = stReadShow(st.pszOutput);
         EXPECT_EQ(stShown.bExists, st.bExists);
         EXPECT_EQ(stShown.csDescription, st.csDescription);
         EXPECT_EQ(stShown.csBinaryPath, st.csBinaryPath);

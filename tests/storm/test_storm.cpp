@@ -57,7 +57,7 @@ int nSeconds()
 }
 
 /// What happened, over all threads.
-struct stCounts
+struct STCounts
 {
     std::atomic<long> nConversations{0};
     std::atomic<long> nReplies{0};
@@ -68,7 +68,7 @@ struct stCounts
     std::atomic<long> nSignals{0};
     std::atomic<long> nNonsense{0};
 };
-stCounts g_stCounts;
+STCounts g_stCounts;
 
 using CRandom = std::minstd_rand;
 
@@ -247,7 +247,7 @@ void Blow(pid_t nManager, int nForSeconds, CStackDepths* pclStacks)
 }
 
 /// Prints the figures; returns what is resident beside the stacks: the programs and the heap, in KiB.
-long nPrint(const char* pszWhen, const stFigures& st, const CStackDepths& clStacks)
+long nPrint(const char* pszWhen, const STFigures& st, const CStackDepths& clStacks)
 {
     const long nStacksKb = clStacks.nResidentKb();
     std::printf("%s: %d descriptors, %d threads, %d children, %ld KiB resident, of these %ld of stacks\n",
@@ -264,15 +264,15 @@ TEST(Storm, LeavesEverythingWhereItWas)
     std::ofstream("/run/velmo/slow") << (nSeconds() > 600 ? 30 : 3) << "\n";
     CManagerRun clManager;
     ASSERT_TRUE(clManager.bAnswers());
-    const stFigures stStart = clManager.stSettled({}, 500);
+    const STFigures stStart = clManager.stSettled({}, 500);
     CStackDepths clStacks(clManager.nPid());
     (void)nPrint("at the start", stStart, clStacks);
     // The first part makes the heap as large as it gets; a leak goes on growing in the second.
     Blow(clManager.nPid(), nSeconds() / 3, &clStacks);
-    const stFigures stMiddle = clManager.stSettled(stStart, 120'000);
+    const STFigures stMiddle = clManager.stSettled(stStart, 120'000);
     const long nMiddleKb = nPrint("after a third", stMiddle, clStacks);
     Blow(clManager.nPid(), nSeconds() - nSeconds() / 3, &clStacks);
-    const stFigures stEnd = clManager.stSettled(stStart, 120'000);
+    const STFigures stEnd = clManager.stSettled(stStart, 120'000);
     const long nEndKb = nPrint("at the end", stEnd, clStacks);
     std::printf(
         "%ld conversations, %ld replies, %ld not in time, %ld cut off, %ld questions, %ld requests, %ld "
