@@ -258,6 +258,7 @@ bool __WritePrivateProfileString(CProfileFile& clFile, CUnitsView<TUnit> csSecti
                                  std::optional<CUnitsView<TUnit>> csKey,
                                  std::optional<CUnitsView<TUnit>> csValue)
 {
+    // First where the change goes, then what stands there afterwards.
     const std::optional<STSpan> stHeader = stFindHeader(clFile, csSection);
     STSpan stSpan = {clFile.nPosition(), clFile.nPosition()};
     CUnits<TUnit> csText;

@@ -133,6 +133,7 @@ bool CProfileFile::bReadFailed() const noexcept
     return m_nReadError != 0;
 }
 
+/// Moves what is left to the front of the buffer and reads on behind it; false at the end of the file.
 bool CProfileFile::_bFill()
 {
     std::memmove(m_pBuffer->data(), m_pBuffer->data() + m_nBegin, m_nEnd - m_nBegin);

@@ -28,6 +28,7 @@ bool bOlderThanThis(CService& clService)
            STR_nCompareRespecteNumeriqueW(csVersion.c_str(), g_szVersion) < 0;
 }
 
+/// Registers this executable as the service; null after a message.
 CServicePtr pclRegister(int nStyle, CServiceManager* pclManager)
 {
     if (::getuid() != 0) {

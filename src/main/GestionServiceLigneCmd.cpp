@@ -88,6 +88,7 @@ void StopOneServer(const wchar_t* pszDirectory)
         return;
     }
     StopIfActive(*pclServer);
+    // The product's folder may hold the manager beside the server: then both are in the way of a setup.
     const auto pclService = pclManagerService(pclManager);
     if (pclService != nullptr && bLiesIn(*pclService, pszDirectory)) {
         StopIfActive(*pclService);

@@ -219,6 +219,7 @@ bool CDialog::__bExecute(const std::wstring& csKeyword)
         {L"CLUSTERINFO", &CDialog::__bOnServer<&CRemote::ClusterInfo>},
         {L"MODE_UTF8", &CDialog::__bModeUTF8},
     };
+    // Case is folded as the C locale does it, for ASCII letters only.
     for (const STCommand& st : s_tCommands) {
         if (wcscasecmp(csKeyword.c_str(), st.pszKeyword) == 0) {
             return (this->*st.pfnAction)();

@@ -71,6 +71,8 @@ bool bClearName(const char* pszName)
     return false;
 }
 
+/// Makes the FIFO, or takes over what is there if it can be trusted; what cannot is cleared away, again and
+/// again if somebody keeps putting it there.
 CDescripteur clCreateFifo(const char* pszName)
 {
     for (int n = 0; n < s_nAttempts; ++n) {

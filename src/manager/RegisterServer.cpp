@@ -39,6 +39,7 @@ void CSetupManager::RegisterServer(const std::wstring& csName, const std::wstrin
     if (pclService == nullptr) {
         pclService = __pclInstallServer(clGuard, stServer);
     }
+    // errno is that of whichever step failed; the client gets the system's text for it.
     if (pclService == nullptr || (pclService->eGetStatus() != STATUS_RUNNING && !pclService->bStart())) {
         *pcsError = csSystemMessage(errno);
         _LogText(*pcsError);

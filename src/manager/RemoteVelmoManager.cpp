@@ -128,6 +128,7 @@ void CRemoteVelmoManager::ClusterInfo(CDialog& clDialog)
         Refuse(clDialog, ERREUR_SERVICE_INCONNU);
         return;
     }
+    // The server's own settings, not the manager's.
     const CConfig clConfig(csDirectory.c_str());
     std::wstring csManager(s_nClusterName, L'\0');
     if (clConfig.bClusterNode()) {

@@ -71,6 +71,7 @@ bool CSetupManager::bInit()
     if (m_clServer.bInit(g_wManagerPort) && m_clPingEcho.bInit(g_wManagerPort)) {
         return true;
     }
+    // Only the sockets get here: they are what another program can have taken.
     CXError clError;
     clError.SetSystemError(errno);
     CTString csMessage;
@@ -180,6 +181,7 @@ void CSetupManager::AddServeurList(CTString* pcsReply)
         __AddServeurList(clGuard, *pclService, pcsReply);
         __CheckNotEnding();
     }
+    // The default server has no prefix, so no listing finds it.
     if (const auto pclService =
             std::unique_ptr<CService>(m_clServiceManager.pclGetService(g_szDefaultServer))) {
         __AddServeurList(clGuard, *pclService, pcsReply);

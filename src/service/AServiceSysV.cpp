@@ -46,6 +46,7 @@ bool CService::__bScriptCommand(const wchar_t* pszVerb, const wchar_t* pszArgume
         errno = EINVAL;
         return false;
     }
+    // Name and arguments are inert, so the line needs no quoting; it is the shell that redirects.
     const int nStatus = nShell(csToUTF8(csPath + L" " + pszVerb + (csArguments.empty() ? L"" : L" ") +
                                         csArguments + L" " + pszRedirection));
     const int nExitCode = nStatus == -1 ? -1 : WEXITSTATUS(nStatus);
@@ -60,6 +61,7 @@ EServiceStatus CService::__eGetStatusSysV()
     CLanceProcessus clScript;
     unsigned int nExitCode = 0;
     const std::wstring csPath = csScriptPath(m_csName);
+    // By the launcher and not by the shell: only it can give a hanging script up.
     if (csPath.empty() || !clScript.bLanceProcessus(csPath.c_str(), L"status", nullptr) ||
         !clScript.bAttendFinExecution(&nExitCode, s_nStatusLimitMs)) {
         return STATUS_UNKNOWN;

@@ -25,7 +25,7 @@ EServiceStatus CService::__eGetStatusSystemd()
             return st.eStatus;
         }
     }
-    return STATUS_STOPPED;
+    return STATUS_STOPPED; // so does every other word, and none at all
 }
 
 bool CService::__bRemoveSystemd()

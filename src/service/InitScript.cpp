@@ -178,6 +178,7 @@ void __PatchScript(CXYString<char>* pcsScript, CXYString<char>* pcsLockFile, con
         tMakePlaceholders(stSplitCommandLine(pszCommandLine),
                           csCommentText(pszDisplayName != nullptr ? pszDisplayName : ""), *pcsLockFile);
     std::string csResult;
+    // Line by line, because how a value is quoted depends on the line; line ends are kept as they are.
     for (std::string_view csRest = *pcsScript; !csRest.empty();) {
         const std::string_view csAll = csRest;
         const std::string_view csLine = csTakeLine(&csRest);
@@ -190,6 +191,7 @@ void __PatchScript(CXYString<char>* pcsScript, CXYString<char>* pcsLockFile, con
 STMarker stReadMarker(std::string_view csScript, std::string_view csKey, std::size_t nBuffer)
 {
     while (!csScript.empty()) {
+        // A longer line is cut, as by a reader with a buffer of that size and its terminator.
         std::string_view csLine = csTakeLine(&csScript).substr(0, nBuffer - 1);
         csLine = csLine.substr(0, csLine.find('\0'));
         const std::size_t nKey = csLine.find(csKey);

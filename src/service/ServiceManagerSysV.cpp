@@ -114,6 +114,7 @@ std::unique_ptr<CService> CServiceManager::__pclGetServiceSysV(const std::wstrin
 
 std::unique_ptr<CServiceEnumeration> CServiceManager::__pclEnumServiceSysV(const std::wstring& csPrefix)
 {
+    // The family's own place first: a script there hides one of the same name in the usual place.
     const STScriptPlace stUsual{g_szScriptDirectory, L""};
     std::vector<STScriptPlace> tPlaces{stUsual};
     if (const STSysVFamily* const pstFamily = pstFindFamily(ms_eDistri); pstFamily != nullptr) {
@@ -142,6 +143,7 @@ std::unique_ptr<CService> CServiceManager::__pclInstallSysV(const std::wstring& 
         errno = EINVAL;
         return nullptr;
     }
+    // The script's name is that of its lock file too, and what the tools know the service by.
     std::string csText(*pstFamily->pcsTemplate);
     std::string csLockFile = csToUTF8(csScript);
     __PatchScript(&csText, &csLockFile, csCommandLine.c_str(), csToUTF8(csDisplayName).c_str());

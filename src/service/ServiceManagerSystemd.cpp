@@ -50,6 +50,7 @@ std::wstring csUnitDirectory()
 std::wstring csUnitText(const std::wstring& csUnit, std::wstring csDisplayName,
                         const std::wstring& csBinaryPath, bool bRestartOnAbnormal)
 {
+    // A line end would write lines of its own into the unit.
     std::replace(csDisplayName.begin(), csDisplayName.end(), L'\n', L' ');
     return L"[Unit]\n"
            L"Description=" +
@@ -121,6 +122,7 @@ std::unique_ptr<CServiceEnumeration> CServiceManager::__pclEnumServiceSystemd(co
     if (!bSystemctl(L"list-units --all --type=service --full --no-pager --no-legend", &csOutput)) {
         return nullptr;
     }
+    // All units are listed and picked here: a pattern would be read by systemctl, whatever it holds.
     const std::wstring csStart = csScriptName(csPrefix);
     std::vector<std::unique_ptr<CService>> tServices;
     for (const std::string_view csListed : tReadListing(csOutput)) {

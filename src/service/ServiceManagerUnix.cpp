@@ -42,6 +42,7 @@ CService* CServiceManager::pclEnumService(unsigned long* pnCursor, const wchar_t
         }
         pclEnumeration = pFound->second;
     }
+    // Outside the lock: it may run a tool. Shared, so that it outlives an end of the listing meanwhile.
     auto pclService = pclEnumeration->pclNext();
     if (pclService == nullptr) {
         const std::lock_guard<std::mutex> clGuard(m_clLock);

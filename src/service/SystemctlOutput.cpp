@@ -47,6 +47,7 @@ std::optional<std::string> csCommandLine(std::string_view csExecStart)
 STUnitShown stReadShow(std::string_view csOutput)
 {
     STUnitShown stShown;
+    // A unit that does not exist is shown too, but without a type.
     ForEachLine(csOutput, [&](std::string_view csLine) {
         const std::size_t nEqual = csLine.find('=');
         if (nEqual == std::string_view::npos) {

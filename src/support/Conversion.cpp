@@ -104,6 +104,8 @@ void AppendUTF8(std::string& csBytes, wchar_t c)
         return;
     }
     const unsigned int nContinuations = nChar < 0x800 ? 1 : nChar < 0x10000 ? 2 : 3;
+    // The lead byte tells the length by its high bits; six bits of the character follow in each byte behind
+    // it.
     constexpr char32_t tMarks[] = {0, 0xC0, 0xE0, 0xF0};
     csBytes += static_cast<char>(tMarks[nContinuations] | (nChar >> (6 * nContinuations)));
     for (unsigned int n = nContinuations; n-- > 0;) {

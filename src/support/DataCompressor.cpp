@@ -11,6 +11,7 @@ std::unique_ptr<wchar_t[]> CDataCompressor::s_pszDeCompress(const STRessourceMod
         stResource.nCharWidth == 2
             ? csFromUTF16(stResource.pText, stResource.nLength)
             : csWide({reinterpret_cast<const char*>(stResource.pText), stResource.nLength}, CP_1252);
+    // The classic size of the buffer; every coded unit becomes at most one character.
     const std::size_t nSize = stResource.nLength + stResource.nLength / 2 + 2;
     auto pszText = std::make_unique<wchar_t[]>(nSize);
     csText.copy(pszText.get(), nSize - 1);

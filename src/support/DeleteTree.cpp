@@ -256,6 +256,8 @@ bool CDiskFile::bDeleteTree(const std::wstring& csDirectory, CXError* pclError)
     if (csPath.empty()) {
         return bFail(pclError, L"delete", csDirectory);
     }
+    // The parent stays open throughout: the tree's own entry is deleted in it at the end, wherever it may be
+    // by then.
     const std::size_t nName = csPath.rfind('/') + 1;
     const std::string csName = csPath.substr(nName);
     const CDescripteur clParent = clOpenResolved(csPath.substr(0, nName - 1));

@@ -133,6 +133,7 @@ bool bWrite(const std::string& csPath, const std::string& csBytes)
     struct stat stOld
     {};
     const bool bOld = ::lstat(csFile.c_str(), &stOld) == 0;
+    // A device cannot be replaced, and a second name would keep the old content.
     if (bOld && (!S_ISREG(stOld.st_mode) || stOld.st_nlink > 1)) {
         return bOverwrite(csFile, csBytes);
     }

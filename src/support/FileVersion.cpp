@@ -115,6 +115,7 @@ bool CFileVersion::bLoad(const std::wstring& csPath)
     if (!csContent) {
         return false;
     }
+    // "key=value" texts, each ended by a NUL; the first of a key counts.
     std::string_view csRest = *csContent;
     for (std::size_t nEnd = csRest.find('\0'); nEnd != csRest.npos; nEnd = csRest.find('\0')) {
         const std::string_view csEntry = csRest.substr(0, nEnd);

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <cwchar>
 #include <string_view>
+#include <utility>
 
 namespace {
 constexpr int s_nMaxNumber = 99;
@@ -288,22 +289,15 @@ private:
 
     void _AppendEscape(wchar_t c)
     {
-        switch (c) {
-        case L'n':
-            m_csResult += L"\r\n";
-            break;
-        case L'r':
-            m_csResult += L'\r';
-            break;
-        case L't':
-            m_csResult += L'\t';
-            break;
-        case L'b':
-            m_csResult += L' ';
-            break;
-        default:
-            m_csResult += c;
+        static constexpr std::pair<wchar_t, const wchar_t*> s_tEscapes[] = {
+            {L'n', L"\r\n"}, {L'r', L"\r"}, {L't', L"\t"}, {L'b', L" "}};
+        for (const auto& [cEscape, pszText] : s_tEscapes) {
+            if (c == cEscape) {
+                m_csResult += pszText;
+                return;
+            }
         }
+        m_csResult += c; // stands for itself
     }
 
     std::wstring_view m_csFormat;

@@ -86,6 +86,7 @@ bool bReaches(const STProtected& st, std::string_view csPath)
            (st.eReach == TREE || csPath.find('/', st.csPath.size() + 1) == csPath.npos);
 }
 
+/// Whether a path could be the system's answer to realpath.
 bool bResolved(std::string_view csPath)
 {
     if (!csPath.starts_with('/') || csPath.find('\0') != csPath.npos) {

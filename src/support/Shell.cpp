@@ -23,6 +23,8 @@ int nShell(const std::string& csCommand)
     if (nRetry([&] { return ::waitpid(nPid, &nStatus, 0); }) < 0) {
         return -1;
     }
+    // A child that could not become the shell looks like one that ended with 127, which a command may do,
+    // too.
     if (clStarter.nExecError() != 0) {
         errno = clStarter.nExecError();
         return -1;

@@ -69,7 +69,7 @@ int STR_nCompareRespecteNumeriqueW(const wchar_t* psz1, const wchar_t* psz2)
     psz1 = psz1 != nullptr ? psz1 : L"";
     psz2 = psz2 != nullptr ? psz2 : L"";
     while (*psz1 != L'\0' || *psz2 != L'\0') {
-        if (bDigit(*psz1) && bDigit(*psz2)) {
+        if (bDigit(*psz1) && bDigit(*psz2)) { // runs of digits on both sides count as two numbers
             const int nOrder = nCompareNumbers(csTakeDigits(psz1), csTakeDigits(psz2));
             if (nOrder != 0) {
                 return nOrder;
@@ -88,6 +88,7 @@ int STR_nNCompare(const wchar_t* psz1, const wchar_t* psz2, std::size_t nLength)
 {
     psz1 = psz1 != nullptr ? psz1 : L"";
     psz2 = psz2 != nullptr ? psz2 : L"";
+    // The end of a text folds to itself and is below every character.
     for (; nLength > 0; --nLength, ++psz1, ++psz2) {
         const wchar_t c1 = cFolded(*psz1);
         const wchar_t c2 = cFolded(*psz2);

@@ -25,6 +25,7 @@ std::optional<TNumber> nTakeNumber(std::string_view& csText)
     return nValue;
 }
 
+/// "processor : 3" and "model name : ..."; the names may be followed by anything in front of the colon.
 void ParseCpuLine(std::string_view csLine, STCpuInfo* pstInfo)
 {
     const std::size_t nColon = csLine.find(':');
@@ -78,6 +79,8 @@ void ParseMemLine(std::string_view csLine, tagMEMORYSTATUSEX* pst)
         {"Buffers:", &tagMEMORYSTATUSEX::qwAvailPhys, true},
         {"Cached:", &tagMEMORYSTATUSEX::qwAvailPhys, true},
     };
+    // Old kernels: a table of two lines, in bytes. Today's: a line for each figure, in KiB; Buffers and
+    // Cached count as free.
     std::array<std::uint64_t, 6> tMem{};  // total, used, free, shared, buffers, cached
     std::array<std::uint64_t, 3> tSwap{}; // total, used, free
     std::array<std::uint64_t, 1> tKiB{};

@@ -77,7 +77,7 @@ ESocketResult eSocketListenStream(const addrinfo& stEntry, std::uint16_t wPort, 
                                   CXError* pclError, int nBacklog, int* pnSocket)
 {
     CDescripteur clSocket = clNewSocket(stEntry, SOCK_STREAM, nFlags);
-    if (!clSocket.bOpen()) {
+    if (!clSocket.bOpen()) { // a family that the kernel does not have
         return SOCKET_SKIPPED;
     }
     if (::bind(clSocket.nFd(), stEntry.ai_addr, stEntry.ai_addrlen) != 0) {
@@ -197,6 +197,7 @@ int CEnsembleSockets::WaitReadable(timeval* pstTimeout)
     for (const STSocket& st : m_tSockets) {
         clSet.Add(st.nSocket);
     }
+    // Of several the first one: the others are still readable at the next call.
     if (clSet.nSelect(pstTimeout) <= 0) {
         return -1;
     }

@@ -72,7 +72,7 @@ int CZTSemNoInit::WaitTimeout(unsigned int dwMs)
     if (dwMs == s_dwInfinite) {
         return Wait();
     }
-    const timespec st = stDeadline(dwMs);
+    const timespec st = stDeadline(dwMs); // one for all tries, so that signals do not prolong the wait
     while (m_bInitialised != 0) {
         if (::sem_timedwait(&m_stSem, &st) == 0) {
             return SEM_OK;

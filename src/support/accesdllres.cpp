@@ -89,6 +89,7 @@ long CommandeComposante(int nCommand, ...)
         FIND_RESOURCE = 4,
     };
     long nResult = 0;
+    // Which arguments follow depends on the command, so none is taken before it is known.
     va_list pArgs;
     va_start(pArgs, nCommand);
     if (nCommand == SET_LOADER) {

@@ -16,6 +16,7 @@ CProxyDll& CProxyDll::operator=(CProxyDll&& clOther) noexcept
 bool CProxyDll::bLoad(const std::wstring& csPath, CXError* pclError)
 {
     Unload();
+    // A bare name would be looked for all over the system.
     const bool bPlace = csPath.find(L'/') != std::wstring::npos;
     if (bPlace) {
         m_hLibrary = ::dlopen(csToUTF8(csPath).c_str(), RTLD_NOW | RTLD_LOCAL);

@@ -35,6 +35,7 @@ bool bInitVM(void* hLibrary, CXError* pclError)
     if (!bComplete(hLibrary, pclError)) {
         return false;
     }
+    // All of them are there: an incomplete library has been refused.
     const STEntryPoints stVM{
         reinterpret_cast<PFN_bInitVM>(pGetEntry(hLibrary, VM_ENTRY_INIT, pclError)),
         reinterpret_cast<PFN_bCheminDLL>(pGetEntry(hLibrary, VM_ENTRY_PATH, pclError)),
