@@ -7,16 +7,17 @@
 #include "tools/Wait.h"
 #include "tools/WireClient.h"
 
-#include <algorithm>
-#include <csignal>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 
 namespace fs = std::filesystem;
 
 namespace {
+/// Opened before the private world's own mounts may hide it.
+const CDescripteur s_clPrograms(::open(csBuildFolder().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+
 constexpr unsigned short s_wPort = 4999;
 constexpr char s_szOwnSettings[] = "/run/velmo/DXConf.ini";
 constexpr char s_szServerSettings[] = "/run/velmo/a/DXConf.ini";
@@ -88,14 +89,11 @@ std::string csOfPing(int nMs)
     CPingClient tTools[2]; // one family is enough
     (void)tTools[0].Ask("127.0.0.1", s_wPort, "ARE YOU A DEXARO MANAGER UTF-8?\r\n");
     (void)tTools[1].Ask("::1", s_wPort, "ARE YOU A DEXARO MANAGER UTF-8?\r\n");
-    constexpr int nPart = 50;
     std::string csSeen;
-    for (; nMs > 0; nMs -= nPart) {
-        for (const CPingClient& clTool : tTools) {
-            csSeen = clTool.csAnswer(nPart);
-            if (csSeen.find(" YES\t") != std::string::npos && csSeen.ends_with("\tA\t4900")) {
-                return "";
-            }
+    for (const CPingClient& clTool : tTools) {
+        csSeen = clTool.csAnswer(nMs);
+        if (csSeen.find(" YES\t") != std::string::npos && csSeen.ends_with("\tA\t4900")) {
+            return "";
         }
     }
     return csWrong("ping", csSeen);
@@ -115,9 +113,7 @@ std::string csOfRegistration(int nMs)
 STFigures stFiguresOf(pid_t nProcess)
 {
     const std::string csProcess = "/proc/" + std::to_string(nProcess);
-    STFigures st;
-    st.nDescriptors = nEntries(csProcess + "/fd");
-    st.nThreads = nEntries(csProcess + "/task");
+    STFigures st{nEntries(csProcess + "/fd"), nEntries(csProcess + "/task"), 0};
     std::error_code clIgnored;
     for (const auto& clTask : fs::directory_iterator(csProcess + "/task", clIgnored)) {
         std::ifstream clChildren(clTask.path() / "children");
@@ -125,38 +121,36 @@ STFigures stFiguresOf(pid_t nProcess)
             ++st.nChildren;
         }
     }
-    std::ifstream clStatus(csProcess + "/status");
-    for (std::string cs; clStatus >> cs;) {
-        if (cs == "VmRSS:") {
-            clStatus >> st.nResidentKb;
-        }
-    }
     return st;
 }
 
-CManagerWorld::CManagerWorld(const std::string& csPrograms, const std::string& csSystemctl)
+void ExpectNothingLeft(pid_t nProcess, const STFigures& stBefore, int nMs)
 {
-    const fs::path clOwn =
-        csPrograms.empty() ? fs::read_symlink("/proc/self/exe").parent_path() : fs::path(csPrograms);
-    // The folder may lie where the private world puts mounts of its own.
-    const CDescripteur clFolder(::open(clOwn.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!bPrivateWorld()) {
-        return;
-    }
-    fs::create_directories("/run/velmo/a");
-    for (const char* pszName : {"VelmoManager", "zt240vm64.so", "zt240obj.so", "dxdemo", "libvelmofaults.so",
-                                "libvelmooldkernel.so", "test_faults"}) {
-        const fs::path clFrom = "/proc/self/fd/" + std::to_string(clFolder.nFd()) + "/" + pszName;
-        if (fs::exists(clFrom)) {
-            fs::copy_file(clFrom, std::string("/run/velmo/") + pszName, fs::copy_options::overwrite_existing);
-        }
-    }
-    fs::copy_file("/bin/true", Server, fs::copy_options::overwrite_existing);
-    m_pclSystemctl = std::make_unique<CFakeTool>("/bin/systemctl", csSystemctl + s_szSystemctl);
-    Reset();
+    STFigures st;
+    EXPECT_TRUE(bWaitUntil(
+        [&] {
+            st = stFiguresOf(nProcess);
+            return st.nDescriptors <= stBefore.nDescriptors && st.nThreads <= stBefore.nThreads &&
+                   st.nChildren == 0;
+        },
+        nMs))
+        << st.nDescriptors << " descriptors instead of " << stBefore.nDescriptors << ", " << st.nThreads
+        << " threads instead of " << stBefore.nThreads << ", " << st.nChildren << " children";
 }
 
-CManagerWorld::~CManagerWorld() = default;
+CManagerWorld::CManagerWorld(const std::string& csSystemctl)
+    : m_clSystemctl("/bin/systemctl", csSystemctl + s_szSystemctl)
+{
+    fs::create_directories("/run/velmo/a");
+    const fs::path clPrograms = "/proc/self/fd/" + std::to_string(s_clPrograms.nFd());
+    for (const char* pszName :
+         {"VelmoManager", "zt240vm64.so", "zt240obj.so", "libvelmofaults.so", "libvelmooldkernel.so"}) {
+        fs::copy_file(clPrograms / pszName, fs::path("/run/velmo") / pszName,
+                      fs::copy_options::overwrite_existing);
+    }
+    fs::copy_file("/bin/true", Server, fs::copy_options::overwrite_existing);
+    Reset();
+}
 
 void CManagerWorld::Reset()
 {
@@ -179,78 +173,21 @@ std::string CManagerWorld::csDamage()
     return fs::exists(Pipe) ? csAll + "the pipe is left behind\n" : csAll;
 }
 
-CManagerRun::CManagerRun(const std::vector<std::string>& tEnvironment,
-                         const std::vector<std::string>& tWrapper)
-    : m_nPid(::fork())
+bool CManagerRun::bRuns() const
 {
-    if (m_nPid == 0) {
-        std::string csCommand = "exec env";
-        for (const auto& tWords : {tEnvironment, tWrapper}) {
-            for (const std::string& csWord : tWords) {
-                csCommand += " '" + csWord + "'";
-            }
-        }
-        csCommand += std::string(" ") + CManagerWorld::Manager + " --DEBUG";
-        ::execl("/bin/sh", "sh", "-c", csCommand.c_str(), nullptr);
-        ::_exit(126);
-    }
+    siginfo_t st{};
+    return ::waitid(P_PID, static_cast<id_t>(nPid()), &st, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+           st.si_pid == 0;
 }
 
-CManagerRun::~CManagerRun()
+bool CManagerRun::bAnswers(int nMs) const
 {
-    if (bRuns()) {
-        ::kill(m_nPid, SIGKILL);
-        ::waitpid(m_nPid, nullptr, 0);
-    }
-}
-
-bool CManagerRun::bRuns()
-{
-    int nStatus = 0;
-    if (m_csEnd.empty() && ::waitpid(m_nPid, &nStatus, WNOHANG) == m_nPid) {
-        m_csEnd = WIFEXITED(nStatus) ? "exit " + std::to_string(WEXITSTATUS(nStatus))
-                                     : "signal " + std::to_string(WTERMSIG(nStatus));
-    }
-    return m_csEnd.empty();
-}
-
-bool CManagerRun::bAnswers(int nMs)
-{
-    bool bGreeted = false;
-    (void)bWaitUntil(
-        [&] {
-            for (const char* pszAddress : {"127.0.0.1", "::1"}) {
-                bGreeted =
-                    bGreeted ||
-                    CWireClient(pszAddress, s_wPort).csLine(CWireClient::Duration(500)).starts_with("HELLO");
-            }
-            return bGreeted || !bRuns();
-        },
-        nMs);
+    const auto fnGreets = [](const char* pszAddress) {
+        return CWireClient(pszAddress, s_wPort).csLine(CWireClient::Duration(500)).starts_with("HELLO");
+    };
     // The pipe comes last in the start.
-    return bGreeted && bWaitUntil([this] { return fs::exists(CManagerWorld::Pipe) || !bRuns(); }, 2000) &&
-           bRuns();
-}
-
-STFigures CManagerRun::stSettled(const STFigures& stWanted, int nMs) const
-{
-    STFigures st;
-    (void)bWaitUntil(
-        [&] {
-            st = stFiguresOf(m_nPid);
-            return st.nDescriptors <= stWanted.nDescriptors && st.nThreads <= stWanted.nThreads &&
-                   st.nChildren <= stWanted.nChildren;
-        },
-        nMs);
-    return st;
-}
-
-std::string CManagerRun::csStop(int nMs)
-{
-    if (bRuns()) {
-        ::kill(m_nPid, SIGTERM);
-    }
-    return bWaitUntil([this] { return !bRuns(); }, nMs) ? m_csEnd : "<hangs>";
+    return bWaitUntil([&] { return fnGreets("127.0.0.1") || fnGreets("::1") || !bRuns(); }, nMs) &&
+           bWaitUntil([&] { return fs::exists(CManagerWorld::Pipe) || !bRuns(); }, 2000) && bRuns();
 }
 
 std::string csPlay(bool bStrict)

@@ -1,10 +1,10 @@
 /* Preloaded into the manager by the fault tests: the Nth call of one function fails, or falls short, once.
  *
- * VELMO_FAULT is "<function> <N> <what>": N counts from 1 (0: none fails), what is an error number, or
- * "short" for a transfer of one byte. VELMO_FAULT_REPORT is a file of two 32-bit numbers, the calls so far
- * and the fault's turn (0 until it has come). The library takes itself out of the environment: children run
- * without it. Calls that the C library makes inside itself are not seen, except those of the heap. With
- * VELMO_FAULT_TRACE the turn's call stack goes to the standard error. */
+ * VELMO_FAULT is "<function> <N> <error>": N counts from 1 (0: none fails), an error of 0 makes a transfer of
+ * one byte. VELMO_FAULT_REPORT is a file of two 32-bit numbers, the calls so far and the fault's turn (0
+ * until it has come). The library takes itself out of the environment: children run without it. Calls that
+ * the C library makes inside itself are not seen, except those of the heap. With VELMO_FAULT_TURN the turn's
+ * call stack goes to the standard error. */
 #include <dlfcn.h>
 #include <errno.h>
 #include <execinfo.h>
@@ -36,7 +36,6 @@ struct report
 static char s_function[40];
 static unsigned int s_turn;
 static int s_errno;
-static int s_short;
 static int s_trace;
 static struct report* s_report;
 
@@ -44,14 +43,11 @@ __attribute__((constructor)) static void begin(void)
 {
     const char* fault = getenv("VELMO_FAULT");
     const char* name = getenv("VELMO_FAULT_REPORT");
-    char what[16] = "";
     unsetenv("LD_PRELOAD");
-    if (fault == NULL || name == NULL || sscanf(fault, "%39s %u %15s", s_function, &s_turn, what) != 3) {
+    if (fault == NULL || name == NULL || sscanf(fault, "%39s %u %d", s_function, &s_turn, &s_errno) != 3) {
         return;
     }
-    s_trace = getenv("VELMO_FAULT_TRACE") != NULL;
-    s_short = strcmp(what, "short") == 0;
-    s_errno = atoi(what);
+    s_trace = getenv("VELMO_FAULT_TURN") != NULL;
     const int file = open(name, O_RDWR | O_CLOEXEC);
     void* shared = mmap(NULL, sizeof(struct report), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
     close(file);
@@ -104,7 +100,7 @@ static void find(void* function, const char* name)
     {                                                                                                        \
         NEXT(name)                                                                                           \
         if (turn(#name)) {                                                                                   \
-            if (!s_short) {                                                                                  \
+            if (s_errno != 0) {                                                                              \
                 return -1;                                                                                   \
             }                                                                                                \
             (size) = (size) == 0 || (size) == RECORD ? (size) : 1;                                           \

@@ -1,88 +1,72 @@
 // The built manager while one call of one function fails, or falls short, once; for every function, swept
 // over the calls that a start, a conversation, a ping, a registration and a stop make. It may refuse, never
 // more. VELMO_FAULT_TURNS is how many calls of a function are swept (evenly spread); "all" takes every one.
-// To look into a failed one: VELMO_FAULT_TURN=<its number> VELMO_FAULT_TRACE=1.
+// VELMO_FAULT_TURN=<its number> repeats a failed one and shows its call stack.
 
 #include "ManagerWorld.h"
-#include "support/Descripteur.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <fcntl.h>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <netdb.h>
 #include <set>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
 struct STFault
 {
-    const char* pszFunction;
-    const char* pszWhat; ///< shown with the test
-    int nErrno;          ///< 0: falls short
+    std::string csFunction;
+    int nError; ///< 0: falls short
 };
 
-/// What the library in the manager tells: the calls so far, and the fault's turn once it has come.
-class CReportFile
+/// What the library in the manager writes into a file.
+struct STReport
 {
-public:
-    CReportFile() : m_clFile(::open(Path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600))
-    {
-        (void)!::ftruncate(m_clFile.nFd(), 2 * sizeof(unsigned int));
-    }
-    unsigned int nCalls() const { return _nRead(0); }
-    unsigned int nFired() const { return _nRead(1); }
-    static constexpr char Path[] = "/tmp/faults.report";
-
-private:
-    unsigned int _nRead(int nIndex) const
-    {
-        unsigned int n = 0;
-        (void)!::pread(m_clFile.nFd(), &n, sizeof n, nIndex * static_cast<off_t>(sizeof n));
-        return n;
-    }
-    CDescripteur m_clFile;
+    unsigned int nCalls = 0; ///< so far
+    unsigned int nFired = 0; ///< the fault's turn, once it has come
 };
+constexpr char s_szReport[] = "/tmp/faults.report";
 
-/// One manager's life with one fault; empty when it was as it has to be. *pnCalls is set to the calls of the
-/// function until the first questions were through.
-std::string csLive(const STFault& st, unsigned int nTurn, unsigned int* pnCalls)
+STReport stReadReport()
+{
+    STReport st;
+    std::ifstream(s_szReport).read(reinterpret_cast<char*>(&st), sizeof st);
+    return st;
+}
+
+/// One manager's life with one fault (turn 0: none); returns the calls of the function until the first
+/// questions were through.
+unsigned int nLive(const STFault& st, unsigned int nTurn)
 {
     CManagerWorld::Reset();
-    const CReportFile clReport;
-    const std::string csWhat = st.nErrno == 0 ? "short" : std::to_string(st.nErrno);
-    CManagerRun clManager(
-        {"LD_PRELOAD=/run/velmo/libvelmofaults.so",
-         "VELMO_FAULT=" + std::string(st.pszFunction) + " " + std::to_string(nTurn) + " " + csWhat,
-         std::string("VELMO_FAULT_REPORT=") + CReportFile::Path});
-    std::string csAll;
+    std::ofstream(s_szReport).write("\0\0\0\0\0\0\0\0", sizeof(STReport));
+    CManagerRun clManager("env LD_PRELOAD=/run/velmo/libvelmofaults.so VELMO_FAULT='" + st.csFunction + " " +
+                          std::to_string(nTurn) + " " + std::to_string(st.nError) +
+                          "' VELMO_FAULT_REPORT=" + s_szReport + " ");
+    STReport stPlayed;
     if (clManager.bAnswers()) {
-        const bool bAtStart = clReport.nFired() != 0;
-        const STFigures stBefore = clManager.stSettled({0, 0, 0, 0}, 20);
+        const bool bAtStart = stReadReport().nFired != 0;
+        ::usleep(20'000); // the last thread is on its way
+        const STFigures stBefore = stFiguresOf(clManager.nPid());
         (void)csPlay(false);
-        const bool bFired = clReport.nFired() != 0;
-        *pnCalls = clReport.nCalls();
+        stPlayed = stReadReport();
         // A fault at the start may have left it without systemd or a port; after any other one all is as
         // before.
-        const bool bAllRight = !bAtStart && (bFired || nTurn == 0);
-        if (const std::string cs = csPlay(bAllRight); bAllRight) {
-            csAll += cs;
-        }
-        const STFigures stAfter = clManager.stSettled(stBefore);
-        if (stAfter.nDescriptors > stBefore.nDescriptors || stAfter.nThreads > stBefore.nThreads ||
-            stAfter.nChildren > 0) {
-            csAll += "left: " + std::to_string(stAfter.nDescriptors - stBefore.nDescriptors) +
-                     " descriptors, " + std::to_string(stAfter.nThreads - stBefore.nThreads) + " threads, " +
-                     std::to_string(stAfter.nChildren) + " children\n";
-        }
-        if (clManager.csStop() != "exit 0") {
-            csAll += "stop: " + clManager.csStop(0) + "\n";
-        }
-    } else if (const std::string csEnd = clManager.csStop(); !csEnd.starts_with("exit ")) {
-        csAll += "refused start: " + csEnd + "\n";
+        const bool bAllRight = !bAtStart && (stPlayed.nFired != 0 || nTurn == 0);
+        const std::string csWrong = csPlay(bAllRight);
+        EXPECT_TRUE(!bAllRight || csWrong.empty()) << csWrong;
+        ExpectNothingLeft(clManager.nPid(), stBefore);
+        EXPECT_EQ(clManager.nStop(), 0);
+    } else {
+        const int nEnd = clManager.nStop();
+        EXPECT_TRUE(nEnd == 0 || nEnd == 255) << nEnd;
     }
-    return csAll + CManagerWorld::csDamage();
+    EXPECT_EQ(CManagerWorld::csDamage(), "");
+    return stPlayed.nCalls;
 }
 
 /// The turns to be swept: evenly spread over the calls, or the one that VELMO_FAULT_TURN tells.
@@ -102,24 +86,13 @@ std::set<unsigned int> tTurns(unsigned int nCalls)
     return tSet;
 }
 
-/// All turns of a fault.
-std::string csSweep(const STFault& st)
+/// "open_EMFILE", "read_Short"; the resolver's errors are negative.
+std::string csName(const STFault& st)
 {
-    static const CManagerWorld s_clWorld;
-    unsigned int nCalls = 0;
-    std::string csAll = csLive(st, 0, &nCalls);
-    if (!csAll.empty() || nCalls == 0) {
-        return "without a fault: " + csAll + (nCalls == 0 ? "the function is never called\n" : "");
-    }
-    const std::set<unsigned int> tSwept = tTurns(nCalls);
-    for (const unsigned int nTurn : tSwept) {
-        unsigned int nIgnored = 0;
-        if (const std::string cs = csLive(st, nTurn, &nIgnored); !cs.empty()) {
-            csAll += "call " + std::to_string(nTurn) + " of " + std::to_string(nCalls) + ": " + cs;
-        }
-    }
-    std::printf("%s %s: %zu of %u calls\n", st.pszFunction, st.pszWhat, tSwept.size(), nCalls);
-    return csAll;
+    return st.csFunction + "_" +
+           (st.nError == 0  ? "Short"
+            : st.nError > 0 ? ::strerrorname_np(st.nError)
+                            : "EAI");
 }
 
 class Faults : public ::testing::TestWithParam<STFault>
@@ -129,25 +102,30 @@ class Faults : public ::testing::TestWithParam<STFault>
 TEST_P(Faults, OneFailedCallCostsAtMostTheRequestThatNeededIt)
 {
     REQUIRE_PRIVATE_WORLD();
-    EXPECT_EQ(csSweep(GetParam()), "");
+    const CManagerWorld clWorld;
+    const unsigned int nCalls = nLive(GetParam(), 0);
+    ASSERT_TRUE(nCalls > 0 && !HasFailure()) << "without a fault";
+    const std::set<unsigned int> tSwept = tTurns(nCalls);
+    for (const unsigned int nTurn : tSwept) {
+        SCOPED_TRACE("call " + std::to_string(nTurn) + " of " + std::to_string(nCalls));
+        (void)nLive(GetParam(), nTurn);
+    }
+    std::printf("%zu of %u calls\n", tSwept.size(), nCalls);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Every, Faults,
-    ::testing::Values(
-        STFault{"clone", "EAGAIN", EAGAIN}, STFault{"pipe2", "EMFILE", EMFILE},
-        STFault{"open", "EMFILE", EMFILE}, STFault{"accept4", "EMFILE", EMFILE},
-        STFault{"accept4", "ECONNABORTED", ECONNABORTED}, STFault{"malloc", "ENOMEM", ENOMEM},
-        STFault{"calloc", "ENOMEM", ENOMEM}, STFault{"pthread_create", "EAGAIN", EAGAIN},
-        STFault{"read", "EIO", EIO}, STFault{"read", "EINTR", EINTR}, STFault{"read", "Short", 0},
-        STFault{"write", "ENOSPC", ENOSPC}, STFault{"write", "Short", 0}, STFault{"pwrite", "ENOSPC", ENOSPC},
-        STFault{"pwrite", "Short", 0}, STFault{"pread", "EIO", EIO}, STFault{"pread", "Short", 0},
-        STFault{"recv", "EINTR", EINTR}, STFault{"recv", "ECONNRESET", ECONNRESET},
-        STFault{"recv", "Short", 0}, STFault{"send", "EPIPE", EPIPE}, STFault{"recvmsg", "ENOMEM", ENOMEM},
-        STFault{"sendmsg", "ENOBUFS", ENOBUFS}, STFault{"getaddrinfo", "MEMORY", EAI_MEMORY},
-        STFault{"socket", "EMFILE", EMFILE}, STFault{"bind", "EADDRINUSE", EADDRINUSE},
-        STFault{"listen", "EADDRINUSE", EADDRINUSE}, STFault{"setsockopt", "ENOPROTOOPT", ENOPROTOOPT},
-        STFault{"select", "ENOMEM", ENOMEM}, STFault{"select", "EINTR", EINTR},
-        STFault{"mkfifo", "ENOSPC", ENOSPC}, STFault{"access", "EACCES", EACCES},
-        STFault{"stat", "EACCES", EACCES}, STFault{"fstat", "EIO", EIO}, STFault{"dlopen", "ENOMEM", ENOMEM}),
-    [](const auto& st) { return std::string(st.param.pszFunction) + "_" + st.param.pszWhat; });
+    ::testing::Values(STFault{"clone", EAGAIN}, STFault{"pipe2", EMFILE}, STFault{"open", EMFILE},
+                      STFault{"accept4", EMFILE}, STFault{"accept4", ECONNABORTED}, STFault{"malloc", ENOMEM},
+                      STFault{"calloc", ENOMEM}, STFault{"pthread_create", EAGAIN}, STFault{"read", EIO},
+                      STFault{"read", EINTR}, STFault{"read", 0}, STFault{"write", ENOSPC},
+                      STFault{"write", 0}, STFault{"pwrite", ENOSPC}, STFault{"pwrite", 0},
+                      STFault{"pread", EIO}, STFault{"pread", 0}, STFault{"recv", EINTR},
+                      STFault{"recv", ECONNRESET}, STFault{"recv", 0}, STFault{"send", EPIPE},
+                      STFault{"recvmsg", ENOMEM}, STFault{"sendmsg", ENOBUFS},
+                      STFault{"getaddrinfo", EAI_MEMORY}, STFault{"socket", EMFILE},
+                      STFault{"bind", EADDRINUSE}, STFault{"listen", EADDRINUSE},
+                      STFault{"setsockopt", ENOPROTOOPT}, STFault{"select", ENOMEM}, STFault{"select", EINTR},
+                      STFault{"mkfifo", ENOSPC}, STFault{"access", EACCES}, STFault{"stat", EACCES},
+                      STFault{"fstat", EIO}, STFault{"dlopen", ENOMEM}),
+    [](const auto& st) { return csName(st.param); });

@@ -4,6 +4,8 @@
 #include "support/FormatMessage.h"
 #include "Target.h"
 
+#include <utility>
+
 namespace {
 void CodePages(std::string_view csBytes)
 {
@@ -21,8 +23,6 @@ void CodePages(std::string_view csBytes)
     (void)csNarrow(csText, CP_1252);
 }
 
-/// Every insert that reads an argument is to be refused or to find one: nothing but integers is passed, so
-/// that no type that takes a text may stand in the format.
 std::wstring csFormat(const wchar_t* pszFormat, ...)
 {
     va_list pArgs;
@@ -31,31 +31,21 @@ std::wstring csFormat(const wchar_t* pszFormat, ...)
     va_end(pArgs);
     return cs;
 }
+
+/// A text stands behind every number that an insert can have: it may be read as an integer and, since it ends
+/// with zero bytes, as a narrow text, too.
+template <std::size_t... n>
+void Formatter(const std::wstring& csText, std::index_sequence<n...>)
+{
+    (void)csFormat(csText.c_str(), (static_cast<void>(n), L"text")...);
+    (void)csFormatInserts(csText.c_str(), nullptr);
+}
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* pBytes, std::size_t nBytes)
 {
     const std::string_view csBytes = csInput(pBytes, nBytes);
     CodePages(csBytes);
-    const std::wstring csText = csFromUTF8(csBytes).c_str();
-    (void)csFormatInserts(csText.c_str(), nullptr);
-    // Up to 9 inserts with texts as their arguments: read as a number they are one, too.
-    const wchar_t szText[] = L"text";
-    if (csText.find_first_of(L"ShcC") == std::wstring::npos) {
-        const auto n10 = csText.find_first_of(L"0123456789");
-        bool bTwoDigits = false; // numbers above 9 would read further than what is passed
-        for (std::size_t n = n10; n != std::wstring::npos && n + 1 < csText.size(); ++n) {
-            bTwoDigits =
-                bTwoDigits || (csText[n] == L'%' && n + 2 < csText.size() && csText[n + 1] >= L'1' &&
-                               csText[n + 1] <= L'9' && csText[n + 2] >= L'0' && csText[n + 2] <= L'9');
-        }
-        for (std::size_t n = 0; n + 2 < csText.size(); ++n) {
-            bTwoDigits = bTwoDigits || (csText[n] == L'%' && csText[n + 2] >= L'0' && csText[n + 2] <= L'9');
-        }
-        if (!bTwoDigits) {
-            (void)csFormat(csText.c_str(), szText, szText, szText, szText, szText, szText, szText, szText,
-                           szText);
-        }
-    }
+    Formatter(csFromUTF8(csBytes).c_str(), std::make_index_sequence<99>());
     return 0;
 }

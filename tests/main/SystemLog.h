@@ -75,5 +75,5 @@ public:
     bool bSilent() const { return csNext(50).empty(); }
 
 private:
-    CLocalReceiver m_clReceiver{"/dev/log"};
+    CLocalReceiver m_clReceiver{bPrivateDevices() ? "/dev/log" : "@velmo-test-log"}; // never the host's own
 };

@@ -5,12 +5,12 @@
 // VELMO_STORM_SECONDS is how long it blows (120 unless set; for a soak run the program alone with hours).
 
 #include "ManagerWorld.h"
-#include "Stacks.h"
 #include "tools/PingClient.h"
 #include "tools/PipeClient.h"
 #include "tools/Wait.h"
 #include "tools/WireClient.h"
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <cstdio>
@@ -25,18 +25,10 @@
 namespace {
 using CClock = std::chrono::steady_clock;
 constexpr unsigned short s_wPort = 4999;
-constexpr int s_nUsualSeconds = 120;
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool s_bSanitized = true; // memory and stacks are the sanitizer's
-#else
-constexpr bool s_bSanitized = false;
-#endif
 constexpr char s_szWeather[] = "/run/velmo/weather";
-constexpr char s_szLaunches[] = "/run/velmo/launches";
 
 /// What precedes the usual systemctl: one line in /run/velmo/weather says how it behaves.
 constexpr char s_szSystemctl[] = R"(
-echo >>/run/velmo/launches
 read -r weather </run/velmo/weather
 case $weather in
 slow) [ $(($$ % 4)) != 0 ] || sleep $(cat /run/velmo/slow) ;;
@@ -50,25 +42,39 @@ esac
 constexpr const char* s_tWeathers[] = {"fine", "slow",      "fails",  "garbage",
                                        "fine", "megabytes", "killed", "dead"};
 
-int nSeconds()
-{
-    const char* psz = std::getenv("VELMO_STORM_SECONDS");
-    return psz != nullptr ? std::atoi(psz) : s_nUsualSeconds;
-}
-
 /// What happened, over all threads.
-struct STCounts
+std::atomic<long> g_nConversations{0};
+std::atomic<long> g_nReplies{0};
+std::atomic<long> g_nLost{0}; ///< replies that did not come in time
+std::atomic<long> g_nNonsense{0};
+
+/// What a manager holds in memory, in KiB.
+struct STMemory
 {
-    std::atomic<long> nConversations{0};
-    std::atomic<long> nReplies{0};
-    std::atomic<long> nLost{0}; ///< replies that did not come in time
-    std::atomic<long> nCutOff{0};
-    std::atomic<long> nQuestions{0};
-    std::atomic<long> nRequests{0};
-    std::atomic<long> nSignals{0};
-    std::atomic<long> nNonsense{0};
+    long nStacks =
+        0; ///< with those that the C library keeps for later threads (of 40 MiB in addresses at most)
+    long nDeepest = 0; ///< stack: a page of it is resident from its first use until the thread ends
+    long nElse = 0;    ///< the programs and the heap
 };
-STCounts g_stCounts;
+
+STMemory stMemoryOf(pid_t nManager)
+{
+    STMemory st;
+    bool bStack = false;
+    std::ifstream clMaps("/proc/" + std::to_string(nManager) + "/smaps");
+    for (std::string csLine; std::getline(clMaps, csLine);) {
+        unsigned long nStart = 0;
+        unsigned long nEnd = 0;
+        long nKb = 0;
+        if (std::sscanf(csLine.c_str(), "%lx-%lx", &nStart, &nEnd) == 2) {
+            bStack = nEnd - nStart == 65536 && csLine.find(" rw-p ") != csLine.npos;
+        } else if (std::sscanf(csLine.c_str(), "Rss: %ld", &nKb) == 1) {
+            (bStack ? st.nStacks : st.nElse) += nKb;
+            st.nDeepest = std::max(st.nDeepest, bStack ? nKb : 0);
+        }
+    }
+    return st;
+}
 
 using CRandom = std::minstd_rand;
 
@@ -85,11 +91,11 @@ bool bReply(const std::string& cs)
 /// A tool whose greeting does not come in time leaves, or it would take the greeting for its first reply.
 bool bGreeted(CWireClient& clTool)
 {
-    ++g_stCounts.nConversations;
+    ++g_nConversations;
     if (clTool.csLine(std::chrono::seconds(3)).starts_with("HELLO ")) {
         return true;
     }
-    ++g_stCounts.nLost;
+    ++g_nLost;
     clTool.Close();
     return false;
 }
@@ -98,12 +104,12 @@ void Ask(CWireClient& clTool, const std::string& csLine)
 {
     const std::string cs = clTool.csAsk(csLine, std::chrono::seconds(3));
     if (bReply(cs)) {
-        ++g_stCounts.nReplies;
+        ++g_nReplies;
     } else if (cs.find('<') != std::string::npos) {
-        ++g_stCounts.nLost;
+        ++g_nLost;
         clTool.Close();
     } else {
-        ++g_stCounts.nNonsense;
+        ++g_nNonsense;
         std::printf("nonsense: %s\n", cs.substr(0, 200).c_str());
     }
 }
@@ -145,21 +151,9 @@ void SendSlowly(CRandom&)
 
 void Vanish(CRandom& clRandom)
 {
+    static const std::string s_tBeginnings[] = {"", "STAT", "INFO\r\n", std::string(100'000, 'x')};
     CWireClient clTool("127.0.0.1", s_wPort);
-    ++g_stCounts.nCutOff;
-    switch (clRandom() % 4) {
-    case 0:
-        (void)clTool.bSend("STAT");
-        break;
-    case 1:
-        (void)clTool.bSend("INFO\r\n");
-        break;
-    case 2:
-        (void)clTool.bSend(std::string(100'000, 'x'));
-        break;
-    default:
-        break;
-    }
+    (void)clTool.bSend(s_tBeginnings[clRandom() % std::size(s_tBeginnings)]);
     clTool.Reset();
 }
 
@@ -167,21 +161,20 @@ void HoldMany(CRandom&)
 {
     std::vector<CWireClient> tTools(100);
     for (CWireClient& clTool : tTools) {
-        g_stCounts.nConversations += clTool.bConnect("127.0.0.1", s_wPort) ? 1 : 0;
+        g_nConversations += clTool.bConnect("127.0.0.1", s_wPort) ? 1 : 0;
     }
     (void)tTools.back().bSilent(std::chrono::milliseconds(500));
 }
 
 void Flood(CRandom& clRandom)
 {
+    static constexpr const char* s_tQuestions[] = {"ARE YOU A DEXARO MANAGER UTF-8?\r\n",
+                                                   "ARE YOU A DEXARO SERVER SETUP?\r\n", "", "ARE WE?",
+                                                   "ARE YOU A DEXARO MANAGER UTF-8?\r\n and more than that"};
     CPingClient clTool;
     for (int n = 0; n < 50; ++n) {
-        const char* const tQuestions[] = {"ARE YOU A DEXARO MANAGER UTF-8?\r\n",
-                                          "ARE YOU A DEXARO SERVER SETUP?\r\n", "", "ARE WE?",
-                                          "ARE YOU A DEXARO MANAGER UTF-8?\r\n and more than that"};
         (void)clTool.Ask(clRandom() % 2 == 0 ? "127.0.0.1" : "::1", s_wPort,
-                         tQuestions[clRandom() % std::size(tQuestions)]);
-        ++g_stCounts.nQuestions;
+                         s_tQuestions[clRandom() % std::size(s_tQuestions)]);
     }
     (void)clTool.csAnswer(1000);
 }
@@ -194,7 +187,6 @@ void Register(CRandom& clRandom)
     if (clRandom() % 5 == 0) {
         csBytes.resize(clRandom() % 790 + 1);
     }
-    ++g_stCounts.nRequests;
     (void)bWritePipe(CManagerWorld::Pipe, csBytes);
     (void)clReply.csReply(1000);
 }
@@ -206,7 +198,6 @@ void Signal(pid_t nManager, CRandom& clRandom)
     ::kill(nManager, nSignal);
     ::usleep(10'000);
     ::kill(nManager, SIGCONT);
-    ++g_stCounts.nSignals;
 }
 
 void ChangeWeather(CRandom& clRandom)
@@ -217,18 +208,14 @@ void ChangeWeather(CRandom& clRandom)
     ::usleep(1'000'000);
 }
 
-/// Lets everything loose for a time.
-void Blow(pid_t nManager, int nForSeconds, CStackDepths* pclStacks)
+/// Lets everything loose for a time; returns how deep the stacks have been meanwhile, in KiB.
+long nBlow(pid_t nManager, int nForSeconds)
 {
-    const std::function<void(CRandom&)> tActions[] = {
-        Converse,      Converse,
-        Converse,      SendSlowly,
-        Vanish,        HoldMany,
-        Flood,         Register,
-        ChangeWeather, [nManager](CRandom& clRandom) { Signal(nManager, clRandom); },
-    };
+    const auto fnSignal = [nManager](CRandom& clRandom) { Signal(nManager, clRandom); };
+    const std::function<void(CRandom&)> tActions[] = {Converse, Converse, Converse, SendSlowly,    Vanish,
+                                                      HoldMany, Flood,    Register, ChangeWeather, fnSignal};
     const auto clEnd = CClock::now() + std::chrono::seconds(nForSeconds);
-    std::vector<std::thread> tThreads;
+    std::vector<std::jthread> tThreads;
     for (const auto& fnAction : tActions) {
         tThreads.emplace_back([&fnAction, clEnd, nSeed = tThreads.size() + 1] {
             for (CRandom clRandom(static_cast<unsigned int>(nSeed)); CClock::now() < clEnd;) {
@@ -236,66 +223,58 @@ void Blow(pid_t nManager, int nForSeconds, CStackDepths* pclStacks)
             }
         });
     }
+    long nDeepest = 0;
     while (CClock::now() < clEnd) {
-        pclStacks->Look();
+        nDeepest = std::max(nDeepest, stMemoryOf(nManager).nDeepest);
         ::usleep(100'000);
     }
-    for (std::thread& clThread : tThreads) {
-        clThread.join();
-    }
+    tThreads.clear();
     std::ofstream(s_szWeather) << "fine\n";
+    return nDeepest;
 }
 
-/// Prints the figures; returns what is resident beside the stacks: the programs and the heap, in KiB.
-long nPrint(const char* pszWhen, const STFigures& st, const CStackDepths& clStacks)
+/// Prints what the manager uses; returns its memory beside the stacks, in KiB.
+long nPrint(const char* pszWhen, pid_t nManager)
 {
-    const long nStacksKb = clStacks.nResidentKb();
-    std::printf("%s: %d descriptors, %d threads, %d children, %ld KiB resident, of these %ld of stacks\n",
-                pszWhen, st.nDescriptors, st.nThreads, st.nChildren, st.nResidentKb, nStacksKb);
-    return st.nResidentKb - nStacksKb;
+    const STFigures st = stFiguresOf(nManager);
+    const STMemory stUsed = stMemoryOf(nManager);
+    std::printf("%s: %d descriptors, %d threads, %ld KiB of stacks, %ld KiB else\n", pszWhen, st.nDescriptors,
+                st.nThreads, stUsed.nStacks, stUsed.nElse);
+    return stUsed.nElse;
 }
 } // namespace
 
 TEST(Storm, LeavesEverythingWhereItWas)
 {
     REQUIRE_PRIVATE_WORLD();
-    const CManagerWorld clWorld("", s_szSystemctl);
+    const char* const pszSeconds = std::getenv("VELMO_STORM_SECONDS");
+    const int nSeconds = pszSeconds != nullptr ? std::atoi(pszSeconds) : 120;
+    const CManagerWorld clWorld(s_szSystemctl);
     std::ofstream(s_szWeather) << "fine\n";
-    std::ofstream("/run/velmo/slow") << (nSeconds() > 600 ? 30 : 3) << "\n";
+    std::ofstream("/run/velmo/slow") << (nSeconds > 600 ? 30 : 3) << "\n";
     CManagerRun clManager;
     ASSERT_TRUE(clManager.bAnswers());
-    const STFigures stStart = clManager.stSettled({}, 500);
-    CStackDepths clStacks(clManager.nPid());
-    (void)nPrint("at the start", stStart, clStacks);
+    ::usleep(500'000); // the last thread is on its way
+    const STFigures stStart = stFiguresOf(clManager.nPid());
+    (void)nPrint("at the start", clManager.nPid());
     // The first part makes the heap as large as it gets; a leak goes on growing in the second.
-    Blow(clManager.nPid(), nSeconds() / 3, &clStacks);
-    const STFigures stMiddle = clManager.stSettled(stStart, 120'000);
-    const long nMiddleKb = nPrint("after a third", stMiddle, clStacks);
-    Blow(clManager.nPid(), nSeconds() - nSeconds() / 3, &clStacks);
-    const STFigures stEnd = clManager.stSettled(stStart, 120'000);
-    const long nEndKb = nPrint("at the end", stEnd, clStacks);
-    std::printf(
-        "%ld conversations, %ld replies, %ld not in time, %ld cut off, %ld questions, %ld requests, %ld "
-        "signals, %ju launches\n",
-        g_stCounts.nConversations.load(), g_stCounts.nReplies.load(), g_stCounts.nLost.load(),
-        g_stCounts.nCutOff.load(), g_stCounts.nQuestions.load(), g_stCounts.nRequests.load(),
-        g_stCounts.nSignals.load(), std::filesystem::file_size(s_szLaunches));
+    long nDeepestKb = nBlow(clManager.nPid(), nSeconds / 3);
+    ExpectNothingLeft(clManager.nPid(), stStart, 120'000);
+    const long nMiddleKb = nPrint("after a third", clManager.nPid());
+    nDeepestKb = std::max(nDeepestKb, nBlow(clManager.nPid(), nSeconds - nSeconds / 3));
+    ExpectNothingLeft(clManager.nPid(), stStart, 120'000);
+    const long nEndKb = nPrint("at the end", clManager.nPid());
+    std::printf("%ld conversations, %ld replies, %ld not in time; deepest stack: %ld KiB\n",
+                g_nConversations.load(), g_nReplies.load(), g_nLost.load(), nDeepestKb);
 
-    constexpr unsigned long nDeepestKb = 40; // of 64, in whole pages: more than a third is to spare
-    for (const auto& [csKind, nKb] : clStacks.tDepthKb()) {
-        std::printf("stack of %s: %lu KiB\n", csKind.c_str(), nKb);
-        EXPECT_TRUE(s_bSanitized || nKb <= nDeepestKb) << csKind;
-    }
+    EXPECT_TRUE(g_bSanitized || nDeepestKb <= 40) << "of 64, in whole pages: more than a third is to spare";
     EXPECT_TRUE(clManager.bRuns());
-    EXPECT_LE(stEnd.nDescriptors, stStart.nDescriptors);
-    EXPECT_LE(stEnd.nThreads, stStart.nThreads);
-    EXPECT_EQ(stEnd.nChildren, 0);
     constexpr long nByChanceKb = 4096; // by how the blocks that outlive a burst lie in the heap
-    EXPECT_TRUE(s_bSanitized || nEndKb <= nMiddleKb + nByChanceKb);
-    EXPECT_EQ(g_stCounts.nNonsense, 0);
-    EXPECT_GT(g_stCounts.nReplies, 20);
+    EXPECT_TRUE(g_bSanitized || nEndKb <= nMiddleKb + nByChanceKb);
+    EXPECT_EQ(g_nNonsense, 0);
+    EXPECT_GT(g_nReplies, 20);
     std::string csWrong;
     EXPECT_TRUE(bWaitUntil([&] { return (csWrong = csPlay(true)).empty(); }, 60'000)) << csWrong;
-    EXPECT_EQ(clManager.csStop(), "exit 0");
+    EXPECT_EQ(clManager.nStop(), 0);
     EXPECT_EQ(CManagerWorld::csDamage(), "");
 }

@@ -76,10 +76,10 @@ void RemoveServices()
           "rm -rf /opt/velmo; systemctl daemon-reload; systemctl reset-failed");
 }
 
-CManagerProcess::CManagerProcess(const std::string& csExecutable) : m_nPid(::fork())
+CManagerProcess::CManagerProcess(const std::string& csCommand) : m_nPid(::fork())
 {
     if (m_nPid == 0) {
-        ::execl(csExecutable.c_str(), csExecutable.c_str(), "--DEBUG", nullptr);
+        ::execl("/bin/sh", "sh", "-c", ("exec " + csCommand + " --DEBUG").c_str(), nullptr);
         ::_exit(127);
     }
 }
@@ -96,8 +96,8 @@ bool CManagerProcess::bAnswers() const
     return bWaitUntil([] { return CWireClient("127.0.0.1", 4999).csLine().starts_with("HELLO"); }, 10'000);
 }
 
-int CManagerProcess::nStop()
+int CManagerProcess::nStop(int nMs)
 {
     ::kill(m_nPid, SIGTERM);
-    return nEndOf(std::exchange(m_nPid, -1));
+    return nEndOf(std::exchange(m_nPid, -1), nMs);
 }

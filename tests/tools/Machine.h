@@ -30,8 +30,8 @@ void RemoveServices();
 class CManagerProcess
 {
 public:
-    /// Starts the given executable, or the built one.
-    explicit CManagerProcess(const std::string& csExecutable = csBuildFolder() + "/VelmoManager");
+    /// Starts the given command, or the built manager; "--DEBUG" is added.
+    explicit CManagerProcess(const std::string& csCommand = csBuildFolder() + "/VelmoManager");
     /// Kills it if it still runs.
     ~CManagerProcess();
     CManagerProcess(const CManagerProcess&) = delete;
@@ -41,7 +41,7 @@ public:
     /// Waits until it greets on 127.0.0.1; false after 10 seconds.
     bool bAnswers() const;
     /// SIGTERM, then how it ended (see nEndOf).
-    int nStop();
+    int nStop(int nMs = 10'000);
 
 private:
     pid_t m_nPid;

@@ -5,15 +5,12 @@
 #include "tools/Command.h"
 #include "tools/Machine.h"
 
-#include <algorithm>
-#include <arpa/inet.h>
-#include <array>
 #include <filesystem>
 #include <functional>
 #include <map>
 #include <mutex>
 #include <netinet/in.h>
-#include <poll.h>
+#include <netinet/tcp.h>
 #include <string>
 #include <sys/socket.h>
 #include <thread>
@@ -24,15 +21,18 @@
 class CClientSide
 {
 public:
-    explicit CClientSide(int nSocket) : m_clSocket(nSocket) {}
-
+    explicit CClientSide(int nSocket) : m_clSocket(nSocket)
+    {
+        const int nOne = 1; // pieces are to arrive as they are sent
+        ::setsockopt(nSocket, IPPROTO_TCP, TCP_NODELAY, &nOne, sizeof nOne);
+    }
     bool bSend(std::string_view cs) const
     {
         return ::send(m_clSocket.nFd(), cs.data(), cs.size(), MSG_NOSIGNAL) ==
                static_cast<ssize_t>(cs.size());
     }
     /// The next line without its end; empty when the client is gone.
-    std::string csLine()
+    std::string csLine() const
     {
         std::string cs;
         for (char c = 0; ::recv(m_clSocket.nFd(), &c, 1, 0) == 1 && c != '\n';) {
@@ -40,24 +40,26 @@ public:
         }
         return cs.substr(0, cs.find('\r'));
     }
-    /// Returns when the client has hung up.
-    void WaitForEnd() const
+    void HangUp() const { ::shutdown(m_clSocket.nFd(), SHUT_WR); }
+    /// Answers nothing until the client is gone.
+    void StaySilent() const
     {
-        pollfd st{m_clSocket.nFd(), POLLRDHUP, 0};
-        (void)::poll(&st, 1, 20'000);
+        while (!csLine().empty()) {
+        }
     }
 
 private:
     CDescripteur m_clSocket;
 };
 
-/// A server on a free port of the loopback that serves each connection, in a thread of its own, as a test
-/// wants.
+/// A server on a free port of the loopback that serves each connection in a thread of its own.
 class CScriptedServer
 {
 public:
-    explicit CScriptedServer(std::function<void(CClientSide&)> fnServe)
-        : m_fnServe(std::move(fnServe)), m_clSocket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    using Serve = std::function<void(const CClientSide&)>;
+
+    explicit CScriptedServer(const Serve& fnServe)
+        : m_clSocket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
     {
         sockaddr_in6 st = stAddress("127.0.0.1", 0);
         socklen_t nLength = sizeof st;
@@ -65,62 +67,57 @@ public:
         (void)::listen(m_clSocket.nFd(), 64);
         (void)::getsockname(m_clSocket.nFd(), reinterpret_cast<sockaddr*>(&st), &nLength);
         m_csPort = std::to_string(ntohs(st.sin6_port));
-        m_clThread = std::thread([this] { _Accept(); });
+        m_clAccept = std::jthread([this, fnServe] {
+            std::vector<std::jthread> tThreads;
+            for (int n = 0; (n = ::accept4(m_clSocket.nFd(), nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
+                tThreads.emplace_back([fnServe, n] { fnServe(CClientSide(n)); });
+            }
+        });
     }
-    ~CScriptedServer()
-    {
-        ::shutdown(m_clSocket.nFd(), SHUT_RDWR);
-        m_clThread.join();
-        for (std::thread& clThread : m_tThreads) {
-            clThread.join();
-        }
-    }
+    ~CScriptedServer() { ::shutdown(m_clSocket.nFd(), SHUT_RDWR); }
     CScriptedServer(const CScriptedServer&) = delete;
     CScriptedServer& operator=(const CScriptedServer&) = delete;
 
     const std::string& csPort() const { return m_csPort; }
 
 private:
-    void _Accept()
-    {
-        for (int nSocket = 0; (nSocket = ::accept4(m_clSocket.nFd(), nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
-            m_tThreads.emplace_back([this, nSocket] {
-                CClientSide clClient(nSocket);
-                m_fnServe(clClient);
-            });
-        }
-    }
-
-    std::function<void(CClientSide&)> m_fnServe;
     CDescripteur m_clSocket;
     std::string m_csPort;
-    std::vector<std::thread> m_tThreads;
-    std::thread m_clThread;
+    std::jthread m_clAccept; // ends before the others
 };
 
-/// A server that keeps to the protocol: greets, agrees on UTF-8 and gives the answers of a table.
+/// A server that keeps to the protocol: greets, agrees on UTF-8 and gives the answers of a table, each in two
+/// pieces, cut inside the line end. To a line whose answer is empty it stays silent.
 class CScriptedManager
 {
 public:
     using Answers = std::map<std::string, std::string>;
 
     explicit CScriptedManager(Answers tAnswers)
-        : m_tAnswers(std::move(tAnswers)), m_clServer([this](CClientSide& clClient) { _Serve(clClient); })
+        : m_tAnswers(std::move(tAnswers)),
+          m_clServer([this](const CClientSide& clClient) { _Serve(clClient); })
     {}
     const std::string& csPort() const { return m_clServer.csPort(); }
     /// What clients have sent beyond the agreement on UTF-8, one line each with a "|".
     std::string csAsked()
     {
         const std::lock_guard clGuard(m_clMutex);
-        return std::exchange(m_csAsked, "");
+        return m_csAsked;
     }
 
 private:
-    void _Serve(CClientSide& clClient)
+    void _Serve(const CClientSide& clClient)
     {
         clClient.bSend("HELLO FROM SERVEUR SETUP 24.0.6.0\r\n");
         for (std::string cs; !(cs = clClient.csLine()).empty();) {
-            clClient.bSend((cs == "MODE_UTF8" ? "OK" : _csAnswer(cs)) + "\r\n");
+            const std::string csAnswer = cs == "MODE_UTF8" ? "OK" : _csAnswer(cs);
+            if (csAnswer.empty()) {
+                clClient.StaySilent();
+                return;
+            }
+            clClient.bSend(csAnswer + "\r");
+            ::usleep(1000);
+            clClient.bSend("\n");
         }
     }
     std::string _csAnswer(const std::string& csLine)
