@@ -213,6 +213,15 @@ TEST_F(SysV, InstallationsThatCannotBeMadeLeaveNothing)
     EXPECT_EQ(errno, ENOENT);
 }
 
+TEST_F(SysV, ARefusingToolHoldsNothingUpAndDebiansIsAskedWhenTheScriptIsGone)
+{
+    CFakeTool clTool("/usr/sbin/update-rc.d", "ls /etc/init.d >>$JOURNAL; exit 1");
+    const auto pcl = pclInstall(L"DXCS-a", L"/opt/dx");
+    ASSERT_NE(pcl, nullptr);
+    EXPECT_TRUE(pcl->bRemove());
+    EXPECT_EQ(clTool.csTakeJournal(), "DXCS-a defaults\nDXCS-a\n-f DXCS-a remove\n");
+}
+
 TEST_F(SysV, SlackwareKeepsItsScriptsInItsOwnPlaceForEveryOperation)
 {
     CServiceManager::ms_eDistri = DISTRI_SLACKWARE;
