@@ -171,13 +171,17 @@ TEST_F(Servers, ToolsOfAnotherHostDiscoverTheManager)
                                                                   {"fd77::1", "fd77::1"},
                                                                   {"fd77::2", "fd77::2"}};
         for (const auto& [csAsked, csFrom] : tAddresses) {
-            SCOPED_TRACE(csAsked);
-            CPingClient clTool;
-            ASSERT_TRUE(clTool.Ask(csAsked, 4999, "ARE YOU A DEXARO SERVER SETUP?\r\n"));
-            const std::string csAnswer = clTool.csAnswer();
-            EXPECT_TRUE(csAnswer.starts_with(csFrom + " YES\t")) << csAnswer;
-            EXPECT_TRUE(csAnswer.ends_with("\tCaf\xE9\t4911")) << csAnswer;
-            EXPECT_EQ(clTool.csAnswer(), csFrom + " \r\n");
+            for (const auto& [pszQuestion, pszName] :
+                 {std::pair{"ARE YOU A DEXARO SERVER SETUP?\r\n", "\tCaf\xE9\t4911"},
+                  {"ARE YOU A DEXARO MANAGER UTF-8?\r\n", "\tCafé\t4911"}}) {
+                SCOPED_TRACE(csAsked);
+                CPingClient clTool;
+                ASSERT_TRUE(clTool.Ask(csAsked, 4999, pszQuestion));
+                const std::string csAnswer = clTool.csAnswer();
+                EXPECT_TRUE(csAnswer.starts_with(csFrom + " YES\t")) << csAnswer;
+                EXPECT_TRUE(csAnswer.ends_with(pszName)) << csAnswer;
+                EXPECT_EQ(clTool.csAnswer(), csFrom + " \r\n");
+            }
         }
     });
     clOtherHost.join();
