@@ -32,7 +32,7 @@ bool bFilesDeleted(CConversation* pclManager, const std::string& csName, bool bD
         return true;
     }
     if (stRefusal.has_value()) {
-        throw CFailure(EExit::Refused, csRefusalWords(*stRefusal, csName));
+        throw CFailure(EExit::REFUSED, csRefusalWords(*stRefusal, csName));
     }
     if (!bReadDone(csReply)) {
         throw pclManager->clNonsense(csReply);
@@ -58,13 +58,13 @@ STOutcome stRemove(CConversation* pclManager, const std::string& csName, bool bD
                                                   "\" are deleted, its service is still registered: " +
                                                   clFailure.what() + "; try again without --delete-files");
         }
-        return {EExit::Done, "files deleted", "is uninstalled, its files are deleted"};
+        return {EExit::DONE, "files deleted", "is uninstalled, its files are deleted"};
     }
     if (!bDeleteFiles) {
-        return {EExit::Done, "files kept", "is uninstalled, its files are kept"};
+        return {EExit::DONE, "files kept", "is uninstalled, its files are kept"};
     }
     // The manager removes the service at once only when there was nothing that it could delete whole.
-    return {EExit::Refused, "files left", "is uninstalled, but its files could not all be deleted"};
+    return {EExit::REFUSED, "files left", "is uninstalled, but its files could not all be deleted"};
 }
 
 /// A server whose state cannot be read can be uninstalled all the same.
@@ -74,7 +74,7 @@ std::string csStateOrUnknown(CConversation* pclManager, const std::string& csNam
     const std::string csReply = pclManager->csAsk({"STATUS", csName});
     const auto stRefusal = stReadRefusal(csReply);
     if (stRefusal.has_value() && stRefusal->nCode != nUnreadable) {
-        throw CFailure(EExit::Refused, csRefusalWords(*stRefusal, csName));
+        throw CFailure(EExit::REFUSED, csRefusalWords(*stRefusal, csName));
     }
     const auto csState = stRefusal.has_value() ? "in an unknown state" : csReadState(csReply);
     if (!csState.has_value()) {
@@ -100,7 +100,7 @@ EExit eStart(const STCall& stCall)
         (void)tAskFor(&clManager, {"START", csName}, csName, bReadDone);
     }
     Tell(stCall, csName, "started", "is started");
-    return EExit::Done;
+    return EExit::DONE;
 }
 
 EExit eUninstall(const STCall& stCall)
@@ -110,11 +110,11 @@ EExit eUninstall(const STCall& stCall)
     const std::string csState = csStateOrUnknown(&clManager, csName);
     if (stCall.stOptions.bDryRun) {
         Tell(stCall, csName, "dry run", "is " + csState + ". Uninstalling would " + csPlan(stCall));
-        return EExit::Done;
+        return EExit::DONE;
     }
     if (!stCall.stOptions.bYes &&
         !bConfirm("\"" + csShown(csName) + "\" is " + csState + ". Uninstall: " + csPlan(stCall) + "?")) {
-        throw CFailure(EExit::Declined, "nothing was changed");
+        throw CFailure(EExit::DECLINED, "nothing was changed");
     }
     const STOutcome stOutcome = stRemove(&clManager, csName, stCall.stOptions.bDeleteFiles);
     Tell(stCall, csName, stOutcome.pszJson, stOutcome.pszWords);

@@ -58,7 +58,7 @@ const STCommand& stFind(const std::string& csName)
     const auto* const pstFound = std::find_if(std::begin(s_tCommands), std::end(s_tCommands),
                                               [&](const STCommand& st) { return csName == st.pszName; });
     if (pstFound == std::end(s_tCommands)) {
-        throw CFailure(EExit::Usage, "unknown command \"" + csArgument(csName) + "\"; see velmoctl --help");
+        throw CFailure(EExit::USAGE, "unknown command \"" + csArgument(csName) + "\"; see velmoctl --help");
     }
     return *pstFound;
 }
@@ -68,12 +68,12 @@ void CheckUse(const STCommand& stCommand, const STCommandLine& stLine)
     const std::vector<std::string> tKnown = tOptionsOf(stCommand.pszName);
     for (const std::string& csOption : stLine.tUsed) {
         if (std::find(tKnown.begin(), tKnown.end(), csOption) == tKnown.end()) {
-            throw CFailure(EExit::Usage,
+            throw CFailure(EExit::USAGE,
                            "\"" + std::string(stCommand.pszName) + "\" has no option " + csOption);
         }
     }
     if (stLine.tWords.size() != stCommand.nArguments + 1) {
-        throw CFailure(EExit::Usage, std::string("usage: velmoctl ") + stCommand.pszName +
+        throw CFailure(EExit::USAGE, std::string("usage: velmoctl ") + stCommand.pszName +
                                          (stCommand.nArguments > 0 ? " " : "") + stCommand.pszArguments);
     }
 }
@@ -83,14 +83,14 @@ EExit eExecute(const STCommandLine& stLine)
 {
     if (stLine.stOptions.bHelp) {
         std::cout << csHelp();
-        return EExit::Done;
+        return EExit::DONE;
     }
     if (stLine.stOptions.bVersion) {
         std::cout << "velmoctl " << csToUTF8(g_szVersion) << "\n";
-        return EExit::Done;
+        return EExit::DONE;
     }
     if (stLine.tWords.empty()) {
-        throw CFailure(EExit::Usage, "which command? See velmoctl --help");
+        throw CFailure(EExit::USAGE, "which command? See velmoctl --help");
     }
     const STCommand& stCommand = stFind(stLine.tWords.front());
     CheckUse(stCommand, stLine);
@@ -102,7 +102,7 @@ EExit eExecute(const STCommandLine& stLine)
 
 EExit eExecuteAndTell(const std::vector<std::string>& tArguments, const STOptions& stDefaults)
 {
-    EExit eResult = EExit::Done;
+    EExit eResult = EExit::DONE;
     try {
         eResult = eExecute(stParse(tArguments, stDefaults));
     } catch (const CFailure& clFailure) {
@@ -112,7 +112,7 @@ EExit eExecuteAndTell(const std::vector<std::string>& tArguments, const STOption
     }
     if (!std::cout.flush()) {
         std::cerr << "velmoctl: the output could not be written\n";
-        return EExit::Refused;
+        return EExit::REFUSED;
     }
     return eResult;
 }

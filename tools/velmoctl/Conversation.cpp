@@ -93,7 +93,7 @@ CAddresses pstResolve(const STOptions& stOptions, int nType, const CDeadline& cl
         stResult = stAskInTime(stOptions.csHost, csPort, nType, clDeadline);
     }
     if (stResult.nError != 0) {
-        throw CFailure(EExit::Unreachable, "the host \"" + csArgument(stOptions.csHost) +
+        throw CFailure(EExit::UNREACHABLE, "the host \"" + csArgument(stOptions.csHost) +
                                                "\" cannot be found: " + ::gai_strerror(stResult.nError));
     }
     return std::move(stResult.pstAddresses);
@@ -107,7 +107,7 @@ CConversation::CConversation(const STOptions& stOptions, Milliseconds clTimeout)
     const CDeadline clDeadline(clTimeout);
     _Connect(stOptions, clDeadline);
     if (!_csLine(s_nMaxGreeting, clDeadline).starts_with(s_csGreeting)) {
-        throw CFailure(EExit::Nonsense, "what listens on " + m_csWho + " is not a manager");
+        throw CFailure(EExit::NONSENSE, "what listens on " + m_csWho + " is not a manager");
     }
     _Send("MODE_UTF8\r\n", clDeadline);
     if (const std::string csReply = _csLine(s_nMaxLine, clDeadline); csReply != "OK") {
@@ -120,7 +120,7 @@ std::string CConversation::csAsk(const std::vector<std::string>& tFields)
     std::string csLine;
     for (const std::string& csField : tFields) {
         if (csField.find_first_of(std::string_view("\t\r\n\0", 4)) != csField.npos) {
-            throw CFailure(EExit::Usage, "a name cannot contain tabs, line ends or NUL characters");
+            throw CFailure(EExit::USAGE, "a name cannot contain tabs, line ends or NUL characters");
         }
         csLine += (csLine.empty() ? "" : "\t") + csField;
     }
@@ -134,7 +134,7 @@ CFailure CConversation::clNonsense(const std::string& csReply) const
 {
     constexpr std::size_t nShown = 100; // bytes
     const std::string csCut = csReply.substr(0, nCutUTF8(csReply, nShown));
-    return {EExit::Nonsense, "the manager on " + m_csWho + " answered what was not expected: \"" +
+    return {EExit::NONSENSE, "the manager on " + m_csWho + " answered what was not expected: \"" +
                                  csShown(csCut) + (csCut.size() < csReply.size() ? "...\"" : "\"")};
 }
 
@@ -155,7 +155,7 @@ void CConversation::_Connect(const STOptions& stOptions, const CDeadline& clDead
         }
         nErrno = errno;
     }
-    throw CFailure(EExit::Unreachable,
+    throw CFailure(EExit::UNREACHABLE,
                    "no manager can be reached on " + m_csWho + ": " + std::strerror(nErrno));
 }
 
@@ -166,7 +166,7 @@ void CConversation::_Send(std::string_view csBytes, const CDeadline& clDeadline)
         if (nSent >= 0) {
             csBytes.remove_prefix(static_cast<std::size_t>(nSent));
         } else if (errno != EAGAIN && errno != EINTR) {
-            throw clSystemFailure(EExit::Nonsense, "the manager on " + m_csWho + " broke off");
+            throw clSystemFailure(EExit::NONSENSE, "the manager on " + m_csWho + " broke off");
         } else if (!bWaitFor(m_clSocket.nFd(), POLLOUT, clDeadline)) {
             throw _clSilence();
         }
@@ -184,7 +184,7 @@ std::string CConversation::_csLine(std::size_t nMax, const CDeadline& clDeadline
             return csToUTF8(csFromUTF8(csLine));
         }
         if (m_csReceived.size() > nMax) {
-            throw CFailure(EExit::Nonsense, "what listens on " + m_csWho + " sends a line without an end");
+            throw CFailure(EExit::NONSENSE, "what listens on " + m_csWho + " sends a line without an end");
         }
         nSearched = m_csReceived.empty() ? 0 : m_csReceived.size() - 1;
         _Receive(clDeadline);
@@ -201,13 +201,13 @@ void CConversation::_Receive(const CDeadline& clDeadline)
     if (nReceived > 0) {
         m_csReceived.append(tBytes.data(), static_cast<std::size_t>(nReceived));
     } else if (nReceived == 0 || (errno != EAGAIN && errno != EINTR)) {
-        throw CFailure(EExit::Nonsense, "the manager on " + m_csWho + " broke off " +
+        throw CFailure(EExit::NONSENSE, "the manager on " + m_csWho + " broke off " +
                                             (m_csReceived.empty() ? "without a reply" : "in a reply"));
     }
 }
 
 CFailure CConversation::_clSilence() const
 {
-    return {EExit::Unreachable,
+    return {EExit::UNREACHABLE,
             "the manager on " + m_csWho + " did not answer within " + csSeconds(m_clTimeout)};
 }

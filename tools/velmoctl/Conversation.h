@@ -17,7 +17,7 @@ struct STFreeAddresses
 using CAddresses = std::unique_ptr<addrinfo, STFreeAddresses>;
 
 /// Addresses of the host that the options name, or of this machine, for a socket type (SOCK_STREAM,
-/// SOCK_DGRAM). The system's resolver is not waited for beyond the deadline. Throws CFailure (Unreachable).
+/// SOCK_DGRAM). The system's resolver is not waited for beyond the deadline. Throws CFailure (UNREACHABLE).
 CAddresses pstResolve(const STOptions& stOptions, int nType, const CDeadline& clDeadline);
 
 /// One conversation with a manager over TCP, in UTF-8: one reply line for each command line. Whatever the

@@ -164,7 +164,7 @@ private:
         }
         if (nSent == 0) {
             errno = nErrno;
-            throw clSystemFailure(EExit::Unreachable, "no question could be sent");
+            throw clSystemFailure(EExit::UNREACHABLE, "no question could be sent");
         }
     }
 
@@ -225,7 +225,7 @@ std::string csFoundTable(const std::vector<STFound>& tFound)
         for (const STServer& stServer : st.stInfo.tServers) {
             csServers += (csServers.empty() ? "" : ", ") + stServer.csName + ":" + stServer.csPort;
         }
-        tRows.push_back({{st.csAddress + (st.bHere ? " (this machine)" : ""), EColour::Green},
+        tRows.push_back({{st.csAddress + (st.bHere ? " (this machine)" : ""), EColour::GREEN},
                          {st.stInfo.csVersion},
                          {st.stInfo.csSystem},
                          {csServers}});
@@ -261,7 +261,7 @@ EExit eDiscover(const STCall& stCall)
         std::cout << csFoundTable(tFound);
     }
     if (tFound.empty()) {
-        throw CFailure(EExit::Unreachable, "no manager answered");
+        throw CFailure(EExit::UNREACHABLE, "no manager answered");
     }
-    return EExit::Done;
+    return EExit::DONE;
 }

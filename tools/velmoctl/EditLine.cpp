@@ -15,37 +15,37 @@ void CEditLine::Key(EKey eKey)
 {
     const std::size_t nEnd = m_csText.size();
     switch (eKey) {
-    case EKey::Left:
+    case EKey::LEFT:
         m_nCursor -= m_nCursor > 0 ? 1 : 0;
         break;
-    case EKey::Right:
+    case EKey::RIGHT:
         m_nCursor += m_nCursor < nEnd ? 1 : 0;
         break;
-    case EKey::Home:
+    case EKey::HOME:
         m_nCursor = 0;
         break;
-    case EKey::End:
+    case EKey::END:
         m_nCursor = nEnd;
         break;
-    case EKey::Up:
+    case EKey::UP:
         _Show(m_nLine > 0 ? m_nLine - 1 : 0);
         break;
-    case EKey::Down:
+    case EKey::DOWN:
         _Show(std::min(m_nLine + 1, m_tHistory.size()));
         break;
-    case EKey::Backspace:
+    case EKey::BACKSPACE:
         _Erase(m_nCursor > 0 ? m_nCursor - 1 : 0, m_nCursor);
         break;
-    case EKey::Delete:
+    case EKey::DELETE:
         _Erase(m_nCursor, std::min(m_nCursor + 1, nEnd));
         break;
-    case EKey::KillToEnd:
+    case EKey::KILL_TO_END:
         _Erase(m_nCursor, nEnd);
         break;
-    case EKey::KillToStart:
+    case EKey::KILL_TO_START:
         _Erase(0, m_nCursor);
         break;
-    case EKey::KillWord: {
+    case EKey::KILL_WORD: {
         const std::size_t nLast = m_csText.substr(0, m_nCursor).find_last_not_of(L' ');
         const std::size_t nBlank = nLast == m_csText.npos ? nLast : m_csText.find_last_of(L' ', nLast);
         _Erase(nBlank == m_csText.npos ? 0 : nBlank + 1, m_nCursor);

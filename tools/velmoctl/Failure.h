@@ -6,13 +6,13 @@
 /// Exit statuses, as velmoctl(1) documents them.
 enum class EExit : int
 {
-    Done = 0,
-    Refused = 1,     ///< the manager refused, or what was looked for or checked is not as it should be
-    Usage = 2,       ///< the command line is wrong
-    Unreachable = 3, ///< nobody there, or no answer in time
-    Nonsense = 4,    ///< who answers does not speak the manager's protocol, or broke off
-    Declined = 5,    ///< the user did not want it after all
-    Interrupted = 130,
+    DONE = 0,
+    REFUSED = 1,     ///< the manager refused, or what was looked for or checked is not as it should be
+    USAGE = 2,       ///< the command line is wrong
+    UNREACHABLE = 3, ///< nobody there, or no answer in time
+    NONSENSE = 4,    ///< who answers does not speak the manager's protocol, or broke off
+    DECLINED = 5,    ///< the user did not want it after all
+    INTERRUPTED = 130,
 };
 
 /// Ends a command: the words for standard error (UTF-8, no line end) and the exit status.

@@ -10,17 +10,17 @@ class CEditLine
 public:
     enum class EKey
     {
-        Left,
-        Right,
-        Home,
-        End,
-        Up,
-        Down,
-        Backspace,
-        Delete,
-        KillToEnd,
-        KillToStart,
-        KillWord,
+        LEFT,
+        RIGHT,
+        HOME,
+        END,
+        UP,
+        DOWN,
+        BACKSPACE,
+        DELETE,
+        KILL_TO_END,
+        KILL_TO_START,
+        KILL_WORD,
     };
 
     explicit CEditLine(const std::vector<std::wstring>& tHistory)
@@ -53,7 +53,7 @@ public:
     explicit CLineEditor(std::vector<std::string> tCompletions) : m_tCompletions(std::move(tCompletions)) {}
 
     /// The next line (UTF-8 on a terminal, else the bytes as they come); none at the end of the input. Ctrl-C
-    /// gives an empty line. Throws CFailure (Interrupted).
+    /// gives an empty line. Throws CFailure (INTERRUPTED).
     std::optional<std::string> csRead(const std::string& csPrompt);
 
 private:

@@ -200,14 +200,14 @@ std::string csReadFile(const std::string& csPath)
     std::error_code clError;
     if (!std::filesystem::is_regular_file(csPath, clError)) {
         const std::string csWhy = clError ? clError.message() : "not a regular file";
-        throw CFailure(EExit::Usage, csArgument(csPath) + ": " + csWhy);
+        throw CFailure(EExit::USAGE, csArgument(csPath) + ": " + csWhy);
     }
     std::ifstream clFile(csPath, std::ios::binary);
     std::string csBytes(std::min(std::filesystem::file_size(csPath, clError), nMax + 1), '\0');
     clFile.read(csBytes.data(), static_cast<std::streamsize>(csBytes.size()));
     csBytes.resize(static_cast<std::size_t>(clFile.gcount()));
     if (!clFile.is_open() || clFile.bad() || csBytes.size() > nMax) {
-        throw CFailure(EExit::Usage, csArgument(csPath) + ": cannot be read, or is larger than 4 MiB");
+        throw CFailure(EExit::USAGE, csArgument(csPath) + ": cannot be read, or is larger than 4 MiB");
     }
     return csBytes;
 }
@@ -248,12 +248,12 @@ EExit eLint(const STCall& stCall)
         const std::string csLine = std::to_string(st.nLine);
         tObjects.push_back(csJsonObject({{"line", csLine}, {"text", csJsonText(st.csText)}}));
         if (!stCall.stOptions.bJson) {
-            std::cout << csColoured(csShown(csFile) + ":" + csLine + ":", EColour::Bold) << " "
+            std::cout << csColoured(csShown(csFile) + ":" + csLine + ":", EColour::BOLD) << " "
                       << csShown(st.csText) << "\n";
         }
     }
     if (stCall.stOptions.bJson) {
         std::cout << csJsonArray(tObjects) << "\n";
     }
-    return tFindings.empty() ? EExit::Done : EExit::Refused;
+    return tFindings.empty() ? EExit::DONE : EExit::REFUSED;
 }

@@ -21,18 +21,18 @@ std::vector<STFinding> tLint(std::string_view csBytes);
 /// How a setting's value is to read.
 enum class EValue
 {
-    Signed,
-    Unsigned,
-    YesNo,
-    Port,
-    Period,    ///< at most 65535
-    Megabytes, ///< below 4096
-    Seconds,   ///< at most what a wait in milliseconds can hold
-    Node,      ///< only 0 and 1 mean something
-    Text,
-    Path,
-    LogMode,
-    Families,
+    SIGNED,
+    UNSIGNED,
+    YES_NO,
+    PORT,
+    PERIOD,    ///< at most 65535
+    MEGABYTES, ///< below 4096
+    SECONDS,   ///< at most what a wait in milliseconds can hold
+    NODE,      ///< only 0 and 1 mean something
+    TEXT,
+    PATH,
+    LOG_MODE,
+    FAMILIES,
 };
 
 /// A setting of DXConf.ini, as far as the check is concerned.

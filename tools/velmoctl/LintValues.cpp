@@ -21,47 +21,47 @@ constexpr STSetting stRow(const settings::STText& st, EValue eValue)
 }
 
 constexpr STSetting s_tSettings[] = {
-    stRow(settings::Name, EValue::Text),
-    stRow(settings::ErrorLogMode, EValue::LogMode),
-    stRow(settings::ErrorLogFile, EValue::Path),
-    stRow(settings::SocketOptions, EValue::Families),
-    stRow(settings::DBRootPath, EValue::Path),
-    stRow(settings::LogConnexion, EValue::YesNo),
-    stRow(settings::MoreThan2Go, EValue::YesNo),
-    stRow(settings::AccessPort, EValue::Port),
-    stRow(settings::ZLDebugPort, EValue::Port),
-    stRow(settings::PreVersion, EValue::Signed),
-    stRow(settings::NdxCacheSize, EValue::Unsigned),
-    stRow(settings::CacheMaxUnusedFiles, EValue::Unsigned),
-    stRow(settings::CacheFilesPrefetch, EValue::YesNo),
-    stRow(settings::ReplicAllowIdAuto4, EValue::YesNo),
-    stRow(settings::WindowsFileCacheSize, EValue::Signed),
-    stRow(settings::WithCoreDump, EValue::YesNo),
-    stRow(settings::DaemonUser, EValue::Text),
-    stRow(settings::ActivityStatisticPeriod, EValue::Period),
-    stRow(settings::ActivityStatisticMaxFileSize, EValue::Megabytes),
-    stRow(settings::ActivityStatisticPath, EValue::Path),
-    stRow(settings::AfterUpdateReport, EValue::Text),
-    stRow(settings::Installer, EValue::Text),
-    stRow(settings::JNLRootPath, EValue::Path),
-    stRow(settings::JNLBackupRootPath, EValue::Path),
-    stRow(settings::DumpLevel, EValue::Unsigned),
-    stRow(settings::DumpPath, EValue::Path),
-    stRow(settings::KeySearch, EValue::YesNo),
-    stRow(settings::RestartOnFailed, EValue::YesNo),
-    stRow(settings::CheckPeriod, EValue::Seconds),
-    stRow(settings::Cluster, EValue::Node),
-    stRow(settings::ClusterManager, EValue::Text),
-    stRow(settings::NodePassword, EValue::Text),
-    stRow(settings::NodeRunning, EValue::YesNo),
-    stRow(settings::LastRun, EValue::Unsigned),
-    stRow(settings::AutoAnalyseEnable, EValue::YesNo),
-    stRow(settings::AutoAnalyseWait, EValue::Unsigned),
-    stRow(settings::AutoAnalyseBetweenScan, EValue::Unsigned),
-    stRow(settings::AutoAnalyseBetweenStat, EValue::Unsigned),
-    stRow(settings::AutoAnalyseAfterCreation, EValue::Unsigned),
-    stRow(settings::AutoAnalyseMinWrite, EValue::Unsigned),
-    stRow(settings::AutoAnalysePercentWrite, EValue::Unsigned),
+    stRow(settings::Name, EValue::TEXT),
+    stRow(settings::ErrorLogMode, EValue::LOG_MODE),
+    stRow(settings::ErrorLogFile, EValue::PATH),
+    stRow(settings::SocketOptions, EValue::FAMILIES),
+    stRow(settings::DBRootPath, EValue::PATH),
+    stRow(settings::LogConnexion, EValue::YES_NO),
+    stRow(settings::MoreThan2Go, EValue::YES_NO),
+    stRow(settings::AccessPort, EValue::PORT),
+    stRow(settings::ZLDebugPort, EValue::PORT),
+    stRow(settings::PreVersion, EValue::SIGNED),
+    stRow(settings::NdxCacheSize, EValue::UNSIGNED),
+    stRow(settings::CacheMaxUnusedFiles, EValue::UNSIGNED),
+    stRow(settings::CacheFilesPrefetch, EValue::YES_NO),
+    stRow(settings::ReplicAllowIdAuto4, EValue::YES_NO),
+    stRow(settings::WindowsFileCacheSize, EValue::SIGNED),
+    stRow(settings::WithCoreDump, EValue::YES_NO),
+    stRow(settings::DaemonUser, EValue::TEXT),
+    stRow(settings::ActivityStatisticPeriod, EValue::PERIOD),
+    stRow(settings::ActivityStatisticMaxFileSize, EValue::MEGABYTES),
+    stRow(settings::ActivityStatisticPath, EValue::PATH),
+    stRow(settings::AfterUpdateReport, EValue::TEXT),
+    stRow(settings::Installer, EValue::TEXT),
+    stRow(settings::JNLRootPath, EValue::PATH),
+    stRow(settings::JNLBackupRootPath, EValue::PATH),
+    stRow(settings::DumpLevel, EValue::UNSIGNED),
+    stRow(settings::DumpPath, EValue::PATH),
+    stRow(settings::KeySearch, EValue::YES_NO),
+    stRow(settings::RestartOnFailed, EValue::YES_NO),
+    stRow(settings::CheckPeriod, EValue::SECONDS),
+    stRow(settings::Cluster, EValue::NODE),
+    stRow(settings::ClusterManager, EValue::TEXT),
+    stRow(settings::NodePassword, EValue::TEXT),
+    stRow(settings::NodeRunning, EValue::YES_NO),
+    stRow(settings::LastRun, EValue::UNSIGNED),
+    stRow(settings::AutoAnalyseEnable, EValue::YES_NO),
+    stRow(settings::AutoAnalyseWait, EValue::UNSIGNED),
+    stRow(settings::AutoAnalyseBetweenScan, EValue::UNSIGNED),
+    stRow(settings::AutoAnalyseBetweenStat, EValue::UNSIGNED),
+    stRow(settings::AutoAnalyseAfterCreation, EValue::UNSIGNED),
+    stRow(settings::AutoAnalyseMinWrite, EValue::UNSIGNED),
+    stRow(settings::AutoAnalysePercentWrite, EValue::UNSIGNED),
 };
 
 constexpr long long s_n31 = 1LL << 31, s_n32 = 1LL << 32;
@@ -75,14 +75,14 @@ struct STBounds
     const char* pszBeyond;
 };
 constexpr STBounds s_tBounds[] = {
-    {EValue::Signed, -s_n31, s_n31 - 1, "wraps around"},
-    {EValue::Unsigned, 0, s_n32 - 1, "wraps around"},
-    {EValue::YesNo, -s_n31, s_n32 - 1, "wraps around"},
-    {EValue::Port, 1, 65535, "is no port (1 to 65535)"},
-    {EValue::Period, 0, 65535, "counts as 65535"},
-    {EValue::Megabytes, 0, 4095, "wraps around: at most 4095 megabytes can be set"},
-    {EValue::Seconds, 0, 4294967, "wraps around: at most 4294967 seconds can be set"},
-    {EValue::Node, 0, 1, "makes no cluster node: only 1 does"},
+    {EValue::SIGNED, -s_n31, s_n31 - 1, "wraps around"},
+    {EValue::UNSIGNED, 0, s_n32 - 1, "wraps around"},
+    {EValue::YES_NO, -s_n31, s_n32 - 1, "wraps around"},
+    {EValue::PORT, 1, 65535, "is no port (1 to 65535)"},
+    {EValue::PERIOD, 0, 65535, "counts as 65535"},
+    {EValue::MEGABYTES, 0, 4095, "wraps around: at most 4095 megabytes can be set"},
+    {EValue::SECONDS, 0, 4294967, "wraps around: at most 4294967 seconds can be set"},
+    {EValue::NODE, 0, 1, "makes no cluster node: only 1 does"},
 };
 
 constexpr std::size_t s_nNumberCharacters = 19; // more are not looked at
@@ -201,11 +201,11 @@ std::string csValueFault(const STSetting& stSetting, const std::wstring& csValue
         return csFault;
     }
     switch (stSetting.eValue) {
-    case EValue::Path:
+    case EValue::PATH:
         return csPathFault(csValue);
-    case EValue::LogMode:
+    case EValue::LOG_MODE:
         return csLogModeFault(csValue);
-    case EValue::Families:
+    case EValue::FAMILIES:
         return csFamiliesFault(csValue);
     default:
         return "";

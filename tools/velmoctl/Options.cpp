@@ -29,7 +29,7 @@ T nNumber(const std::string& csValue, T nMin, T nMax, const char* pszKind = "num
         std::ostringstream clWords;
         clWords << '"' << csArgument(csValue) << "\" is not a " << pszKind << " from " << nMin << " to "
                 << nMax;
-        throw CFailure(EExit::Usage, clWords.str());
+        throw CFailure(EExit::USAGE, clWords.str());
     }
     return nNumber;
 }
@@ -85,7 +85,7 @@ const STOption& stFind(const std::string& csName)
     const auto* const pstFound = std::find_if(std::begin(s_tOptions), std::end(s_tOptions),
                                               [&](const STOption& st) { return csName == st.pszName; });
     if (pstFound == std::end(s_tOptions)) {
-        throw CFailure(EExit::Usage, "unknown option \"" + csArgument(csName) + "\"");
+        throw CFailure(EExit::USAGE, "unknown option \"" + csArgument(csName) + "\"");
     }
     return *pstFound;
 }
@@ -100,11 +100,11 @@ const char* pszTake(WordIterator* pit, WordIterator itEnd, STOptions* pstOptions
     const bool bInline = nEqual != std::string::npos;
     std::string csValue = bInline ? (*pit)->substr(nEqual + 1) : "";
     if (bInline && stOption.pszValue == nullptr) {
-        throw CFailure(EExit::Usage, std::string(stOption.pszName) + " takes no value");
+        throw CFailure(EExit::USAGE, std::string(stOption.pszName) + " takes no value");
     }
     if (!bInline && stOption.pszValue != nullptr) {
         if (std::next(*pit) == itEnd) {
-            throw CFailure(EExit::Usage, std::string(stOption.pszName) + " needs a value");
+            throw CFailure(EExit::USAGE, std::string(stOption.pszName) + " needs a value");
         }
         csValue = *++*pit;
     }

@@ -36,7 +36,7 @@ struct STCommandLine
 
 /// Reads a command line (without the program's name). Options may stand anywhere and give their values in the
 /// same word ("--host=x") or the next; "--" ends them. What is not given stays as in the defaults. Throws
-/// CFailure (Usage).
+/// CFailure (USAGE).
 STCommandLine stParse(const std::vector<std::string>& tArguments, const STOptions& stDefaults);
 
 /// Names of the options that a command has, those of all commands included, in the order of the help.
@@ -44,7 +44,7 @@ std::vector<std::string> tOptionsOf(std::string_view csCommand);
 /// One line of help for each option.
 std::string csOptionsHelp();
 
-/// A port from the command line. Throws CFailure (Usage) for anything but a number from 1 to 65535.
+/// A port from the command line. Throws CFailure (USAGE) for anything but a number from 1 to 65535.
 std::uint16_t wReadPort(const std::string& csWord);
 
 /// A text from the command line as UTF-8: what is not is taken for Windows-1252.

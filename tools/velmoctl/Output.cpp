@@ -48,7 +48,7 @@ std::string csTable(const std::vector<std::string>& tHeader, const std::vector<s
     std::vector<STCell> tTop;
     std::vector<std::size_t> tWidths;
     for (const std::string& cs : tHeader) {
-        tTop.push_back({cs, EColour::Bold});
+        tTop.push_back({cs, EColour::BOLD});
         tWidths.push_back(nColumns(cs));
     }
     for (const auto& tRow : tRows) {

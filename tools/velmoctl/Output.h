@@ -12,7 +12,7 @@
 struct STCell
 {
     std::string csText;
-    EColour eColour = EColour::Plain;
+    EColour eColour = EColour::PLAIN;
 };
 
 /// Rows in columns two blanks apart, under a header; the last column has no blanks behind it. The result ends

@@ -21,9 +21,9 @@ STInfo stAskInfo(const STCall& stCall)
 EColour eStateColour(const std::string& csState)
 {
     if (csState == "running") {
-        return EColour::Green;
+        return EColour::GREEN;
     }
-    return csState == "stopped" || csState == "?" ? EColour::Red : EColour::Yellow;
+    return csState == "stopped" || csState == "?" ? EColour::RED : EColour::YELLOW;
 }
 
 /// Asks for the states of servers, taking the next one from the list until it is at its end.
@@ -46,7 +46,7 @@ private:
     {
         try {
             if (m_bGivenUp) {
-                throw CFailure(EExit::Unreachable, "not asked: the manager does not answer any more");
+                throw CFailure(EExit::UNREACHABLE, "not asked: the manager does not answer any more");
             }
             if (*ppclManager == nullptr) {
                 *ppclManager = std::make_unique<CConversation>(m_stCall.stOptions, m_stCall.clTimeout);
@@ -56,7 +56,7 @@ private:
         } catch (const CFailure& clFailure) {
             pst->csFailure = clFailure.what();
             pst->eExit = clFailure.eExit();
-            m_bGivenUp = m_bGivenUp || pst->eExit != EExit::Refused;
+            m_bGivenUp = m_bGivenUp || pst->eExit != EExit::REFUSED;
         }
     }
 
@@ -81,12 +81,12 @@ std::vector<STListed> tAskList(const STCall& stCall)
     const CProgress clProgress("asking the manager...");
     std::vector<STListed> tList;
     for (STServer& stServer : stAskInfo(stCall).tServers) {
-        tList.push_back({std::move(stServer), "", "", EExit::Done});
+        tList.push_back({std::move(stServer), "", "", EExit::DONE});
     }
     clProgress.Show("asking for " + std::to_string(tList.size()) + " states...");
     AskStates(stCall, &tList);
     for (const STListed& st : tList) {
-        if (st.eExit == EExit::Interrupted) {
+        if (st.eExit == EExit::INTERRUPTED) {
             throw CFailure(st.eExit, st.csFailure);
         }
     }
@@ -117,9 +117,9 @@ std::string csListJson(const std::vector<STListed>& tList)
 
 EExit eTellFailures(const std::vector<STListed>& tList)
 {
-    EExit eWorst = EExit::Done;
+    EExit eWorst = EExit::DONE;
     for (const STListed& st : tList) {
-        if (st.eExit != EExit::Done) {
+        if (st.eExit != EExit::DONE) {
             std::cout.flush();
             std::cerr << "velmoctl: " << csShown(st.stServer.csName + ": " + st.csFailure) << "\n";
             eWorst = std::max(eWorst, st.eExit);
@@ -150,7 +150,7 @@ EExit eInfo(const STCall& stCall)
                                    {"memory", csJsonText(st.csMemory)},
                                    {"servers", csServersJson(st.tServers)}})
                   << "\n";
-        return EExit::Done;
+        return EExit::DONE;
     }
     std::cout << "version     " << csShown(st.csVersion) << "\nsystem      " << csShown(st.csSystem)
               << "\nkernel      " << csShown(st.csKernel) << "\nprocessors  " << csShown(st.csProcessors)
@@ -158,7 +158,7 @@ EExit eInfo(const STCall& stCall)
     for (const STServer& stServer : st.tServers) {
         std::cout << "  " << csShown(stServer.csName + ", port " + stServer.csPort) << "\n";
     }
-    return EExit::Done;
+    return EExit::DONE;
 }
 
 EExit eList(const STCall& stCall)
@@ -170,12 +170,12 @@ EExit eList(const STCall& stCall)
         }
         if (stCall.stOptions.bJson) {
             std::cout << csJsonArray(tNames) << "\n";
-            return EExit::Done;
+            return EExit::DONE;
         }
         for (const std::string& csName : tNames) {
             std::cout << csName;
         }
-        return EExit::Done;
+        return EExit::DONE;
     }
     const std::vector<STListed> tList = tAskList(stCall);
     std::cout << (stCall.stOptions.bJson ? csListJson(tList) + "\n" : csListTable(tList));
@@ -192,7 +192,7 @@ EExit eStatus(const STCall& stCall)
     } else {
         std::cout << csColoured(csState, eStateColour(csState)) << "\n";
     }
-    return EExit::Done;
+    return EExit::DONE;
 }
 
 EExit eCluster(const STCall& stCall)
@@ -211,5 +211,5 @@ EExit eCluster(const STCall& stCall)
         std::cout << "\"" << csShown(csName) << "\" belongs to the cluster managed by \""
                   << csShown(csManager) << "\"\n";
     }
-    return EExit::Done;
+    return EExit::DONE;
 }

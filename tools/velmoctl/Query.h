@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-/// Sends one command line and reads the reply with one of the readers of Replies.h. Throws CFailure: Refused
+/// Sends one command line and reads the reply with one of the readers of Replies.h. Throws CFailure: REFUSED
 /// with the refusal in words about the server of that name (with a hint, if there is no such server),
-/// Nonsense for what is neither.
+/// NONSENSE for what is neither.
 template <class T>
 T tAskFor(CConversation* pclManager, const std::vector<std::string>& tFields, const std::string& csServer,
           std::optional<T> (*pfnRead)(std::string_view), const char* pszUnknownHint = "")
@@ -18,7 +18,7 @@ T tAskFor(CConversation* pclManager, const std::vector<std::string>& tFields, co
     const std::string csReply = pclManager->csAsk(tFields);
     if (const auto stRefusal = stReadRefusal(csReply)) {
         const char* const pszHint = stRefusal->nCode == g_nServerUnknown ? pszUnknownHint : "";
-        throw CFailure(EExit::Refused, csRefusalWords(*stRefusal, csServer) + pszHint);
+        throw CFailure(EExit::REFUSED, csRefusalWords(*stRefusal, csServer) + pszHint);
     }
     std::optional<T> tResult = pfnRead(csReply);
     if (!tResult.has_value()) {
@@ -33,7 +33,7 @@ struct STListed
     STServer stServer;
     std::string csState;
     std::string csFailure;
-    EExit eExit = EExit::Done;
+    EExit eExit = EExit::DONE;
 };
 
 /// The manager's servers; the states are asked in parallel. Once the manager is silent or broken towards one

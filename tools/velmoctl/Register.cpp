@@ -43,7 +43,7 @@ public:
             m_clPipe = CDescripteur(::open(m_csName.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW));
         }
         if (!m_clPipe.bOpen()) {
-            throw clSystemFailure(EExit::Refused, "a pipe for the reply cannot be made in /tmp");
+            throw clSystemFailure(EExit::REFUSED, "a pipe for the reply cannot be made in /tmp");
         }
     }
     ~CReplyPipe() { ::unlink(m_csName.c_str()); }
@@ -55,11 +55,11 @@ public:
     std::string csReply(const CDeadline& clDeadline) const
     {
         if (!bWaitFor(m_clPipe.nFd(), POLLIN, clDeadline)) {
-            throw CFailure(EExit::Unreachable, "the manager did not answer in time; it may still be at it");
+            throw CFailure(EExit::UNREACHABLE, "the manager did not answer in time; it may still be at it");
         }
         std::array<char, s_nReply> tReply{};
         if (::read(m_clPipe.nFd(), tReply.data(), tReply.size()) != static_cast<ssize_t>(tReply.size())) {
-            throw CFailure(EExit::Nonsense, "the manager's reply is not whole");
+            throw CFailure(EExit::NONSENSE, "the manager's reply is not whole");
         }
         return {tReply.data(), ::strnlen(tReply.data(), s_nReplyText)};
     }
@@ -74,15 +74,15 @@ CDescripteur clOpenManagerPipe()
 {
     CDescripteur clPipe(::open(s_pszManagerPipe, O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW));
     if (!clPipe.bOpen() && (errno == ENOENT || errno == ENXIO)) {
-        throw CFailure(EExit::Unreachable, "no manager runs on this machine");
+        throw CFailure(EExit::UNREACHABLE, "no manager runs on this machine");
     }
     if (!clPipe.bOpen()) {
-        throw clSystemFailure(EExit::Refused, "the manager's pipe cannot be opened (only root can register)");
+        throw clSystemFailure(EExit::REFUSED, "the manager's pipe cannot be opened (only root can register)");
     }
     struct stat st
     {};
     if (::fstat(clPipe.nFd(), &st) != 0 || !S_ISFIFO(st.st_mode)) {
-        throw CFailure(EExit::Nonsense, std::string(s_pszManagerPipe) + " is not the manager's pipe");
+        throw CFailure(EExit::NONSENSE, std::string(s_pszManagerPipe) + " is not the manager's pipe");
     }
     return clPipe;
 }
@@ -92,10 +92,10 @@ void Write(const CDescripteur& clPipe, const CRequest& tRequest, const CDeadline
 {
     while (::write(clPipe.nFd(), tRequest.data(), tRequest.size()) < 0) {
         if (errno != EAGAIN) {
-            throw clSystemFailure(EExit::Unreachable, "the manager does not take the request");
+            throw clSystemFailure(EExit::UNREACHABLE, "the manager does not take the request");
         }
         if (!bWaitFor(clPipe.nFd(), POLLOUT, clDeadline)) {
-            throw CFailure(EExit::Unreachable, "the manager is busy with other requests");
+            throw CFailure(EExit::UNREACHABLE, "the manager is busy with other requests");
         }
     }
 }
@@ -105,7 +105,7 @@ void PutText(const std::string& csText, std::size_t nOffset, std::size_t nMax, c
 {
     const std::string csUnits = csToUTF16(csFromUTF8(csText));
     if (csText.empty() || csUnits.size() > nMax) {
-        throw CFailure(EExit::Usage,
+        throw CFailure(EExit::USAGE,
                        std::string(pszWhat) + " must have 1 to " + std::to_string(nMax / 2) + " characters");
     }
     csUnits.copy(&(*ptRequest)[nOffset], csUnits.size());
@@ -114,7 +114,7 @@ void PutText(const std::string& csText, std::size_t nOffset, std::size_t nMax, c
 std::string csProgram(const std::string& csArgumentBytes)
 {
     if (::access(csArgumentBytes.c_str(), X_OK) != 0 || std::filesystem::is_directory(csArgumentBytes)) {
-        throw CFailure(EExit::Usage, "\"" + csArgument(csArgumentBytes) + "\" is no program that can be run");
+        throw CFailure(EExit::USAGE, "\"" + csArgument(csArgumentBytes) + "\" is no program that can be run");
     }
     return std::filesystem::absolute(csArgumentBytes).lexically_normal().string();
 }
@@ -143,7 +143,7 @@ EExit eRegister(const STCall& stCall)
     const std::string csReply = clReply.csReply(clDeadline);
     clProgress.Show("");
     if (!csReply.empty()) {
-        throw CFailure(EExit::Refused, "the manager answers: " + csReply);
+        throw CFailure(EExit::REFUSED, "the manager answers: " + csReply);
     }
     if (stCall.stOptions.bJson) {
         std::cout << csJsonObject({{"name", csJsonText(csName)}, {"result", csJsonText("registered")}})
@@ -151,5 +151,5 @@ EExit eRegister(const STCall& stCall)
     } else {
         std::cout << "\"" << csShown(csName) << "\" is registered and runs\n";
     }
-    return EExit::Done;
+    return EExit::DONE;
 }

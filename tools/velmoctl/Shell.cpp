@@ -13,14 +13,14 @@ namespace {
 /// One line of the dialog. Ctrl-C ends the command that runs, not the dialog; other signals end both.
 EExit eRunLine(const std::string& csLine, const STOptions& stDefaults)
 {
-    EExit eResult = EExit::Usage;
+    EExit eResult = EExit::USAGE;
     try {
         const std::vector<std::string> tWords = tWordsOf(csLine);
         if (tWords.empty()) {
-            return EExit::Done;
+            return EExit::DONE;
         }
         if (tWords[0] == "shell") {
-            throw CFailure(EExit::Usage, "this is the shell");
+            throw CFailure(EExit::USAGE, "this is the shell");
         }
         eResult =
             eExecuteAndTell(tWords[0] == "help" ? std::vector<std::string>{"--help"} : tWords, stDefaults);
@@ -28,7 +28,7 @@ EExit eRunLine(const std::string& csLine, const STOptions& stDefaults)
         std::cerr << "velmoctl: " << clFailure.what() << "\n";
     }
     if (const int nSignal = CInterrupts::nTake(); nSignal != 0 && nSignal != SIGINT) {
-        throw CFailure(EExit::Interrupted, "interrupted");
+        throw CFailure(EExit::INTERRUPTED, "interrupted");
     }
     return eResult;
 }
@@ -48,7 +48,7 @@ EExit eShell(const STCall& stCall)
     if (bTerminal(STDIN_FILENO)) {
         std::cout << "Commands of velmoctl; \"help\" lists them, \"quit\" or Ctrl-D ends.\n";
     }
-    EExit eResult = EExit::Done;
+    EExit eResult = EExit::DONE;
     for (;;) {
         const std::optional<std::string> csLine = clEditor.csRead("velmo> ");
         if (!csLine.has_value() || bEnds(*csLine)) {

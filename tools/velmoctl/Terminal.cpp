@@ -74,7 +74,7 @@ void SetColours(bool bAllowed)
 
 std::string csColoured(const std::string& csText, EColour eColour)
 {
-    if (!s_bColours || eColour == EColour::Plain) {
+    if (!s_bColours || eColour == EColour::PLAIN) {
         return csText;
     }
     return s_tColours[static_cast<std::size_t>(eColour)] + csText + "\033[0m";
@@ -118,7 +118,7 @@ CRawTerminal::~CRawTerminal()
 bool bConfirm(const std::string& csQuestion)
 {
     if (::isatty(STDIN_FILENO) != 1) {
-        throw CFailure(EExit::Usage, "nobody can be asked without a terminal: add --yes");
+        throw CFailure(EExit::USAGE, "nobody can be asked without a terminal: add --yes");
     }
     std::cerr << csQuestion << " [y/N] " << std::flush;
     std::string csAnswer;

@@ -27,11 +27,11 @@ bool bTerminal(int nFd);
 
 enum class EColour
 {
-    Plain,
-    Bold,
-    Green,
-    Red,
-    Yellow,
+    PLAIN,
+    BOLD,
+    GREEN,
+    RED,
+    YELLOW,
 };
 /// Switches colours on where standard output is a terminal and neither the user nor NO_COLOR forbids them.
 void SetColours(bool bAllowed);
@@ -68,7 +68,7 @@ private:
     termios m_stBefore{};
 };
 
-/// Asks a question on the terminal; only "y" or "yes" is a yes. Throws CFailure (Usage) without a terminal to
+/// Asks a question on the terminal; only "y" or "yes" is a yes. Throws CFailure (USAGE) without a terminal to
 /// ask on.
 bool bConfirm(const std::string& csQuestion);
 

@@ -69,7 +69,7 @@ bool bWaitForAny(std::span<pollfd> tWait, const CDeadline& clDeadline)
         nReady = ::poll(tAll.data(), tAll.size(), static_cast<int>(nLeft));
     } while (nReady <= 0 && !clDeadline.bOver());
     if (nReady > 0 && tAll.back().revents != 0) {
-        throw CFailure(EExit::Interrupted, "interrupted");
+        throw CFailure(EExit::INTERRUPTED, "interrupted");
     }
     std::copy(tAll.begin(), tAll.end() - 1, tWait.begin());
     return nReady > 0;

@@ -34,7 +34,7 @@ public:
 };
 
 /// Waits until one of the descriptors has what its events ask for; false at the deadline. A negative
-/// descriptor is never ready. Throws CFailure (Interrupted) when a caught signal arrives; every thread that
+/// descriptor is never ready. Throws CFailure (INTERRUPTED) when a caught signal arrives; every thread that
 /// waits then does.
 bool bWaitForAny(std::span<pollfd> tWait, const CDeadline& clDeadline);
 bool bWaitFor(int nFd, short nEvents, const CDeadline& clDeadline);

@@ -57,9 +57,9 @@ EExit eLook(const STCall& stCall, const CScreen& clScreen)
     try {
         const std::vector<STListed> tList = tAskList(stCall);
         clScreen.Show(stCall.stOptions.bJson ? csListJson(tList) + "\n" : csListTable(tList));
-        return clScreen.bLive() ? EExit::Done : eTellFailures(tList);
+        return clScreen.bLive() ? EExit::DONE : eTellFailures(tList);
     } catch (const CFailure& clFailure) {
-        if (clFailure.eExit() == EExit::Interrupted) {
+        if (clFailure.eExit() == EExit::INTERRUPTED) {
             throw;
         }
         if (clScreen.bLive()) {
@@ -90,7 +90,7 @@ EExit eWatch(const STCall& stCall)
     CInterrupts::Catch(); // the cursor must come back
     const CScreen clScreen;
     const CRawTerminal clKeys(true);
-    EExit eResult = EExit::Done;
+    EExit eResult = EExit::DONE;
     try {
         for (unsigned int nLook = 1; std::cout.good(); ++nLook) {
             eResult = eLook(stCall, clScreen);
@@ -102,7 +102,7 @@ EExit eWatch(const STCall& stCall)
         if (CInterrupts::nTake() == 0) {
             throw;
         }
-        return EExit::Done; // the usual way to end it
+        return EExit::DONE; // the usual way to end it
     }
     return eResult;
 }

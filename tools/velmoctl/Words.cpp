@@ -27,7 +27,7 @@ public:
     std::vector<std::string> tTake()
     {
         if (m_cQuote != 0 || m_bEscaped) {
-            throw CFailure(EExit::Usage, "the line ends inside a quotation");
+            throw CFailure(EExit::USAGE, "the line ends inside a quotation");
         }
         _End();
         return std::move(m_tWords);

@@ -13,6 +13,6 @@ int main(int nArguments, char** ppszArguments)
             eExecuteAndTell({ppszArguments + 1, ppszArguments + nArguments}, STOptions{}));
     } catch (const std::exception& xError) {
         std::cerr << "velmoctl: " << xError.what() << "\n";
-        return static_cast<int>(EExit::Refused);
+        return static_cast<int>(EExit::REFUSED);
     }
 }
