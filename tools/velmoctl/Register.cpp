@@ -28,22 +28,13 @@ class CReplyPipe
 {
 public:
     CReplyPipe()
+        : m_nNumber(s_nMakeFifo()), m_csName(s_csName(m_nNumber)),
+          m_clPipe(::open(m_csName.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW))
     {
-        constexpr std::int32_t nStep = 1 << 22, nTries = 100; // no process number is that large
-        m_nNumber = ::getpid();
-        int nMade = -1;
-        for (int n = 0; n < nTries && nMade != 0; ++n, m_nNumber += nMade == 0 ? 0 : nStep) {
-            m_csName = "/tmp/__pipe_velmomanager_" + std::to_string(m_nNumber);
-            nMade = ::mkfifo(m_csName.c_str(), 0600);
-            if (nMade == 0) {
-                break;
-            }
-        }
-        if (nMade == 0) {
-            m_clPipe = CDescripteur(::open(m_csName.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW));
-        }
         if (!m_clPipe.bOpen()) {
-            throw clSystemFailure(EExit::REFUSED, "a pipe for the reply cannot be made in /tmp");
+            const CFailure clFailure = clSystemFailure(EExit::REFUSED, s_pszNoPipe);
+            ::unlink(m_csName.c_str());
+            throw clFailure;
         }
     }
     ~CReplyPipe() { ::unlink(m_csName.c_str()); }
@@ -51,7 +42,7 @@ public:
     CReplyPipe& operator=(const CReplyPipe&) = delete;
 
     std::int32_t nNumber() const { return m_nNumber; }
-    /// The reply's text; Unreachable when none comes in time.
+    /// The reply's text; UNREACHABLE when none comes in time.
     std::string csReply(const CDeadline& clDeadline) const
     {
         if (!bWaitFor(m_clPipe.nFd(), POLLIN, clDeadline)) {
@@ -65,8 +56,28 @@ public:
     }
 
 private:
+    static constexpr const char* s_pszNoPipe = "a pipe for the reply cannot be made in /tmp";
+
+    static std::string s_csName(std::int32_t nNumber)
+    {
+        return "/tmp/__pipe_velmomanager_" + std::to_string(nNumber);
+    }
+    /// Makes the FIFO and returns its number: this process's, or where a FIFO of that number was left behind
+    /// one that lies beyond every process number.
+    static std::int32_t s_nMakeFifo()
+    {
+        constexpr std::int32_t nStep = 1 << 22;
+        std::int32_t nNumber = ::getpid();
+        for (int nTries = 100; ::mkfifo(s_csName(nNumber).c_str(), 0600) != 0; --nTries, nNumber += nStep) {
+            if (errno != EEXIST || nTries == 0) {
+                throw clSystemFailure(EExit::REFUSED, s_pszNoPipe);
+            }
+        }
+        return nNumber;
+    }
+
+    std::int32_t m_nNumber;
     std::string m_csName;
-    std::int32_t m_nNumber = 0;
     CDescripteur m_clPipe;
 };
 
