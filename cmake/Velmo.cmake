@@ -1,4 +1,4 @@
-# Compiler options of the whole project and the three helpers that every folder uses.
+# Compiler options of the whole project and the two helpers that every folder uses.
 
 set(VELMO_SANITIZE "" CACHE STRING "Empty, \"address,undefined\" or \"thread\"")
 

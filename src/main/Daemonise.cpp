@@ -95,18 +95,11 @@ void Detach(int nPipe)
     Ignored(::chdir("/tmp/")); // any folder does
 }
 
-void CoreDump()
-{
-    if (gpclServiceImp->vbWithCoreDump()) {
-        AllowCoreDump();
-    }
-}
-
 /// Starts the service under the user's effective ids and returns to root's. False when it does not run.
 bool bStartAs(const wchar_t* pszUser, CDescripteur* pclPipe)
 {
     const bool bSwitched = __bChangeUser(-1, pszUser, false);
-    CoreDump(); // under the new identity, whether or not the switch succeeded
+    __CoreDump(); // under the new identity, whether or not the switch succeeded
     if (!bSwitched) {
         __NotifyParentFork(pclPipe, s_cFailed);
         return false;
@@ -136,7 +129,7 @@ void RunLocked(CPidFile& clPidFile, const wchar_t* pszUser, CDescripteur* pclPip
 void Daemon(const wchar_t* pszServiceName, CDescripteur clPipe)
 {
     Detach(clPipe.nFd());
-    CoreDump();
+    __CoreDump();
     std::array<wchar_t, g_nServicePath> tUser{};
     const wchar_t* pszUser = gpclServiceImp->vbGetServiceUser(tUser.data()) ? tUser.data() : nullptr;
     std::optional<CTermHeld> clHeld(std::in_place);
@@ -183,23 +176,21 @@ bool __bServiceMainForking(const wchar_t* pszServiceName)
     if (pszServiceName == nullptr || *pszServiceName == L'\0') {
         return false;
     }
-    int tPipe[2];
-    if (::pipe2(tPipe, O_CLOEXEC) != 0) {
+    STPipe stPipe;
+    if (!bOpenPipe(&stPipe)) {
         return true;
     }
-    CDescripteur clRead(tPipe[0]);
-    CDescripteur clWrite(tPipe[1]);
     (void)::prctl(PR_SET_CHILD_SUBREAPER, 1); // the daemon is the launcher's child until the launcher ends
     const pid_t nChild = ::fork();
     if (nChild < 0) {
         LogCritical(L"Fork ne marche pas");
     } else if (nChild > 0) {
-        clWrite.Close();
-        Launcher(nChild, clRead);
+        stPipe.clWrite.Close();
+        Launcher(nChild, stPipe.clRead);
     } else {
-        clRead.Close();
+        stPipe.clRead.Close();
         if (bBecomeDaemon()) {
-            Daemon(pszServiceName, std::move(clWrite));
+            Daemon(pszServiceName, std::move(stPipe.clWrite));
         }
     }
     return true;

@@ -13,7 +13,9 @@
 inline constexpr std::size_t g_nServicePath = 261;
 
 /// Holds SIGTERM back in the main thread from before the service reports itself up until its handler is
-/// installed: a stop right behind the start would otherwise kill the daemon and leave its files.
+/// installed: a stop right behind the start would otherwise kill the daemon and leave its files. When it ends
+/// without a main loop (the start failed), SIGTERM is ignored from then on: the process cleans up and ends
+/// anyway.
 class CTermHeld
 {
 public:
@@ -25,6 +27,8 @@ public:
 
 /// Logs a message with one insert, at priority 2.
 void LogMessage(unsigned int nMessage, const std::wstring& csInsert);
+/// Allows core dumps if the service wants them. Comes once more after each switch of identity.
+void __CoreDump();
 /// Starts the service; a failure is logged.
 bool __bStart();
 /// Hands a file (-1: none) and the service's own directory to the user and switches identity: for good, or

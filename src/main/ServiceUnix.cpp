@@ -132,6 +132,13 @@ void AllowCoreDump()
     }
 }
 
+void __CoreDump()
+{
+    if (gpclServiceImp->vbWithCoreDump()) {
+        AllowCoreDump();
+    }
+}
+
 bool __bStart()
 {
     if (gpclServiceImp->bStart()) {

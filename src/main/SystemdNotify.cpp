@@ -59,17 +59,13 @@ bool bIsSystemdNotify()
 bool __bServiceMainSystemdNotify()
 {
     const std::string csSocket = csTakeSocket();
-    if (gpclServiceImp->vbWithCoreDump()) {
-        AllowCoreDump();
-    }
+    __CoreDump();
     std::array<wchar_t, g_nServicePath> tUser{};
     if (gpclServiceImp->vbGetServiceUser(tUser.data())) {
         if (!__bChangeUser(-1, tUser.data(), false)) {
             return false;
         }
-        if (gpclServiceImp->vbWithCoreDump()) {
-            AllowCoreDump();
-        }
+        __CoreDump();
     }
     std::optional<CTermHeld> clHeld(std::in_place);
     if (!__bStart()) {

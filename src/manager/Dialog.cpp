@@ -174,7 +174,7 @@ std::string CDialog::__csToWire(const std::wstring& csText) const
     return csNarrow(csText, m_bUTF8 ? CP_UTF8 : CP_1252);
 }
 
-/// One call for the whole text. A tool that is gone is noticed by the next receive.
+/// One call, which waits for a tool that does not read. One that is gone is noticed by the next receive.
 void CDialog::__Send(std::string_view csBytes)
 {
     (void)::send(m_clSocket.nFd(), csBytes.data(), csBytes.size(), MSG_NOSIGNAL);

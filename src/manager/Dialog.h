@@ -7,6 +7,7 @@
 #include <atomic>
 #include <string>
 #include <string_view>
+#include <vector>
 
 /// Codes of the "ERROR\t%u" replies.
 enum eError : unsigned int
@@ -29,8 +30,8 @@ struct CInstallInfo
     std::vector<std::wstring> tTemporaryFiles;
 };
 
-/// One conversation with one tool: greets, then reads a command line, runs the command, writes one reply
-/// line, until "QUIT" or the end of the connection.
+/// One conversation with one tool: greets (meanwhile its thread may already be reading), reads a command
+/// line, runs the command, writes one reply line, until "QUIT" or the end of the connection.
 ///
 /// Made by an accept thread, which calls xStart and then lets go with Release; runs on a thread of its own,
 /// which lets go in its turn when the conversation ends. Whoever lets go last frees the object and closes the

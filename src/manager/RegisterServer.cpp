@@ -1,10 +1,8 @@
 // Registration of a database server that asks for it: finds the service of its executable or makes one, and
-// starts it.
-//
-// Locks, outermost first: the service lock, held from the listing to the start so that two servers cannot
-// take one name or port; then, inside single operations, the service manager's and the child table's. The
-// monitor and the conversations' status queries take none of the first.
+// starts it. The service lock is held from the listing to the start, so that two servers cannot take one name
+// or port.
 
+#include "config/Settings.h"
 #include "config/WinApi.h"
 #include "manager/SetupManager.h"
 #include "support/accesdllres.h"
@@ -73,21 +71,22 @@ CSetupManager::EComparison CSetupManager::__eCompare(CService& clService, const 
         if (bSameFile) {
             return EComparison::SAME;
         }
-        DLLRES_bFormatMessage(&g_stMyModule, MSG_NAME_TAKEN, pcsError, stServer.csName.c_str(),
+        DLLRES_bFormatMessage(&g_stMyModule, MSG_SERVER_NAME_TAKEN, pcsError, stServer.csName.c_str(),
                               stServer.csPath.c_str(), csExecutable.c_str());
         return EComparison::CONFLICT;
     }
     const std::wstring csShort = csShortName(clService);
     if (bSameFile) { // registered under another name, which the server learns from its configuration
         const std::wstring csFile = s_csServersConfig(csExecutable);
-        (void)WritePrivateProfileString(L"INIT", L"Name", csShort.c_str(), csFile.c_str());
+        (void)WritePrivateProfileString(settings::Name.pszSection, settings::Name.pszKey, csShort.c_str(),
+                                        csFile.c_str());
         return EComparison::SAME;
     }
     if (csExecutable.empty() || // then it holds no port
         std::wcstol(s_csAccessPort(clService).c_str(), nullptr, 10) != stServer.wPort) {
         return EComparison::OTHER;
     }
-    DLLRES_bFormatMessage(&g_stMyModule, MSG_PORT_TAKEN, pcsError, stServer.csName.c_str(),
+    DLLRES_bFormatMessage(&g_stMyModule, MSG_SERVER_PORT_TAKEN, pcsError, stServer.csName.c_str(),
                           static_cast<unsigned int>(stServer.wPort), csShort.c_str());
     return EComparison::CONFLICT;
 }

@@ -84,9 +84,9 @@ CServer::~CServer()
 
 bool CServer::bInit(std::uint16_t wPort)
 {
-    CXError clIgnored;
-    if (!bSocketListenTCP(wPort, 0, &m_clSockets, &clIgnored, nullptr, s_nBacklog)) {
-        errno = clIgnored.nGetSystemError();
+    CXError clError;
+    if (!bSocketListenTCP(wPort, 0, &m_clSockets, &clError, nullptr, s_nBacklog)) {
+        errno = clError.nGetSystemError();
         return false;
     }
     EnlargeDescriptorTable(m_clSockets.tGetSockets().front().nSocket);

@@ -71,7 +71,7 @@ bool CSetupManager::bInit()
     if (m_clServer.bInit(g_wManagerPort) && m_clPingEcho.bInit(g_wManagerPort)) {
         return true;
     }
-    // Only the sockets get here: they are what another program can have taken.
+    // Only the sockets get here: the port is what another program can have taken.
     CXError clError;
     clError.SetSystemError(errno);
     CTString csMessage;
@@ -202,14 +202,16 @@ std::wstring CSetupManager::s_csServersConfig(const std::wstring& csExecutable)
 
 std::wstring CSetupManager::s_csAccessPort(CService& clService)
 {
-    constexpr wchar_t szUsual[] = L"4900";
+    constexpr auto stSetting = settings::AccessPort;
+    const std::wstring csUsual = std::to_wstring(stSetting.nDefault);
     const std::wstring csExecutable = clService.csGetExecutable();
     if (csExecutable.empty()) { // no folder, so no configuration either
-        return szUsual;
+        return csUsual;
     }
     const std::wstring csFile = s_csServersConfig(csExecutable);
     std::array<wchar_t, s_nPortText + 1> tPort{};
-    GetPrivateProfileString(L"INIT", L"AccessPort", szUsual, tPort.data(), tPort.size(), csFile.c_str());
+    GetPrivateProfileString(stSetting.pszSection, stSetting.pszKey, csUsual.c_str(), tPort.data(),
+                            tPort.size(), csFile.c_str());
     return tPort.data();
 }
 
@@ -226,7 +228,7 @@ void CSetupManager::__AddServeurList(const CServiceGuard&, CService& clService, 
 
 void CSetupManager::_LogError(const CXError& clError)
 {
-    constexpr unsigned int nEverything = 0x80000FFF;
+    constexpr unsigned int nEverything = 0x80000FFF; // with the bits of later kinds of information
     CTString csText;
     DLLRES_bFormatMessage(&g_stMyModule, MSG_START_FAILED, &csText, g_szManagerService);
     _LogText(csReplaceAll<wchar_t>(csText + L"\r\n" + clError.StringDump(nEverything), L"\r\n", L"\n"));

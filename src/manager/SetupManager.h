@@ -61,7 +61,7 @@ public:
     /// The service manager, for the command-line modes and the dialogs.
     CServiceManager* pclGetServiceManager() { return &m_clServiceManager; }
     CRemoteVelmoManager& clGetRemote() { return m_clRemote; }
-    /// Takes the service lock, which serialises every listing or change of the server services.
+    /// Takes the service lock. It serialises listings with registrations, not the commands on one server.
     CServiceGuard clLockServices() { return CServiceGuard(m_clServiceLock); }
 
     /// Version, system, processor and memory; fields separated by tabs. Written once before any endpoint
@@ -73,7 +73,8 @@ public:
     void AddServeurList(CTString* pcsReply);
     /// The configuration file of the server with this executable.
     static std::wstring s_csServersConfig(const std::wstring& csExecutable);
-    /// Access port of a server as its own configuration has it; "4900" when that does not say.
+    /// Access port of a server as its own configuration has it, whatever text that is; the default when it
+    /// does not say.
     static std::wstring s_csAccessPort(CService& clService);
     /// Makes sure that a service exists for this server's executable and runs. On refusal or failure the text
     /// goes into pcsError and the log. A refusal installs and starts nothing; a service whose start fails

@@ -20,23 +20,6 @@ constexpr int s_nMaxArguments = 50; ///< the program included
 constexpr std::size_t s_nOutputRoom = std::size_t{1} << 20;
 std::unique_ptr<CProcessManager> s_pclManager;
 
-struct STPipe
-{
-    CDescripteur clRead;
-    CDescripteur clWrite;
-};
-
-bool bOpenPipe(STPipe* pstPipe)
-{
-    int tFd[2];
-    if (::pipe2(tFd, O_CLOEXEC) != 0) {
-        return false;
-    }
-    pstPipe->clRead = CDescripteur(tFd[0]);
-    pstPipe->clWrite = CDescripteur(tFd[1]);
-    return true;
-}
-
 void Nap(int nMs)
 {
     ::poll(nullptr, 0, nMs); // ends early when a child ends

@@ -4,6 +4,17 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+bool bOpenPipe(STPipe* pstPipe)
+{
+    int tFd[2];
+    if (::pipe2(tFd, O_CLOEXEC) != 0) {
+        return false;
+    }
+    pstPipe->clRead = CDescripteur(tFd[0]);
+    pstPipe->clWrite = CDescripteur(tFd[1]);
+    return true;
+}
+
 bool bWriteAll(int nFd, std::string_view csBytes)
 {
     while (!csBytes.empty()) {

@@ -23,7 +23,17 @@ auto nRetry(TCall Call)
 }
 
 /// For the result of a call after whose failure there is nothing better than to go on; the place says why.
+/// Where the compiler does not insist, "(void)" says the same.
 inline void Ignored(long) {}
+
+/// Both ends of a pipe, close-on-exec.
+struct STPipe
+{
+    CDescripteur clRead;
+    CDescripteur clWrite;
+};
+/// False with errno when there are no descriptors left.
+bool bOpenPipe(STPipe* pstPipe);
 
 /// Writes all of the bytes; false with errno (EIO where the system just takes none) when it cannot.
 bool bWriteAll(int nFd, std::string_view csBytes);
