@@ -9,7 +9,9 @@
 ///
 /// Nothing is cached: every getter reads the file anew, every setter rewrites it. Getters never fail, a
 /// missing file or key gives the default. Any number of objects may be used by any threads, with the limits
-/// of the store beneath (see WinApi.h). Keys, defaults, meanings and units: docs/settings.md.
+/// of the store beneath (see WinApi.h). Keys, defaults, meanings and units: docs/settings.md. The manager
+/// itself asks for the restart of failed servers and, of a server's file, for its cluster; all else is for
+/// the servers and the setup programs.
 ///
 /// Getters of texts fill a buffer as large as their setting's row in Settings.h says, terminator included;
 /// those that expand a path fill one of s_nPathBuffer characters. Setters of texts delete the key when given

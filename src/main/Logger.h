@@ -27,6 +27,7 @@ public:
     /// The format is the message formatter's (%1, %2!u!...), and what comes out of it is syslog's format:
     /// text from outside is doubled at "%" by the caller.
     virtual void AddLog(ePRIORITY ePriority, const wchar_t* pszFormat, ...) = 0;
+    /// Events and details are for the product's other services.
     virtual void AddLogEvent(ePRIORITY ePriority, int nEvent, const wchar_t* pszFormat, ...) = 0;
     /// Logs the first detail only, as the format; intended.
     virtual void AddLogDetail(ePRIORITY ePriority, int nEvent, const wchar_t** ppszDetails, int nDetails) = 0;

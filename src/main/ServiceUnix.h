@@ -3,7 +3,8 @@
 #include "main/Logger.h"
 
 /// The behaviour of a service, as the daemon machinery drives it. All on the main thread; Stop also from the
-/// termination handler.
+/// termination handler. The manager keeps the defaults of the "vb" operations: it runs as root and allows no
+/// core dumps; other services of the product do not.
 class CServiceImp
 {
 public:

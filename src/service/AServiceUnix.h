@@ -37,6 +37,7 @@ public:
              std::optional<std::wstring> csBinaryPath);
 
     const wchar_t* pszGetName() const { return m_csName.c_str(); }
+    /// What programs written for other systems ask for as well: fixed values. The manager asks for none.
     static unsigned int nGetStartType() { return 2; }    ///< automatic
     static unsigned int nGetErrorControl() { return 1; } ///< normal
     static unsigned int nGetServiceType() { return 16; } ///< a process of its own
@@ -54,7 +55,7 @@ public:
     /// pszArguments reach a SysV script only: a unit fixes its own command line.
     bool bStart(const wchar_t* pszArguments = nullptr);
     bool bStop();
-    bool bRestart();
+    bool bRestart(); ///< for the product's other programs, as bSendControlCommand is
     EServiceStatus eGetStatus();
     /// Whether it runs or is about to.
     bool bActive();
