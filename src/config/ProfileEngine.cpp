@@ -105,6 +105,7 @@ std::optional<CUnits<TUnit>> csValueOf(CUnitsView<TUnit> csText, std::size_t nAf
     return CUnits<TUnit>(itValue, csValue.end());
 }
 
+/// Adds a name to a list that is none as long as it has no names.
 template <class TUnit>
 void AppendListed(std::optional<CUnits<TUnit>>* pcsList, CUnitsView<TUnit> csName)
 {
@@ -129,6 +130,7 @@ std::optional<CUnitsView<TUnit>> csKeyName(CUnitsView<TUnit> csText)
     return csText.substr(0, nEnd);
 }
 
+/// Names of all headers, the same one as often as it stands there.
 template <class TUnit>
 std::optional<CUnits<TUnit>> csListSections(CProfileFile& clFile)
 {

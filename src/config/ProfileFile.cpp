@@ -42,6 +42,7 @@ private:
     CSignalsHeld m_clHeld{SIGXFSZ};
 };
 
+/// Writes all of the bytes at a position; ENOSPC where the system just takes none.
 bool bWriteAt(int nFd, std::string_view csBytes, off_t nPosition)
 {
     while (!csBytes.empty()) {

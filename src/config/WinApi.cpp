@@ -54,6 +54,7 @@ std::optional<std::basic_string<TUnit>> csOptionalUnits(const wchar_t* pszText)
     return pszText == nullptr ? std::nullopt : std::optional(csUnits<TUnit>(pszText));
 }
 
+/// The reader of one encoding, with wide text on both sides.
 template <class TUnit>
 std::optional<std::wstring> csSearch(CProfileFile& clFile, const wchar_t* pszSection, const wchar_t* pszKey)
 {
@@ -63,6 +64,7 @@ std::optional<std::wstring> csSearch(CProfileFile& clFile, const wchar_t* pszSec
     return csFound.has_value() ? std::optional(csFromUnits(*csFound)) : std::nullopt;
 }
 
+/// The writer of one encoding.
 template <class TUnit>
 bool bEdit(CProfileFile& clFile, const wchar_t* pszSection, const wchar_t* pszKey, const wchar_t* pszValue)
 {
@@ -72,6 +74,8 @@ bool bEdit(CProfileFile& clFile, const wchar_t* pszSection, const wchar_t* pszKe
     return __WritePrivateProfileString<TUnit>(clFile, csSection, csKey, csValue);
 }
 
+/// Fills a buffer as far as it goes, its terminator included; returns the number of characters in front of
+/// it.
 template <class TCar>
 unsigned int nCopyCut(std::basic_string_view<TCar> csText, TCar* pszBuffer, unsigned int nSize)
 {
@@ -95,6 +99,7 @@ std::optional<std::wstring> csHomeDirectory()
     return pstFound == nullptr ? std::nullopt : std::optional(csFromUTF8(pstFound->pw_dir));
 }
 
+/// Where the file of that name lies: a name without a directory is one of the user's home.
 std::wstring __PrivateProfilePatchName(const wchar_t* pszFile)
 {
     std::wstring csPath(pszFile);
@@ -127,6 +132,7 @@ struct STRead
     std::optional<std::wstring> csFound;
 };
 
+/// One pass over the file. No file, no right to read it and no memory all look like an absent key.
 STRead stRead(const wchar_t* pszSection, const wchar_t* pszKey, const wchar_t* pszFile)
 {
     STRead stResult;
@@ -158,6 +164,7 @@ unsigned int nAnswer(const STRead& stResult, const std::basic_string<TCar>& csFo
     return stResult.bOpened ? nCopyCut<TCar>(std::basic_string_view<TCar>(), pszBuffer, nSize) : 0;
 }
 
+/// One pass over the file and at most one change in it; false with errno.
 bool bWrite(const wchar_t* pszSection, const wchar_t* pszKey, const wchar_t* pszValue, const wchar_t* pszFile)
 {
     CProfileFile clFile;

@@ -32,6 +32,8 @@ std::string csPidPath(const wchar_t* pszServiceName)
     return csToUTF8((std::wstring(L"/var/run/") + pszServiceName + L".pid").substr(0, s_nMaxPidPath));
 }
 
+/// Tells the launcher how the start went; it is told once, and knows failure by itself when the pipe just
+/// closes.
 void __NotifyParentFork(CDescripteur* pclPipe, char cStatus)
 {
     if (pclPipe->bOpen()) {
@@ -126,6 +128,7 @@ void RunLocked(CPidFile& clPidFile, const wchar_t* pszUser, CDescripteur* pclPip
     clPidFile.Remove();
 }
 
+/// The daemon's life from the detaching to its end; whatever ends it early has been logged.
 void Daemon(const wchar_t* pszServiceName, CDescripteur clPipe)
 {
     Detach(clPipe.nFd());

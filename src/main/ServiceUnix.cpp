@@ -79,6 +79,7 @@ bool bFindUser(const std::string& csUser, uid_t* pnUser, gid_t* pnGroup)
     return true;
 }
 
+/// First the group: without root's user id it could not be changed any more.
 bool bSwitch(uid_t nUser, gid_t nGroup, bool bPermanent)
 {
     if (bPermanent) {

@@ -41,6 +41,7 @@ void KeepHeapSmall()
     ::mallopt(M_MMAP_THRESHOLD, s_nOwnMapping); // else it grows with the largest block ever freed
 }
 
+/// The standard descriptors first, so that nothing that follows gets their numbers.
 void Init(int*, char***)
 {
     KeepHeapSmall();
@@ -52,6 +53,7 @@ void Init(int*, char***)
     CLanceProcessus::sInit();
 }
 
+/// Undoes Init, the setup manager first: until its endpoints have ended they launch tools.
 void Term()
 {
     s_pclSetupManager.reset();
@@ -72,6 +74,8 @@ void EndServing(int nStatus)
     }
 }
 
+/// The first of the modes that the command line names, in this order; without any the manager installs
+/// itself.
 int nDispatch(int nCount, char** ppszArguments)
 {
     CServiceManager* pclManager = gpclSetupManager->pclGetServiceManager();

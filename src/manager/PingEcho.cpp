@@ -26,6 +26,7 @@ struct STDatagram
     alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(in6_pktinfo))> tAsked;
 };
 
+/// Room for a datagram, its sender and the address that it was sent to. Both arguments must outlive it.
 msghdr stMessage(STDatagram* pstDatagram, iovec* pstText)
 {
     msghdr st{};
@@ -69,6 +70,7 @@ void Send(int nSocket, msghdr stTo, std::string_view csBytes)
     (void)::sendmsg(nSocket, &stTo, MSG_NOSIGNAL);
 }
 
+/// The reply of INFO with as many servers as a datagram has room for, without the line end.
 std::string csAnswer(EPingForm eForm)
 {
     const ECodePage eCodePage = eForm == EPingForm::UTF8 ? CP_UTF8 : CP_SYSTEM;
@@ -80,6 +82,7 @@ std::string csAnswer(EPingForm eForm)
         csFittingServers(csBytes, g_nMaxDatagram - std::min(csResult.size(), g_nMaxDatagram)));
 }
 
+/// Has the system tell with each datagram which address it was sent to.
 void AskForAddresses(const STSocket& stSocket)
 {
     const int nOne = 1;

@@ -21,6 +21,7 @@ constexpr std::size_t s_nProgramBuffer = 150;
 /// ever, and whoever waits for the service lock.
 constexpr unsigned int s_nStatusLimitMs = 20'000;
 
+/// What a shell says with its exit code, as the error that a reply can tell.
 int nErrnoOfShell(int nExitCode)
 {
     switch (nExitCode) {

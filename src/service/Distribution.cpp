@@ -35,6 +35,7 @@ struct STWord
     EDistri eDistri;
 };
 
+/// Family of the first word of the list, not of the text, that the text holds in any case of letters.
 EDistri eFirstWordIn(std::string csText, std::initializer_list<STWord> tWords, EDistri eOtherwise)
 {
     std::transform(csText.begin(), csText.end(), csText.begin(), cLower);

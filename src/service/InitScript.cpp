@@ -38,6 +38,7 @@ bool bNeedsBackslash(char c)
     return !bBeyondAscii(c) && c != '/' && std::string_view(s_szOrdinary).find(c) == std::string_view::npos;
 }
 
+/// Each character that means something to a shell gets a backslash.
 std::string csEscape(std::string_view csText)
 {
     std::string csResult;
@@ -83,6 +84,7 @@ std::string csEscapeAgain(std::string_view csText)
     return csResult;
 }
 
+/// Told by how the line begins; templates keep to it.
 EQuoting eQuotingOf(std::string_view csLine)
 {
     SkipBlanks(&csLine);

@@ -20,6 +20,7 @@ struct STSubstitution
     const wchar_t* pszTo;
 };
 
+/// Every rule in one pass: what one puts in is not what another looks for.
 template <std::size_t nCount>
 std::wstring csSubstitute(const std::wstring& csName, const std::array<STSubstitution, nCount>& tRules)
 {
@@ -53,6 +54,7 @@ bool bHasUnitType(std::wstring_view csUnit)
                        [csUnit](std::wstring_view csType) { return csUnit.ends_with(csType); });
 }
 
+/// Words are what ";" and "|" separate: in a lookup these are blanks.
 bool bHasOptionWord(const std::wstring& csUnit)
 {
     bool bWordStart = true;

@@ -37,6 +37,7 @@ constexpr STBootFile s_tBootFiles[] = {
      "\n# Start the %s server\nif [ -x /etc/rc.d/rc.%s ]; then\n/etc/rc.d/rc.%s stop\nfi\n"},
 };
 
+/// Slackware has no tool for it: its boot and shutdown scripts call each service by a block of their own.
 void AppendBootBlocks(const STSysVFamily&, const std::string& csName)
 {
     for (const STBootFile& st : s_tBootFiles) {
@@ -48,6 +49,7 @@ void AppendBootBlocks(const STSysVFamily&, const std::string& csName)
     }
 }
 
+/// The tools read the script's header to find its links.
 bool bUnregisterThenDelete(const STSysVFamily& stFamily, const std::wstring& csName)
 {
     if (stFamily.pszUnregister != nullptr) {

@@ -28,6 +28,7 @@ wchar_t cFrom1252(char c)
     return n >= 0x80 && n <= 0x9F ? s_t1252[n - 0x80u] : static_cast<wchar_t>(n);
 }
 
+/// "?" for what the code page lacks.
 char cTo1252(wchar_t c)
 {
     if ((c >= 0 && c < 0x80) || (c >= 0xA0 && c <= 0xFF)) {
@@ -46,6 +47,7 @@ struct STLead
     unsigned char nHigh;
 };
 
+/// The table of well-formed UTF-8, by lead byte.
 constexpr STLead stLead(unsigned char n)
 {
     struct STRow
@@ -93,6 +95,7 @@ wchar_t cDecodeUTF8(std::string_view csBytes, std::size_t& nPos)
     return static_cast<wchar_t>(nChar);
 }
 
+/// What is no character is written as U+FFFD.
 void AppendUTF8(std::string& csBytes, wchar_t c)
 {
     char32_t nChar = static_cast<char32_t>(c);

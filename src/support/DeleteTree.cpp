@@ -40,6 +40,7 @@ std::uint64_t qwMountByHandle(int nFd)
     return bTold ? static_cast<std::uint64_t>(nMount) : 0;
 }
 
+/// Of an open directory; none with errno when the system does not tell.
 std::optional<STPlace> stPlace(int nFd)
 {
     struct statx st

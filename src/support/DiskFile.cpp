@@ -41,6 +41,7 @@ std::wstring csNormalised(const std::wstring& csName)
     return csResult;
 }
 
+/// By device and inode; links are followed.
 bool bSameOnDisk(const std::wstring& cs1, const std::wstring& cs2, bool bDirectory)
 {
     struct stat st1
@@ -51,6 +52,7 @@ bool bSameOnDisk(const std::wstring& cs1, const std::wstring& cs2, bool bDirecto
            st1.st_dev == st2.st_dev && st1.st_ino == st2.st_ino && (!bDirectory || S_ISDIR(st1.st_mode));
 }
 
+/// By text first: neither needs to exist for that.
 bool bSameName(const std::wstring& cs1, const std::wstring& cs2, bool bDirectory)
 {
     const std::wstring csName1 = csNormalised(cs1);
@@ -123,6 +125,7 @@ std::string csResolved(const std::string& csPath)
     return pszReal ? std::string(pszReal.get()) : csPath;
 }
 
+/// Chooses between the two ways of writing by what lies at the path.
 bool bWrite(const std::string& csPath, const std::string& csBytes)
 {
     if (csPath.empty()) {

@@ -134,6 +134,7 @@ bool bReadInsert(std::wstring_view csFormat, std::size_t& nPos, STInsert* pstIns
     return true;
 }
 
+/// Strings and characters do not go through the C library, so they are padded here.
 std::wstring csPadded(std::wstring csText, const STInsert& stInsert)
 {
     const auto nWidth = static_cast<std::size_t>(stInsert.nWidth);
@@ -186,6 +187,7 @@ std::wstring csInteger(const UArg& uArg, const STInsert& stInsert)
     return csFromUTF8(csText);
 }
 
+/// An argument as its insert wants it.
 std::wstring csArgument(const UArg& uArg, const STInsert& stInsert)
 {
     if (stInsert.cConversion == 's') {

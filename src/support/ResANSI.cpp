@@ -43,6 +43,7 @@ constexpr std::size_t nBlockSize()
 
 using CBlock = std::array<unsigned char, nBlockSize()>;
 
+/// All records and the ending size of 0, by the compiler.
 consteval CBlock tBuildBlock()
 {
     CBlock tBlock{};

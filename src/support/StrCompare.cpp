@@ -13,6 +13,7 @@ constexpr wchar_t s_szLatin[] = L"aaaaaa\xE6"
                                 L"nooooo\xF7\xF8uuuuy\xFEy";
 static_assert(std::size(s_szLatin) == 64 + 1);
 
+/// Letter without case and accent; by table and not by locale, so that it is the same on every machine.
 wchar_t cFolded(wchar_t c)
 {
     if (c >= L'A' && c <= L'Z') {
@@ -55,6 +56,7 @@ std::wstring_view csTakeDigits(const wchar_t*& psz)
     return {pszStart, static_cast<std::size_t>(psz - pszStart)};
 }
 
+/// Of numbers without leading zeros the longer one is larger; of equal length the texts decide.
 int nCompareNumbers(std::wstring_view cs1, std::wstring_view cs2)
 {
     if (cs1.size() != cs2.size()) {

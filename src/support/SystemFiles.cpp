@@ -99,6 +99,7 @@ void ParseMemLine(std::string_view csLine, tagMEMORYSTATUSEX* pst)
     }
 }
 
+/// Percent of memory and swap in use; 0 where the figures make no sense.
 std::uint32_t dwLoad(const tagMEMORYSTATUSEX& st)
 {
     const std::uint64_t qwTotal = st.qwTotalPhys + st.qwTotalSwap;
@@ -109,6 +110,7 @@ std::uint32_t dwLoad(const tagMEMORYSTATUSEX& st)
     return static_cast<std::uint32_t>((qwTotal - qwFree) / (qwTotal / 100));
 }
 
+/// Any number of double quotes at both ends goes.
 std::string csTrimQuotes(std::string_view csValue)
 {
     const std::size_t nFirst = csValue.find_first_not_of('"');
@@ -137,6 +139,7 @@ std::string csReleaseVersion(const std::string& csLine)
                                        : csLine.substr(nStart, csLine.find(' ', nStart) - nStart);
 }
 
+/// "/etc/WORD-release" of older systems: its first line is the description.
 bool bReadReleaseFile(const CReadFile& csRead, const std::string& csWord, STLinuxNameAndVersion* pstInfo)
 {
     const std::string csLine = csFirstLine(csRead("/etc/" + csWord + "-release").value_or(""));

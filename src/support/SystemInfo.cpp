@@ -21,6 +21,7 @@ struct STMemoryCache
     std::time_t nSecond = -1;
 };
 
+/// From /proc; where that is not mounted from the system call, which does not know what is only cached.
 void ReadMemoryStatus(tagMEMORYSTATUSEX* pst)
 {
     std::string csText;
@@ -40,6 +41,7 @@ void ReadMemoryStatus(tagMEMORYSTATUSEX* pst)
     }
 }
 
+/// The distribution's description; where there is none the kernel's name, or "?".
 std::string csSystemName(const utsname* pstName)
 {
     STLinuxNameAndVersion stInfo;

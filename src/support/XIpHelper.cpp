@@ -107,6 +107,7 @@ ESocketResult eSocketBindStreamUDP(const addrinfo& stEntry, std::uint16_t wPort,
     return SOCKET_READY;
 }
 
+/// Address family that the flags leave.
 int nFamily(unsigned int nFlags)
 {
     if ((nFlags & SOCKET_IPV4_ONLY) != 0) {

@@ -17,6 +17,7 @@ struct STEntryPoints
 // Set between a successful bInitVM and TermVM; main thread only.
 std::optional<STEntryPoints> gstVM;
 
+/// Whether the library exports all that the manager calls, now or at its end.
 bool bComplete(void* hLibrary, CXError* pclError)
 {
     for (const char* pszEntry :

@@ -19,7 +19,7 @@ constexpr char s_szUnit[] = "/lib/systemd/system/VelmoManager.service";
 constexpr char s_szPolicy[] = "/usr/sbin/policy-rc.d";
 /// As below a service that reports its readiness, which the manager must not take itself for; without the
 /// triggers of other packages, which take their time.
-const std::string s_csDpkg = "NOTIFY_SOCKET=@nobody dpkg --no-triggers ";
+const std::string s_csDpkg = "env NOTIFY_SOCKET=@nobody dpkg --no-triggers ";
 
 std::string csOutput(const std::string& csCommand)
 {

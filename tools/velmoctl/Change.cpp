@@ -11,6 +11,7 @@ std::optional<bool> bReadDone(std::string_view csLine)
     return csLine == "OK" ? std::optional<bool>(true) : std::nullopt;
 }
 
+/// The outcome, for programs or for people.
 void Tell(const STCall& stCall, const std::string& csName, const char* pszJson, const std::string& csWords)
 {
     if (stCall.stOptions.bJson) {
@@ -47,6 +48,7 @@ struct STOutcome
     const char* pszWords;
 };
 
+/// With files it takes two requests: the first deletes them and leaves the service, the second removes that.
 STOutcome stRemove(CConversation* pclManager, const std::string& csName, bool bDeleteFiles)
 {
     const CProgress clProgress("uninstalling...");

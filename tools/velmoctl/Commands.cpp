@@ -63,6 +63,7 @@ const STCommand& stFind(const std::string& csName)
     return *pstFound;
 }
 
+/// Throws CFailure (USAGE) for an option that the command does not have and for a wrong number of words.
 void CheckUse(const STCommand& stCommand, const STCommandLine& stLine)
 {
     const std::vector<std::string> tKnown = tOptionsOf(stCommand.pszName);

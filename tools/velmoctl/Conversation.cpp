@@ -20,6 +20,7 @@ struct STResolved
     int nError = 0;
 };
 
+/// One question to the system's resolver.
 STResolved stAsk(const std::string& csHost, const std::string& csPort, int nType, int nFlags)
 {
     addrinfo stHints{};

@@ -54,6 +54,7 @@ constexpr STKey s_tKeys[] = {
     {"\x17", CEditLine::EKey::KILL_WORD},
 };
 
+/// The next byte of the terminal; none when there is none in time, or at the end.
 std::optional<char> cNext(Milliseconds clTime)
 {
     char c = 0;

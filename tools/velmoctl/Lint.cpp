@@ -194,6 +194,7 @@ std::wstring csUnits(std::string_view csBytes, bool bUTF16)
     return csText;
 }
 
+/// The whole file. Throws CFailure (USAGE) for what is none, or too large to be one of settings.
 std::string csReadFile(const std::string& csPath)
 {
     constexpr std::uintmax_t nMax = 4u << 20;

@@ -87,6 +87,7 @@ constexpr STBounds s_tBounds[] = {
 
 constexpr std::size_t s_nNumberCharacters = 19; // more are not looked at
 
+/// What a number of that text reads as, where it is not what it looks like; empty: it is. As in all below.
 std::string csNumberFault(const STSetting& stSetting, const std::wstring& csValue)
 {
     const std::wstring csRead = csValue.substr(0, s_nNumberCharacters);
@@ -112,6 +113,7 @@ std::string csNumberFault(const STSetting& stSetting, const std::wstring& csValu
     return bFits ? "" : std::to_string(nValue) + " " + pst->pszBeyond;
 }
 
+/// Macros stand at the start of a path, and are told by their first seven characters.
 std::string csPathFault(const std::wstring& csValue)
 {
     const bool bMacro = csValue.starts_with(L"%%");
@@ -145,6 +147,7 @@ std::string csFamiliesFault(const std::wstring& csValue)
     return "";
 }
 
+/// What many take for syntax belongs to a value: quotes, comments, blanks at its end.
 std::string csTextFault(const STSetting& stSetting, const std::wstring& csValue)
 {
     if (csValue.size() >= stSetting.nSize) {

@@ -19,6 +19,7 @@ struct STOption
     const char* pszHelp;
 };
 
+/// A number that is the whole text and within its bounds. Throws CFailure (USAGE).
 template <class T>
 T nNumber(const std::string& csValue, T nMin, T nMax, const char* pszKind = "number")
 {

@@ -20,6 +20,7 @@ void AppendRow(const std::vector<STCell>& tRow, const std::vector<std::size_t>& 
     *pcsTable += "\n";
 }
 
+/// Also what a terminal might obey is escaped: the output of --json is looked at, too.
 std::string csJsonCharacter(wchar_t c)
 {
     if (c == L'"' || c == L'\\') {

@@ -18,6 +18,7 @@ STInfo stAskInfo(const STCall& stCall)
     return tAskFor(&clManager, {"INFO"}, "", stReadInfo);
 }
 
+/// Green for what runs, red for what does not, yellow for what is on its way.
 EColour eStateColour(const std::string& csState)
 {
     if (csState == "running") {
@@ -66,6 +67,7 @@ private:
     std::atomic<bool> m_bGivenUp = false;
 };
 
+/// Fills the list, with some conversations at a time.
 void AskStates(const STCall& stCall, std::vector<STListed>* ptList)
 {
     CStateAsker clAsker(stCall, ptList);

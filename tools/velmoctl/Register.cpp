@@ -81,6 +81,7 @@ private:
     CDescripteur m_clPipe;
 };
 
+/// Only a FIFO will do, and one that somebody reads: else the request would wait for a manager to come.
 CDescripteur clOpenManagerPipe()
 {
     CDescripteur clPipe(::open(s_pszManagerPipe, O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW));
@@ -111,6 +112,7 @@ void Write(const CDescripteur& clPipe, const CRequest& tRequest, const CDeadline
     }
 }
 
+/// Puts a text into its field of the request, in UTF-16. Throws CFailure (USAGE) when it does not fit.
 void PutText(const std::string& csText, std::size_t nOffset, std::size_t nMax, const char* pszWhat,
              CRequest* ptRequest)
 {
@@ -122,6 +124,7 @@ void PutText(const std::string& csText, std::size_t nOffset, std::size_t nMax, c
     csUnits.copy(&(*ptRequest)[nOffset], csUnits.size());
 }
 
+/// The path as the manager needs it: absolute, since it runs elsewhere.
 std::string csProgram(const std::string& csArgumentBytes)
 {
     if (::access(csArgumentBytes.c_str(), X_OK) != 0 || std::filesystem::is_directory(csArgumentBytes)) {

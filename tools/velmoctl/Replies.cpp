@@ -10,6 +10,7 @@ namespace {
 constexpr const char* s_pszDefaultServer = "dxsql";
 constexpr std::size_t s_nHostFields = 5;
 
+/// Fields between tabs; empty ones count.
 std::vector<std::string> tSplit(std::string_view csLine)
 {
     std::vector<std::string> tFields;
