@@ -45,21 +45,6 @@ void MaskTerm(int nHow)
     pthread_sigmask(nHow, &stTerm, nullptr);
 }
 
-bool bHarmless(const std::string& cs)
-{
-    return cs.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._-+@:,") ==
-           std::string::npos;
-}
-
-/// A word of a shell line: as it is when nothing in it means something to the shell, else in single quotes.
-std::string csShellWord(const std::string& cs)
-{
-    if (!cs.empty() && bHarmless(cs)) {
-        return cs;
-    }
-    return "'" + csReplaceAll<char>(cs, "'", "'\\''") + "'";
-}
-
 void GiveDirectory(const std::string& csUser, const std::string& csDirectory)
 {
     const std::string csWord = csShellWord(csDirectory);

@@ -2,6 +2,7 @@
 
 #include "support/ChildStart.h"
 #include "support/SystemCall.h"
+#include "support/XYString.h"
 
 #include <cerrno>
 #include <sys/wait.h>
@@ -30,4 +31,13 @@ int nShell(const std::string& csCommand)
         return -1;
     }
     return nStatus;
+}
+
+std::string csShellWord(const std::string& csText)
+{
+    constexpr char szHarmless[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._-+@:,";
+    if (!csText.empty() && csText.find_first_not_of(szHarmless) == std::string::npos) {
+        return csText;
+    }
+    return "'" + csReplaceAll<char>(csText, "'", "'\\''") + "'";
 }

@@ -7,3 +7,7 @@
 /// started through it from a worker thread (which blocks SIGTERM) could otherwise never be stopped. Any
 /// thread.
 int nShell(const std::string& csCommand);
+
+/// A text as one word of such a command line: as it is when nothing in it means something to the shell, else
+/// in single quotes.
+std::string csShellWord(const std::string& csText);
