@@ -144,6 +144,7 @@ TEST_F(SysV, EnumerationListsThePrefixedScriptsAndLeavesNoDirectoryOpen)
     const std::unique_ptr<CService> pclOne(m_clManager.pclEnumService(&nAborted, L"ssh"));
     m_clManager.AbortEnumService(&nAborted);
     EXPECT_EQ(nHandles(), nBefore);
+    EXPECT_EQ(nAborted, 0u) << "ready for another listing, unlike under systemd";
     std::filesystem::remove_all("/etc/init.d");
     EXPECT_TRUE(tList(L"").empty());
 }
