@@ -21,10 +21,10 @@ namespace {
 std::string csFileName(const std::string& csUnit)
 {
     std::string csName;
-    for (const unsigned char c : csUnit) {
-        char szEscape[8] = {static_cast<char>(c)};
-        if (c >= 0x80) {
-            std::snprintf(szEscape, sizeof szEscape, "\\x%02x", c);
+    for (const char c : csUnit) {
+        char szEscape[8] = {c};
+        if ((c & 0x80) != 0) {
+            std::snprintf(szEscape, sizeof szEscape, "\\x%02x", static_cast<unsigned int>(c & 0xFF));
         }
         csName += szEscape;
     }
