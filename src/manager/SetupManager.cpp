@@ -203,7 +203,7 @@ std::wstring CSetupManager::s_csServersConfig(const std::wstring& csExecutable)
 std::wstring CSetupManager::s_csAccessPort(CService& clService)
 {
     constexpr auto stSetting = settings::AccessPort;
-    const std::wstring csUsual = std::to_wstring(stSetting.nDefault);
+    std::wstring csUsual = std::to_wstring(stSetting.nDefault);
     const std::wstring csExecutable = clService.csGetExecutable();
     if (csExecutable.empty()) { // no folder, so no configuration either
         return csUsual;
