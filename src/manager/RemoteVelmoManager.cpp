@@ -18,7 +18,6 @@ void Refuse(CDialog& clDialog, eError eCode)
     clDialog.ACK(eCode, static_cast<unsigned int>(errno));
 }
 
-/// The reply of a command that either took place or did not.
 void Conclude(CDialog& clDialog, bool bDone, eError eCode)
 {
     if (bDone) {

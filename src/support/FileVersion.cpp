@@ -59,8 +59,8 @@ std::optional<std::string_view> csTake(std::string_view& csRest, std::size_t nSi
     return csTaken;
 }
 
-/// Notes lie back to back: sizes of owner and content and the type, then owner and content, each padded.
-/// Content of the version note among the notes of a segment.
+/// Content of the version note among the notes of a segment. They lie back to back: sizes of owner and
+/// content and the type, then owner and content, each padded.
 std::optional<std::string_view> csFindNote(std::string_view csNotes, std::size_t nAlign)
 {
     Elf64_Nhdr st{};

@@ -187,7 +187,6 @@ std::wstring csInteger(const UArg& uArg, const STInsert& stInsert)
     return csFromUTF8(csText);
 }
 
-/// An argument as its insert wants it.
 std::wstring csArgument(const UArg& uArg, const STInsert& stInsert)
 {
     if (stInsert.cConversion == 's') {

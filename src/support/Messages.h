@@ -33,9 +33,8 @@ inline constexpr STMessage s_tMessages[] = {
      u"The service could not be started. Look for its last entries in the system log, correct what they "
      u"report, then try again."},
     {MSG_SERVER_PORT_TAKEN,
-     u"The server \"%1\" was not registered: its port %2!u! is already used by the server "
-     u"\"%3\". Set another "
-     u"AccessPort in its DXConf.ini, then register it again."},
+     u"The server \"%1\" was not registered: its port %2!u! is already used by the server \"%3\". Set "
+     u"another AccessPort in its DXConf.ini, then register it again."},
     {MSG_SERVER_NAME_TAKEN,
      u"The server \"%1\" (%2) was not registered: its name is already registered for %3. Give it another "
      u"name, or uninstall the other server first, then register it again."},

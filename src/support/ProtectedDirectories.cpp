@@ -77,7 +77,6 @@ bool bBelow(std::string_view csPath, std::string_view csParent)
     return csPath.size() > csParent.size() && csPath.starts_with(csParent) && csPath[csParent.size()] == '/';
 }
 
-/// Whether the row protects the path.
 bool bReaches(const STProtected& st, std::string_view csPath)
 {
     if (csPath == st.csPath || st.eReach == ITSELF) {

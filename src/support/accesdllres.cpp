@@ -43,7 +43,6 @@ bool bLoadOutside(unsigned int nId, CTString* pcsText)
     return !pcsText->empty();
 }
 
-/// From the module's own block.
 bool bLoadOwn(const _stMyModuleInfo& stModule, unsigned int nId, CTString* pcsText)
 {
     STRessourceModule stResource{};

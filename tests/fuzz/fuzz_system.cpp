@@ -10,8 +10,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* pBytes, std::size_t nB
     const std::string csText(csInput(pBytes, nBytes));
     const STCpuInfo stCpu = stParseCpuInfo(csText);
     Require(stCpu.csModel.size() <= 200);
-    tagMEMORYSTATUSEX STMemory{};
-    ParseMemInfo(csText, &STMemory);
+    tagMEMORYSTATUSEX stMemory{};
+    ParseMemInfo(csText, &stMemory);
 
     STLinuxNameAndVersion stName;
     (void)readEtcFile(csText, {"ID=", "VERSION_ID=", "PRETTY_NAME="}, &stName);

@@ -11,7 +11,6 @@ std::optional<bool> bReadDone(std::string_view csLine)
     return csLine == "OK" ? std::optional<bool>(true) : std::nullopt;
 }
 
-/// The outcome, for programs or for people.
 void Tell(const STCall& stCall, const std::string& csName, const char* pszJson, const std::string& csWords)
 {
     if (stCall.stOptions.bJson) {
