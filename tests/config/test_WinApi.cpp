@@ -1,5 +1,4 @@
 #include "config/WinApi.h"
-#include "ProfileProgram.h"
 #include "support/Conversion.h"
 #include "tools/PrivateWorld.h"
 #include "tools/TempDir.h"
@@ -10,7 +9,6 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <pwd.h>
-#include <random>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -48,18 +46,6 @@ protected:
     void SetText(const std::string& csText, bool bUnicode) const { SetFile(csEncoded(csText, bUnicode)); }
 };
 } // namespace
-
-TEST(ProfileStore, NoiseInAFileHarmsNeitherReadsNorWrites)
-{
-    const CTempDir clDirectory;
-    const std::string csPath = clDirectory.csPath("fuzz.ini");
-    std::vector<std::uint8_t> tBytes(160);
-    for (unsigned int nSeed = 1; nSeed <= 3000; ++nSeed) {
-        std::mt19937 clRandom(nSeed);
-        std::generate(tBytes.begin(), tBytes.end(), [&] { return static_cast<std::uint8_t>(clRandom()); });
-        ASSERT_EQ(CProfileProgram(tBytes.data(), tBytes.size(), csPath).csRun(), "") << "seed " << nSeed;
-    }
-}
 
 TEST_F(ProfileFile, AReadTakesTheFirstLineOfItsKeyInTheFirstSectionOfItsName)
 {
