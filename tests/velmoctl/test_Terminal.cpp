@@ -4,12 +4,10 @@
 #include "tools/TempDir.h"
 #include "tools/Wait.h"
 
-#include <csignal>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <pty.h>
-#include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 /// A program on a terminal of its own: what is typed goes in, what it shows comes out.
@@ -31,8 +29,7 @@ public:
     ~CProgramOnTerminal()
     {
         if (m_nPid > 0) {
-            ::kill(m_nPid, SIGKILL);
-            ::waitpid(m_nPid, nullptr, 0);
+            (void)nEndOf(m_nPid, 0);
         }
     }
     CProgramOnTerminal(const CProgramOnTerminal&) = delete;
@@ -49,25 +46,19 @@ public:
         }
         return true;
     }
-    /// Exit status, after reading all that is left; -1 when it then still runs.
+    /// How it ended (see nEndOf), after reading all that is left.
     int nEnd()
     {
         while (_bRead()) {
         }
-        int nStatus = -1;
-        if (!bWaitUntil([&] { return ::waitpid(m_nPid, &nStatus, WNOHANG) == m_nPid; }, 1000)) {
-            return -1;
-        }
-        m_nPid = -1;
-        return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : 128 + WTERMSIG(nStatus);
+        return nEndOf(std::exchange(m_nPid, -1), 1000);
     }
 
 private:
     bool _bRead()
     {
-        pollfd st{m_clTerminal.nFd(), POLLIN, 0};
         char c = 0;
-        if (TEMP_FAILURE_RETRY(::poll(&st, 1, 10'000)) != 1 || ::read(m_clTerminal.nFd(), &c, 1) != 1) {
+        if (!bReadable(m_clTerminal.nFd(), 10'000) || ::read(m_clTerminal.nFd(), &c, 1) != 1) {
             return false;
         }
         m_csShown += c;
