@@ -80,7 +80,7 @@ without_successes() { # LOG
 
 # Counts what a test program did. One that ended badly without a failed test of its own (it crashed, it hung, it
 # left in the middle) is one failure more.
-count_results() { # STATUS LOG
+count_results() { # STATUS LOG SECONDS
     local ok bad skip
     ok=$(closing_count PASSED "$2")
     bad=$(closing_count FAILED "$2")
@@ -92,7 +92,7 @@ count_results() { # STATUS LOG
         bad=1
     fi
     passed=$((passed + ok)) failed=$((failed + bad)) skipped=$((skipped + skip))
-    echo "$ok passed, $bad failed, $skip skipped"
+    echo "$ok passed, $bad failed, $skip skipped in $3 s"
     if ((skip > 0)); then
         grep -ao 'SKIPPED:.*' "$2" | sort -u | sed 's/^/    /' || true
     fi
@@ -124,7 +124,7 @@ selected_tests() { # PROGRAM GTEST_FILTER
 
 # Runs a test program, here or through a wrapper, and counts. Its whole output goes to a log beside the programs.
 run_program() { # PROGRAM FILTER SECONDS [WRAPPER...]
-    local program=$1 name=${1##*/} seconds=$3 chosen log status=0
+    local program=$1 name=${1##*/} seconds=$3 chosen log status=0 started=$SECONDS
     chosen=$(gtest_filter "$name" "$2")
     (($(selected_tests "$program" "$chosen") > 0)) || return 0
     log=${program%/*}/logs/$name.log
@@ -132,7 +132,7 @@ run_program() { # PROGRAM FILTER SECONDS [WRAPPER...]
     printf '%-24s ' "$name"
     shift 3
     timeout -k 10 "$seconds" "$@" "$program" --gtest_filter="$chosen" >"$log" 2>&1 </dev/null || status=$?
-    count_results "$status" "$log"
+    count_results "$status" "$log" "$((SECONDS - started))"
 }
 
 # The last line of a test run, and its exit status.

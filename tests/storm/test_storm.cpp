@@ -2,7 +2,7 @@
 // registrations, signals, a failing server, and a systemctl that is slow, fails, is killed or talks nonsense.
 // At the end everything is to be where it was.
 //
-// VELMO_STORM_SECONDS is how long it blows (120 unless set; for a soak run the program alone with hours).
+// VELMO_STORM_SECONDS is how long it blows (60 unless set; for a soak run the program alone with hours).
 
 #include "ManagerWorld.h"
 #include "tools/PingClient.h"
@@ -248,7 +248,7 @@ TEST(Storm, LeavesEverythingWhereItWas)
 {
     REQUIRE_PRIVATE_WORLD();
     const char* const pszSeconds = std::getenv("VELMO_STORM_SECONDS");
-    const int nSeconds = pszSeconds != nullptr ? std::atoi(pszSeconds) : 120;
+    const int nSeconds = pszSeconds != nullptr ? std::atoi(pszSeconds) : 60;
     const CManagerWorld clWorld(s_szSystemctl);
     std::ofstream(s_szWeather) << "fine\n";
     std::ofstream("/run/velmo/slow") << (nSeconds > 600 ? 30 : 3) << "\n";

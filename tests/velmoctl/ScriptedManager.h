@@ -137,7 +137,7 @@ private:
 /// Folder of the sources.
 inline std::string csSource()
 {
-    return std::filesystem::path(__FILE__).parent_path().parent_path().parent_path().string();
+    return VELMO_SOURCE_FOLDER;
 }
 
 inline std::string csClient()
