@@ -11,6 +11,7 @@
 #include "support/Version.h"
 #include "support/WinApi.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <memory>
 #include <unistd.h>
@@ -52,6 +53,10 @@ CServicePtr pclProvide(int nStyle, CServiceManager* pclManager)
         return nullptr;
     }
     CServicePtr pclService = pclManagerService(pclManager);
+    if (pclService == nullptr && errno != ENOENT) { // it may be registered: nothing is written over it
+        ShowErrorIDSError_Service(nStyle, MSG_CANNOT_REGISTER);
+        return nullptr;
+    }
     if (pclService != nullptr && bOlderThanThis(*pclService)) {
         (void)pclService->bStop();
         (void)pclService->bRemove();

@@ -1,10 +1,13 @@
 #include "main/GestionServiceLigneCmd.h"
 
 #include "main/ServiceUnix.h"
+#include "manager/FailedListing.h"
 #include "manager/SetupManager.h"
 #include "support/Conversion.h"
 #include "support/DiskFile.h"
 
+#include <cerrno>
+#include <cstdio>
 #include <memory>
 #include <strings.h>
 
@@ -21,11 +24,30 @@ int nFindOption(int nCount, char** ppszArguments, const wchar_t* pszOption)
     return 0;
 }
 
+/// On standard error: these commands end with 0 whatever happens.
+void SayFailure(int nError)
+{
+    std::fprintf(stderr, "VelmoManager: %s\n", csToUTF8(csFailedListing(nError)).c_str());
+}
+
 void StopIfActive(CService& clService)
 {
-    if (clService.bActive()) {
+    const EServiceStatus eStatus = clService.eGetStatus();
+    if (eStatus == STATUS_UNKNOWN) {
+        SayFailure(errno);
+    } else if (eStatus == STATUS_START_PENDING || eStatus == STATUS_RUNNING) {
         (void)clService.bStop(); // the next one is stopped all the same
     }
+}
+
+/// The manager's own service; says it when it cannot be looked up.
+std::unique_ptr<CService> pclOwnService(CServiceManager* pclManager)
+{
+    auto pclService = pclManagerService(pclManager);
+    if (pclService == nullptr && errno != ENOENT) {
+        SayFailure(errno);
+    }
+    return pclService;
 }
 
 bool bLiesIn(CService& clService, const wchar_t* pszDirectory)
@@ -69,7 +91,10 @@ void StopAllCmd()
     while (const auto pclServer = clListing.pclNext()) {
         StopIfActive(*pclServer);
     }
-    if (const auto pclService = pclManagerService(pclManager)) {
+    if (clListing.bFailed()) {
+        SayFailure(clListing.nError());
+    }
+    if (const auto pclService = pclOwnService(pclManager)) {
         StopIfActive(*pclService);
     }
 }
@@ -84,12 +109,15 @@ void StopOneServer(const wchar_t* pszDirectory)
     while (pclServer != nullptr && !bLiesIn(*pclServer, pszDirectory)) {
         pclServer = clListing.pclNext();
     }
+    if (clListing.bFailed()) {
+        SayFailure(clListing.nError());
+    }
     if (pclServer == nullptr) {
         return;
     }
     StopIfActive(*pclServer);
     // The product's folder may hold the manager beside the server: then both are in the way of a setup.
-    const auto pclService = pclManagerService(pclManager);
+    const auto pclService = pclOwnService(pclManager);
     if (pclService != nullptr && bLiesIn(*pclService, pszDirectory)) {
         StopIfActive(*pclService);
     }

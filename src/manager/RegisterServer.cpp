@@ -4,6 +4,7 @@
 
 #include "config/Settings.h"
 #include "config/WinApi.h"
+#include "manager/FailedListing.h"
 #include "manager/SetupManager.h"
 #include "support/accesdllres.h"
 #include "support/DiskFile.h"
@@ -32,7 +33,7 @@ void CSetupManager::RegisterServer(const std::wstring& csName, const std::wstrin
     const CServiceGuard clGuard = clLockServices();
     std::unique_ptr<CService> pclService;
     if (!__bFindServer(clGuard, stServer, &pclService, pcsError)) {
-        return _LogText(*pcsError);
+        return;
     }
     if (pclService == nullptr) {
         pclService = __pclInstallServer(clGuard, stServer);
@@ -56,8 +57,14 @@ bool CSetupManager::__bFindServer(const CServiceGuard&, const STRegistration& st
             *ppclFound = std::move(pclService); // of several the last one counts
             break;
         case EComparison::CONFLICT:
+            _LogText(*pcsError);
             return false;
         }
+    }
+    if (clListing.bFailed()) { // what is not listed may have the server's name: nothing may be written
+        *pcsError = csFailedListing(clListing.nError());
+        LogFailedListing(clListing.nError());
+        return false;
     }
     return true;
 }

@@ -1,5 +1,6 @@
 #include "manager/RestartOnFailed.h"
 
+#include "manager/FailedListing.h"
 #include "manager/SetupManager.h"
 #include "service/ServiceManagerUnix.h"
 #include "support/accesdllres.h"
@@ -56,5 +57,8 @@ void CRestartOnFailed::__Check()
         if (pclService->eGetStatus() == STATUS_FAILED) {
             (void)pclService->bStart();
         }
+    }
+    if (clListing.bFailed()) { // before its first service: the next pass looks again
+        LogFailedListing(clListing.nError());
     }
 }

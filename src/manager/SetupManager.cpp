@@ -2,6 +2,7 @@
 
 #include "config/Config.h"
 #include "config/WinApi.h"
+#include "manager/FailedListing.h"
 #include "support/accesdllres.h"
 #include "support/Conversion.h"
 #include "support/DescriptorLimit.h"
@@ -181,11 +182,23 @@ void CSetupManager::AddServeurList(CTString* pcsReply)
         __AddServeurList(clGuard, *pclService, pcsReply);
         __CheckNotEnding();
     }
-    // The default server has no prefix, so no listing finds it.
-    if (const auto pclService =
-            std::unique_ptr<CService>(m_clServiceManager.pclGetService(g_szDefaultServer))) {
-        __AddServeurList(clGuard, *pclService, pcsReply);
+    if (clListing.bFailed()) {
+        __FailListing(clListing.nError());
     }
+
+    // The default server has no prefix, so no listing finds it.
+    const std::unique_ptr<CService> pclDefault(m_clServiceManager.pclGetService(g_szDefaultServer));
+    if (pclDefault != nullptr) {
+        __AddServeurList(clGuard, *pclDefault, pcsReply);
+    } else if (errno != ENOENT) {
+        __FailListing(errno);
+    }
+}
+
+void CSetupManager::__FailListing(int nError)
+{
+    LogFailedListing(nError);
+    throw std::runtime_error("the services cannot be listed");
 }
 
 void CSetupManager::__CheckNotEnding() const

@@ -69,7 +69,7 @@ public:
     const CTString& csGetHostInfo() const { return m_csHostInfo; }
     /// Appends a tab, the name, a tab and the access port for each server service. Takes the service lock.
     /// Throws once the endpoints are to end: many callers may be waiting for each other's slow tools, and
-    /// half a list is no answer.
+    /// half a list is no answer. Throws, and logs it, when the services cannot be listed.
     void AddServeurList(CTString* pcsReply);
     /// The configuration file of the server with this executable.
     static std::wstring s_csServersConfig(const std::wstring& csExecutable);
@@ -92,6 +92,7 @@ private:
     void _AddCPU_RAM_Info();
     void __CheckNotEnding() const;
     void __AddServeurList(const CServiceGuard& clGuard, CService& clService, CTString* pcsReply);
+    [[noreturn]] static void __FailListing(int nError);
     void _LogError(const CXError& clError);
     /// Text from outside, logged as it is.
     void _LogText(const std::wstring& csText);
@@ -103,7 +104,8 @@ private:
         SAME,     ///< the server's own service
         CONFLICT, ///< it has the server's name or port
     };
-    /// False when a service is in conflict with the server; the text then says how.
+    /// False when a service is in conflict with the server, or the services cannot be listed; the text then
+    /// says so and is logged.
     bool __bFindServer(const CServiceGuard& clGuard, const STRegistration& stServer,
                        std::unique_ptr<CService>* ppclFound, CTString* pcsError);
     static EComparison __eCompare(CService& clService, const STRegistration& stServer, CTString* pcsError);

@@ -21,6 +21,18 @@ constexpr std::size_t s_nProgramBuffer = 150;
 /// ever, and whoever waits for the service lock.
 constexpr unsigned int s_nStatusLimitMs = 20'000;
 
+/// Whether there is no file of a name; none can have a name that is too long.
+bool bIsAbsent(int nErrno)
+{
+    return nErrno == ENOENT || nErrno == ENOTDIR || nErrno == ELOOP || nErrno == ENAMETOOLONG;
+}
+
+/// Whether a file that could not be read is something else than a script, now and at the next try.
+bool bIsNoScript(int nErrno)
+{
+    return nErrno == EISDIR || nErrno == EINVAL || nErrno == EFBIG || nErrno == ENXIO;
+}
+
 /// What a shell says with its exit code, as the error that a reply can tell.
 int nErrnoOfShell(int nExitCode)
 {
@@ -88,6 +100,28 @@ bool CService::__bRemoveSysV()
         return false;
     }
     return pstFamily->pfnRemove(*pstFamily, m_csName);
+}
+
+bool CService::bReadScript()
+{
+    std::string csScript;
+    const std::wstring csPath = csScriptPath(m_csName);
+    if (csPath.empty()) {
+        return false;
+    }
+    if (!CDiskFile::bReadFile(csPath, &csScript, s_nMaxScript)) {
+        errno = bIsAbsent(errno) ? ENOENT : errno;
+        return bIsNoScript(errno);
+    }
+    if (const STMarker st = stReadMarker(csScript, "Program=\"", s_nProgramBuffer); st.csValue) {
+        m_csBinaryPath = csFromUTF8(*st.csValue);
+    }
+    if (!m_csDisplayName && !CServiceManager::bSystemd()) { // a unit has a description of its own
+        if (const STMarker st = stReadMarker(csScript, "Name=\"", s_nDisplayNameBuffer); st.csValue) {
+            m_csDisplayName = csFromUTF8(*st.csValue);
+        }
+    }
+    return true;
 }
 
 const wchar_t* CService::__pszDisplayNameFromScript()

@@ -19,9 +19,13 @@ EServiceStatus CService::__eGetStatusSystemd()
         {L"inactive", STATUS_STOPPED},         {L"failed", STATUS_FAILED},
         {L"activating", STATUS_START_PENDING}, {L"deactivating", STATUS_STOP_PENDING},
     };
-    const std::wstring csActiveState = m_pclManager->csGetSystemdProp("ActiveState", m_csName.c_str());
+    const std::optional<std::wstring> csActiveState =
+        m_pclManager->csAskSystemdProp("ActiveState", m_csName.c_str());
+    if (!csActiveState) {
+        return STATUS_UNKNOWN;
+    }
     for (const STState& st : s_tStates) {
-        if (wcscasecmp(st.pszActiveState, csActiveState.c_str()) == 0) {
+        if (wcscasecmp(st.pszActiveState, csActiveState->c_str()) == 0) {
             return st.eStatus;
         }
     }
@@ -30,13 +34,18 @@ EServiceStatus CService::__eGetStatusSystemd()
 
 bool CService::__bRemoveSystemd()
 {
-    const std::wstring tFiles[] = {m_pclManager->csGetSystemdProp("FragmentPath", m_csName.c_str()),
-                                   m_pclManager->csGetSystemdProp("SourcePath", m_csName.c_str())};
+    const auto csFragment = m_pclManager->csAskSystemdProp("FragmentPath", m_csName.c_str());
+    const auto csSource = csFragment ? m_pclManager->csAskSystemdProp("SourcePath", m_csName.c_str())
+                                     : std::nullopt;
+    // Which files make up the service is not known: removed half it would come back.
+    if (!csFragment || !csSource) {
+        return false;
+    }
     if (!bSystemctlDone(L"disable " + m_csName)) {
         return false;
     }
     (void)bSystemctlDone(L"stop " + m_csName); // best effort, as all that follows
-    for (const std::wstring& csFile : tFiles) {
+    for (const std::wstring& csFile : {*csFragment, *csSource}) {
         if (!csFile.empty()) {
             (void)CDiskFile::bDelete(csFile);
         }

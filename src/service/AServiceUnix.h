@@ -8,7 +8,7 @@ class CServiceManager;
 /// Status of a service. The numbers are relied on: 5 to 7 are other systems' and never come from here.
 enum EServiceStatus : int
 {
-    STATUS_UNKNOWN = -1, ///< the status command could not be run (SysV)
+    STATUS_UNKNOWN = -1, ///< the system could not be asked; errno tells why
     STATUS_STOPPED = 1,
     STATUS_START_PENDING = 2,
     STATUS_STOP_PENDING = 3,
@@ -65,6 +65,10 @@ public:
 
     /// Takes the binary path from the marker line of the service's init script; unchanged when there is none.
     void SetBinaryPathFromSysVScript();
+    /// Takes all that the marker line of the service's init script has. False, with errno, when there is no
+    /// script (ENOENT) or it cannot be read; what is not a script at all (a folder, a file beyond 1 MiB) has
+    /// no marker line.
+    bool bReadScript();
 
 private:
     bool __bReload();

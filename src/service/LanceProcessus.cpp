@@ -18,7 +18,18 @@ namespace {
 constexpr int s_nMaxArguments = 50; ///< the program included
 /// Room for a child's output: what fits does not hold the child up while its reader pauses.
 constexpr std::size_t s_nOutputRoom = std::size_t{1} << 20;
+constexpr std::size_t s_nBlock = 1024; ///< bytes of one read
 std::unique_ptr<CProcessManager> s_pclManager;
+
+/// Appends without doubling a large text: while it moves, both copies are in memory.
+void AppendWithin(std::string* pcsText, std::string_view csMore, std::size_t nMax)
+{
+    const std::size_t nSize = pcsText->size() + csMore.size();
+    if (nSize > pcsText->capacity() && nSize > nMax / 8) {
+        pcsText->reserve(nMax + s_nBlock);
+    }
+    pcsText->append(csMore);
+}
 
 void Nap(int nMs)
 {
@@ -111,16 +122,39 @@ bool CLanceProcessus::__bReadable(long nMs) const
 
 bool CLanceProcessus::__bReadSome(CXYString<char>* pcsOutput, std::size_t* pnTotal)
 {
-    std::array<char, 1024> tBuffer;
+    std::array<char, s_nBlock> tBuffer;
     const ssize_t nRead = ::read(m_clOutput.nFd(), tBuffer.data(), tBuffer.size());
     if (nRead <= 0) {
+        if (nRead < 0 && errno != EINTR && pcsOutput != nullptr) {
+            __GiveOutputUp(errno);
+        }
         return nRead < 0 && errno == EINTR;
     }
     *pnTotal += static_cast<std::size_t>(nRead);
     if (pcsOutput != nullptr) {
-        pcsOutput->append(tBuffer.data(), static_cast<std::size_t>(nRead));
+        AppendWithin(pcsOutput, {tBuffer.data(), static_cast<std::size_t>(nRead)}, m_nMaxOutput);
     }
     return true;
+}
+
+void CLanceProcessus::__GiveOutputUp(int nError)
+{
+    m_nOutputError = nError;
+    Kill();
+}
+
+bool CLanceProcessus::__bOutputWaits(bool bWanted)
+{
+    CSelectSet clSet;
+    clSet.Add(m_clOutput.nFd());
+    const int nReady = nRetry([&] {
+        timeval stAtOnce{};
+        return clSet.nSelect(&stAtOnce);
+    });
+    if (nReady < 0 && bWanted) {
+        __GiveOutputUp(errno);
+    }
+    return nReady > 0;
 }
 
 /// A child whose output is at its end is about to end itself: wait a moment for that before the long pause,
@@ -140,9 +174,13 @@ bool CLanceProcessus::bLitSortieA(CXYString<char>* pcsOutput)
     std::size_t nTotal = 0;
     bool bOpen = true;
     // No more than the pipe holds: something that the child has left behind may go on printing for ever.
-    while (bOpen && nTotal < s_nOutputRoom && __bReadable(0)) {
+    while (bOpen && m_nOutputError == 0 && nTotal < s_nOutputRoom && __bOutputWaits(pcsOutput != nullptr)) {
         bOpen = __bReadSome(pcsOutput, &nTotal);
+        if (m_nOutput + nTotal > m_nMaxOutput) {
+            __GiveOutputUp(EFBIG);
+        }
     }
+    m_nOutput += nTotal;
     if (!bOpen) {
         __WaitEndAfterOutput();
     }
@@ -162,7 +200,12 @@ bool CLanceProcessus::bLitSortieEtAttendFinExecution(CXYString<char>* pcsOutput,
         bLitSortieA(pcsOutput);
     }
     bLitSortieA(pcsOutput); // what was written just before the end
-    return bAttendFinExecution(pnExitCode);
+    const bool bEnded = bAttendFinExecution(pnExitCode);
+    if (m_nOutputError != 0) {
+        errno = m_nOutputError;
+        return false;
+    }
+    return bEnded;
 }
 
 bool CLanceProcessus::bAttendFinExecution(unsigned int* pnExitCode, unsigned int nMaxMs)
@@ -199,6 +242,12 @@ bool CLanceProcessus::bAttendFinExecution(unsigned int* pnExitCode, unsigned int
     return true;
 }
 
+bool CLanceProcessus::bEndedBySignal() const
+{
+    return m_bLaunched && CProcessManager::m_gpclManager != nullptr &&
+           CProcessManager::m_gpclManager->bEndedBySignal(m_nPid);
+}
+
 bool CLanceProcessus::bProcessusTermine() const
 {
     int nCode = 0;
@@ -228,5 +277,7 @@ bool CLanceProcessus::bLibere()
     m_clOutput.Close();
     m_nPid = 0;
     m_bLaunched = false;
+    m_nOutput = 0;
+    m_nOutputError = 0;
     return true;
 }

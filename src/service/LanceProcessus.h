@@ -31,15 +31,21 @@ public:
     /// split as nSplitArguments does. False on failure, with errno and the error filled; the object stays
     /// idle.
     bool bLanceProcessus(const wchar_t* pszProgram, const wchar_t* pszArguments, CXError* pclError);
+    /// Sets how many bytes the two readers below take from one child, 1 MiB unless set; a child that prints
+    /// more is killed.
+    void LimitOutput(std::size_t nMax) { m_nMaxOutput = nMax; }
     /// Appends what the child has written so far (null: discards it). A pass that finds the child alive and
     /// silent pauses for 2 seconds, a pause that the child's end cuts short; this pacing is intended.
     bool bLitSortieA(CXYString<char>* pcsOutput);
-    /// Reads all output until the child ends, then takes its exit code.
+    /// Reads all output until the child ends, then takes its exit code. False when output is missing: the
+    /// child printed more than the limit (EFBIG), or what it printed could not be read. It is killed then.
     bool bLitSortieEtAttendFinExecution(CXYString<char>* pcsOutput, unsigned int* pnExitCode);
     /// Waits for the end; output is discarded as it comes, so that the child is never held up. The child's
     /// input is at its end. A grandchild that keeps the output open does not prolong the wait. A child that
     /// takes longer than nMaxMs milliseconds (0: no limit) is killed, which is a failure (ETIMEDOUT).
     bool bAttendFinExecution(unsigned int* pnExitCode, unsigned int nMaxMs = 0);
+    /// Whether the child was ended by a signal, whose number is then its exit code. After a wait only.
+    bool bEndedBySignal() const;
     /// True when the child has ended, or nothing is launched.
     bool bProcessusTermine() const;
     /// Writes to the child's standard input; waits while its pipe is full. True only when all was written.
@@ -51,6 +57,10 @@ public:
 
 private:
     bool __bReadable(long nMs) const;
+    /// Notes that output is missing, and ends the child, which nobody would read any more.
+    void __GiveOutputUp(int nError);
+    /// Whether the next read returns at once; false also when that cannot be found out.
+    bool __bOutputWaits(bool bWanted);
     /// One read, whose bytes are added to *pnTotal; false at the end of the output.
     bool __bReadSome(CXYString<char>* pcsOutput, std::size_t* pnTotal);
     void __WaitEndAfterOutput() const;
@@ -59,4 +69,7 @@ private:
     CDescripteur m_clInput;  ///< write end of the child's standard input
     CDescripteur m_clOutput; ///< read end of its output
     bool m_bLaunched = false;
+    std::size_t m_nMaxOutput = std::size_t{1} << 20;
+    std::size_t m_nOutput = 0; ///< bytes read by bLitSortieA
+    int m_nOutputError = 0;    ///< why output is missing
 };

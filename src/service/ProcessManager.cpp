@@ -144,7 +144,7 @@ void CProcessManager::__Reap(STChild& stRecord)
         return;
     }
     stRecord.nCode = nStatusCode(nStatus);
-    stRecord.nFlags |= FLAG_ENDED;
+    stRecord.nFlags |= FLAG_ENDED | (WIFSIGNALED(nStatus) ? FLAG_SIGNAL : 0);
     if ((stRecord.nFlags & FLAG_OWNED) == 0) {
         stRecord.nPid = 0;
     }
@@ -200,6 +200,13 @@ bool CProcessManager::bGetCode(pid_t nPid, int* pnCode)
     }
     *pnCode = pstRecord != nullptr ? pstRecord->nCode : -1;
     return true;
+}
+
+bool CProcessManager::bEndedBySignal(pid_t nPid)
+{
+    const CChildGuard clGuard(m_nLock);
+    const STChild* pstRecord = __pstFind(nPid);
+    return pstRecord != nullptr && (pstRecord->nFlags & FLAG_SIGNAL) != 0;
 }
 
 void CProcessManager::Pause(pid_t nPid)

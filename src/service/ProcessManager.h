@@ -32,6 +32,8 @@ public:
     /// True when the child has ended, and then its exit code (the signal's number for a killed one). Also
     /// true, with code -1, for a pid without a record.
     bool bGetCode(pid_t nPid, int* pnCode);
+    /// Whether a signal ended the child: its number and an exit status would look alike.
+    bool bEndedBySignal(pid_t nPid);
     /// Pauses the calling thread for 2 seconds, once; not at all when the child has ended. Its end cuts the
     /// pause short.
     void Pause(pid_t nPid);
@@ -50,6 +52,7 @@ private:
         FLAG_ENDED = 1, ///< the exit code is valid
         FLAG_OWNED = 2, ///< a CLanceProcessus still wants it
         FLAG_PAUSE = 4, ///< a thread pauses until the child ends
+        FLAG_SIGNAL = 8, ///< the exit code is the number of the signal that ended it
     };
     /// pid 0 marks a free record.
     struct STChild

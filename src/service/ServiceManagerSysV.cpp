@@ -22,60 +22,56 @@ struct STScriptPlace
     std::wstring csFilePrefix;
 };
 
-/// Walks through the directories of a family's scripts. A directory's handle is closed when the walk leaves
-/// it.
-class CScriptEnumeration : public CServiceEnumeration
+/// Name of the service whose script a file is; empty when it is none that is asked for, or is listed from an
+/// earlier place already.
+std::wstring csServiceOf(const STScriptPlace& stPlace, const std::wstring& csStart, const std::wstring& csFile)
 {
-public:
-    CScriptEnumeration(CServiceManager* pclManager, std::vector<STScriptPlace> tPlaces, std::wstring csStart)
-        : m_pclManager(pclManager), m_tPlaces(std::move(tPlaces)), m_csStart(std::move(csStart))
-    {}
-
-    /// Opens the next directory that can be opened; false when there is none.
-    bool bOpenNext()
-    {
-        m_pDirectory.reset();
-        while (m_pDirectory == nullptr && m_nOpened < m_tPlaces.size()) {
-            m_pDirectory.reset(::opendir(csToUTF8(m_tPlaces[m_nOpened++].csDirectory).c_str()));
-        }
-        return m_pDirectory != nullptr;
+    if (!csFile.starts_with(stPlace.csFilePrefix)) {
+        return {};
     }
+    std::wstring csName = csFile.substr(stPlace.csFilePrefix.size());
+    const bool bWanted = csName.starts_with(csStart) && bInertName(csName) &&
+                         csScriptPath(csName) == stPlace.csDirectory + csFile;
+    return bWanted ? csName : std::wstring();
+}
 
-    std::unique_ptr<CService> pclNext() override
-    {
-        while (m_pDirectory != nullptr) {
-            const dirent* const pstEntry = ::readdir(m_pDirectory.get());
-            if (pstEntry == nullptr) {
-                (void)bOpenNext();
-            } else if (const std::wstring csName = __csServiceOf(csFromUTF8(pstEntry->d_name));
-                       !csName.empty()) {
-                return std::make_unique<CService>(m_pclManager, csName);
-            }
-        }
-        return nullptr;
+/// Appends the names of the services whose scripts lie in one place; a place that does not exist has none.
+/// False, with errno, when it cannot be read to its end.
+bool bListPlace(const STScriptPlace& stPlace, const std::wstring& csStart, std::vector<std::wstring>* ptNames)
+{
+    const CDirectory pDirectory(::opendir(csToUTF8(stPlace.csDirectory).c_str()));
+    if (pDirectory == nullptr) {
+        return errno == ENOENT || errno == ENOTDIR;
     }
-
-private:
-    /// Name of the service whose script a file of the current directory is; empty when it is none that is
-    /// asked for, or was handed out before from an earlier directory.
-    std::wstring __csServiceOf(const std::wstring& csFile) const
-    {
-        const STScriptPlace& stPlace = m_tPlaces[m_nOpened - 1];
-        if (!csFile.starts_with(stPlace.csFilePrefix)) {
-            return {};
+    for (;;) {
+        errno = 0; // nothing else tells the end from a failure
+        const dirent* const pstEntry = ::readdir(pDirectory.get());
+        if (pstEntry == nullptr) {
+            return errno == 0;
         }
-        std::wstring csName = csFile.substr(stPlace.csFilePrefix.size());
-        const bool bWanted = csName.starts_with(m_csStart) && bInertName(csName) &&
-                             csScriptPath(csName) == stPlace.csDirectory + csFile;
-        return bWanted ? csName : std::wstring();
+        if (std::wstring csName = csServiceOf(stPlace, csStart, csFromUTF8(pstEntry->d_name));
+            !csName.empty()) {
+            ptNames->push_back(std::move(csName));
+        }
     }
+}
 
-    CServiceManager* m_pclManager; ///< not owned
-    std::vector<STScriptPlace> m_tPlaces;
-    std::wstring m_csStart;
-    std::size_t m_nOpened = 0; ///< places up to this one have been opened or passed over
-    CDirectory m_pDirectory;
-};
+/// Where scripts of this machine's family lie. The family's own place comes first: a script there hides one
+/// of the same name in the usual place.
+std::vector<STScriptPlace> tScriptPlaces()
+{
+    const STScriptPlace stUsual{g_szScriptDirectory, L""};
+    std::vector<STScriptPlace> tPlaces{stUsual};
+    if (const STSysVFamily* const pstFamily = pstFindFamily(CServiceManager::ms_eDistri);
+        pstFamily != nullptr) {
+        STScriptPlace stOwn;
+        CDiskFile::__SplitPath(pstFamily->pszScriptPrefix, &stOwn.csDirectory, &stOwn.csFilePrefix);
+        if (stOwn.csDirectory != stUsual.csDirectory) {
+            tPlaces.insert(tPlaces.begin(), stOwn);
+        }
+    }
+    return tPlaces;
+}
 
 /// An existing file keeps its identity; whoever owned it, it is root's afterwards. One that cannot be made so
 /// goes: root would run what is another user's.
@@ -104,9 +100,12 @@ EDistri CServiceManager::__eFindDistri()
 std::unique_ptr<CService> CServiceManager::__pclGetServiceSysV(const std::wstring& csName)
 {
     for (const std::wstring& csCandidate : {csScriptName(csName), csName}) {
-        const std::wstring csPath = csScriptPath(csCandidate);
-        if (!csPath.empty() && CDiskFile::bExists(csPath)) {
-            return std::make_unique<CService>(this, csCandidate);
+        auto pclService = std::make_unique<CService>(this, csCandidate);
+        if (pclService->bReadScript()) {
+            return pclService;
+        }
+        if (errno != ENOENT) {
+            return nullptr;
         }
     }
     return nullptr;
@@ -114,22 +113,23 @@ std::unique_ptr<CService> CServiceManager::__pclGetServiceSysV(const std::wstrin
 
 std::unique_ptr<CServiceEnumeration> CServiceManager::__pclEnumServiceSysV(const std::wstring& csPrefix)
 {
-    // The family's own place first: a script there hides one of the same name in the usual place.
-    const STScriptPlace stUsual{g_szScriptDirectory, L""};
-    std::vector<STScriptPlace> tPlaces{stUsual};
-    if (const STSysVFamily* const pstFamily = pstFindFamily(ms_eDistri); pstFamily != nullptr) {
-        STScriptPlace stOwn;
-        CDiskFile::__SplitPath(pstFamily->pszScriptPrefix, &stOwn.csDirectory, &stOwn.csFilePrefix);
-        if (stOwn.csDirectory != stUsual.csDirectory) {
-            tPlaces.insert(tPlaces.begin(), stOwn);
+    std::vector<std::wstring> tNames;
+    for (const STScriptPlace& stPlace : tScriptPlaces()) {
+        if (!bListPlace(stPlace, csScriptName(csPrefix), &tNames)) {
+            return nullptr;
         }
     }
-    auto pclEnumeration =
-        std::make_unique<CScriptEnumeration>(this, std::move(tPlaces), csScriptName(csPrefix));
-    if (!pclEnumeration->bOpenNext()) {
-        return nullptr;
+
+    std::vector<std::unique_ptr<CService>> tServices;
+    for (const std::wstring& csName : tNames) {
+        auto pclService = std::make_unique<CService>(this, csName);
+        if (pclService->bReadScript()) {
+            tServices.push_back(std::move(pclService));
+        } else if (errno != ENOENT) { // not known is not gone
+            return nullptr;
+        }
     }
-    return pclEnumeration;
+    return std::make_unique<CServiceEnumeration>(std::move(tServices));
 }
 
 std::unique_ptr<CService> CServiceManager::__pclInstallSysV(const std::wstring& csName,

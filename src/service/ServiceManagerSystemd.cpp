@@ -17,23 +17,6 @@ namespace {
 /// A systemctl that hangs when the daemon starts must not keep it from starting for ever.
 constexpr unsigned int s_nDetectionLimitMs = 30'000;
 
-/// Hands out records that were all looked up when the listing was made.
-class CListedServices : public CServiceEnumeration
-{
-public:
-    explicit CListedServices(std::vector<std::unique_ptr<CService>> tServices)
-        : m_tServices(std::move(tServices))
-    {}
-    std::unique_ptr<CService> pclNext() override
-    {
-        return m_nNext < m_tServices.size() ? std::move(m_tServices[m_nNext++]) : nullptr;
-    }
-
-private:
-    std::vector<std::unique_ptr<CService>> m_tServices;
-    std::size_t m_nNext = 0;
-};
-
 std::optional<std::wstring> csDecode(const std::optional<std::string>& csBytes)
 {
     return csBytes ? std::optional(csFromUTF8(*csBytes)) : std::nullopt;
@@ -80,29 +63,38 @@ bool CServiceManager::__bSystemdWorks()
 
 CTString CServiceManager::csGetSystemdProp(const char* pszProperty, const wchar_t* pszName)
 {
-    std::string csOutput;
-    if (!bSystemctl(L"--property=" + csFromUTF8(pszProperty) + L" show " + pszName, &csOutput)) {
-        return {};
+    return csAskSystemdProp(pszProperty, pszName).value_or(std::wstring());
+}
+
+std::optional<std::wstring> CServiceManager::csAskSystemdProp(const char* pszProperty, const wchar_t* pszName)
+{
+    const std::optional<std::string> csAnswer =
+        csAskSystemctl({L"--property=" + csFromUTF8(pszProperty) + L" show " + pszName, pszProperty});
+    if (!csAnswer) {
+        return std::nullopt;
     }
-    return csFromUTF8(csReadProperty(csOutput));
+    const std::string_view csLine = csPropertyLine(*csAnswer, pszProperty);
+    return csFromUTF8(csReadProperty(csLine.empty() ? *csAnswer : csLine));
 }
 
 std::unique_ptr<CService> CServiceManager::__pclGetServiceSystemd(const std::wstring& csName)
 {
     std::wstring csUnit;
     if (!bUnitName(csName, &csUnit)) {
+        errno = ENOENT;
         return nullptr;
     }
     std::wstring csArguments = L"--property=Description,ExecStart,Type show " + csUnit;
     // In a lookup, and nowhere else, these two stand for blanks; intended.
     std::replace_if(
         csArguments.begin(), csArguments.end(), [](wchar_t c) { return c == L';' || c == L'|'; }, L' ');
-    std::string csOutput;
-    if (!bSystemctl(csArguments, &csOutput)) {
+    const std::optional<std::string> csAnswer = csAskSystemctl({csArguments, "Type"});
+    if (!csAnswer) {
         return nullptr;
     }
-    const STUnitShown stShown = stReadShow(csOutput);
+    const STUnitShown stShown = stReadShow(*csAnswer);
     if (!stShown.bExists) {
+        errno = ENOENT;
         return nullptr;
     }
     std::optional<std::wstring> csBinaryPath = csDecode(stShown.csBinaryPath);
@@ -110,31 +102,33 @@ std::unique_ptr<CService> CServiceManager::__pclGetServiceSystemd(const std::wst
     const bool bFromScript = csBinaryPath && csBinaryPath->starts_with(g_szScriptDirectory);
     auto pclService = std::make_unique<CService>(this, csUnit, csDecode(stShown.csDescription),
                                                  bFromScript ? std::nullopt : std::move(csBinaryPath));
-    if (bFromScript) {
-        pclService->SetBinaryPathFromSysVScript();
+    if (bFromScript && !pclService->bReadScript() && errno != ENOENT) {
+        return nullptr;
     }
     return pclService;
 }
 
 std::unique_ptr<CServiceEnumeration> CServiceManager::__pclEnumServiceSystemd(const std::wstring& csPrefix)
 {
-    std::string csOutput;
-    if (!bSystemctl(L"list-units --all --type=service --full --no-pager --no-legend", &csOutput)) {
+    const std::optional<std::string> csAnswer = csAskSystemctl(stListUnits());
+    if (!csAnswer) {
         return nullptr;
     }
     // All units are listed and picked here: a pattern would be read by systemctl, whatever it holds.
     const std::wstring csStart = csScriptName(csPrefix);
     std::vector<std::unique_ptr<CService>> tServices;
-    for (const std::string_view csListed : tReadListing(csOutput)) {
+    for (const std::string_view csListed : tReadListing(*csAnswer)) {
         const std::wstring csName = csUnitFromListing(csListed);
         if (!csName.starts_with(csStart)) {
             continue;
         }
         if (auto pclService = __pclGetServiceSystemd(csName)) {
             tServices.push_back(std::move(pclService));
+        } else if (errno != ENOENT) { // not known is not gone
+            return nullptr;
         }
     }
-    return std::make_unique<CListedServices>(std::move(tServices));
+    return std::make_unique<CServiceEnumeration>(std::move(tServices));
 }
 
 std::unique_ptr<CService> CServiceManager::__pclInstallSystemd(const std::wstring& csName,

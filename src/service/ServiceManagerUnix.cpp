@@ -17,9 +17,6 @@ bool CServiceManager::bInit(const wchar_t*, unsigned int)
 CService* CServiceManager::pclGetService(const wchar_t* pszName, unsigned int)
 {
     auto pclService = bSystemd() ? __pclGetServiceSystemd(pszName) : __pclGetServiceSysV(pszName);
-    if (pclService == nullptr) {
-        errno = ENOENT;
-    }
     return pclService.release();
 }
 
@@ -29,6 +26,7 @@ CService* CServiceManager::pclEnumService(unsigned long* pnCursor, const wchar_t
     if (*pnCursor == 0) {
         pclEnumeration = bSystemd() ? __pclEnumServiceSystemd(pszPrefix) : __pclEnumServiceSysV(pszPrefix);
         if (pclEnumeration == nullptr) {
+            *pnCursor = s_nFailedListing;
             return nullptr;
         }
         const std::lock_guard<std::mutex> clGuard(m_clLock);

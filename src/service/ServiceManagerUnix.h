@@ -3,9 +3,12 @@
 #include "service/AServiceUnix.h"
 #include "support/XYString.h"
 
+#include <cerrno>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <vector>
 
 /// Init-system family of the machine.
 enum EDistri : int
@@ -21,21 +24,31 @@ enum EDistri : int
     DISTRI_UNKNOWN = 8, ///< before bInit
 };
 
-/// One listing of services in progress; made by a back end, stepped by one thread.
+/// One listing of services: records that were all looked up when it was made, so that a listing that fails
+/// does so before its first record is used. Made by a back end, stepped by one thread.
 class CServiceEnumeration
 {
 public:
-    virtual ~CServiceEnumeration() = default;
+    explicit CServiceEnumeration(std::vector<std::unique_ptr<CService>> tServices)
+        : m_tServices(std::move(tServices))
+    {}
     /// Next record, null at the end.
-    virtual std::unique_ptr<CService> pclNext() = 0;
+    std::unique_ptr<CService> pclNext()
+    {
+        return m_nNext < m_tServices.size() ? std::move(m_tServices[m_nNext++]) : nullptr;
+    }
+
+private:
+    std::vector<std::unique_ptr<CService>> m_tServices;
+    std::size_t m_nNext = 0;
 };
 
 /// Entry to the machine's service registry: looks services up by name, lists those whose names begin with a
 /// prefix, installs new ones. Records returned belong to the caller.
 ///
 /// bInit comes first, on one thread; after that all operations may run in several threads at once, each
-/// enumeration with a cursor of its own. Absence and failure are both null; of a lookup and an installation
-/// errno tells why. Nothing throws but std::bad_alloc.
+/// enumeration with a cursor of its own. Absence and failure are both null; of a lookup, a listing and an
+/// installation errno tells why. Nothing throws but std::bad_alloc.
 class CServiceManager
 {
 public:
@@ -46,7 +59,11 @@ public:
     /// Detects the init system if that has not happened yet. Always true; the arguments are not looked at.
     bool bInit(const wchar_t* pszReserved, unsigned int nReserved);
 
+    /// Null with ENOENT when there is no such service; with any other error it is not known whether there is.
     CService* pclGetService(const wchar_t* pszName, unsigned int nReserved = 0);
+    /// Cursor of a listing that failed: it could not be made, or a service in it could not be looked up. That
+    /// is not an empty one.
+    static constexpr unsigned long s_nFailedListing = ~0UL;
     /// The cursor is 0 before the first call and opaque afterwards. Null at the end, and again with the
     /// cursor of an enumeration that has ended, which may be aborted all the same.
     CService* pclEnumService(unsigned long* pnCursor, const wchar_t* pszPrefix, unsigned int nReserved = 0);
@@ -64,6 +81,8 @@ public:
                            unsigned int nStartType);
     /// Value of one unit property; empty when there is none (systemd only).
     CTString csGetSystemdProp(const char* pszProperty, const wchar_t* pszName);
+    /// The same; null, with errno, when systemd could not be asked.
+    std::optional<std::wstring> csAskSystemdProp(const char* pszProperty, const wchar_t* pszName);
 
     /// The form in which a service's name stands in the registry: the unit's or the script's name.
     static std::wstring csRegisteredName(const std::wstring& csName);
@@ -104,11 +123,20 @@ public:
     /// Next service whose name begins with the prefix, null at the end.
     std::unique_ptr<CService> pclNext()
     {
-        return std::unique_ptr<CService>(m_pclManager->pclEnumService(&m_nCursor, m_pszPrefix));
+        std::unique_ptr<CService> pclService(m_pclManager->pclEnumService(&m_nCursor, m_pszPrefix));
+        if (pclService == nullptr && bFailed() && m_nError == 0) {
+            m_nError = errno;
+        }
+        return pclService;
     }
+    /// Whether the first pclNext was null because the listing failed.
+    bool bFailed() const { return m_nCursor == CServiceManager::s_nFailedListing; }
+    /// Why it failed.
+    int nError() const { return m_nError; }
 
 private:
     CServiceManager* m_pclManager;
     const wchar_t* m_pszPrefix;
     unsigned long m_nCursor = 0;
+    int m_nError = 0;
 };

@@ -1,14 +1,32 @@
 #pragma once
 
+#include <cstddef>
+#include <optional>
 #include <string>
+#include <string_view>
 
 /// The system's service tool; a fixed path, nothing else is searched.
 inline constexpr wchar_t g_szSystemctl[] = L"/bin/systemctl";
 
-/// Runs systemctl with the arguments and reads its whole output (null: discarded). True when it was launched
-/// and waited for; the exit code is judged by the caller.
-bool bSystemctl(const std::wstring& csArguments, std::string* pcsOutput, unsigned int* pnExitCode = nullptr);
+/// A question to systemctl. It changes nothing, so it may be asked again.
+struct STSystemctlQuestion
+{
+    std::wstring csArguments;
+    /// The property without which the output is no answer when systemctl failed; empty for a listing, which
+    /// then is none at all.
+    std::string_view csProperty;
+    std::size_t nMaxOutput = std::size_t{1} << 20; ///< bytes; a tool that prints more has failed
+};
 
-/// Runs systemctl for its effect: true when it ended with 0. A refusal leaves errno at ECANCELED, so that the
-/// system text of a reply says that the operation did not take place.
+/// All units of type service that systemd knows.
+STSystemctlQuestion stListUnits();
+
+/// Asks systemctl and gives what it printed. A question that fails is asked again, up to three times, begun
+/// within two seconds of the first failure and not once the process is to end: while systemd executes itself
+/// anew no tool gets an answer. Null when it still fails; errno then tells why and is never ENOENT, which
+/// stands for a service that does not exist.
+std::optional<std::string> csAskSystemctl(const STSystemctlQuestion& stQuestion);
+
+/// Runs systemctl for its effect, once: true when it ended with 0. A refusal leaves errno at ECANCELED, so
+/// that the system text of a reply says that the operation did not take place.
 bool bSystemctlDone(const std::wstring& csArguments);

@@ -68,6 +68,19 @@ STUnitShown stReadShow(std::string_view csOutput)
     return stShown;
 }
 
+std::string_view csPropertyLine(std::string_view csOutput, std::string_view csProperty)
+{
+    while (!csOutput.empty()) {
+        const std::string_view csRest = csOutput;
+        const std::string_view csLine = csTakeLine(&csOutput);
+        if (csLine.size() > csProperty.size() && csLine[csProperty.size()] == '=' &&
+            bBeginsWith(csLine, csProperty)) {
+            return csLine.size() < csRest.size() ? csRest.substr(0, csLine.size() + 1) : std::string_view();
+        }
+    }
+    return {};
+}
+
 std::string_view csReadProperty(std::string_view csOutput)
 {
     const std::size_t nEqual = csOutput.find('=');

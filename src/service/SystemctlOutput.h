@@ -16,6 +16,10 @@ struct STUnitShown
 };
 STUnitShown stReadShow(std::string_view csOutput);
 
+/// The first line that gives the property, its newline included: what systemctl reports of a failure stands
+/// among the lines of its answer. Empty when there is no such line, or the output ends in the middle of it.
+std::string_view csPropertyLine(std::string_view csOutput, std::string_view csProperty);
+
 /// Value of the one property that was asked for: all behind the first "=", less the line end. Empty when
 /// there is none.
 std::string_view csReadProperty(std::string_view csOutput);

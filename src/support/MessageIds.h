@@ -14,6 +14,7 @@ enum EMessage : unsigned int
     MSG_UNKNOWN_USER = 25305,
     MSG_USER_REFUSED = 25306,
     MSG_PORT_NOT_OPENED = 25627,
+    MSG_SERVICES_NOT_ASKED = 25630,
 };
 
 /// "User errors" of the manager's module, which an error object carries to whoever reports it.

@@ -55,5 +55,8 @@ inline constexpr STMessage s_tMessages[] = {
      u"The port %1!u! cannot be opened. Check that no other program uses it (\"ss -lnp\" shows which). Right "
      u"after a conversation the system may hold the port of a manager that has ended for about a minute: in "
      u"that case wait, then start the manager again."},
+    {MSG_SERVICES_NOT_ASKED,
+     u"The services of this machine could not be listed or asked: %1. What needed that was not done. Check "
+     u"that the system's init tools work (\"systemctl list-units\" shows it), then try again."},
     {65535, u"ZANTOR RES BLOC UTF16 STOP"},
 };
