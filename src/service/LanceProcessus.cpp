@@ -19,6 +19,7 @@ constexpr int s_nMaxArguments = 50; ///< the program included
 /// Room for a child's output: what fits does not hold the child up while its reader pauses.
 constexpr std::size_t s_nOutputRoom = std::size_t{1} << 20;
 constexpr std::size_t s_nBlock = 1024; ///< bytes of one read
+constexpr long s_nGoOnMs = 50;         ///< a child that waited for room in its pipe writes again within
 std::unique_ptr<CProcessManager> s_pclManager;
 
 /// Appends without doubling a large text: while it moves, both copies are in memory.
@@ -183,6 +184,11 @@ bool CLanceProcessus::bLitSortieA(CXYString<char>* pcsOutput)
     m_nOutput += nTotal;
     if (!bOpen) {
         __WaitEndAfterOutput();
+    }
+    // A child that has filled its pipe before is about to go on: a long pause for each pipeful would take
+    // half a minute for what a listing may print.
+    if (nTotal == 0 && m_nOutput >= s_nOutputRoom && m_nOutputError == 0 && __bReadable(s_nGoOnMs)) {
+        return true;
     }
     if (nTotal == 0 && CProcessManager::m_gpclManager != nullptr) {
         CProcessManager::m_gpclManager->Pause(m_nPid);

@@ -17,7 +17,9 @@ using ::testing::HasSubstr;
 /// A scripted systemctl with a memory: units are the files of the private /lib/systemd/system, their state is
 /// the file /run/UNIT.state ("inactive" without one); "start" makes a unit active unless it is named
 /// DXCS-bad.
+/// A file $DIR/broken holds the pattern of calls that fail.
 constexpr char s_szRegistry[] = R"script(for LAST; do :; done
+if [ -e $DIR/broken ]; then eval "case \"\$*\" in $(cat $DIR/broken)) exit 1;; esac"; fi
 FILE=/lib/systemd/system/$LAST.service
 case "$*" in
 list-units*) for f in /lib/systemd/system/*.service; do [ -e "$f" ] && echo "  ${f##*/} loaded x y z"; done; exit 0 ;;
@@ -138,6 +140,30 @@ TEST_F(Registration, AServerIsRecognisedOrRefusedOrGetsItsOwnUnit)
         EXPECT_EQ(csStates(), *st.pszStarted == 0 ? "" : st.pszStarted + std::string(".state\n"));
         EXPECT_TRUE(csReply.empty() || csUnits() == csBefore) << "a refusal changes nothing";
     }
+}
+
+TEST_F(Registration, NothingIsWrittenWhenTheServicesCannotBeListed)
+{
+    AddUnit("DXCS-a", csAddProgram("A", 4901));
+    AddUnit("DXCS-known", csAddProgram("known", 4902));
+    csAddProgram("N", 5000);
+    const auto csFiles = [] {
+        return stRun("cat /lib/systemd/system/* /tmp/*/DXConf.ini; ls /run").csOutput;
+    };
+    const std::string csBefore = csFiles();
+    // Another program under the name of a; a program whose unit has another name; a new one.
+    const std::tuple<const char*, const char*, int> tServers[] = {
+        {"a", "/tmp/N/srv", 5000}, {"other", "/tmp/A/srv", 4901}, {"n", "/tmp/N/srv", 5000}};
+    for (const char* pszBroken : {"list-units*", "*show*DXCS-known"}) {
+        m_pclTool->Write("broken", pszBroken);
+        for (const auto& [pszName, pszPath, nPort] : tServers) {
+            EXPECT_THAT(csRegister(1, pszName, pszPath, nPort), HasSubstr("could not be listed"));
+            EXPECT_EQ(csFiles(), csBefore) << pszName;
+        }
+    }
+    m_pclTool->Write("broken", "nothing");
+    EXPECT_THAT(csRegister(1, "a", "/tmp/N/srv", 5000), HasSubstr("already registered"));
+    EXPECT_EQ(csRegister(1, "n", "/tmp/N/srv", 5000), "");
 }
 
 TEST_F(Registration, TheOldFormIsUnderstoodButOnlyTheNewOneIsToldTheOutcome)

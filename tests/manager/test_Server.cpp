@@ -3,6 +3,7 @@
 
 #include "manager/Dialog.h"
 #include "manager/SetupManager.h"
+#include "tools/PingClient.h"
 #include "tools/SystemdTest.h"
 #include "tools/Wait.h"
 #include "tools/WireClient.h"
@@ -22,7 +23,9 @@
 namespace {
 /// "show" knows DXCS-a, DXCS-Café and DXCS-bad; the state of a server is in the file $DIR/state; "start
 /// DXCS-bad" and "stop DXCS-bad" are refused.
-constexpr char s_szSystemctl[] = R"sh(case "$*" in
+/// A file $DIR/broken holds the pattern of calls that fail.
+constexpr char s_szSystemctl[] = R"sh(if [ -e $DIR/broken ]; then eval "case \"\$*\" in $(cat $DIR/broken)) exit 1;; esac"; fi
+case "$*" in
 --no-pager*) exit 0 ;;
 list-units*) printf '  DXCS-a.service l a r A\n  DXCS-Caf\\xc3\\xa9.service l a r D\n' ;;
 *ActiveState*) echo "ActiveState=$(cat $DIR/state 2>/dev/null || echo active)" ;;
@@ -153,6 +156,32 @@ TEST_F(Server, InfoListsHostAndServersInTheEncodingOfTheConversation)
     EXPECT_EQ(pclTool->csAsk("CLUSTERINFO\ta"), "YES\t0\t\r\n");
     EXPECT_EQ(pclTool->csAsk("MODE_UTF8"), "OK\r\n");
     EXPECT_TRUE(pclTool->csAsk("INFO").ends_with("\ta\t4900\tCafé\t4900\t\t4900\r\n"));
+}
+
+TEST_F(Server, WhatSystemctlCannotTellIsNeverAnEmptyListOrAWrongState)
+{
+    const std::tuple<const char*, const char*, const char*> tCases[] = {
+        // the calls that fail, the line, the reply
+        {"list-units*", "INFO", "<closed>"},
+        {"*show\\ DXCS-Café", "INFO", "<closed>"},
+        {"*show\\ dxsql", "INFO", "<closed>"},
+        {"*Description*", "STATUS\ta", "ERROR\t1Operation canceled\r\n"},
+        {"*Description*", "START\ta", "ERROR\t1Operation canceled\r\n"},
+        {"*ActiveState*", "STATUS\ta", "ERROR\t4Operation canceled\r\n"},
+        {"*SourcePath*", "UNINSTALL\ta\t0", "ERROR\t13Operation canceled\r\n"},
+    };
+    for (const auto& [pszBroken, pszSent, pszReply] : tCases) {
+        m_pclTool->Write("broken", pszBroken);
+        EXPECT_EQ(pclOpen()->csAsk(pszSent, std::chrono::seconds(20)), pszReply) << pszBroken;
+    }
+    constexpr const char* pszQuestion = "ARE YOU A DEXARO MANAGER UTF-8?\r\n";
+    CPingClient clTool;
+    m_pclTool->Write("broken", "list-units*");
+    ASSERT_TRUE(clTool.Ask("127.0.0.1", g_wManagerPort, pszQuestion));
+    EXPECT_EQ(clTool.csAnswer(3000), "<nothing in time>");
+    m_pclTool->Write("broken", "nothing");
+    ASSERT_TRUE(clTool.Ask("127.0.0.1", g_wManagerPort, pszQuestion));
+    EXPECT_TRUE(clTool.csAnswer().starts_with("127.0.0.1 YES\t"));
 }
 
 TEST_F(Server, UninstallWithFilesTellsACompletedDeletionWithErrorTwelveAndKeepsTheService)

@@ -136,6 +136,32 @@ TEST_F(LanceProcessus, NeitherAFullPipeNorAGrandchildThatKeepsItOpenProlongsTheW
     }
 }
 
+TEST_F(LanceProcessus, AChildThatPrintsMoreThanItsLimitIsKilledAndHasFailed)
+{
+    const CTempDir clDir;
+    constexpr std::size_t nLimit = 3'000'000;
+    for (const auto& [pszText, bFits] : {std::pair{"exec head -c 3000000 /dev/zero", true},
+                                         {"exec head -c 3000001 /dev/zero", false},
+                                         {"exec yes", false}}) {
+        SCOPED_TRACE(pszText);
+        for (const bool bRead : {true, false}) {
+            CLanceProcessus cl;
+            cl.LimitOutput(nLimit);
+            unsigned int nCode = 999;
+            std::string csOutput;
+            const std::wstring csPath =
+                csFromUTF8(clDir.csWrite("tool", std::string("#!/bin/sh\n") + pszText + "\n", 0755));
+            ASSERT_TRUE(cl.bLanceProcessus(csPath.c_str(), L"", nullptr));
+            errno = 0;
+            EXPECT_EQ(cl.bLitSortieEtAttendFinExecution(bRead ? &csOutput : nullptr, &nCode), bFits);
+            EXPECT_TRUE(cl.bProcessusTermine());
+            EXPECT_EQ(errno == EFBIG, !bFits);
+            EXPECT_LT(csOutput.capacity(), nLimit + 4096) << "nor is room for more taken";
+            EXPECT_TRUE(!bRead || !bFits || csOutput.size() == nLimit);
+        }
+    }
+}
+
 TEST_F(LanceProcessus, ChildrenThatAreLetGoRunOnAndAreReapedEvenWhenTwoEndBehindOneSignal)
 {
     const CTempDir clDir;

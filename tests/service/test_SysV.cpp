@@ -14,6 +14,7 @@
 #include <memory>
 #include <set>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -147,6 +148,41 @@ TEST_F(SysV, EnumerationListsThePrefixedScriptsAndLeavesNoDirectoryOpen)
     EXPECT_EQ(nAborted, 0u) << "ready for another listing, unlike under systemd";
     std::filesystem::remove_all("/etc/init.d");
     EXPECT_TRUE(tList(L"").empty());
+}
+
+TEST_F(SysV, ScriptsThatCannotBeReadAreNotAbsent)
+{
+    const auto csList = [this] {
+        CServiceListing clListing(&m_clManager, L"DXCS-");
+        std::wstring csNames;
+        while (const auto pcl = clListing.pclNext()) {
+            csNames += pcl->pszGetName() + std::wstring(L" ");
+        }
+        return csNames + (clListing.bFailed() ? L"failed" : L"");
+    };
+    Write("/etc/init.d/DXCS-a", "# Program=\"/opt/a/dx\" Name=\"A\" \n");
+    std::filesystem::create_directories("/etc/init.d/DXCS-folder");
+    std::filesystem::create_symlink("nowhere", "/etc/init.d/DXCS-gone");
+    EXPECT_EQ(csList().size(), std::wstring(L"DXCS-a DXCS-folder ").size());
+    EXPECT_EQ(pclGet(L"DXCS-gone"), nullptr);
+    EXPECT_EQ(errno, ENOENT);
+
+    // This process's own memory: a file that opens and whose first page cannot be read.
+    std::filesystem::create_symlink("/proc/self/mem", "/etc/init.d/DXCS-b");
+    EXPECT_EQ(csList(), L"failed");
+    EXPECT_EQ(pclGet(L"DXCS-b"), nullptr);
+    EXPECT_EQ(errno, EIO);
+    std::filesystem::remove("/etc/init.d/DXCS-b");
+
+    rlimit stBefore{};
+    ::getrlimit(RLIMIT_NOFILE, &stBefore);
+    const rlimit stNone{3, stBefore.rlim_max};
+    ::setrlimit(RLIMIT_NOFILE, &stNone);
+    const std::wstring csOutOfDescriptors = csList();
+    ::setrlimit(RLIMIT_NOFILE, &stBefore);
+    EXPECT_EQ(csOutOfDescriptors, L"failed");
+    std::filesystem::remove_all("/etc/init.d");
+    EXPECT_EQ(csList(), L"") << "no folder, no scripts";
 }
 
 TEST_F(SysV, WhatCannotBeDoneIsAFailureWithItsCauseAndNothingElseIsRun)

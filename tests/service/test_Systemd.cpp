@@ -5,11 +5,155 @@
 #include "tools/Command.h"
 #include "tools/SystemdTest.h"
 
+#include <algorithm>
+#include <chrono>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <memory>
+#include <sys/resource.h>
+#include <thread>
 
 using Systemd = CSystemdTest;
+
+namespace {
+/// Two running servers, and no other. While $DIR/left holds a number above 0 each call takes one off and runs
+/// $DIR/fault first.
+constexpr char s_szFaulty[] = R"sh(LEFT=$(cat $DIR/left 2>/dev/null || echo 0)
+if [ $LEFT -gt 0 ]; then echo $((LEFT - 1)) >$DIR/left; . $DIR/fault; fi
+case "$*" in
+list-units*) printf '  DXCS-a.service l a r A\n  DXCS-b.service l a r B\n' ;;
+*ActiveState*) echo ActiveState=active ;;
+*FragmentPath*) echo FragmentPath=/run/fragment ;;
+*SourcePath*) echo SourcePath= ;;
+*show\ DXCS-[ab]) printf 'Type=forking\nExecStart={ argv[]=/srv/dx --SERVICE x ; }\n' ;;
+*show*) printf 'Type=\nDescription=none\n' ;;
+esac)sh";
+
+class FailingTool : public CSystemdTest
+{
+protected:
+    /// The next calls run the fault first.
+    void Break(const std::string& csFault, int nCalls)
+    {
+        m_clTool.csTakeJournal();
+        m_clTool.Write("fault", csFault + "\n");
+        m_clTool.Write("left", std::to_string(nCalls) + "\n");
+    }
+    long nCalls()
+    {
+        const std::string csJournal = m_clTool.csTakeJournal();
+        return std::count(csJournal.begin(), csJournal.end(), '\n');
+    }
+    /// The names of a listing; "failed" when it failed, and after it where that was too late.
+    std::wstring csList()
+    {
+        CServiceListing clListing(&m_clManager, L"DXCS-");
+        std::wstring csNames;
+        while (const auto pcl = clListing.pclNext()) {
+            csNames += pcl->pszGetName() + std::wstring(L" ");
+        }
+        EXPECT_EQ(clListing.bFailed(), clListing.nError() != 0);
+        return csNames + (clListing.bFailed() ? L"failed" : L"");
+    }
+    CService m_clService{&m_clManager, L"DXCS-a"};
+    CFakeTool m_clTool{"/bin/systemctl", s_szFaulty};
+};
+
+constexpr char s_szReexecList[] =
+    "echo 'Failed to list units: Transport endpoint is not connected' >&2; exit 1";
+constexpr char s_szReexecShow[] =
+    "echo 'Failed to get properties: Transport endpoint is not connected' >&2; exit 1";
+constexpr int s_nForGood = 1000;
+} // namespace
+
+TEST_F(FailingTool, AQuestionThatFailsIsAskedAgainAndThenHasFailed)
+{
+    const struct
+    {
+        const char* pszFault;
+        int nTries; ///< of a question that fails for good
+    } tCases[] = {
+        {s_szReexecList, 4},
+        {s_szReexecShow, 4},
+        {"exit 1", 4},
+        {"echo ActiveState=failed; echo Type=; kill -KILL $$", 4}, // half an answer, perhaps
+        {"printf 'ActiveState=fai'; exit 1", 4},
+        {"exec yes '  DXCS-z.service ActiveState=failed'", 2}, // each is read after a pause of 2 s
+        {"sleep 1.2; exit 1", 3}, // the fourth would begin too late
+    };
+    for (const auto& st : tCases) {
+        SCOPED_TRACE(st.pszFault);
+        Break(st.pszFault, 1);
+        EXPECT_EQ(csList(), L"DXCS-a DXCS-b ");
+        Break(st.pszFault, 1);
+        EXPECT_EQ(m_clService.eGetStatus(), STATUS_RUNNING);
+        EXPECT_EQ(nCalls(), 2);
+        Break(st.pszFault, s_nForGood);
+        EXPECT_EQ(csList(), L"failed");
+        EXPECT_EQ(nCalls(), st.nTries);
+    }
+    Break("exit 1", 3);
+    EXPECT_EQ(m_clService.eGetStatus(), STATUS_RUNNING) << "the last try counts";
+}
+
+TEST_F(FailingTool, AnAnswerThatIsThereCountsWhateverTheStatus)
+{
+    const std::pair<const char*, EServiceStatus> tCases[] = {
+        {"echo ActiveState=failed; exit 1", STATUS_FAILED},
+        {"echo 'Warning: a=b'; echo ActiveState=failed; echo 'Failed to c: d=e'; exit 3", STATUS_FAILED},
+        {"echo ActiveState=; exit 4", STATUS_STOPPED},
+        {"exit 0", STATUS_STOPPED},
+    };
+    for (const auto& [pszFault, eStatus] : tCases) {
+        Break(pszFault, 1);
+        EXPECT_EQ(m_clService.eGetStatus(), eStatus) << pszFault;
+        EXPECT_EQ(nCalls(), 1) << pszFault;
+    }
+    Break("printf 'Type=\\nDescription=DXCS-a.service\\n'; exit 4", 1);
+    errno = 0;
+    EXPECT_EQ(m_clManager.pclGetService(L"DXCS-a"), nullptr);
+    EXPECT_EQ(errno, ENOENT) << "systemd says that there is none";
+}
+
+TEST_F(FailingTool, WhatCouldNotBeAskedIsNeitherThereNorAbsentAndIsNotChanged)
+{
+    Break(s_szReexecShow, s_nForGood);
+    errno = 0;
+    EXPECT_EQ(m_clManager.pclGetService(L"DXCS-a"), nullptr);
+    EXPECT_EQ(errno, ECANCELED);
+    EXPECT_EQ(m_clService.eGetStatus(), STATUS_UNKNOWN);
+    std::ofstream("/run/fragment") << "kept";
+    // Each of its two questions.
+    for (const char* pszFault : {"exit 1", "case \"$*\" in *SourcePath*) exit 1;; esac"}) {
+        Break(pszFault, s_nForGood);
+        EXPECT_FALSE(m_clService.bRemove()) << pszFault;
+        EXPECT_EQ(m_clTool.csTakeJournal().find("disable"), std::string::npos);
+    }
+    EXPECT_EQ(stRun("cat /run/fragment").csOutput, "kept");
+    Break("case \"$*\" in *show*DXCS-b) exit 1;; esac", s_nForGood);
+    EXPECT_EQ(csList(), L"failed") << "a lookup in it";
+    Break("exit 1", s_nForGood);
+    EXPECT_FALSE(m_clService.bStart());
+    EXPECT_FALSE(m_clService.bStop());
+    EXPECT_EQ(nCalls(), 2) << "no question: done once";
+}
+
+TEST_F(FailingTool, OutOfDescriptorsAQuestionWaitsForOne)
+{
+    rlimit stBefore{};
+    ::getrlimit(RLIMIT_NOFILE, &stBefore);
+    const rlimit stNone{3, stBefore.rlim_max};
+    Break("", 0);
+    ::setrlimit(RLIMIT_NOFILE, &stNone);
+    errno = 0;
+    EXPECT_EQ(m_clManager.pclGetService(L"DXCS-a"), nullptr);
+    EXPECT_EQ(errno, EMFILE);
+    std::jthread clLater([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        ::setrlimit(RLIMIT_NOFILE, &stBefore);
+    });
+    EXPECT_EQ(m_clService.eGetStatus(), STATUS_RUNNING);
+}
 
 TEST_F(Systemd, RemovalStopsAtARefusedDisableAndOtherwiseDeletesBothFiles)
 {
