@@ -38,6 +38,7 @@ std::wstring csFailedListing(int nError)
 void LogFailedListing(int nError)
 {
     if (bLogIsDue()) {
-        CLogger().AddLog(ILogger::PRIORITY_CRITICAL, L"%1!s!", csEscapePercent(csFailedListing(nError)).c_str());
+        CLogger().AddLog(ILogger::PRIORITY_CRITICAL, L"%1!s!",
+                         csEscapePercent(csFailedListing(nError)).c_str());
     }
 }

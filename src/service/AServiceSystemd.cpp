@@ -35,8 +35,8 @@ EServiceStatus CService::__eGetStatusSystemd()
 bool CService::__bRemoveSystemd()
 {
     const auto csFragment = m_pclManager->csAskSystemdProp("FragmentPath", m_csName.c_str());
-    const auto csSource = csFragment ? m_pclManager->csAskSystemdProp("SourcePath", m_csName.c_str())
-                                     : std::nullopt;
+    const auto csSource =
+        csFragment ? m_pclManager->csAskSystemdProp("SourcePath", m_csName.c_str()) : std::nullopt;
     // Which files make up the service is not known: removed half it would come back.
     if (!csFragment || !csSource) {
         return false;

@@ -49,9 +49,9 @@ public:
 private:
     enum EFlags : int
     {
-        FLAG_ENDED = 1, ///< the exit code is valid
-        FLAG_OWNED = 2, ///< a CLanceProcessus still wants it
-        FLAG_PAUSE = 4, ///< a thread pauses until the child ends
+        FLAG_ENDED = 1,  ///< the exit code is valid
+        FLAG_OWNED = 2,  ///< a CLanceProcessus still wants it
+        FLAG_PAUSE = 4,  ///< a thread pauses until the child ends
         FLAG_SIGNAL = 8, ///< the exit code is the number of the signal that ended it
     };
     /// pid 0 marks a free record.

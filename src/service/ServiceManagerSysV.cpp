@@ -24,7 +24,8 @@ struct STScriptPlace
 
 /// Name of the service whose script a file is; empty when it is none that is asked for, or is listed from an
 /// earlier place already.
-std::wstring csServiceOf(const STScriptPlace& stPlace, const std::wstring& csStart, const std::wstring& csFile)
+std::wstring csServiceOf(const STScriptPlace& stPlace, const std::wstring& csStart,
+                         const std::wstring& csFile)
 {
     if (!csFile.starts_with(stPlace.csFilePrefix)) {
         return {};

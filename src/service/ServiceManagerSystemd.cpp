@@ -54,11 +54,18 @@ std::wstring csUnitText(const std::wstring& csUnit, std::wstring csDisplayName,
 
 bool CServiceManager::__bSystemdWorks()
 {
-    CLanceProcessus clLauncher;
-    unsigned int nExitCode = 1;
-    return CDiskFile::bExists(g_szSystemctl) &&
-           clLauncher.bLanceProcessus(g_szSystemctl, L"--no-pager --no-legend", nullptr) &&
-           clLauncher.bAttendFinExecution(&nExitCode, s_nDetectionLimitMs) && nExitCode == 0;
+    const auto bAnswers = [] {
+        CLanceProcessus clLauncher;
+        unsigned int nExitCode = 1;
+        return clLauncher.bLanceProcessus(g_szSystemctl, L"--no-pager --no-legend", nullptr) &&
+               clLauncher.bAttendFinExecution(&nExitCode, s_nDetectionLimitMs) && nExitCode == 0;
+    };
+    if (!CDiskFile::bExists(g_szSystemctl)) {
+        return false;
+    }
+    // Where systemd was booted a systemctl that fails is no answer: the manager would drive init scripts for
+    // the rest of its life. systemd makes this folder, by which programs recognise it.
+    return CDiskFile::bDirectoryExists(L"/run/systemd/system") ? bAskPersistently(bAnswers) : bAnswers();
 }
 
 CTString CServiceManager::csGetSystemdProp(const char* pszProperty, const wchar_t* pszName)

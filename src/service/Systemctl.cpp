@@ -72,21 +72,31 @@ STSystemctlQuestion stListUnits()
     return {L"list-units --all --type=service --full --no-pager --no-legend", {}, s_nMaxListing};
 }
 
-std::optional<std::string> csAskSystemctl(const STSystemctlQuestion& stQuestion)
+bool bAskPersistently(const std::function<bool()>& fnAsk)
 {
-    std::optional<std::string> csAnswer = csAskOnce(stQuestion);
+    bool bAnswered = fnAsk();
     int nErrno = errno;
 
     const CClock::time_point clFailed = CClock::now();
     for (const milliseconds clAfter : s_tAgain) {
-        if (csAnswer || !bWaitUntilNextTry(clFailed + clAfter) || CClock::now() >= clFailed + s_clLastTry) {
+        if (bAnswered || !bWaitUntilNextTry(clFailed + clAfter) || CClock::now() >= clFailed + s_clLastTry) {
             break;
         }
-        csAnswer = csAskOnce(stQuestion);
+        bAnswered = fnAsk();
         nErrno = errno;
     }
 
     errno = nErrno;
+    return bAnswered;
+}
+
+std::optional<std::string> csAskSystemctl(const STSystemctlQuestion& stQuestion)
+{
+    std::optional<std::string> csAnswer;
+    (void)bAskPersistently([&] {
+        csAnswer = csAskOnce(stQuestion);
+        return csAnswer.has_value();
+    });
     return csAnswer;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -21,10 +22,13 @@ struct STSystemctlQuestion
 /// All units of type service that systemd knows.
 STSystemctlQuestion stListUnits();
 
-/// Asks systemctl and gives what it printed. A question that fails is asked again, up to three times, begun
-/// within two seconds of the first failure and not once the process is to end: while systemd executes itself
-/// anew no tool gets an answer. Null when it still fails; errno then tells why and is never ENOENT, which
-/// stands for a service that does not exist.
+/// Calls fnAsk until it is true: up to three times more, begun within two seconds of the first failure and
+/// not once the process is to end. While systemd executes itself anew no tool gets an answer from it. When
+/// the last call fails, too, errno is that call's.
+bool bAskPersistently(const std::function<bool()>& fnAsk);
+
+/// Asks systemctl, persistently, and gives what it printed. Null when that fails; errno then tells why and is
+/// never ENOENT, which stands for a service that does not exist.
 std::optional<std::string> csAskSystemctl(const STSystemctlQuestion& stQuestion);
 
 /// Runs systemctl for its effect, once: true when it ended with 0. A refusal leaves errno at ECANCELED, so

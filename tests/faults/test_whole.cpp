@@ -5,16 +5,28 @@
 #include "tools/PingClient.h"
 #include "tools/WireClient.h"
 
+#include <chrono>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <string>
 #include <thread>
+#include <unistd.h>
+#include <vector>
 
 namespace {
 /// Comparisons of the C library and its loader read whole vectors; valgrind replaces only some of them.
 constexpr char s_szKnown[] = "{\n vectors\n Memcheck:Addr32\n fun:__wmemcmp*\n}\n"
                              "{\n vectors2\n Memcheck:Cond\n fun:__wmemcmp*\n}\n"
                              "{\n vectors3\n Memcheck:Addr8\n fun:strncmp\n fun:is_dst\n}\n";
+
+/// Kibibytes that the process had in memory at most.
+long nPeakMemory(pid_t nProcess)
+{
+    return std::stol(
+        "0" + stRun("awk '/VmHWM/ { print $2 }' /proc/" + std::to_string(nProcess) + "/status").csOutput);
+}
 } // namespace
 
 TEST(Whole, HasNoMemoryErrorAndNoLeak)
@@ -57,4 +69,64 @@ TEST(Whole, StopsPromptlyAlthoughManyWaitForASlowTool)
     EXPECT_TRUE(CPingClient().Ask("127.0.0.1", 4999, "ARE YOU A DEXARO MANAGER UTF-8?\r\n"));
     ::usleep(500'000);
     EXPECT_EQ(clManager.nStop(), 0);
+}
+
+TEST(Whole, AToolThatPrintsForEverCostsLittleMemoryAndNobodyElsesAnswer)
+{
+    REQUIRE_PRIVATE_WORLD();
+    const CManagerWorld clWorld(
+        "case \"$*\" in list-units*) exec yes '  DXCS-A.service loaded active running DXCS-A' ;; esac\n");
+    std::ofstream("/run/velmo/DXConf.ini") << "[MANAGER]\nRestartOnFailed=0\n"; // one listing at a time
+    CManagerRun clManager;
+    ASSERT_TRUE(clManager.bAnswers());
+    std::vector<std::jthread> tTools;
+    for (int n = 0; n < 3; ++n) {
+        tTools.emplace_back([] {
+            CWireClient clTool("127.0.0.1", 4999);
+            (void)clTool.csLine();
+            EXPECT_EQ(clTool.csAsk("INFO", std::chrono::seconds(60)), "<closed>");
+        });
+    }
+    CWireClient clTool("127.0.0.1", 4999);
+    (void)clTool.csLine();
+    for (int n = 0; n < 20; ++n) {
+        EXPECT_EQ(clTool.csAsk("STATUS\tA", std::chrono::seconds(2)), "STATUS\tRUNNING\r\n");
+        ::usleep(200'000);
+    }
+    tTools.clear();
+    const long nPeak = nPeakMemory(clManager.nPid());
+    std::printf("FIGURE peak resident memory beside a tool that prints for ever: %ld KiB\n", nPeak);
+    EXPECT_TRUE(g_bSanitized || nPeak < 32 * 1024) << nPeak;
+    clTool.Close();
+    EXPECT_EQ(clManager.nStop(30'000), 0);
+}
+
+TEST(Whole, ASystemdThatDoesNotAnswerAtTheStartIsStillSystemd)
+{
+    REQUIRE_PRIVATE_WORLD();
+    const CManagerWorld clWorld(
+        "if [ $1 = --no-pager ] && ! [ -e $DIR/tried ]; then touch $DIR/tried; exit 1; fi\n");
+    stRun("mkdir -p /run/systemd/system"); // which tells that systemd was booted
+    CManagerRun clManager;
+    ASSERT_TRUE(clManager.bAnswers());
+    EXPECT_EQ(csPlay(true), "");
+    EXPECT_EQ(clManager.nStop(), 0);
+    stRun("rm -r /run/systemd");
+}
+
+TEST(Whole, CommandsSayWhatCouldNotBeAskedAndWriteNothing)
+{
+    REQUIRE_PRIVATE_WORLD();
+    const CManagerWorld clWorld("case \"$*\" in --no-pager*) exit 0 ;; *) exit 1 ;; esac\n");
+    const std::string csManager = CManagerWorld::Manager;
+    for (const char* pszOptions : {" --STOPALL", " --STOP-SERVER /run/velmo/a"}) {
+        const STCommandResult st = stRun(csManager + pszOptions + " 2>&1 >/dev/null");
+        EXPECT_EQ(st.nStatus, 0);
+        EXPECT_NE(st.csOutput.find("could not be listed or asked: Operation canceled"), std::string::npos)
+            << pszOptions << st.csOutput;
+    }
+    const STCommandResult st = stRun(csManager);
+    EXPECT_EQ(st.nStatus, 255);
+    EXPECT_NE(st.csOutput.find("cannot be registered or looked up"), std::string::npos) << st.csOutput;
+    EXPECT_EQ(stRun("ls /lib/systemd/system").csOutput, "") << "it may be registered already";
 }

@@ -44,7 +44,8 @@ struct STTally
 /// Judges the reply to a line whose right reply ends in a known way.
 void Judge(STTally& st, const std::string& csLine, const std::string& csEnd, const std::string& csReply)
 {
-    // Without a reply; state unknown; not looked up, with another text than that of a server that is not there.
+    // Without a reply; state unknown; not looked up, with another text than that of a server that is not
+    // there.
     const bool bCut = csReply == "<closed>" || csReply == "<reset>" || csReply == "<not sent>";
     const bool bRefused = csLine != "INFO" && csReply != s_szAbsent &&
                           (csReply.starts_with("ERROR\t4") || csReply.starts_with("ERROR\t1"));
@@ -68,7 +69,8 @@ protected:
     {
         for (const auto& [pszName, nPort] : {std::pair{"one", 4911}, {"two", 4912}, {"idle", 4913}}) {
             // INFO drops five characters of the display name.
-            AddServer(pszName, std::string("DXCS-") + pszName, nPort, "", std::string("DXCS-DXCS-") + pszName);
+            AddServer(pszName, std::string("DXCS-") + pszName, nPort, "",
+                      std::string("DXCS-DXCS-") + pszName);
         }
         ASSERT_EQ(stRun("systemctl daemon-reload && systemctl enable DXCS-one DXCS-two DXCS-idle && "
                         "systemctl start DXCS-one DXCS-two")
@@ -86,8 +88,7 @@ protected:
         m_pclManager.reset();
         ASSERT_TRUE(bFreshNetwork()); // the port of the last one may still be held
         PutManager("manager", "RestartOnFailed=0\n");
-        m_pclManager =
-            std::make_unique<CManagerProcess>(csWrapper + " /opt/velmo/manager/VelmoManager");
+        m_pclManager = std::make_unique<CManagerProcess>(csWrapper + " /opt/velmo/manager/VelmoManager");
         ASSERT_TRUE(m_pclManager->bAnswers());
         ASSERT_TRUE(bWaitUntil([] { return bWritePipe("/tmp/__pipe_velmomanager__", ""); }, 5000));
     }
@@ -154,8 +155,8 @@ protected:
     int m_nFailed = 0;
 };
 
-/// A control group that limits the number of processes and threads in it. It lies beside the machine's own: the
-/// kernel has one hierarchy of them.
+/// A control group that limits the number of processes and threads in it. It lies beside the machine's own:
+/// the kernel has one hierarchy of them.
 class CProcessLimit
 {
 public:
@@ -167,8 +168,9 @@ public:
     ~CProcessLimit()
     {
         // Whoever is still in it goes to the group of the test.
-        stRun("for p in $(cat " + m_csFolder + "/cgroup.procs); do echo $p >/tmp/pids/cgroup.procs; done; rmdir " +
-              m_csFolder + "; umount /tmp/pids");
+        stRun("for p in $(cat " + m_csFolder +
+              "/cgroup.procs); do echo $p >/tmp/pids/cgroup.procs; done; rmdir " + m_csFolder +
+              "; umount /tmp/pids");
     }
     CProcessLimit(const CProcessLimit&) = delete;
     CProcessLimit& operator=(const CProcessLimit&) = delete;

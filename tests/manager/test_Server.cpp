@@ -24,7 +24,8 @@ namespace {
 /// "show" knows DXCS-a, DXCS-Café and DXCS-bad; the state of a server is in the file $DIR/state; "start
 /// DXCS-bad" and "stop DXCS-bad" are refused.
 /// A file $DIR/broken holds the pattern of calls that fail.
-constexpr char s_szSystemctl[] = R"sh(if [ -e $DIR/broken ]; then eval "case \"\$*\" in $(cat $DIR/broken)) exit 1;; esac"; fi
+constexpr char s_szSystemctl[] =
+    R"sh(if [ -e $DIR/broken ]; then eval "case \"\$*\" in $(cat $DIR/broken)) exit 1;; esac"; fi
 case "$*" in
 --no-pager*) exit 0 ;;
 list-units*) printf '  DXCS-a.service l a r A\n  DXCS-Caf\\xc3\\xa9.service l a r D\n' ;;

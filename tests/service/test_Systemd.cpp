@@ -79,7 +79,7 @@ TEST_F(FailingTool, AQuestionThatFailsIsAskedAgainAndThenHasFailed)
         {"echo ActiveState=failed; echo Type=; kill -KILL $$", 4}, // half an answer, perhaps
         {"printf 'ActiveState=fai'; exit 1", 4},
         {"exec yes '  DXCS-z.service ActiveState=failed'", 2}, // each is read after a pause of 2 s
-        {"sleep 1.2; exit 1", 3}, // the fourth would begin too late
+        {"sleep 1.2; exit 1", 3},                              // the fourth would begin too late
     };
     for (const auto& st : tCases) {
         SCOPED_TRACE(st.pszFault);

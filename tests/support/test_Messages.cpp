@@ -27,7 +27,7 @@ TEST(Messages, EveryMessageThatIsUsedExistsAndTakesItsInserts)
         {3857, nullptr, nullptr},   {3858, nullptr, nullptr}, {3859, nullptr, nullptr},
         {4003, L"refused", L"svc"}, {4004, nullptr, nullptr}, {4010, L"name", L"/a/prog"},
         {4012, L"svc", nullptr},    {4139, nullptr, nullptr}, {25304, nullptr, nullptr},
-        {25305, L"joe", nullptr},   {25306, L"joe", nullptr},
+        {25305, L"joe", nullptr},   {25306, L"joe", nullptr}, {25630, L"refused", nullptr},
     };
     CTString csText;
     for (const auto& [nId, pszFirst, pszSecond] : tCases) {
