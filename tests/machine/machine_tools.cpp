@@ -21,6 +21,7 @@
 #include <mutex>
 #include <set>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -141,14 +142,14 @@ protected:
     /// Nothing is left of the trouble, once what was asked meanwhile is worked off.
     static void ExpectAllRight()
     {
-        EXPECT_TRUE(bWaitUntil(
-            [] {
-                STTally st;
-                Converse(st, std::chrono::steady_clock::now() + 500ms);
-                EXPECT_EQ(st.tWrong, std::set<std::string>());
-                return st.nRight > 0 && st.nFailed == 0;
-            },
-            20'000));
+        bool bAllRight = false;
+        for (int n = 0; n < 10 && !bAllRight; ++n) {
+            STTally st;
+            Converse(st, std::chrono::steady_clock::now() + 500ms);
+            EXPECT_EQ(st.tWrong, std::set<std::string>());
+            bAllRight = st.nRight > 0 && st.nFailed == 0;
+        }
+        EXPECT_TRUE(bAllRight);
     }
     std::unique_ptr<CManagerProcess> m_pclManager;
     std::string m_csUnits;
@@ -225,6 +226,7 @@ TEST_F(Tools, OutOfProcessesAnAnswerIsRightOrADefinedFailure)
 
 TEST_F(Tools, OutOfDescriptorsAnAnswerIsRightOrADefinedFailure)
 {
+    ::close_range(3, ~0U, CLOSE_RANGE_CLOEXEC); // the manager is to have what it opens itself
     for (const int nMax : s_bLong ? std::vector{16, 20, 24, 32, 48, 64} : std::vector{16, 24}) {
         ASSERT_NO_FATAL_FAILURE(Start("prlimit --nofile=" + std::to_string(nMax)));
         Ask("at most " + std::to_string(nMax) + " descriptors", s_bLong ? 20s : 4s);
