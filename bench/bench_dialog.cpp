@@ -1,6 +1,7 @@
 #include "manager/Dialog.h"
 
 #include <benchmark/benchmark.h>
+#include <memory>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -14,21 +15,16 @@ public:
         int tFd[2] = {-1, -1};
         (void)::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, tFd);
         m_clTool = CDescripteur(tFd[0]);
-        m_pclDialog = new CDialog(CDescripteur(tFd[1])); // freed by its two releases
+        m_pclDialog = std::make_unique<CDialog>(CDescripteur(tFd[1]));
     }
     CPair(const CPair&) = delete;
     CPair& operator=(const CPair&) = delete;
-    ~CPair()
-    {
-        m_pclDialog->Release();
-        m_pclDialog->Release();
-    }
     CDialog& clDialog() const { return *m_pclDialog; }
     int nTool() const { return m_clTool.nFd(); }
 
 private:
     CDescripteur m_clTool;
-    CDialog* m_pclDialog;
+    std::unique_ptr<CDialog> m_pclDialog;
 };
 
 /// Line search and decoding; two system calls are in it.

@@ -17,7 +17,6 @@
 #include <wchar.h>
 
 namespace {
-constexpr std::wstring_view s_csLineEnd = L"\r\n";
 constexpr std::size_t s_nBlock = 1024; ///< bytes of one receive
 
 /// The conversations that exist, by socket.
@@ -35,6 +34,7 @@ STRegister& stConversations()
 
 CDialog::CDialog(CDescripteur clSocket) : m_clSocket(std::move(clSocket))
 {
+    m_clGreeted.Init(0, 1);
     STRegister& stAll = stConversations();
     const std::lock_guard<std::mutex> clGuard(stAll.clLock);
     stAll.tSockets.insert(m_clSocket.nFd());
@@ -52,17 +52,17 @@ CDialog::~CDialog()
 
 void CDialog::xStart()
 {
-    if (!m_clThread.xbStart(_WaitForCommandeThreadRoutine, this, &g_stMyModule, USER_ERROR_THREAD, 0, 0)) {
-        throw CXError();
+    m_pclForThread = shared_from_this();
+    try {
+        if (!m_clThread.xbStart(_WaitForCommandeThreadRoutine, this, &g_stMyModule, USER_ERROR_THREAD, 0,
+                                0)) {
+            throw CXError();
+        }
+    } catch (...) {
+        m_pclForThread.reset(); // or the object would hold itself for ever
+        throw;
     }
     _SayHello();
-}
-
-void CDialog::Release()
-{
-    if (m_nUsers.fetch_sub(1) == 1) {
-        delete this;
-    }
 }
 
 int CDialog::s_nCount()
@@ -89,7 +89,9 @@ bool CDialog::s_bEndAll(int nMs)
 
 void _WaitForCommandeThreadRoutine(CZTThread* pclThread)
 {
-    auto* pclDialog = static_cast<CDialog*>(pclThread->pGetParameter());
+    // Dropped last: the thread object that is used here is a part of the conversation.
+    const std::shared_ptr<CDialog> pclDialog =
+        std::move(static_cast<CDialog*>(pclThread->pGetParameter())->m_pclForThread);
     pclThread->Started();
     try {
         pclDialog->_WaitForCommande();
@@ -97,19 +99,27 @@ void _WaitForCommandeThreadRoutine(CZTThread* pclThread)
         // Whatever it was (no memory, most likely) costs this conversation only.
     }
     pclThread->Stopped();
-    pclDialog->Release();
 }
 
 /// Must not throw: its caller would not know whether the thread runs.
 void CDialog::_SayHello()
 {
     __Send("HELLO FROM SERVEUR SETUP 24.0.6.0\r\n");
+    m_clGreeted.__Post(0);
 }
 
 void CDialog::_WaitForCommande()
 {
     CTString csKeyword;
-    while (!m_clThread.bMustStop() && bGetCommand(&csKeyword) && __bExecute(csKeyword)) {
+    while (!m_clThread.bMustStop() && bGetCommand(&csKeyword)) {
+        // A tool that sends at once may be read before the accept thread has greeted it. The post is given
+        // back: later commands pass.
+        m_clGreeted.Wait();
+        m_clGreeted.__Post(0);
+
+        if (!__bExecute(csKeyword)) {
+            return;
+        }
         ClearCommand();
     }
 }
@@ -118,20 +128,14 @@ bool CDialog::bGetCommand(CTString* pcsKeyword)
 {
     ClearCommand();
     std::array<char, s_nBlock> tBlock;
-    std::size_t nEnd = std::wstring::npos;
-    while (nEnd == std::wstring::npos) {
-        const ssize_t nReceived =
-            nRetry([&] { return ::recv(m_clSocket.nFd(), tBlock.data(), tBlock.size(), 0); });
+    ssize_t nReceived = 0;
+    do {
+        nReceived = nRetry([&] { return ::recv(m_clSocket.nFd(), tBlock.data(), tBlock.size(), 0); });
         if (nReceived <= 0) {
             return false;
         }
-        // The line end may lie across two blocks: look again at the last character of what is there already.
-        const std::size_t nSearch = m_csCommand.empty() ? 0 : m_csCommand.size() - 1;
-        m_csCommand +=
-            csWide({tBlock.data(), static_cast<std::size_t>(nReceived)}, m_bUTF8 ? CP_UTF8 : CP_1252);
-        nEnd = m_csCommand.find(s_csLineEnd, nSearch);
-    }
-    m_csCommand.erase(nEnd); // and all behind it: one command, one reply
+    } while (!m_clCommand.bAppend(
+        csWide({tBlock.data(), static_cast<std::size_t>(nReceived)}, m_bUTF8 ? CP_UTF8 : CP_1252)));
     m_nNextArgument = 0;
     pcsKeyword->clear();
     GetString(pcsKeyword);
@@ -140,20 +144,21 @@ bool CDialog::bGetCommand(CTString* pcsKeyword)
 
 void CDialog::ClearCommand()
 {
-    m_csCommand.clear();
+    m_clCommand.Clear();
 }
 
 bool CDialog::__bNextField(std::wstring* pcsField)
 {
+    const std::wstring& csLine = m_clCommand.csText();
     std::size_t nStart = 0;
     for (int nField = m_nNextArgument++; nField > 0; --nField) {
-        nStart = m_csCommand.find(L'\t', nStart);
+        nStart = csLine.find(L'\t', nStart);
         if (nStart == std::wstring::npos) {
             return false;
         }
         ++nStart;
     }
-    *pcsField = m_csCommand.substr(nStart, m_csCommand.find(L'\t', nStart) - nStart);
+    *pcsField = csLine.substr(nStart, csLine.find(L'\t', nStart) - nStart);
     return true;
 }
 
@@ -206,7 +211,7 @@ bool CDialog::__bExecute(const std::wstring& csKeyword)
 {
     struct STCommand
     {
-        const wchar_t* pszKeyword;
+        std::wstring_view csKeyword;
         bool (CDialog::*pfnAction)();
     };
     using CRemote = CRemoteVelmoManager;
@@ -219,9 +224,11 @@ bool CDialog::__bExecute(const std::wstring& csKeyword)
         {L"CLUSTERINFO", &CDialog::__bOnServer<&CRemote::ClusterInfo>},
         {L"MODE_UTF8", &CDialog::__bModeUTF8},
     };
-    // Case is folded as the C locale does it, for ASCII letters only.
+    // Case is folded as the C locale does it, for ASCII letters only. The lengths are compared for a NUL, at
+    // which wcscasecmp would stop.
     for (const STCommand& st : s_tCommands) {
-        if (wcscasecmp(csKeyword.c_str(), st.pszKeyword) == 0) {
+        if (csKeyword.size() == st.csKeyword.size() &&
+            wcscasecmp(csKeyword.c_str(), st.csKeyword.data()) == 0) {
             return (this->*st.pfnAction)();
         }
     }

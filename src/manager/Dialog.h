@@ -1,10 +1,12 @@
 #pragma once
 
+#include "manager/LineBuffer.h"
 #include "support/Descripteur.h"
 #include "support/XYString.h"
+#include "support/ZTSem.h"
 #include "support/ZTThread.h"
 
-#include <atomic>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -33,23 +35,22 @@ struct CInstallInfo
 /// One conversation with one tool: greets (meanwhile its thread may already be reading), reads a command
 /// line, runs the command, writes one reply line, until "QUIT" or the end of the connection.
 ///
-/// Made by an accept thread, which calls xStart and then lets go with Release; runs on a thread of its own,
-/// which lets go in its turn when the conversation ends. Whoever lets go last frees the object and closes the
-/// socket, so that neither is gone while the other still uses it. Everything but xStart and _SayHello belongs
-/// to the conversation's thread. Text on the wire is Windows-1252 until "MODE_UTF8", UTF-8 from then on.
-class CDialog
+/// Made by an accept thread, which calls xStart; runs on a thread of its own. Each of the two holds it by a
+/// std::shared_ptr, so that neither the object nor its socket is gone while the other still uses it.
+/// Everything but xStart and _SayHello belongs to the conversation's thread. Text on the wire is Windows-1252
+/// until "MODE_UTF8", UTF-8 from then on.
+class CDialog : public std::enable_shared_from_this<CDialog>
 {
 public:
     /// Of a connected socket. Throws std::bad_alloc; the socket is closed then.
     explicit CDialog(CDescripteur clSocket);
     CDialog(const CDialog&) = delete;
     CDialog& operator=(const CDialog&) = delete;
+    ~CDialog();
 
     /// Starts the conversation's thread, then greets. Throws (CXError, or std::bad_alloc) only when the
-    /// thread has not been started: the caller then still lets go of its half, and of the thread's.
+    /// thread has not been started. The object must be held by a std::shared_ptr already.
     void xStart();
-    /// One of the two users lets go.
-    void Release();
 
     /// Ends the conversations that wait for a command and gives those that run one nMs milliseconds to reply.
     /// True when none is left. For the end of the process only.
@@ -57,7 +58,8 @@ public:
     /// Conversations that exist.
     static int s_nCount();
 
-    /// Reads one command line; false when the connection is closed or fails.
+    /// Reads one command line, of which what exceeds CLineBuffer's limit is dropped; false when the
+    /// connection is closed or fails.
     bool bGetCommand(CTString* pcsKeyword);
     void ClearCommand();
     /// Next argument of the command line; left unchanged when there is none.
@@ -78,11 +80,12 @@ public:
     void xGetFile(const std::wstring& csName, unsigned int nSize, CInstallInfo* pclInfo);
 
     void _SayHello();
-    /// The conversation.
+    /// The conversation. Its first command waits until the greeting is out.
     void _WaitForCommande();
 
 private:
-    ~CDialog();
+    friend void _WaitForCommandeThreadRoutine(CZTThread* pclThread);
+
     /// Runs the command of a keyword (ASCII letters in any case). Like the commands below, false when the
     /// conversation is to end.
     bool __bExecute(const std::wstring& csKeyword);
@@ -97,10 +100,11 @@ private:
     std::string __csToWire(const std::wstring& csText) const;
 
     CDescripteur m_clSocket;
-    std::wstring m_csCommand;
+    CLineBuffer m_clCommand;
     bool m_bUTF8 = false;
     int m_nNextArgument = 0;
-    std::atomic<int> m_nUsers{2};
+    CZTSemNoInit m_clGreeted;                ///< posted once the greeting is out
+    std::shared_ptr<CDialog> m_pclForThread; ///< from xStart until the conversation's thread takes it
     CZTThread m_clThread;
 };
 

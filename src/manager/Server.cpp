@@ -44,13 +44,7 @@ void EnlargeDescriptorTable(int nAny)
 /// A thread that cannot be started costs its conversation; the tool sees its connection closed.
 void Converse(CDescripteur clSocket)
 {
-    auto* pclDialog = new CDialog(clMoveUp(std::move(clSocket))); // owned by its two users from here on
-    try {
-        pclDialog->xStart();
-    } catch (...) {
-        pclDialog->Release();
-    }
-    pclDialog->Release();
+    std::make_shared<CDialog>(clMoveUp(std::move(clSocket)))->xStart();
 }
 } // namespace
 
@@ -71,7 +65,7 @@ void _ServerThreadRoutine(CZTThread* pclThread)
         }
         try {
             Converse(CDescripteur(nSocket));
-        } catch (...) { // want of memory: costs this conversation
+        } catch (...) { // out of memory or of threads: costs this conversation
         }
     }
     pclThread->Stopped();

@@ -28,21 +28,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* pBytes, std::size_t nB
     }
     {
         const CDescripteur clTool(tEnds[0]);
-        auto* const pclDialog = new CDialog(CDescripteur(tEnds[1])); // frees itself
+        CDialog clDialog{CDescripteur(tEnds[1])};
         const std::size_t nBlock = 1 + pBytes[0] % 64;
         for (std::size_t n = 1; n < nBytes; n += nBlock) { // each is one receive
             (void)::send(clTool.nFd(), pBytes + n, std::min(nBlock, nBytes - n), MSG_DONTWAIT | MSG_NOSIGNAL);
         }
         ::shutdown(clTool.nFd(), SHUT_WR);
         CTString csKeyword;
-        while (pclDialog->bGetCommand(&csKeyword)) {
+        while (clDialog.bGetCommand(&csKeyword)) {
             Require(csKeyword.find(L'\t') == std::wstring::npos);
-            pclDialog->ACK(ERREUR_COMMANDE_INCONNUE, csKeyword);
-            TakeFields(*pclDialog);
-            pclDialog->ClearCommand();
+            clDialog.ACK(ERREUR_COMMANDE_INCONNUE, csKeyword);
+            TakeFields(clDialog);
+            clDialog.ClearCommand();
         }
-        pclDialog->Release();
-        pclDialog->Release();
     }
     return 0;
 }

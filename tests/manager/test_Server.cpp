@@ -213,6 +213,42 @@ TEST_F(Server, ALineMayComeInPiecesOrBeLongAndWhatFollowsItInOneSegmentIsLost)
     EXPECT_LT(std::chrono::steady_clock::now() - clStart, std::chrono::seconds(10))
         << "the search must stay linear";
     EXPECT_EQ(pclTool->csAsk(std::string("STATUS\ta\0b", 10)), "ERROR\t1No such file or directory\r\n");
+    EXPECT_EQ(pclTool->csAsk(std::string("STATUS\0\ta", 9)), "ERROR\t8\r\n") << "a NUL is no keyword's end";
+}
+
+TEST_F(Server, OfALineTheFirstCharactersCountAndItsMemoryIsGivenBack)
+{
+    constexpr std::size_t nMax = CLineBuffer::s_nMaxLine;
+    const std::string csStatus = "STATUS\ta\t";
+    const std::pair<std::string, const char*> tCases[] = {
+        // The fill ends in CR characters where the kept text, or a block of 1,024 bytes, ends.
+        {csStatus + std::string(nMax - csStatus.size() - 1, 'x'), "STATUS\tRUNNING\r\n"},
+        {csStatus + std::string(nMax - csStatus.size() - 1, 'x') + "\r", "STATUS\tRUNNING\r\n"},
+        {csStatus + std::string(nMax - csStatus.size(), 'x') + "\rx", "STATUS\tRUNNING\r\n"},
+        {csStatus + std::string(nMax, '\r') + "\n", "STATUS\tRUNNING\r\n"},
+        {csStatus + std::string(20 * nMax + 1015, '\n'), "STATUS\tRUNNING\r\n"},
+        {std::string(nMax, ' ') + "\tSTATUS\ta", "ERROR\t8\r\n"},
+        {"STATUS\t" + std::string(70'000, 'a'), s_szUnknown},
+        {"STATUS\t" + std::string(2'000'000, 'a'), s_szUnknown},
+        {"MODE_UTF8", "OK\r\n"},
+        {"STATUS\tCafé\t" + std::string(3 * nMax, '\xC3') + "\xA9", "STATUS\tRUNNING\r\n"},
+    };
+    const auto pclTool = pclOpen();
+    for (const auto& [csSent, pszReply] : tCases) {
+        SCOPED_TRACE(csSent.substr(0, 20) + "... " + std::to_string(csSent.size()));
+        EXPECT_EQ(pclTool->csAsk(csSent), pszReply);
+        EXPECT_EQ(pclTool->csAsk("HELLO"), "ERROR\t8\r\n") << "nothing of the line is left over";
+    }
+}
+
+TEST_F(Server, AToolThatSendsAtOnceIsGreetedBeforeItsReply)
+{
+    for (int n = 0; n < 500; ++n) {
+        CWireClient clTool("127.0.0.1", g_wManagerPort);
+        EXPECT_TRUE(clTool.bSend("HELLO\r\n"));
+        ASSERT_EQ(clTool.csLine(), "HELLO FROM SERVEUR SETUP 24.0.6.0\r\n") << "tool " << n;
+        ASSERT_EQ(clTool.csLine(), "ERROR\t8\r\n");
+    }
 }
 
 TEST_F(Server, FifteenHundredConversationsAtOnceAreAllAnswered)
@@ -278,13 +314,13 @@ TEST(Upload, ComesToAWholeFileOrToNone)
         SCOPED_TRACE(nMissing);
         int tPair[2] = {-1, -1};
         ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, tPair), 0);
-        CDialog* pclDialog = new CDialog(CDescripteur(tPair[1])); // freed by its second Release
+        CDialog clDialog{CDescripteur(tPair[1])};
         std::thread clTool([&csBytes, clSocket = CDescripteur(tPair[0])] {
             (void)::send(clSocket.nFd(), csBytes.data(), csBytes.size(), MSG_NOSIGNAL);
         });
         CInstallInfo clInfo;
         try {
-            pclDialog->xGetFile(L"name", static_cast<unsigned int>(csBytes.size()) + nMissing, &clInfo);
+            clDialog.xGetFile(L"name", static_cast<unsigned int>(csBytes.size()) + nMissing, &clInfo);
         } catch (const CXError&) {
             EXPECT_EQ(nMissing, 1u);
         }
@@ -295,7 +331,5 @@ TEST(Upload, ComesToAWholeFileOrToNone)
             std::filesystem::remove(clFile);
         }
         EXPECT_EQ(nCountEntries("/tmp"), nFiles);
-        pclDialog->Release();
-        pclDialog->Release();
     }
 }
