@@ -6,9 +6,7 @@
 #include <algorithm>
 #include <bit>
 #include <cerrno>
-#include <csignal>
 #include <cstring>
-#include <ctime>
 #include <fcntl.h>
 #include <memory>
 #include <sys/stat.h>
@@ -17,31 +15,6 @@
 static_assert(std::endian::native == std::endian::little, "units are copied from the file as they are");
 
 namespace {
-/// Keeps SIGXFSZ from this thread: writing past the limit on file sizes is to fail with EFBIG, not to end the
-/// process.
-class CNoFileSizeSignal
-{
-public:
-    CNoFileSizeSignal() = default;
-    CNoFileSizeSignal(const CNoFileSizeSignal&) = delete;
-    CNoFileSizeSignal& operator=(const CNoFileSizeSignal&) = delete;
-    ~CNoFileSizeSignal()
-    {
-        const int nErrno = errno;
-        if (sigismember(&m_clHeld.stBefore(), SIGXFSZ) == 0) {
-            sigset_t stSignal;
-            sigemptyset(&stSignal);
-            sigaddset(&stSignal, SIGXFSZ);
-            const timespec stNow{};
-            (void)::sigtimedwait(&stSignal, nullptr, &stNow); // takes the signal back; none is as good
-        }
-        errno = nErrno;
-    }
-
-private:
-    CSignalsHeld m_clHeld{SIGXFSZ};
-};
-
 /// Writes all of the bytes at a position; ENOSPC where the system just takes none.
 bool bWriteAt(int nFd, std::string_view csBytes, off_t nPosition)
 {

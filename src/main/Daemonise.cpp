@@ -115,16 +115,33 @@ bool bStartAs(const wchar_t* pszUser, CDescripteur* pclPipe)
     return true;
 }
 
-/// From the locked PID file to the end of the main loop.
-void RunLocked(CPidFile& clPidFile, const wchar_t* pszUser, CDescripteur* pclPipe,
-               std::optional<CTermHeld>* pclHeld)
+/// Opens, locks and writes the PID file; false when one of it fails, which is logged.
+bool bTakePidFile(CPidFile& clPidFile)
 {
-    clPidFile.Write();
+    if (!clPidFile.bOpen()) {
+        LogCritical(L"Echec de la création du fichier de lock du demon");
+        return false;
+    }
+    const bool bLocked = clPidFile.bLock();
+    if (bLocked && clPidFile.bWrite()) {
+        return true;
+    }
+
+    CXError clError;
+    (void)bFail(&clError, bLocked ? L"write" : L"lock", csFromUTF8(clPidFile.csPath()));
+    clPidFile.Remove(); // a locked one, too, although it is the other daemon's; intended
+    LogCause(*gpclServiceImp->pclGetLogger(), clError);
+    return false;
+}
+
+/// From the written PID file to the end of the main loop.
+void RunLocked(CPidFile& clPidFile, const wchar_t* pszUser, CDescripteur* pclPipe, CTermHeld& clHeld)
+{
     if (pszUser != nullptr) {
         (void)__bChangeUser(clPidFile.nFd(), pszUser, true);
     }
     __NotifyParentFork(pclPipe, s_cRunning);
-    __MainLoop(pclHeld);
+    __MainLoop(clHeld);
     clPidFile.Remove();
 }
 
@@ -135,20 +152,18 @@ void Daemon(const wchar_t* pszServiceName, CDescripteur clPipe)
     __CoreDump();
     std::array<wchar_t, g_nServicePath> tUser{};
     const wchar_t* pszUser = gpclServiceImp->vbGetServiceUser(tUser.data()) ? tUser.data() : nullptr;
-    std::optional<CTermHeld> clHeld(std::in_place);
+    CPidFile clPidFile(csPidPath(pszServiceName)); // allocates, so before there is something to clean up
+    CTermHeld clHeld;
     if (!(pszUser != nullptr ? bStartAs(pszUser, &clPipe) : __bStart())) {
         return;
     }
-    CPidFile clPidFile(csPidPath(pszServiceName));
-    if (!clPidFile.bOpen()) {
-        LogCritical(L"Echec de la création du fichier de lock du demon");
+
+    if (!bTakePidFile(clPidFile)) {
+        LogStartFailed();
         gpclServiceImp->Stop();
-    } else if (!clPidFile.bLock()) {
-        gpclServiceImp->Stop();
-        clPidFile.Remove(); // although it is the other daemon's; intended
-    } else {
-        RunLocked(clPidFile, pszUser, &clPipe, &clHeld);
+        return;
     }
+    RunLocked(clPidFile, pszUser, &clPipe, clHeld);
 }
 
 /// Leaves the session and the first child behind. Returns in the daemon only.

@@ -7,6 +7,22 @@
 #include <cerrno>
 #include <syslog.h>
 
+std::wstring csCause(const CXError& clError)
+{
+    constexpr unsigned int nEverything = 0x80000FFF; // with the bits of later kinds of information
+    return csReplaceAll<wchar_t>(clError.StringDump(nEverything), L"\r\n", L"\n");
+}
+
+void LogText(ILogger& clLogger, const std::wstring& csText)
+{
+    clLogger.AddLog(ILogger::PRIORITY_CRITICAL, L"%1!s!", csEscapePercent(csText).c_str());
+}
+
+void LogCause(ILogger& clLogger, const CXError& clError)
+{
+    LogText(clLogger, csCause(clError));
+}
+
 CLogger::CLogger()
 {
     CLogger::bSetMode(MODE_SYSTEM);

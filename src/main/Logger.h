@@ -1,5 +1,7 @@
 #pragma once
 
+#include "support/XError.h"
+
 #include <cstdarg>
 #include <string>
 
@@ -33,6 +35,12 @@ public:
     virtual void AddLogDetail(ePRIORITY ePriority, int nEvent, const wchar_t** ppszDetails, int nDetails) = 0;
     virtual ~ILogger() = default;
 };
+
+/// All that an error tells, as an entry has it: one item a line.
+std::wstring csCause(const CXError& clError);
+/// One entry at priority 2: a text from outside, unchanged; or the cause of a failure.
+void LogText(ILogger& clLogger, const std::wstring& csText);
+void LogCause(ILogger& clLogger, const CXError& clError);
 
 /// Writes to the system log (mode 1, from construction on). In file mode every message is dropped: the path
 /// is only kept; mode 0 is silent.

@@ -1,5 +1,9 @@
 #include "main/PidFile.h"
 
+#include "support/SignalMask.h"
+#include "support/SystemCall.h"
+
+#include <array>
 #include <cstdio>
 #include <fcntl.h>
 #include <unistd.h>
@@ -15,9 +19,12 @@ bool CPidFile::bLock()
     return ::lockf(m_clFile.nFd(), F_TLOCK, 0) == 0;
 }
 
-void CPidFile::Write()
+bool CPidFile::bWrite()
 {
-    ::dprintf(m_clFile.nFd(), "%d\n", static_cast<int>(::getpid()));
+    std::array<char, 16> szLine;
+    const int nLength = std::snprintf(szLine.data(), szLine.size(), "%d\n", static_cast<int>(::getpid()));
+    const CNoFileSizeSignal clNoSignal;
+    return bWriteAll(m_clFile.nFd(), {szLine.data(), static_cast<std::size_t>(nLength)});
 }
 
 void CPidFile::Remove()

@@ -15,9 +15,11 @@ public:
     bool bOpen();
     /// False when another process holds the lock.
     bool bLock();
-    /// Writes the process id and a line end at the start; what an earlier, longer content left behind stays.
-    void Write();
+    /// Writes the process id and LF at the start; what an earlier, longer content left stays. False with
+    /// errno when not all of it can be written (full disk, limit on file sizes).
+    bool bWrite();
     void Remove();
+    const std::string& csPath() const noexcept { return m_csPath; }
     int nFd() const { return m_clFile.nFd(); }
 
 private:

@@ -12,9 +12,11 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <new>
 #include <pthread.h>
 #include <pwd.h>
 #include <sys/resource.h>
+#include <syslog.h>
 #include <unistd.h>
 
 CServiceImp* gpclServiceImp = nullptr;
@@ -72,6 +74,29 @@ bool bSwitch(uid_t nUser, gid_t nGroup, bool bPermanent)
     }
     return ::setegid(nGroup) == 0 && ::seteuid(nUser) == 0;
 }
+
+/// Logs; when there is no memory even for that, the C library reports the text given, for which it needs
+/// none.
+template <class TLog>
+void LogAnyway(const char* pszText, TLog Log) noexcept
+{
+    try {
+        Log();
+    } catch (const std::bad_alloc&) {
+        ::syslog(LOG_CRIT, "%s", pszText);
+    }
+}
+
+/// The service logs why it cannot start, unless there is no memory: that it throws.
+bool bStartService()
+{
+    try {
+        return gpclServiceImp->bStart();
+    } catch (const std::bad_alloc&) {
+        LogAnyway("out of memory", [] { LogText(*gpclServiceImp->pclGetLogger(), L"out of memory"); });
+        return false;
+    }
+}
 } // namespace
 
 bool CServiceImp::vbGetServiceUser(wchar_t*)
@@ -98,10 +123,21 @@ CTermHeld::CTermHeld()
 
 CTermHeld::~CTermHeld()
 {
-    if (hMainThread.load() == 0) { // no main loop: the process ends already, and shall do so in order
-        ::signal(SIGTERM, SIG_IGN);
+    if (m_bHeld) {
+        Ignore();
     }
+}
+
+void CTermHeld::Deliver()
+{
+    m_bHeld = false;
     MaskTerm(SIG_UNBLOCK); // also where the daemon was started with the signal blocked
+}
+
+void CTermHeld::Ignore()
+{
+    ::signal(SIGTERM, SIG_IGN);
+    Deliver();
 }
 
 void SetTermHandler()
@@ -125,12 +161,17 @@ void __CoreDump()
     }
 }
 
+void LogStartFailed() noexcept
+{
+    LogAnyway("the service could not be started", [] { LogMessage(MSG_START_FAILED, L"VelmoManager"); });
+}
+
 bool __bStart()
 {
-    if (gpclServiceImp->bStart()) {
+    if (bStartService()) {
         return true;
     }
-    LogMessage(MSG_START_FAILED, L"VelmoManager");
+    LogStartFailed();
     return false;
 }
 
@@ -157,18 +198,18 @@ bool __bChangeUser(int nFd, const wchar_t* pszUser, bool bPermanent)
     return true;
 }
 
-void __MainLoop(std::optional<CTermHeld>* pclHeld)
+void __MainLoop(CTermHeld& clHeld)
 {
     SetTermHandler();
-    pclHeld->reset();
+    clHeld.Deliver();
     gpclServiceImp->MainLoop();
 }
 
 void RunDebugMode()
 {
-    std::optional<CTermHeld> clHeld(std::in_place);
-    if (gpclServiceImp->bStart()) {
-        __MainLoop(&clHeld);
+    CTermHeld clHeld;
+    if (bStartService()) {
+        __MainLoop(clHeld);
     }
 }
 

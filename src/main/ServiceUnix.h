@@ -13,7 +13,7 @@ public:
     /// Runs the service until it is stopped.
     virtual void MainLoop() = 0;
     virtual ILogger* pclGetLogger() = 0;
-    /// Starts the service's work; false when it cannot.
+    /// Starts the service's work; false when it cannot, which it has logged then. May throw std::bad_alloc.
     virtual bool bStart() = 0;
     /// Makes MainLoop return. Async-signal-safe.
     virtual void Stop() = 0;
@@ -35,7 +35,7 @@ extern CServiceImp* gpclServiceImp;
 bool bServiceMain(const wchar_t* pszServiceName);
 /// Whether NOTIFY_SOCKET names a socket.
 bool bIsSystemdNotify();
-/// Runs the service in the foreground. A failed start is silent.
+/// Runs the service in the foreground. A failed start has its cause logged by the service, and no more.
 void RunDebugMode();
 /// Makes SIGTERM end the main loop of the calling thread.
 void SetTermHandler();

@@ -67,11 +67,11 @@ bool __bServiceMainSystemdNotify()
         }
         __CoreDump();
     }
-    std::optional<CTermHeld> clHeld(std::in_place);
+    CTermHeld clHeld;
     if (!__bStart()) {
         return false;
     }
     NotifyReady(csSocket);
-    __MainLoop(&clHeld);
+    __MainLoop(clHeld);
     return true;
 }

@@ -41,6 +41,28 @@ void EnlargeDescriptorTable(int nAny)
     const CDescripteur clHigh(::fcntl(nAny, F_DUPFD_CLOEXEC, s_nFirstDescriptor));
 }
 
+/// Opens the listening sockets; false with errno. A port that only the remains of ended conversations hold is
+/// taken over, one that somebody listens on is refused both times.
+bool bListen(std::uint16_t wPort, CEnsembleSockets* pclSockets)
+{
+    CXError clError;
+    bool bOpened = bSocketListenTCP(wPort, 0, pclSockets, &clError, nullptr, s_nBacklog);
+    if (!bOpened && clError.nGetSystemError() == EADDRINUSE) {
+        clError.Clear();
+        bOpened = bSocketListenTCP(wPort, SOCKET_REUSEADDR, pclSockets, &clError, nullptr, s_nBacklog);
+    }
+    if (!bOpened) {
+        errno = clError.nGetSystemError();
+        return false;
+    }
+
+    // Inherited by the connections, whose remains would otherwise keep the port from the next manager,
+    // whatever that asks for.
+    const int nOne = 1;
+    (void)pclSockets->bSetsockopt(SOL_SOCKET, SO_REUSEADDR, &nOne, sizeof nOne);
+    return true;
+}
+
 /// A thread that cannot be started costs its conversation; the tool sees its connection closed.
 void Converse(CDescripteur clSocket)
 {
@@ -78,9 +100,7 @@ CServer::~CServer()
 
 bool CServer::bInit(std::uint16_t wPort)
 {
-    CXError clError;
-    if (!bSocketListenTCP(wPort, 0, &m_clSockets, &clError, nullptr, s_nBacklog)) {
-        errno = clError.nGetSystemError();
+    if (!bListen(wPort, &m_clSockets)) {
         return false;
     }
     EnlargeDescriptorTable(m_clSockets.tGetSockets().front().nSocket);

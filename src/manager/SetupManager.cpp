@@ -79,7 +79,7 @@ bool CSetupManager::bInit()
     DLLRES_bFormatMessage(&g_stMyModule, MSG_PORT_NOT_OPENED, &csMessage,
                           static_cast<unsigned int>(g_wManagerPort));
     clError.SetUserError(MSG_PORT_NOT_OPENED, csMessage);
-    _LogError(clError);
+    LogCause(m_clLogger, clError);
     return false;
 }
 
@@ -98,7 +98,7 @@ bool CSetupManager::bStart()
         }
         return m_clPingEcho.bStart() && __bStartPipe();
     } catch (const CXError& clError) {
-        _LogError(clError);
+        LogCause(m_clLogger, clError);
         return false;
     }
 }
@@ -109,7 +109,7 @@ bool CSetupManager::__bStartPipe()
     if (m_clPipeServer.bStart() || bFail(&clError, L"create", csFromUTF8(g_szManagerPipe))) {
         return true;
     }
-    _LogError(clError);
+    LogCause(m_clLogger, clError);
     return false;
 }
 
@@ -241,13 +241,12 @@ void CSetupManager::__AddServeurList(const CServiceGuard&, CService& clService, 
 
 void CSetupManager::_LogError(const CXError& clError)
 {
-    constexpr unsigned int nEverything = 0x80000FFF; // with the bits of later kinds of information
     CTString csText;
     DLLRES_bFormatMessage(&g_stMyModule, MSG_START_FAILED, &csText, g_szManagerService);
-    _LogText(csReplaceAll<wchar_t>(csText + L"\r\n" + clError.StringDump(nEverything), L"\r\n", L"\n"));
+    _LogText(csText + L"\n" + csCause(clError));
 }
 
 void CSetupManager::_LogText(const std::wstring& csText)
 {
-    m_clLogger.AddLog(ILogger::PRIORITY_CRITICAL, L"%1!s!", csEscapePercent(csText).c_str());
+    LogText(m_clLogger, csText);
 }

@@ -93,6 +93,8 @@ private:
     void __CheckNotEnding() const;
     void __AddServeurList(const CServiceGuard& clGuard, CService& clService, CTString* pcsReply);
     [[noreturn]] static void __FailListing(int nError);
+    /// Message 4012 with all that the error tells below it, as one entry: of a failure that nobody else
+    /// reports.
     void _LogError(const CXError& clError);
     /// Text from outside, logged as it is.
     void _LogText(const std::wstring& csText);

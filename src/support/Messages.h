@@ -52,9 +52,8 @@ inline constexpr STMessage s_tMessages[] = {
      u"The manager could not switch to the user \"%1\". Start it as root, or correct the user in DXConf.ini, "
      u"then start it again."},
     {MSG_PORT_NOT_OPENED,
-     u"The port %1!u! cannot be opened. Check that no other program uses it (\"ss -lnp\" shows which). Right "
-     u"after a conversation the system may hold the port of a manager that has ended for about a minute: in "
-     u"that case wait, then start the manager again."},
+     u"The port %1!u! cannot be opened. Check that no other program uses it (\"ss -lnp\" shows which), then "
+     u"start the manager again."},
     {MSG_SERVICES_NOT_ASKED,
      u"The services of this machine could not be listed or asked: %1. What needed that was not done. Check "
      u"that the system's init tools work (\"systemctl list-units\" shows it), then try again."},

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cerrno>
 #include <csignal>
+#include <ctime>
 #include <initializer_list>
 
 /// Holds signals back in the calling thread for the object's lifetime; then the mask is the one from before,
@@ -34,4 +36,29 @@ public:
 
 private:
     sigset_t m_stBefore;
+};
+
+/// Keeps SIGXFSZ from this thread: a write past the limit on file sizes is to fail with EFBIG, not to end the
+/// process.
+class CNoFileSizeSignal
+{
+public:
+    CNoFileSizeSignal() = default;
+    CNoFileSizeSignal(const CNoFileSizeSignal&) = delete;
+    CNoFileSizeSignal& operator=(const CNoFileSizeSignal&) = delete;
+    ~CNoFileSizeSignal()
+    {
+        const int nErrno = errno;
+        if (sigismember(&m_clHeld.stBefore(), SIGXFSZ) == 0) {
+            sigset_t stSignal;
+            ::sigemptyset(&stSignal);
+            ::sigaddset(&stSignal, SIGXFSZ);
+            const timespec stNow{};
+            (void)::sigtimedwait(&stSignal, nullptr, &stNow); // takes the signal back; none is as good
+        }
+        errno = nErrno;
+    }
+
+private:
+    CSignalsHeld m_clHeld{SIGXFSZ};
 };

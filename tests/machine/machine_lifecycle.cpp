@@ -139,13 +139,13 @@ private:
     std::string m_csStart = stRun("date +@%s.%6N | tr -d '\\n'").csOutput;
 };
 
-/// Holds the manager's port.
-CDescripteur clTakePort()
+/// Holds the manager's port, in both address families.
+CDescripteur clTakePort(int nType = SOCK_STREAM)
 {
-    CDescripteur clSocket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const sockaddr_in6 st = stAddress("0.0.0.0", 4999);
+    CDescripteur clSocket(::socket(AF_INET6, nType | SOCK_CLOEXEC, 0));
+    const sockaddr_in6 st = stAddress("::", 4999);
     EXPECT_EQ(::bind(clSocket.nFd(), reinterpret_cast<const sockaddr*>(&st), sizeof st), 0);
-    EXPECT_EQ(::listen(clSocket.nFd(), 1), 0);
+    EXPECT_TRUE(nType != SOCK_STREAM || ::listen(clSocket.nFd(), 1) == 0);
     return clSocket;
 }
 } // namespace
@@ -380,17 +380,82 @@ TEST_F(Lifecycle, StopServerStopsTheServerOfTheDirectoryAndTheManagerThatLiesThe
     }
 }
 
-TEST_F(Lifecycle, ATakenPortIsToldInWordsThatHelpAndLeavesNothing)
+TEST_F(Lifecycle, WhateverMakesAStartFailIsLoggedOnceAndLeavesNothing)
 {
+    constexpr char szPort[] =
+        "The port 4999 cannot be opened. Check that no other program uses it (\"ss -lnp\" "
+        "shows which), then start the manager again.\n"
+        "System error 98: Address already in use\n";
+    constexpr char szNotStarted[] =
+        "The service \"VelmoManager\" could not be started. The system log tells what "
+        "failed: correct it, then start the service again.\n";
+    enum EWay
+    {
+        DAEMON,
+        NOTIFIED,
+        DEBUG
+    };
+    const struct
+    {
+        const char* pszWhat;
+        int nPortType;        ///< of the socket that holds the port; 0: none
+        const char* pszBreak; ///< shell command
+        const char* pszMend;
+        const char* pszCause; ///< log entry
+        std::vector<EWay> tWays;
+    } tCases[] = {
+        {"TCP", SOCK_STREAM, ":", ":", szPort, {DAEMON, NOTIFIED, DEBUG}},
+        {"UDP", SOCK_DGRAM, ":", ":", szPort, {DAEMON, NOTIFIED, DEBUG}},
+        {"FIFO",
+         0,
+         "mkdir /tmp/__pipe_velmomanager__; mount -t tmpfs x /tmp/__pipe_velmomanager__",
+         "umount /tmp/__pipe_velmomanager__; rmdir /tmp/__pipe_velmomanager__",
+         "create /tmp/__pipe_velmomanager__\nSystem error 16: Device or resource busy\n",
+         {DAEMON, NOTIFIED, DEBUG}},
+        {"a link in the PID file's place",
+         0,
+         "ln -s /tmp/victim /run/VelmoManager.pid",
+         "rm /run/VelmoManager.pid",
+         "Echec de la création du fichier de lock du demon\n",
+         {DAEMON}},
+    };
     Put("first");
-    const CDescripteur clTaken = clTakePort();
-    for (const auto& [pszOptions, pszOutcome] :
-         {std::pair{"--SERVICE VelmoManager", "0 "}, {"--DEBUG", "0 "}, {"--SERVICE", "255 "}}) {
-        EXPECT_EQ(csManager("first", pszOptions), pszOutcome) << pszOptions;
+    const std::string csProgram = csHome("first") + "VelmoManager ";
+    const std::pair<std::string, int> tCommands[] = {
+        {csProgram + "--SERVICE VelmoManager", 0},
+        {"systemd-run --quiet --unit=VelmoManager -p Type=notify " + csProgram, 1},
+        {csProgram + "--DEBUG", 0},
+    };
+    for (const auto& st : tCases) {
+        CDescripteur clTaken = st.nPortType != 0 ? clTakePort(st.nPortType) : CDescripteur();
+        stRun(st.pszBreak);
+        for (const EWay eWay : st.tWays) {
+            SCOPED_TRACE(std::string(st.pszWhat) + " " + std::to_string(eWay));
+            const std::string csSince = stRun("date +@%s.%6N | tr -d '\\n'").csOutput;
+            EXPECT_EQ(stRun(tCommands[eWay].first).nStatus, tCommands[eWay].second);
+            EXPECT_TRUE(bWaitUntil([] { return stRun("pgrep -x VelmoManager").nStatus == 1; }, 1000));
+            stRun("systemctl reset-failed VelmoManager; journalctl --sync");
+            EXPECT_EQ(stRun("journalctl -b -t VelmoManager -p crit -o cat --since=" + csSince).csOutput,
+                      std::string(st.pszCause) + (eWay == DEBUG ? "" : szNotStarted));
+        }
+        stRun(st.pszMend);
         EXPECT_EQ(csLeftovers(), "");
     }
-    EXPECT_THAT(csLog("The port 4999 cannot be opened."),
-                HasSubstr("The service \"VelmoManager\" could not be started."));
+    EXPECT_EQ(csManager("first", "--SERVICE"), "255 ");
+}
+
+TEST_F(Lifecycle, SystemdLearnsAtOnceOfAPidFileThatCannotBeWritten)
+{
+    Put("first");
+    ASSERT_EQ(csManager("first"), "0 ");
+    stRun("systemctl stop VelmoManager");
+    DropIn("LimitFSIZE=0\nRestart=no\n");
+    const auto clStart = Clock::now();
+    EXPECT_NE(stRun("systemctl start VelmoManager").nStatus, 0);
+    EXPECT_LT(Clock::now() - clStart, std::chrono::seconds(5));
+    EXPECT_THAT(csLog("write "),
+                HasSubstr("write /var/run/VelmoManager.pid\nSystem error 27: File too large\n"));
+    EXPECT_EQ(csLeftovers(), "");
 }
 
 TEST_F(Lifecycle, WithoutTheRuntimeLibraryEveryUseEndsAtOnceAndIsLogged)

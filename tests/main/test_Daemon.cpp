@@ -8,7 +8,9 @@
 #include <cstdlib>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <new>
 #include <pwd.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <thread>
 
@@ -129,24 +131,44 @@ TEST_F(Daemon, TheLauncherWaitsUntilTheServiceIsUpOrGone)
 
 TEST_F(Daemon, AFailedStartIsLoggedAndLeavesNothing)
 {
+    constexpr char szNotStarted[] = "<10>The service \"VelmoManager\" could not be started.";
     const auto fnNobodyThere = [](CTestService& cl) { cl.m_csUser = L"velmo 100%s nobody"; };
-    const std::tuple<CPrepare, const char*, const char*> tCases[] = {
-        {FailStart, "<10>The service \"VelmoManager\" could not be started.", "started "},
-        {fnNobodyThere, "<10>The user \"velmo 100%s nobody\" that the manager is to run as does not exist",
-         ""},
-        {Nothing, "<10>Echec de la création du fichier de lock du demon", "started stop "},
+    const auto fnOutOfMemory = [](CTestService& cl) {
+        cl.m_fnStart = []() -> bool { throw std::bad_alloc(); };
     };
-    for (const auto& [fnPrepare, pszLog, pszEvents] : tCases) {
-        SCOPED_TRACE(pszLog);
+    const std::tuple<CPrepare, std::vector<const char*>, const char*> tCases[] = {
+        {FailStart, {szNotStarted}, "started "},
+        {fnNobodyThere, {"<10>The user \"velmo 100%s nobody\" that the manager is to run as does not"}, ""},
+        {fnOutOfMemory, {"<10>out of memory", szNotStarted}, "started "},
+        {Nothing, {"<10>Echec de la création du fichier de lock du demon", szNotStarted}, "started stop "},
+    };
+    for (const auto& [fnPrepare, tEntries, pszEvents] : tCases) {
+        SCOPED_TRACE(tEntries[0]);
         std::filesystem::create_symlink("/tmp/victim", s_szPidFile);
         EXPECT_EQ(nRun(fnPrepare), 0);
         EXPECT_TRUE(bNoneLeft());
-        EXPECT_THAT(m_clLog.csNext(), StartsWith(pszLog));
+        for (const char* pszEntry : tEntries) {
+            EXPECT_THAT(m_clLog.csNext(), StartsWith(pszEntry));
+        }
         EXPECT_TRUE(m_clLog.bSilent());
         EXPECT_EQ(csEvents(), pszEvents);
         EXPECT_FALSE(std::filesystem::exists("/tmp/victim")) << "a link is not followed";
         EXPECT_TRUE(std::filesystem::remove(s_szPidFile)) << "nor taken away";
     }
+}
+
+TEST_F(Daemon, APidFileThatCannotBeWrittenEndsTheStart)
+{
+    ASSERT_EQ(::mount("tmpfs", "/run", "tmpfs", 0, "size=4k"), 0);
+    std::ofstream("/run/fill") << std::string(4096, 'x') << std::flush; // the next byte finds no room
+    EXPECT_EQ(nRun(), 0);
+    EXPECT_TRUE(bNoneLeft());
+    EXPECT_EQ(csEvents(), "started stop ");
+    EXPECT_FALSE(std::filesystem::exists(s_szPidFile));
+    EXPECT_EQ(m_clLog.csNext(), "<10>write /var/run/velmotest.pid\nSystem error 28: No space left on device");
+    EXPECT_THAT(m_clLog.csNext(), StartsWith("<10>The service \"VelmoManager\" could not be started."));
+    EXPECT_TRUE(m_clLog.bSilent());
+    EXPECT_EQ(::umount("/run"), 0);
 }
 
 TEST_F(Daemon, ASecondOneStopsAndTakesThePidFileAwayAllTheSame)
@@ -155,6 +177,8 @@ TEST_F(Daemon, ASecondOneStopsAndTakesThePidFileAwayAllTheSame)
     const pid_t nFirst = nDaemon();
     EXPECT_EQ(nRun(), 0);
     EXPECT_EQ(csEvents(), "started stop ");
+    EXPECT_THAT(m_clLog.csNext(), StartsWith("<10>lock /var/run/velmotest.pid"));
+    EXPECT_THAT(m_clLog.csNext(), StartsWith("<10>The service \"VelmoManager\" could not be started."));
     EXPECT_FALSE(std::filesystem::exists(s_szPidFile)) << "although it is the first one's; intended";
     ::kill(nFirst, SIGTERM);
     EXPECT_EQ(nEndOf(nFirst), 0);

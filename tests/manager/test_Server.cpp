@@ -216,7 +216,7 @@ TEST_F(Server, ALineMayComeInPiecesOrBeLongAndWhatFollowsItInOneSegmentIsLost)
     EXPECT_EQ(pclTool->csAsk(std::string("STATUS\0\ta", 9)), "ERROR\t8\r\n") << "a NUL is no keyword's end";
 }
 
-TEST_F(Server, OfALineTheFirstCharactersCountAndItsMemoryIsGivenBack)
+TEST_F(Server, OfALineTheFirstCharactersCount)
 {
     constexpr std::size_t nMax = CLineBuffer::s_nMaxLine;
     const std::string csStatus = "STATUS\ta\t";
@@ -303,6 +303,29 @@ TEST_F(Server, AStopEndsIdleConversationsAndLetsABusyOneReply)
     EXPECT_TRUE(CDialog::s_bEndAll(5000));
     EXPECT_TRUE(pclIdle->bClosed());
     EXPECT_EQ(pclBusy->csLine(), "STATUS\tRUNNING\r\n");
+}
+
+TEST_F(Server, AnotherStartTakesThePortFromWhatConversationsLeftAndFromNobodyWhoListens)
+{
+    const auto pclTimeWait = pclOpen();
+    const auto pclHalfClosed = pclOpen();
+    EXPECT_TRUE(pclTimeWait->bSend("QUIT\r\n"));
+    EXPECT_TRUE(pclTimeWait->bClosed());
+    pclTimeWait->Close();
+    m_pclManager->Stop();
+    m_clMainLoop.join();
+    EXPECT_TRUE(CDialog::s_bEndAll(5000));
+    EXPECT_TRUE(pclHalfClosed->bClosed()) << "and this tool does not hang up";
+
+    CSetupManager clNext;
+    gpclSetupManager = &clNext;
+    EXPECT_TRUE(clNext.bStart());
+    EXPECT_EQ(pclOpen()->csAsk("HELLO"), "ERROR\t8\r\n");
+    CSetupManager clSecond; // its sockets would be shareable, as the first one's are
+    EXPECT_FALSE(clSecond.bStart());
+    clNext.__TermMainLoop();
+    EXPECT_TRUE(CDialog::s_bEndAll(5000));
+    gpclSetupManager = m_pclManager.get();
 }
 
 TEST(Upload, ComesToAWholeFileOrToNone)
