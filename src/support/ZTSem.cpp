@@ -3,18 +3,17 @@
 #include <cerrno>
 #include <ctime>
 #include <sched.h>
-#include <sys/time.h>
 
 namespace {
-/// The moment that lies dwMs after now on the clock of the day, which is the one that sem_timedwait takes.
+/// The moment that lies dwMs after now on the monotonic clock: setting the date must not prolong a wait.
 timespec stDeadline(unsigned int dwMs)
 {
-    constexpr long nMicrosecondsPerSecond = 1'000'000;
-    timeval stNow{};
-    ::gettimeofday(&stNow, nullptr);
-    const long nMicroseconds = stNow.tv_usec + static_cast<long>(dwMs % 1000) * 1000;
-    return {stNow.tv_sec + static_cast<time_t>(dwMs / 1000) + nMicroseconds / nMicrosecondsPerSecond,
-            nMicroseconds % nMicrosecondsPerSecond * 1000};
+    constexpr long nNanosecondsPerSecond = 1'000'000'000;
+    timespec stNow{};
+    ::clock_gettime(CLOCK_MONOTONIC, &stNow);
+    const long nNanoseconds = stNow.tv_nsec + static_cast<long>(dwMs % 1000) * 1'000'000;
+    return {stNow.tv_sec + static_cast<time_t>(dwMs / 1000) + nNanoseconds / nNanosecondsPerSecond,
+            nNanoseconds % nNanosecondsPerSecond};
 }
 } // namespace
 
@@ -74,7 +73,7 @@ int CZTSemNoInit::WaitTimeout(unsigned int dwMs)
     }
     const timespec st = stDeadline(dwMs); // one for all tries, so that signals do not prolong the wait
     while (m_bInitialised != 0) {
-        if (::sem_timedwait(&m_stSem, &st) == 0) {
+        if (::sem_clockwait(&m_stSem, CLOCK_MONOTONIC, &st) == 0) {
             return SEM_OK;
         }
         if (errno != EINTR) {

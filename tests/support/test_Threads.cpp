@@ -7,9 +7,13 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <fstream>
 #include <gtest/gtest.h>
+#include <linux/futex.h>
 #include <pthread.h>
+#include <string>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
 
@@ -158,4 +162,27 @@ TEST(Semaphore, LongWaitsEndWithAPostAndNotWithASignal)
         EXPECT_EQ(nResult, CZTSemNoInit::SEM_OK);
     }
     signal(SIGUSR1, pfnOld);
+}
+
+TEST(Semaphore, AWaitDoesNotLookAtTheDate)
+{
+    CZTSemNoInit clSem;
+    clSem.Init(0, 1);
+    std::atomic<pid_t> nWaiter{0};
+    std::thread clWaiter([&] {
+        nWaiter = ::gettid();
+        clSem.WaitTimeout(60'000);
+    });
+    // The kernel shows the call that a thread waits in: its number and its arguments.
+    std::string csCall;
+    std::string csOperation;
+    EXPECT_TRUE(bWaitUntil(
+        [&] {
+            std::ifstream clFile("/proc/self/task/" + std::to_string(nWaiter) + "/syscall");
+            return clFile >> csCall >> csOperation >> csOperation && csCall == std::to_string(SYS_futex);
+        },
+        5000));
+    EXPECT_EQ(std::stoul(csOperation, nullptr, 16) & FUTEX_CLOCK_REALTIME, 0u) << csOperation;
+    clSem.__Post(0);
+    clWaiter.join();
 }
