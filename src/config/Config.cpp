@@ -7,10 +7,10 @@
 #include "support/WinApi.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <ctime>
 #include <cwchar>
-#include <sstream>
 #include <string_view>
 
 using std::uint16_t;
@@ -18,15 +18,38 @@ using std::uint32_t;
 
 namespace {
 constexpr std::size_t s_nMaxPath = CConfig::s_nPathBuffer - 1;
+using CPathBuffer = std::array<wchar_t, CConfig::s_nPathBuffer>;
 
-/// Directories end in "/" even where they had to be cut.
-std::wstring csCutDirectory(const std::wstring& csPath)
+/// Every backslash becomes "/", and the directory ends in "/" even where it had to be cut. In a path buffer.
+void EndInSlash(wchar_t* pszPath)
 {
-    std::wstring csDirectory = CDiskFile::DirectoryWithEndSlash(csPath);
-    if (csDirectory.size() > s_nMaxPath) {
-        csDirectory.replace(s_nMaxPath - 1, std::wstring::npos, L"/");
+    const std::size_t nLength = std::wcslen(pszPath);
+    std::replace(pszPath, pszPath + nLength, L'\\', L'/');
+    if (nLength == 0 || pszPath[nLength - 1] == L'/') {
+        return;
     }
-    return csDirectory;
+    const std::size_t nSlash = std::min(nLength, s_nMaxPath - 1);
+    pszPath[nSlash] = L'/';
+    pszPath[nSlash + 1] = L'\0';
+}
+
+/// Puts a directory in the place of a macro of nMacro characters and of the slashes after it. In a path
+/// buffer.
+void ReplaceMacro(wchar_t* pszPath, std::size_t nMacro, std::wstring_view csDirectory)
+{
+    const std::wstring_view csPath(pszPath);
+    const std::size_t nRest =
+        std::min(csPath.find_first_not_of(L'/', std::min(nMacro, csPath.size())), csPath.size());
+    const std::size_t nDirectory = std::min(csDirectory.size(), s_nMaxPath);
+    const std::size_t nKept = std::min(csPath.size() - nRest, s_nMaxPath - nDirectory);
+    std::wmemmove(pszPath + nDirectory, pszPath + nRest, nKept);
+    csDirectory.copy(pszPath, nDirectory);
+    pszPath[nDirectory + nKept] = L'\0';
+}
+
+void CopyPath(std::wstring_view csPath, wchar_t* pszBuffer)
+{
+    pszBuffer[csPath.copy(pszBuffer, s_nMaxPath)] = L'\0';
 }
 
 /// The directory given, or that of the running executable.
@@ -38,29 +61,18 @@ std::wstring csOwnDirectory(const wchar_t* pszDirectory)
         std::replace(csPath.begin(), csPath.end(), L'\\', L'/');
         csPath = CDiskFile::csDirectory(csPath);
     }
-    return csCutDirectory(csPath);
-}
-
-/// What follows a macro of nLength characters, without the slashes at its start.
-std::wstring csBehindMacro(const std::wstring& csPath, std::size_t nLength)
-{
-    const std::size_t nRest = csPath.find_first_not_of(L'/', std::min(nLength, csPath.size()));
-    return nRest == std::wstring::npos ? std::wstring() : csPath.substr(nRest);
-}
-
-void CopyPath(const std::wstring& csPath, wchar_t* pszBuffer)
-{
-    pszBuffer[csPath.copy(pszBuffer, s_nMaxPath)] = L'\0';
+    CPathBuffer szPath{};
+    CopyPath(csPath, szPath.data());
+    EndInSlash(szPath.data());
+    return szPath.data();
 }
 
 /// Unique enough: two nameless servers would have to ask within the same second.
-std::wstring csGeneratedName()
+void GenerateName(wchar_t* pszBuffer, std::size_t nSize)
 {
     const std::time_t nNow = std::time(nullptr);
     std::tm stUtc{};
-    wchar_t szName[32];
-    const std::size_t nLength = std::wcsftime(szName, 32, L"Velmo_%Y%m%d %H%M%S", ::gmtime_r(&nNow, &stUtc));
-    return {szName, nLength};
+    std::wcsftime(pszBuffer, nSize, L"Velmo_%Y%m%d %H%M%S", ::gmtime_r(&nNow, &stUtc));
 }
 
 /// Of the form that the product's tools show: the manager's message, the system's reason, and where it was
@@ -83,24 +95,25 @@ const wchar_t* pszNullIfEmpty(const wchar_t* pszText)
 }
 } // namespace
 
-CConfig::CConfig(const wchar_t* pszDirectory)
-    : m_csDirectory(csOwnDirectory(pszDirectory)), m_csFile(L"%%EXE%%DXConf.ini")
+CConfig::CConfig(const wchar_t* pszDirectory) : m_csDirectory(csOwnDirectory(pszDirectory))
 {
-    __PatchPath(&m_csFile);
+    CPathBuffer szFile{};
+    CopyPath(L"%%EXE%%DXConf.ini", szFile.data());
+    __PatchPath(szFile.data());
+    m_csFile = szFile.data();
 }
 
-void CConfig::__PatchPath(std::wstring* pcsPath) const
+void CConfig::__PatchPath(wchar_t* pszPath) const
 {
     constexpr std::wstring_view csExe = L"%%EXE%%";
     constexpr std::wstring_view csProgramData = L"%%COMMONAPPDATA%%";
-    if (pcsPath->starts_with(csExe)) {
-        *pcsPath = (m_csDirectory + csBehindMacro(*pcsPath, csExe.size())).substr(0, s_nMaxPath);
+    if (std::wstring_view(pszPath).starts_with(csExe)) {
+        ReplaceMacro(pszPath, csExe.size(), m_csDirectory);
     }
     // As many characters as the other macro has: whatever begins so is taken for this one, intended.
-    if (pcsPath->starts_with(csProgramData.substr(0, csExe.size()))) {
-        *pcsPath = __GetProgramData() + csBehindMacro(*pcsPath, csProgramData.size());
+    if (std::wstring_view(pszPath).starts_with(csProgramData.substr(0, csExe.size()))) {
+        ReplaceMacro(pszPath, csProgramData.size(), __GetProgramData());
     }
-    pcsPath->resize(std::min(pcsPath->size(), s_nMaxPath));
 }
 
 template <class T>
@@ -114,19 +127,11 @@ void CConfig::_Read(const settings::STText& st, wchar_t* pszBuffer) const
     GetPrivateProfileString(st.pszSection, st.pszKey, st.pszDefault, pszBuffer, st.nSize, m_csFile.c_str());
 }
 
-std::wstring CConfig::_csRead(const settings::STText& st) const
-{
-    std::wstring csValue(st.nSize, L'\0');
-    csValue.resize(GetPrivateProfileString(st.pszSection, st.pszKey, st.pszDefault, csValue.data(), st.nSize,
-                                           m_csFile.c_str()));
-    return csValue;
-}
-
 bool CConfig::_bReadDirectory(const settings::STText& st, wchar_t* pszBuffer) const
 {
-    std::wstring csPath = _csRead(st);
-    __PatchPath(&csPath);
-    CopyPath(csCutDirectory(csPath), pszBuffer);
+    _Read(st, pszBuffer);
+    __PatchPath(pszBuffer);
+    EndInSlash(pszBuffer);
     return *pszBuffer != L'\0';
 }
 
@@ -154,15 +159,16 @@ void CConfig::GetServerName(wchar_t* pszBuffer) const
 {
     _Read(settings::Name, pszBuffer);
     if (*pszBuffer == L'\0') {
-        const std::wstring csName = csGeneratedName();
-        pszBuffer[csName.copy(pszBuffer, settings::Name.nSize - 1)] = L'\0';
+        GenerateName(pszBuffer, settings::Name.nSize);
         (void)_Write(settings::Name, pszBuffer); // a file that cannot be written gets another name next time
     }
 }
 
 CConfig::ELogMode CConfig::eGetLogMode() const
 {
-    const std::wstring csMode = _csRead(settings::ErrorLogMode);
+    std::array<wchar_t, settings::ErrorLogMode.nSize> szMode{};
+    _Read(settings::ErrorLogMode, szMode.data());
+    const std::wstring_view csMode(szMode.data());
     if (csMode == L"FILE") {
         return LOG_MODE_FILE;
     }
@@ -171,28 +177,31 @@ CConfig::ELogMode CConfig::eGetLogMode() const
 
 void CConfig::GetLogFileName(wchar_t* pszBuffer) const
 {
-    std::wstring csPath = _csRead(settings::ErrorLogFile);
-    __PatchPath(&csPath);
-    CopyPath(csPath, pszBuffer);
+    _Read(settings::ErrorLogFile, pszBuffer);
+    __PatchPath(pszBuffer);
 }
 
 int CConfig::nGetsocketOptions() const
 {
     struct STKeyword
     {
-        const wchar_t* pszKeyword;
+        std::wstring_view csKeyword;
         int nOption;
     };
     static constexpr STKeyword s_tKeywords[] = {
         {L"IPV4_ONLY", 1}, {L"IPV6_ONLY", 2}, {L"IPV4_IPV6", 0}, {L"IPV6_IPV4", 0}};
+    std::array<wchar_t, settings::SocketOptions.nSize> szValue{};
+    _Read(settings::SocketOptions, szValue.data());
+
     int nOptions = 0;
-    std::wistringstream clPieces(_csRead(settings::SocketOptions));
-    for (std::wstring csPiece; std::getline(clPieces, csPiece, L',');) {
+    for (const wchar_t* psz = szValue.data(); *psz != L'\0';) {
+        const std::size_t nLength = std::wcscspn(psz, L",");
         for (const STKeyword& st : s_tKeywords) {
-            if (::wcscasecmp(csPiece.c_str(), st.pszKeyword) == 0) {
+            if (nLength == st.csKeyword.size() && ::wcsncasecmp(psz, st.csKeyword.data(), nLength) == 0) {
                 nOptions = st.nOption; // the last one known wins
             }
         }
+        psz += nLength + (psz[nLength] == L',' ? 1 : 0);
     }
     return nOptions;
 }
@@ -291,7 +300,9 @@ void CConfig::GetAfterUpdate(wchar_t* pszBuffer) const
 
 bool CConfig::bIsInstallerNatif() const
 {
-    return ::wcscasecmp(_csRead(settings::Installer).c_str(), L"natif") == 0;
+    std::array<wchar_t, settings::Installer.nSize> szValue{};
+    _Read(settings::Installer, szValue.data());
+    return ::wcscasecmp(szValue.data(), L"natif") == 0;
 }
 
 void CConfig::GetClusterManagerName(wchar_t* pszBuffer) const
@@ -302,10 +313,11 @@ void CConfig::GetClusterManagerName(wchar_t* pszBuffer) const
 
 void CConfig::SetDBRootPath(const wchar_t* pszPath)
 {
-    std::wstring csDirectory = std::wstring(pszPath != nullptr ? pszPath : L"").substr(0, s_nMaxPath);
-    __PatchPath(&csDirectory);
+    CPathBuffer szDirectory{};
+    CopyPath(pszPath != nullptr ? pszPath : L"", szDirectory.data());
+    __PatchPath(szDirectory.data());
     CXError clError;
-    if (!CDiskFile::bCreateDirectory(csDirectory, &clError)) {
+    if (!CDiskFile::bCreateDirectory(szDirectory.data(), &clError)) {
         throw clError;
     }
     __xWritePrivateProfileString(settings::DBRootPath, pszPath);

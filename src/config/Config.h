@@ -7,11 +7,11 @@
 
 /// Typed access to the settings file "DXConf.ini" of one directory: the manager's own, or that of a server.
 ///
-/// Nothing is cached: every getter reads the file anew, every setter rewrites it. Getters never fail, a
-/// missing file or key gives the default. Any number of objects may be used by any threads, with the limits
-/// of the store beneath (see WinApi.h). Keys, defaults, meanings and units: docs/settings.md. The manager
-/// itself asks for the restart of failed servers and, of a server's file, for its cluster; all else is for
-/// the servers and the setup programs.
+/// Nothing is cached: every getter reads the file anew, every setter rewrites it. Getters never fail and
+/// never throw; they allocate nothing beside the store. A missing file or key gives the default. Any number
+/// of objects may be used by any threads, with the limits of the store beneath (see WinApi.h). Keys,
+/// defaults, meanings and units: docs/settings.md. The manager itself asks for the restart of failed servers
+/// and, of a server's file, for its cluster; all else is for the servers and the setup programs.
 ///
 /// Getters of texts fill a buffer as large as their setting's row in Settings.h says, terminator included;
 /// those that expand a path fill one of s_nPathBuffer characters. Setters of texts delete the key when given
@@ -114,11 +114,11 @@ public:
 
 private:
     static const wchar_t* __GetProgramData() { return L"/var/lib/"; }
-    /// Expands the macro at the start of a path, in place; the result is cut to what a path buffer holds.
-    void __PatchPath(std::wstring* pcsPath) const;
+    /// Expands the macro at the start of a path, in place, in a buffer of s_nPathBuffer characters; the
+    /// result is cut to what that holds.
+    void __PatchPath(wchar_t* pszPath) const;
     template <class T>
     T _Read(const settings::STNumber<T>& stSetting) const;
-    std::wstring _csRead(const settings::STText& stSetting) const;
     void _Read(const settings::STText& stSetting, wchar_t* pszBuffer) const;
     /// A directory setting, expanded and with its end slash; false when it is empty.
     bool _bReadDirectory(const settings::STText& stSetting, wchar_t* pszBuffer) const;

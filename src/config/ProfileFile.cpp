@@ -74,6 +74,15 @@ CProfileFile::CProfileFile() : m_pBuffer(std::make_unique_for_overwrite<CBuffer>
 bool CProfileFile::_bOpen(const std::string& csPath, int nFlags)
 {
     m_clFile = clOpenRegular(csPath, nFlags);
+    struct stat st
+    {};
+    if (!m_clFile.bOpen() || ::fstat(m_clFile.nFd(), &st) != 0) {
+        return false;
+    }
+    if (st.st_size > g_nMaxProfileFile) {
+        m_clFile.Close();
+        errno = EFBIG;
+    }
     return m_clFile.bOpen();
 }
 
@@ -113,6 +122,10 @@ bool CProfileFile::_bFill()
     std::memmove(m_pBuffer->data(), m_pBuffer->data() + m_nBegin, m_nEnd - m_nBegin);
     m_nEnd -= std::exchange(m_nBegin, 0);
     const off_t nFilePosition = m_nPosition + static_cast<off_t>(m_nEnd);
+    if (nFilePosition > g_nMaxProfileFile) { // it grew meanwhile
+        m_nReadError = EFBIG;
+        return false;
+    }
     const ssize_t nRead = nRetry([&] {
         return ::pread(m_clFile.nFd(), m_pBuffer->data() + m_nEnd, m_pBuffer->size() - m_nEnd, nFilePosition);
     });
@@ -123,38 +136,40 @@ bool CProfileFile::_bFill()
     return nRead > 0;
 }
 
+/// Consumes what the buffer holds of the line; true when it holds the line's LF.
 template <class TUnit>
-std::size_t CProfileFile::_nTakeUntilLF(std::basic_string<TUnit>* pcsLine)
+bool CProfileFile::_bTakeUntilLF(std::basic_string<TUnit>* pcsLine)
 {
     const char* pBegin = m_pBuffer->data() + m_nBegin;
     const std::size_t nUnits = (m_nEnd - m_nBegin) / sizeof(TUnit);
-    std::size_t nTaken = nUnits;
+    std::size_t nLF = nUnits;
     if constexpr (sizeof(TUnit) == 1) {
         const void* pLF = std::memchr(pBegin, '\n', nUnits);
-        nTaken =
-            pLF == nullptr ? nUnits : static_cast<std::size_t>(static_cast<const char*>(pLF) - pBegin) + 1;
-        pcsLine->append(pBegin, nTaken);
+        nLF = pLF == nullptr ? nUnits : static_cast<std::size_t>(static_cast<const char*>(pLF) - pBegin);
     } else {
-        for (std::size_t n = 0; n < nUnits && nTaken == nUnits; ++n) {
-            nTaken = pBegin[2 * n] == '\n' && pBegin[2 * n + 1] == '\0' ? n + 1 : nUnits;
+        for (nLF = 0; nLF < nUnits && !(pBegin[2 * nLF] == '\n' && pBegin[2 * nLF + 1] == '\0'); ++nLF) {
         }
-        const std::size_t nBefore = pcsLine->size();
-        pcsLine->resize(nBefore + nTaken); // the buffer's bytes need not be aligned
-        std::memcpy(pcsLine->data() + nBefore, pBegin, nTaken * sizeof(TUnit));
     }
+    const std::size_t nTaken = std::min(nLF + 1, nUnits);
+
+    const std::size_t nBefore = pcsLine->size();
+    const std::size_t nKept = std::min(nTaken, g_nMaxProfileLine / sizeof(TUnit) - nBefore);
+    pcsLine->resize(nBefore + nKept); // the buffer's bytes need not be aligned
+    std::memcpy(pcsLine->data() + nBefore, pBegin, nKept * sizeof(TUnit));
+
     m_nBegin += nTaken * sizeof(TUnit);
     m_nPosition += static_cast<off_t>(nTaken * sizeof(TUnit));
-    return nTaken;
+    return nLF < nUnits;
 }
 
 template <class TUnit>
 ssize_t CProfileFile::STRG_nGetLine(std::basic_string<TUnit>* pcsLine)
 {
+    const off_t nStart = m_nPosition;
     pcsLine->clear();
-    do {
-        _nTakeUntilLF(pcsLine);
-    } while ((pcsLine->empty() || pcsLine->back() != TUnit{'\n'}) && _bFill());
-    return pcsLine->empty() ? -1 : static_cast<ssize_t>(pcsLine->size() * sizeof(TUnit));
+    while (!_bTakeUntilLF(pcsLine) && _bFill()) {
+    }
+    return m_nPosition == nStart ? -1 : static_cast<ssize_t>(m_nPosition - nStart);
 }
 
 template ssize_t CProfileFile::STRG_nGetLine(std::basic_string<CAnsiUnit>* pcsLine);
@@ -165,6 +180,11 @@ bool CProfileFile::bReplace(off_t nStart, off_t nEnd, std::string_view csBytes)
     struct stat stFile
     {};
     if (::fstat(m_clFile.nFd(), &stFile) != 0) {
+        return false;
+    }
+    const off_t nNewSize = stFile.st_size - (nEnd - nStart) + static_cast<off_t>(csBytes.size());
+    if (std::max(stFile.st_size, nNewSize) > g_nMaxProfileFile) { // nobody would read it any more
+        errno = EFBIG;
         return false;
     }
     std::string csNew(csBytes);

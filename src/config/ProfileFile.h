@@ -14,8 +14,14 @@
 using CAnsiUnit = char;
 using CUnicodeUnit = char16_t;
 
+/// Bytes of a profile file, beyond which it is refused, and of one of its lines, beyond which the line is
+/// read without being kept. Settings need far less: values end at 1,024 characters.
+inline constexpr off_t g_nMaxProfileFile = 16 << 20;
+inline constexpr std::size_t g_nMaxProfileLine = 64 << 10;
+
 /// One open profile file, read line by line from its start and changed in at most one place. Only regular
-/// files are opened: a directory, a FIFO or a device in the file's place is refused, and never waited for.
+/// files of at most g_nMaxProfileFile bytes are opened (EFBIG): a directory, a FIFO or a device in the file's
+/// place is refused, and never waited for.
 ///
 /// One thread, one call of the store; the destructor closes. Failures leave errno set.
 class CProfileFile
@@ -31,9 +37,10 @@ public:
     /// Whether the file begins with FF FE, behind which the reader then is. Comes before the first line.
     bool bFichierUnicode();
 
-    /// Reads up to and including the next LF, or to the end of the file. Returns the number of bytes
-    /// consumed, -1 when there was nothing left. What does not fill a whole unit at the end of the file is
-    /// never consumed. A failed read looks like the end of the file; see bReadFailed.
+    /// Reads up to and including the next LF, or to the end of the file, and keeps the first
+    /// g_nMaxProfileLine bytes of it. Returns the number of bytes consumed, -1 when there was nothing left.
+    /// What does not fill a whole unit at the end of the file is never consumed. A failed read looks like the
+    /// end of the file, and so does a file that grew beyond g_nMaxProfileFile meanwhile; see bReadFailed.
     template <class TUnit>
     ssize_t STRG_nGetLine(std::basic_string<TUnit>* pcsLine);
 
@@ -55,7 +62,7 @@ private:
     bool _bOpen(const std::string& csPath, int nFlags);
     bool _bFill();
     template <class TUnit>
-    std::size_t _nTakeUntilLF(std::basic_string<TUnit>* pcsLine);
+    bool _bTakeUntilLF(std::basic_string<TUnit>* pcsLine);
 
     CDescripteur m_clFile;
     std::unique_ptr<CBuffer> m_pBuffer;

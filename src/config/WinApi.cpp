@@ -2,6 +2,7 @@
 
 #include "config/ProfileEngine.h"
 #include "support/Conversion.h"
+#include "support/RateLimit.h"
 
 #include <algorithm>
 #include <array>
@@ -125,6 +126,35 @@ const wchar_t* pszUserFile(std::wstring* pcsPath)
     return bGetNVSCONFPath(pcsPath) ? pcsPath->c_str() : nullptr;
 }
 
+/// Out of memory counts as no file: reading never fails.
+const wchar_t* pszUserFileToRead(std::wstring* pcsPath) noexcept
+{
+    try {
+        return pszUserFile(pcsPath);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
+/// Who is told of files that are too large, and how often.
+struct STTooLarge
+{
+    CTooLargeReport fnReport;
+    CRateLimit clLimit;
+};
+STTooLarge& stTooLarge()
+{
+    static STTooLarge s_stTooLarge;
+    return s_stTooLarge;
+}
+
+void ReportTooLarge(const std::wstring& csFile)
+{
+    if (STTooLarge& st = stTooLarge(); st.fnReport && st.clLimit.bDue(csFile)) {
+        st.fnReport(csFile);
+    }
+}
+
 /// What a file says about a key; the text is absent with the key.
 struct STRead
 {
@@ -132,36 +162,39 @@ struct STRead
     std::optional<std::wstring> csFound;
 };
 
-/// One pass over the file. No file, no right to read it and no memory all look like an absent key.
-STRead stRead(const wchar_t* pszSection, const wchar_t* pszKey, const wchar_t* pszFile)
+/// One pass over the file. No file, no right to read it, too large a file and no memory all look like an
+/// absent key.
+STRead stRead(const wchar_t* pszSection, const wchar_t* pszKey, const wchar_t* pszFile) noexcept
 {
     STRead stResult;
     try {
+        const std::wstring csFile = pszFile != nullptr ? __PrivateProfilePatchName(pszFile) : std::wstring();
         CProfileFile clFile;
-        stResult.bOpened =
-            pszFile != nullptr && clFile.bOpenToRead(csToUTF8(__PrivateProfilePatchName(pszFile)));
+        stResult.bOpened = pszFile != nullptr && clFile.bOpenToRead(csToUTF8(csFile));
         if (stResult.bOpened) {
             stResult.csFound = clFile.bFichierUnicode() ? csSearch<CUnicodeUnit>(clFile, pszSection, pszKey)
                                                         : csSearch<CAnsiUnit>(clFile, pszSection, pszKey);
+        } else if (pszFile != nullptr && errno == EFBIG) {
+            ReportTooLarge(csFile);
         }
     } catch (const std::bad_alloc&) {
-        stResult.csFound.reset(); // no memory for a line: reading never fails, the key counts as absent
+        stResult.csFound.reset(); // reading never fails: the key counts as absent
     }
     return stResult;
 }
 
 /// Hands out the text found, or the default; without either the buffer of a file that exists is emptied.
 template <class TCar>
-unsigned int nAnswer(const STRead& stResult, const std::basic_string<TCar>& csFound, const TCar* pszDefault,
-                     TCar* pszBuffer, unsigned int nSize)
+unsigned int nAnswer(bool bOpened, std::optional<std::basic_string_view<TCar>> csFound,
+                     const TCar* pszDefault, TCar* pszBuffer, unsigned int nSize) noexcept
 {
-    if (stResult.csFound.has_value()) {
-        return nCopyCut<TCar>(csFound, pszBuffer, nSize);
+    if (csFound.has_value()) {
+        return nCopyCut<TCar>(*csFound, pszBuffer, nSize);
     }
     if (pszDefault != nullptr) {
         return nCopyCut<TCar>(pszDefault, pszBuffer, nSize);
     }
-    return stResult.bOpened ? nCopyCut<TCar>(std::basic_string_view<TCar>(), pszBuffer, nSize) : 0;
+    return bOpened ? nCopyCut<TCar>(std::basic_string_view<TCar>(), pszBuffer, nSize) : 0;
 }
 
 /// One pass over the file and at most one change in it; false with errno.
@@ -187,20 +220,26 @@ const wchar_t* pszOrNull(const std::optional<std::wstring>& csText)
 }
 } // namespace
 
+void SetTooLargeReport(CTooLargeReport fnReport)
+{
+    stTooLarge().fnReport = std::move(fnReport);
+}
+
 unsigned int GetPrivateProfileStringW(const wchar_t* pszSection, const wchar_t* pszKey,
                                       const wchar_t* pszDefault, wchar_t* pszBuffer, unsigned int nSize,
                                       const wchar_t* pszFile)
 {
     const STRead stResult = stRead(pszSection, pszKey, pszFile);
-    return nAnswer(stResult, stResult.csFound.value_or(L""), pszDefault, pszBuffer, nSize);
+    return nAnswer<wchar_t>(stResult.bOpened, stResult.csFound, pszDefault, pszBuffer, nSize);
 }
 
 int GetPrivateProfileInt(const wchar_t* pszSection, const wchar_t* pszKey, int nDefault,
                          const wchar_t* pszFile)
 {
     std::array<wchar_t, s_nIntBuffer> tBuffer{};
-    GetPrivateProfileStringW(pszSection, pszKey, std::to_wstring(nDefault).c_str(), tBuffer.data(),
-                             s_nIntBuffer, pszFile);
+    std::array<wchar_t, s_nIntBuffer> szDefault{};
+    std::swprintf(szDefault.data(), szDefault.size(), L"%d", nDefault);
+    GetPrivateProfileStringW(pszSection, pszKey, szDefault.data(), tBuffer.data(), s_nIntBuffer, pszFile);
     return static_cast<int>(std::wcstol(tBuffer.data(), nullptr, 10));
 }
 
@@ -222,10 +261,16 @@ int WritePrivateProfileStringW(const wchar_t* pszSection, const wchar_t* pszKey,
 unsigned int GetPrivateProfileStringA(const char* pszSection, const char* pszKey, const char* pszDefault,
                                       char* pszBuffer, unsigned int nSize, const char* pszFile)
 {
-    const STRead stResult = stRead(pszOrNull(csOptionalWide(pszSection)), pszOrNull(csOptionalWide(pszKey)),
-                                   pszOrNull(csOptionalWide(pszFile)));
-    return nAnswer(stResult, csNarrow(stResult.csFound.value_or(L""), CP_SYSTEM), pszDefault, pszBuffer,
-                   nSize);
+    try {
+        const STRead stResult = stRead(pszOrNull(csOptionalWide(pszSection)),
+                                       pszOrNull(csOptionalWide(pszKey)), pszOrNull(csOptionalWide(pszFile)));
+        const auto csFound = stResult.csFound.has_value()
+                                 ? std::optional(csNarrow(*stResult.csFound, CP_SYSTEM))
+                                 : std::nullopt;
+        return nAnswer<char>(stResult.bOpened, csFound, pszDefault, pszBuffer, nSize);
+    } catch (const std::bad_alloc&) {
+        return nAnswer<char>(false, std::nullopt, pszDefault, pszBuffer, nSize);
+    }
 }
 
 int WritePrivateProfileStringA(const char* pszSection, const char* pszKey, const char* pszValue,
@@ -240,13 +285,14 @@ unsigned int GetProfileString(const wchar_t* pszSection, const wchar_t* pszKey, 
                               wchar_t* pszBuffer, unsigned int nSize)
 {
     std::wstring csPath;
-    return GetPrivateProfileStringW(pszSection, pszKey, pszDefault, pszBuffer, nSize, pszUserFile(&csPath));
+    return GetPrivateProfileStringW(pszSection, pszKey, pszDefault, pszBuffer, nSize,
+                                    pszUserFileToRead(&csPath));
 }
 
 int GetProfileInt(const wchar_t* pszSection, const wchar_t* pszKey, int nDefault)
 {
     std::wstring csPath;
-    return GetPrivateProfileInt(pszSection, pszKey, nDefault, pszUserFile(&csPath));
+    return GetPrivateProfileInt(pszSection, pszKey, nDefault, pszUserFileToRead(&csPath));
 }
 
 int WriteProfileString(const wchar_t* pszSection, const wchar_t* pszKey, const wchar_t* pszValue)

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <functional>
+#include <string>
+
 /// The profile-file store: single settings in INI files, in the manner of the Windows calls of the same
 /// names.
 ///
@@ -12,10 +15,19 @@
 /// little-endian units, one character each; every other file is in the system code page. A write keeps the
 /// encoding and every byte outside the line it sets; a new file is in the system code page.
 
+/// A file of more than 16 MiB is not read (as if it could not be opened) and not written (EFBIG). Of its
+/// lines the first 64 KiB are read; a write keeps longer ones byte for byte.
+
+/// Has a function called, by whichever thread reads, for a file that is too large to be read: at most once a
+/// minute for each file. Set before any thread reads and taken back (empty) after the last.
+using CTooLargeReport = std::function<void(const std::wstring& csFile)>;
+void SetTooLargeReport(CTooLargeReport fnReport);
+
 /// Copies a value, cut to nSize - 1 characters and terminated, and returns its length without the terminator.
 /// The default is copied when the file cannot be read or the key is absent, not when its value is empty;
-/// without one (null) the result is 0, and the buffer is empty, or untouched when there is no file. A null or
-/// empty section lists the names of the sections, a null key those of the section's keys, each followed by
+/// without one (null) the result is 0, and the buffer is empty, or untouched when there is no file. Out of
+/// memory counts as a file that cannot be read: reading never fails and never throws. A null or empty section
+/// lists the names of the sections, a null key those of the section's keys, each followed by
 /// "\r\n".
 unsigned int GetPrivateProfileStringW(const wchar_t* pszSection, const wchar_t* pszKey,
                                       const wchar_t* pszDefault, wchar_t* pszBuffer, unsigned int nSize,

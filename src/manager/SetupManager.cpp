@@ -31,6 +31,7 @@ CSetupManager::CSetupManager() : m_clRemote(&m_clServiceManager)
     m_clLogger.bSetMode(ILogger::MODE_SYSTEM);
     m_clPipeServer.SetManager(this);
     m_clMainLoop.Init(0, 1);
+    SetTooLargeReport([this](const std::wstring& csFile) { _LogTooLarge(csFile); });
     if (const CConfig clConfig(nullptr); clConfig.bRestartOnFailed() != 0) {
         m_pclRestart = std::make_unique<CRestartOnFailed>(&m_clServiceManager, clConfig.dwCheckPeriod());
     }
@@ -39,6 +40,7 @@ CSetupManager::CSetupManager() : m_clRemote(&m_clServiceManager)
 CSetupManager::~CSetupManager()
 {
     __TermMainLoop(); // for whoever has not: their threads use the members
+    SetTooLargeReport(nullptr);
     if (m_clRuntime.bLoaded()) {
         CBaseExecutionDLL::s_TermineMoiMeme(m_clRuntime.hGetHandle());
         TermVM(0);
@@ -244,6 +246,13 @@ void CSetupManager::_LogError(const CXError& clError)
     CTString csText;
     DLLRES_bFormatMessage(&g_stMyModule, MSG_START_FAILED, &csText, g_szManagerService);
     _LogText(csText + L"\n" + csCause(clError));
+}
+
+void CSetupManager::_LogTooLarge(const std::wstring& csFile)
+{
+    CTString csText;
+    DLLRES_bFormatMessage(&g_stMyModule, MSG_SETTINGS_TOO_LARGE, &csText, csFile.c_str());
+    _LogText(csText);
 }
 
 void CSetupManager::_LogText(const std::wstring& csText)

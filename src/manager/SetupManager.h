@@ -96,6 +96,8 @@ private:
     /// Message 4012 with all that the error tells below it, as one entry: of a failure that nobody else
     /// reports.
     void _LogError(const CXError& clError);
+    /// A settings file that is not read.
+    void _LogTooLarge(const std::wstring& csFile);
     /// Text from outside, logged as it is.
     void _LogText(const std::wstring& csText);
 

@@ -42,6 +42,9 @@ inline constexpr STMessage s_tMessages[] = {
      u"The service \"%1\" could not be started. The system log tells what failed: correct it, then start the "
      u"service again."},
     {MSG_ROOT_ONLY, u"This must be done by root: run the command again as root, for example with sudo."},
+    {MSG_SETTINGS_TOO_LARGE, u"The settings file %1 is larger than 16 MiB and is not read, so the defaults "
+                             u"hold. Replace it by a file "
+                             u"that holds the settings only."},
     {MSG_NO_CORE_DUMPS,
      u"The limit on core dumps could not be raised, so a crash may leave no core file. Start the manager as "
      u"root or raise the limit of its service (LimitCORE)."},

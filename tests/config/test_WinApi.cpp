@@ -1,5 +1,6 @@
 #include "config/WinApi.h"
 #include "support/Conversion.h"
+#include "support/RateLimit.h"
 #include "tools/PrivateWorld.h"
 #include "tools/TempDir.h"
 
@@ -231,6 +232,63 @@ TEST_F(ProfileFile, LargeFilesAreReadAndWrittenInBlocks)
     EXPECT_NE(nSet(L"FIRST", L"Name", L"longer"), 0);
     EXPECT_LT(std::chrono::steady_clock::now() - clStart, std::chrono::seconds(2)); // sanitizers included
     EXPECT_EQ(csFile(), csBytes.replace(8, 8, "Name = longer"));
+}
+
+TEST_F(ProfileFile, OfALineItsBeginIsReadAndAWriteKeepsItByteForByte)
+{
+    for (const bool bUnicode : {false, true}) {
+        SCOPED_TRACE(bUnicode);
+        const std::string csLong(300'000, 'x');
+        std::string csText =
+            "[FIRST]\n" + csLong + "\nLong=" + csLong + "\r\nName = 1\n[" + csLong + "]\nName = 2\n";
+        SetText(csText, bUnicode);
+        EXPECT_EQ(csGet(L"FIRST", L"Name"), L"1");
+        EXPECT_EQ(csGet(L"FIRST", L"Long", 1025), std::wstring(1024, L'x'));
+        EXPECT_NE(nSet(L"FIRST", L"Name", L"longer"), 0);
+        csText.replace(csText.find("Name = 1"), 8, "Name = longer");
+        EXPECT_EQ(csFile(), csEncoded(csText, bUnicode));
+        EXPECT_NE(nSet(L"FIRST", L"Long", nullptr), 0);
+        csText.erase(csText.find("Long="), 5 + csLong.size() + 2);
+        EXPECT_EQ(csFile(), csEncoded(csText, bUnicode));
+    }
+}
+
+TEST_F(ProfileFile, AFileBeyondSixteenMiBIsNeitherReadNorEditedAndToldOnce)
+{
+    constexpr std::uintmax_t nMax = 16 << 20;
+    int nTold = 0;
+    SetTooLargeReport([&](const std::wstring& csFile) { nTold += csFile == m_csPath ? 1 : 100; });
+    const std::string csText = "[INIT]\nName = value\n";
+    for (const std::uintmax_t nSize : {nMax, nMax + 1, std::uintmax_t{3} << 30}) {
+        SCOPED_TRACE(nSize);
+        SetFile(csText);
+        std::filesystem::resize_file(m_clDirectory.csPath("a.ini"), nSize);
+        const bool bRead = nSize <= nMax;
+        const auto clStart = std::chrono::steady_clock::now();
+        EXPECT_EQ(csGet(L"INIT", L"Name"), bRead ? L"value" : L"<none>");
+        EXPECT_EQ(GetPrivateProfileInt(L"INIT", L"None", 5, m_csPath.c_str()), 5);
+        errno = 0;
+        EXPECT_EQ(nSet(L"INIT", L"Name", L"value too long to fit"), 0) << "it would not be read any more";
+        EXPECT_EQ(errno, EFBIG);
+        EXPECT_EQ(nSet(L"INIT", L"Name", L"other"), bRead ? 1 : 0);
+        EXPECT_LT(std::chrono::steady_clock::now() - clStart, std::chrono::seconds(2));
+        EXPECT_EQ(std::filesystem::file_size(m_clDirectory.csPath("a.ini")), nSize);
+        EXPECT_EQ(nTold, bRead ? 0 : 1) << "once a minute";
+    }
+    SetTooLargeReport(nullptr);
+}
+
+TEST(RateLimit, LetsOneThroughAMinuteForEachSubject)
+{
+    using std::chrono::seconds;
+    CRateLimit clLimit;
+    const auto clStart = CRateLimit::CClock::now();
+    const std::tuple<const wchar_t*, int, bool> tCases[] = {
+        {L"a", 0, true}, {L"a", 59, false}, {L"b", 59, true}, {L"a", 60, true}, {L"b", 118, false},
+    };
+    for (const auto& [pszSubject, nSecond, bDue] : tCases) {
+        EXPECT_EQ(clLimit.bDue(pszSubject, clStart + seconds(nSecond)), bDue) << nSecond;
+    }
 }
 
 TEST_F(ProfileFile, ABareNameLiesInTheHomeDirectoryOfThePasswordDatabase)

@@ -1,0 +1,91 @@
+// Reading settings when each allocation in turn finds no memory: the value or the default, and nothing
+// thrown.
+
+#include "config/Config.h"
+#include "tools/TempDir.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <functional>
+#include <gtest/gtest.h>
+#include <new>
+
+namespace {
+thread_local int s_nLeft = -1; ///< allocations that this thread still gets; below 0: all
+} // namespace
+
+void* operator new(std::size_t nBytes)
+{
+    void* const p = s_nLeft == 0 ? nullptr : std::malloc(std::max<std::size_t>(nBytes, 1));
+    if (p == nullptr) {
+        throw std::bad_alloc();
+    }
+    s_nLeft -= s_nLeft > 0 ? 1 : 0;
+    return p;
+}
+void operator delete(void* p) noexcept
+{
+    std::free(p);
+}
+void operator delete(void* p, std::size_t) noexcept
+{
+    std::free(p);
+}
+
+namespace {
+using CGetter = std::function<void(const CConfig&, wchar_t*)>;
+
+/// Leaves the text that a getter gives in the buffer.
+template <auto pfnGetter>
+void Text(const CConfig& clConfig, wchar_t* pszBuffer)
+{
+    (clConfig.*pfnGetter)(pszBuffer);
+}
+/// The same of a number.
+template <auto pfnGetter>
+void Number(const CConfig& clConfig, wchar_t* pszBuffer)
+{
+    pszBuffer[0] = static_cast<wchar_t>((clConfig.*pfnGetter)());
+    pszBuffer[1] = L'\0';
+}
+} // namespace
+
+TEST(OutOfMemory, AGetterGivesTheValueOrTheDefault)
+{
+    const CTempDir clFull;
+    const CTempDir clEmpty;
+    clFull.csWrite(
+        "DXConf.ini",
+        "[INIT]\nName=n\nAccessPort=7\nErrorLogMode=FILE\nSocketOptions=IPV6_ONLY\nInstaller=natif\n"
+        "DBRootPath=%%EXE%%a/folder/whose/name/is/long/enough/for/the/heap\nErrorLogFile=%%COMMONAPPDATA%%x\n"
+        "[ClusterNode]\nClusterManager=boss\n");
+    const CConfig clConfig(clFull.csWidePath().c_str());
+    const CConfig clDefaults(clEmpty.csWidePath().c_str());
+    const CGetter tGetters[] = {
+        &Text<&CConfig::GetLogFileName>,        &Text<&CConfig::GetJNLBackupPath>,
+        &Text<&CConfig::GetClusterManagerName>, &Number<&CConfig::nGetPort>,
+        &Number<&CConfig::eGetLogMode>,         &Number<&CConfig::nGetsocketOptions>,
+        &Number<&CConfig::bIsInstallerNatif>,   &Number<&CConfig::bRestartOnFailed>,
+    };
+    for (const CGetter& fnGet : tGetters) {
+        SCOPED_TRACE(&fnGet - tGetters);
+        wchar_t szValue[1100];
+        wchar_t szDefault[1100];
+        wchar_t szGot[1100];
+        fnGet(clConfig, szValue);
+        fnGet(clDefaults, szDefault);
+        std::wstring csDefault(szDefault); // of the full directory
+        if (const std::size_t n = csDefault.find(clEmpty.csWidePath()); n != std::wstring::npos) {
+            csDefault.replace(n, clEmpty.csWidePath().size(), clFull.csWidePath());
+        }
+        bool bValue = false;
+        for (int nAllocations = 0; nAllocations < 100 && !bValue; ++nAllocations) {
+            s_nLeft = nAllocations;
+            EXPECT_NO_THROW(fnGet(clConfig, szGot));
+            bValue = s_nLeft != 0; // nothing was refused
+            s_nLeft = -1;
+            EXPECT_TRUE(szGot == std::wstring(szValue) || (!bValue && szGot == csDefault)) << nAllocations;
+        }
+        EXPECT_TRUE(bValue);
+    }
+}
