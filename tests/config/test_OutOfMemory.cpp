@@ -14,7 +14,8 @@ namespace {
 thread_local int s_nLeft = -1; ///< allocations that this thread still gets; below 0: all
 } // namespace
 
-void* operator new(std::size_t nBytes)
+// Visible, so that the C++ library's own code, where texts allocate, takes them, too.
+[[gnu::visibility("default")]] void* operator new(std::size_t nBytes)
 {
     void* const p = s_nLeft == 0 ? nullptr : std::malloc(std::max<std::size_t>(nBytes, 1));
     if (p == nullptr) {
@@ -23,11 +24,11 @@ void* operator new(std::size_t nBytes)
     s_nLeft -= s_nLeft > 0 ? 1 : 0;
     return p;
 }
-void operator delete(void* p) noexcept
+[[gnu::visibility("default")]] void operator delete(void* p) noexcept
 {
     std::free(p);
 }
-void operator delete(void* p, std::size_t) noexcept
+[[gnu::visibility("default")]] void operator delete(void* p, std::size_t) noexcept
 {
     std::free(p);
 }
