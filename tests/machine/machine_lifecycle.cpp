@@ -79,10 +79,7 @@ std::string csUnitText(const std::string& csFolder)
 
 bool bAnswers()
 {
-    CWireClient clTool("127.0.0.1", 4999);
-    const bool bGreets = clTool.csLine() == "HELLO FROM SERVEUR SETUP 24.0.6.0\r\n";
-    clTool.Reset(); // no connection stays behind that holds the port when the manager is stopped next
-    return bGreets;
+    return CWireClient("127.0.0.1", 4999).csLine() == "HELLO FROM SERVEUR SETUP 24.0.6.0\r\n";
 }
 
 pid_t nManager()

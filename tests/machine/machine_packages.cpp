@@ -3,6 +3,7 @@
 
 #include "tools/Command.h"
 #include "tools/Machine.h"
+#include "tools/WireClient.h"
 
 #include <filesystem>
 #include <fstream>
@@ -95,6 +96,21 @@ TEST_F(Packages, AnUpgradeKeepsTheSettingsAndRunsTheNewVersionOfWhatRan)
     stRun("systemctl stop VelmoManager");
     Install(csCurrent());
     EXPECT_EQ(csOutput("systemctl is-active VelmoManager"), "inactive") << "what was stopped is not started";
+}
+
+TEST_F(Packages, AnUpgradeWaitsForThePortOfAnOlderReleaseOnly)
+{
+    stRun("mount -o remount,rw /proc/sys; sysctl -w net.ipv4.tcp_fin_timeout=3"); // seconds, instead of 60
+    Install(csOlder());
+    for (const bool bOlder : {true, false}) {
+        CWireClient clTool("127.0.0.1", 4999);
+        ASSERT_TRUE(clTool.csLine().starts_with("HELLO")); // and it does not hang up
+        const STCommandResult st = stRun(s_csDpkg + "-i " + csCurrent());
+        EXPECT_EQ(st.csOutput.find("seconds until the system gives port 4999 back") != std::string::npos,
+                  bOlder)
+            << st.csOutput;
+        EXPECT_EQ(csRunningVersion(), "24.0.6.0");
+    }
 }
 
 TEST_F(Packages, ARemovalLeavesTheSettingsAndAPurgeNothing)

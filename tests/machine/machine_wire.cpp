@@ -36,7 +36,6 @@ protected:
     }
     void TearDown() override
     {
-        m_clTool.Reset(); // no connection stays behind that holds the port of the next manager
         m_pclManager.reset();
         RemoveServices();
     }
