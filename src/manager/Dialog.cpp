@@ -110,8 +110,12 @@ void CDialog::_SayHello()
 
 void CDialog::_WaitForCommande()
 {
-    CTString csKeyword;
-    while (!m_clThread.bMustStop() && bGetCommand(&csKeyword)) {
+    while (!m_clThread.bMustStop()) {
+        CTString csKeyword; // as long as the line, at worst: not kept while the tool is silent
+        if (!bGetCommand(&csKeyword)) {
+            return;
+        }
+
         // A tool that sends at once may be read before the accept thread has greeted it. The post is given
         // back: later commands pass.
         m_clGreeted.Wait();

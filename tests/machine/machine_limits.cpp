@@ -109,6 +109,20 @@ TEST_F(Memory, LinesWithoutEndCostNothingAndHoldNobodyUp)
     EXPECT_LT(nMemory("VmRSS"), nBefore + 2048) << "what the lines took is given back";
 }
 
+TEST_F(Memory, ALineIsGivenBackWhileItsToolStays)
+{
+    std::vector<std::unique_ptr<CWireClient>> tTools;
+    for (int n = 0; n < 50; ++n) {
+        tTools.push_back(std::make_unique<CWireClient>("127.0.0.1", 4999));
+        ASSERT_TRUE(tTools.back()->csLine().starts_with("HELLO"));
+    }
+    const long nBefore = nMemory("VmRSS");
+    for (const auto& pclTool : tTools) {
+        EXPECT_EQ(pclTool->csAsk(std::string(100'000, 'x')), "ERROR\t8\r\n");
+    }
+    EXPECT_LT(nMemory("VmRSS"), nBefore + 2048);
+}
+
 TEST_F(Memory, SettingsFilesWithoutEndCostNothingAndHoldNobodyUp)
 {
     const std::pair<const char*, const char*> tCases[] = {
