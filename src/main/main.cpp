@@ -7,6 +7,7 @@
 #include "manager/SetupManager.h"
 #include "service/LanceProcessus.h"
 #include "support/accesdllres.h"
+#include "support/Stopping.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -18,8 +19,8 @@
 
 namespace {
 constexpr int s_nFailure = -1; ///< the system shows it as 255
-/// What conversations that are in the middle of a command have for their reply when the service ends.
-constexpr int s_nLastRepliesMs = 500;
+/// What conversations need to leave after their last half second is over, at most.
+constexpr int s_nLeavingMs = 150;
 /// From this size on a block (a long line, a tool's long output) is a mapping of its own, in bytes.
 constexpr int s_nOwnMapping = 64 * 1024;
 
@@ -69,7 +70,7 @@ void Term()
 void EndServing(int nStatus)
 {
     gpclSetupManager->__TermMainLoop();
-    if (!CDialog::s_bEndAll(s_nLastRepliesMs)) {
+    if (!CDialog::s_bEndAll(CStopping::nAnswersLeftMs() + s_nLeavingMs)) {
         ::_exit(nStatus);
     }
 }

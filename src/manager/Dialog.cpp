@@ -3,6 +3,7 @@
 #include "manager/SetupManager.h"
 #include "support/accesdllres.h"
 #include "support/Conversion.h"
+#include "support/Stopping.h"
 #include "support/SystemCall.h"
 #include "support/WinApi.h"
 
@@ -11,6 +12,7 @@
 #include <cstdlib>
 #include <mutex>
 #include <set>
+#include <stdexcept>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <utility>
@@ -29,6 +31,14 @@ STRegister& stConversations()
 {
     static STRegister s_stRegister;
     return s_stRegister;
+}
+
+/// Once the stop has taken the right to go on, what a command has found out rests on tools that were not run.
+void CheckMayAnswer()
+{
+    if (!CStopping::bMayGoOn()) {
+        throw std::runtime_error("the manager ends");
+    }
 }
 } // namespace
 
@@ -121,7 +131,8 @@ void CDialog::_WaitForCommande()
         m_clGreeted.Wait();
         m_clGreeted.__Post(0);
 
-        if (!__bExecute(csKeyword)) {
+        // A line that was there before the stop, but had not been read, is not begun any more.
+        if (CStopping::bAsked() || !__bExecute(csKeyword)) {
             return;
         }
         ClearCommand();
@@ -191,18 +202,21 @@ void CDialog::__Send(std::string_view csBytes)
 
 void CDialog::Answer(const std::wstring& csText)
 {
+    CheckMayAnswer();
     __Send(__csToWire(csText));
     __Send("\r\n");
 }
 
 void CDialog::ACK(eError eCode, const std::wstring& csText)
 {
+    CheckMayAnswer();
     __Send("ERROR\t" + std::to_string(eCode) + "\t" + __csToWire(csText) + "\r\n");
 }
 
 void CDialog::ACK(eError eCode, unsigned int nSystemError)
 {
     const int nErrno = errno;
+    CheckMayAnswer();
     if (eCode == ERREUR_AUCUNE) {
         __Send("OK\r\n");
         return;
@@ -228,6 +242,7 @@ bool CDialog::__bExecute(const std::wstring& csKeyword)
         {L"CLUSTERINFO", &CDialog::__bOnServer<&CRemote::ClusterInfo>},
         {L"MODE_UTF8", &CDialog::__bModeUTF8},
     };
+    const CStopRight clRight(CStopRight::ANSWER);
     // Case is folded as the C locale does it, for ASCII letters only. The lengths are compared for a NUL, at
     // which wcscasecmp would stop.
     for (const STCommand& st : s_tCommands) {

@@ -67,6 +67,8 @@ public:
     /// Next argument as a decimal number (blanks and a sign accepted, cut to 32 bits); 0 when there is none.
     unsigned int dwGetUInt32();
 
+    /// The three below throw, and send nothing, once the stop has ended what a conversation may finish.
+
     /// Sends the text and "\r\n".
     void Answer(const std::wstring& csText);
     /// Sends "ERROR\t<code>\t<text>\r\n", for every code, 0 included.

@@ -8,6 +8,7 @@
 #include "support/DescriptorLimit.h"
 #include "support/DiskFile.h"
 #include "support/FileVersion.h"
+#include "support/Stopping.h"
 #include "support/SystemCall.h"
 #include "support/SystemInfo.h"
 #include "support/WinApi.h"
@@ -28,6 +29,7 @@ constexpr std::size_t s_nPortText = 200; ///< characters read of an access port
 
 CSetupManager::CSetupManager() : m_clRemote(&m_clServiceManager)
 {
+    CStopping::Reset();
     m_clLogger.bSetMode(ILogger::MODE_SYSTEM);
     m_clPipeServer.SetManager(this);
     m_clMainLoop.Init(0, 1);
@@ -41,6 +43,7 @@ CSetupManager::~CSetupManager()
 {
     __TermMainLoop(); // for whoever has not: their threads use the members
     SetTooLargeReport(nullptr);
+    CStopping::Reset();
     if (m_clRuntime.bLoaded()) {
         CBaseExecutionDLL::s_TermineMoiMeme(m_clRuntime.hGetHandle());
         TermVM(0);
@@ -90,6 +93,7 @@ bool CSetupManager::bStart()
     const uid_t nUser = ::geteuid();
     Ignored(::setreuid(nUser, nUser)); // from now on one identity; a refusal changes nothing
     RaiseDescriptorLimit();
+    CStopping::Prepare(); // not earlier: a daemon that detaches closes every descriptor
     if (!bInit()) {
         return false;
     }
@@ -123,6 +127,7 @@ void CSetupManager::MainLoop()
 
 void CSetupManager::Stop()
 {
+    CStopping::Ask();
     __StopMainLoop();
 }
 
@@ -133,7 +138,8 @@ void CSetupManager::__StopMainLoop()
 
 void CSetupManager::__TermMainLoop()
 {
-    m_bEnding = true;
+    CStopping::Ask();
+    CStopping::WakeWaiters();
     m_clServer.Stop();
     m_clPingEcho.Stop();
     if (m_pclRestart != nullptr) {
@@ -178,11 +184,11 @@ void CSetupManager::_AddCPU_RAM_Info()
 void CSetupManager::AddServeurList(CTString* pcsReply)
 {
     const CServiceGuard clGuard = clLockServices();
-    __CheckNotEnding();
+    __CheckMayGoOn();
     CServiceListing clListing(&m_clServiceManager, g_szServerPrefix);
     while (const auto pclService = clListing.pclNext()) {
         __AddServeurList(clGuard, *pclService, pcsReply);
-        __CheckNotEnding();
+        __CheckMayGoOn();
     }
     if (clListing.bFailed()) {
         __FailListing(clListing.nError());
@@ -203,9 +209,9 @@ void CSetupManager::__FailListing(int nError)
     throw std::runtime_error("the services cannot be listed");
 }
 
-void CSetupManager::__CheckNotEnding() const
+void CSetupManager::__CheckMayGoOn()
 {
-    if (m_bEnding) {
+    if (!CStopping::bMayGoOn()) {
         throw std::runtime_error("the manager ends");
     }
 }

@@ -12,7 +12,6 @@
 #include "support/ZTSem.h"
 #include "vm/Proxy.h"
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -68,8 +67,8 @@ public:
     /// runs.
     const CTString& csGetHostInfo() const { return m_csHostInfo; }
     /// Appends a tab, the name, a tab and the access port for each server service. Takes the service lock.
-    /// Throws once the endpoints are to end: many callers may be waiting for each other's slow tools, and
-    /// half a list is no answer. Throws, and logs it, when the services cannot be listed.
+    /// Throws when the stop ends it: half a list is no answer. Throws, and logs it, when the services cannot be
+    /// listed.
     void AddServeurList(CTString* pcsReply);
     /// The configuration file of the server with this executable.
     static std::wstring s_csServersConfig(const std::wstring& csExecutable);
@@ -90,7 +89,7 @@ private:
     void _AddVIInfo();
     void _AddOSInfo();
     void _AddCPU_RAM_Info();
-    void __CheckNotEnding() const;
+    static void __CheckMayGoOn();
     void __AddServeurList(const CServiceGuard& clGuard, CService& clService, CTString* pcsReply);
     [[noreturn]] static void __FailListing(int nError);
     /// Message 4012 with all that the error tells below it, as one entry: of a failure that nobody else
@@ -120,7 +119,6 @@ private:
     CServiceManager m_clServiceManager;
     CRemoteVelmoManager m_clRemote;
     std::mutex m_clServiceLock;
-    std::atomic<bool> m_bEnding{false}; ///< set by __TermMainLoop
     CServer m_clServer;
     CPingEcho m_clPingEcho;
     CPipeServerVelmoManager m_clPipeServer;

@@ -3,6 +3,7 @@
 #include "service/ProcessManager.h"
 #include "support/Conversion.h"
 #include "support/SelectSet.h"
+#include "support/Stopping.h"
 #include "support/SystemCall.h"
 
 #include <algorithm>
@@ -35,6 +36,17 @@ void AppendWithin(std::string* pcsText, std::string_view csMore, std::size_t nMa
 void Nap(int nMs)
 {
     ::poll(nullptr, 0, nMs); // ends early when a child ends
+}
+
+/// Whether the calling thread may still launch tools and wait for them; errno tells that it may not. Its tool
+/// is then left to itself.
+bool bMayGoOn()
+{
+    if (!CStopping::bMayGoOn()) {
+        errno = ECANCELED;
+        return false;
+    }
+    return true;
 }
 } // namespace
 
@@ -85,6 +97,9 @@ bool CLanceProcessus::bLanceProcessus(const wchar_t* pszProgram, const wchar_t* 
                                       CXError* pclError)
 {
     std::string csProgram = csToUTF8(pszProgram);
+    if (!bMayGoOn()) {
+        return bFail(pclError, L"stop", pszProgram);
+    }
     if (CProcessManager::m_gpclManager == nullptr || ::access(csProgram.c_str(), X_OK) != 0) {
         return bFail(pclError, L"access", pszProgram);
     }
@@ -203,6 +218,9 @@ bool CLanceProcessus::bLitSortieEtAttendFinExecution(CXYString<char>* pcsOutput,
     }
     m_clInput.Close();
     while (!bProcessusTermine()) {
+        if (!bMayGoOn()) {
+            return false;
+        }
         bLitSortieA(pcsOutput);
     }
     bLitSortieA(pcsOutput); // what was written just before the end
@@ -227,6 +245,9 @@ bool CLanceProcessus::bAttendFinExecution(unsigned int* pnExitCode, unsigned int
     bool bOpen = true;
     std::size_t nDiscarded = 0;
     for (int nMs = 1; !CProcessManager::m_gpclManager->bGetCode(m_nPid, &nCode);) {
+        if (!bMayGoOn()) {
+            return false;
+        }
         if (nMaxMs != 0 && std::chrono::steady_clock::now() >= clEnd) {
             Kill();
             errno = ETIMEDOUT;

@@ -12,6 +12,8 @@ int nSplitArguments(char* psz, char** ppszArguments, int nMax) noexcept;
 
 /// Runs one program without a shell and gives its merged output and exit code.
 ///
+/// Once the calling thread may not go on (CStopping::bMayGoOn), launching and waiting fail with ECANCELED.
+///
 /// One object drives one child at a time: idle -> launched -> idle, reusable after bLibere(). One thread uses
 /// an object; different objects may run in different threads. sInit() comes first. bLibere() and the
 /// destructor let go of the child, they never kill it; it is still reaped.

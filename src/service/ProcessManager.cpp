@@ -1,6 +1,7 @@
 #include "service/ProcessManager.h"
 
 #include "support/SignalMask.h"
+#include "support/Stopping.h"
 
 #include <cerrno>
 #include <ctime>
@@ -226,8 +227,11 @@ void CProcessManager::Pause(pid_t nPid)
         pstRecord->nFlags |= FLAG_PAUSE;
         pstRecord->nPausing = ::gettid();
     }
-    constexpr timespec st2s{2, 0};
-    ::ppoll(nullptr, 0, &st2s, &clHeld.stBefore()); // once, not re-armed: SIGCHLD ends it
+    // Once, not re-armed: SIGCHLD ends it, and so does the stop of the daemon.
+    const int nMs = CStopping::nPollMs(2000);
+    const timespec stPause{nMs / 1000, nMs % 1000 * 1'000'000L};
+    pollfd stStop{CStopping::nFdToPoll(), POLLIN, 0};
+    ::ppoll(&stStop, 1, &stPause, &clHeld.stBefore());
     const CChildGuard clGuard(m_nLock);
     if (STChild* pstRecord = __pstFind(nPid); pstRecord != nullptr) {
         pstRecord->nFlags &= ~FLAG_PAUSE;

@@ -2,10 +2,10 @@
 
 #include "service/LanceProcessus.h"
 #include "service/SystemctlOutput.h"
+#include "support/Stopping.h"
 
 #include <cerrno>
 #include <chrono>
-#include <poll.h>
 
 namespace {
 using CClock = std::chrono::steady_clock;
@@ -18,22 +18,47 @@ constexpr std::size_t s_nMaxListing = std::size_t{16} << 20;
 constexpr milliseconds s_tAgain[] = {milliseconds(100), milliseconds(500), milliseconds(1500)};
 /// After that time no try begins any more.
 constexpr milliseconds s_clLastTry{2000};
-/// Waits look this often whether the process is to end.
-constexpr int s_nLookMs = 20;
+
+/// Tools that the stop of the daemon may end, one after the other, for one caller: systemd goes through the
+/// group until it finds no new process in it.
+constexpr int s_nMaxEndedByStop = 3;
+constexpr int s_nAfterStopMs = 10;
 
 /// Whether a question that failed may be asked again.
 bool bMayAskAgain()
 {
-    return true;
+    return !CStopping::bAsked() && CStopping::bMayGoOn();
 }
 
 /// False when there is no more asking.
 bool bWaitUntilNextTry(CClock::time_point clTime)
 {
-    while (bMayAskAgain() && CClock::now() < clTime) {
-        ::poll(nullptr, 0, s_nLookMs); // a child's exit ends it early, which does no harm
+    while (bMayAskAgain() && CClock::now() < clTime) { // a child's exit ends a sleep early
+        (void)CStopping::bSleep(static_cast<int>((clTime - CClock::now()) / milliseconds(1)) + 1);
     }
     return bMayAskAgain();
+}
+
+/// Launches systemctl and waits for it, reading all that it prints (null: discarded). One that the stop of
+/// the daemon has ended is launched again for a caller that may go on.
+bool bRun(CLanceProcessus* pclTool, const std::wstring& csArguments, std::string* pcsOutput,
+          unsigned int* pnExitCode)
+{
+    for (int n = 0;; ++n) {
+        if (!pclTool->bLanceProcessus(g_szSystemctl, csArguments.c_str(), nullptr) ||
+            !pclTool->bLitSortieEtAttendFinExecution(pcsOutput, pnExitCode)) {
+            return false;
+        }
+        if (n == s_nMaxEndedByStop || !pclTool->bEndedBySignal() ||
+            !CStopping::bToolEndedByStop(*pnExitCode)) {
+            return true;
+        }
+        (void)CStopping::bSleep(s_nAfterStopMs);
+        pclTool->bLibere();
+        if (pcsOutput != nullptr) {
+            pcsOutput->clear();
+        }
+    }
 }
 
 /// An answer that is there counts whatever the exit status; what a tool printed before a signal ended it may
@@ -54,8 +79,7 @@ std::optional<std::string> csAskOnce(const STSystemctlQuestion& stQuestion)
     clTool.LimitOutput(stQuestion.nMaxOutput);
     std::string csOutput;
     unsigned int nExitCode = 1;
-    if (!clTool.bLanceProcessus(g_szSystemctl, stQuestion.csArguments.c_str(), nullptr) ||
-        !clTool.bLitSortieEtAttendFinExecution(&csOutput, &nExitCode)) {
+    if (!bRun(&clTool, stQuestion.csArguments, &csOutput, &nExitCode)) {
         errno = errno == ENOENT ? ECANCELED : errno; // the tool is missing, not what was asked for
         return std::nullopt;
     }
@@ -99,13 +123,11 @@ std::optional<std::string> csAskSystemctl(const STSystemctlQuestion& stQuestion)
     });
     return csAnswer;
 }
-
 bool bSystemctlDone(const std::wstring& csArguments)
 {
     CLanceProcessus clTool;
     unsigned int nExitCode = 1;
-    if (!clTool.bLanceProcessus(g_szSystemctl, csArguments.c_str(), nullptr) ||
-        !clTool.bLitSortieEtAttendFinExecution(nullptr, &nExitCode)) {
+    if (!bRun(&clTool, csArguments, nullptr, &nExitCode)) {
         return false;
     }
     if (nExitCode != 0) {

@@ -1,15 +1,49 @@
 #include "support/Shell.h"
 
 #include "support/ChildStart.h"
+#include "support/Descripteur.h"
+#include "support/Stopping.h"
 #include "support/SystemCall.h"
 #include "support/XYString.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
+#include <poll.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+namespace {
+/// Longest pause between two looks at a child, where the kernel has no descriptors for processes.
+constexpr int s_nMaxLookMs = 100;
+
+/// Waits for the child's exit. False with errno when that cannot be done, or the calling thread may not go
+/// on.
+bool bAwait(pid_t nPid, int* pnStatus)
+{
+    const CDescripteur clChild(static_cast<int>(::syscall(SYS_pidfd_open, nPid, 0)));
+    for (int nMs = 1;; nMs = std::min(nMs * 2, s_nMaxLookMs)) {
+        const pid_t nEnded = nRetry([&] { return ::waitpid(nPid, pnStatus, WNOHANG); });
+        if (nEnded != 0) {
+            return nEnded > 0;
+        }
+        if (!CStopping::bMayGoOn()) {
+            errno = ECANCELED;
+            return false;
+        }
+        std::array<pollfd, 2> tWakes{{{clChild.nFd(), POLLIN, 0}, {CStopping::nFdToPoll(), POLLIN, 0}}};
+        ::poll(tWakes.data(), tWakes.size(), CStopping::nPollMs(clChild.bOpen() ? -1 : nMs));
+    }
+}
+} // namespace
+
 int nShell(const std::string& csCommand)
 {
+    if (!CStopping::bMayGoOn()) {
+        errno = ECANCELED;
+        return -1;
+    }
     std::string csShell = "sh";
     std::string csOption = "-c";
     std::string csText = csCommand;
@@ -21,7 +55,7 @@ int nShell(const std::string& csCommand)
         return -1;
     }
     int nStatus = 0;
-    if (nRetry([&] { return ::waitpid(nPid, &nStatus, 0); }) < 0) {
+    if (!bAwait(nPid, &nStatus)) {
         return -1;
     }
     // A child that could not become the shell looks like one that ended with 127, which a command may do,

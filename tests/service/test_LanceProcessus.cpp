@@ -4,6 +4,7 @@
 #include "support/DescriptorLimit.h"
 #include "support/Shell.h"
 #include "support/SignalMask.h"
+#include "support/Stopping.h"
 #include "tools/Command.h"
 #include "tools/TempDir.h"
 #include "tools/Wait.h"
@@ -231,4 +232,50 @@ TEST_F(LanceProcessus, ManyThreadsLaunchingAtOnceLoseNoChildNoCodeAndNoOutput)
         clThread.join();
     }
     EXPECT_EQ(nWrong, 0);
+}
+
+TEST_F(LanceProcessus, AStopEndsEachWaitWhenItsThreadHasNoRightToGoOn)
+{
+    const std::function<bool()> tWaits[] = {
+        [] { return nShell("sleep 1.5") != -1; },
+        [] {
+            CLanceProcessus cl;
+            return cl.bLanceProcessus(L"/bin/sleep", L"1.5", nullptr) &&
+                   cl.bLitSortieEtAttendFinExecution(nullptr, nullptr);
+        },
+        [] {
+            CLanceProcessus cl;
+            return cl.bLanceProcessus(L"/bin/sleep", L"1.5", nullptr) && cl.bAttendFinExecution(nullptr);
+        },
+    };
+    const std::tuple<CStopRight::ERight, bool, long> tRights[] = {
+        // right, cancelled, milliseconds after the stop
+        {CStopRight::NOTHING, false, 0},
+        {CStopRight::ANSWER, false, 500},
+        {CStopRight::ANSWER, true, 0},
+        {CStopRight::WRITES, false, 1000},
+    };
+    for (const auto& fnWait : tWaits) {
+        for (const auto& [eRight, bCancelled, nMs] : tRights) {
+            SCOPED_TRACE(eRight);
+            CStopping::Reset();
+            CStopping::Prepare();
+            const std::atomic<bool> bCancel{bCancelled};
+            std::thread clStop([] {
+                std::this_thread::sleep_for(std::chrono::milliseconds(100));
+                CStopping::Ask();
+            });
+            const CStopRight clRight(eRight, bCancelled ? &bCancel : nullptr);
+            const long nTook = nMsOf([&] { EXPECT_FALSE(fnWait()); });
+            EXPECT_EQ(errno, ECANCELED);
+            EXPECT_GE(nTook, bCancelled ? 0 : 100 + nMs - 1);
+            EXPECT_LE(nTook, 100 + nMs + 300);
+            EXPECT_LT(nMsOf([&] { EXPECT_FALSE(fnWait()); }), 100) << "nothing is launched any more";
+            clStop.join();
+        }
+    }
+    CStopping::Reset();
+    EXPECT_TRUE(bWaitUntil([] { return CProcessManager::m_gpclManager->nCountRecords() == 0; }, 5000));
+    while (::waitpid(-1, nullptr, 0) > 0) { // the shells, which nobody has reaped
+    }
 }

@@ -1,0 +1,182 @@
+#include "support/Stopping.h"
+
+#include "support/Descripteur.h"
+#include "support/SystemCall.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <ctime>
+#include <poll.h>
+#include <set>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+std::atomic<long> CStopping::s_nAskedMs{0};
+
+namespace {
+static_assert(std::atomic<long>::is_always_lock_free); // the signal handler writes it
+
+/// Between two looks of a thread that still may go on after the stop, and of one that may be cancelled.
+constexpr int s_nLookMs = 20;
+constexpr int s_nCancelLookMs = 100;
+/// How much earlier than the manager a tool may get the SIGTERM that systemd sends to both.
+constexpr int s_nSignalLeadMs = 100;
+
+/// Written once by Ask and never read, so that it stays readable. Atomic, as the handler looks at it.
+std::atomic<int> s_nWakeFd{-1};
+
+/// Of the calling thread; see CStopRight.
+thread_local CStopRight::ERight t_eRight = CStopRight::NOTHING;
+thread_local const std::atomic<bool>* t_pbCancelled = nullptr;
+
+/// Every CStopWait that exists.
+struct STWaits
+{
+    std::mutex clLock;
+    std::set<CStopWait*> tWaits;
+};
+STWaits& stWaits()
+{
+    static STWaits s_stWaits;
+    return s_stWaits;
+}
+
+/// Never 0. clock_gettime is async-signal-safe.
+long nMonotonicMs() noexcept
+{
+    timespec stNow{};
+    ::clock_gettime(CLOCK_MONOTONIC, &stNow);
+    return static_cast<long>(stNow.tv_sec) * 1000 + stNow.tv_nsec / 1'000'000 + 1;
+}
+} // namespace
+
+void CStopping::Reset() noexcept
+{
+    s_nAskedMs = 0;
+    const CDescripteur clOld(s_nWakeFd.exchange(-1));
+}
+
+void CStopping::Prepare()
+{
+    const CDescripteur clOld(s_nWakeFd.exchange(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)));
+}
+
+void CStopping::Ask() noexcept
+{
+    long nNever = 0;
+    if (!s_nAskedMs.compare_exchange_strong(nNever, nMonotonicMs())) {
+        return;
+    }
+    const int nErrno = errno;
+    constexpr std::uint64_t nOne = 1;
+    Ignored(::write(s_nWakeFd, &nOne, sizeof nOne)); // without it sleepers notice later
+    errno = nErrno;
+}
+
+void CStopping::WakeWaiters()
+{
+    STWaits& stAll = stWaits();
+    const std::lock_guard<std::mutex> clGuard(stAll.clLock);
+    for (CStopWait* pclWait : stAll.tWaits) {
+        // With the lock held once, nobody is between a look at the stop and the sleep.
+        (void)pclWait->clLock();
+        pclWait->NotifyAll();
+    }
+}
+
+int CStopping::nMsSinceAsked() noexcept
+{
+    return static_cast<int>(std::min<long>(nMonotonicMs() - s_nAskedMs.load(), 3'600'000));
+}
+
+int CStopping::nAnswersLeftMs() noexcept
+{
+    return bAsked() ? std::max(s_nAnswersMs - nMsSinceAsked(), 0) : s_nAnswersMs;
+}
+
+bool CStopping::bMayGoOn() noexcept
+{
+    if (t_pbCancelled != nullptr && t_pbCancelled->load()) {
+        return false;
+    }
+    switch (t_eRight) {
+    case CStopRight::ANSWER:
+        return !bAnswersOver();
+    case CStopRight::WRITES:
+        return !bOver();
+    default:
+        return !bAsked();
+    }
+}
+
+int CStopping::nFdToPoll() noexcept
+{
+    return bAsked() ? -1 : s_nWakeFd.load();
+}
+
+int CStopping::nPollMs(int nMs) noexcept
+{
+    if (!bAsked() && t_pbCancelled == nullptr) {
+        return nMs;
+    }
+    const int nLookMs = bAsked() ? s_nLookMs : s_nCancelLookMs;
+    return nMs < 0 ? nLookMs : std::min(nMs, nLookMs);
+}
+
+bool CStopping::bSleep(int nMs) noexcept
+{
+    if (!bMayGoOn()) {
+        return false;
+    }
+    pollfd stWake{nFdToPoll(), POLLIN, 0};
+    ::poll(&stWake, 1, nPollMs(nMs));
+    return bMayGoOn();
+}
+
+bool CStopping::bToolEndedByStop(unsigned int nExitCode) noexcept
+{
+    if (nExitCode != SIGTERM) {
+        return false;
+    }
+    pollfd stWake{nFdToPoll(), POLLIN, 0};
+    ::poll(&stWake, 1, bAsked() ? 0 : s_nSignalLeadMs);
+    return bAsked() && bMayGoOn();
+}
+
+CStopRight::CStopRight(ERight eRight, const std::atomic<bool>* pbCancelled) noexcept
+    : m_eBefore(t_eRight), m_pbCancelledBefore(t_pbCancelled)
+{
+    t_eRight = eRight;
+    t_pbCancelled = pbCancelled != nullptr ? pbCancelled : t_pbCancelled;
+}
+
+CStopRight::~CStopRight()
+{
+    t_eRight = m_eBefore;
+    t_pbCancelled = m_pbCancelledBefore;
+}
+
+CStopWait::CStopWait()
+{
+    STWaits& stAll = stWaits();
+    const std::lock_guard<std::mutex> clGuard(stAll.clLock);
+    stAll.tWaits.insert(this);
+}
+
+CStopWait::~CStopWait()
+{
+    STWaits& stAll = stWaits();
+    const std::lock_guard<std::mutex> clGuard(stAll.clLock);
+    stAll.tWaits.erase(this);
+}
+
+void CStopWait::_WaitChange(CLock& clLock)
+{
+    if (CStopping::bAsked()) {
+        m_clChanged.wait_for(clLock, std::chrono::milliseconds(s_nLookMs));
+    } else {
+        m_clChanged.wait(clLock);
+    }
+}

@@ -1,0 +1,115 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+
+/// How far the end of the process has come. A stop has three steps, counted from SIGTERM:
+///
+/// | step | from | what it means |
+/// |---|---|---|
+/// | asked | 0 s | no request, pass or registration begins; whoever waits for a lock leaves |
+/// | answers over | 0.5 s | conversations that had begun their answer give it up |
+/// | over | 1 s | a registration that had begun to write gives it up; nobody launches anything |
+///
+/// One state for the process; every operation may be called by any thread.
+class CStopping
+{
+public:
+    static constexpr int s_nAnswersMs = 500;
+    static constexpr int s_nWritesMs = 1000;
+
+    /// Nothing is asked (any more). For the owner of all threads, while none of them runs.
+    static void Reset() noexcept;
+    /// Makes the descriptor that wakes sleepers. Without it (no descriptor left, or never called) a stop is
+    /// noticed when the sleep is over.
+    static void Prepare();
+    /// The stop has come; only the first call counts. Async-signal-safe, so it leaves to WakeWaiters what is
+    /// not.
+    static void Ask() noexcept;
+    /// Wakes every thread in CStopWait::bWait. After Ask.
+    static void WakeWaiters();
+
+    static bool bAsked() noexcept { return s_nAskedMs.load() != 0; }
+    static bool bAnswersOver() noexcept { return bAsked() && nMsSinceAsked() >= s_nAnswersMs; }
+    static bool bOver() noexcept { return bAsked() && nMsSinceAsked() >= s_nWritesMs; }
+    /// What conversations still have for their answers, in milliseconds.
+    static int nAnswersLeftMs() noexcept;
+
+    /// Whether the calling thread may still launch tools and wait for them. Without a CStopRight: until the
+    /// stop is asked.
+    static bool bMayGoOn() noexcept;
+    /// Sleeps; false at once when the calling thread may not go on. May end early when the stop is asked.
+    static bool bSleep(int nMs) noexcept;
+    /// For a poll beside other descriptors: becomes readable when the stop is asked, and stays so; hence -1
+    /// from then on, which poll passes over.
+    static int nFdToPoll() noexcept;
+    /// Longest sleep, of at most nMs milliseconds (below 0: without limit), for a thread that polls
+    /// nFdToPoll: whoever may go on for a while after the stop, or may be cancelled, has to look again soon.
+    static int nPollMs(int nMs) noexcept;
+    /// Whether a tool that ended with this code was ended by the stop (systemd signals the whole group, and
+    /// its signal may reach a tool first) while the calling thread may go on: then it is asked once more.
+    static bool bToolEndedByStop(unsigned int nExitCode) noexcept;
+
+private:
+    static int nMsSinceAsked() noexcept;
+
+    static std::atomic<long> s_nAskedMs; ///< monotonic; 0: not asked
+};
+
+/// What the calling thread may finish after the stop, for the object's lifetime. They may be nested.
+class CStopRight
+{
+public:
+    enum ERight : int
+    {
+        NOTHING, ///< monitor, discovery, a registration that only reads
+        ANSWER,  ///< a conversation's command
+        WRITES,  ///< a registration that has begun to write
+    };
+    /// pbCancelled, unless null, takes the right away when it becomes true; it must outlive the object.
+    explicit CStopRight(ERight eRight, const std::atomic<bool>* pbCancelled = nullptr) noexcept;
+    ~CStopRight();
+    CStopRight(const CStopRight&) = delete;
+    CStopRight& operator=(const CStopRight&) = delete;
+
+private:
+    ERight m_eBefore;
+    const std::atomic<bool>* m_pbCancelledBefore;
+};
+
+/// A lock with a condition that threads wait for; a stop wakes all of them.
+class CStopWait
+{
+public:
+    using CLock = std::unique_lock<std::mutex>;
+
+    CStopWait();
+    ~CStopWait();
+    CStopWait(const CStopWait&) = delete;
+    CStopWait& operator=(const CStopWait&) = delete;
+
+    CLock clLock() { return CLock(m_clMutex); }
+    /// Waits until bReady() or bLeave() holds, and returns the former. bLeave may depend on CStopping; it is
+    /// looked at when the stop is asked, and every few milliseconds from then on.
+    template <class TReady, class TLeave>
+    bool bWait(CLock& clLock, TReady bReady, TLeave bLeave)
+    {
+        while (!bReady()) {
+            if (bLeave()) {
+                return false;
+            }
+            _WaitChange(clLock);
+        }
+        return true;
+    }
+    void NotifyAll() { m_clChanged.notify_all(); }
+
+private:
+    friend class CStopping;
+    void _WaitChange(CLock& clLock);
+
+    std::mutex m_clMutex;
+    std::condition_variable m_clChanged;
+};
