@@ -99,7 +99,7 @@ bool CService::__bRemoveSysV()
         errno = ENOENT;
         return false;
     }
-    return pstFamily->pfnRemove(*pstFamily, m_csName);
+    return __bStopForRemoval() && pstFamily->pfnRemove(*pstFamily, m_csName);
 }
 
 bool CService::bReadScript()

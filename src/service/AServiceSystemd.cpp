@@ -44,9 +44,11 @@ bool CService::__bRemoveSystemd()
     if (!bSystemctlDone(L"disable " + m_csName)) {
         return false;
     }
-    (void)bSystemctlDone(L"stop " + m_csName); // best effort, as all that follows
+    if (!__bStopForRemoval()) {
+        return false;
+    }
     for (const std::wstring& csFile : {*csFragment, *csSource}) {
-        if (!csFile.empty()) {
+        if (!csFile.empty()) { // best effort, as all that follows
             (void)CDiskFile::bDelete(csFile);
         }
     }

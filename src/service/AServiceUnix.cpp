@@ -42,6 +42,11 @@ std::wstring CService::csGetExecutable()
     return csPath;
 }
 
+void CService::AddMissingStep(const std::wstring& csStep)
+{
+    m_csMissingSteps += (m_csMissingSteps.empty() ? L"" : L", ") + csStep;
+}
+
 bool CService::bStart(const wchar_t* pszArguments)
 {
     if (CServiceManager::bSystemd()) {
@@ -95,6 +100,24 @@ bool CService::bActive()
 {
     const EServiceStatus eStatus = eGetStatus();
     return eStatus == STATUS_START_PENDING || eStatus == STATUS_RUNNING;
+}
+
+bool CService::__bStopForRemoval()
+{
+    constexpr int nAttempts = 3; // whoever else starts services may do so in between
+
+    for (int n = 0; n < nAttempts; ++n) {
+        // systemd's rule is to stop always: that also ends an automatic restart that is about to come.
+        if (n > 0 || CServiceManager::bSystemd()) {
+            (void)bStop();
+        }
+        const EServiceStatus eStatus = eGetStatus();
+        if (eStatus == STATUS_STOPPED || eStatus == STATUS_FAILED) {
+            return true;
+        }
+    }
+    errno = EBUSY;
+    return false;
 }
 
 bool CService::bRemove()

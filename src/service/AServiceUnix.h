@@ -59,9 +59,15 @@ public:
     EServiceStatus eGetStatus();
     /// Whether it runs or is about to.
     bool bActive();
-    /// Unregisters the service and deletes its unit file or script.
+    /// Unregisters the service and deletes its unit file or script. What runs is stopped before; while it
+    /// cannot be, nothing is deleted and errno is EBUSY: no process is left without a unit.
     bool bRemove();
     bool bSendControlCommand(unsigned int nCode);
+
+    /// Of an installation: the steps after the writing of the unit or script that did not take place, as
+    /// commands or words for people; empty when all did. An installation succeeds without them, too.
+    const std::wstring& csMissingSteps() const { return m_csMissingSteps; }
+    void AddMissingStep(const std::wstring& csStep);
 
     /// Takes the binary path from the marker line of the service's init script; unchanged when there is none.
     void SetBinaryPathFromSysVScript();
@@ -76,6 +82,8 @@ private:
     bool __bCommand(const wchar_t* pszVerb);
     EServiceStatus __eGetStatusSystemd();
     bool __bRemoveSystemd();
+    /// Stops what runs, until it is seen to be stopped.
+    bool __bStopForRemoval();
 
     bool __bScriptCommand(const wchar_t* pszVerb, const wchar_t* pszArguments, const wchar_t* pszRedirection);
     EServiceStatus __eGetStatusSysV();
@@ -86,4 +94,5 @@ private:
     std::wstring m_csName;
     std::optional<std::wstring> m_csBinaryPath;
     std::optional<std::wstring> m_csDisplayName;
+    std::wstring m_csMissingSteps;
 };

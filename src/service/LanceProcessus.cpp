@@ -173,6 +173,17 @@ bool CLanceProcessus::__bOutputWaits(bool bWanted)
     return nReady > 0;
 }
 
+/// A tool whose work was cancelled must not do it later.
+bool CLanceProcessus::__bMayGoOn()
+{
+    const bool bOn = bMayGoOn();
+    if (CStopping::bCancelled()) {
+        Kill();
+        errno = ECANCELED;
+    }
+    return bOn;
+}
+
 /// A child whose output is at its end is about to end itself: wait a moment for that before the long pause,
 /// which an end that came just before it would not cut short.
 void CLanceProcessus::__WaitEndAfterOutput() const
@@ -218,7 +229,7 @@ bool CLanceProcessus::bLitSortieEtAttendFinExecution(CXYString<char>* pcsOutput,
     }
     m_clInput.Close();
     while (!bProcessusTermine()) {
-        if (!bMayGoOn()) {
+        if (!__bMayGoOn()) {
             return false;
         }
         bLitSortieA(pcsOutput);
@@ -245,7 +256,7 @@ bool CLanceProcessus::bAttendFinExecution(unsigned int* pnExitCode, unsigned int
     bool bOpen = true;
     std::size_t nDiscarded = 0;
     for (int nMs = 1; !CProcessManager::m_gpclManager->bGetCode(m_nPid, &nCode);) {
-        if (!bMayGoOn()) {
+        if (!__bMayGoOn()) {
             return false;
         }
         if (nMaxMs != 0 && std::chrono::steady_clock::now() >= clEnd) {

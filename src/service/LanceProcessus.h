@@ -65,6 +65,7 @@ private:
     bool __bOutputWaits(bool bWanted);
     /// One read, whose bytes are added to *pnTotal; false at the end of the output.
     bool __bReadSome(CXYString<char>* pcsOutput, std::size_t* pnTotal);
+    bool __bMayGoOn();
     void __WaitEndAfterOutput() const;
 
     pid_t m_nPid = 0;

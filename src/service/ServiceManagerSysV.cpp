@@ -7,6 +7,7 @@
 #include "service/SysVFamily.h"
 #include "support/Conversion.h"
 #include "support/DiskFile.h"
+#include "support/Stopping.h"
 #include "support/SystemCall.h"
 
 #include <cerrno>
@@ -151,8 +152,12 @@ std::unique_ptr<CService> CServiceManager::__pclInstallSysV(const std::wstring& 
     if (!bWriteScript(pstFamily->pszScriptPrefix + csScript, csText)) {
         return nullptr;
     }
+    auto pclService = std::make_unique<CService>(this, csScript);
     if (bAutoStart) {
         pstFamily->pfnRegister(*pstFamily, csLockFile);
+        if (!CStopping::bMayGoOn()) {
+            pclService->AddMissingStep(L"start at boot");
+        }
     }
-    return std::make_unique<CService>(this, csScript);
+    return pclService;
 }

@@ -154,9 +154,12 @@ std::unique_ptr<CService> CServiceManager::__pclInstallSystemd(const std::wstrin
     if (!CDiskFile::bWriteFile(csUnitDirectory() + csUnitFileName(csUnit) + L".service", csToUTF8(csText))) {
         return nullptr;
     }
-    (void)bSystemctlDone(L"daemon-reload"); // outcomes are not judged: a start that fails tells
-    if (bAutoStart) {
-        (void)bSystemctlDone(L"enable " + csUnit);
+    auto pclService = std::make_unique<CService>(this, csUnit, csDisplayName, csBinaryPath);
+    // Outcomes are not judged: a start that fails tells.
+    for (const std::wstring& csStep : {std::wstring(L"daemon-reload"), L"enable " + csUnit}) {
+        if ((bAutoStart || !csStep.starts_with(L"enable ")) && !bSystemctlDone(csStep)) {
+            pclService->AddMissingStep(L"systemctl " + csStep);
+        }
     }
-    return std::make_unique<CService>(this, csUnit, csDisplayName, csBinaryPath);
+    return pclService;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "service/AServiceUnix.h"
+#include "service/ServiceLocks.h"
 #include "support/XYString.h"
 
 #include <cerrno>
@@ -84,6 +85,10 @@ public:
     /// The same; null, with errno, when systemd could not be asked.
     std::optional<std::wstring> csAskSystemdProp(const char* pszProperty, const wchar_t* pszName);
 
+    /// One change of one service at a time. The operations of records take no lock themselves: who changes a
+    /// service asks about it first, under the same lock.
+    CServiceLocks& clGetLocks() { return m_clLocks; }
+
     /// The form in which a service's name stands in the registry: the unit's or the script's name.
     static std::wstring csRegisteredName(const std::wstring& csName);
 
@@ -103,6 +108,7 @@ private:
     std::unique_ptr<CService> __pclInstallSysV(const std::wstring& csName, const std::wstring& csDisplayName,
                                                const std::wstring& csBinaryPath, bool bAutoStart);
 
+    CServiceLocks m_clLocks;
     std::mutex m_clLock; ///< guards the two members below, never held while a tool runs
     std::map<unsigned long, std::shared_ptr<CServiceEnumeration>> m_tEnumerations;
     unsigned long m_nLastCursor = 0;

@@ -100,6 +100,9 @@ __attribute__((no_sanitize("thread", "address", "undefined"))) int nRunChild(voi
         CloseOneByOne();
     }
     RestoreDescriptorLimit();
+    if (stStart.bOwnSession) {
+        ::syscall(SYS_setsid);
+    }
     constexpr STKernelAction stDefault{};
     for (int nSignal = 1; nSignal < NSIG; ++nSignal) {
         ::syscall(SYS_rt_sigaction, nSignal, &stDefault, nullptr, sizeof stDefault.nMask);

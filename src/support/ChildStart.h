@@ -13,6 +13,7 @@ struct STChildStart
     int nInput;                 ///< becomes descriptor 0
     int nOutput;                ///< becomes descriptor 1
     int nError;                 ///< becomes descriptor 2
+    bool bOwnSession = false;   ///< so that it can be killed with all that it has started
 };
 
 /// Creates one child as vfork does: nothing of the daemon is copied, so the cost does not grow with it, and

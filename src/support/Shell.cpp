@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <poll.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -36,6 +37,15 @@ bool bAwait(pid_t nPid, int* pnStatus)
         ::poll(tWakes.data(), tWakes.size(), CStopping::nPollMs(clChild.bOpen() ? -1 : nMs));
     }
 }
+
+/// With whatever a script that hangs has started and not let go of. Keeps errno.
+void KillSession(pid_t nShellPid)
+{
+    const int nErrno = errno;
+    ::kill(-nShellPid, SIGKILL);
+    Ignored(nRetry([&] { return ::waitpid(nShellPid, nullptr, 0); }));
+    errno = nErrno;
+}
 } // namespace
 
 int nShell(const std::string& csCommand)
@@ -48,7 +58,8 @@ int nShell(const std::string& csCommand)
     std::string csOption = "-c";
     std::string csText = csCommand;
     char* const ppszArgs[] = {csShell.data(), csOption.data(), csText.data(), nullptr};
-    const STChildStart stShell{"/bin/sh", ppszArgs, STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO};
+    const STChildStart stShell{"/bin/sh",     ppszArgs,      STDIN_FILENO,
+                               STDOUT_FILENO, STDERR_FILENO, CStopping::bCancellable()};
     CChildStarter clStarter;
     pid_t nPid = -1;
     if (clStarter.nStart(stShell, &nPid) < 0) {
@@ -56,6 +67,9 @@ int nShell(const std::string& csCommand)
     }
     int nStatus = 0;
     if (!bAwait(nPid, &nStatus)) {
+        if (CStopping::bCancelled()) {
+            KillSession(nPid);
+        }
         return -1;
     }
     // A child that could not become the shell looks like one that ended with 127, which a command may do,

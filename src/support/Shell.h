@@ -6,7 +6,8 @@
 /// be run, errno tells). Unlike system() the shell starts with no signal blocked and none ignored: a server
 /// started through it from a worker thread (which blocks SIGTERM) could otherwise never be stopped. Once
 /// the calling thread may not go on (CStopping::bMayGoOn) it fails with ECANCELED and leaves the shell to
-/// itself. Any thread.
+/// itself; what was
+/// cancelled is killed with all that it has started. Any thread.
 int nShell(const std::string& csCommand);
 
 /// A text as one word of such a command line: as it is when nothing in it means something to the shell, else

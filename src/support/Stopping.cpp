@@ -11,6 +11,7 @@
 #include <poll.h>
 #include <set>
 #include <sys/eventfd.h>
+#include <system_error>
 #include <unistd.h>
 
 std::atomic<long> CStopping::s_nAskedMs{0};
@@ -98,7 +99,7 @@ int CStopping::nAnswersLeftMs() noexcept
 
 bool CStopping::bMayGoOn() noexcept
 {
-    if (t_pbCancelled != nullptr && t_pbCancelled->load()) {
+    if (bCancelled()) {
         return false;
     }
     switch (t_eRight) {
@@ -108,6 +109,28 @@ bool CStopping::bMayGoOn() noexcept
         return !bOver();
     default:
         return !bAsked();
+    }
+}
+
+bool CStopping::bCancellable() noexcept
+{
+    return t_pbCancelled != nullptr;
+}
+
+bool CStopping::bCancelled() noexcept
+{
+    return t_pbCancelled != nullptr && t_pbCancelled->load();
+}
+
+void CStopping::xThrowStopped()
+{
+    throw std::system_error(ECANCELED, std::generic_category());
+}
+
+void CStopping::xCheck()
+{
+    if (!bMayGoOn()) {
+        xThrowStopped();
     }
 }
 
@@ -145,11 +168,15 @@ bool CStopping::bToolEndedByStop(unsigned int nExitCode) noexcept
     return bAsked() && bMayGoOn();
 }
 
-CStopRight::CStopRight(ERight eRight, const std::atomic<bool>* pbCancelled) noexcept
-    : m_eBefore(t_eRight), m_pbCancelledBefore(t_pbCancelled)
+CStopRight::CStopRight(ERight eRight) noexcept : m_eBefore(t_eRight), m_pbCancelledBefore(t_pbCancelled)
 {
     t_eRight = eRight;
-    t_pbCancelled = pbCancelled != nullptr ? pbCancelled : t_pbCancelled;
+}
+
+CStopRight::CStopRight(const std::atomic<bool>* pbCancelled) noexcept
+    : m_eBefore(t_eRight), m_pbCancelledBefore(t_pbCancelled)
+{
+    t_pbCancelled = pbCancelled;
 }
 
 CStopRight::~CStopRight()

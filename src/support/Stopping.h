@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -40,6 +41,14 @@ public:
     /// Whether the calling thread may still launch tools and wait for them. Without a CStopRight: until the
     /// stop is asked.
     static bool bMayGoOn() noexcept;
+    /// Whether what the calling thread does may be taken back before it is done.
+    static bool bCancellable() noexcept;
+    /// Whether somebody has taken back what the calling thread does (see CStopRight).
+    static bool bCancelled() noexcept;
+    /// Throws std::system_error (ECANCELED).
+    [[noreturn]] static void xThrowStopped();
+    /// As xThrowStopped, when the calling thread may not go on.
+    static void xCheck();
     /// Sleeps; false at once when the calling thread may not go on. May end early when the stop is asked.
     static bool bSleep(int nMs) noexcept;
     /// For a poll beside other descriptors: becomes readable when the stop is asked, and stays so; hence -1
@@ -68,8 +77,10 @@ public:
         ANSWER,  ///< a conversation's command
         WRITES,  ///< a registration that has begun to write
     };
-    /// pbCancelled, unless null, takes the right away when it becomes true; it must outlive the object.
-    explicit CStopRight(ERight eRight, const std::atomic<bool>* pbCancelled = nullptr) noexcept;
+    explicit CStopRight(ERight eRight) noexcept;
+    /// The right that the thread has already, until *pbCancelled becomes true. The flag must outlive the
+    /// object.
+    explicit CStopRight(const std::atomic<bool>* pbCancelled) noexcept;
     ~CStopRight();
     CStopRight(const CStopRight&) = delete;
     CStopRight& operator=(const CStopRight&) = delete;
@@ -103,6 +114,12 @@ public:
             _WaitChange(clLock);
         }
         return true;
+    }
+    /// Waits until bReady() holds, for a time at most.
+    template <class TReady>
+    void WaitFor(CLock& clLock, std::chrono::milliseconds clTime, TReady bReady)
+    {
+        (void)m_clChanged.wait_for(clLock, clTime, bReady);
     }
     void NotifyAll() { m_clChanged.notify_all(); }
 

@@ -265,7 +265,8 @@ TEST_F(LanceProcessus, AStopEndsEachWaitWhenItsThreadHasNoRightToGoOn)
                 std::this_thread::sleep_for(std::chrono::milliseconds(100));
                 CStopping::Ask();
             });
-            const CStopRight clRight(eRight, bCancelled ? &bCancel : nullptr);
+            const CStopRight clRight(eRight);
+            const CStopRight clUntilCancelled(&bCancel);
             const long nTook = nMsOf([&] { EXPECT_FALSE(fnWait()); });
             EXPECT_EQ(errno, ECANCELED);
             EXPECT_GE(nTook, bCancelled ? 0 : 100 + nMs - 1);

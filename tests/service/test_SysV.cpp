@@ -282,6 +282,9 @@ TEST_F(SysV, SlackwareKeepsItsScriptsInItsOwnPlaceForEveryOperation)
     const auto pcl = pclGet(L"DXCS-a.b");
     EXPECT_TRUE(pcl->bStart(L"-v --port=1") && pclGet(L"DXCS-second")->bRestart());
     EXPECT_EQ(csTakeJournal(), "/etc/rc.d/rc.DXCS-a-b start -v --port=1\n/etc/init.d/DXCS-second restart\n");
+    EXPECT_FALSE(pcl->bRemove()) << "it runs whatever its stop does";
+    EXPECT_EQ(errno, EBUSY);
+    Write("/etc/rc.d/rc.DXCS-a-b", std::string(s_szRecorder) + "[ $1 != status ] || exit 3\n");
     EXPECT_TRUE(pcl->bRemove());
     EXPECT_FALSE(std::filesystem::exists("/etc/rc.d/rc.DXCS-a-b"));
     std::filesystem::remove("/etc/rc.d/rc.M");

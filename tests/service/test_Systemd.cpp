@@ -168,7 +168,8 @@ TEST_F(Systemd, RemovalStopsAtARefusedDisableAndOtherwiseDeletesBothFiles)
     EXPECT_EQ(stRun("ls /run/fragment /run/source").nStatus, 0);
     clTool.Write("agree", "");
     EXPECT_TRUE(cl.bRemove());
-    EXPECT_EQ(clTool.csTakeJournal(), csShown + "disable DXCS-A\nstop DXCS-A\ndaemon-reload\n");
+    EXPECT_EQ(clTool.csTakeJournal(),
+              csShown + "disable DXCS-A\nstop DXCS-A\n--property=ActiveState show DXCS-A\ndaemon-reload\n");
     EXPECT_EQ(stRun("cat /run/fragment || cat /run/source").nStatus, 1);
 }
 

@@ -1,0 +1,21 @@
+#include "support/StoppableLock.h"
+
+void CStoppableLock::lock()
+{
+    auto clLock = m_clWait.clLock();
+    const auto pMine = m_tWaiting.insert(++m_nLastNumber).first;
+    const bool bTaken = m_clWait.bWait(
+        clLock, [&] { return !m_bHeld && pMine == m_tWaiting.begin(); }, CStopping::bAsked);
+    m_tWaiting.erase(pMine);
+    if (!bTaken) {
+        CStopping::xThrowStopped();
+    }
+    m_bHeld = true;
+}
+
+void CStoppableLock::unlock()
+{
+    const auto clLock = m_clWait.clLock();
+    m_bHeld = false;
+    m_clWait.NotifyAll();
+}
