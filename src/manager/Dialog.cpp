@@ -12,7 +12,6 @@
 #include <cstdlib>
 #include <mutex>
 #include <set>
-#include <stdexcept>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <utility>
@@ -31,14 +30,6 @@ STRegister& stConversations()
 {
     static STRegister s_stRegister;
     return s_stRegister;
-}
-
-/// Once the stop has taken the right to go on, what a command has found out rests on tools that were not run.
-void CheckMayAnswer()
-{
-    if (!CStopping::bMayGoOn()) {
-        throw std::runtime_error("the manager ends");
-    }
 }
 } // namespace
 
@@ -202,21 +193,21 @@ void CDialog::__Send(std::string_view csBytes)
 
 void CDialog::Answer(const std::wstring& csText)
 {
-    CheckMayAnswer();
+    CStopping::xCheck(); // what a command has found out may rest on tools that were not run
     __Send(__csToWire(csText));
     __Send("\r\n");
 }
 
 void CDialog::ACK(eError eCode, const std::wstring& csText)
 {
-    CheckMayAnswer();
+    CStopping::xCheck();
     __Send("ERROR\t" + std::to_string(eCode) + "\t" + __csToWire(csText) + "\r\n");
 }
 
 void CDialog::ACK(eError eCode, unsigned int nSystemError)
 {
     const int nErrno = errno;
-    CheckMayAnswer();
+    CStopping::xCheck();
     if (eCode == ERREUR_AUCUNE) {
         __Send("OK\r\n");
         return;

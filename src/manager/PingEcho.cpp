@@ -3,11 +3,14 @@
 #include "manager/SetupManager.h"
 #include "support/accesdllres.h"
 #include "support/Conversion.h"
+#include "support/SystemCall.h"
 
 #include <array>
 #include <cerrno>
 #include <netinet/in.h>
+#include <set>
 #include <sys/uio.h>
+#include <vector>
 
 namespace {
 using namespace std::string_view_literals;
@@ -15,6 +18,8 @@ constexpr std::string_view s_csSystemQuestion = "ARE YOU A DEXARO SERVER SETUP?\
 constexpr std::string_view s_csUTF8Question = "ARE YOU A DEXARO MANAGER UTF-8?\r\n\0"sv;
 /// Bytes received of a datagram: more than any question, so that a longer one shows as such.
 constexpr std::size_t s_nMaxQuestion = 37;
+/// Datagrams taken for one list.
+constexpr int s_nMaxTaken = 1000;
 /// Pause after a failure of the network, so that a lasting one does not burn a processor.
 constexpr unsigned int s_dwPauseMs = 50;
 
@@ -71,15 +76,35 @@ void Send(int nSocket, msghdr stTo, std::string_view csBytes)
 }
 
 /// The reply of INFO with as many servers as a datagram has room for, without the line end.
-std::string csAnswer(EPingForm eForm)
+std::string csAnswer(EPingForm eForm, const std::wstring& csServers)
 {
     const ECodePage eCodePage = eForm == EPingForm::UTF8 ? CP_UTF8 : CP_SYSTEM;
-    CTString csServers;
-    gpclSetupManager->AddServeurList(&csServers);
     const std::string csBytes = csNarrow(csServers, eCodePage);
     std::string csResult = csNarrow(L"YES\t" + gpclSetupManager->csGetHostInfo(), eCodePage);
     return csResult.append(
         csFittingServers(csBytes, g_nMaxDatagram - std::min(csResult.size(), g_nMaxDatagram)));
+}
+
+/// A question that has been received and is to be answered.
+struct STQuestion
+{
+    int nSocket;
+    EPingForm eForm;
+    STDatagram stDatagram;
+    socklen_t nSender;  ///< bytes of the sender's address
+    std::size_t nAsked; ///< bytes of the control message; 0: none
+};
+
+void Answer(STQuestion* pstQuestion, std::string_view csText)
+{
+    msghdr stTo = stMessage(&pstQuestion->stDatagram, nullptr);
+    stTo.msg_namelen = pstQuestion->nSender;
+    stTo.msg_controllen = pstQuestion->nAsked;
+    if (stTo.msg_controllen == 0) {
+        stTo.msg_control = nullptr;
+    }
+    Send(pstQuestion->nSocket, stTo, csText);
+    Send(pstQuestion->nSocket, stTo, "\r\n");
 }
 
 /// Has the system tell with each datagram which address it was sent to.
@@ -92,6 +117,42 @@ void AskForAddresses(const STSocket& stSocket)
     } else {
         (void)::setsockopt(stSocket.nSocket, IPPROTO_IPV6, IPV6_RECVPKTINFO, &nOne, sizeof nOne);
     }
+}
+
+/// Makes room for as many datagrams as are taken at once: more would only be answered late. The kernel
+/// doubles the number and counts about 768 bytes for a short datagram. Only root may pass the usual limit.
+void MakeRoom(const STSocket& stSocket)
+{
+    constexpr int nBytes = 400 * 1024;
+    if (::setsockopt(stSocket.nSocket, SOL_SOCKET, SO_RCVBUFFORCE, &nBytes, sizeof nBytes) != 0) {
+        (void)::setsockopt(stSocket.nSocket, SOL_SOCKET, SO_RCVBUF, &nBytes, sizeof nBytes);
+    }
+}
+
+/// Takes the next datagram that waits; false when there is none. It never waits: what has woken the thread
+/// may be dropped for its checksum.
+bool bReceive(int nSocket, STQuestion* pstQuestion)
+{
+    STDatagram& stDatagram = pstQuestion->stDatagram;
+    iovec stText{stDatagram.tText.data(), stDatagram.tText.size()};
+    msghdr stHeader = stMessage(&stDatagram, &stText);
+    const ssize_t nReceived = nRetry([&] { return ::recvmsg(nSocket, &stHeader, MSG_DONTWAIT); });
+    if (nReceived < 0) {
+        return false;
+    }
+    pstQuestion->nSocket = nSocket;
+    pstQuestion->eForm = eReadPing({stDatagram.tText.data(), static_cast<std::size_t>(nReceived)});
+    AnswerFromAsked(&stHeader);
+    pstQuestion->nSender = stHeader.msg_namelen;
+    pstQuestion->nAsked = stHeader.msg_controllen;
+    return true;
+}
+
+/// Tells an asker with a form from every other.
+std::string csAsker(const STQuestion& stQuestion)
+{
+    std::string csKey(reinterpret_cast<const char*>(&stQuestion.stDatagram.stSender), stQuestion.nSender);
+    return csKey += stQuestion.eForm == EPingForm::UTF8 ? 'U' : 'S';
 }
 } // namespace
 
@@ -133,6 +194,7 @@ bool CPingEcho::bInit(std::uint16_t wPort)
     (void)bSetsockopt(SOL_SOCKET, SO_BROADCAST, &nOne, sizeof nOne);
     for (const STSocket& stSocket : tGetSockets()) {
         AskForAddresses(stSocket);
+        MakeRoom(stSocket);
     }
     return true;
 }
@@ -165,8 +227,8 @@ void CPingEcho::_Run()
 {
     while (!m_clThread.bMustStop()) {
         try {
-            if (const int nSocket = WaitReadable(nullptr); nSocket >= 0) {
-                __Serve(nSocket);
+            if (WaitReadable(nullptr) >= 0) {
+                __Serve();
                 continue;
             }
             if (errno == EINTR) { // the end of a child is no reason to pause
@@ -178,25 +240,36 @@ void CPingEcho::_Run()
     }
 }
 
-void CPingEcho::__Serve(int nSocket)
+/// Takes all that waits before the list is made: one list answers everybody, and who has asked while it was
+/// being made for others is answered with the next one.
+void CPingEcho::__Serve()
 {
-    STDatagram stQuestion;
-    iovec stText{stQuestion.tText.data(), stQuestion.tText.size()};
-    msghdr stHeader = stMessage(&stQuestion, &stText);
-    // A datagram that woke the wait may be dropped for its checksum: waiting here would keep the other socket
-    // waiting.
-    const ssize_t nReceived = ::recvmsg(nSocket, &stHeader, MSG_DONTWAIT);
-    if (nReceived < 0) {
-        if (errno != EAGAIN) {
-            m_clThread.SleepOrStop(s_dwPauseMs);
+    std::vector<STQuestion> tQuestions;
+    std::set<std::string> tAskers;
+    int nTaken = 0;
+    int nError = 0;
+    for (const STSocket& stSocket : tGetSockets()) {
+        STQuestion stQuestion;
+        while (nTaken < s_nMaxTaken && bReceive(stSocket.nSocket, &stQuestion)) {
+            ++nTaken;
+            if (stQuestion.eForm != EPingForm::NONE && tAskers.insert(csAsker(stQuestion)).second) {
+                tQuestions.push_back(stQuestion);
+            }
         }
+        nError = nTaken < s_nMaxTaken && errno != EAGAIN ? errno : nError;
+    }
+    if (nTaken == 0 && nError != 0) {
+        m_clThread.SleepOrStop(s_dwPauseMs);
+    }
+    if (tQuestions.empty() || m_clThread.bMustStop()) { // a shutdown can look like an empty question
         return;
     }
-    const EPingForm eForm = eReadPing({stQuestion.tText.data(), static_cast<std::size_t>(nReceived)});
-    if (eForm == EPingForm::NONE || m_clThread.bMustStop()) { // a shutdown can look like an empty question
-        return;
+
+    CTString csServers;
+    gpclSetupManager->AddServeurList(&csServers);
+    const std::string csSystem = csAnswer(EPingForm::SYSTEM, csServers);
+    const std::string csUTF8 = csAnswer(EPingForm::UTF8, csServers);
+    for (STQuestion& stQuestion : tQuestions) {
+        Answer(&stQuestion, stQuestion.eForm == EPingForm::UTF8 ? csUTF8 : csSystem);
     }
-    AnswerFromAsked(&stHeader);
-    Send(nSocket, stHeader, csAnswer(eForm));
-    Send(nSocket, stHeader, "\r\n");
 }

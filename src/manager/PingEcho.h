@@ -24,9 +24,10 @@ EPingForm eReadPing(std::string_view csDatagram);
 /// server and has at most nMax bytes.
 std::string_view csFittingServers(std::string_view csServers, std::size_t nMax);
 
-/// Answers discovery questions over UDP with the text of the INFO command, one question after the other,
-/// without any state between them. The answer comes from the address that was asked; servers that a datagram
-/// cannot carry are left out of it. Owned by the setup manager, used from its main thread.
+/// Answers discovery questions over UDP with the text of the INFO command: all that wait at once with one
+/// list, each asker once for each form, without any state between them. The answer comes from the address
+/// that was asked; servers that a datagram cannot carry are left out of it. Owned by the setup manager, used
+/// from its main thread.
 class CPingEcho : public CEnsembleSockets
 {
 public:
@@ -40,7 +41,7 @@ public:
 private:
     static void _PingThreadRoutine(CZTThread* pclThread);
     void _Run();
-    void __Serve(int nSocket);
+    void __Serve();
 
     CZTThread m_clThread;
 };

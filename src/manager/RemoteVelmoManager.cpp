@@ -45,12 +45,20 @@ std::unique_ptr<CService> pclLookup(CServiceManager* pclManager, const std::wstr
 }
 } // namespace
 
-std::unique_ptr<CService> CRemoteVelmoManager::__pclFind(CDialog& clDialog)
+std::unique_ptr<CService> CRemoteVelmoManager::__pclFind(CDialog& clDialog, CServiceLocks::CHold* pclHold)
 {
     const std::wstring csName = csNextArgument(clDialog);
-    std::unique_ptr<CService> pclService = pclLookup(m_pclManager, g_szServerPrefix + csName);
+    const auto pclFind = [&](const std::wstring& csService) {
+        if (pclHold != nullptr) { // before the look: until then somebody may be removing it
+            pclHold->Release();
+            *pclHold = m_pclManager->clGetLocks().clTake(CServiceManager::csRegisteredName(csService));
+        }
+        return pclLookup(m_pclManager, csService);
+    };
+
+    std::unique_ptr<CService> pclService = pclFind(g_szServerPrefix + csName);
     if (pclService == nullptr && csName == g_szDefaultServer) {
-        pclService = pclLookup(m_pclManager, g_szDefaultServer);
+        pclService = pclFind(g_szDefaultServer);
     }
     if (pclService == nullptr) {
         Refuse(clDialog, ERREUR_SERVICE_INCONNU);
@@ -60,8 +68,9 @@ std::unique_ptr<CService> CRemoteVelmoManager::__pclFind(CDialog& clDialog)
 
 void CRemoteVelmoManager::Start(CDialog& clDialog)
 {
-    if (const auto pclService = __pclFind(clDialog)) {
-        Conclude(clDialog, pclService->bStart(), ERREUR_START);
+    CServiceLocks::CHold clHold;
+    if (const auto pclService = __pclFind(clDialog, &clHold)) {
+        Conclude(clDialog, clHold.bStart(*pclService), ERREUR_START);
     }
 }
 
@@ -97,7 +106,19 @@ void CRemoteVelmoManager::UnInstall(CDialog& clDialog)
 {
     const std::wstring csName = csNextArgument(clDialog);
     const bool bDeleteFiles = clDialog.dwGetUInt32() != 0;
-    const std::unique_ptr<CService> pclService = pclLookup(m_pclManager, g_szServerPrefix + csName);
+    const std::wstring csService = g_szServerPrefix + csName;
+    const auto clHold =
+        m_pclManager->clGetLocks().clTakeToRemove(CServiceManager::csRegisteredName(csService), [&] {
+            if (const auto pclStarting = pclLookup(m_pclManager, csService)) {
+                (void)pclStarting->bStop();
+            }
+        });
+    if (!clHold.bTaken()) { // the stop of the manager came first
+        errno = ECANCELED;
+        Refuse(clDialog, ERREUR_STOP);
+        return;
+    }
+    const std::unique_ptr<CService> pclService = pclLookup(m_pclManager, csService);
     if (pclService == nullptr) {
         clDialog.ACK(ERREUR_UNINSTALL_INCONNU, 0u);
         return;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "service/ServiceLocks.h"
+
 #include <memory>
 #include <string>
 
@@ -26,8 +28,8 @@ public:
 
 private:
     /// The service that the dialog's next argument names; replies error 1 and returns null when there is
-    /// none.
-    std::unique_ptr<CService> __pclFind(CDialog& clDialog);
+    /// none. With pclHold, the service's lock is taken for the caller before it is looked up.
+    std::unique_ptr<CService> __pclFind(CDialog& clDialog, CServiceLocks::CHold* pclHold = nullptr);
 
     CServiceManager* m_pclManager;
 };

@@ -17,7 +17,7 @@ void RestartOnFailedThreadFunc(CZTThread* pclThread)
 } // namespace
 
 CRestartOnFailed::CRestartOnFailed(CServiceManager* pclManager, unsigned int dwPeriod)
-    : m_dwPeriod(dwPeriod), m_pclManager(pclManager)
+    : m_dwPeriod(dwPeriod), m_pclManager(pclManager), m_clWorkers(pclManager)
 {}
 
 CRestartOnFailed::~CRestartOnFailed()
@@ -27,12 +27,14 @@ CRestartOnFailed::~CRestartOnFailed()
 
 void CRestartOnFailed::xStart()
 {
+    m_clWorkers.Begin();
     (void)xbStart(RestartOnFailedThreadFunc, this, &g_stMyModule, USER_ERROR_THREAD, 1, 0);
 }
 
 void CRestartOnFailed::Stop()
 {
     CZTThread::Stop(1);
+    m_clWorkers.Stop();
 }
 
 void CRestartOnFailed::Run()
@@ -53,12 +55,20 @@ void CRestartOnFailed::Run()
 void CRestartOnFailed::__Check()
 {
     CServiceListing clListing(m_pclManager, g_szServerPrefix);
-    while (const auto pclService = clListing.pclNext()) {
+    while (auto pclService = clListing.pclNext()) {
+        if (CStopping::bAsked()) {
+            return;
+        }
+        // One that is being started, by us or by somebody else, is not even asked: its script may hang, too.
+        const std::wstring csName = CServiceManager::csRegisteredName(pclService->pszGetName());
+        if (m_clWorkers.bHas(pclService->pszGetName()) || m_pclManager->clGetLocks().bHeld(csName)) {
+            continue;
+        }
         if (pclService->eGetStatus() == STATUS_FAILED) {
-            (void)pclService->bStart();
+            m_clWorkers.Restart(std::move(pclService));
         }
     }
-    if (clListing.bFailed()) { // before its first service: the next pass looks again
+    if (clListing.bFailed() && !CStopping::bAsked()) { // before its first service: the next pass looks again
         LogFailedListing(clListing.nError());
     }
 }

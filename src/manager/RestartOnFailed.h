@@ -1,11 +1,13 @@
 #pragma once
 
+#include "manager/RestartWorkers.h"
 #include "support/ZTThread.h"
 
 class CServiceManager;
 
-/// A thread that looks at every "DXCS-" service once a period and starts those that have failed. A stopped
-/// service is left alone, so that an administrator's stop is respected. Owned by the setup manager.
+/// A thread that looks at every "DXCS-" service once a period and has those started that have failed. A
+/// stopped service is left alone, so that an administrator's stop is respected. The starts run beside the
+/// thread: no pass waits for one. Owned by the setup manager.
 class CRestartOnFailed : public CZTThread
 {
 public:
@@ -16,7 +18,8 @@ public:
 
     /// Throws CXError when the thread cannot be started.
     void xStart();
-    /// Returns when the thread has ended; a pass in progress is finished first.
+    /// Returns when the thread and the starts have ended: at once when the daemon stops, else when what is
+    /// under way is done.
     void Stop();
     /// The thread's loop.
     void Run();
@@ -26,4 +29,5 @@ private:
 
     unsigned int m_dwPeriod;
     CServiceManager* m_pclManager;
+    CRestartWorkers m_clWorkers;
 };

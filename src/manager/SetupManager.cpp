@@ -183,37 +183,38 @@ void CSetupManager::_AddCPU_RAM_Info()
 
 void CSetupManager::AddServeurList(CTString* pcsReply)
 {
+    *pcsReply += m_clListing.xcsGet([this] { return __csMakeServeurList(); });
+}
+
+std::wstring CSetupManager::__csMakeServeurList()
+{
     const CServiceGuard clGuard = clLockServices();
-    __CheckMayGoOn();
+    CTString csServers;
     CServiceListing clListing(&m_clServiceManager, g_szServerPrefix);
     while (const auto pclService = clListing.pclNext()) {
-        __AddServeurList(clGuard, *pclService, pcsReply);
-        __CheckMayGoOn();
+        __AddServeurList(clGuard, *pclService, &csServers);
     }
+    CStopping::xCheck(); // then nothing has failed
     if (clListing.bFailed()) {
         __FailListing(clListing.nError());
     }
 
     // The default server has no prefix, so no listing finds it.
     const std::unique_ptr<CService> pclDefault(m_clServiceManager.pclGetService(g_szDefaultServer));
+    const int nErrno = errno;
+    CStopping::xCheck();
     if (pclDefault != nullptr) {
-        __AddServeurList(clGuard, *pclDefault, pcsReply);
-    } else if (errno != ENOENT) {
-        __FailListing(errno);
+        __AddServeurList(clGuard, *pclDefault, &csServers);
+    } else if (nErrno != ENOENT) {
+        __FailListing(nErrno);
     }
+    return csServers;
 }
 
 void CSetupManager::__FailListing(int nError)
 {
     LogFailedListing(nError);
     throw std::runtime_error("the services cannot be listed");
-}
-
-void CSetupManager::__CheckMayGoOn()
-{
-    if (!CStopping::bMayGoOn()) {
-        throw std::runtime_error("the manager ends");
-    }
 }
 
 std::wstring CSetupManager::s_csServersConfig(const std::wstring& csExecutable)

@@ -7,7 +7,9 @@
 #include "manager/RemoteVelmoManager.h"
 #include "manager/RestartOnFailed.h"
 #include "manager/Server.h"
+#include "manager/SharedListing.h"
 #include "service/ServiceManagerUnix.h"
+#include "support/StoppableLock.h"
 #include "support/XYString.h"
 #include "support/ZTSem.h"
 #include "vm/Proxy.h"
@@ -15,7 +17,9 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
+#include <vector>
 
 /// Port of the TCP server and of the ping echo; fixed.
 inline constexpr std::uint16_t g_wManagerPort = 4999;
@@ -27,7 +31,7 @@ inline constexpr wchar_t g_szDefaultServer[] = L"dxsql";
 inline constexpr wchar_t g_szManagerService[] = L"VelmoManager";
 
 /// Proof that the service lock is held.
-using CServiceGuard = std::unique_lock<std::mutex>;
+using CServiceGuard = std::unique_lock<CStoppableLock>;
 
 /// The daemon's service implementation: owns the service registry, the endpoints, the logger and the language
 /// runtime, starts and stops them in a fixed order, lists and registers the database servers.
@@ -60,15 +64,17 @@ public:
     /// The service manager, for the command-line modes and the dialogs.
     CServiceManager* pclGetServiceManager() { return &m_clServiceManager; }
     CRemoteVelmoManager& clGetRemote() { return m_clRemote; }
-    /// Takes the service lock. It serialises listings with registrations, not the commands on one server.
+    /// Takes the service lock. It serialises listings with registrations, not the commands on one server;
+    /// nobody who holds it takes the lock of a service (CServiceLocks). Throws std::system_error when the
+    /// stop ends the wait for it.
     CServiceGuard clLockServices() { return CServiceGuard(m_clServiceLock); }
 
     /// Version, system, processor and memory; fields separated by tabs. Written once before any endpoint
     /// runs.
     const CTString& csGetHostInfo() const { return m_csHostInfo; }
-    /// Appends a tab, the name, a tab and the access port for each server service. Takes the service lock.
-    /// Throws when the stop ends it: half a list is no answer. Throws, and logs it, when the services cannot be
-    /// listed.
+    /// Appends a tab, the name, a tab and the access port for each server service. One list, made under the
+    /// service lock, serves all who wait for one. Throws when the stop ends it: half a list is no answer.
+    /// Throws, and logs it, when the services cannot be listed.
     void AddServeurList(CTString* pcsReply);
     /// The configuration file of the server with this executable.
     static std::wstring s_csServersConfig(const std::wstring& csExecutable);
@@ -77,7 +83,8 @@ public:
     static std::wstring s_csAccessPort(CService& clService);
     /// Makes sure that a service exists for this server's executable and runs. On refusal or failure the text
     /// goes into pcsError and the log. A refusal installs and starts nothing; a service whose start fails
-    /// stays installed. Takes the service lock.
+    /// stays installed. Takes the locks of the services concerned, and within them, for all but the start,
+    /// the service lock. Throws std::system_error when the stop ends a wait.
     void RegisterServer(const std::wstring& csName, const std::wstring& csBinaryPath, std::uint16_t wPort,
                         CTString* pcsError);
 
@@ -89,7 +96,7 @@ private:
     void _AddVIInfo();
     void _AddOSInfo();
     void _AddCPU_RAM_Info();
-    static void __CheckMayGoOn();
+    std::wstring __csMakeServeurList();
     void __AddServeurList(const CServiceGuard& clGuard, CService& clService, CTString* pcsReply);
     [[noreturn]] static void __FailListing(int nError);
     /// Message 4012 with all that the error tells below it, as one entry: of a failure that nobody else
@@ -107,18 +114,29 @@ private:
         SAME,     ///< the server's own service
         CONFLICT, ///< it has the server's name or port
     };
-    /// False when a service is in conflict with the server, or the services cannot be listed; the text then
-    /// says so and is logged.
-    bool __bFindServer(const CServiceGuard& clGuard, const STRegistration& stServer,
-                       std::unique_ptr<CService>* ppclFound, CTString* pcsError);
+    /// What a look at all services has found for a server that registers.
+    struct STFound
+    {
+        std::unique_ptr<CService> pclService;               ///< its own one; null: none
+        std::vector<std::unique_ptr<CService>> tOtherNames; ///< those that have its executable
+        bool bRefused = false;                              ///< a conflict, or the services cannot be listed
+    };
+    /// Of a refusal the text says why; it is logged.
+    STFound __stFindServer(const CServiceGuard& clGuard, const STRegistration& stServer, CTString* pcsError);
     static EComparison __eCompare(CService& clService, const STRegistration& stServer, CTString* pcsError);
+    /// Finds or installs the server's service, with its names locked in the end. Null, and the text set, when
+    /// there is none.
+    std::unique_ptr<CService> __pclMakeService(const STRegistration& stServer, CServiceLocks::CHold* pclHold,
+                                               CTString* pcsError);
     /// Null with errno set when it cannot be installed.
     std::unique_ptr<CService> __pclInstallServer(const CServiceGuard& clGuard,
                                                  const STRegistration& stServer);
+    void __StartServer(CService& clService, CServiceLocks::CHold& clHold, CTString* pcsError);
 
     CServiceManager m_clServiceManager;
     CRemoteVelmoManager m_clRemote;
-    std::mutex m_clServiceLock;
+    CStoppableLock m_clServiceLock;
+    CSharedListing m_clListing;
     CServer m_clServer;
     CPingEcho m_clPingEcho;
     CPipeServerVelmoManager m_clPipeServer;

@@ -21,17 +21,19 @@
 #include <unistd.h>
 
 namespace {
-/// "show" knows DXCS-a, DXCS-Café and DXCS-bad; the state of a server is in the file $DIR/state; "start
-/// DXCS-bad" and "stop DXCS-bad" are refused.
+/// "show" knows DXCS-a, DXCS-Café and DXCS-bad; the state of a server is in the file $DIR/state;
+/// "start DXCS-bad" and "stop DXCS-bad" are refused. A call takes as long as the file $DIR/slow says.
 /// A file $DIR/broken holds the pattern of calls that fail.
 constexpr char s_szSystemctl[] =
-    R"sh(if [ -e $DIR/broken ]; then eval "case \"\$*\" in $(cat $DIR/broken)) exit 1;; esac"; fi
+    R"sh([ ! -e $DIR/slow ] || sleep $(cat $DIR/slow)
+if [ -e $DIR/broken ]; then eval "case \"\$*\" in $(cat $DIR/broken)) exit 1;; esac"; fi
 case "$*" in
 --no-pager*) exit 0 ;;
 list-units*) printf '  DXCS-a.service l a r A\n  DXCS-Caf\\xc3\\xa9.service l a r D\n' ;;
 *ActiveState*) echo "ActiveState=$(cat $DIR/state 2>/dev/null || echo active)" ;;
 *FragmentPath*|*SourcePath*) echo "P=" ;;
 "start DXCS-bad"|"stop DXCS-bad") exit 1 ;;
+stop*) echo inactive >$DIR/state ;;
 *show\ DXCS-a|*show\ DXCS-bad|*show\ dxsql) printf 'Type=forking\nExecStart={ argv[]=%s/srv/dx --SERVICE %s ; }\nDescription=%s\n' "$DIR" "$3" "$3" ;;
 *show\ DXCS-Café) printf 'Type=forking\nExecStart={ argv[]=/none/dx --SERVICE x ; }\nDescription=%s\n' "$3" ;;
 *show*) printf 'Type=\nDescription=%s\n' "$3" ;;
@@ -111,16 +113,17 @@ TEST_F(Server, EveryCommandGivesItsReplyOnBothAddressFamilies)
         {"UNINSTALL\tnone\t1", "ERROR\t11\r\n"},
         {"UNINSTALL\tdxsql\t1", "ERROR\t11\r\n"},
         {"UNINSTALL\tbad\t0", "ERROR\t3Operation canceled\r\n"},
-        {"UNINSTALL\ta\t0", "OK\r\n"},
+        {"UNINSTALL\ta\t0", "OK\r\n"}, // leaves it stopped
         {"CLUSTERINFO\tCaf\xE9", s_szUnknown},
         {"STOP\ta", "ERROR\t8\r\n"},
         {"", "ERROR\t8\r\n"},
         {"STATUS\tbu*", s_szUnknown},
         {"mode_utf8", "OK\r\n"},
-        {"STATUS\tCafé", "STATUS\tRUNNING\r\n"},
+        {"STATUS\tCafé", "STATUS\tSTOPPED\r\n"},
         {"STATUS\tCaf\xE9", s_szUnknown},
     };
     for (const char* pszAddress : {"127.0.0.1", "::1"}) {
+        m_pclTool->Write("state", "active\n");
         const auto pclTool = pclOpen(pszAddress);
         for (const auto& [pszSent, pszReply] : tCases) {
             EXPECT_EQ(pclTool->csAsk(pszSent), pszReply) << pszSent;
@@ -297,7 +300,10 @@ TEST_F(Server, AStopEndsIdleConversationsAndLetsABusyOneReply)
 {
     const auto pclIdle = pclOpen();
     const auto pclBusy = pclOpen();
+    m_pclTool->Write("slow", "0.1");
     EXPECT_TRUE(pclBusy->bSend("STATUS\ta\r\n"));
+    ASSERT_TRUE(
+        bWaitUntil([&] { return m_pclTool->csTakeJournal().find("Type show") != std::string::npos; }, 5000));
     m_pclManager->Stop();
     m_clMainLoop.join();
     EXPECT_TRUE(CDialog::s_bEndAll(5000));

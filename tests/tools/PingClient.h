@@ -17,10 +17,16 @@ public:
     /// sent.
     bool Ask(const std::string& csAddress, unsigned short wPort, std::string_view csQuestion)
     {
-        const sockaddr_in6 st = stAddress(csAddress.c_str(), wPort);
-        m_clSocket = CDescripteur(::socket(st.sin6_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        const int nFamily = stAddress(csAddress.c_str(), wPort).sin6_family;
+        m_clSocket = CDescripteur(::socket(nFamily, SOCK_DGRAM | SOCK_CLOEXEC, 0));
         const int nOne = 1;
         ::setsockopt(m_clSocket.nFd(), SOL_SOCKET, SO_BROADCAST, &nOne, sizeof nOne);
+        return AskAgain(csAddress, wPort, csQuestion);
+    }
+    /// The same from the same socket as before.
+    bool AskAgain(const std::string& csAddress, unsigned short wPort, std::string_view csQuestion) const
+    {
+        const sockaddr_in6 st = stAddress(csAddress.c_str(), wPort);
         return ::sendto(m_clSocket.nFd(), csQuestion.data(), csQuestion.size(), 0,
                         reinterpret_cast<const sockaddr*>(&st),
                         sizeof st) == static_cast<ssize_t>(csQuestion.size());

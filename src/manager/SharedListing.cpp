@@ -1,0 +1,56 @@
+#include "manager/SharedListing.h"
+
+#include <cerrno>
+#include <system_error>
+
+std::wstring CSharedListing::xcsGet(const std::function<std::wstring()>& fnMake)
+{
+    for (;;) {
+        bool bMaker = false;
+        const CRound pRound = __pJoin(&bMaker);
+        if (bMaker) {
+            try {
+                pRound->csText = fnMake();
+            } catch (...) {
+                __Conclude(pRound, CStopping::bAsked() ? EState::LEFT : EState::FAILED);
+                throw;
+            }
+            __Conclude(pRound, EState::MADE);
+        }
+        if (pRound->eState == EState::MADE) {
+            return pRound->csText;
+        }
+        if (pRound->eState == EState::FAILED) {
+            throw std::system_error(EAGAIN, std::generic_category());
+        }
+    }
+}
+
+CSharedListing::CRound CSharedListing::__pJoin(bool* pbMaker)
+{
+    auto clLock = m_clWait.clLock();
+    if (m_pNext == nullptr) {
+        m_pNext = std::make_shared<STRound>();
+    }
+    const CRound pRound = m_pNext;
+    const auto bMine = [&] { return pRound->eState == EState::WAITING && pRound == m_pNext && !m_bMaking; };
+    if (!m_clWait.bWait(
+            clLock, [&] { return pRound->eState != EState::WAITING || bMine(); },
+            [] { return !CStopping::bMayGoOn(); })) {
+        CStopping::xThrowStopped();
+    }
+    *pbMaker = bMine();
+    if (*pbMaker) {
+        m_bMaking = true;
+        m_pNext = nullptr; // whoever comes from now on gets the next one
+    }
+    return pRound;
+}
+
+void CSharedListing::__Conclude(const CRound& pRound, EState eState)
+{
+    const auto clLock = m_clWait.clLock();
+    pRound->eState = eState;
+    m_bMaking = false;
+    m_clWait.NotifyAll();
+}
