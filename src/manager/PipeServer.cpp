@@ -115,6 +115,7 @@ CPipeServer::~CPipeServer()
 bool CPipeServer::bStart()
 {
     __StopThread();
+    m_clWorkers.Begin();
     m_csName = _vpszGetServerPipeName();
     m_clFifo = clCreateFifo(m_csName.c_str());
     return m_clFifo.bOpen() && __bStartThread();
@@ -124,6 +125,7 @@ bool CPipeServer::bStop()
 {
     // In this order: the number of a closed descriptor may at once be another file's, under a thread that
     // reads.
+    m_clWorkers.Stop();
     __StopThread();
     if (m_clFifo.bOpen()) {
         __RemoveFifo();
@@ -161,8 +163,9 @@ void CPipeServer::_Run()
     for (;;) {
         stSEND stSend;
         if (__bReadRequest(&stSend)) {
-            __Handle(stSend);
+            __Give(stSend);
         }
+        m_clWorkers.WaitFree();
     }
 }
 
@@ -185,6 +188,19 @@ bool CPipeServer::__bReadRequest(stSEND* pstSend) const
         ::usleep(s_nPauseMicroseconds);
     }
     return nRead == sizeof *pstSend; // less is half a request: its other half would be read as nonsense too
+}
+
+/// Beside this thread, so that a server that hangs at its start holds up no other registration; in it when
+/// there is no thread for that.
+void CPipeServer::__Give(const stSEND& stSend)
+{
+    try {
+        if (m_clWorkers.bRun([this, stSend] { __Handle(stSend); })) {
+            return;
+        }
+    } catch (const std::exception&) { // out of memory
+    }
+    __Handle(stSend);
 }
 
 void CPipeServer::__Handle(const stSEND& stSend)

@@ -2,12 +2,14 @@
 
 #include "manager/PipeRecords.h"
 #include "support/Descripteur.h"
+#include "support/WorkerPool.h"
 
 #include <pthread.h>
 #include <string>
 
-/// The local pipe: a FIFO with a reading thread that handles one request record after the other. The derived
-/// class gives the name and the meaning. Started and stopped by its owner's thread.
+/// The local pipe: a FIFO with a reading thread that takes one request record after the other and has up to a
+/// number of them handled at once, each on a thread of its own, begun in their order. The derived class gives
+/// the name and the meaning. Started and stopped by its owner's thread.
 ///
 /// The thread is ended by cancellation, which it accepts only while it waits for a request. The FIFO's file
 /// exists while the server is started. When somebody else removes it meanwhile, requests no longer arrive
@@ -16,6 +18,9 @@
 class CPipeServer
 {
 public:
+    /// Requests handled at once; further ones stay in the FIFO.
+    static constexpr int s_nMaxRequests = 16;
+
     CPipeServer() = default;
     CPipeServer(const CPipeServer&) = delete;
     CPipeServer& operator=(const CPipeServer&) = delete;
@@ -26,13 +31,13 @@ public:
     /// a FIFO of ours (or root's) that nobody else can write, and otherwise replaced; false (with errno) when
     /// that cannot be done.
     bool bStart();
-    /// Ends the thread (a request in progress is finished first), closes and removes the FIFO. Always true.
+    /// Ends the thread (requests in progress are finished first), closes and removes the FIFO. Always true.
     bool bStop();
 
 protected:
     /// The thread's loop; never returns.
     virtual void _Run();
-    /// Handles one request. The reply is all NUL at the call.
+    /// Handles one request; several threads at once. The reply is all NUL at the call.
     virtual void _ProcessMessage(const stSEND* pstSend, stRET* pstReturn) = 0;
     virtual const char* _vpszGetServerPipeName() const = 0;
 
@@ -41,11 +46,13 @@ private:
     bool __bStartThread();
     void __StopThread();
     bool __bReadRequest(stSEND* pstSend) const;
+    void __Give(const stSEND& stSend);
     void __Handle(const stSEND& stSend);
     void __RemoveFifo();
 
     std::string m_csName;  ///< of the FIFO that is or was open
     CDescripteur m_clFifo; ///< open for reading and writing: it never loses its last writer, so reads block
+    CWorkerPool m_clWorkers{s_nMaxRequests};
     pthread_t m_hThread{};
     bool m_bThread = false;
 };

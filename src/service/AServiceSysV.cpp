@@ -3,6 +3,7 @@
 #include "service/AServiceUnix.h"
 #include "service/InitScript.h"
 #include "service/LanceProcessus.h"
+#include "service/StrayProcesses.h"
 #include "service/SysVFamily.h"
 #include "support/Conversion.h"
 #include "support/DiskFile.h"
@@ -99,7 +100,8 @@ bool CService::__bRemoveSysV()
         errno = ENOENT;
         return false;
     }
-    return __bStopForRemoval() && pstFamily->pfnRemove(*pstFamily, m_csName);
+    return __bStopForRemoval() && bEndStrayProcesses(csGetExecutable(), m_csName) &&
+           pstFamily->pfnRemove(*pstFamily, m_csName);
 }
 
 bool CService::bReadScript()

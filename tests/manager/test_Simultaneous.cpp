@@ -45,7 +45,7 @@ int nCount(const std::string& csText, const std::string& csPart)
     return nFound;
 }
 
-class AtOnce : public CSystemdTest
+class Simultaneous : public CSystemdTest
 {
 protected:
     void Start(const std::string& csTool)
@@ -90,7 +90,7 @@ protected:
 };
 } // namespace
 
-TEST_F(AtOnce, TwoHundredListsAndThreeHundredQuestionsNeedAFewListingsOnly)
+TEST_F(Simultaneous, TwoHundredListsAndThreeHundredQuestionsNeedAFewListingsOnly)
 {
     Start(s_szSlow);
     std::vector<std::unique_ptr<CWireClient>> tTools(200);
@@ -117,7 +117,7 @@ TEST_F(AtOnce, TwoHundredListsAndThreeHundredQuestionsNeedAFewListingsOnly)
     EXPECT_LE(nCount(m_pclTool->csTakeJournal(), "list-units"), 3);
 }
 
-TEST_F(AtOnce, AnAskerWithTheSameQuestionTwiceIsAnsweredOnce)
+TEST_F(Simultaneous, AnAskerWithTheSameQuestionTwiceIsAnsweredOnce)
 {
     Start(s_szSlow);
     m_pclTool->Write("slow", "0.2");
@@ -136,7 +136,7 @@ TEST_F(AtOnce, AnAskerWithTheSameQuestionTwiceIsAnsweredOnce)
     EXPECT_EQ(clAsker.csAnswer(1000), "<nothing in time>");
 }
 
-TEST_F(AtOnce, AServerThatHangsAtItsStartHoldsUpNoOtherRestart)
+TEST_F(Simultaneous, AServerThatHangsAtItsStartHoldsUpNoOtherRestart)
 {
     // Twelve failed servers; the starts of the first six hang until the file "go" is there.
     CFakeTool clTool("/bin/systemctl", R"sh(for LAST; do :; done
@@ -173,7 +173,7 @@ esac)sh");
     clMonitor.Stop();
 }
 
-TEST_F(AtOnce, AStopEndsInTimeWhateverItMeetsAndAnswersWhatCanBeAnswered)
+TEST_F(Simultaneous, AStopEndsInTimeWhateverItMeetsAndAnswersWhatCanBeAnswered)
 {
     const auto fnAsk = [](const char* pszLine) {
         return std::function<std::string()>([pszLine] {

@@ -1,0 +1,70 @@
+#include "support/WorkerPool.h"
+
+#include "support/WorkerThread.h"
+
+void CWorkerPool::Begin()
+{
+    const auto clLock = m_clWait.clLock();
+    m_bStopped = false;
+}
+
+bool CWorkerPool::bRun(std::function<void()> fnWork)
+{
+    const auto clLock = m_clWait.clLock();
+    if (m_bStopped) {
+        return false;
+    }
+    m_tWaiting.push_back(std::move(fnWork));
+
+    pthread_t hThread{};
+    if (m_nWorkers < m_nMaxWorkers &&
+        nCreateWorker(&hThread, PTHREAD_CREATE_DETACHED, s_pThread, this) == 0) {
+        ++m_nWorkers; // the thread waits for the lock until then
+    }
+    if (m_nWorkers == 0) {
+        m_tWaiting.pop_back();
+        return false;
+    }
+    return true;
+}
+
+void CWorkerPool::WaitFree()
+{
+    auto clLock = m_clWait.clLock();
+    const auto bFree = [this] { return m_nWorkers < m_nMaxWorkers; };
+    (void)m_clWait.bWait(clLock, bFree, [this] { return m_bStopped || CStopping::bAsked(); });
+}
+
+void CWorkerPool::Stop()
+{
+    auto clLock = m_clWait.clLock();
+    m_bStopped = true;
+    m_tWaiting.clear();
+    m_clWait.NotifyAll();
+    (void)m_clWait.bWait(
+        clLock, [this] { return m_nWorkers == 0; }, [] { return false; });
+}
+
+void* CWorkerPool::s_pThread(void* pPool)
+{
+    static_cast<CWorkerPool*>(pPool)->__Run();
+    return nullptr;
+}
+
+void CWorkerPool::__Run()
+{
+    auto clLock = m_clWait.clLock();
+    while (!m_tWaiting.empty()) {
+        std::function<void()> fnWork = std::move(m_tWaiting.front());
+        m_tWaiting.pop_front();
+        clLock.unlock();
+        try {
+            fnWork();
+        } catch (...) { // out of memory, or the stop
+        }
+        fnWork = nullptr; // what it holds goes without the lock
+        clLock.lock();
+    }
+    --m_nWorkers;
+    m_clWait.NotifyAll(); // with the lock held: whoever waits may destroy the object at once
+}
