@@ -8,9 +8,8 @@
 #include <array>
 #include <cerrno>
 #include <netinet/in.h>
-#include <set>
 #include <sys/uio.h>
-#include <vector>
+#include <utility>
 
 namespace {
 using namespace std::string_view_literals;
@@ -18,29 +17,21 @@ constexpr std::string_view s_csSystemQuestion = "ARE YOU A DEXARO SERVER SETUP?\
 constexpr std::string_view s_csUTF8Question = "ARE YOU A DEXARO MANAGER UTF-8?\r\n\0"sv;
 /// Bytes received of a datagram: more than any question, so that a longer one shows as such.
 constexpr std::size_t s_nMaxQuestion = 37;
-/// Datagrams taken for one list.
-constexpr int s_nMaxTaken = 1000;
+/// Askers that wait for one list.
+constexpr std::size_t s_nMaxWaiting = 1000;
 /// Pause after a failure of the network, so that a lasting one does not burn a processor.
 constexpr unsigned int s_dwPauseMs = 50;
 
-/// One datagram received, with all that is needed to answer it from the address that it was sent to.
-struct STDatagram
-{
-    std::array<char, s_nMaxQuestion> tText;
-    sockaddr_storage stSender;
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(in6_pktinfo))> tAsked;
-};
-
 /// Room for a datagram, its sender and the address that it was sent to. Both arguments must outlive it.
-msghdr stMessage(STDatagram* pstDatagram, iovec* pstText)
+msghdr stMessage(STPingQuestion* pstQuestion, iovec* pstText)
 {
     msghdr st{};
-    st.msg_name = &pstDatagram->stSender;
-    st.msg_namelen = sizeof pstDatagram->stSender;
+    st.msg_name = &pstQuestion->stSender;
+    st.msg_namelen = sizeof pstQuestion->stSender;
     st.msg_iov = pstText;
     st.msg_iovlen = 1;
-    st.msg_control = pstDatagram->tAsked.data();
-    st.msg_controllen = pstDatagram->tAsked.size();
+    st.msg_control = pstQuestion->tAsked.data();
+    st.msg_controllen = pstQuestion->tAsked.size();
     return st;
 }
 
@@ -85,19 +76,9 @@ std::string csAnswer(EPingForm eForm, const std::wstring& csServers)
         csFittingServers(csBytes, g_nMaxDatagram - std::min(csResult.size(), g_nMaxDatagram)));
 }
 
-/// A question that has been received and is to be answered.
-struct STQuestion
+void Answer(STPingQuestion* pstQuestion, std::string_view csText)
 {
-    int nSocket;
-    EPingForm eForm;
-    STDatagram stDatagram;
-    socklen_t nSender;  ///< bytes of the sender's address
-    std::size_t nAsked; ///< bytes of the control message; 0: none
-};
-
-void Answer(STQuestion* pstQuestion, std::string_view csText)
-{
-    msghdr stTo = stMessage(&pstQuestion->stDatagram, nullptr);
+    msghdr stTo = stMessage(pstQuestion, nullptr);
     stTo.msg_namelen = pstQuestion->nSender;
     stTo.msg_controllen = pstQuestion->nAsked;
     if (stTo.msg_controllen == 0) {
@@ -105,6 +86,17 @@ void Answer(STQuestion* pstQuestion, std::string_view csText)
     }
     Send(pstQuestion->nSocket, stTo, csText);
     Send(pstQuestion->nSocket, stTo, "\r\n");
+}
+
+void AnswerAll(std::map<std::string, STPingQuestion>* ptQuestions)
+{
+    CTString csServers;
+    gpclSetupManager->AddServeurList(&csServers);
+    const std::string csSystem = csAnswer(EPingForm::SYSTEM, csServers);
+    const std::string csUTF8 = csAnswer(EPingForm::UTF8, csServers);
+    for (auto& [csAsker, stQuestion] : *ptQuestions) {
+        Answer(&stQuestion, stQuestion.eForm == EPingForm::UTF8 ? csUTF8 : csSystem);
+    }
 }
 
 /// Has the system tell with each datagram which address it was sent to.
@@ -119,7 +111,8 @@ void AskForAddresses(const STSocket& stSocket)
     }
 }
 
-/// Makes room for as many datagrams as are taken at once: more would only be answered late. The kernel
+/// Makes room for as many datagrams as may be answered together, should the thread not come to read them. The
+/// kernel
 /// doubles the number and counts about 768 bytes for a short datagram. Only root may pass the usual limit.
 void MakeRoom(const STSocket& stSocket)
 {
@@ -131,17 +124,17 @@ void MakeRoom(const STSocket& stSocket)
 
 /// Takes the next datagram that waits; false when there is none. It never waits: what has woken the thread
 /// may be dropped for its checksum.
-bool bReceive(int nSocket, STQuestion* pstQuestion)
+bool bReceive(int nSocket, STPingQuestion* pstQuestion)
 {
-    STDatagram& stDatagram = pstQuestion->stDatagram;
-    iovec stText{stDatagram.tText.data(), stDatagram.tText.size()};
-    msghdr stHeader = stMessage(&stDatagram, &stText);
+    std::array<char, s_nMaxQuestion> tText;
+    iovec stText{tText.data(), tText.size()};
+    msghdr stHeader = stMessage(pstQuestion, &stText);
     const ssize_t nReceived = nRetry([&] { return ::recvmsg(nSocket, &stHeader, MSG_DONTWAIT); });
     if (nReceived < 0) {
         return false;
     }
     pstQuestion->nSocket = nSocket;
-    pstQuestion->eForm = eReadPing({stDatagram.tText.data(), static_cast<std::size_t>(nReceived)});
+    pstQuestion->eForm = eReadPing({tText.data(), static_cast<std::size_t>(nReceived)});
     AnswerFromAsked(&stHeader);
     pstQuestion->nSender = stHeader.msg_namelen;
     pstQuestion->nAsked = stHeader.msg_controllen;
@@ -149,9 +142,9 @@ bool bReceive(int nSocket, STQuestion* pstQuestion)
 }
 
 /// Tells an asker with a form from every other.
-std::string csAsker(const STQuestion& stQuestion)
+std::string csAsker(const STPingQuestion& stQuestion)
 {
-    std::string csKey(reinterpret_cast<const char*>(&stQuestion.stDatagram.stSender), stQuestion.nSender);
+    std::string csKey(reinterpret_cast<const char*>(&stQuestion.stSender), stQuestion.nSender);
     return csKey += stQuestion.eForm == EPingForm::UTF8 ? 'U' : 'S';
 }
 } // namespace
@@ -201,6 +194,7 @@ bool CPingEcho::bInit(std::uint16_t wPort)
 
 bool CPingEcho::bStart()
 {
+    m_clAnswers.Begin();
     return m_clThread.xbStart(_PingThreadRoutine, this, &g_stMyModule, USER_ERROR_THREAD, 1, 0);
 }
 
@@ -210,6 +204,7 @@ void CPingEcho::Stop()
     // Wakes the wait, though the system calls it an error for a socket without connection.
     Shutdown(SHUT_RDWR);
     m_clThread.Stop(1);
+    m_clAnswers.Stop();
     Close();
 }
 
@@ -228,7 +223,7 @@ void CPingEcho::_Run()
     while (!m_clThread.bMustStop()) {
         try {
             if (WaitReadable(nullptr) >= 0) {
-                __Serve();
+                __Receive();
                 continue;
             }
             if (errno == EINTR) { // the end of a child is no reason to pause
@@ -240,36 +235,60 @@ void CPingEcho::_Run()
     }
 }
 
-/// Takes all that waits before the list is made: one list answers everybody, and who has asked while it was
-/// being made for others is answered with the next one.
-void CPingEcho::__Serve()
+/// Reads all that waits; who asks while a list is being made for others is answered with the next one.
+void CPingEcho::__Receive()
 {
-    std::vector<STQuestion> tQuestions;
-    std::set<std::string> tAskers;
-    int nTaken = 0;
-    int nError = 0;
+    bool bAny = false;
     for (const STSocket& stSocket : tGetSockets()) {
-        STQuestion stQuestion;
-        while (nTaken < s_nMaxTaken && bReceive(stSocket.nSocket, &stQuestion)) {
-            ++nTaken;
-            if (stQuestion.eForm != EPingForm::NONE && tAskers.insert(csAsker(stQuestion)).second) {
-                tQuestions.push_back(stQuestion);
+        STPingQuestion stQuestion;
+        while (!m_clThread.bMustStop() && bReceive(stSocket.nSocket, &stQuestion)) {
+            bAny = true;
+            if (stQuestion.eForm != EPingForm::NONE) {
+                __Note(stQuestion);
             }
         }
-        nError = nTaken < s_nMaxTaken && errno != EAGAIN ? errno : nError;
     }
-    if (nTaken == 0 && nError != 0) {
+    if (!bAny && errno != EAGAIN) {
         m_clThread.SleepOrStop(s_dwPauseMs);
     }
-    if (tQuestions.empty() || m_clThread.bMustStop()) { // a shutdown can look like an empty question
-        return;
-    }
+}
 
-    CTString csServers;
-    gpclSetupManager->AddServeurList(&csServers);
-    const std::string csSystem = csAnswer(EPingForm::SYSTEM, csServers);
-    const std::string csUTF8 = csAnswer(EPingForm::UTF8, csServers);
-    for (STQuestion& stQuestion : tQuestions) {
-        Answer(&stQuestion, stQuestion.eForm == EPingForm::UTF8 ? csUTF8 : csSystem);
+void CPingEcho::__Note(const STPingQuestion& stQuestion)
+{
+    {
+        const std::lock_guard<std::mutex> clGuard(m_clLock);
+        if (m_tWaiting.size() >= s_nMaxWaiting ||
+            !m_tWaiting.emplace(csAsker(stQuestion), stQuestion).second ||
+            std::exchange(m_bAnswering, true)) {
+            return;
+        }
+    }
+    bool bGiven = false;
+    try {
+        bGiven = m_clAnswers.bRun([this] { __Answer(); });
+    } catch (...) { // out of memory
+    }
+    if (!bGiven) {
+        __Answer();
+    }
+}
+
+/// Until nobody waits: one list for all who do, then one for those who have come meanwhile.
+void CPingEcho::__Answer()
+{
+    for (;;) {
+        std::map<std::string, STPingQuestion> tQuestions;
+        {
+            const std::lock_guard<std::mutex> clGuard(m_clLock);
+            tQuestions.swap(m_tWaiting);
+            m_bAnswering = !tQuestions.empty() && !m_clThread.bMustStop();
+            if (!m_bAnswering) { // a shutdown can look like an empty question
+                return;
+            }
+        }
+        try {
+            AnswerAll(&tQuestions);
+        } catch (...) { // out of memory, the stop, or a list that cannot be made: costs these answers
+        }
     }
 }

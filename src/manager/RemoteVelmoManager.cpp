@@ -52,11 +52,19 @@ std::unique_ptr<CService> CRemoteVelmoManager::__pclFind(CDialog& clDialog, CSer
         if (pclHold != nullptr) { // before the look: until then somebody may be removing it
             pclHold->Release();
             *pclHold = m_pclManager->clGetLocks().clTake(CServiceManager::csRegisteredName(csService));
+            if (!pclHold->bTaken()) {
+                return std::unique_ptr<CService>();
+            }
         }
         return pclLookup(m_pclManager, csService);
     };
 
     std::unique_ptr<CService> pclService = pclFind(g_szServerPrefix + csName);
+    if (pclHold != nullptr && !pclHold->bTaken()) { // the stop of the manager came first
+        errno = ECANCELED;
+        Refuse(clDialog, ERREUR_START);
+        return nullptr;
+    }
     if (pclService == nullptr && csName == g_szDefaultServer) {
         pclService = pclFind(g_szDefaultServer);
     }

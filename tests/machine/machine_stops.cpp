@@ -1,0 +1,215 @@
+// The manager as a service of a real systemd, whose systemctl is slow: stops in the middle of everything, and
+// more questions than can be answered one by one.
+
+#include "tools/Address.h"
+#include "tools/Command.h"
+#include "tools/Machine.h"
+#include "tools/PingClient.h"
+#include "tools/PipeClient.h"
+#include "tools/Wait.h"
+#include "tools/WireClient.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <future>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <iostream>
+#include <map>
+#include <thread>
+
+namespace {
+using CClock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+using ::testing::HasSubstr;
+
+constexpr char s_szFifo[] = "/tmp/__pipe_velmomanager__";
+constexpr char s_szPidFile[] = "/run/VelmoManager.pid";
+
+bool bLong()
+{
+    return std::getenv("VELMO_LONG") != nullptr;
+}
+
+long nMsSince(CClock::time_point clStart)
+{
+    return (CClock::now() - clStart) / 1ms;
+}
+
+/// Seconds that every systemctl of the manager takes from now on; the calls are noted in /run/calls.
+void SetSlow(const char* pszSeconds)
+{
+    std::ofstream("/run/calls");
+    std::ofstream("/run/slow") << pszSeconds << "\n";
+}
+
+int nCalls(const std::string& csWhat)
+{
+    return std::atoi(stRun("grep -ce '" + csWhat + "' /run/calls").csOutput.c_str());
+}
+
+std::string csAsk(const std::string& csLine)
+{
+    CWireClient clTool("127.0.0.1", 4999);
+    (void)clTool.csLine();
+    std::string csReply = clTool.csAsk(csLine, 70s);
+    clTool.Reset(); // no connection stays behind that holds the port of the next manager
+    return csReply;
+}
+
+class SlowTools : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        stRun("mv /bin/systemctl /bin/systemctl.real");
+        std::ofstream("/bin/systemctl") << "#!/bin/sh\necho \"$*\" >>/run/calls\n"
+                                           "[ $(cat /run/slow) = 0 ] || sleep $(cat /run/slow)\n"
+                                           "exec /bin/systemctl.real \"$@\"\n";
+        stRun("chmod 755 /bin/systemctl");
+        SetSlow("0");
+    }
+    void TearDown() override
+    {
+        stRun("mv /bin/systemctl.real /bin/systemctl; systemctl stop VelmoManager; rm -r "
+              "/etc/systemd/system/VelmoManager.service.d");
+        RemoveServices();
+    }
+    static void Install(int nServers, const std::string& csSettings)
+    {
+        for (int n = 1; n <= nServers; ++n) {
+            AddServer("s" + std::to_string(n), "DXCS-s" + std::to_string(n), 4900 + n, "");
+        }
+        // The limit on starts is not what is tried here.
+        std::filesystem::create_directories("/etc/systemd/system/VelmoManager.service.d");
+        std::ofstream("/etc/systemd/system/VelmoManager.service.d/x.conf")
+            << "[Unit]\nStartLimitIntervalSec=0\n";
+        stRun("systemctl.real daemon-reload; cd /lib/systemd/system; systemctl.real start DXCS-s*");
+        PutManager("manager", csSettings);
+        ASSERT_EQ(stRun("/opt/velmo/manager/VelmoManager").nStatus, 0);
+    }
+};
+
+using Stops = SlowTools;
+using Floods = SlowTools;
+} // namespace
+
+TEST_F(Stops, EndInTimeAndLeaveNothingWhateverTheyMeet)
+{
+    Install(2, "CheckPeriod=1\n");
+    AddServer("fails", "DXCS-fails", 4990, "FailAtStart=1\n");
+    PutServer("new", 4991, "", "new");
+    stRun("systemctl.real daemon-reload; systemctl.real start DXCS-fails");
+    const struct
+    {
+        const char* pszWhat;
+        std::function<std::string()> fnAsk;
+        const char* pszCall;  ///< in which the stop comes
+        bool bAlwaysAnswered; ///< with quick tools, and alone
+    } tKinds[] = {
+        {"INFO", [] { return csAsk("INFO"); }, "list-units", true},
+        {"discovery",
+         [] {
+             CPingClient clAsker;
+             (void)clAsker.Ask("127.0.0.1", 4999, "");
+             return clAsker.csAnswer(100);
+         },
+         "list-units", false},
+        {"registration", [] { return stRun("timeout 3 /opt/velmo/new/dxdemo --REGISTER").csOutput; },
+         "list-units", false},
+        {"START", [] { return csAsk("START\ts1"); }, "DXCS-s1", true},
+        {"monitor pass", [] { return std::string(); }, "list-units", false},
+    };
+    const int nTimes = bLong() ? 50 : 1;
+    std::cout << "| stop during | tools of | at once | stops | slowest, ms | answered |\n";
+    for (const auto& stKind : tKinds) {
+        for (const char* pszSlow : {"0.06", "0.5", "60"}) {
+            for (const int nAtOnce : {1, 10}) {
+                long nSlowestMs = 0;
+                int nAnswered = 0;
+                for (int nTime = 0; nTime < nTimes; ++nTime) {
+                    SCOPED_TRACE(std::string(stKind.pszWhat) + " " + pszSlow);
+                    SetSlow("0");
+                    ASSERT_EQ(stRun("systemctl.real start VelmoManager").nStatus, 0);
+                    ASSERT_TRUE(bWaitUntil([] { return bWritePipe(s_szFifo, ""); }, 5000));
+                    SetSlow(pszSlow);
+                    std::vector<std::future<std::string>> tAnswers;
+                    for (int n = 0; n < nAtOnce; ++n) {
+                        tAnswers.push_back(std::async(std::launch::async, stKind.fnAsk));
+                    }
+                    EXPECT_TRUE(bWaitUntil([&] { return nCalls(stKind.pszCall) > 0; }, 5000));
+                    std::this_thread::sleep_for(std::chrono::milliseconds(nTime * 7 % 40));
+
+                    const auto clBegin = CClock::now();
+                    EXPECT_EQ(stRun("systemctl.real stop VelmoManager").nStatus, 0);
+                    nSlowestMs = std::max(nSlowestMs, nMsSince(clBegin));
+                    EXPECT_LT(nMsSince(clBegin), 2000);
+                    EXPECT_FALSE(std::filesystem::exists(s_szFifo) || std::filesystem::exists(s_szPidFile));
+                    EXPECT_EQ(stRun("systemctl.real show --value -p Result VelmoManager").csOutput,
+                              "success\n");
+                    for (auto& clAnswer : tAnswers) {
+                        const std::string csAnswer = clAnswer.get();
+                        const bool bRight =
+                            csAnswer == "OK\r\n" || csAnswer.find("\ts1\t4901\ts2\t") != std::string::npos;
+                        nAnswered += bRight ? 1 : 0;
+                        EXPECT_TRUE(bRight || csAnswer.empty() || csAnswer.front() == '<' ||
+                                    csAnswer.find("Operation canceled") != std::string::npos ||
+                                    csAnswer.find("anager") != std::string::npos)
+                            << csAnswer;
+                        EXPECT_TRUE(bRight || !stKind.bAlwaysAnswered || nAtOnce > 1 ||
+                                    pszSlow != std::string("0.06"))
+                            << csAnswer;
+                    }
+                }
+                std::cout << "| " << stKind.pszWhat << " | " << pszSlow << " s | " << nAtOnce << " | "
+                          << nTimes << " | " << nSlowestMs << " | " << nAnswered << " |\n";
+            }
+        }
+    }
+}
+
+TEST_F(Floods, ManyListsAtOnceNeedThreeListingsAndAFloodOfDatagramsDelaysNoAnswer)
+{
+    Install(20, "RestartOnFailed=0\n");
+    std::vector<CWireClient> tTools(200);
+    for (CWireClient& clTool : tTools) {
+        ASSERT_TRUE(clTool.bConnect("127.0.0.1", 4999));
+        ASSERT_THAT(clTool.csLine(), HasSubstr("HELLO"));
+    }
+    SetSlow("0.5");
+    for (CWireClient& clTool : tTools) {
+        ASSERT_TRUE(clTool.bSend("INFO\r\n"));
+    }
+    for (CWireClient& clTool : tTools) {
+        EXPECT_THAT(clTool.csLine(60s), HasSubstr("\ts20\t4920"));
+        clTool.Reset();
+    }
+    EXPECT_LE(nCalls("list-units"), 3);
+    std::cout << "FIGURE 200 INFO at once, 20 servers, tools of 0.5 s: " << nCalls("list-units")
+              << " listings\n";
+    SetSlow("0");
+
+    // Questions as fast as one thread can send them, at most 10^5 a second.
+    const auto clSeconds = bLong() ? 10s : 2s;
+    const auto clBegin = CClock::now();
+    long nSent = 0;
+    CPingClient clFlooder;
+    ASSERT_TRUE(clFlooder.Ask("127.0.0.1", 4999, "ARE YOU"));
+    for (; CClock::now() - clBegin < clSeconds; ++nSent) {
+        if (nSent > 100 * nMsSince(clBegin)) {
+            std::this_thread::sleep_for(1ms);
+        }
+        (void)clFlooder.AskAgain("127.0.0.1", 4999, nSent % 2 == 0 ? "ARE YOU" : "no question");
+    }
+    const auto clAsked = CClock::now();
+    CPingClient clAsker;
+    ASSERT_TRUE(clAsker.Ask("127.0.0.1", 4999, ""));
+    EXPECT_THAT(clAsker.csAnswer(), HasSubstr("\ts20\t4920"));
+    EXPECT_LT(nMsSince(clAsked), 2000);
+    std::cout << "FIGURE " << nSent << " datagrams in " << clSeconds.count()
+              << " s, 20 servers; the next question answered after " << nMsSince(clAsked) << " ms\n";
+}
