@@ -56,14 +56,29 @@ void CSetupManager::RegisterServer(const std::wstring& csName, const std::wstrin
                                    std::uint16_t wPort, CTString* pcsError)
 {
     CServiceLocks::CHold clHold;
-    const auto pclService = __pclMakeService({csName, csBinaryPath, wPort}, &clHold, pcsError);
-    if (pclService != nullptr) {
-        __StartServer(*pclService, clHold, pcsError);
+    bool bInstalled = false;
+    const auto pclService = __pclMakeService({csName, csBinaryPath, wPort}, &clHold, &bInstalled, pcsError);
+    if (pclService == nullptr) {
+        return;
     }
+
+    // errno is that of whichever step failed; the client gets the system's text for it.
+    if (pclService->eGetStatus() == STATUS_RUNNING || clHold.bStart(*pclService)) {
+        return;
+    }
+    *pcsError = csSystemMessage(errno);
+    if (bInstalled && CStopping::bAsked()) { // after a stop nothing is started
+        pclService->AddMissingStep(L"start");
+        *pcsError = L"The registration of \"" + csName +
+                    L"\" was cut short by the stop of the manager. Not done: " +
+                    pclService->csMissingSteps() + L". Register the server again.";
+    }
+    _LogText(*pcsError);
 }
 
 std::unique_ptr<CService> CSetupManager::__pclMakeService(const STRegistration& stServer,
-                                                          CServiceLocks::CHold* pclHold, CTString* pcsError)
+                                                          CServiceLocks::CHold* pclHold, bool* pbInstalled,
+                                                          CTString* pcsError)
 {
     std::set<std::wstring> tNames{csLockName(g_szServerPrefix + stServer.csName)};
     for (;;) {
@@ -90,28 +105,13 @@ std::unique_ptr<CService> CSetupManager::__pclMakeService(const STRegistration& 
         }
         if (stFound.pclService == nullptr) {
             stFound.pclService = __pclInstallServer(clGuard, stServer);
+            *pbInstalled = stFound.pclService != nullptr;
         }
         if (stFound.pclService == nullptr) {
             *pcsError = csSystemMessage(errno);
             _LogText(*pcsError);
         }
         return std::move(stFound.pclService);
-    }
-}
-
-void CSetupManager::__StartServer(CService& clService, CServiceLocks::CHold& clHold, CTString* pcsError)
-{
-    // After a stop nothing is started; an installation that it has cut short is completed by hand.
-    if (CStopping::bAsked() && !clService.csMissingSteps().empty()) {
-        *pcsError = L"The registration of \"" + csShortName(clService) +
-                    L"\" was cut short by the stop of the manager. Not done: " + clService.csMissingSteps() +
-                    L", start. Register the server again.";
-        return _LogText(*pcsError);
-    }
-    // errno is that of whichever step failed; the client gets the system's text for it.
-    if (clService.eGetStatus() != STATUS_RUNNING && !clHold.bStart(clService)) {
-        *pcsError = csSystemMessage(errno);
-        _LogText(*pcsError);
     }
 }
 

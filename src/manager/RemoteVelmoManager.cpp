@@ -78,7 +78,9 @@ void CRemoteVelmoManager::Start(CDialog& clDialog)
 {
     CServiceLocks::CHold clHold;
     if (const auto pclService = __pclFind(clDialog, &clHold)) {
-        Conclude(clDialog, clHold.bStart(*pclService), ERREUR_START);
+        const bool bStarted = clHold.bStart(*pclService);
+        clHold.Release(); // before the reply: a tool that does not read must hold nobody up
+        Conclude(clDialog, bStarted, ERREUR_START);
     }
 }
 
@@ -115,7 +117,7 @@ void CRemoteVelmoManager::UnInstall(CDialog& clDialog)
     const std::wstring csName = csNextArgument(clDialog);
     const bool bDeleteFiles = clDialog.dwGetUInt32() != 0;
     const std::wstring csService = g_szServerPrefix + csName;
-    const auto clHold =
+    auto clHold =
         m_pclManager->clGetLocks().clTakeToRemove(CServiceManager::csRegisteredName(csService), [&] {
             if (const auto pclStarting = pclLookup(m_pclManager, csService)) {
                 (void)pclStarting->bStop();
@@ -128,21 +130,26 @@ void CRemoteVelmoManager::UnInstall(CDialog& clDialog)
     }
     const std::unique_ptr<CService> pclService = pclLookup(m_pclManager, csService);
     if (pclService == nullptr) {
+        clHold.Release(); // before each reply: a tool that does not read must hold nobody up
         clDialog.ACK(ERREUR_UNINSTALL_INCONNU, 0u);
         return;
     }
     if (!pclService->bStop()) {
+        clHold.Release();
         Refuse(clDialog, ERREUR_STOP);
         return;
     }
     CXError clError;
     if (bDeleteFiles &&
         CDiskFile::bDeleteTree(CDiskFile::csDirectory(pclService->csGetExecutable()), &clError)) {
+        clHold.Release();
         // A completed deletion is told with error 12 and the service stays registered; intended.
         clDialog.ACK(ERREUR_UNINSTALL_FICHIERS, clError.csGetSystemMessage());
         return;
     }
-    Conclude(clDialog, pclService->bRemove(), ERREUR_UNINSTALL_SERVICE);
+    const bool bRemoved = pclService->bRemove();
+    clHold.Release();
+    Conclude(clDialog, bRemoved, ERREUR_UNINSTALL_SERVICE);
 }
 
 void CRemoteVelmoManager::ClusterInfo(CDialog& clDialog)

@@ -127,11 +127,10 @@ private:
     /// Finds or installs the server's service, with its names locked in the end. Null, and the text set, when
     /// there is none.
     std::unique_ptr<CService> __pclMakeService(const STRegistration& stServer, CServiceLocks::CHold* pclHold,
-                                               CTString* pcsError);
+                                               bool* pbInstalled, CTString* pcsError);
     /// Null with errno set when it cannot be installed.
     std::unique_ptr<CService> __pclInstallServer(const CServiceGuard& clGuard,
                                                  const STRegistration& stServer);
-    void __StartServer(CService& clService, CServiceLocks::CHold& clHold, CTString* pcsError);
 
     CServiceManager m_clServiceManager;
     CRemoteVelmoManager m_clRemote;

@@ -39,6 +39,7 @@ void CServiceLocks::CHold::Release()
     if (m_tNames.empty()) {
         return;
     }
+    const int nErrno = errno; // of what was done with the names
     const auto clLock = m_pclLocks->m_clWait.clLock();
     for (auto& [csName, pstName] : m_tNames) {
         pstName->bHeld = false;
@@ -46,6 +47,7 @@ void CServiceLocks::CHold::Release()
     }
     m_tNames.clear();
     m_pclLocks->m_clWait.NotifyAll();
+    errno = nErrno;
 }
 
 bool CServiceLocks::CHold::bStart(CService& clService)

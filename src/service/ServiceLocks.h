@@ -37,6 +37,7 @@ public:
         /// Starts a service whose name is among those taken. False (ECANCELED) also when a removal waits for
         /// the name, or came meanwhile.
         bool bStart(CService& clService);
+        /// Keeps errno.
         void Release();
 
     private:

@@ -4,6 +4,7 @@
 
 #include "tools/Command.h"
 #include "tools/Machine.h"
+#include "tools/PipeClient.h"
 #include "tools/Wait.h"
 #include "tools/WireClient.h"
 
@@ -125,7 +126,7 @@ protected:
         PutManager("manager", "CheckPeriod=1\n");
         m_pclManager = std::make_unique<CManagerProcess>("/opt/velmo/manager/VelmoManager");
         ASSERT_TRUE(m_pclManager->bAnswers());
-        ASSERT_TRUE(bWaitUntil([] { return std::filesystem::exists("/tmp/__pipe_velmomanager__"); }, 5000));
+        ASSERT_TRUE(bWaitUntil([] { return bWritePipe("/tmp/__pipe_velmomanager__", ""); }, 5000));
         for (const auto& [pszName, nPort] : {std::pair{"bystander", 4912}, {"hangs", 4913}}) {
             PutServer(pszName, nPort, "", pszName);
             ASSERT_EQ(csRegister(pszName), "");
