@@ -139,7 +139,6 @@ void CSetupManager::__StopMainLoop()
 void CSetupManager::__TermMainLoop()
 {
     CStopping::Ask();
-    CStopping::WakeWaiters();
     m_clServer.Stop();
     m_clPingEcho.Stop();
     if (m_pclRestart != nullptr) {

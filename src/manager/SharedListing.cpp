@@ -34,7 +34,7 @@ CSharedListing::CRound CSharedListing::__pJoin(bool* pbMaker)
     }
     const CRound pRound = m_pNext;
     const auto bMine = [&] { return pRound->eState == EState::WAITING && pRound == m_pNext && !m_bMaking; };
-    if (!m_clWait.bWait(
+    if (!CStopWait::bWait(
             clLock, [&] { return pRound->eState != EState::WAITING || bMine(); },
             [] { return !CStopping::bMayGoOn(); })) {
         CStopping::xThrowStopped();
@@ -52,5 +52,4 @@ void CSharedListing::__Conclude(const CRound& pRound, EState eState)
     const auto clLock = m_clWait.clLock();
     pRound->eState = eState;
     m_bMaking = false;
-    m_clWait.NotifyAll();
 }

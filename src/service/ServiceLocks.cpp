@@ -46,7 +46,6 @@ void CServiceLocks::CHold::Release()
         m_pclLocks->__Forget(csName, &pstName);
     }
     m_tNames.clear();
-    m_pclLocks->m_clWait.NotifyAll();
     errno = nErrno;
 }
 
@@ -96,7 +95,7 @@ bool CServiceLocks::__bTakeOne(const std::wstring& csName, CHold* pclHold)
 {
     auto clLock = m_clWait.clLock();
     auto pstName = __pstName(csName);
-    const bool bTaken = m_clWait.bWait(
+    const bool bTaken = CStopWait::bWait(
         clLock, [&] { return !pstName->bHeld && pstName->nRemovals == 0; }, CStopping::bAsked);
     if (!bTaken) {
         __Forget(csName, &pstName);
@@ -132,7 +131,7 @@ CServiceLocks::CHold CServiceLocks::clTakeToRemove(const std::wstring& csName,
     CClock::time_point clMet{};
     while (pstName->bHeld && !CStopping::bAsked()) {
         if (!pstName->bStarting) { // and no start begins any more
-            (void)m_clWait.bWait(
+            (void)CStopWait::bWait(
                 clLock, [&] { return !pstName->bHeld; }, CStopping::bAsked);
             continue;
         }
@@ -145,14 +144,13 @@ CServiceLocks::CHold CServiceLocks::clTakeToRemove(const std::wstring& csName,
         } catch (...) { // out of memory: sent again
         }
         clLock.lock();
-        m_clWait.WaitFor(clLock, s_clStopAgain, [&] { return !pstName->bHeld; });
+        CStopWait::WaitFor(clLock, s_clStopAgain, [&] { return !pstName->bHeld; });
     }
     --pstName->nRemovals;
 
     if (pstName->bHeld) { // the stop came first
         clHold.m_tNames.clear();
         __Forget(csName, &pstName);
-        m_clWait.NotifyAll();
         return {};
     }
     pstName->bHeld = true;
@@ -183,6 +181,5 @@ bool CServiceLocks::__bEndStart(STName& stName)
 {
     const auto clLock = m_clWait.clLock();
     stName.bStarting = false;
-    m_clWait.NotifyAll();
     return !stName.bInterrupted;
 }

@@ -4,7 +4,7 @@ void CStoppableLock::lock()
 {
     auto clLock = m_clWait.clLock();
     const auto pMine = m_tWaiting.insert(++m_nLastNumber).first;
-    const bool bTaken = m_clWait.bWait(
+    const bool bTaken = CStopWait::bWait(
         clLock, [&] { return !m_bHeld && pMine == m_tWaiting.begin(); }, CStopping::bAsked);
     m_tWaiting.erase(pMine);
     if (!bTaken) {
@@ -17,5 +17,4 @@ void CStoppableLock::unlock()
 {
     const auto clLock = m_clWait.clLock();
     m_bHeld = false;
-    m_clWait.NotifyAll();
 }

@@ -9,7 +9,6 @@
 #include <csignal>
 #include <ctime>
 #include <poll.h>
-#include <set>
 #include <sys/eventfd.h>
 #include <system_error>
 #include <unistd.h>
@@ -31,18 +30,6 @@ std::atomic<int> s_nWakeFd{-1};
 /// Of the calling thread; see CStopRight.
 thread_local CStopRight::ERight t_eRight = CStopRight::NOTHING;
 thread_local const std::atomic<bool>* t_pbCancelled = nullptr;
-
-/// Every CStopWait that exists.
-struct STWaits
-{
-    std::mutex clLock;
-    std::set<CStopWait*> tWaits;
-};
-STWaits& stWaits()
-{
-    static STWaits s_stWaits;
-    return s_stWaits;
-}
 
 /// Never 0. clock_gettime is async-signal-safe.
 long nMonotonicMs() noexcept
@@ -74,17 +61,6 @@ void CStopping::Ask() noexcept
     constexpr std::uint64_t nOne = 1;
     Ignored(::write(s_nWakeFd, &nOne, sizeof nOne)); // without it sleepers notice later
     errno = nErrno;
-}
-
-void CStopping::WakeWaiters()
-{
-    STWaits& stAll = stWaits();
-    const std::lock_guard<std::mutex> clGuard(stAll.clLock);
-    for (CStopWait* pclWait : stAll.tWaits) {
-        // With the lock held once, nobody is between a look at the stop and the sleep.
-        (void)pclWait->clLock();
-        pclWait->NotifyAll();
-    }
 }
 
 int CStopping::nMsSinceAsked() noexcept
@@ -185,25 +161,10 @@ CStopRight::~CStopRight()
     t_pbCancelled = m_pbCancelledBefore;
 }
 
-CStopWait::CStopWait()
+void CStopWait::s_Pause(CLock& clLock, int nMs)
 {
-    STWaits& stAll = stWaits();
-    const std::lock_guard<std::mutex> clGuard(stAll.clLock);
-    stAll.tWaits.insert(this);
-}
-
-CStopWait::~CStopWait()
-{
-    STWaits& stAll = stWaits();
-    const std::lock_guard<std::mutex> clGuard(stAll.clLock);
-    stAll.tWaits.erase(this);
-}
-
-void CStopWait::_WaitChange(CLock& clLock)
-{
-    if (CStopping::bAsked()) {
-        m_clChanged.wait_for(clLock, std::chrono::milliseconds(s_nLookMs));
-    } else {
-        m_clChanged.wait(clLock);
-    }
+    clLock.unlock();
+    pollfd stWake{CStopping::nFdToPoll(), POLLIN, 0};
+    ::poll(&stWake, 1, CStopping::nPollMs(nMs)); // a signal ends it early, which does no harm
+    clLock.lock();
 }

@@ -1,8 +1,8 @@
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <mutex>
 
@@ -26,11 +26,8 @@ public:
     /// Makes the descriptor that wakes sleepers. Without it (no descriptor left, or never called) a stop is
     /// noticed when the sleep is over.
     static void Prepare();
-    /// The stop has come; only the first call counts. Async-signal-safe, so it leaves to WakeWaiters what is
-    /// not.
+    /// The stop has come; only the first call counts. Async-signal-safe.
     static void Ask() noexcept;
-    /// Wakes every thread in CStopWait::bWait. After Ask.
-    static void WakeWaiters();
 
     static bool bAsked() noexcept { return s_nAskedMs.load() != 0; }
     static bool bAnswersOver() noexcept { return bAsked() && nMsSinceAsked() >= s_nAnswersMs; }
@@ -90,43 +87,42 @@ private:
     const std::atomic<bool>* m_pbCancelledBefore;
 };
 
-/// A lock with a condition that threads wait for; a stop wakes all of them.
+/// A lock with a condition that threads wait for: they look again after 1 ms, 2 ms and so on, up to 100 ms,
+/// and at once when the stop is asked.
 class CStopWait
 {
 public:
     using CLock = std::unique_lock<std::mutex>;
 
-    CStopWait();
-    ~CStopWait();
+    CStopWait() = default;
     CStopWait(const CStopWait&) = delete;
     CStopWait& operator=(const CStopWait&) = delete;
 
     CLock clLock() { return CLock(m_clMutex); }
-    /// Waits until bReady() or bLeave() holds, and returns the former. bLeave may depend on CStopping; it is
-    /// looked at when the stop is asked, and every few milliseconds from then on.
+    /// Waits until bReady() or bLeave() holds, and returns the former. Both are called with the lock held,
+    /// which is free between two looks.
     template <class TReady, class TLeave>
-    bool bWait(CLock& clLock, TReady bReady, TLeave bLeave)
+    static bool bWait(CLock& clLock, TReady bReady, TLeave bLeave)
     {
-        while (!bReady()) {
+        for (int nMs = 1; !bReady(); nMs = std::min(nMs + 1, s_nMaxPauseMs)) {
             if (bLeave()) {
                 return false;
             }
-            _WaitChange(clLock);
+            s_Pause(clLock, nMs);
         }
         return true;
     }
     /// Waits until bReady() holds, for a time at most.
     template <class TReady>
-    void WaitFor(CLock& clLock, std::chrono::milliseconds clTime, TReady bReady)
+    static void WaitFor(CLock& clLock, std::chrono::milliseconds clTime, TReady bReady)
     {
-        (void)m_clChanged.wait_for(clLock, clTime, bReady);
+        const auto clEnd = std::chrono::steady_clock::now() + clTime;
+        (void)bWait(clLock, bReady, [clEnd] { return std::chrono::steady_clock::now() >= clEnd; });
     }
-    void NotifyAll() { m_clChanged.notify_all(); }
 
 private:
-    friend class CStopping;
-    void _WaitChange(CLock& clLock);
+    static constexpr int s_nMaxPauseMs = 100;
+    static void s_Pause(CLock& clLock, int nMs);
 
     std::mutex m_clMutex;
-    std::condition_variable m_clChanged;
 };

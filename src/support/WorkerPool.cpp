@@ -32,7 +32,7 @@ void CWorkerPool::WaitFree()
 {
     auto clLock = m_clWait.clLock();
     const auto bFree = [this] { return m_nWorkers < m_nMaxWorkers; };
-    (void)m_clWait.bWait(clLock, bFree, [this] { return m_bStopped || CStopping::bAsked(); });
+    (void)CStopWait::bWait(clLock, bFree, [this] { return m_bStopped || CStopping::bAsked(); });
 }
 
 void CWorkerPool::Stop()
@@ -40,8 +40,7 @@ void CWorkerPool::Stop()
     auto clLock = m_clWait.clLock();
     m_bStopped = true;
     m_tWaiting.clear();
-    m_clWait.NotifyAll();
-    (void)m_clWait.bWait(
+    (void)CStopWait::bWait(
         clLock, [this] { return m_nWorkers == 0; }, [] { return false; });
 }
 
@@ -65,6 +64,5 @@ void CWorkerPool::__Run()
         fnWork = nullptr; // what it holds goes without the lock
         clLock.lock();
     }
-    --m_nWorkers;
-    m_clWait.NotifyAll(); // with the lock held: whoever waits may destroy the object at once
+    --m_nWorkers; // the last thing: whoever waits may destroy the object once the lock is free
 }
