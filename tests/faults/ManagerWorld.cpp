@@ -37,13 +37,6 @@ case "$*" in
 esac
 exit 0)";
 
-int nEntries(const std::string& csFolder)
-{
-    std::error_code clIgnored;
-    return static_cast<int>(
-        std::distance(fs::directory_iterator(csFolder, clIgnored), fs::directory_iterator()));
-}
-
 std::string csWrong(const std::string& csWhat, const std::string& csSeen)
 {
     return csWhat + ": " + csSeen.substr(0, 200) + "\n";
@@ -109,20 +102,6 @@ std::string csOfRegistration(int nMs)
     return cs.empty() ? "" : csWrong("registration", cs);
 }
 } // namespace
-
-STFigures stFiguresOf(pid_t nProcess)
-{
-    const std::string csProcess = "/proc/" + std::to_string(nProcess);
-    STFigures st{nEntries(csProcess + "/fd"), nEntries(csProcess + "/task"), 0};
-    std::error_code clIgnored;
-    for (const auto& clTask : fs::directory_iterator(csProcess + "/task", clIgnored)) {
-        std::ifstream clChildren(clTask.path() / "children");
-        for (std::string cs; clChildren >> cs;) {
-            ++st.nChildren;
-        }
-    }
-    return st;
-}
 
 void ExpectNothingLeft(pid_t nProcess, const STFigures& stBefore, int nMs)
 {

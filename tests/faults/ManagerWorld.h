@@ -2,6 +2,7 @@
 
 #include "tools/Machine.h"
 #include "tools/PrivateWorld.h"
+#include "tools/ProcessFigures.h"
 
 #include <string>
 #include <sys/types.h>
@@ -12,14 +13,6 @@ constexpr bool g_bSanitized = true; // memory, stacks and preloading are the san
 constexpr bool g_bSanitized = false;
 #endif
 
-/// What is used of a process, as the system tells it.
-struct STFigures
-{
-    int nDescriptors = 0;
-    int nThreads = 0;
-    int nChildren = 0; ///< ended ones that nobody collected included
-};
-STFigures stFiguresOf(pid_t nProcess);
 /// Waits until no more is used than before, and no child is left.
 void ExpectNothingLeft(pid_t nProcess, const STFigures& stBefore, int nMs = 5000);
 

@@ -48,34 +48,6 @@ std::atomic<long> g_nReplies{0};
 std::atomic<long> g_nLost{0}; ///< replies that did not come in time
 std::atomic<long> g_nNonsense{0};
 
-/// What a manager holds in memory, in KiB.
-struct STMemory
-{
-    long nStacks =
-        0; ///< with those that the C library keeps for later threads (of 40 MiB in addresses at most)
-    long nDeepest = 0; ///< stack: a page of it is resident from its first use until the thread ends
-    long nElse = 0;    ///< the programs and the heap
-};
-
-STMemory stMemoryOf(pid_t nManager)
-{
-    STMemory st;
-    bool bStack = false;
-    std::ifstream clMaps("/proc/" + std::to_string(nManager) + "/smaps");
-    for (std::string csLine; std::getline(clMaps, csLine);) {
-        unsigned long nStart = 0;
-        unsigned long nEnd = 0;
-        long nKb = 0;
-        if (std::sscanf(csLine.c_str(), "%lx-%lx", &nStart, &nEnd) == 2) {
-            bStack = nEnd - nStart == 65536 && csLine.find(" rw-p ") != csLine.npos;
-        } else if (std::sscanf(csLine.c_str(), "Rss: %ld", &nKb) == 1) {
-            (bStack ? st.nStacks : st.nElse) += nKb;
-            st.nDeepest = std::max(st.nDeepest, bStack ? nKb : 0);
-        }
-    }
-    return st;
-}
-
 using CRandom = std::minstd_rand;
 
 bool bReply(const std::string& cs)

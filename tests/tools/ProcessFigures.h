@@ -1,0 +1,22 @@
+#pragma once
+
+#include <sys/types.h>
+
+/// What is used of a process, as the kernel counts it.
+struct STFigures
+{
+    int nDescriptors = 0;
+    int nThreads = 0;
+    int nChildren = 0; ///< ended ones that nobody collected included
+};
+STFigures stFiguresOf(pid_t nProcess);
+
+/// What the manager holds in memory, in KiB. Its threads' stacks are known by their size.
+struct STMemory
+{
+    long nStacks =
+        0; ///< with those that the C library keeps for later threads (of 40 MiB in addresses at most)
+    long nDeepest = 0; ///< stack: a page of it is resident from its first use until the thread ends
+    long nElse = 0;    ///< the programs and the heap
+};
+STMemory stMemoryOf(pid_t nManager);
