@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <bit>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
@@ -67,13 +68,102 @@ bool bWriteToEnd(int nFd, off_t nStart, off_t nSize, std::string_view csBytes)
     return bWriteAt(nFd, csBytes.substr(0, nInside), nStart) &&
            (nNewSize >= nSize || nRetry([&] { return ::ftruncate(nFd, nNewSize); }) == 0);
 }
+constexpr int s_nMaxLinks = 40; ///< followed one after the other, as by the kernel
+
+/// Text of the link that a descriptor stands for; empty (errno set) when it cannot be read.
+std::string csLinkText(int nLink)
+{
+    std::string csText(PATH_MAX, '\0');
+    const ssize_t nLength = ::readlinkat(nLink, "", csText.data(), csText.size());
+    csText.resize(static_cast<std::size_t>(std::max<ssize_t>(nLength, 0)));
+    return csText;
+}
+
+bool bOwnedByRoot(int nFd)
+{
+    struct stat st
+    {};
+    return ::fstat(nFd, &st) == 0 && st.st_uid == 0;
+}
+
+/// A name in an open folder; without one, a path.
+struct STPlace
+{
+    CDescripteur clFolder;
+    std::string csName;
+
+    int nFolder() const { return clFolder.bOpen() ? clFolder.nFd() : AT_FDCWD; }
+    CDescripteur clOpenPath(const std::string& cs, int nFlags) const
+    {
+        return CDescripteur(
+            nRetry([&] { return ::openat(nFolder(), cs.c_str(), O_PATH | O_CLOEXEC | nFlags); }));
+    }
+};
+
+/// Moves to the target of the link that an open descriptor is. False (EPERM) when root does not own the link
+/// and the folder that holds its target.
+bool bFollow(int nLink, STPlace* pstPlace)
+{
+    const std::string csTarget = csLinkText(nLink);
+    if (csTarget.empty()) {
+        return false;
+    }
+    // A relative target begins in the folder that holds the link.
+    const std::string csFrom = pstPlace->csName.substr(0, pstPlace->csName.rfind('/') + 1);
+    const std::string csWhole = csTarget.front() == '/' ? csTarget : csFrom + csTarget;
+    const std::size_t nName = csWhole.rfind('/') + 1;
+
+    CDescripteur clFolder = pstPlace->clOpenPath(nName == 0 ? "." : csWhole.substr(0, nName), O_DIRECTORY);
+    if (!clFolder.bOpen()) {
+        return false;
+    }
+    if (!bOwnedByRoot(nLink) || !bOwnedByRoot(clFolder.nFd())) {
+        errno = EPERM;
+        return false;
+    }
+    *pstPlace = {std::move(clFolder), csWhole.substr(nName)};
+    return true;
+}
+
+/// Opens the file at a path for writing, and through such links only as root made: a server's user may put a
+/// link beside its settings, and root would write to its target. All is judged on what was opened, so that a
+/// name that changes meanwhile does not matter.
+CDescripteur clOpenToWrite(const std::string& csPath, int nFlags)
+{
+    STPlace stPlace{CDescripteur(), csPath};
+    for (int n = 0; n < s_nMaxLinks; ++n) {
+        const CDescripteur clFound = stPlace.clOpenPath(stPlace.csName, O_NOFOLLOW);
+        struct stat st
+        {};
+        if (!clFound.bOpen() || ::fstat(clFound.nFd(), &st) != 0 || !S_ISLNK(st.st_mode)) {
+            return clOpenRegularAt(stPlace.nFolder(), stPlace.csName, nFlags | O_NOFOLLOW);
+        }
+        if (!bFollow(clFound.nFd(), &stPlace)) {
+            return CDescripteur();
+        }
+    }
+    errno = ELOOP;
+    return CDescripteur();
+}
+
+/// A file with a second name may be another user's file: what is written here would be written there.
+bool bHasOneName(int nFd)
+{
+    struct stat st
+    {};
+    if (::fstat(nFd, &st) != 0) {
+        return false;
+    }
+    errno = st.st_nlink > 1 ? EMLINK : errno;
+    return st.st_nlink <= 1;
+}
 } // namespace
 
 CProfileFile::CProfileFile() : m_pBuffer(std::make_unique_for_overwrite<CBuffer>()) {}
 
-bool CProfileFile::_bOpen(const std::string& csPath, int nFlags)
+bool CProfileFile::_bTake(CDescripteur clFile)
 {
-    m_clFile = clOpenRegular(csPath, nFlags);
+    m_clFile = std::move(clFile);
     struct stat st
     {};
     if (!m_clFile.bOpen() || ::fstat(m_clFile.nFd(), &st) != 0) {
@@ -88,13 +178,22 @@ bool CProfileFile::_bOpen(const std::string& csPath, int nFlags)
 
 bool CProfileFile::bOpenToRead(const std::string& csPath)
 {
-    return _bOpen(csPath, O_RDONLY);
+    return _bTake(clOpenRegular(csPath, O_RDONLY));
+}
+
+bool CProfileFile::_bOpenToWrite(const std::string& csPath, int nFlags)
+{
+    if (!_bTake(clOpenToWrite(csPath, nFlags)) || bHasOneName(m_clFile.nFd())) {
+        return m_clFile.bOpen();
+    }
+    m_clFile.Close(); // keeps errno
+    return false;
 }
 
 bool CProfileFile::bOpenToUpdate(const std::string& csPath)
 {
     // Two steps: with O_CREAT the system refuses root an existing file of another user in a shared directory.
-    return _bOpen(csPath, O_RDWR) || (errno == ENOENT && _bOpen(csPath, O_RDWR | O_CREAT));
+    return _bOpenToWrite(csPath, O_RDWR) || (errno == ENOENT && _bOpenToWrite(csPath, O_RDWR | O_CREAT));
 }
 
 bool CProfileFile::bFichierUnicode()

@@ -30,7 +30,9 @@ public:
     CProfileFile();
 
     /// Both end with the reader behind the mark, if there is one. For an update the file must be writable and
-    /// is created (mode 0666 less the umask, empty) when it does not exist.
+    /// is created (mode 0666 less the umask, empty) when it does not exist. For that a symbolic link is
+    /// followed only when root owns it and the folder that holds its target (EPERM otherwise), and a file
+    /// with more than one name is refused (EMLINK).
     bool bOpenToRead(const std::string& csPath);
     bool bOpenToUpdate(const std::string& csPath);
 
@@ -59,7 +61,8 @@ public:
 private:
     using CBuffer = std::array<char, 16384>; // on the heap: the callers' stacks are small
 
-    bool _bOpen(const std::string& csPath, int nFlags);
+    bool _bTake(CDescripteur clFile);
+    bool _bOpenToWrite(const std::string& csPath, int nFlags);
     bool _bFill();
     template <class TUnit>
     bool _bTakeUntilLF(std::basic_string<TUnit>* pcsLine);

@@ -28,11 +28,12 @@ bool bWriteAll(int nFd, std::string_view csBytes)
     return true;
 }
 
-CDescripteur clOpenRegular(const std::string& csPath, int nFlags)
+namespace {
+constexpr int s_nAlways = O_CLOEXEC | O_NONBLOCK | O_NOCTTY; // not waiting makes no difference for a file
+constexpr mode_t s_nMode = 0666;
+
+CDescripteur clIfRegular(CDescripteur clFile)
 {
-    constexpr int nAlways = O_CLOEXEC | O_NONBLOCK | O_NOCTTY; // not waiting makes no difference for a file
-    constexpr mode_t nMode = 0666;
-    CDescripteur clFile(nRetry([&] { return ::open(csPath.c_str(), nFlags | nAlways, nMode); }));
     struct stat st
     {};
     if (!clFile.bOpen() || ::fstat(clFile.nFd(), &st) != 0) {
@@ -43,4 +44,17 @@ CDescripteur clOpenRegular(const std::string& csPath, int nFlags)
         return CDescripteur();
     }
     return clFile;
+}
+} // namespace
+
+CDescripteur clOpenRegular(const std::string& csPath, int nFlags)
+{
+    return clIfRegular(
+        CDescripteur(nRetry([&] { return ::open(csPath.c_str(), nFlags | s_nAlways, s_nMode); })));
+}
+
+CDescripteur clOpenRegularAt(int nFolder, const std::string& csPath, int nFlags)
+{
+    return clIfRegular(
+        CDescripteur(nRetry([&] { return ::openat(nFolder, csPath.c_str(), nFlags | s_nAlways, s_nMode); })));
 }

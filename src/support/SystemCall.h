@@ -41,6 +41,8 @@ bool bWriteAll(int nFd, std::string_view csBytes);
 /// Opens a file close-on-exec. What is no regular file (a directory, a FIFO, a device) is refused with EISDIR
 /// or EINVAL and never waited for. With O_CREAT a new file has mode 0666 less the umask.
 CDescripteur clOpenRegular(const std::string& csPath, int nFlags);
+/// The same, from an open folder (or AT_FDCWD).
+CDescripteur clOpenRegularAt(int nFolder, const std::string& csPath, int nFlags);
 
 /// An open directory; closed with its owner.
 struct STCloseDirectory

@@ -307,3 +307,40 @@ TEST_F(ProfileFile, ABareNameLiesInTheHomeDirectoryOfThePasswordDatabase)
     EXPECT_EQ(GetProfileString(L"INIT", L"N", L"", szValue, 4), 2u);
     EXPECT_EQ(GetPrivateProfileInt(L"INIT", L"N", 5, (csFromUTF8(csHome) + L"\\.NVS.conf").c_str()), 12);
 }
+
+TEST_F(ProfileFile, AWriteGoesThroughALinkOnlyWhenRootMadeItAndNeverIntoAFileOfTwoNames)
+{
+    const struct
+    {
+        const char* pszMake; // in the folder of a.ini; "nobody" is a folder of that user
+        const char* pszFile; // into which the value would go
+        int nErrno;          // 0: written
+    } tCases[] = {
+        {"ln -s root/b.ini a.ini", "root/b.ini", 0},
+        {"ln -s root/new.ini a.ini", "root/new.ini", 0},
+        {"ln -s nobody/l a.ini && ln -s ../root/b.ini nobody/l", "root/b.ini", EPERM},
+        {"ln -s root/l a.ini && ln -s $PWD/root/b.ini root/l", "root/b.ini", 0},
+        {"ln -s root/b.ini a.ini && chown -h nobody a.ini", "root/b.ini", EPERM},
+        {"ln -s root/l a.ini && ln -s b.ini root/l && chown -h nobody root/l", "root/b.ini", EPERM},
+        {"ln -s nobody/b.ini a.ini", "nobody/b.ini", EPERM},
+        {"ln -s a.ini a.ini", "root/b.ini", ELOOP},
+        {"ln root/b.ini a.ini", "root/b.ini", EMLINK},
+    };
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "SKIPPED: only root can give files away";
+    }
+    for (const auto& st : tCases) {
+        SCOPED_TRACE(st.pszMake);
+        const std::string csMake = "cd " + m_clDirectory.csPath() +
+                                   " && rm -rf * && mkdir root nobody && touch root/b.ini nobody/b.ini && "
+                                   "chown -R nobody nobody && " +
+                                   st.pszMake;
+        ASSERT_EQ(std::system(csMake.c_str()), 0);
+        errno = 0;
+        EXPECT_EQ(nSet(L"INIT", L"Name", L"v") != 0, st.nErrno == 0);
+        EXPECT_TRUE(st.nErrno == 0 || errno == st.nErrno) << errno;
+        EXPECT_EQ(m_clDirectory.bExists(st.pszFile) &&
+                      m_clDirectory.csRead(st.pszFile).find("v") != std::string::npos,
+                  st.nErrno == 0);
+    }
+}

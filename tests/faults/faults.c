@@ -161,6 +161,16 @@ SEEN int open(const char* path, int flags, ...)
     return turn("open") ? -1 : next(path, flags, mode);
 }
 
+SEEN int openat(int folder, const char* path, int flags, ...)
+{
+    NEXT(openat)
+    va_list rest;
+    va_start(rest, flags);
+    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(rest, mode_t) : 0;
+    va_end(rest);
+    return turn("openat") ? -1 : next(folder, path, flags, mode);
+}
+
 /* The heap by its inner names: looking the outer ones up would allocate. */
 void* __libc_malloc(size_t n);
 void* __libc_calloc(size_t count, size_t n);
