@@ -3,6 +3,7 @@
 #include "main/ErrorMsg.h"
 #include "main/GestionServiceLigneCmd.h"
 #include "manager/SetupManager.h"
+#include "service/CommandLine.h"
 #include "support/accesdllres.h"
 #include "support/Conversion.h"
 #include "support/DiskFile.h"
@@ -36,7 +37,7 @@ CServicePtr pclRegister(int nStyle, CServiceManager* pclManager)
         ShowErrorIDS(nStyle, MSG_ROOT_ONLY);
         return nullptr;
     }
-    const std::wstring csCommandLine = GetModuleFileNameW() + L" --SERVICE";
+    const std::wstring csCommandLine = CProgram::s_clAt(GetModuleFileNameW()).csCommandLine(L"--SERVICE");
     CServicePtr pclService(
         pclManager->pclInstall(g_szManagerService, g_szManagerService, csCommandLine.c_str(), 1, 1));
     if (pclService == nullptr) {
@@ -69,7 +70,9 @@ bool bIsThisExecutable(CService& clService)
 {
     const std::wstring csOwn = GetModuleFileNameW();
     const wchar_t* pszCommandLine = clService.pszBinaryPathName();
-    return STR_nNCompare(pszCommandLine != nullptr ? pszCommandLine : L"", csOwn.c_str(), csOwn.size()) == 0;
+    const std::wstring csText(pszCommandLine != nullptr ? pszCommandLine : L"");
+    return STR_nNCompare(csText.c_str() + (csText.starts_with(L'"') ? 1 : 0), csOwn.c_str(), csOwn.size()) ==
+           0;
 }
 } // namespace
 

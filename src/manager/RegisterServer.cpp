@@ -6,26 +6,34 @@
 #include "config/WinApi.h"
 #include "manager/FailedListing.h"
 #include "manager/SetupManager.h"
+#include "service/CommandLine.h"
 #include "support/accesdllres.h"
 #include "support/DiskFile.h"
 #include "support/Stopping.h"
 #include "support/WinApi.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cwchar>
 #include <set>
 #include <vector>
 
 namespace {
-std::wstring csShortName(const CService& clService)
+/// As it was registered, without the prefix.
+std::wstring csShortName(CService& clService)
 {
-    return std::wstring(clService.pszGetName()).substr(std::size(g_szServerPrefix) - 1);
+    const std::wstring csName = clService.csRegisteredName();
+    return csName.substr(std::min(csName.size(), std::size(g_szServerPrefix) - 1));
 }
 
-/// Names are compared as they stand in the registry, where a blank is "_".
+std::wstring csServiceName(const STRegistration& stServer)
+{
+    return g_szServerPrefix + stServer.csName;
+}
+
 bool bSameName(const CService& clService, const STRegistration& stServer)
 {
-    return CServiceManager::csRegisteredName(g_szServerPrefix + stServer.csName) == clService.pszGetName();
+    return CServiceName::s_clSaid(csServiceName(stServer).c_str()) == clService.clName();
 }
 
 std::wstring csLockName(const std::wstring& csService)
@@ -57,7 +65,8 @@ void CSetupManager::RegisterServer(const std::wstring& csName, const std::wstrin
 {
     CServiceLocks::CHold clHold;
     bool bInstalled = false;
-    const auto pclService = __pclMakeService({csName, csBinaryPath, wPort}, &clHold, &bInstalled, pcsError);
+    const auto pclService = __pclMakeService({csName, CProgram::s_clAt(csBinaryPath).csPath(), wPort},
+                                             &clHold, &bInstalled, pcsError);
     if (pclService == nullptr) {
         return;
     }
@@ -67,6 +76,9 @@ void CSetupManager::RegisterServer(const std::wstring& csName, const std::wstrin
         return;
     }
     *pcsError = csSystemMessage(errno);
+    if (bInstalled && !CStopping::bAsked()) {
+        (void)m_clServiceManager.bTakeBackRefused(*pclService);
+    }
     if (bInstalled && CStopping::bAsked()) { // after a stop nothing is started
         pclService->AddMissingStep(L"start");
         *pcsError = L"The registration of \"" + csName +
@@ -80,7 +92,7 @@ std::unique_ptr<CService> CSetupManager::__pclMakeService(const STRegistration& 
                                                           CServiceLocks::CHold* pclHold, bool* pbInstalled,
                                                           CTString* pcsError)
 {
-    std::set<std::wstring> tNames{csLockName(g_szServerPrefix + stServer.csName)};
+    std::set<std::wstring> tNames{csLockName(csServiceName(stServer))};
     for (;;) {
         // The names first: with the service lock held, waiting for a start that hangs would hold up
         // everybody.
@@ -115,6 +127,31 @@ std::unique_ptr<CService> CSetupManager::__pclMakeService(const STRegistration& 
     }
 }
 
+void CSetupManager::__RefuseUnasked(int nError, STFound* pstFound, CTString* pcsError)
+{
+    pstFound->bRefused = true;
+    *pcsError = csFailedListing(nError);
+    LogFailedListing(nError);
+}
+
+void CSetupManager::__FindUnlisted(const STRegistration& stServer, STFound* pstFound, CTString* pcsError)
+{
+    std::unique_ptr<CService> pclUnlisted(m_clServiceManager.pclGetService(csServiceName(stServer).c_str()));
+    CStopping::xCheck();
+    if (pclUnlisted == nullptr && errno != ENOENT) {
+        __RefuseUnasked(errno, pstFound, pcsError);
+    }
+    if (pclUnlisted == nullptr || !bSameName(*pclUnlisted, stServer)) {
+        return;
+    }
+    if (__eCompare(*pclUnlisted, stServer, pcsError) == EComparison::SAME) {
+        pstFound->pclService = std::move(pclUnlisted);
+        return;
+    }
+    pstFound->bRefused = true;
+    _LogText(*pcsError);
+}
+
 CSetupManager::STFound CSetupManager::__stFindServer(const CServiceGuard&, const STRegistration& stServer,
                                                      CTString* pcsError)
 {
@@ -138,9 +175,9 @@ CSetupManager::STFound CSetupManager::__stFindServer(const CServiceGuard&, const
     }
     CStopping::xCheck();       // then nothing has failed
     if (clListing.bFailed()) { // what is not listed may have the server's name: nothing may be written
-        stFound.bRefused = true;
-        *pcsError = csFailedListing(clListing.nError());
-        LogFailedListing(clListing.nError());
+        __RefuseUnasked(clListing.nError(), &stFound, pcsError);
+    } else if (stFound.pclService == nullptr) {
+        __FindUnlisted(stServer, &stFound, pcsError);
     }
     return stFound;
 }
@@ -174,12 +211,15 @@ CSetupManager::EComparison CSetupManager::__eCompare(CService& clService, const 
 std::unique_ptr<CService> CSetupManager::__pclInstallServer(const CServiceGuard&,
                                                             const STRegistration& stServer)
 {
-    if (stServer.csName.empty() || !stServer.csPath.starts_with(L'/')) { // no service could come of it
+    const CProgram clProgram = CProgram::s_clAt(stServer.csPath);
+    // No service could come of it; the registry sees the name only after its prefix.
+    if (stServer.csName.empty() || stServer.csName.front() == L' ' || !clProgram.bWholePath()) {
         errno = EINVAL;
         return nullptr;
     }
     const CStopRight clRight(CStopRight::WRITES);
-    const std::wstring csService = g_szServerPrefix + stServer.csName;
-    return std::unique_ptr<CService>(m_clServiceManager.pclInstall(
-        csService.c_str(), csService.c_str(), (stServer.csPath + L" --SERVICE").c_str(), 1, 1));
+    const std::wstring csService = csServiceName(stServer);
+    const std::wstring csCommandLine = clProgram.csCommandLine(L"--SERVICE");
+    return std::unique_ptr<CService>(
+        m_clServiceManager.pclInstall(csService.c_str(), csService.c_str(), csCommandLine.c_str(), 1, 1));
 }

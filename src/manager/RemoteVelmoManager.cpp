@@ -2,6 +2,7 @@
 
 #include "config/Config.h"
 #include "manager/Dialog.h"
+#include "manager/ServerFolder.h"
 #include "manager/SetupManager.h"
 #include "service/ServiceManagerUnix.h"
 #include "support/DiskFile.h"
@@ -42,6 +43,16 @@ std::unique_ptr<CService> pclLookup(CServiceManager* pclManager, const std::wstr
         return nullptr;
     }
     return std::unique_ptr<CService>(pclManager->pclGetService(csService.c_str()));
+}
+
+/// The service that the name is the own name of. A lookup takes ";" and "|" at an end for spaces: "Plain|"
+/// finds "Plain", which must not cost it its files.
+std::unique_ptr<CService> pclLookupOwn(CServiceManager* pclManager, const std::wstring& csService)
+{
+    std::unique_ptr<CService> pclService = pclLookup(pclManager, csService);
+    const bool bOwn =
+        pclService != nullptr && CServiceName::s_clSaid(csService.c_str()).bNames(pclService->clName());
+    return bOwn ? std::move(pclService) : nullptr;
 }
 } // namespace
 
@@ -117,18 +128,19 @@ void CRemoteVelmoManager::UnInstall(CDialog& clDialog)
     const std::wstring csName = csNextArgument(clDialog);
     const bool bDeleteFiles = clDialog.dwGetUInt32() != 0;
     const std::wstring csService = g_szServerPrefix + csName;
-    auto clHold =
-        m_pclManager->clGetLocks().clTakeToRemove(CServiceManager::csRegisteredName(csService), [&] {
-            if (const auto pclStarting = pclLookup(m_pclManager, csService)) {
-                (void)pclStarting->bStop();
-            }
-        });
+    // By its own name: one that a lookup takes for another must not end that one's start.
+    const std::wstring csLock = CServiceName::s_clSaid(csService.c_str()).csRegistry();
+    auto clHold = m_pclManager->clGetLocks().clTakeToRemove(csLock, [&] {
+        if (const auto pclStarting = pclLookupOwn(m_pclManager, csService)) {
+            (void)pclStarting->bStop();
+        }
+    });
     if (!clHold.bTaken()) { // the stop of the manager came first
         errno = ECANCELED;
         Refuse(clDialog, ERREUR_STOP);
         return;
     }
-    const std::unique_ptr<CService> pclService = pclLookup(m_pclManager, csService);
+    const std::unique_ptr<CService> pclService = pclLookupOwn(m_pclManager, csService);
     if (pclService == nullptr) {
         clHold.Release(); // before each reply: a tool that does not read must hold nobody up
         clDialog.ACK(ERREUR_UNINSTALL_INCONNU, 0u);
@@ -139,12 +151,10 @@ void CRemoteVelmoManager::UnInstall(CDialog& clDialog)
         Refuse(clDialog, ERREUR_STOP);
         return;
     }
-    CXError clError;
-    if (bDeleteFiles &&
-        CDiskFile::bDeleteTree(CDiskFile::csDirectory(pclService->csGetExecutable()), &clError)) {
+    if (std::wstring csMessage; bDeleteFiles && bDeleteServerFolder(m_pclManager, *pclService, &csMessage)) {
         clHold.Release();
         // A completed deletion is told with error 12 and the service stays registered; intended.
-        clDialog.ACK(ERREUR_UNINSTALL_FICHIERS, clError.csGetSystemMessage());
+        clDialog.ACK(ERREUR_UNINSTALL_FICHIERS, csMessage);
         return;
     }
     const bool bRemoved = pclService->bRemove();

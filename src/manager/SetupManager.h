@@ -123,6 +123,10 @@ private:
     };
     /// Of a refusal the text says why; it is logged.
     STFound __stFindServer(const CServiceGuard& clGuard, const STRegistration& stServer, CTString* pcsError);
+    /// Looks for a service of the server's name that no listing holds: it is neither enabled nor running, and
+    /// would be overwritten.
+    void __FindUnlisted(const STRegistration& stServer, STFound* pstFound, CTString* pcsError);
+    static void __RefuseUnasked(int nError, STFound* pstFound, CTString* pcsError);
     static EComparison __eCompare(CService& clService, const STRegistration& stServer, CTString* pcsError);
     /// Finds or installs the server's service, with its names locked in the end. Null, and the text set, when
     /// there is none.

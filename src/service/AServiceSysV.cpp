@@ -14,9 +14,6 @@
 
 namespace {
 constexpr std::size_t s_nMaxScript = 1U << 20;
-/// Buffer sizes, in bytes, of the readers of the marker line; that they differ is intended.
-constexpr std::size_t s_nDisplayNameBuffer = 250;
-constexpr std::size_t s_nProgramBuffer = 150;
 
 /// A status query that takes longer has failed; without a limit, one hanging script would hold its caller for
 /// ever, and whoever waits for the service lock.
@@ -52,7 +49,7 @@ bool CService::__bScriptCommand(const wchar_t* pszVerb, const wchar_t* pszArgume
                                 const wchar_t* pszRedirection)
 {
     const std::wstring csArguments(pszArguments != nullptr ? pszArguments : L"");
-    const std::wstring csPath = csScriptPath(m_csName);
+    const std::wstring csPath = csScriptPath(m_clName.csText());
     if (csPath.empty()) {
         return false;
     }
@@ -74,7 +71,7 @@ EServiceStatus CService::__eGetStatusSysV()
 {
     CLanceProcessus clScript;
     unsigned int nExitCode = 0;
-    const std::wstring csPath = csScriptPath(m_csName);
+    const std::wstring csPath = csScriptPath(m_clName.csText());
     // By the launcher and not by the shell: only it can give a hanging script up.
     if (csPath.empty() || !clScript.bLanceProcessus(csPath.c_str(), L"status", nullptr) ||
         !clScript.bAttendFinExecution(&nExitCode, s_nStatusLimitMs)) {
@@ -96,18 +93,18 @@ bool CService::__bRemoveSysV()
     if (pstFamily == nullptr) {
         return errno == ENOENT; // nothing to do on a machine of no known family
     }
-    if (!bInertName(m_csName)) {
+    if (!bInertName(m_clName.csText())) {
         errno = ENOENT;
         return false;
     }
-    return __bStopForRemoval() && bEndStrayProcesses(csGetExecutable(), m_csName) &&
-           pstFamily->pfnRemove(*pstFamily, m_csName);
+    return __bStopForRemoval() && bEndStrayProcesses(csGetExecutable(), m_clName.csText()) &&
+           pstFamily->pfnRemove(*pstFamily, m_clName.csText());
 }
 
 bool CService::bReadScript()
 {
     std::string csScript;
-    const std::wstring csPath = csScriptPath(m_csName);
+    const std::wstring csPath = csScriptPath(m_clName.csText());
     if (csPath.empty()) {
         return false;
     }
@@ -115,11 +112,11 @@ bool CService::bReadScript()
         errno = bIsAbsent(errno) ? ENOENT : errno;
         return bIsNoScript(errno);
     }
-    if (const STMarker st = stReadMarker(csScript, "Program=\"", s_nProgramBuffer); st.csValue) {
+    if (const STMarker st = stProgramInScript(csScript); st.csValue) {
         m_csBinaryPath = csFromUTF8(*st.csValue);
     }
     if (!m_csDisplayName && !CServiceManager::bSystemd()) { // a unit has a description of its own
-        if (const STMarker st = stReadMarker(csScript, "Name=\"", s_nDisplayNameBuffer); st.csValue) {
+        if (const STMarker st = stDisplayNameInScript(csScript); st.csValue) {
             m_csDisplayName = csFromUTF8(*st.csValue);
         }
     }
@@ -129,13 +126,13 @@ bool CService::bReadScript()
 const wchar_t* CService::__pszDisplayNameFromScript()
 {
     std::string csScript;
-    const std::wstring csPath = csScriptPath(m_csName);
+    const std::wstring csPath = csScriptPath(m_clName.csText());
     if (csPath.empty() || !CDiskFile::bReadFile(csPath, &csScript, s_nMaxScript)) {
         return nullptr;
     }
-    const STMarker stName = stReadMarker(csScript, "Name=\"", s_nDisplayNameBuffer);
+    const STMarker stName = stDisplayNameInScript(csScript);
     if (!stName.bFound) {
-        return m_csName.c_str();
+        return pszGetName();
     }
     if (!stName.csValue) {
         errno = EINVAL;
@@ -148,12 +145,11 @@ const wchar_t* CService::__pszDisplayNameFromScript()
 void CService::SetBinaryPathFromSysVScript()
 {
     std::string csScript;
-    const std::wstring csPath = csScriptPath(m_csName);
+    const std::wstring csPath = csScriptPath(m_clName.csText());
     if (csPath.empty() || !CDiskFile::bReadFile(csPath, &csScript, s_nMaxScript)) {
         return;
     }
-    if (const STMarker stProgram = stReadMarker(csScript, "Program=\"", s_nProgramBuffer);
-        stProgram.csValue) {
+    if (const STMarker stProgram = stProgramInScript(csScript); stProgram.csValue) {
         m_csBinaryPath = csFromUTF8(*stProgram.csValue);
     }
 }

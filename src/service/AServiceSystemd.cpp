@@ -1,11 +1,19 @@
 // The systemd half of CService.
 
 #include "service/AServiceUnix.h"
+#include "service/InitScript.h"
 #include "service/ServiceManagerUnix.h"
 #include "service/Systemctl.h"
+#include "service/SysVFamily.h"
+#include "service/UnitFile.h"
+#include "support/Conversion.h"
 #include "support/DiskFile.h"
 
 #include <wchar.h>
+
+namespace {
+constexpr std::size_t s_nMaxServiceFile = 1U << 20;
+} // namespace
 
 EServiceStatus CService::__eGetStatusSystemd()
 {
@@ -19,8 +27,7 @@ EServiceStatus CService::__eGetStatusSystemd()
         {L"inactive", STATUS_STOPPED},         {L"failed", STATUS_FAILED},
         {L"activating", STATUS_START_PENDING}, {L"deactivating", STATUS_STOP_PENDING},
     };
-    const std::optional<std::wstring> csActiveState =
-        m_pclManager->csAskSystemdProp("ActiveState", m_csName.c_str());
+    const std::optional<std::wstring> csActiveState = m_pclManager->csAskSystemdProp("ActiveState", m_clName);
     if (!csActiveState) {
         return STATUS_UNKNOWN;
     }
@@ -32,16 +39,37 @@ EServiceStatus CService::__eGetStatusSystemd()
     return STATUS_STOPPED; // so does every other word, and none at all
 }
 
+std::optional<std::wstring> CService::csProgramOnDisk()
+{
+    std::wstring csFile = csScriptPath(m_clName.csText());
+    bool bScript = true;
+    if (CServiceManager::bSystemd()) {
+        // A unit that systemd made of an init script has no file that would be anybody's.
+        const auto csSource = m_pclManager->csAskSystemdProp("SourcePath", m_clName);
+        bScript = csSource && csSource->starts_with(g_szScriptDirectory);
+        const auto csFragment = bScript ? csSource : m_pclManager->csAskSystemdProp("FragmentPath", m_clName);
+        csFile = csSource && csFragment ? *csFragment : L"";
+    }
+    std::string csText;
+    if (csFile.empty() || !CDiskFile::bReadFile(csFile, &csText, s_nMaxServiceFile)) {
+        return std::nullopt;
+    }
+    if (!bScript) {
+        return csProgramInUnit(csText);
+    }
+    const STMarker stProgram = stProgramInScript(csText);
+    return stProgram.csValue ? std::optional(csFromUTF8(*stProgram.csValue)) : std::nullopt;
+}
+
 bool CService::__bRemoveSystemd()
 {
-    const auto csFragment = m_pclManager->csAskSystemdProp("FragmentPath", m_csName.c_str());
-    const auto csSource =
-        csFragment ? m_pclManager->csAskSystemdProp("SourcePath", m_csName.c_str()) : std::nullopt;
+    const auto csFragment = m_pclManager->csAskSystemdProp("FragmentPath", m_clName);
+    const auto csSource = csFragment ? m_pclManager->csAskSystemdProp("SourcePath", m_clName) : std::nullopt;
     // Which files make up the service is not known: removed half it would come back.
     if (!csFragment || !csSource) {
         return false;
     }
-    if (!bSystemctlDone(L"disable " + m_csName)) {
+    if (!__bAsk(L"disable")) {
         return false;
     }
     if (!__bStopForRemoval()) {

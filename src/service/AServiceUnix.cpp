@@ -1,19 +1,32 @@
 #include "service/AServiceUnix.h"
 
+#include "service/CommandLine.h"
 #include "service/ServiceManagerUnix.h"
 #include "service/Systemctl.h"
 
-#include <algorithm>
 #include <cerrno>
 
-CService::CService(CServiceManager* pclManager, std::wstring csName)
-    : m_pclManager(pclManager), m_csName(std::move(csName))
+namespace {
+std::optional<std::wstring> csField(const wchar_t* psz)
+{
+    return psz != nullptr ? std::optional<std::wstring>(psz) : std::nullopt;
+}
+} // namespace
+
+CService::CService(CServiceManager* pclManager, const wchar_t* pszName)
+    : CService(pclManager, CServiceName::s_clSaid(pszName))
 {}
 
-CService::CService(CServiceManager* pclManager, std::wstring csName,
-                   std::optional<std::wstring> csDisplayName, std::optional<std::wstring> csBinaryPath)
-    : m_pclManager(pclManager), m_csName(std::move(csName)), m_csBinaryPath(std::move(csBinaryPath)),
-      m_csDisplayName(std::move(csDisplayName))
+CService::CService(CServiceManager* pclManager, const wchar_t* pszName, const wchar_t* pszDisplayName,
+                   const wchar_t* pszBinaryPath)
+    : CService(pclManager, CServiceName::s_clSaid(pszName), csField(pszDisplayName), csField(pszBinaryPath))
+{}
+
+CService::CService(CServiceManager* pclManager, CServiceName clName,
+                   std::optional<std::wstring> csDisplayName, std::optional<std::wstring> csBinaryPath,
+                   std::optional<std::wstring> csExecutable)
+    : m_pclManager(pclManager), m_clName(std::move(clName)), m_csBinaryPath(std::move(csBinaryPath)),
+      m_csDisplayName(std::move(csDisplayName)), m_csExecutable(std::move(csExecutable))
 {}
 
 const wchar_t* CService::pszGetDisplayName()
@@ -34,12 +47,20 @@ const wchar_t* CService::pszBinaryPathName()
 
 std::wstring CService::csGetExecutable()
 {
+    if (m_csExecutable) {
+        return *m_csExecutable;
+    }
     const wchar_t* pszCommandLine = pszBinaryPathName();
-    std::wstring csPath(pszCommandLine != nullptr ? pszCommandLine : L"");
-    csPath.erase(std::min(csPath.find(L" --"), csPath.size()));
-    csPath.erase(csPath.find_last_not_of(L' ') + 1);
-    csPath.erase(0, std::min(csPath.find_first_not_of(L' '), csPath.size()));
-    return csPath;
+    return CProgram::s_clOf(pszCommandLine != nullptr ? pszCommandLine : L"").csPath();
+}
+
+bool CService::__bAsk(const wchar_t* pszVerb)
+{
+    if (m_clName.csAsked().empty()) {
+        errno = ENOENT;
+        return false;
+    }
+    return bSystemctlDone(pszVerb + (L" " + m_clName.csAsked()));
 }
 
 void CService::AddMissingStep(const std::wstring& csStep)
@@ -50,7 +71,7 @@ void CService::AddMissingStep(const std::wstring& csStep)
 bool CService::bStart(const wchar_t* pszArguments)
 {
     if (CServiceManager::bSystemd()) {
-        return bSystemctlDone(L"start " + m_csName);
+        return __bAsk(L"start");
     }
     return __bScriptCommand(L"start", pszArguments, L">/dev/null");
 }
@@ -73,7 +94,7 @@ bool CService::__bReload()
 bool CService::__bCommand(const wchar_t* pszVerb)
 {
     if (CServiceManager::bSystemd()) {
-        return bSystemctlDone(pszVerb + (L" " + m_csName));
+        return __bAsk(pszVerb);
     }
     return __bScriptCommand(pszVerb, nullptr, L">/dev/null 2>/dev/null");
 }

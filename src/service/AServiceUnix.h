@@ -1,5 +1,7 @@
 #pragma once
 
+#include "service/ServiceName.h"
+
 #include <optional>
 #include <string>
 
@@ -32,11 +34,19 @@ enum EControlCode : unsigned int
 class CService
 {
 public:
-    CService(CServiceManager* pclManager, std::wstring csName);
-    CService(CServiceManager* pclManager, std::wstring csName, std::optional<std::wstring> csDisplayName,
-             std::optional<std::wstring> csBinaryPath);
+    /// The texts as a service manager tells them; a null argument leaves its field null. A service without a
+    /// name does not exist.
+    CService(CServiceManager* pclManager, const wchar_t* pszName);
+    CService(CServiceManager* pclManager, const wchar_t* pszName, const wchar_t* pszDisplayName,
+             const wchar_t* pszBinaryPath);
+    /// The executable where it is known beside the command line.
+    CService(CServiceManager* pclManager, CServiceName clName, std::optional<std::wstring> csDisplayName = {},
+             std::optional<std::wstring> csBinaryPath = {}, std::optional<std::wstring> csExecutable = {});
 
-    const wchar_t* pszGetName() const { return m_csName.c_str(); }
+    const wchar_t* pszGetName() const { return m_clName.bNull() ? nullptr : m_clName.csText().c_str(); }
+    const CServiceName& clName() const { return m_clName; }
+    /// The name as it was registered, spaces included.
+    std::wstring csRegisteredName() { return m_clName.csRegisteredAs(pszGetDisplayName()); }
     /// What programs written for other systems ask for as well: fixed values. The manager asks for none.
     static unsigned int nGetStartType() { return 2; }    ///< automatic
     static unsigned int nGetErrorControl() { return 1; } ///< normal
@@ -48,9 +58,12 @@ public:
     const wchar_t* pszGetDisplayName();
     /// Full command line or program path; null when unknown. On SysV read from the script's marker line.
     const wchar_t* pszBinaryPathName();
-    /// The executable alone: the binary path cut at its first " --" and stripped of spaces; empty when
-    /// unknown.
+    /// The executable alone; empty when unknown. Under systemd as systemctl shows it, otherwise what the
+    /// binary path says (CProgram::s_clOf).
     std::wstring csGetExecutable();
+    /// The program that the service's unit file or init script says, read anew and whole; nothing when it
+    /// does not say one.
+    std::optional<std::wstring> csProgramOnDisk();
 
     /// pszArguments reach a SysV script only: a unit fixes its own command line.
     bool bStart(const wchar_t* pszArguments = nullptr);
@@ -78,6 +91,8 @@ public:
 
 private:
     bool __bReload();
+    /// Runs systemctl with a verb and the name; false (ENOENT) for a name that no unit can have.
+    bool __bAsk(const wchar_t* pszVerb);
     /// A command whose output nobody sees, by the verb that both systems share.
     bool __bCommand(const wchar_t* pszVerb);
     EServiceStatus __eGetStatusSystemd();
@@ -91,8 +106,9 @@ private:
     const wchar_t* __pszDisplayNameFromScript();
 
     CServiceManager* m_pclManager; ///< not owned
-    std::wstring m_csName;
+    CServiceName m_clName;
     std::optional<std::wstring> m_csBinaryPath;
     std::optional<std::wstring> m_csDisplayName;
     std::wstring m_csMissingSteps;
+    std::optional<std::wstring> m_csExecutable;
 };

@@ -1,5 +1,6 @@
 #include "service/InitScript.h"
 
+#include "service/CommandLine.h"
 #include "support/TextLines.h"
 
 #include <algorithm>
@@ -153,19 +154,6 @@ bool bInertWords(const std::wstring& csText)
                        [](wchar_t c) { return bOrdinary(c) || c == L' ' || c == L'/'; });
 }
 
-STCommandLine stSplitCommandLine(std::string_view csCommandLine)
-{
-    const bool bQuoted = csCommandLine.starts_with('"');
-    const std::size_t nSeparator = bQuoted ? csCommandLine.find('"', 1) : csCommandLine.find(' ');
-    if (nSeparator == std::string_view::npos) {
-        return {std::string(csCommandLine), {}};
-    }
-    std::string_view csProgram = csCommandLine.substr(0, nSeparator);
-    csProgram.remove_prefix(bQuoted ? 1 : 0);
-    csProgram.remove_suffix(csProgram.ends_with('"') ? 1 : 0);
-    return {std::string(csProgram), std::string(csCommandLine.substr(nSeparator + 1))};
-}
-
 bool bScriptable(const std::string& csCommandLine)
 {
     const std::string csProgram = stSplitCommandLine(csCommandLine).csProgram;
@@ -177,8 +165,9 @@ void __PatchScript(CXYString<char>* pcsScript, CXYString<char>* pcsLockFile, con
                    const char* pszDisplayName)
 {
     const CPlaceholders tValues =
-        tMakePlaceholders(stSplitCommandLine(pszCommandLine),
-                          csCommentText(pszDisplayName != nullptr ? pszDisplayName : ""), *pcsLockFile);
+        tMakePlaceholders(stSplitCommandLine(pszCommandLine != nullptr ? pszCommandLine : ""),
+                          csCommentText(pszDisplayName != nullptr ? pszDisplayName : ""),
+                          pcsLockFile != nullptr ? *pcsLockFile : std::string());
     std::string csResult;
     // Line by line, because how a value is quoted depends on the line; line ends are kept as they are.
     for (std::string_view csRest = *pcsScript; !csRest.empty();) {
@@ -208,4 +197,14 @@ STMarker stReadMarker(std::string_view csScript, std::string_view csKey, std::si
         return {true, std::string(csValue.substr(0, nEnd))};
     }
     return {};
+}
+
+STMarker stDisplayNameInScript(std::string_view csScript)
+{
+    return stReadMarker(csScript, "Name=\"", 250);
+}
+
+STMarker stProgramInScript(std::string_view csScript)
+{
+    return stReadMarker(csScript, "Program=\"", 150);
 }

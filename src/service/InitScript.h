@@ -17,24 +17,15 @@ bool bInertName(const std::wstring& csName);
 /// The same for a text of several words: nothing in it makes the shell do more than cut it at blanks.
 bool bInertWords(const std::wstring& csText);
 
-/// A command line, cut where its program ends: at the second double quote when it begins with one, otherwise
-/// at the first blank. The arguments keep their blanks.
-struct STCommandLine
-{
-    std::string csProgram;
-    std::string csArguments;
-};
-STCommandLine stSplitCommandLine(std::string_view csCommandLine);
-
 /// Whether a script can hold a server's command line and still be read back: no control characters, a
 /// program, and no double quote in its path, as that ends the path in the marker line.
 bool bScriptable(const std::string& csCommandLine);
 
-/// Fills the four placeholders of a template. Ordinary values are inserted byte for byte. In commands every
-/// character of the program and the arguments that means something to the shell gets a backslash, double
-/// quotes group arguments, and what goes through the helper `daemon` is escaped for the second shell that it
-/// uses. In comments the values stand as they are; a display name has its line ends replaced by blanks and
-/// its double quotes by single ones, or it could forge the marker line.
+/// Fills the four placeholders of a template; a null text counts as an empty one. Ordinary values are
+/// inserted byte for byte. In commands every character of the program and the arguments that means something
+/// to the shell gets a backslash, double quotes group arguments, and what goes through the helper `daemon` is
+/// escaped for the second shell that it uses. In comments the values stand as they are; a display name has
+/// its line ends replaced by blanks and its double quotes by single ones, or it could forge the marker line.
 void __PatchScript(CXYString<char>* pcsScript, CXYString<char>* pcsLockFile, const char* pszCommandLine,
                    const char* pszDisplayName);
 
@@ -47,3 +38,7 @@ struct STMarker
 /// Looks in the first nBuffer - 1 bytes of each line, the first line with the marker decides. csKey ends with
 /// the opening quote.
 STMarker stReadMarker(std::string_view csScript, std::string_view csKey, std::size_t nBuffer);
+
+/// The two values of the marker line. Their readers' buffers differ, in bytes; clients rely on it.
+STMarker stDisplayNameInScript(std::string_view csScript);
+STMarker stProgramInScript(std::string_view csScript);

@@ -1,9 +1,9 @@
 // The SysV back end: init scripts, and their registration with the family's own tool.
 
+#include "service/CommandLine.h"
 #include "service/Distribution.h"
 #include "service/InitScript.h"
 #include "service/ServiceManagerUnix.h"
-#include "service/ServiceName.h"
 #include "service/SysVFamily.h"
 #include "support/Conversion.h"
 #include "support/DiskFile.h"
@@ -23,23 +23,24 @@ struct STScriptPlace
     std::wstring csFilePrefix;
 };
 
-/// Name of the service whose script a file is; empty when it is none that is asked for, or is listed from an
-/// earlier place already.
-std::wstring csServiceOf(const STScriptPlace& stPlace, const std::wstring& csStart,
-                         const std::wstring& csFile)
+/// The service whose script a file is; null when it is none that is asked for, or is listed from an earlier
+/// place already.
+std::optional<CServiceName> clServiceOf(const STScriptPlace& stPlace, const std::wstring& csStart,
+                                        const std::string& csFile)
 {
-    if (!csFile.starts_with(stPlace.csFilePrefix)) {
-        return {};
+    const std::string csPrefix = csToUTF8(stPlace.csFilePrefix);
+    if (!csFile.starts_with(csPrefix)) {
+        return std::nullopt;
     }
-    std::wstring csName = csFile.substr(stPlace.csFilePrefix.size());
-    const bool bWanted = csName.starts_with(csStart) && bInertName(csName) &&
-                         csScriptPath(csName) == stPlace.csDirectory + csFile;
-    return bWanted ? csName : std::wstring();
+    CServiceName clName = CServiceName::s_clListed(csFile.substr(csPrefix.size()));
+    const bool bWanted = clName.csText().starts_with(csStart) && bInertName(clName.csText()) &&
+                         csToUTF8(csScriptPath(clName.csText())) == csToUTF8(stPlace.csDirectory) + csFile;
+    return bWanted ? std::optional(std::move(clName)) : std::nullopt;
 }
 
 /// Appends the names of the services whose scripts lie in one place; a place that does not exist has none.
 /// False, with errno, when it cannot be read to its end.
-bool bListPlace(const STScriptPlace& stPlace, const std::wstring& csStart, std::vector<std::wstring>* ptNames)
+bool bListPlace(const STScriptPlace& stPlace, const std::wstring& csStart, std::vector<CServiceName>* ptNames)
 {
     const CDirectory pDirectory(::opendir(csToUTF8(stPlace.csDirectory).c_str()));
     if (pDirectory == nullptr) {
@@ -51,9 +52,8 @@ bool bListPlace(const STScriptPlace& stPlace, const std::wstring& csStart, std::
         if (pstEntry == nullptr) {
             return errno == 0;
         }
-        if (std::wstring csName = csServiceOf(stPlace, csStart, csFromUTF8(pstEntry->d_name));
-            !csName.empty()) {
-            ptNames->push_back(std::move(csName));
+        if (std::optional<CServiceName> clName = clServiceOf(stPlace, csStart, pstEntry->d_name)) {
+            ptNames->push_back(std::move(*clName));
         }
     }
 }
@@ -92,6 +92,26 @@ bool bWriteScript(const std::wstring& csPath, const std::string& csText)
     errno = nErrno;
     return false;
 }
+/// Whether later lookups read from the script exactly the program that was registered. In a path a backslash
+/// counts as a slash for whoever looks for the server's settings.
+bool bScriptReadsBack(const std::string& csText, const std::wstring& csCommandLine)
+{
+    const std::string csBytes = csToUTF8(csCommandLine);
+    const std::wstring csProgram = csFromUTF8(stSplitCommandLine(csBytes).csProgram);
+    const std::optional<std::string> csRead = stProgramInScript(csText).csValue;
+    return bScriptable(csBytes) && csFromUTF8(csBytes) == csCommandLine &&
+           csProgram.find(L'\\') == std::wstring::npos && csRead &&
+           CProgram::s_clOf(csFromUTF8(*csRead)).csPath() == csProgram;
+}
+
+/// Whether a display name that is the service's own name is read again as it was.
+bool bNameReadsBack(const std::string& csText, const CServiceName& clName, const std::wstring& csDisplayName)
+{
+    const std::optional<std::string> csRead = stDisplayNameInScript(csText).csValue;
+    return clName.csRegisteredAs(csDisplayName.c_str()) == clName.csRegistry() ||
+           !(CServiceName::s_clSaid(csDisplayName.c_str()) == clName) ||
+           (csRead && csFromUTF8(*csRead) == csDisplayName);
+}
 } // namespace
 
 EDistri CServiceManager::__eFindDistri()
@@ -99,10 +119,12 @@ EDistri CServiceManager::__eFindDistri()
     return eFindDistribution();
 }
 
-std::unique_ptr<CService> CServiceManager::__pclGetServiceSysV(const std::wstring& csName)
+std::unique_ptr<CService> CServiceManager::__pclGetServiceSysV(const CServiceName& clName)
 {
-    for (const std::wstring& csCandidate : {csScriptName(csName), csName}) {
-        auto pclService = std::make_unique<CService>(this, csCandidate);
+    // The script that an installation would write, then one that somebody else has called just that.
+    for (const CServiceName& clCandidate :
+         {clName.clRegistered(), CServiceName::s_clListed(csToUTF8(clName.csText()))}) {
+        auto pclService = std::make_unique<CService>(this, clCandidate);
         if (pclService->bReadScript()) {
             return pclService;
         }
@@ -115,16 +137,17 @@ std::unique_ptr<CService> CServiceManager::__pclGetServiceSysV(const std::wstrin
 
 std::unique_ptr<CServiceEnumeration> CServiceManager::__pclEnumServiceSysV(const std::wstring& csPrefix)
 {
-    std::vector<std::wstring> tNames;
+    const std::wstring csStart = CServiceName::s_clSaid(csPrefix.c_str()).csScript();
+    std::vector<CServiceName> tNames;
     for (const STScriptPlace& stPlace : tScriptPlaces()) {
-        if (!bListPlace(stPlace, csScriptName(csPrefix), &tNames)) {
+        if (!bListPlace(stPlace, csStart, &tNames)) {
             return nullptr;
         }
     }
 
     std::vector<std::unique_ptr<CService>> tServices;
-    for (const std::wstring& csName : tNames) {
-        auto pclService = std::make_unique<CService>(this, csName);
+    for (const CServiceName& clName : tNames) {
+        auto pclService = std::make_unique<CService>(this, clName);
         if (pclService->bReadScript()) {
             tServices.push_back(std::move(pclService));
         } else if (errno != ENOENT) { // not known is not gone
@@ -134,25 +157,29 @@ std::unique_ptr<CServiceEnumeration> CServiceManager::__pclEnumServiceSysV(const
     return std::make_unique<CServiceEnumeration>(std::move(tServices));
 }
 
-std::unique_ptr<CService> CServiceManager::__pclInstallSysV(const std::wstring& csName,
-                                                            const std::wstring& csDisplayName,
+std::unique_ptr<CService> CServiceManager::__pclInstallSysV(const CServiceName& clName,
+                                                            const wchar_t* pszDisplayName,
                                                             const std::wstring& csBinaryPath, bool bAutoStart)
 {
-    const std::wstring csScript = csScriptName(csName);
-    const std::string csCommandLine = csToUTF8(csBinaryPath);
+    const std::wstring csScript = clName.csRegistry();
+    const std::wstring csDisplayName(pszDisplayName != nullptr ? pszDisplayName : L"");
     const STSysVFamily* const pstFamily = pstFindFamily(ms_eDistri);
-    if (pstFamily == nullptr || !bInertName(csScript) || !bScriptable(csCommandLine)) {
+    std::string csText;
+    std::string csLockFile = csToUTF8(csScript);
+    if (pstFamily != nullptr) {
+        // The script's name is that of its lock file too, and what the tools know the service by.
+        csText = *pstFamily->pcsTemplate;
+        __PatchScript(&csText, &csLockFile, csToUTF8(csBinaryPath).c_str(), csToUTF8(csDisplayName).c_str());
+    }
+    if (pstFamily == nullptr || !bScriptReadsBack(csText, csBinaryPath) ||
+        !bNameReadsBack(csText, clName, csDisplayName)) {
         errno = EINVAL;
         return nullptr;
     }
-    // The script's name is that of its lock file too, and what the tools know the service by.
-    std::string csText(*pstFamily->pcsTemplate);
-    std::string csLockFile = csToUTF8(csScript);
-    __PatchScript(&csText, &csLockFile, csCommandLine.c_str(), csToUTF8(csDisplayName).c_str());
     if (!bWriteScript(pstFamily->pszScriptPrefix + csScript, csText)) {
         return nullptr;
     }
-    auto pclService = std::make_unique<CService>(this, csScript);
+    auto pclService = std::make_unique<CService>(this, csScript.c_str());
     if (bAutoStart) {
         pstFamily->pfnRegister(*pstFamily, csLockFile);
         if (!CStopping::bMayGoOn()) {

@@ -2,12 +2,13 @@
 
 #include "service/LanceProcessus.h"
 #include "service/ServiceManagerUnix.h"
-#include "service/ServiceName.h"
 #include "service/Systemctl.h"
 #include "service/SystemctlOutput.h"
 #include "service/SysVFamily.h"
+#include "service/UnitFile.h"
 #include "support/Conversion.h"
 #include "support/DiskFile.h"
+#include "support/Stopping.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -20,35 +21,6 @@ constexpr unsigned int s_nDetectionLimitMs = 30'000;
 std::optional<std::wstring> csDecode(const std::optional<std::string>& csBytes)
 {
     return csBytes ? std::optional(csFromUTF8(*csBytes)) : std::nullopt;
-}
-
-std::wstring csUnitDirectory()
-{
-    constexpr wchar_t szUsual[] = L"/lib/systemd/system/";
-    return CDiskFile::bExists(szUsual) ? szUsual : L"/usr/lib/systemd/system/";
-}
-
-/// The install section stands ahead of the service section; intended. The service is started with its own
-/// name as its last argument.
-std::wstring csUnitText(const std::wstring& csUnit, std::wstring csDisplayName,
-                        const std::wstring& csBinaryPath, bool bRestartOnAbnormal)
-{
-    // A line end would write lines of its own into the unit.
-    std::replace(csDisplayName.begin(), csDisplayName.end(), L'\n', L' ');
-    return L"[Unit]\n"
-           L"Description=" +
-           csDisplayName +
-           L"\n"
-           L"After=network.target\n"
-           L"[Install]\n"
-           L"WantedBy=multi-user.target\n"
-           L"[Service]\n"
-           L"Type=forking\n"
-           L"ExecStart=" +
-           csBinaryPath + L" " + csUnit +
-           L"\n"
-           L"PIDFile=/var/run/" +
-           csUnit + L".pid\n" + (bRestartOnAbnormal ? L"Restart=on-abnormal\n" : L"");
 }
 } // namespace
 
@@ -70,13 +42,17 @@ bool CServiceManager::__bSystemdWorks()
 
 CTString CServiceManager::csGetSystemdProp(const char* pszProperty, const wchar_t* pszName)
 {
-    return csAskSystemdProp(pszProperty, pszName).value_or(std::wstring());
+    return csAskSystemdProp(pszProperty, CServiceName::s_clSaid(pszName)).value_or(std::wstring());
 }
 
-std::optional<std::wstring> CServiceManager::csAskSystemdProp(const char* pszProperty, const wchar_t* pszName)
+std::optional<std::wstring> CServiceManager::csAskSystemdProp(const char* pszProperty,
+                                                              const CServiceName& clName)
 {
-    const std::optional<std::string> csAnswer =
-        csAskSystemctl({L"--property=" + csFromUTF8(pszProperty) + L" show " + pszName, pszProperty});
+    if (clName.csAsked().empty()) { // such a unit has no properties
+        return std::wstring();
+    }
+    const std::optional<std::string> csAnswer = csAskSystemctl(
+        {L"--property=" + csFromUTF8(pszProperty) + L" show " + clName.csAsked(), pszProperty});
     if (!csAnswer) {
         return std::nullopt;
     }
@@ -84,82 +60,121 @@ std::optional<std::wstring> CServiceManager::csAskSystemdProp(const char* pszPro
     return csFromUTF8(csReadProperty(csLine.empty() ? *csAnswer : csLine));
 }
 
-std::unique_ptr<CService> CServiceManager::__pclGetServiceSystemd(const std::wstring& csName)
+std::unique_ptr<CService> CServiceManager::__pclMakeShown(const CServiceName& clName,
+                                                          std::string_view csOutput)
 {
-    std::wstring csUnit;
-    if (!bUnitName(csName, &csUnit)) {
-        errno = ENOENT;
-        return nullptr;
-    }
-    std::wstring csArguments = L"--property=Description,ExecStart,Type show " + csUnit;
-    // In a lookup, and nowhere else, these two stand for blanks; intended.
-    std::replace_if(
-        csArguments.begin(), csArguments.end(), [](wchar_t c) { return c == L';' || c == L'|'; }, L' ');
-    const std::optional<std::string> csAnswer = csAskSystemctl({csArguments, "Type"});
-    if (!csAnswer) {
-        return nullptr;
-    }
-    const STUnitShown stShown = stReadShow(*csAnswer);
+    const STUnitShown stShown = stReadShow(csOutput);
     if (!stShown.bExists) {
         errno = ENOENT;
         return nullptr;
     }
     std::optional<std::wstring> csBinaryPath = csDecode(stShown.csBinaryPath);
     // A unit that systemd made of an init script runs the script: the server's program stands inside it.
-    const bool bFromScript = csBinaryPath && csBinaryPath->starts_with(g_szScriptDirectory);
-    auto pclService = std::make_unique<CService>(this, csUnit, csDecode(stShown.csDescription),
-                                                 bFromScript ? std::nullopt : std::move(csBinaryPath));
-    if (bFromScript && !pclService->bReadScript() && errno != ENOENT) {
+    if (csBinaryPath && csBinaryPath->starts_with(g_szScriptDirectory)) {
+        auto pclService = std::make_unique<CService>(this, clName, csDecode(stShown.csDescription));
+        return pclService->bReadScript() || errno == ENOENT ? std::move(pclService) : nullptr;
+    }
+    return std::make_unique<CService>(this, clName, csDecode(stShown.csDescription), std::move(csBinaryPath),
+                                      csDecode(stShown.csExecutable));
+}
+
+std::unique_ptr<CService> CServiceManager::__pclGetServiceSystemd(const CServiceName& clName)
+{
+    if (clName.csAsked().empty()) {
+        errno = ENOENT;
         return nullptr;
     }
-    return pclService;
+    const std::optional<std::string> csAnswer =
+        csAskSystemctl({L"--property=Description,ExecStart,Type show " + clName.csAsked(), "Type"});
+    return csAnswer ? __pclMakeShown(clName.clRegistered(), *csAnswer) : nullptr;
+}
+
+/// Adds the services of a listing whose names begin with the prefix and that are not there yet. False, with
+/// errno, when one of them could not be asked.
+bool CServiceManager::__bAddListed(std::string_view csListing, const std::wstring& csStart,
+                                   std::vector<std::unique_ptr<CService>>* ptServices)
+{
+    for (const std::string_view csListed : tReadListing(csListing)) {
+        const CServiceName clName = CServiceName::s_clListed(csListed);
+        const bool bKnown = std::any_of(ptServices->begin(), ptServices->end(),
+                                        [&clName](const auto& pcl) { return pcl->clName() == clName; });
+        // Files of templates are listed, too: their only "@" is at the end. They are no services.
+        const bool bTemplate = csListed.find('@') + 1 == csListed.size();
+        if (bKnown || bTemplate || !clName.csText().starts_with(csStart)) {
+            continue;
+        }
+        if (auto pclService = __pclGetServiceSystemd(clName)) {
+            ptServices->push_back(std::move(pclService));
+        } else if (errno != ENOENT) { // not known is not gone
+            return false;
+        }
+    }
+    return true;
 }
 
 std::unique_ptr<CServiceEnumeration> CServiceManager::__pclEnumServiceSystemd(const std::wstring& csPrefix)
 {
     const std::optional<std::string> csAnswer = csAskSystemctl(stListUnits());
-    if (!csAnswer) {
-        return nullptr;
-    }
-    // All units are listed and picked here: a pattern would be read by systemctl, whatever it holds.
-    const std::wstring csStart = csScriptName(csPrefix);
     std::vector<std::unique_ptr<CService>> tServices;
-    for (const std::string_view csListed : tReadListing(*csAnswer)) {
-        const std::wstring csName = csUnitFromListing(csListed);
-        if (!csName.starts_with(csStart)) {
-            continue;
-        }
-        if (auto pclService = __pclGetServiceSystemd(csName)) {
-            tServices.push_back(std::move(pclService));
-        } else if (errno != ENOENT) { // not known is not gone
-            return nullptr;
-        }
+    // All units are listed and picked here: a pattern would be read by systemctl, whatever it holds.
+    const std::wstring csStart = CServiceName::s_clSaid(csPrefix.c_str()).csScript();
+    if (!csAnswer || !__bAddListed(*csAnswer, csStart, &tServices)) {
+        return nullptr;
     }
     return std::make_unique<CServiceEnumeration>(std::move(tServices));
 }
 
-std::unique_ptr<CService> CServiceManager::__pclInstallSystemd(const std::wstring& csName,
-                                                               const std::wstring& csDisplayName,
+bool CServiceManager::__bAddUnloaded(const std::wstring& csPrefix,
+                                     std::vector<std::unique_ptr<CService>>* ptServices)
+{
+    const std::optional<std::string> csAnswer = csAskSystemctl(stListUnitFiles());
+    return csAnswer && __bAddListed(*csAnswer, csPrefix, ptServices);
+}
+
+std::unique_ptr<CService> CServiceManager::__pclInstallSystemd(const CServiceName& clName,
+                                                               const wchar_t* pszDisplayName,
                                                                const std::wstring& csBinaryPath,
                                                                bool bAutoStart, bool bRestartOnAbnormal)
 {
-    std::wstring csUnit;
-    // A line end in the command line would write lines of its own into the unit.
-    if (!bUnitName(csName, &csUnit) || !bWritableInUnit(csUnit) ||
-        csBinaryPath.find_first_of(L"\r\n") != std::wstring::npos) {
+    if (!bUnitReadsBack(csBinaryPath, clName)) {
         errno = EINVAL;
         return nullptr;
     }
-    const std::wstring csText = csUnitText(csUnit, csDisplayName, csBinaryPath, bRestartOnAbnormal);
-    if (!CDiskFile::bWriteFile(csUnitDirectory() + csUnitFileName(csUnit) + L".service", csToUTF8(csText))) {
+    CUnitFile clFile(clName);
+    if (!clFile.bWrite(csUnitText(clName, pszDisplayName != nullptr ? pszDisplayName : L"", csBinaryPath,
+                                  bRestartOnAbnormal))) {
         return nullptr;
     }
-    auto pclService = std::make_unique<CService>(this, csUnit, csDisplayName, csBinaryPath);
-    // Outcomes are not judged: a start that fails tells.
-    for (const std::wstring& csStep : {std::wstring(L"daemon-reload"), L"enable " + csUnit}) {
-        if ((bAutoStart || !csStep.starts_with(L"enable ")) && !bSystemctlDone(csStep)) {
-            pclService->AddMissingStep(L"systemctl " + csStep);
+    auto pclService =
+        std::make_unique<CService>(this, clName.csRegistry().c_str(), pszDisplayName, csBinaryPath.c_str());
+    if (!bSystemctlDone(L"daemon-reload")) { // not judged: a start that fails tells
+        pclService->AddMissingStep(L"systemctl daemon-reload");
+    }
+    const std::wstring csEnable = L"enable " + clName.csAsked();
+    if (bAutoStart && !bSystemctlDone(csEnable)) {
+        if (CStopping::bMayGoOn()) { // systemd itself refuses
+            clFile.TakeBack();
+            return nullptr;
         }
+        pclService->AddMissingStep(L"systemctl " + csEnable);
     }
     return pclService;
+}
+
+bool CServiceManager::bTakeBackRefused(const CService& clService)
+{
+    static constexpr const wchar_t* s_tRefused[] = {L"bad-setting", L"error", L"not-found", L"masked"};
+    if (!bSystemd()) {
+        return false; // a script can always be run
+    }
+    const int nErrno = errno;
+    const std::wstring csLoadState =
+        csAskSystemdProp("LoadState", clService.clName()).value_or(std::wstring());
+    const bool bRefused =
+        std::find(std::begin(s_tRefused), std::end(s_tRefused), csLoadState) != std::end(s_tRefused);
+    if (bRefused) {
+        CUnitFile(clService.clName()).TakeBack();
+    }
+    errno = nErrno;
+    return bRefused;
 }

@@ -16,7 +16,8 @@ bool CServiceManager::bInit(const wchar_t*, unsigned int)
 
 CService* CServiceManager::pclGetService(const wchar_t* pszName, unsigned int)
 {
-    auto pclService = bSystemd() ? __pclGetServiceSystemd(pszName) : __pclGetServiceSysV(pszName);
+    const CServiceName clName = CServiceName::s_clSaid(pszName);
+    auto pclService = bSystemd() ? __pclGetServiceSystemd(clName.clLookedUp()) : __pclGetServiceSysV(clName);
     return pclService.release();
 }
 
@@ -24,7 +25,8 @@ CService* CServiceManager::pclEnumService(unsigned long* pnCursor, const wchar_t
 {
     std::shared_ptr<CServiceEnumeration> pclEnumeration;
     if (*pnCursor == 0) {
-        pclEnumeration = bSystemd() ? __pclEnumServiceSystemd(pszPrefix) : __pclEnumServiceSysV(pszPrefix);
+        const std::wstring csPrefix(pszPrefix != nullptr ? pszPrefix : L"");
+        pclEnumeration = bSystemd() ? __pclEnumServiceSystemd(csPrefix) : __pclEnumServiceSysV(csPrefix);
         if (pclEnumeration == nullptr) {
             *pnCursor = s_nFailedListing;
             return nullptr;
@@ -61,9 +63,15 @@ void CServiceManager::AbortEnumService(unsigned long* pnCursor)
 CService* CServiceManager::pclInstall(const wchar_t* pszName, const wchar_t* pszDisplayName,
                                       const wchar_t* pszBinaryPath, int bAutoStart, int bRestartOnAbnormal)
 {
-    auto pclService = bSystemd() ? __pclInstallSystemd(pszName, pszDisplayName, pszBinaryPath,
-                                                       bAutoStart != 0, bRestartOnAbnormal != 0)
-                                 : __pclInstallSysV(pszName, pszDisplayName, pszBinaryPath, bAutoStart != 0);
+    const CServiceName clName = CServiceName::s_clSaid(pszName);
+    const std::wstring csBinaryPath(pszBinaryPath != nullptr ? pszBinaryPath : L"");
+    if (!clName.bInstallable()) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    auto pclService = bSystemd() ? __pclInstallSystemd(clName, pszDisplayName, csBinaryPath, bAutoStart != 0,
+                                                       bRestartOnAbnormal != 0)
+                                 : __pclInstallSysV(clName, pszDisplayName, csBinaryPath, bAutoStart != 0);
     return pclService.release();
 }
 
@@ -74,12 +82,33 @@ CService* CServiceManager::pclInstallEx(const wchar_t* pszName, const wchar_t* p
     return pclInstall(pszName, pszDisplayName, pszBinaryPath, nStartType == 2 ? 1 : 0, 0);
 }
 
+std::optional<std::vector<std::unique_ptr<CService>>>
+CServiceManager::tRegistered(const wchar_t* pszPrefix, std::initializer_list<const wchar_t*> tFurther)
+{
+    std::vector<std::unique_ptr<CService>> tServices;
+    CServiceListing clListing(this, pszPrefix);
+    while (auto pclService = clListing.pclNext()) {
+        tServices.push_back(std::move(pclService));
+    }
+    if (clListing.bFailed()) {
+        errno = clListing.nError();
+        return std::nullopt;
+    }
+    for (const wchar_t* pszName : tFurther) {
+        if (std::unique_ptr<CService> pclService(pclGetService(pszName)); pclService != nullptr) {
+            tServices.push_back(std::move(pclService));
+        } else if (errno != ENOENT) {
+            return std::nullopt;
+        }
+    }
+    if (bSystemd() && !__bAddUnloaded(pszPrefix, &tServices)) {
+        return std::nullopt;
+    }
+    return tServices;
+}
+
 std::wstring CServiceManager::csRegisteredName(const std::wstring& csName)
 {
-    std::wstring csUnit = csName;
-    if (!bSystemd()) {
-        return csScriptName(csName);
-    }
-    (void)bUnitName(csName, &csUnit); // a name that no unit can have stands as it is: it equals none
-    return csUnit;
+    const CServiceName clName = CServiceName::s_clSaid(csName.c_str());
+    return bSystemd() ? clName.clLookedUp().csRegistry() : clName.csRegistry();
 }

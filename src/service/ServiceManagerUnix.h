@@ -5,6 +5,7 @@
 #include "support/XYString.h"
 
 #include <cerrno>
+#include <initializer_list>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -83,29 +84,43 @@ public:
     /// Value of one unit property; empty when there is none (systemd only).
     CTString csGetSystemdProp(const char* pszProperty, const wchar_t* pszName);
     /// The same; null, with errno, when systemd could not be asked.
-    std::optional<std::wstring> csAskSystemdProp(const char* pszProperty, const wchar_t* pszName);
+    std::optional<std::wstring> csAskSystemdProp(const char* pszProperty, const CServiceName& clName);
 
     /// One change of one service at a time. The operations of records take no lock themselves: who changes a
     /// service asks about it first, under the same lock.
     CServiceLocks& clGetLocks() { return m_clLocks; }
 
-    /// The form in which a service's name stands in the registry: the unit's or the script's name.
+    /// The form in which the name of a service that is said stands in the registry, for its lock.
     static std::wstring csRegisteredName(const std::wstring& csName);
+
+    /// All services whose names begin with the prefix, and those of the further names that exist: also such
+    /// as no listing holds, being neither enabled nor running. Null, with errno, when that cannot be told.
+    std::optional<std::vector<std::unique_ptr<CService>>>
+    tRegistered(const wchar_t* pszPrefix, std::initializer_list<const wchar_t*> tFurther);
+
+    /// Takes back an installation that systemd itself refuses ("bad unit file setting" and the like): the
+    /// unit that was written, with its links. False when it does not refuse the service, which then stays.
+    bool bTakeBackRefused(const CService& clService);
 
 private:
     static bool __bSystemdWorks();
+    bool __bAddListed(std::string_view csListing, const std::wstring& csStart,
+                      std::vector<std::unique_ptr<CService>>* ptServices);
+    /// Adds the services that only have a unit file. False, with errno, when they cannot be listed.
+    bool __bAddUnloaded(const std::wstring& csPrefix, std::vector<std::unique_ptr<CService>>* ptServices);
     static EDistri __eFindDistri();
 
-    std::unique_ptr<CService> __pclGetServiceSystemd(const std::wstring& csName);
+    std::unique_ptr<CService> __pclGetServiceSystemd(const CServiceName& clName);
+    /// The record of one unit, from what "show" printed of it; null when that is no unit.
+    std::unique_ptr<CService> __pclMakeShown(const CServiceName& clName, std::string_view csOutput);
     std::unique_ptr<CServiceEnumeration> __pclEnumServiceSystemd(const std::wstring& csPrefix);
-    std::unique_ptr<CService> __pclInstallSystemd(const std::wstring& csName,
-                                                  const std::wstring& csDisplayName,
+    std::unique_ptr<CService> __pclInstallSystemd(const CServiceName& clName, const wchar_t* pszDisplayName,
                                                   const std::wstring& csBinaryPath, bool bAutoStart,
                                                   bool bRestartOnAbnormal);
 
-    std::unique_ptr<CService> __pclGetServiceSysV(const std::wstring& csName);
+    std::unique_ptr<CService> __pclGetServiceSysV(const CServiceName& clName);
     std::unique_ptr<CServiceEnumeration> __pclEnumServiceSysV(const std::wstring& csPrefix);
-    std::unique_ptr<CService> __pclInstallSysV(const std::wstring& csName, const std::wstring& csDisplayName,
+    std::unique_ptr<CService> __pclInstallSysV(const CServiceName& clName, const wchar_t* pszDisplayName,
                                                const std::wstring& csBinaryPath, bool bAutoStart);
 
     CServiceLocks m_clLocks;

@@ -1,16 +1,19 @@
 #include "service/ServiceName.h"
 
+#include "service/InitScript.h"
+#include "service/ServiceManagerUnix.h"
 #include "support/Conversion.h"
 
 #include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
-#include <string_view>
 
 namespace {
-constexpr std::size_t s_nMaxUnitName = 255; ///< bytes, ".service" included
-constexpr std::string_view s_csSuffix = ".service";
+constexpr std::size_t s_nMaxFileName = 255; ///< bytes
+constexpr std::wstring_view s_csSuffix = L".service";
+constexpr std::wstring_view s_csPidSuffix = L".pid";
+/// What a unit's name holds as it is. A backslash, too, so that a unit whose name has one is asked unchanged.
 constexpr std::string_view s_csUnitCharacters =
     "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ:-_.\\@";
 
@@ -19,6 +22,9 @@ struct STSubstitution
     wchar_t cFrom;
     const wchar_t* pszTo;
 };
+constexpr std::array<STSubstitution, 2> s_tUnitRules{{{L' ', L"_"}, {L'\t', L"__"}}};
+constexpr std::array<STSubstitution, 4> s_tScriptRules{
+    {{L' ', L"_"}, {L'\t', L"__"}, {L'/', L"-"}, {L'.', L"-"}}};
 
 /// Every rule in one pass: what one puts in is not what another looks for.
 template <std::size_t nCount>
@@ -38,10 +44,22 @@ std::wstring csSubstitute(const std::wstring& csName, const std::array<STSubstit
     return csResult;
 }
 
-bool bForbiddenInUnit(wchar_t c)
+bool bControl(wchar_t c)
 {
-    return c < L' ' || (c >= 0x7F && c <= 0x9F) ||
-           std::wstring_view(L"*?[\"/").find(c) != std::wstring_view::npos;
+    return c < L' ' || (c >= 0x7F && c <= 0x9F);
+}
+
+bool bOneOf(wchar_t c, std::wstring_view csSet)
+{
+    return csSet.find(c) != std::wstring_view::npos;
+}
+
+/// What systemd takes in a unit's text: neither a surrogate nor one of the numbers that are no characters.
+bool bCharacter(wchar_t c)
+{
+    const auto n = static_cast<char32_t>(c);
+    return n <= 0x10FFFF && (n < 0xD800 || n > 0xDFFF) && (n < 0xFDD0 || n > 0xFDEF) &&
+           (n & 0xFFFE) != 0xFFFE;
 }
 
 /// The tool takes such a name for a whole one, of a unit that may be another than the name's own.
@@ -54,17 +72,31 @@ bool bHasUnitType(std::wstring_view csUnit)
                        [csUnit](std::wstring_view csType) { return csUnit.ends_with(csType); });
 }
 
-/// Words are what ";" and "|" separate: in a lookup these are blanks.
-bool bHasOptionWord(const std::wstring& csUnit)
+std::size_t nBytes(std::wstring_view csText)
 {
-    bool bWordStart = true;
-    for (const wchar_t c : csUnit) {
-        if (bWordStart && c == L'-') {
-            return true;
-        }
-        bWordStart = c == L';' || c == L'|';
+    return csToUTF8(std::wstring(csText)).size();
+}
+
+std::wstring csHex(char c)
+{
+    std::array<char, 8> tHex{};
+    std::snprintf(tHex.data(), tHex.size(), "\\x%02x",
+                  static_cast<unsigned int>(static_cast<unsigned char>(c)));
+    return {tHex.begin(), tHex.begin() + 4};
+}
+
+/// A unit's name as it stands in its file's name. One whose only "@" is its last character would be a
+/// template.
+std::wstring csEscaped(const std::wstring& csUnit)
+{
+    const std::string csBytes = csToUTF8(csUnit);
+    std::wstring csResult;
+    for (std::size_t n = 0; n < csBytes.size(); ++n) {
+        const bool bTemplate = csBytes[n] == '@' && n + 1 == csBytes.size() && csBytes.find('@') == n;
+        const bool bPlain = !bTemplate && s_csUnitCharacters.find(csBytes[n]) != std::string_view::npos;
+        csResult += bPlain ? std::wstring(1, static_cast<wchar_t>(csBytes[n])) : csHex(csBytes[n]);
     }
-    return false;
+    return csResult;
 }
 
 /// Value of a "\xNN" at the start of the text; -1 when there is none.
@@ -73,66 +105,118 @@ int nEscapedByte(std::string_view cs)
     if (cs.size() < 4 || cs[0] != '\\' || cs[1] != 'x') {
         return -1;
     }
-    const std::string csHex(cs.substr(2, 2));
-    if (csHex.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
+    const std::string csDigits(cs.substr(2, 2));
+    if (csDigits.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
         return -1;
     }
-    return static_cast<int>(std::strtol(csHex.c_str(), nullptr, 16));
-}
-} // namespace
-
-std::wstring csScriptName(const std::wstring& csName)
-{
-    static constexpr std::array<STSubstitution, 4> s_tRules{
-        {{L' ', L"_"}, {L'\t', L"__"}, {L'/', L"-"}, {L'.', L"-"}}};
-    return csSubstitute(csName, s_tRules);
+    return static_cast<int>(std::strtol(csDigits.c_str(), nullptr, 16));
 }
 
-bool bUnitName(const std::wstring& csName, std::wstring* pcsUnit)
-{
-    static constexpr std::array<STSubstitution, 2> s_tRules{{{L' ', L"_"}, {L'\t', L"__"}}};
-    std::wstring csUnit = csSubstitute(csName, s_tRules);
-    if (std::any_of(csUnit.begin(), csUnit.end(), bForbiddenInUnit) || bHasOptionWord(csUnit) ||
-        bHasUnitType(csUnit) || csToUTF8(csUnit).size() + s_csSuffix.size() > s_nMaxUnitName) {
-        return false;
-    }
-    *pcsUnit = std::move(csUnit);
-    return true;
-}
-
-bool bWritableInUnit(const std::wstring& csUnit)
-{
-    return csUnit.find_first_of(L"\\%$'") == std::wstring::npos;
-}
-
-std::wstring csUnitFileName(const std::wstring& csUnit)
-{
-    std::wstring csFile;
-    for (const char c : csToUTF8(csUnit)) {
-        if (s_csUnitCharacters.find(c) != std::string_view::npos) {
-            csFile += static_cast<wchar_t>(c);
-            continue;
-        }
-        std::array<char, 8> tEscape{};
-        std::snprintf(tEscape.data(), tEscape.size(), "\\x%02x",
-                      static_cast<unsigned int>(static_cast<unsigned char>(c)));
-        csFile.append(tEscape.begin(), tEscape.begin() + 4);
-    }
-    return csFile;
-}
-
-std::wstring csUnitFromListing(std::string_view csListed)
+std::wstring csUnescaped(std::string_view csListed)
 {
     std::string csBytes;
     csBytes.reserve(csListed.size());
     for (std::size_t n = 0; n < csListed.size();) {
         const int nByte = nEscapedByte(csListed.substr(n));
-        if (nByte >= 0x80) {
-            csBytes += static_cast<char>(nByte);
-            n += 4;
-        } else {
-            csBytes += csListed[n++];
-        }
+        csBytes += nByte >= 0 ? static_cast<char>(nByte) : csListed[n];
+        n += nByte >= 0 ? 4 : 1;
     }
     return csFromUTF8(csBytes);
+}
+
+/// The escaped form of a unit's name; empty for a name that systemctl would not take for one whole name.
+std::wstring csWholeName(const std::wstring& csUnit)
+{
+    const bool bForbidden = std::any_of(csUnit.begin(), csUnit.end(),
+                                        [](wchar_t c) { return bControl(c) || bOneOf(c, L"*?[\"/ "); });
+    if (csUnit.empty() || bForbidden || csUnit.front() == L'-' || bHasUnitType(csUnit)) {
+        return {};
+    }
+    std::wstring csAsked = csEscaped(csUnit);
+    return csAsked.size() + s_csSuffix.size() > s_nMaxFileName ? std::wstring() : csAsked;
+}
+
+/// Somebody else's unit may have a name that no name of ours escapes to: it stays as it is listed, so that it
+/// is nobody's but its own.
+std::wstring csUnitListed(const std::wstring& csListed)
+{
+    const std::wstring csUnit = csUnescaped(csToUTF8(csListed));
+    return csWholeName(csUnit) == csListed ? csUnit : csListed;
+}
+
+/// The form in which systemctl is asked. A backslash that somebody says may look like an escape: "R\x26D" is
+/// not the service "R&D", and names nothing.
+std::wstring csAsk(const std::wstring& csUnit)
+{
+    std::wstring csAsked = csWholeName(csUnit);
+    return csUnitListed(csAsked) == csUnit ? csAsked : std::wstring();
+}
+
+bool bHasOptionWord(const std::wstring& csText)
+{
+    return csText.starts_with(L'-') || csText.find(L" -") != std::wstring::npos;
+}
+} // namespace
+
+CServiceName CServiceName::s_clSaid(const wchar_t* pszName)
+{
+    if (pszName == nullptr) {
+        return {};
+    }
+    const std::wstring csText(pszName);
+    return {csText, csAsk(csSubstitute(csText, s_tUnitRules)), false};
+}
+
+CServiceName CServiceName::s_clListed(std::string_view csListed)
+{
+    const std::wstring csVerbatim = csFromUTF8(csListed);
+    if (!CServiceManager::bSystemd()) {
+        return {csVerbatim, {}, true};
+    }
+    return {csUnitListed(csVerbatim), csVerbatim, true};
+}
+
+std::wstring CServiceName::csRegistry() const
+{
+    if (m_bListed) {
+        return m_csText;
+    }
+    return CServiceManager::bSystemd() ? csSubstitute(m_csText, s_tUnitRules) : csScript();
+}
+
+std::wstring CServiceName::csScript() const
+{
+    return csSubstitute(m_csText, s_tScriptRules);
+}
+
+CServiceName CServiceName::clLookedUp() const
+{
+    std::wstring csWords = csRegistry();
+    std::replace_if(
+        csWords.begin(), csWords.end(), [](wchar_t c) { return bOneOf(c, L";|"); }, L' ');
+    csWords.erase(csWords.find_last_not_of(L' ') + 1);
+    csWords.erase(0, std::min(csWords.find_first_not_of(L' '), csWords.size()));
+    return {csWords, csAsk(csWords), true}; // a space that is left has no asked form
+}
+
+std::wstring CServiceName::csRegisteredAs(const wchar_t* pszDisplayName) const
+{
+    const CServiceName clDisplayed = s_clSaid(pszDisplayName);
+    return !clDisplayed.bNull() && clDisplayed == *this ? clDisplayed.m_csText : m_csText;
+}
+
+bool CServiceName::bInstallable() const
+{
+    const bool bSystemd = CServiceManager::bSystemd();
+    // In a unit's text these mean something else; ";" and "|" could not be looked up.
+    const std::wstring_view csForbidden = bSystemd ? L"\\%$';|" : L"";
+    const bool bGood = std::all_of(m_csText.begin(), m_csText.end(), [csForbidden](wchar_t c) {
+        return bCharacter(c) && !bControl(c) && !bOneOf(c, csForbidden);
+    });
+    if (m_csText.empty() || !bGood || m_csText.front() == L' ' || m_csText.back() == L' ' ||
+        bHasOptionWord(m_csText) || bHasUnitType(m_csText) ||
+        nBytes(csRegistry()) + s_csPidSuffix.size() > s_nMaxFileName) {
+        return false;
+    }
+    return bSystemd ? !m_csAsked.empty() : bInertName(csRegistry());
 }

@@ -114,6 +114,11 @@ bool bAskPersistently(const std::function<bool()>& fnAsk)
     return bAnswered;
 }
 
+STSystemctlQuestion stListUnitFiles()
+{
+    return {L"list-unit-files --type=service --full --no-pager --no-legend", {}, s_nMaxListing};
+}
+
 std::optional<std::string> csAskSystemctl(const STSystemctlQuestion& stQuestion)
 {
     std::optional<std::string> csAnswer;

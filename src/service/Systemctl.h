@@ -21,6 +21,8 @@ struct STSystemctlQuestion
 
 /// All units of type service that systemd knows.
 STSystemctlQuestion stListUnits();
+/// All unit files of services, whether systemd has loaded them or not.
+STSystemctlQuestion stListUnitFiles();
 
 /// Calls fnAsk until it is true: up to three times more, begun within two seconds of the first failure and
 /// not once the process is to end. While systemd executes itself anew no tool gets an answer from it. When

@@ -28,19 +28,40 @@ std::string_view csAfterMarks(std::string_view csLine)
     return csLine;
 }
 
-/// Of "{ path=/p ; argv[]=/p --SERVICE DXCS-A ; ignore_errors=no ; ... }" the words behind "argv[]=".
-std::optional<std::string> csCommandLine(std::string_view csExecStart)
+struct STExecStart
 {
-    const std::size_t nArgv = csExecStart.find(s_csArgv, 1);
+    std::optional<std::string> csExecutable;
+    std::optional<std::string> csCommandLine;
+};
+
+/// Of "{ path=/p ; argv[]=/p --SERVICE DXCS-A ; ignore_errors=no ; ... }" the text after "path=", when the
+/// one after "argv[]=" begins with it: exact whatever the path holds. The words after "argv[]=" end at a ";".
+STExecStart stReadExecStart(std::string_view csExecStart)
+{
+    constexpr std::string_view csPathKey = "{ path=";
+    constexpr std::string_view csArgvKey = " ; argv[]=";
+    STExecStart st;
+    std::size_t nArgv = csExecStart.find(s_csArgv, 1);
+    std::size_t nProgram = 0; // length of the program in the command line
+    for (std::size_t nKey = csExecStart.find(csArgvKey);
+         csExecStart.starts_with(csPathKey) && nKey != std::string_view::npos && !st.csExecutable;
+         nKey = csExecStart.find(csArgvKey, nKey + 1)) {
+        const std::string_view csPath = csExecStart.substr(csPathKey.size(), nKey - csPathKey.size());
+        const std::string_view csWords = csExecStart.substr(nKey + csArgvKey.size());
+        if (csWords.starts_with(csPath) && csWords.substr(csPath.size()).starts_with(' ')) {
+            st.csExecutable = csPath;
+            nArgv = nKey + csArgvKey.size() - s_csArgv.size();
+            nProgram = csPath.size();
+        }
+    }
     if (nArgv == std::string_view::npos) {
-        return std::nullopt;
+        return st;
     }
     const std::size_t nStart = nArgv + s_csArgv.size();
-    const std::size_t nEnd = csExecStart.find(';', nStart);
-    if (nEnd == std::string_view::npos) {
-        return std::nullopt;
+    if (const std::size_t nEnd = csExecStart.find(';', nStart + nProgram); nEnd != std::string_view::npos) {
+        st.csCommandLine = csExecStart.substr(nStart, nEnd - nStart);
     }
-    return std::string(csExecStart.substr(nStart, nEnd - nStart));
+    return st;
 }
 } // namespace
 
@@ -60,8 +81,9 @@ STUnitShown stReadShow(std::string_view csOutput)
         } else if (bSameKey(csKey, "Description")) {
             stShown.csDescription = std::string(csValue);
         } else if (bSameKey(csKey, "ExecStart")) {
-            if (auto csPath = csCommandLine(csValue)) {
-                stShown.csBinaryPath = std::move(csPath);
+            if (STExecStart st = stReadExecStart(csValue); st.csCommandLine) {
+                stShown.csBinaryPath = std::move(st.csCommandLine);
+                stShown.csExecutable = std::move(st.csExecutable);
             }
         }
     });

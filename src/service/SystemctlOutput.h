@@ -13,6 +13,7 @@ struct STUnitShown
     bool bExists = false;                     ///< a "Type" with a value was seen
     std::optional<std::string> csDescription; ///< UTF-8
     std::optional<std::string> csBinaryPath;  ///< the command line of "ExecStart"; keeps the blank behind it
+    std::optional<std::string> csExecutable;  ///< its "path=", where the command line begins with that
 };
 STUnitShown stReadShow(std::string_view csOutput);
 

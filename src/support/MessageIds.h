@@ -16,6 +16,7 @@ enum EMessage : unsigned int
     MSG_USER_REFUSED = 25306,
     MSG_PORT_NOT_OPENED = 25627,
     MSG_SERVICES_NOT_ASKED = 25630,
+    MSG_FOLDER_KEPT = 25631,
 };
 
 /// "User errors" of the manager's module, which an error object carries to whoever reports it.

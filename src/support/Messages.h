@@ -60,5 +60,8 @@ inline constexpr STMessage s_tMessages[] = {
     {MSG_SERVICES_NOT_ASKED,
      u"The services of this machine could not be listed or asked: %1. What needed that was not done. Check "
      u"that the system's init tools work (\"systemctl list-units\" shows it), then try again."},
+    {MSG_FOLDER_KEPT, u"The files of the service \"%1\" (%2) were not deleted, or not all of them: %3. Look "
+                      u"into its folder and "
+                      u"delete by hand what is not needed any more."},
     {65535, u"ZANTOR RES BLOC UTF16 STOP"},
 };

@@ -1,9 +1,12 @@
 // What tells of services: systemctl's output, init scripts, names, arguments of tools.
 
+#include "service/CommandLine.h"
 #include "service/InitScript.h"
 #include "service/LanceProcessus.h"
+#include "service/ServiceManagerUnix.h"
 #include "service/ServiceName.h"
 #include "service/SystemctlOutput.h"
+#include "service/UnitFile.h"
 #include "support/Conversion.h"
 #include "Target.h"
 
@@ -24,7 +27,8 @@ void Systemctl(std::string_view csOutput)
     Require(bLiesIn(csReadProperty(csOutput), csOutput));
     for (const std::string_view csUnit : tReadListing(csOutput)) {
         Require(bLiesIn(csUnit, csOutput) && csUnit.find('\n') == std::string_view::npos);
-        (void)csUnitFromListing(csUnit);
+        const CServiceName clName = CServiceName::s_clListed(csUnit);
+        Require(clName.csAsked().empty() || CServiceName::s_clSaid(clName.csText().c_str()) == clName);
     }
 }
 
@@ -39,16 +43,22 @@ void Scripts(const std::string& csText)
     const STCommandLine stLine = stSplitCommandLine(csText);
     Require(stLine.csProgram.size() + stLine.csArguments.size() <= csText.size());
     (void)bScriptable(csText);
+    (void)csProgramInUnit(csText);
+    const CServiceName clName = CServiceName::s_clSaid(L"DXCS-a");
+    if (const std::wstring csLine = csFromUTF8(csText); bUnitReadsBack(csLine, clName)) {
+        Require(csProgramInUnit(csToUTF8(csUnitText(clName, L"", csLine, false))) ==
+                CProgram::s_clOf(csLine).csPath());
+    }
 }
 
 void Names(const std::wstring& csName)
 {
-    const std::wstring csScript = csScriptName(csName);
-    Require(csScript.find_first_of(L" \t/.") == std::wstring::npos);
-    std::wstring csUnit;
-    if (bUnitName(csName, &csUnit)) { // then it is one argument of a tool, and no option
-        Require(csUnit.find_first_of(L" \t\"*?[\n\r") == std::wstring::npos);
-        (void)csUnitFileName(csUnit);
+    const CServiceName clName = CServiceName::s_clSaid(csName.c_str());
+    Require(clName.csScript().find_first_of(L" \t/.") == std::wstring::npos);
+    Require(clName.csAsked().find_first_of(L" \t\"*?[\n\r") == std::wstring::npos); // one word
+    if (clName.bInstallable()) { // then it is found again by what is listed
+        const CServiceName clListed = CServiceName::s_clListed(csToUTF8(clName.csAsked()));
+        Require(clListed == clName && clListed.csRegisteredAs(csName.c_str()) == clName.csText());
     }
     if (bInertName(csName)) {
         Require(csName.find_first_of(L" \t\"'`$;&|<>()\\\n/") == std::wstring::npos && csName[0] != L'-');
@@ -73,6 +83,7 @@ void Arguments(std::string csLine)
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* pBytes, std::size_t nBytes)
 {
+    CServiceManager::ms_eDistri = DISTRI_SYSTEMD; // where names are escaped
     const std::string csText(csInput(pBytes, nBytes));
     Systemctl(csText);
     Scripts(csText);

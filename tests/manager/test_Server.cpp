@@ -3,6 +3,7 @@
 
 #include "manager/Dialog.h"
 #include "manager/SetupManager.h"
+#include "tools/Command.h"
 #include "tools/PingClient.h"
 #include "tools/SystemdTest.h"
 #include "tools/Wait.h"
@@ -29,13 +30,17 @@ constexpr char s_szSystemctl[] =
 if [ -e $DIR/broken ]; then eval "case \"\$*\" in $(cat $DIR/broken)) exit 1;; esac"; fi
 case "$*" in
 --no-pager*) exit 0 ;;
+list-unit-files*) [ ! -e $DIR/fails ] || exit 1; [ ! -e $DIR/other ] || echo "DXCS-other.service disabled" ;;
+*show\ DXCS-other) printf 'Type=forking\nExecStart={ argv[]=%s --SERVICE %s ; }\n' "$(cat $DIR/other)" "$3" ;;
 list-units*) printf '  DXCS-a.service l a r A\n  DXCS-Caf\\xc3\\xa9.service l a r D\n' ;;
 *ActiveState*) echo "ActiveState=$(cat $DIR/state 2>/dev/null || echo active)" ;;
-*FragmentPath*|*SourcePath*) echo "P=" ;;
+*FragmentPath*) echo "P=$DIR/unit" ;;
+*SourcePath*) echo "P=" ;;
 "start DXCS-bad"|"stop DXCS-bad") exit 1 ;;
 stop*) echo inactive >$DIR/state ;;
-*show\ DXCS-a|*show\ DXCS-bad|*show\ dxsql) printf 'Type=forking\nExecStart={ argv[]=%s/srv/dx --SERVICE %s ; }\nDescription=%s\n' "$DIR" "$3" "$3" ;;
-*show\ DXCS-Café) printf 'Type=forking\nExecStart={ argv[]=/none/dx --SERVICE x ; }\nDescription=%s\n' "$3" ;;
+*show\ dxsql) printf 'Type=forking\nExecStart={ argv[]=%s/default/dx --SERVICE dxsql ; }\nDescription=dxsql\n' "$DIR" ;;
+*show\ DXCS-a|*show\ DXCS-bad) printf 'Type=forking\nExecStart={ argv[]=%s/srv/dx --SERVICE %s ; }\nDescription=%s\n' "$DIR" "$3" "$3" ;;
+*show\ 'DXCS-Caf\xc3\xa9') printf 'Type=forking\nExecStart={ argv[]=/none/dx --SERVICE x ; }\nDescription=DXCS-Café\n' ;;
 *show*) printf 'Type=\nDescription=%s\n' "$3" ;;
 esac)sh";
 constexpr char s_szUnknown[] = "ERROR\t1No such file or directory\r\n";
@@ -153,13 +158,14 @@ TEST_F(Server, InfoListsHostAndServersInTheEncodingOfTheConversation)
     const auto pclTool = pclOpen();
     const std::string csReply = pclTool->csAsk("info");
     EXPECT_TRUE(csReply.starts_with("YES\t"));
-    EXPECT_TRUE(csReply.ends_with(" Mo\ta\t4911\tCaf\xE9\t4900\t\t4911\r\n"))
+    EXPECT_TRUE(csReply.ends_with(" Mo\ta\t4911\tCaf\xE9\t4900\t\t4900\r\n"))
         << csReply; // dxsql: an empty name
     EXPECT_EQ(pclTool->csAsk("CLUSTERINFO\ta"), "YES\t1\tboss\r\n");
+    m_pclTool->Write("default/DXConf.ini", "[INIT]\nAccessPort=4912\n");
     m_pclTool->Write("srv/DXConf.ini", "[ClusterNode]\nCluster=2\nClusterManager=boss\n");
     EXPECT_EQ(pclTool->csAsk("CLUSTERINFO\ta"), "YES\t0\t\r\n");
     EXPECT_EQ(pclTool->csAsk("MODE_UTF8"), "OK\r\n");
-    EXPECT_TRUE(pclTool->csAsk("INFO").ends_with("\ta\t4900\tCafé\t4900\t\t4900\r\n"));
+    EXPECT_TRUE(pclTool->csAsk("INFO").ends_with("\ta\t4900\tCafé\t4900\t\t4912\r\n"));
 }
 
 TEST_F(Server, WhatSystemctlCannotTellIsNeverAnEmptyListOrAWrongState)
@@ -167,7 +173,7 @@ TEST_F(Server, WhatSystemctlCannotTellIsNeverAnEmptyListOrAWrongState)
     const std::tuple<const char*, const char*, const char*> tCases[] = {
         // the calls that fail, the line, the reply
         {"list-units*", "INFO", "<closed>"},
-        {"*show\\ DXCS-Café", "INFO", "<closed>"},
+        {"*show\\ DXCS-Caf*", "INFO", "<closed>"},
         {"*show\\ dxsql", "INFO", "<closed>"},
         {"*Description*", "STATUS\ta", "ERROR\t1Operation canceled\r\n"},
         {"*Description*", "START\ta", "ERROR\t1Operation canceled\r\n"},
@@ -191,12 +197,46 @@ TEST_F(Server, WhatSystemctlCannotTellIsNeverAnEmptyListOrAWrongState)
 TEST_F(Server, UninstallWithFilesTellsACompletedDeletionWithErrorTwelveAndKeepsTheService)
 {
     m_pclTool->Write("srv/data/base", "x");
+    m_pclTool->Write("srv/dx", "");
     const auto pclTool = pclOpen();
     (void)m_pclTool->csTakeJournal();
     EXPECT_EQ(pclTool->csAsk("UNINSTALL\ta\t1"), "ERROR\t12\t\r\n");
     EXPECT_FALSE(m_pclTool->bExists("srv"));
     EXPECT_EQ(m_pclTool->csTakeJournal().find("disable"), std::string::npos);
     EXPECT_EQ(pclTool->csAsk("UNINSTALL\ta\t1"), "OK\r\n") << "nothing to delete any more: the service goes";
+}
+
+TEST_F(Server, AFolderIsDeletedOnlyWhenItIsCertainWhoseItIs)
+{
+    const auto pclTool = pclOpen();
+    const struct
+    {
+        const char* pszCase;
+        const char* pszMake; // in $DIR, where "srv/dx" is the executable of DXCS-a
+        bool bDeleted;
+    } tCases[] = {
+        {"a link", "touch dx; ln -s $PWD/dx srv/dx", false},
+        {"a folder", "mkdir srv/dx", false},
+        {"gone, and nothing names it", "true", false},
+        {"gone, and the unit names another", "echo ExecStart=$PWD/srv/dx2 --SERVICE DXCS-a >unit", false},
+        {"gone, and the unit names it twice", "(echo ExecStart=$PWD/srv/dx; echo ExecStart=/x) >unit", false},
+        {"another's executable", "touch srv/dx; echo $PWD/srv/other/dx >other", false},
+        {"another's executable through a link", "touch srv/dx; ln -s srv here; echo $PWD/here/dx >other",
+         false},
+        {"another that cannot be asked", "touch srv/dx; touch fails", false},
+        {"gone, and the unit names it", "echo ExecStart=$PWD/srv/dx --SERVICE DXCS-a >unit", true},
+        {"a neighbour with a longer name", "touch srv/dx; echo $PWD/srv2/dx >other", true},
+    };
+    for (const auto& st : tCases) {
+        const std::string csMake = "cd " + m_pclTool->csFolder() +
+                                   " && rm -rf srv unit other fails here dx && "
+                                   "mkdir -p srv/data && touch srv/data/base && " +
+                                   st.pszMake;
+        ASSERT_EQ(stRun(csMake).nStatus, 0) << st.pszCase;
+        EXPECT_EQ(pclTool->csAsk("UNINSTALL\ta\t1"), st.bDeleted ? "ERROR\t12\t\r\n" : "OK\r\n")
+            << st.pszCase;
+        EXPECT_EQ(m_pclTool->bExists("srv/data/base"), !st.bDeleted) << st.pszCase;
+    }
 }
 
 TEST_F(Server, ALineMayComeInPiecesOrBeLongAndWhatFollowsItInOneSegmentIsLost)

@@ -44,7 +44,7 @@ protected:
     std::future<std::string> clStart(const std::wstring& csName)
     {
         return std::async(std::launch::async, [this, csName] {
-            CService clService(&m_clManager, csName);
+            CService clService(&m_clManager, csName.c_str());
             auto clHold = clLocks().clTake(csName);
             return clHold.bStart(clService) ? std::string("started") : std::string(std::strerror(errno));
         });

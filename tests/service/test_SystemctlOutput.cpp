@@ -1,4 +1,3 @@
-#include "service/ServiceName.h"
 #include "service/SystemctlOutput.h"
 
 #include <gtest/gtest.h>
@@ -47,14 +46,40 @@ TEST(Show, TellsExistenceDescriptionAndCommandLine)
         bool bExists;
         Text csDescription;
         Text csBinaryPath;
+        Text csExecutable;
     } tCases[] = {
         {"a running unit",
          "Type=forking\nExecStart={ path=/opt/a/dx ; argv[]=/opt/a/dx --SERVICE DXCS-a ; pid=0 ; "
          "}\nDescription=a = b\n",
-         true, "a = b", "/opt/a/dx --SERVICE DXCS-a "},
-        {"a unit that does not exist", "Type=\nDescription=DXCS-x.service\n", false, "DXCS-x.service", {}},
-        {"no semicolon behind argv", "Type=simple\nExecStart={ argv[]=/x", true, {}, {}},
-        {"nothing", "", false, {}, {}},
+         true, "a = b", "/opt/a/dx --SERVICE DXCS-a ", "/opt/a/dx"},
+        {"a unit that does not exist",
+         "Type=\nDescription=DXCS-x.service\n",
+         false,
+         "DXCS-x.service",
+         {},
+         {}},
+        {"an executable with spaces, a semicolon and what looks like the next key",
+         "Type=forking\nExecStart={ path=/o/a  b; c ; argv[]=x/dx ; argv[]=/o/a  b; c ; argv[]=x/dx "
+         "--SERVICE N ; "
+         "pid=0 ; }\n",
+         true,
+         {},
+         "/o/a  b; c ; argv[]=x/dx --SERVICE N ",
+         "/o/a  b; c ; argv[]=x/dx"},
+        {"a first argument that is not the executable",
+         "Type=forking\nExecStart={ path=/opt/a/dx ; argv[]=/opt//a/dx --SERVICE N ; }\n",
+         true,
+         {},
+         "/opt//a/dx --SERVICE N ",
+         {}},
+        {"an executable whose name the first argument only begins with",
+         "Type=forking\nExecStart={ path=/opt/a/dx ; argv[]=/opt/a/dxdemo --SERVICE N ; }\n",
+         true,
+         {},
+         "/opt/a/dxdemo --SERVICE N ",
+         {}},
+        {"no semicolon behind argv", "Type=simple\nExecStart={ argv[]=/x", true, {}, {}, {}},
+        {"nothing", "", false, {}, {}, {}},
     };
     for (const auto& st : tCases) {
         SCOPED_TRACE(st.pszForm);
@@ -62,33 +87,9 @@ TEST(Show, TellsExistenceDescriptionAndCommandLine)
         EXPECT_EQ(stShown.bExists, st.bExists);
         EXPECT_EQ(stShown.csDescription, st.csDescription);
         EXPECT_EQ(stShown.csBinaryPath, st.csBinaryPath);
+        EXPECT_EQ(stShown.csExecutable, st.csExecutable);
     }
     EXPECT_EQ(csReadProperty("P=a=b\n"), "a=b");
     EXPECT_EQ(csReadProperty("P="), "");
     EXPECT_EQ(csReadProperty("no property"), "");
-}
-
-TEST(UnitName, ToolsTextIsOneHarmlessArgumentOrNoService)
-{
-    const std::pair<const wchar_t*, const wchar_t*> tCases[] = {
-        {L"DXCS-Velmo_20261121 083000", L"DXCS-Velmo_20261121_083000"},
-        {L"DXCS-x -Hhost", L"DXCS-x_-Hhost"}, // the blank is gone, so no word begins with the dash
-        {L"DXCS-x;y|z", L"DXCS-x;y|z"},
-        {L"DXCS-Données €", L"DXCS-Données_€"},
-    };
-    std::wstring csUnit;
-    for (const auto& [pszName, pszUnit] : tCases) {
-        EXPECT_TRUE(bUnitName(pszName, &csUnit));
-        EXPECT_EQ(csUnit, pszUnit);
-    }
-    for (const wchar_t* psz :
-         {L"DXCS-x;-Hhost", L"DXCS-x|--root=/", L"-Hhost", L"DXCS-bu*", L"b?", L"[ab]", L"a\"b", L"a\nb",
-          L"a\rb", L"a\x7f", L"a\x85", L"DXCS-a/b", L"DXCS-a.service", L"DXCS-a.timer"}) {
-        EXPECT_FALSE(bUnitName(psz, &csUnit)) << ::testing::PrintToString(std::wstring(psz));
-    }
-    EXPECT_TRUE(
-        bUnitName(std::wstring(247, L'x'), &csUnit)); // ".service" makes it the 255 bytes of a file's name
-    EXPECT_FALSE(bUnitName(std::wstring(248, L'x'), &csUnit));
-    EXPECT_FALSE(bUnitName(std::wstring(124, L'é'), &csUnit));
-    EXPECT_FALSE(bUnitName(std::wstring(L"a\0b", 3), &csUnit));
 }

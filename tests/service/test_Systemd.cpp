@@ -218,11 +218,47 @@ TEST_F(Systemd, InstallationKeepsNamesAndCommandLinesToTheirOwnLine)
               "WantedBy=multi-user.target\n[Service]\nType=forking\n"
               "ExecStart=/opt/a/dx --SERVICE DXCS-my_server\nPIDFile=/var/run/DXCS-my_server.pid\n");
     EXPECT_EQ(clTool.csTakeJournal(), "daemon-reload\n") << "not to start at boot: not enabled";
-    // The last four would not be read back as they were written.
+    // They would not be read back as they were written.
     for (const wchar_t* psz : {L"DXCS-*", L"DXCS-a\\", L"DXCS-5%q", L"DXCS-$HOME", L"DXCS-d'or"}) {
         EXPECT_EQ(m_clManager.pclInstall(psz, L"x", L"/x", 1, 1), nullptr)
             << ::testing::PrintToString(std::wstring(psz));
     }
-    EXPECT_EQ(m_clManager.pclInstall(L"DXCS-n", L"x", L"/x\nExecStartPre=/evil", 1, 1), nullptr);
+    for (const wchar_t* psz : {L"/x\nExecStartPre=/evil", L"/a%b/x", L"/opt/my base/x --SERVICE"}) {
+        errno = 0;
+        EXPECT_EQ(m_clManager.pclInstall(L"DXCS-n", L"x", psz, 1, 1), nullptr);
+        EXPECT_EQ(errno, EINVAL);
+    }
+    EXPECT_EQ(m_clManager.pclInstall(nullptr, L"x", L"/x", 1, 1), nullptr);
+    EXPECT_EQ(m_clManager.pclInstall(L"DXCS-n", L"x", nullptr, 1, 1), nullptr);
     EXPECT_EQ(clTool.csTakeJournal(), "");
+}
+
+TEST_F(Systemd, AnInstallationThatCannotBeEnabledLeavesWhatWasThere)
+{
+    CFakeTool clTool("/bin/systemctl", "case \"$*\" in enable*) exit 1;; esac");
+    EXPECT_EQ(m_clManager.pclInstall(L"DXCS-R&D", nullptr, L"/opt/a/dx --SERVICE", 1, 0), nullptr);
+    EXPECT_EQ(errno, ECANCELED);
+    EXPECT_EQ(clTool.csTakeJournal(),
+              "daemon-reload\nenable DXCS-R\\x26D\ndisable DXCS-R\\x26D\ndaemon-reload\n");
+    EXPECT_EQ(stRun("ls /lib/systemd/system | grep R").csOutput, "");
+    std::ofstream("/lib/systemd/system/DXCS-R\\x26D.service") << "somebody's\n";
+    EXPECT_EQ(m_clManager.pclInstall(L"DXCS-R&D", nullptr, L"/opt/a/dx --SERVICE", 1, 0), nullptr);
+    EXPECT_EQ(stRun("cat /lib/systemd/system/DXCS-R*").csOutput, "somebody's\n");
+}
+
+TEST_F(Systemd, NullTextsAreFieldsThatAreNotThere)
+{
+    CFakeTool clTool("/bin/systemctl", "exit 0");
+    CService clService(&m_clManager, nullptr, nullptr, nullptr);
+    EXPECT_EQ(clService.pszGetName(), nullptr);
+    EXPECT_EQ(clService.pszGetDisplayName(), nullptr);
+    EXPECT_EQ(clService.pszBinaryPathName(), nullptr);
+    EXPECT_FALSE(clService.bStart() || clService.bRemove());
+    EXPECT_EQ(clService.eGetStatus(), STATUS_STOPPED);
+    EXPECT_EQ(m_clManager.pclGetService(nullptr), nullptr);
+    EXPECT_EQ(clTool.csTakeJournal(), "") << "nothing is asked without a name";
+    const std::unique_ptr<CService> pclService(m_clManager.pclInstall(L"DXCS-a", nullptr, L"/x", 0, 0));
+    ASSERT_NE(pclService, nullptr);
+    EXPECT_EQ(pclService->pszGetDisplayName(), nullptr);
+    EXPECT_EQ(stRun("head -n 2 /lib/systemd/system/DXCS-a.service").csOutput, "[Unit]\nDescription=\n");
 }

@@ -33,6 +33,7 @@ public:
     std::string csTakeJournal();
     /// A file in the tool's folder, with the folders that it needs.
     void Write(const std::string& csName, const std::string& csText) { m_clFolder.csWrite(csName, csText); }
+    std::string csFolder() const { return m_clFolder.csPath(); }
     bool bExists(const std::string& csName) const { return m_clFolder.bExists(csName); }
 
 private:

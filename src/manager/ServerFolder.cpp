@@ -1,0 +1,120 @@
+#include "manager/ServerFolder.h"
+
+#include "main/Logger.h"
+#include "manager/SetupManager.h"
+#include "support/accesdllres.h"
+#include "support/Conversion.h"
+#include "support/DiskFile.h"
+#include "support/WinApi.h"
+
+#include <cerrno>
+#include <filesystem>
+#include <optional>
+#include <sys/stat.h>
+
+namespace {
+using CPath = std::filesystem::path;
+
+/// Where a file really is: all links of its folder followed, the file's own not.
+std::optional<CPath> clPlaceOf(const CPath& clFile)
+{
+    std::error_code clError;
+    const CPath clFolder = std::filesystem::weakly_canonical(clFile.parent_path(), clError);
+    return clError ? std::nullopt : std::optional(clFolder / clFile.filename());
+}
+
+bool bIsBelow(const CPath& clFile, const CPath& clFolder)
+{
+    return (clFile.string() + "/").starts_with(clFolder.string() + "/");
+}
+
+/// Whether another service's executable is in the folder: the file itself, or what it is a link to.
+std::optional<bool> bLiesIn(const CPath& clFile, const CPath& clFolder)
+{
+    std::error_code clError;
+    const std::optional<CPath> clPlace = clPlaceOf(clFile);
+    const CPath clTarget = std::filesystem::weakly_canonical(clFile, clError);
+    if (!clPlace || clError) {
+        return std::nullopt;
+    }
+    return bIsBelow(*clPlace, clFolder) || bIsBelow(clTarget, clFolder);
+}
+
+/// Why the executable does not tell whose folder it is in; empty when it does.
+std::wstring csDoubtOfExecutable(CService& clService, const std::wstring& csExecutable)
+{
+    struct stat stFile
+    {};
+    if (!csExecutable.starts_with(L'/') || csExecutable.find(L'\0') != std::wstring::npos) {
+        return L"the path of its executable is not known";
+    }
+    if (::lstat(csToUTF8(csExecutable).c_str(), &stFile) == 0) {
+        return S_ISREG(stFile.st_mode) ? L"" : L"its executable is not a regular file";
+    }
+    if (errno != ENOENT) {
+        return L"its executable cannot be looked at: " + csSystemMessage(errno);
+    }
+    // What is gone may have been the whole path, or the beginning of a longer one.
+    return clService.csProgramOnDisk() == csExecutable
+               ? L""
+               : L"its executable is gone, and its unit file or init script does not name it";
+}
+
+/// Why another service may have its executable in the folder; empty when none has.
+std::wstring csDoubtOfOthers(CServiceManager* pclManager, const CService& clService, const CPath& clFolder)
+{
+    const auto tOthers = pclManager->tRegistered(g_szServerPrefix, {g_szDefaultServer, g_szManagerService});
+    if (!tOthers) {
+        return L"the other servers could not be listed: " + csSystemMessage(errno);
+    }
+    for (const auto& pclOther : *tOthers) {
+        const std::wstring csOther = pclOther->csGetExecutable();
+        if (pclOther->clName() == clService.clName() || csOther.empty()) {
+            continue;
+        }
+        const std::optional<bool> bInside = bLiesIn(csToUTF8(csOther), clFolder);
+        if (!bInside || *bInside) {
+            return std::wstring(bInside ? L"" : L"it is not known whether ") + L"the executable of \"" +
+                   pclOther->csRegisteredName() + L"\" lies in its folder";
+        }
+    }
+    return {};
+}
+
+std::wstring csDoubt(CServiceManager* pclManager, CService& clService, const std::wstring& csExecutable)
+{
+    std::wstring csWhy = csDoubtOfExecutable(clService, csExecutable);
+    const std::optional<CPath> clPlace = clPlaceOf(csToUTF8(csExecutable));
+    if (csWhy.empty() && !clPlace) {
+        csWhy = L"its folder cannot be looked at";
+    }
+    return csWhy.empty() ? csDoubtOfOthers(pclManager, clService, clPlace->parent_path()) : csWhy;
+}
+
+void LogKept(CService& clService, const std::wstring& csWhy)
+{
+    CTString csText;
+    DLLRES_bFormatMessage(&g_stMyModule, MSG_FOLDER_KEPT, &csText, clService.csRegisteredName().c_str(),
+                          clService.csGetExecutable().c_str(), csWhy.c_str());
+    CLogger().AddLog(ILogger::PRIORITY_ERROR, L"%1!s!", csEscapePercent(csText).c_str());
+}
+} // namespace
+
+bool bDeleteServerFolder(CServiceManager* pclManager, CService& clService, std::wstring* pcsSystemMessage)
+{
+    const std::wstring csExecutable = clService.csGetExecutable();
+    if (csExecutable.empty() || !CDiskFile::bDirectoryExists(CDiskFile::csDirectory(csExecutable))) {
+        return false;
+    }
+    if (const std::wstring csWhy = csDoubt(pclManager, clService, csExecutable); !csWhy.empty()) {
+        LogKept(clService, csWhy);
+        return false;
+    }
+    CXError clError;
+    const bool bDeleted = CDiskFile::bDeleteTree(CDiskFile::csDirectory(csExecutable), &clError);
+    *pcsSystemMessage = clError.csGetSystemMessage();
+    if (!bDeleted) {
+        LogKept(clService, *pcsSystemMessage);
+    }
+    return bDeleted;
+}

@@ -1,0 +1,128 @@
+#include "service/UnitFile.h"
+
+#include "service/CommandLine.h"
+#include "service/Systemctl.h"
+#include "service/SystemctlOutput.h"
+#include "support/Conversion.h"
+#include "support/DiskFile.h"
+#include "support/TextLines.h"
+
+#include <algorithm>
+#include <cerrno>
+
+namespace {
+std::wstring csUnitDirectory()
+{
+    constexpr wchar_t szUsual[] = L"/lib/systemd/system/";
+    return CDiskFile::bExists(szUsual) ? szUsual : L"/usr/lib/systemd/system/";
+}
+
+/// As systemd shows the path of a program: doubled slashes are one, "." between slashes is dropped.
+std::string csSimplified(const std::string& csPath)
+{
+    std::string csResult;
+    for (std::size_t n = 0; n < csPath.size();) {
+        const std::size_t nEnd = std::min(csPath.find('/', n), csPath.size());
+        const std::string csPart = csPath.substr(n, nEnd - n);
+        csResult += csPart.empty() || csPart == "." ? "" : "/" + csPart;
+        n = nEnd + 1;
+    }
+    return csResult;
+}
+
+/// What systemd takes for itself in a program's path, whatever the quoting, or refuses there.
+bool bForSystemd(char c)
+{
+    return static_cast<unsigned char>(c) < ' ' ||
+           std::string_view("\x7F%$\"'\\").find(c) != std::string_view::npos;
+}
+
+/// The line that "show" prints for a unit with this command line.
+std::string csShown(const STCommandLine& stCommand, const CServiceName& clName)
+{
+    return "ExecStart={ path=" + csSimplified(stCommand.csProgram) + " ; argv[]=" + stCommand.csProgram +
+           " " + stCommand.csArguments + " " + csToUTF8(clName.csRegistry()) + " ; ignore_errors=no ; }\n";
+}
+} // namespace
+
+bool bUnitReadsBack(const std::wstring& csCommandLine, const CServiceName& clName)
+{
+    const std::string csBytes = csToUTF8(csCommandLine);
+    const STCommandLine stCommand = stSplitCommandLine(csBytes);
+    const std::wstring csProgram = csFromUTF8(stCommand.csProgram);
+    // A program in quotes ends where they end, and systemd skips all spaces after it.
+    const bool bEnds =
+        !csBytes.starts_with('"') || stCommand.csArguments.empty() || stCommand.csArguments.starts_with(' ');
+    if (csFromUTF8(csBytes) != csCommandLine || csCommandLine.find_first_of(L"\r\n") != std::wstring::npos ||
+        csCommandLine.find(L'\0') != std::wstring::npos || !bEnds ||
+        !CProgram::s_clAt(csProgram).bWholePath() ||
+        std::any_of(stCommand.csProgram.begin(), stCommand.csProgram.end(), bForSystemd)) {
+        return false;
+    }
+    // Read as a later lookup will, and as the command line that is kept until then.
+    const STUnitShown stShown = stReadShow(csShown(stCommand, clName));
+    const std::string csRead = stShown.csExecutable.value_or(
+        csToUTF8(CProgram::s_clOf(csFromUTF8(stShown.csBinaryPath.value_or(""))).csPath()));
+    return csRead == stCommand.csProgram && CProgram::s_clOf(csCommandLine).csPath() == csProgram;
+}
+
+std::wstring csUnitText(const CServiceName& clName, std::wstring csDisplayName,
+                        const std::wstring& csCommandLine, bool bRestartOnAbnormal)
+{
+    // A line end would write lines of its own into the unit.
+    std::replace(csDisplayName.begin(), csDisplayName.end(), L'\n', L' ');
+    // The install section stands ahead of the service section; clients rely on it.
+    return L"[Unit]\n"
+           L"Description=" +
+           csDisplayName +
+           L"\n"
+           L"After=network.target\n"
+           L"[Install]\n"
+           L"WantedBy=multi-user.target\n"
+           L"[Service]\n"
+           L"Type=forking\n"
+           L"ExecStart=" +
+           csCommandLine + L" " + clName.csRegistry() +
+           L"\n"
+           L"PIDFile=/var/run/" +
+           clName.csRegistry() + L".pid\n" + (bRestartOnAbnormal ? L"Restart=on-abnormal\n" : L"");
+}
+
+std::optional<std::wstring> csProgramInUnit(std::string_view csText)
+{
+    constexpr std::string_view csKey = "ExecStart=";
+    std::optional<std::wstring> csProgram;
+    int nLines = 0;
+    ForEachLine(csText, [&](std::string_view csLine) {
+        if (csLine.starts_with(csKey)) {
+            ++nLines;
+            csProgram = csFromUTF8(stSplitCommandLine(csLine.substr(csKey.size())).csProgram);
+        }
+    });
+    return nLines == 1 ? csProgram : std::nullopt;
+}
+
+CUnitFile::CUnitFile(CServiceName clName)
+    : m_clName(std::move(clName)), m_csPath(csUnitDirectory() + m_clName.csUnitFile())
+{}
+
+bool CUnitFile::bWrite(const std::wstring& csText)
+{
+    if (std::string csBefore; CDiskFile::bReadFile(m_csPath, &csBefore)) {
+        m_csBefore = std::move(csBefore);
+    }
+    return CDiskFile::bWriteFile(m_csPath, csToUTF8(csText));
+}
+
+void CUnitFile::TakeBack()
+{
+    const int nErrno = errno;
+    if (m_csBefore) {
+        (void)CDiskFile::bWriteFile(m_csPath, *m_csBefore);
+    } else {
+        (void)bSystemctlDone(L"disable " + m_clName.csAsked());
+        (void)CDiskFile::bDelete(m_csPath);
+    }
+    (void)bSystemctlDone(L"daemon-reload");
+    errno = nErrno;
+}
