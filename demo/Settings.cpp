@@ -57,6 +57,7 @@ Settings readSettings()
         .failAtStart = number(values, "DEMO/FailAtStart", 0) != 0,
         .ignoreTerm = number(values, "DEMO/IgnoreTerm", 0) != 0,
         .registers = number(values, "DEMO/Register", 0) != 0,
+        .changesArguments = number(values, "DEMO/ChangeArguments", 0) != 0,
         .startDelay = number(values, "DEMO/StartDelay", 0),
         .crashAfter = number(values, "DEMO/CrashAfter", -1),
     };

@@ -4,6 +4,7 @@
 #include "Register.h"
 #include "Settings.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <chrono>
 #include <csignal>
@@ -115,6 +116,14 @@ void serve(int listener, const std::string& greeting, Clock::time_point started,
     }
 }
 
+// As many servers do, to show their state in "ps".
+void changeArguments(int count, char** arguments)
+{
+    char* const end = arguments[count - 1] + std::string_view(arguments[count - 1]).size();
+    std::fill(arguments[0], end, '\0');
+    (void)std::string_view("dxdemo: ready").copy(arguments[0], static_cast<std::size_t>(end - arguments[0]));
+}
+
 // The server itself; tells the launcher through the pipe's write end that it is up. Returns the exit status.
 int runDaemon(const Settings& settings, const std::string& service, int launcher)
 {
@@ -178,7 +187,12 @@ int main(int argc, char** argv)
         if (option == "--REGISTER") {
             return registerAndTell(readSettings());
         }
-        return launch(readSettings(), option == "--SERVICE" && argc > 2 ? argv[2] : "");
+        const Settings settings = readSettings();
+        const std::string service = option == "--SERVICE" && argc > 2 ? argv[2] : "";
+        if (settings.changesArguments) {
+            changeArguments(argc, argv);
+        }
+        return launch(settings, service);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "dxdemo: %s\n", error.what());
         return 1;

@@ -3,6 +3,7 @@
 #include "service/AServiceUnix.h"
 #include "service/InitScript.h"
 #include "service/LanceProcessus.h"
+#include "service/ServerProcess.h"
 #include "service/StrayProcesses.h"
 #include "service/SysVFamily.h"
 #include "support/Conversion.h"
@@ -67,11 +68,26 @@ bool CService::__bScriptCommand(const wchar_t* pszVerb, const wchar_t* pszArgume
     return nExitCode == 0;
 }
 
+EServiceStatus CService::__eGetStatusByPidFile()
+{
+    switch (eReadPidFile(m_clName.csText(), csGetExecutable())) {
+    case EPidFile::SERVER:
+        return STATUS_RUNNING;
+    case EPidFile::STALE:
+        return STATUS_FAILED;
+    default:
+        return STATUS_STOPPED;
+    }
+}
+
 EServiceStatus CService::__eGetStatusSysV()
 {
     CLanceProcessus clScript;
     unsigned int nExitCode = 0;
     const std::wstring csPath = csScriptPath(m_clName.csText());
+    if (CServiceManager::ms_eDistri == DISTRI_SLACKWARE) { // its script has no "status"
+        return csPath.empty() || !CDiskFile::bExists(csPath) ? STATUS_UNKNOWN : __eGetStatusByPidFile();
+    }
     // By the launcher and not by the shell: only it can give a hanging script up.
     if (csPath.empty() || !clScript.bLanceProcessus(csPath.c_str(), L"status", nullptr) ||
         !clScript.bAttendFinExecution(&nExitCode, s_nStatusLimitMs)) {

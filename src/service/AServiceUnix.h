@@ -102,6 +102,7 @@ private:
 
     bool __bScriptCommand(const wchar_t* pszVerb, const wchar_t* pszArguments, const wchar_t* pszRedirection);
     EServiceStatus __eGetStatusSysV();
+    EServiceStatus __eGetStatusByPidFile();
     bool __bRemoveSysV();
     const wchar_t* __pszDisplayNameFromScript();
 

@@ -1,20 +1,14 @@
 // Init scripts at work in a machine without a service manager: the real tools of Debian, the real insserv and
 // OpenRC, stand-ins for what only other distributions have. The sample server is real in all of them.
 
+#include "PipeAndWire.h"
 #include "service/AServiceUnix.h"
 #include "service/LanceProcessus.h"
 #include "service/ServiceManagerUnix.h"
 #include "support/Conversion.h"
-#include "tools/Command.h"
-#include "tools/Machine.h"
-#include "tools/Wait.h"
-#include "tools/WireClient.h"
 
-#include <chrono>
 #include <csignal>
-#include <filesystem>
-#include <fstream>
-#include <gtest/gtest.h>
+#include <map>
 #include <memory>
 
 namespace {
@@ -91,13 +85,13 @@ protected:
         ASSERT_NE(m_pclService, nullptr);
     }
     /// Installed, started twice, restarted, stopped.
-    void LiveAndEnd(EDistri eDistri)
+    void LiveAndEnd(EDistri eDistri, const std::string& csFolder = "a")
     {
-        Install(eDistri);
+        Install(eDistri, "", csFolder);
         EXPECT_EQ(m_pclService->eGetStatus(), STATUS_STOPPED);
         EXPECT_TRUE(m_pclService->bStop()) << "what does not run is stopped already";
         EXPECT_TRUE(m_pclService->bStart());
-        EXPECT_EQ(m_pclService->eGetStatus(), eShown(STATUS_RUNNING));
+        EXPECT_EQ(m_pclService->eGetStatus(), STATUS_RUNNING);
         EXPECT_TRUE(bServes());
         const pid_t nFirst = nServer();
         EXPECT_TRUE(m_pclService->bStart());
@@ -112,11 +106,6 @@ protected:
         EXPECT_FALSE(std::filesystem::exists("/run/DXCS-a.pid") ||
                      std::filesystem::exists("/var/lock/subsys/DXCS-a"));
     }
-    /// What the manager can know of a state: Slackware's script does not tell it.
-    static EServiceStatus eShown(EServiceStatus eStatus)
-    {
-        return CServiceManager::ms_eDistri == DISTRI_SLACKWARE ? STATUS_STOPPED : eStatus;
-    }
     static bool bServes() { return CWireClient("127.0.0.1", 4950).csLine() == "HELLO FROM DXCS-a\r\n"; }
     static pid_t nServer()
     {
@@ -130,6 +119,22 @@ protected:
     }
     CServiceManager m_clManager;
     std::unique_ptr<CService> m_pclService;
+};
+
+/// The machine counts as one of another family while the object lives.
+class CRelease
+{
+public:
+    explicit CRelease(const std::string& csFile) : m_csFile("/etc/" + csFile)
+    {
+        stRun("mv /etc/debian_version /etc/debian_version.kept; mkdir -p /etc/rc.d; touch " + m_csFile);
+    }
+    ~CRelease() { stRun("rm " + m_csFile + "; mv /etc/debian_version.kept /etc/debian_version"); }
+    CRelease(const CRelease&) = delete;
+    CRelease& operator=(const CRelease&) = delete;
+
+private:
+    std::string m_csFile;
 };
 
 using CFamily = std::pair<EDistri, const char*>;
@@ -153,7 +158,9 @@ INSTANTIATE_TEST_SUITE_P(, SysVPidFile, ::testing::ValuesIn(s_tFamilies, s_tFami
 
 TEST_P(SysVFamily, AServerLivesAndEndsByItsScript)
 {
-    LiveAndEnd(GetParam().first);
+    for (const char* pszFolder : {"my  db", "a"}) {
+        LiveAndEnd(GetParam().first, pszFolder);
+    }
     EXPECT_TRUE(m_pclService->bRemove());
     EXPECT_EQ(std::unique_ptr<CService>(m_clManager.pclGetService(L"DXCS-a")), nullptr);
 }
@@ -171,7 +178,7 @@ TEST_P(SysVPidFile, ADeadServersNumberIsNotMistakenForIt)
     for (const std::string& csContent : tContents) {
         SCOPED_TRACE(csContent);
         std::ofstream("/run/DXCS-a.pid") << csContent;
-        EXPECT_EQ(m_pclService->eGetStatus(), eShown(STATUS_FAILED));
+        EXPECT_EQ(m_pclService->eGetStatus(), STATUS_FAILED);
         EXPECT_TRUE(m_pclService->bStop());
         EXPECT_EQ(m_pclService->eGetStatus(), STATUS_STOPPED);
         std::ofstream("/run/DXCS-a.pid") << csContent;
@@ -184,6 +191,77 @@ TEST_P(SysVPidFile, ADeadServersNumberIsNotMistakenForIt)
     EXPECT_EQ(::kill(nOther, SIGKILL), 0) << "a process that has nothing to do with it was ended";
 }
 
+TEST_P(SysVFamily, AServerThatChangesItsArgumentsIsKnownByItsProgram)
+{
+    Install(GetParam().first, "ChangeArguments=1\n");
+    ASSERT_TRUE(m_pclService->bStart());
+    const pid_t nServing = nServer();
+    EXPECT_EQ(stRun("tr -d '\\0' </proc/" + std::to_string(nServing) + "/cmdline").csOutput, "dxdemo: ready");
+    EXPECT_EQ(m_pclService->eGetStatus(), STATUS_RUNNING);
+    if (GetParam().first != DISTRI_SUSE) { // whose checkproc is a stand-in: the program is replaced on disk
+        stRun("cd /opt/velmo/a && cp dxdemo new && mv new dxdemo");
+        EXPECT_EQ(m_pclService->eGetStatus(), STATUS_RUNNING);
+    }
+    EXPECT_TRUE(m_pclService->bStart());
+    EXPECT_EQ(nServer(), nServing) << "a second start starts no second server";
+    EXPECT_TRUE(m_pclService->bStop());
+    EXPECT_TRUE(bGone(nServing));
+    EXPECT_EQ(m_pclService->eGetStatus(), STATUS_STOPPED);
+}
+
+TEST_P(SysVPidFile, AnotherServerOfItsProgramIsNotMistakenForIt)
+{
+    Install(GetParam().first);
+    ASSERT_EQ(stRun("/opt/velmo/a/dxdemo --SERVICE DXCS-b").nStatus, 0);
+    const std::string csOther = stRun("cat /run/DXCS-b.pid").csOutput;
+    std::ofstream("/run/DXCS-a.pid") << csOther;
+    if (GetParam().first != DISTRI_SUSE) { // which compares programs only
+        EXPECT_EQ(m_pclService->eGetStatus(), STATUS_FAILED);
+        EXPECT_TRUE(m_pclService->bStop());
+    }
+    EXPECT_EQ(::kill(std::stoi(csOther), SIGKILL), 0);
+    EXPECT_TRUE(bGone(std::stoi(csOther)));
+}
+
+TEST_P(SysVFamily, AManagerAndItsServersLiveAtPathsWithASpace)
+{
+    static const std::map<EDistri, const char*> s_tReleases = {{DISTRI_DEBIAN, "debian_version"},
+                                                               {DISTRI_REDHAT, "redhat-release"},
+                                                               {DISTRI_SUSE, "SuSE-release"},
+                                                               {DISTRI_SLACKWARE, "slackware-version"},
+                                                               {DISTRI_GENTOO, "gentoo-release"}};
+    const CRelease clRelease(s_tReleases.at(GetParam().first));
+    const auto pclManager = pclStartManager("CheckPeriod=1\n");
+    // Gentoo's own framework tells the status; for it a killed server is no failed one.
+    LiveAtAPathWithASpace(GetParam().first != DISTRI_GENTOO);
+}
+
+TEST_F(SysV, OnSlackwareStatesAreToldTheKilledComesBackAndAllAreStopped)
+{
+    const CRelease clRelease("slackware-version");
+    auto pclManager = pclStartManager("RestartOnFailed=0\n");
+    for (const auto& [pszName, nPort] : {std::pair{"a", 4950}, {"b", 4951}}) {
+        PutProgram(std::string("/opt/srv/") + pszName + "/dxdemo", nPort);
+        ASSERT_EQ(csRegister(pszName, std::string("/opt/srv/") + pszName + "/dxdemo", nPort), "");
+        EXPECT_EQ(csUTF8Reply(std::string("STATUS\t") + pszName), "STATUS\tRUNNING\r\n");
+    }
+    const pid_t nKilled = nServer();
+    ASSERT_EQ(::kill(nKilled, SIGKILL), 0);
+    EXPECT_TRUE(bWaitUntil([] { return csUTF8Reply("STATUS\ta") == "STATUS\tSTOPPED\r\n"; }, 5000));
+    EXPECT_EQ(stRun("/etc/rc.d/rc.DXCS-b stop").nStatus, 0);
+    EXPECT_EQ(csUTF8Reply("STATUS\tb"), "STATUS\tSTOPPED\r\n");
+    pclManager.reset();
+    pclManager = pclStartManager("CheckPeriod=1\n");
+    EXPECT_TRUE(bWaitUntil(bServes, 10'000)) << "the monitor starts the killed one";
+    EXPECT_EQ(csUTF8Reply("STATUS\tb"), "STATUS\tSTOPPED\r\n") << "and not the stopped one";
+    EXPECT_EQ(csUTF8Reply("START\tb"), "OK\r\n");
+    const pid_t nServing = nServer();
+    EXPECT_EQ(stRun("'/opt/velmo/my manager/VelmoManager' --STOPALL").nStatus, 0);
+    EXPECT_TRUE(bGone(nServing));
+    EXPECT_EQ(stRun("pgrep -x dxdemo").csOutput, "");
+    stRun("rm -rf /etc/rc.d/rc.DXCS-* /opt/srv");
+}
+
 TEST_P(SysVFamily, AStubbornServerIsKilledEvenByThePidFileOfAnotherUser)
 {
     // What kills on SuSE is a stand-in of this test.
@@ -193,7 +271,7 @@ TEST_P(SysVFamily, AStubbornServerIsKilledEvenByThePidFileOfAnotherUser)
     if (GetParam().first != DISTRI_GENTOO) { // whose own tool refuses such a file
         ASSERT_EQ(stRun("chown nobody /run/DXCS-a.pid; chmod 666 /run/DXCS-a.pid").nStatus, 0);
     }
-    EXPECT_EQ(m_pclService->eGetStatus(), eShown(STATUS_RUNNING));
+    EXPECT_EQ(m_pclService->eGetStatus(), STATUS_RUNNING);
     EXPECT_TRUE(m_pclService->bStop());
     EXPECT_TRUE(bGone(nStubborn));
     EXPECT_EQ(m_pclService->eGetStatus(), STATUS_STOPPED);
@@ -207,7 +285,7 @@ TEST_P(SysVFamily, PathsAreOnlyPathsAndAMissingProgramIsNoRunningServer)
     EXPECT_EQ(m_pclService->pszBinaryPathName(), clProgram.wstring());
     EXPECT_TRUE(m_pclService->bStart());
     EXPECT_TRUE(bServes());
-    EXPECT_EQ(m_pclService->eGetStatus(), eShown(STATUS_RUNNING));
+    EXPECT_EQ(m_pclService->eGetStatus(), STATUS_RUNNING);
     EXPECT_TRUE(m_pclService->bStop());
     EXPECT_EQ(stRun("find / -xdev -name ran").csOutput, "");
     std::filesystem::remove(clProgram);

@@ -1,0 +1,72 @@
+#include "service/ServerProcess.h"
+
+#include "support/Conversion.h"
+#include "support/DiskFile.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <filesystem>
+#include <string_view>
+
+namespace {
+constexpr std::size_t s_nMaxPidFile = 4096;
+constexpr std::size_t s_nMaxArguments = std::size_t{4} << 20; ///< the kernel's own limit is below
+
+/// The first line's number; empty when it is none.
+std::string csNumberIn(std::string_view csText)
+{
+    const std::string_view csLine = csText.substr(0, csText.find('\n'));
+    const std::size_t nFirst = std::min(csLine.find_first_not_of(" \t"), csLine.size());
+    const std::size_t nEnd = csLine.find_last_not_of(" \t") + 1;
+    const std::string_view csWord = csLine.substr(nFirst, std::max(nEnd, nFirst) - nFirst);
+    return csWord.find_first_not_of("0123456789") == std::string_view::npos ? std::string(csWord)
+                                                                            : std::string();
+}
+
+/// Whether the executable of a process is a program; it may have been replaced on disk.
+bool bRuns(const std::string& csProcess, const std::wstring& csProgram)
+{
+    constexpr std::string_view csDeleted = " (deleted)";
+    std::error_code clError;
+    std::string csRunning = std::filesystem::read_symlink(csProcess + "/exe", clError).string();
+    const std::filesystem::path clProgram = std::filesystem::weakly_canonical(csToUTF8(csProgram), clError);
+    if (csRunning.empty() || csProgram.empty() || clError) {
+        return false;
+    }
+    if (csRunning.ends_with(csDeleted)) {
+        csRunning.resize(csRunning.size() - csDeleted.size());
+    }
+    return csRunning == clProgram.string();
+}
+
+bool bIsServer(const std::string& csProcess, const std::string& csName, const std::wstring& csProgram)
+{
+    std::string csArguments;
+    if (!CDiskFile::bReadFile(csFromUTF8(csProcess + "/cmdline"), &csArguments, s_nMaxArguments)) {
+        return false;
+    }
+    bool bAnyServers = false;
+    for (std::string_view csRest = csArguments; !csRest.empty();) {
+        const std::string_view csArgument = csRest.substr(0, csRest.find('\0'));
+        csRest.remove_prefix(std::min(csArgument.size() + 1, csRest.size()));
+        if (csArgument == csName) {
+            return true;
+        }
+        bAnyServers = bAnyServers || csArgument.starts_with("DXCS-");
+    }
+    return !bAnyServers && bRuns(csProcess, csProgram);
+}
+} // namespace
+
+EPidFile eReadPidFile(const std::wstring& csName, const std::wstring& csProgram)
+{
+    const std::wstring csFile = L"/var/run/" + csName + L".pid";
+    std::string csText;
+    if (!CDiskFile::bExists(csFile)) {
+        return EPidFile::NONE;
+    }
+    const std::string csNumber =
+        CDiskFile::bReadFile(csFile, &csText, s_nMaxPidFile) ? csNumberIn(csText) : std::string();
+    return !csNumber.empty() && bIsServer("/proc/" + csNumber, csToUTF8(csName), csProgram) ? EPidFile::SERVER
+                                                                                            : EPidFile::STALE;
+}
