@@ -203,18 +203,18 @@ TEST_F(Simultaneous, AStopEndsInTimeWhateverItMeetsAndAnswersWhatCanBeAnswered)
         long nMaxMs;
         const char* pszNever; ///< call that must not come
     } tCases[] = {
-        {"INFO that can be done", fnAsk("INFO"), "slow", "0.06", "list-units", "\ta\t4900", 600, "no"},
-        {"INFO", fnAsk("INFO"), "slow", "60", "list-units", "<closed>", 800, "show"},
-        {"START", fnAsk("START\ta"), "slow-start", "60", "start DXCS-a", "<closed>", 800, "no"},
-        {"START that can be done", fnAsk("START\ta"), "slow", "0.2", "show DXCS-a", "OK", 800, "no"},
-        {"discovery", fnDiscover, "slow", "0.5", "list-units", "<nothing", 300, "show"},
-        {"registration that reads", fnRegister, "slow", "0.5", "list-units", "Operation canceled", 300,
+        {"INFO that can be done", fnAsk("INFO"), "slow", "0.06", "list-units", "\ta\t4900", 1400, "no"},
+        {"INFO", fnAsk("INFO"), "slow", "60", "list-units", "<closed>", 1500, "show"},
+        {"START", fnAsk("START\ta"), "slow-start", "60", "start DXCS-a", "<closed>", 1500, "no"},
+        {"START that can be done", fnAsk("START\ta"), "slow", "0.1", "show DXCS-a", "OK", 1500, "no"},
+        {"discovery", fnDiscover, "slow", "0.5", "list-units", "<nothing", 1000, "show"},
+        {"registration that reads", fnRegister, "slow", "0.5", "list-units", "Operation canceled", 1000,
          "show"},
         {"registration that writes", fnRegister, "slow-daemon-reload", "60", "daemon-reload",
-         "Not done: systemctl daemon-reload, systemctl enable DXCS-new, start.", 1300, "start"},
+         "Not done: systemctl daemon-reload, systemctl enable DXCS-new, start.", 1900, "start"},
         {"registration that can be written", fnRegister, "slow-daemon-reload", "0.3", "daemon-reload",
-         "Not done: start.", 600, "start"},
-        {"registration that starts", fnRegister, "slow-start", "60", "start", "Not done: start.", 300, "no"},
+         "Not done: start.", 1400, "start"},
+        {"registration that starts", fnRegister, "slow-start", "60", "start", "Not done: start.", 1000, "no"},
     };
     for (const auto& st : tCases) {
         SCOPED_TRACE(st.pszWhat);
