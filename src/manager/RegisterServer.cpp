@@ -130,6 +130,7 @@ std::unique_ptr<CService> CSetupManager::__pclMakeService(const STRegistration& 
 void CSetupManager::__RefuseUnasked(int nError, STFound* pstFound, CTString* pcsError)
 {
     pstFound->bRefused = true;
+    pstFound->tOtherNames.clear(); // nothing is written
     *pcsError = csFailedListing(nError);
     LogFailedListing(nError);
 }

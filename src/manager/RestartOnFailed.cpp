@@ -6,6 +6,7 @@
 #include "support/accesdllres.h"
 
 #include <memory>
+#include <vector>
 
 namespace {
 void RestartOnFailedThreadFunc(CZTThread* pclThread)
@@ -54,8 +55,19 @@ void CRestartOnFailed::Run()
 
 void CRestartOnFailed::__Check()
 {
+    std::vector<std::unique_ptr<CService>> tServices;
     CServiceListing clListing(m_pclManager, g_szServerPrefix);
     while (auto pclService = clListing.pclNext()) {
+        tServices.push_back(std::move(pclService));
+    }
+    if (clListing.bFailed()) { // the next pass looks again
+        if (!CStopping::bAsked()) {
+            LogFailedListing(clListing.nError());
+        }
+        return;
+    }
+
+    for (auto& pclService : tServices) {
         if (CStopping::bAsked()) {
             return;
         }
@@ -67,8 +79,5 @@ void CRestartOnFailed::__Check()
         if (pclService->eGetStatus() == STATUS_FAILED) {
             m_clWorkers.Restart(std::move(pclService));
         }
-    }
-    if (clListing.bFailed() && !CStopping::bAsked()) { // before its first service: the next pass looks again
-        LogFailedListing(clListing.nError());
     }
 }

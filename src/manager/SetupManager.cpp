@@ -189,23 +189,14 @@ std::wstring CSetupManager::__csMakeServeurList()
 {
     const CServiceGuard clGuard = clLockServices();
     CTString csServers;
-    CServiceListing clListing(&m_clServiceManager, g_szServerPrefix);
+    // The default server has no prefix by which a listing would find it.
+    CServiceListing clListing(&m_clServiceManager, g_szServerPrefix, g_szDefaultServer);
     while (const auto pclService = clListing.pclNext()) {
         __AddServeurList(clGuard, *pclService, &csServers);
     }
     CStopping::xCheck(); // then nothing has failed
     if (clListing.bFailed()) {
         __FailListing(clListing.nError());
-    }
-
-    // The default server has no prefix, so no listing finds it.
-    const std::unique_ptr<CService> pclDefault(m_clServiceManager.pclGetService(g_szDefaultServer));
-    const int nErrno = errno;
-    CStopping::xCheck();
-    if (pclDefault != nullptr) {
-        __AddServeurList(clGuard, *pclDefault, &csServers);
-    } else if (nErrno != ENOENT) {
-        __FailListing(nErrno);
     }
     return csServers;
 }

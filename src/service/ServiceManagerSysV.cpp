@@ -58,6 +58,25 @@ bool bListPlace(const STScriptPlace& stPlace, const std::wstring& csStart, std::
     }
 }
 
+/// A listing of scripts: all were read when it was made, which costs no launch.
+class CScriptListing : public CServiceEnumeration
+{
+public:
+    /// Takes one more service; null, with errno, for one that could not be read. False when that is another
+    /// reason than its absence: not known is not gone.
+    bool bAdd(std::unique_ptr<CService> pclService)
+    {
+        if (pclService == nullptr) {
+            return errno == ENOENT;
+        }
+        _Add(std::move(pclService));
+        return true;
+    }
+
+private:
+    bool _bMore() override { return false; }
+};
+
 /// Where scripts of this machine's family lie. The family's own place comes first: a script there hides one
 /// of the same name in the usual place.
 std::vector<STScriptPlace> tScriptPlaces()
@@ -135,7 +154,8 @@ std::unique_ptr<CService> CServiceManager::__pclGetServiceSysV(const CServiceNam
     return nullptr;
 }
 
-std::unique_ptr<CServiceEnumeration> CServiceManager::__pclEnumServiceSysV(const std::wstring& csPrefix)
+std::unique_ptr<CServiceEnumeration> CServiceManager::__pclEnumServiceSysV(const std::wstring& csPrefix,
+                                                                           const wchar_t* pszFurther)
 {
     const std::wstring csStart = CServiceName::s_clSaid(csPrefix.c_str()).csScript();
     std::vector<CServiceName> tNames;
@@ -145,16 +165,17 @@ std::unique_ptr<CServiceEnumeration> CServiceManager::__pclEnumServiceSysV(const
         }
     }
 
-    std::vector<std::unique_ptr<CService>> tServices;
+    auto pclListing = std::make_unique<CScriptListing>();
     for (const CServiceName& clName : tNames) {
         auto pclService = std::make_unique<CService>(this, clName);
-        if (pclService->bReadScript()) {
-            tServices.push_back(std::move(pclService));
-        } else if (errno != ENOENT) { // not known is not gone
+        if (!pclListing->bAdd(pclService->bReadScript() ? std::move(pclService) : nullptr)) {
             return nullptr;
         }
     }
-    return std::make_unique<CServiceEnumeration>(std::move(tServices));
+    if (pszFurther != nullptr && !pclListing->bAdd(__pclGetServiceSysV(CServiceName::s_clSaid(pszFurther)))) {
+        return nullptr;
+    }
+    return pclListing;
 }
 
 std::unique_ptr<CService> CServiceManager::__pclInstallSysV(const CServiceName& clName,

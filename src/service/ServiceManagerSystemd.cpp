@@ -4,6 +4,7 @@
 #include "service/ServiceManagerUnix.h"
 #include "service/Systemctl.h"
 #include "service/SystemctlOutput.h"
+#include "service/SystemdListing.h"
 #include "service/SysVFamily.h"
 #include "service/UnitFile.h"
 #include "support/Conversion.h"
@@ -21,6 +22,22 @@ constexpr unsigned int s_nDetectionLimitMs = 30'000;
 std::optional<std::wstring> csDecode(const std::optional<std::string>& csBytes)
 {
     return csBytes ? std::optional(csFromUTF8(*csBytes)) : std::nullopt;
+}
+
+/// Names in a listing that begin with the prefix, each once.
+std::vector<CServiceName> tReadNames(std::string_view csListing, const std::wstring& csStart)
+{
+    std::vector<CServiceName> tNames;
+    for (const std::string_view csListed : tReadListing(csListing)) {
+        CServiceName clName = CServiceName::s_clListed(csListed);
+        // Files of templates are listed, too: their only "@" is at the end. They are no services.
+        const bool bTemplate = csListed.find('@') + 1 == csListed.size();
+        if (!bTemplate && clName.csText().starts_with(csStart) &&
+            std::find(tNames.begin(), tNames.end(), clName) == tNames.end()) {
+            tNames.push_back(std::move(clName));
+        }
+    }
+    return tNames;
 }
 } // namespace
 
@@ -89,46 +106,42 @@ std::unique_ptr<CService> CServiceManager::__pclGetServiceSystemd(const CService
     return csAnswer ? __pclMakeShown(clName.clRegistered(), *csAnswer) : nullptr;
 }
 
-/// Adds the services of a listing whose names begin with the prefix and that are not there yet. False, with
-/// errno, when one of them could not be asked.
-bool CServiceManager::__bAddListed(std::string_view csListing, const std::wstring& csStart,
-                                   std::vector<std::unique_ptr<CService>>* ptServices)
-{
-    for (const std::string_view csListed : tReadListing(csListing)) {
-        const CServiceName clName = CServiceName::s_clListed(csListed);
-        const bool bKnown = std::any_of(ptServices->begin(), ptServices->end(),
-                                        [&clName](const auto& pcl) { return pcl->clName() == clName; });
-        // Files of templates are listed, too: their only "@" is at the end. They are no services.
-        const bool bTemplate = csListed.find('@') + 1 == csListed.size();
-        if (bKnown || bTemplate || !clName.csText().starts_with(csStart)) {
-            continue;
-        }
-        if (auto pclService = __pclGetServiceSystemd(clName)) {
-            ptServices->push_back(std::move(pclService));
-        } else if (errno != ENOENT) { // not known is not gone
-            return false;
-        }
-    }
-    return true;
-}
-
-std::unique_ptr<CServiceEnumeration> CServiceManager::__pclEnumServiceSystemd(const std::wstring& csPrefix)
+std::unique_ptr<CServiceEnumeration> CServiceManager::__pclEnumServiceSystemd(const std::wstring& csPrefix,
+                                                                              const wchar_t* pszFurther)
 {
     const std::optional<std::string> csAnswer = csAskSystemctl(stListUnits());
-    std::vector<std::unique_ptr<CService>> tServices;
-    // All units are listed and picked here: a pattern would be read by systemctl, whatever it holds.
-    const std::wstring csStart = CServiceName::s_clSaid(csPrefix.c_str()).csScript();
-    if (!csAnswer || !__bAddListed(*csAnswer, csStart, &tServices)) {
+    if (!csAnswer) {
         return nullptr;
     }
-    return std::make_unique<CServiceEnumeration>(std::move(tServices));
+    // All units are listed and picked here: a pattern would be read by systemctl, whatever it holds.
+    const std::wstring csStart = CServiceName::s_clSaid(csPrefix.c_str()).csScript();
+    std::vector<CServiceName> tNames = tReadNames(*csAnswer, csStart);
+    if (pszFurther != nullptr) {
+        tNames.push_back(CServiceName::s_clSaid(pszFurther).clLookedUp());
+    }
+    return std::make_unique<CSystemdListing>(this, std::move(tNames));
 }
 
 bool CServiceManager::__bAddUnloaded(const std::wstring& csPrefix,
                                      std::vector<std::unique_ptr<CService>>* ptServices)
 {
     const std::optional<std::string> csAnswer = csAskSystemctl(stListUnitFiles());
-    return csAnswer && __bAddListed(*csAnswer, csPrefix, ptServices);
+    if (!csAnswer) {
+        return false;
+    }
+    std::vector<CServiceName> tNames = tReadNames(*csAnswer, csPrefix);
+    const auto bKnown = [ptServices](const CServiceName& clName) {
+        return std::any_of(ptServices->begin(), ptServices->end(),
+                           [&clName](const auto& pcl) { return pcl->clName() == clName; });
+    };
+    tNames.erase(std::remove_if(tNames.begin(), tNames.end(), bKnown), tNames.end());
+
+    CSystemdListing clListing(this, std::move(tNames));
+    while (auto pclService = clListing.pclNext()) {
+        ptServices->push_back(std::move(pclService));
+    }
+    errno = clListing.nError();
+    return clListing.nError() == 0;
 }
 
 std::unique_ptr<CService> CServiceManager::__pclInstallSystemd(const CServiceName& clName,

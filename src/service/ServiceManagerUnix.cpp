@@ -21,12 +21,25 @@ CService* CServiceManager::pclGetService(const wchar_t* pszName, unsigned int)
     return pclService.release();
 }
 
-CService* CServiceManager::pclEnumService(unsigned long* pnCursor, const wchar_t* pszPrefix, unsigned int)
+std::unique_ptr<CService> CServiceEnumeration::pclNext()
+{
+    while (m_tReady.empty()) {
+        if (m_nError != 0 || !_bMore()) {
+            return nullptr;
+        }
+    }
+    std::unique_ptr<CService> pclService = std::move(m_tReady.front());
+    m_tReady.pop_front();
+    return pclService;
+}
+
+CService* CServiceManager::pclEnumServiceAnd(unsigned long* pnCursor, const wchar_t* pszPrefix,
+                                             const wchar_t* pszFurther)
 {
     std::shared_ptr<CServiceEnumeration> pclEnumeration;
     if (*pnCursor == 0) {
-        const std::wstring csPrefix(pszPrefix != nullptr ? pszPrefix : L"");
-        pclEnumeration = bSystemd() ? __pclEnumServiceSystemd(csPrefix) : __pclEnumServiceSysV(csPrefix);
+        pclEnumeration = bSystemd() ? __pclEnumServiceSystemd(pszPrefix, pszFurther)
+                                    : __pclEnumServiceSysV(pszPrefix, pszFurther);
         if (pclEnumeration == nullptr) {
             *pnCursor = s_nFailedListing;
             return nullptr;
@@ -45,8 +58,14 @@ CService* CServiceManager::pclEnumService(unsigned long* pnCursor, const wchar_t
     // Outside the lock: it may run a tool. Shared, so that it outlives an end of the listing meanwhile.
     auto pclService = pclEnumeration->pclNext();
     if (pclService == nullptr) {
-        const std::lock_guard<std::mutex> clGuard(m_clLock);
-        m_tEnumerations.erase(*pnCursor);
+        {
+            const std::lock_guard<std::mutex> clGuard(m_clLock);
+            m_tEnumerations.erase(*pnCursor);
+        }
+        if (pclEnumeration->nError() != 0) {
+            *pnCursor = s_nFailedListing;
+            errno = pclEnumeration->nError();
+        }
     }
     return pclService.release();
 }

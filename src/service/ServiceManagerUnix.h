@@ -5,6 +5,7 @@
 #include "support/XYString.h"
 
 #include <cerrno>
+#include <deque>
 #include <initializer_list>
 #include <map>
 #include <memory>
@@ -26,23 +27,32 @@ enum EDistri : int
     DISTRI_UNKNOWN = 8, ///< before bInit
 };
 
-/// One listing of services: records that were all looked up when it was made, so that a listing that fails
-/// does so before its first record is used. Made by a back end, stepped by one thread.
+/// One listing of services; made by a back end, stepped by one thread.
 class CServiceEnumeration
 {
 public:
-    explicit CServiceEnumeration(std::vector<std::unique_ptr<CService>> tServices)
-        : m_tServices(std::move(tServices))
-    {}
-    /// Next record, null at the end.
-    std::unique_ptr<CService> pclNext()
+    virtual ~CServiceEnumeration() = default;
+    /// Next record. Null at the end, and from the place on where the listing fails.
+    std::unique_ptr<CService> pclNext();
+    /// The errno of a listing that has failed; 0 otherwise.
+    int nError() const { return m_nError; }
+
+protected:
+    void _Add(std::unique_ptr<CService> pclService) { m_tReady.push_back(std::move(pclService)); }
+    /// What was added and not handed out yet goes: of the last batch nothing is to be used.
+    void _Fail(int nError)
     {
-        return m_nNext < m_tServices.size() ? std::move(m_tServices[m_nNext++]) : nullptr;
+        m_nError = nError;
+        m_tReady.clear();
     }
 
 private:
-    std::vector<std::unique_ptr<CService>> m_tServices;
-    std::size_t m_nNext = 0;
+    /// Looks up what comes next and adds it; false when nothing is left. Called when all records that were
+    /// added have been handed out.
+    virtual bool _bMore() = 0;
+
+    std::deque<std::unique_ptr<CService>> m_tReady;
+    int m_nError = 0;
 };
 
 /// Entry to the machine's service registry: looks services up by name, lists those whose names begin with a
@@ -64,11 +74,18 @@ public:
     /// Null with ENOENT when there is no such service; with any other error it is not known whether there is.
     CService* pclGetService(const wchar_t* pszName, unsigned int nReserved = 0);
     /// Cursor of a listing that failed: it could not be made, or a service in it could not be looked up. That
-    /// is not an empty one.
+    /// is not the end of one. Services may have been handed out before.
     static constexpr unsigned long s_nFailedListing = ~0UL;
     /// The cursor is 0 before the first call and opaque afterwards. Null at the end, and again with the
     /// cursor of an enumeration that has ended, which may be aborted all the same.
-    CService* pclEnumService(unsigned long* pnCursor, const wchar_t* pszPrefix, unsigned int nReserved = 0);
+    CService* pclEnumService(unsigned long* pnCursor, const wchar_t* pszPrefix, unsigned int nReserved = 0)
+    {
+        (void)nReserved;
+        return pclEnumServiceAnd(pnCursor, pszPrefix, nullptr);
+    }
+    /// The same with one more service, of any name (null: none), which comes last if it exists: to ask for it
+    /// together with the last ones listed costs next to nothing.
+    CService* pclEnumServiceAnd(unsigned long* pnCursor, const wchar_t* pszPrefix, const wchar_t* pszFurther);
     /// Ends an enumeration early and releases what it still holds. On SysV the cursor is then 0, that of a
     /// new enumeration; under systemd it stays and gives null: intended.
     void AbortEnumService(unsigned long* pnCursor);
@@ -103,9 +120,9 @@ public:
     bool bTakeBackRefused(const CService& clService);
 
 private:
+    friend class CSystemdListing;
+
     static bool __bSystemdWorks();
-    bool __bAddListed(std::string_view csListing, const std::wstring& csStart,
-                      std::vector<std::unique_ptr<CService>>* ptServices);
     /// Adds the services that only have a unit file. False, with errno, when they cannot be listed.
     bool __bAddUnloaded(const std::wstring& csPrefix, std::vector<std::unique_ptr<CService>>* ptServices);
     static EDistri __eFindDistri();
@@ -113,13 +130,15 @@ private:
     std::unique_ptr<CService> __pclGetServiceSystemd(const CServiceName& clName);
     /// The record of one unit, from what "show" printed of it; null when that is no unit.
     std::unique_ptr<CService> __pclMakeShown(const CServiceName& clName, std::string_view csOutput);
-    std::unique_ptr<CServiceEnumeration> __pclEnumServiceSystemd(const std::wstring& csPrefix);
+    std::unique_ptr<CServiceEnumeration> __pclEnumServiceSystemd(const std::wstring& csPrefix,
+                                                                 const wchar_t* pszFurther);
     std::unique_ptr<CService> __pclInstallSystemd(const CServiceName& clName, const wchar_t* pszDisplayName,
                                                   const std::wstring& csBinaryPath, bool bAutoStart,
                                                   bool bRestartOnAbnormal);
 
     std::unique_ptr<CService> __pclGetServiceSysV(const CServiceName& clName);
-    std::unique_ptr<CServiceEnumeration> __pclEnumServiceSysV(const std::wstring& csPrefix);
+    std::unique_ptr<CServiceEnumeration> __pclEnumServiceSysV(const std::wstring& csPrefix,
+                                                              const wchar_t* pszFurther);
     std::unique_ptr<CService> __pclInstallSysV(const CServiceName& clName, const wchar_t* pszDisplayName,
                                                const std::wstring& csBinaryPath, bool bAutoStart);
 
@@ -133,24 +152,26 @@ private:
 class CServiceListing
 {
 public:
-    /// Both must outlive the object.
-    CServiceListing(CServiceManager* pclManager, const wchar_t* pszPrefix)
-        : m_pclManager(pclManager), m_pszPrefix(pszPrefix)
+    /// All of them must outlive the object. pszFurther: see CServiceManager::pclEnumServiceAnd.
+    CServiceListing(CServiceManager* pclManager, const wchar_t* pszPrefix,
+                    const wchar_t* pszFurther = nullptr)
+        : m_pclManager(pclManager), m_pszPrefix(pszPrefix), m_pszFurther(pszFurther)
     {}
     CServiceListing(const CServiceListing&) = delete;
     CServiceListing& operator=(const CServiceListing&) = delete;
     ~CServiceListing() { m_pclManager->AbortEnumService(&m_nCursor); }
 
-    /// Next service whose name begins with the prefix, null at the end.
+    /// Next service, null at the end or when the listing fails.
     std::unique_ptr<CService> pclNext()
     {
-        std::unique_ptr<CService> pclService(m_pclManager->pclEnumService(&m_nCursor, m_pszPrefix));
+        std::unique_ptr<CService> pclService(
+            m_pclManager->pclEnumServiceAnd(&m_nCursor, m_pszPrefix, m_pszFurther));
         if (pclService == nullptr && bFailed() && m_nError == 0) {
             m_nError = errno;
         }
         return pclService;
     }
-    /// Whether the first pclNext was null because the listing failed.
+    /// Whether pclNext was null because the listing failed.
     bool bFailed() const { return m_nCursor == CServiceManager::s_nFailedListing; }
     /// Why it failed.
     int nError() const { return m_nError; }
@@ -158,6 +179,7 @@ public:
 private:
     CServiceManager* m_pclManager;
     const wchar_t* m_pszPrefix;
+    const wchar_t* m_pszFurther;
     unsigned long m_nCursor = 0;
     int m_nError = 0;
 };

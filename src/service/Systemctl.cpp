@@ -72,23 +72,6 @@ bool bIsAnswer(const STSystemctlQuestion& stQuestion, const CLanceProcessus& clT
     return nExitCode == 0 ||
            (!stQuestion.csProperty.empty() && !csPropertyLine(csOutput, stQuestion.csProperty).empty());
 }
-
-std::optional<std::string> csAskOnce(const STSystemctlQuestion& stQuestion)
-{
-    CLanceProcessus clTool;
-    clTool.LimitOutput(stQuestion.nMaxOutput);
-    std::string csOutput;
-    unsigned int nExitCode = 1;
-    if (!bRun(&clTool, stQuestion.csArguments, &csOutput, &nExitCode)) {
-        errno = errno == ENOENT ? ECANCELED : errno; // the tool is missing, not what was asked for
-        return std::nullopt;
-    }
-    if (!bIsAnswer(stQuestion, clTool, nExitCode, csOutput)) {
-        errno = ECANCELED;
-        return std::nullopt;
-    }
-    return csOutput;
-}
 } // namespace
 
 STSystemctlQuestion stListUnits()
@@ -119,15 +102,33 @@ STSystemctlQuestion stListUnitFiles()
     return {L"list-unit-files --type=service --full --no-pager --no-legend", {}, s_nMaxListing};
 }
 
+std::optional<std::string> csAskSystemctlOnce(const STSystemctlQuestion& stQuestion)
+{
+    CLanceProcessus clTool;
+    clTool.LimitOutput(stQuestion.nMaxOutput);
+    std::string csOutput;
+    unsigned int nExitCode = 1;
+    if (!bRun(&clTool, stQuestion.csArguments, &csOutput, &nExitCode)) {
+        errno = errno == ENOENT ? ECANCELED : errno; // the tool is missing, not what was asked for
+        return std::nullopt;
+    }
+    if (!bIsAnswer(stQuestion, clTool, nExitCode, csOutput)) {
+        errno = ECANCELED;
+        return std::nullopt;
+    }
+    return csOutput;
+}
+
 std::optional<std::string> csAskSystemctl(const STSystemctlQuestion& stQuestion)
 {
     std::optional<std::string> csAnswer;
     (void)bAskPersistently([&] {
-        csAnswer = csAskOnce(stQuestion);
+        csAnswer = csAskSystemctlOnce(stQuestion);
         return csAnswer.has_value();
     });
     return csAnswer;
 }
+
 bool bSystemctlDone(const std::wstring& csArguments)
 {
     CLanceProcessus clTool;

@@ -33,6 +33,9 @@ bool bAskPersistently(const std::function<bool()>& fnAsk);
 /// never ENOENT, which stands for a service that does not exist.
 std::optional<std::string> csAskSystemctl(const STSystemctlQuestion& stQuestion);
 
+/// The same, asked once only: for a question whose failure another one makes good.
+std::optional<std::string> csAskSystemctlOnce(const STSystemctlQuestion& stQuestion);
+
 /// Runs systemctl for its effect, once: true when it ended with 0. A refusal leaves errno at ECANCELED, so
 /// that the system text of a reply says that the operation did not take place.
 bool bSystemctlDone(const std::wstring& csArguments);

@@ -127,3 +127,31 @@ std::vector<std::string_view> tReadListing(std::string_view csOutput)
     });
     return tNames;
 }
+
+std::vector<std::string_view> tReadBlocks(std::string_view csOutput)
+{
+    std::vector<std::string_view> tBlocks;
+    std::size_t nStart = 0;
+    for (std::size_t nLine = 0; nLine < csOutput.size();) {
+        const std::size_t nEnd = std::min(csOutput.find('\n', nLine), csOutput.size() - 1);
+        if (csOutput[nLine] == '\n') {
+            tBlocks.push_back(csOutput.substr(nStart, nLine - nStart));
+            nStart = nEnd + 1;
+        }
+        nLine = nEnd + 1;
+    }
+    if (!csOutput.empty()) {
+        tBlocks.push_back(csOutput.substr(nStart));
+    }
+    return tBlocks;
+}
+
+std::string_view csReadId(std::string_view csBlock)
+{
+    const std::string_view csLine = csPropertyLine(csBlock, "Id");
+    if (csLine.empty()) {
+        return {};
+    }
+    const auto nAfter = static_cast<std::size_t>(csLine.data() + csLine.size() - csBlock.data());
+    return csPropertyLine(csBlock.substr(nAfter), "Id").empty() ? csReadProperty(csLine) : std::string_view();
+}

@@ -28,3 +28,10 @@ std::string_view csReadProperty(std::string_view csOutput);
 /// Unit names without ".service", in the order of the listing. The marks that current versions put before the
 /// name (two blanks, or a bullet and a blank) are passed over.
 std::vector<std::string_view> tReadListing(std::string_view csOutput);
+
+/// What "show" prints of several units: one block of lines for each, with an empty line between two. An
+/// output of nothing is no block; one that begins or ends with an empty line has an empty block there.
+std::vector<std::string_view> tReadBlocks(std::string_view csOutput);
+
+/// The "Id" of a block; empty when it does not give exactly one.
+std::string_view csReadId(std::string_view csBlock);

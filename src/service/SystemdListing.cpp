@@ -1,0 +1,72 @@
+#include "service/SystemdListing.h"
+
+#include "service/Systemctl.h"
+#include "service/SystemctlOutput.h"
+#include "support/Conversion.h"
+
+#include <algorithm>
+#include <cerrno>
+
+CSystemdListing::CSystemdListing(CServiceManager* pclManager, std::vector<CServiceName> tNames)
+    : m_pclManager(pclManager), m_tNames(std::move(tNames))
+{
+    const auto bNoUnit = [](const CServiceName& clName) { return clName.csAsked().empty(); };
+    m_tNames.erase(std::remove_if(m_tNames.begin(), m_tNames.end(), bNoUnit), m_tNames.end());
+}
+
+bool CSystemdListing::_bMore()
+{
+    if (m_nNext == m_tNames.size()) {
+        return false;
+    }
+    const std::size_t nFirst = m_nNext;
+    m_nNext = std::min(nFirst + s_nBatch, m_tNames.size());
+
+    const bool bAlone = m_nNext - nFirst == 1;
+    if (bAlone || !_bAskTogether(nFirst, m_nNext)) {
+        _AskEach(nFirst, m_nNext);
+    }
+    return true;
+}
+
+bool CSystemdListing::_bAskTogether(std::size_t nFirst, std::size_t nEnd)
+{
+    std::wstring csArguments = L"--property=Id,Description,ExecStart,Type show";
+    for (std::size_t n = nFirst; n < nEnd; ++n) {
+        csArguments += L" " + m_tNames[n].csAsked();
+    }
+    const std::optional<std::string> csAnswer = csAskSystemctlOnce({csArguments, "Id"});
+    if (!csAnswer) {
+        return false;
+    }
+
+    const std::vector<std::string_view> tBlocks = tReadBlocks(*csAnswer);
+    const auto bIsOf = [](std::string_view csBlock, const CServiceName& clName) {
+        return csReadId(csBlock) == csToUTF8(clName.csUnitFile());
+    };
+    if (!std::equal(tBlocks.begin(), tBlocks.end(), m_tNames.begin() + static_cast<std::ptrdiff_t>(nFirst),
+                    m_tNames.begin() + static_cast<std::ptrdiff_t>(nEnd), bIsOf)) {
+        return false;
+    }
+
+    for (std::size_t n = nFirst; n < nEnd && nError() == 0; ++n) {
+        _AddOrFail(m_pclManager->__pclMakeShown(m_tNames[n].clRegistered(), tBlocks[n - nFirst]));
+    }
+    return true;
+}
+
+void CSystemdListing::_AskEach(std::size_t nFirst, std::size_t nEnd)
+{
+    for (std::size_t n = nFirst; n < nEnd && nError() == 0; ++n) {
+        _AddOrFail(m_pclManager->__pclGetServiceSystemd(m_tNames[n]));
+    }
+}
+
+void CSystemdListing::_AddOrFail(std::unique_ptr<CService> pclService)
+{
+    if (pclService != nullptr) {
+        _Add(std::move(pclService));
+    } else if (errno != ENOENT) { // not known is not gone
+        _Fail(errno);
+    }
+}
