@@ -25,6 +25,13 @@ void Systemctl(std::string_view csOutput)
     Require(!st.csDescription || csOutput.find(*st.csDescription) != std::string_view::npos);
     Require(!st.csBinaryPath || csOutput.find(*st.csBinaryPath) != std::string_view::npos);
     Require(bLiesIn(csReadProperty(csOutput), csOutput));
+    std::size_t nBlocks = 0; // bytes
+    for (const std::string_view csBlock : tReadBlocks(csOutput)) {
+        Require(bLiesIn(csBlock, csOutput) && csBlock.find("\n\n") == std::string_view::npos);
+        Require(bLiesIn(csReadId(csBlock), csBlock));
+        nBlocks += csBlock.size();
+    }
+    Require(nBlocks <= csOutput.size());
     for (const std::string_view csUnit : tReadListing(csOutput)) {
         Require(bLiesIn(csUnit, csOutput) && csUnit.find('\n') == std::string_view::npos);
         const CServiceName clName = CServiceName::s_clListed(csUnit);

@@ -1,6 +1,16 @@
 #include "service/SystemctlOutput.h"
 
+#include <fstream>
 #include <gtest/gtest.h>
+#include <iterator>
+
+namespace {
+std::string csRecorded(const std::string& csFile)
+{
+    std::ifstream clFile(VELMO_RECORDED + csFile);
+    return {std::istreambuf_iterator<char>(clFile), {}};
+}
+} // namespace
 
 TEST(ListUnits, EveryFormOfAListingGivesTheUnits)
 {
@@ -92,4 +102,70 @@ TEST(Show, TellsExistenceDescriptionAndCommandLine)
     EXPECT_EQ(csReadProperty("P=a=b\n"), "a=b");
     EXPECT_EQ(csReadProperty("P="), "");
     EXPECT_EQ(csReadProperty("no property"), "");
+}
+
+TEST(Blocks, EverySystemdPrintsOneForEachNameInTheOrderAsked)
+{
+    const struct
+    {
+        const char* pszFile;
+        std::vector<bool> tExists;
+        const char* pszIdOfSecond;
+    } tCases[] = {
+        {"show6.txt", {true, false, true, true, true, true}, ""},
+        {"show3.A-nonexistent-C.txt", {true, false, true}, ""},
+        {"show3.invalidname.txt", {true, false, true}, "DXCS-bad\\x20name.service"},
+    };
+    for (const std::string csSuite : {"bullseye.", "bookworm.", "sid."}) {
+        for (const auto& st : tCases) {
+            const std::string csOutput = csRecorded(csSuite + st.pszFile);
+            const std::vector<std::string_view> tBlocks = tReadBlocks(csOutput);
+            ASSERT_EQ(tBlocks.size(), st.tExists.size()) << csSuite << st.pszFile;
+            EXPECT_EQ(csReadId(tBlocks[1]), st.pszIdOfSecond) << csSuite << st.pszFile;
+            for (std::size_t n = 0; n < tBlocks.size(); ++n) {
+                EXPECT_EQ(stReadShow(tBlocks[n]).bExists, st.tExists[n]) << csSuite << st.pszFile << n;
+            }
+            EXPECT_EQ(stReadShow(tBlocks[0]).csExecutable, "/bin/sleep") << csSuite << st.pszFile;
+        }
+    }
+}
+
+TEST(Blocks, WhatIsNoneIsNotTakenForOne)
+{
+    using Blocks = std::vector<std::string_view>;
+    const struct
+    {
+        std::string_view csOutput;
+        Blocks tExpected;
+    } tCases[] = {
+        {"", {}},
+        {"\n", {"", ""}},
+        {"Id=a\n\nId=b\n", {"Id=a\n", "Id=b\n"}},
+        {"Id=a\n\n\nId=b\n", {"Id=a\n", "", "Id=b\n"}},
+        {"Id=a\n\nId=b\n\n", {"Id=a\n", "Id=b\n", ""}},
+        {"Id=a\r\n\r\nId=b\r\n", {"Id=a\r\n\r\nId=b\r\n"}},
+        {"Id=a\n\nId=b", {"Id=a\n", "Id=b"}},
+    };
+    for (const auto& st : tCases) {
+        EXPECT_EQ(tReadBlocks(st.csOutput), st.tExpected) << st.csOutput;
+    }
+    EXPECT_EQ(csReadId("noise\nid=a.service\n"), "a.service");
+    EXPECT_EQ(csReadId("Description=Id=b\nId=a\n"), "a");
+    EXPECT_EQ(csReadId("Id=a\nId=b\n"), "") << "of which one it is cannot be told";
+    EXPECT_EQ(csReadId("Id=a"), "") << "may go on";
+}
+
+TEST(ListUnits, EverySystemdsListingGivesTheUnits)
+{
+    for (const std::string csFile :
+         {"bullseye.list-units.utf8.txt", "bullseye.list-units.C.txt", "bookworm.list-units.utf8.txt",
+          "trixie.list-units.utf8.txt", "sid.list-units.utf8.txt"}) {
+        const std::string csOutput = csRecorded(csFile);
+        std::string csServers;
+        for (const std::string_view csUnit : tReadListing(csOutput)) {
+            csServers += csUnit.starts_with("DXCS-") ? std::string(csUnit.substr(5)) + " " : "";
+        }
+        EXPECT_EQ(csServers, "Alpha BadSet Failed Masked NoDesc NotFound Starting Stopped Zurich\\xc3\\xbc ")
+            << csFile;
+    }
 }

@@ -262,3 +262,78 @@ TEST_F(Systemd, NullTextsAreFieldsThatAreNotThere)
     EXPECT_EQ(pclService->pszGetDisplayName(), nullptr);
     EXPECT_EQ(stRun("head -n 2 /lib/systemd/system/DXCS-a.service").csOutput, "[Unit]\nDescription=\n");
 }
+
+namespace {
+/// Sixty servers. Asked for several at once, $DIR/batch spoils the blocks that are right.
+constexpr char s_szSixty[] = R"sh(show() {
+    case $1 in
+    *-7 | *-60) printf 'Id=%s.service\nType=\nDescription=%s.service\n' $1 $1 ;;
+    *) printf 'Id=%s.service\nDescription=of %s\nType=forking\nExecStart={ path=/s/%s ; argv[]=/s/%s --SERVICE %s ; }\n' $1 $1 $1 $1 $1 ;;
+    esac
+}
+blocks() { first=1; for u; do [ $first ] || echo; first=; show $u; done; }
+case "$*" in
+list-units*) for n in $(seq 60); do echo "  DXCS-$n.service l a r A"; done ;;
+*=Id,*) shift 2; . $DIR/batch ;;
+*show*) show $3 | grep -v ^Id= ;;
+esac)sh";
+
+std::wstring csSixty(CServiceManager& clManager)
+{
+    CServiceListing clListing(&clManager, L"DXCS-", L"dxsql");
+    std::wstring csAll;
+    while (const auto pcl = clListing.pclNext()) {
+        csAll += pcl->pszGetName() + std::wstring(L"|") + pcl->pszGetDisplayName() + L"|" +
+                 pcl->pszBinaryPathName() + L"|" + pcl->csGetExecutable() + L"\n";
+    }
+    return csAll + (clListing.bFailed() ? L"failed" : L"");
+}
+} // namespace
+
+TEST_F(Systemd, WhateverABatchPrintsTheListingIsThatOfSingleQuestions)
+{
+    const struct
+    {
+        const char* pszForm;
+        const char* pszBatch; ///< with the names as its arguments
+        int nLaunches;        ///< the listing's own, two batches, and the names that were asked again
+    } tCases[] = {
+        {"right", "blocks \"$@\"", 3},
+        {"right, with a bad exit status", "blocks \"$@\"; exit 1", 3},
+        {"noise of standard error in it", "echo 'Warning: reload' >&2; blocks \"$@\"", 3},
+        {"one too few", "shift; blocks \"$@\"", 64},
+        {"one too many", "blocks DXCS-1 \"$@\"", 64},
+        {"another order", "a=$1; shift; blocks \"$@\" $a", 64},
+        {"another unit's", "a=$1; shift; blocks DXCS-x \"$@\"", 64},
+        {"empty blocks", "for u; do echo; done", 64},
+        {"an empty line more", "blocks \"$@\"; echo; echo", 64},
+        {"lines that end in CR LF", "blocks \"$@\" | sed 's/$/\\r/'", 64},
+        {"an empty line inside", "blocks \"$@\" | sed 's/^Type=forking/&\\n/'", 64},
+        {"nothing", ":", 64},
+        {"noise", "echo noise; echo; echo =; exit 1", 64},
+        {"a failure", "exit 1", 64},
+        {"killed", "blocks \"$@\"; kill -9 $$", 64},
+        {"cut off", "blocks \"$@\" | head -c 1500", 64},
+    };
+    CFakeTool clTool("/bin/systemctl", s_szSixty);
+    std::wstring csExpected;
+    for (int n = 1; n < 60; ++n) {
+        const std::wstring cs = L"DXCS-" + std::to_wstring(n);
+        csExpected +=
+            n == 7 ? L"" : cs + L"|of " + cs + L"|/s/" + cs + L" --SERVICE " + cs + L" |/s/" + cs + L"\n";
+    }
+    csExpected += L"dxsql|of dxsql|/s/dxsql --SERVICE dxsql |/s/dxsql\n";
+    for (const auto& st : tCases) {
+        clTool.Write("batch", st.pszBatch + std::string("\n"));
+        clTool.csTakeJournal();
+        EXPECT_EQ(csSixty(m_clManager), csExpected) << st.pszForm;
+        const std::string csJournal = clTool.csTakeJournal();
+        EXPECT_EQ(std::count(csJournal.begin(), csJournal.end(), '\n'), st.nLaunches) << st.pszForm;
+    }
+
+    // Of a listing that is left early only the first batch has been asked for.
+    CServiceListing clListing(&m_clManager, L"DXCS-");
+    EXPECT_NE(clListing.pclNext(), nullptr);
+    const std::string csJournal = clTool.csTakeJournal();
+    EXPECT_EQ(csJournal.find("DXCS-48"), std::string::npos) << csJournal;
+}
