@@ -29,6 +29,14 @@ constexpr char s_szSystemctl[] = R"(
 case "$*" in
 *list-units*) echo "  DXCS-A.service loaded active running DXCS-A" ;;
 *ActiveState*DXCS-A) echo ActiveState=active ;;
+*"show DXCS-A dxsql")
+    echo Id=DXCS-A.service
+    echo Type=forking
+    echo "ExecStart={ path=/run/velmo/a/dxsrv ; argv[]=/run/velmo/a/dxsrv --SERVICE DXCS-A ; ignore_errors=no }"
+    echo Description=DXCS-A
+    echo
+    echo Id=dxsql.service
+    echo Type= ;;
 *Description*DXCS-A)
     echo Type=forking
     echo "ExecStart={ path=/run/velmo/a/dxsrv ; argv[]=/run/velmo/a/dxsrv --SERVICE DXCS-A ; ignore_errors=no }"

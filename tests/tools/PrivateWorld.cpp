@@ -34,6 +34,14 @@ bool bMakeWorld()
             return false;
         }
     }
+    // What the real tools write when a script is registered. Not every system has these folders.
+    for (const char c : {'0', '1', '2', '3', '4', '5', '6', 'S'}) {
+        const std::string csFolder = std::string("/etc/rc") + c + ".d";
+        if (std::filesystem::exists(csFolder) &&
+            ::mount("tmpfs", csFolder.c_str(), "tmpfs", 0, "mode=0755") != 0) {
+            return false;
+        }
+    }
     return ::chmod("/tmp", 01777) == 0 && bLoopbackUp();
 }
 } // namespace
