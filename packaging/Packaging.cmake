@@ -21,7 +21,7 @@ if(TARGET velmoctl)
 endif()
 set_target_properties(zt240vm64 PROPERTIES INSTALL_RPATH "$ORIGIN")
 file(GLOB manuals CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/man/*.[1-8])
-file(GLOB completions CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tools/velmoctl/*.bash)
+set(completions ${PROJECT_SOURCE_DIR}/tools/velmoctl/completion)
 file(GLOB guides CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/*.md)
 list(REMOVE_ITEM guides ${PROJECT_SOURCE_DIR}/docs/decisions.md) # for those who change the code
 set(sample ${PROJECT_SOURCE_DIR}/docs/DXConf.ini.sample)
@@ -45,10 +45,10 @@ foreach(manual IN LISTS manuals)
   string(REPLACE "." "man" section ${section})
   install(FILES ${manual} DESTINATION usr/share/man/${section} COMPONENT system)
 endforeach()
-foreach(completion IN LISTS completions)
-  cmake_path(GET completion STEM command)
-  install(FILES ${completion} DESTINATION usr/share/bash-completion/completions RENAME ${command} COMPONENT system)
-endforeach()
+install(FILES ${completions}/velmoctl.bash DESTINATION usr/share/bash-completion/completions RENAME velmoctl
+  COMPONENT system)
+install(FILES ${completions}/_velmoctl DESTINATION usr/share/zsh/vendor-completions COMPONENT system)
+install(FILES ${completions}/velmoctl.fish DESTINATION usr/share/fish/vendor_completions.d COMPONENT system)
 # Links into the folder, so that the commands are found.
 foreach(link IN ITEMS usr/sbin/VelmoManager usr/bin/velmoctl)
   cmake_path(GET link FILENAME command)
@@ -79,7 +79,7 @@ install(FILES ${sample} ${here}/copyright DESTINATION . COMPONENT folder EXCLUDE
 install(FILES ${guides} ${PROJECT_SOURCE_DIR}/CHANGELOG.md DESTINATION doc COMPONENT folder EXCLUDE_FROM_ALL)
 install(FILES ${manuals} DESTINATION man COMPONENT folder EXCLUDE_FROM_ALL)
 install(FILES ${tmpfiles} DESTINATION tmpfiles.d COMPONENT folder EXCLUDE_FROM_ALL)
-install(FILES ${completions} DESTINATION bash-completion COMPONENT folder EXCLUDE_FROM_ALL)
+install(DIRECTORY ${completions} DESTINATION . COMPONENT folder EXCLUDE_FROM_ALL)
 
 set(CPACK_PACKAGE_NAME velmomanager)
 set(CPACK_PACKAGE_VERSION ${VELMO_VERSION})
@@ -113,5 +113,6 @@ set(CPACK_RPM_POST_INSTALL_SCRIPT_FILE ${made}/rpm/post)
 set(CPACK_RPM_PRE_UNINSTALL_SCRIPT_FILE ${made}/rpm/preun)
 set(CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION /opt /usr/sbin /usr/lib/tmpfiles.d /usr/share/man /usr/share/man/man1
   /usr/share/man/man5 /usr/share/man/man8
-  /usr/share/bash-completion /usr/share/bash-completion/completions)
+  /usr/share/bash-completion /usr/share/bash-completion/completions
+  /usr/share/zsh /usr/share/zsh/vendor-completions /usr/share/fish /usr/share/fish/vendor_completions.d)
 include(CPack)

@@ -3,7 +3,8 @@
 # Sourced, from the checkout's root, by scripts that set -euo pipefail.
 
 packages=(g++ cmake ninja-build libgtest-dev libgmock-dev libbenchmark-dev systemd-container strace
-    shellcheck busybox insserv iproute2 valgrind dpkg-dev file python3)
+    shellcheck busybox insserv iproute2 valgrind dpkg-dev file python3
+    libcli11-dev nlohmann-json3-dev libedit-dev libncurses-dev libbsd-dev)
 # The sourcing scripts use it.
 # shellcheck disable=SC2034
 readonly machine=$PWD/tools/machine

@@ -1,7 +1,9 @@
-// The man page and the completion know every command and every option, and nothing else.
+// The man page knows every command and every option, and the shells' completion offers what can stand in a
+// line.
 
 #include "ScriptedManager.h"
 #include "support/XYString.h"
+#include "tools/TempDir.h"
 #include "velmoctl/Commands.h"
 
 #include <gtest/gtest.h>
@@ -10,11 +12,11 @@
 namespace {
 const std::string s_csPage = csSource() + "/docs/man/velmoctl.1";
 
-/// What bash offers for the last of the words, sorted, with blanks between.
-std::string csCompletions(const std::string& csWords, const std::string& csSetUp = "")
+/// What bash offers for the last of the words, sorted, with spaces between.
+std::string csCompletions(const std::string& csWords)
 {
-    return stRun("bash -c '" + csSetUp + "source " + csSource() +
-                 "/tools/velmoctl/velmoctl.bash; COMP_WORDS=(" + csWords +
+    return stRun("bash -c 'velmoctl() { " + csClient() + " \"$@\"; }; source " + csSource() +
+                 "/tools/velmoctl/completion/velmoctl.bash; COMP_WORDS=(" + csWords +
                  "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _velmoctl; printf \"%s\\n\" \"${COMPREPLY[@]}\" "
                  "| LC_ALL=C sort | paste -sd\" \"'")
         .csOutput;
@@ -47,17 +49,32 @@ TEST(Documents, TheManPageHasEveryCommandAndOptionAndNoFault)
     EXPECT_EQ(stRun("groff -man -Tutf8 -ww -z " + s_csPage).csOutput, "");
 }
 
-TEST(Documents, TheCompletionOffersWhatTheCommandsKnowAndAsksTheManagerForNames)
+TEST(Documents, TheCompletionOffersWhatCanStandThereAndAsksTheManagerForNames)
 {
-    EXPECT_EQ(csCompletions("velmoctl \"\""), csSorted(tCommandNames()));
-    EXPECT_EQ(csCompletions("velmoctl --host x li"), "lint list\n");
-    for (const std::string& csCommand : tCommandNames()) {
-        EXPECT_EQ(csCompletions("velmoctl " + csCommand + " --"), csSorted(tOptionsOf(csCommand)))
-            << csCommand;
-    }
+    std::vector<std::string> tCommands = tCommandNames();
+    tCommands.emplace_back("help");
     CScriptedManager clManager(
         CScriptedManager::Answers{{"INFO", "YES\tv\ts\tk\tp\tm\tOrders\t1\tOr der\t2\tStock\t3"}});
-    EXPECT_EQ(csCompletions("velmoctl --port " + clManager.csPort() + " status Or",
-                            "velmoctl() { " + csClient() + " \"$@\"; }; "),
-              "Or\\ der Orders\n");
+    const CTempDir clFolder;
+    const std::string csFile = clFolder.csWrite("hosts", "db[1:2] ansible_host=127.0.0.1\n[web]\nw1\n");
+    const std::string csOn = "velmoctl --port " + clManager.csPort() + " ";
+    const std::pair<std::string, std::string> tCases[] = {
+        {"velmoctl \"\"", csSorted(tCommands)},
+        {"velmoctl --host x li", "lint list\n"},
+        {"velmoctl help wa", "watch\n"},
+        {"velmoctl list --", csSorted(tOptionsOf("list"))},
+        {"velmoctl uninstall --d", "--delete-files --dry-run\n"},
+        {"velmoctl list --state running,st", "running,starting running,stopped running,stopping\n"},
+        {"velmoctl list --columns = na", "name\n"},
+        {csOn + "status Or", "Or\\ der Orders\n"},
+        {csOn + "start Stock S", "Stock\n"},
+        {csOn + "register S", "\n"},
+        {"velmoctl --hosts " + csFile + " list --host db", "db1 db2\n"},
+        {"velmoctl --hosts " + csFile + " --group ", csSorted({"all", "ungrouped", "web"})},
+        {"velmoctl --port " + clManager.csPort() + " --hosts " + csFile + " --host db1 status S", "Stock\n"},
+    };
+    for (const auto& [csWords, csExpected] : tCases) {
+        const bool bNew = csWords.back() == ' ';
+        EXPECT_EQ(csCompletions(csWords + (bNew ? "\"\"" : "")), csExpected) << csWords;
+    }
 }

@@ -134,18 +134,22 @@ TEST(Terminal, TheShellEditsKeepsAHistoryAndOutlivesAnInterruptedCommand)
 {
     CScriptedManager clManager(s_tAnswers);
     CScriptedServer clMute([](const CClientSide& cl) { cl.StaySilent(); });
-    CProgramOnTerminal clProgram(csOn(clManager, "--no-color shell"));
+    const CTempDir clState; // of the history, which a second shell goes on with
+    const std::string csShell =
+        "env XDG_STATE_HOME=" + clState.csPath() + " " + csOn(clManager, "--no-color shell");
+    CProgramOnTerminal clProgram(csShell);
     const std::pair<std::string, const char*> tLines[] = {
         {"statu Orders\033[H\033[C\033[C\033[C\033[C\033[Cs\r", "running\r\n"},
         {"\033[A\x17Stock\r", "stopped\r\n"},
         {"junk\x15status Ordersxy\x7f\033[D\x0b\r", "running\r\n"},
         {"xstatus Stock\x01\033[3~\x05\r", "stopped\r\n"},
         {"\033[A\033[A\033[A\033[B\r", "running\r\n"},
-        {"li\t\r", "unknown command \"li\""}, // list and lint: it takes one letter more
+        {"li\t\r", "list  lint"}, // both are offered
         {"lis\t--port " + clMute.csPort() + "\r", "asking the manager"},
         {"\x03", "velmoctl: interrupted"},
-        {"help\r", "usage: velmoctl"},
-        {"sta\x03", "sta"},
+        {"help\r", "Usage: velmoctl"},
+        {"sta", "sta"},
+        {"\x03", ""},
         {"\x04", ""},
     };
     for (const auto& [csTyped, pszShown] : tLines) {
@@ -155,6 +159,13 @@ TEST(Terminal, TheShellEditsKeepsAHistoryAndOutlivesAnInterruptedCommand)
         ASSERT_TRUE(clProgram.bShows(pszShown));
     }
     EXPECT_EQ(clProgram.nEnd(), 0);
+
+    CProgramOnTerminal clSecond(csShell);
+    ASSERT_TRUE(clSecond.bShows("velmo> "));
+    clSecond.Type("\033[A\033[A\033[A\r"); // help, the listing, the first line of all
+    EXPECT_TRUE(clSecond.bShows("running\r\n"));
+    clSecond.Type("quit\r");
+    EXPECT_EQ(clSecond.nEnd(), 0);
 }
 
 TEST(Terminal, TheShellReadsPlainLinesWithQuotedWordsOffATerminal)
@@ -163,7 +174,7 @@ TEST(Terminal, TheShellReadsPlainLinesWithQuotedWordsOffATerminal)
     const CTempDir clFolder;
     const std::string csLines = clFolder.csWrite("lines", R"(status Or"ders"
 
- status	"too	many" words
+ status	"too many" words
 status "a \"b"\ 'c "\d'
 start ""
 status "Stock
@@ -171,14 +182,19 @@ status Stock\
 status Stock
 shell)");
     const STCommandResult stResult = stClient(clManager.csPort(), "shell <" + csLines);
-    EXPECT_EQ(stResult.csOutput, "running\n"
-                                 "velmoctl: usage: velmoctl status NAME\n"
-                                 "velmoctl: the manager does not know this question\n"
-                                 "velmoctl: the manager does not know this question\n"
-                                 "velmoctl: the line ends inside a quotation\n"
-                                 "velmoctl: the line ends inside a quotation\n"
-                                 "stopped\n"
-                                 "velmoctl: this is the shell\n");
+    const std::string csUnknown = "velmoctl: the manager on this machine does not know this question";
+    EXPECT_EQ(stResult.csOutput,
+              "running\n"
+              "NAME      STATE\ntoo many  ?\nwords     ?\n" +
+                  csUnknown + " about \"too many\"; is it older than this velmoctl?\n" + csUnknown +
+                  " about \"words\"; is it older than this velmoctl?\n" + csUnknown +
+                  " about \"a \"b c \"\\d\"; is it older than this velmoctl?\n" + csUnknown +
+                  "; is it older than this velmoctl?\n"
+                  "velmoctl: the line ends inside a quotation\n"
+                  "velmoctl: the line ends inside a quotation\n"
+                  "stopped\n"
+                  "velmoctl: this is the shell\n");
     EXPECT_EQ(stResult.nStatus, 2) << "that of the last command";
-    EXPECT_EQ(clManager.csAsked(), "STATUS\tOrders|STATUS\ta \"b c \"\\d|START\t|STATUS\tStock|");
+    EXPECT_EQ(clManager.csAsked(),
+              "STATUS\tOrders|STATUS\ttoo many|STATUS\twords|STATUS\ta \"b c \"\\d|START\t|STATUS\tStock|");
 }

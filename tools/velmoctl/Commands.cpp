@@ -2,9 +2,12 @@
 
 #include "support/Conversion.h"
 #include "support/Version.h"
+#include "velmoctl/Json.h"
 #include "velmoctl/Terminal.h"
 
 #include <algorithm>
+#include <CLI/CLI.hpp>
+#include <cmath>
 #include <iostream>
 #include <iterator>
 
@@ -13,7 +16,8 @@ struct STCommand
 {
     const char* pszName;
     const char* pszArguments;
-    std::size_t nArguments;
+    std::size_t nFewest; ///< arguments
+    std::size_t nMost;
     Milliseconds clTimeout;
     EExit (*pfn)(const STCall&);
     const char* pszHelp;
@@ -21,95 +25,233 @@ struct STCommand
 
 using namespace std::chrono_literals;
 /// Starting and stopping waits for the system's tools, which give a service a minute and a half.
-constexpr Milliseconds s_clQuestion = 10s, s_clChange = 120s, s_clMoment = 2s;
+constexpr Milliseconds s_clQuestion = 10s, s_clChange = 120s, s_clSearch = 5s;
+constexpr std::size_t s_nMany = 10'000;
 
 constexpr STCommand s_tCommands[] = {
-    {"info", "", 0, s_clQuestion, eInfo, "version, machine and servers of the manager"},
-    {"list", "", 0, s_clQuestion, eList, "name, port and state of each server"},
-    {"status", "NAME", 1, s_clQuestion, eStatus, "state of one server"},
-    {"start", "NAME", 1, s_clChange, eStart, "start a server"},
-    {"uninstall", "NAME", 1, s_clChange, eUninstall, "stop a server and remove its service"},
-    {"cluster", "NAME", 1, s_clQuestion, eCluster, "which cluster a server belongs to"},
-    {"discover", "", 0, s_clMoment, eDiscover, "find the managers of the local network"},
-    {"register", "NAME PROGRAM PORT", 3, s_clChange, eRegister,
+    {"info", "", 0, 0, s_clQuestion, eInfo, "version, machine and servers of a manager"},
+    {"list", "[NAME...]", 0, s_nMany, s_clQuestion, eList, "name, port and state of each server"},
+    {"status", "NAME...", 1, s_nMany, s_clQuestion, eStatus, "state of servers, and an exit status by it"},
+    {"check", "[NAME...]", 0, s_nMany, s_clQuestion, eCheck, "the same for Nagios and Icinga"},
+    {"metrics", "[NAME...]", 0, s_nMany, s_clQuestion, eMetrics, "the same for Prometheus"},
+    {"start", "NAME...", 1, s_nMany, s_clChange, eStart, "start servers"},
+    {"stop", "NAME...", 1, s_nMany, s_clChange, eStop, "stop servers of this machine (root only)"},
+    {"restart", "NAME...", 1, s_nMany, s_clChange, eRestart, "restart servers of this machine (root only)"},
+    {"uninstall", "NAME", 1, 1, s_clChange, eUninstall, "stop a server and remove its service"},
+    {"cluster", "NAME", 1, 1, s_clQuestion, eCluster, "which cluster a server belongs to"},
+    {"discover", "", 0, 0, s_clSearch, eDiscover, "find the managers of the local network"},
+    {"register", "NAME PROGRAM PORT", 3, 3, s_clChange, eRegister,
      "have a server of this machine registered and started (root only)"},
-    {"watch", "", 0, s_clQuestion, eWatch, "the list again and again; q ends it"},
-    {"lint", "FILE", 1, s_clQuestion, eLint, "look for faults in a DXConf.ini"},
-    {"shell", "", 0, s_clQuestion, eShell, "commands at a prompt"},
+    {"watch", "[NAME...]", 0, s_nMany, s_clQuestion, eWatch, "the list again and again; q ends it"},
+    {"lint", "FILE", 1, 1, s_clQuestion, eLint, "look for faults in a DXConf.ini"},
+    {"shell", "", 0, 0, s_clQuestion, eShell, "commands at a prompt"},
+};
+/// For the shells' completion scripts: the words of a line, of which the last is to be completed.
+constexpr STCommand s_stComplete = {"complete", "[WORD...]", 0, s_nMany, 2s, eComplete, ""};
+constexpr const char *s_pszHelp = "help", *s_pszHelpFlags = "-h,--help", *s_pszHelpText = "this text";
+
+/// The usage line in the words of the man page.
+class CHelp : public CLI::Formatter
+{
+public:
+    CHelp() { column_width(32); }
+    std::string make_usage(const CLI::App* pclParser, std::string csName) const override
+    {
+        const std::string csCommand = pclParser->get_name();
+        const bool bWhole = pclParser->get_parent() == nullptr;
+        return "Usage: velmoctl [OPTION...] " +
+               (bWhole ? "COMMAND [ARGUMENT...]" : csCommand + " " + csArgumentKinds(csCommand)) + "\n" +
+               (bWhole ? csName.substr(0, 0) : "");
+    }
+    /// The words of a line are in the usage already.
+    std::string make_positionals(const CLI::App* /*pclParser*/) const override { return ""; }
 };
 
-std::string csHelp()
+/// One command line, being read.
+class CReader
 {
-    constexpr std::size_t nColumn = 26;
-    std::string csHelp = "usage: velmoctl [OPTION...] COMMAND [ARGUMENT...]\n\n"
-                         "Talks to a VelmoManager, the manager of a machine's database servers.\n\n";
-    for (const STCommand& stCommand : s_tCommands) {
-        std::string csLeft = std::string(stCommand.pszName) + " " + stCommand.pszArguments;
-        csLeft.resize(std::max(csLeft.size(), nColumn), ' ');
-        csHelp += "  " + csLeft + " " + stCommand.pszHelp + "\n";
+public:
+    explicit CReader(const STOptions& stDefaults) : m_stDefaults(stDefaults), m_stOptions(stDefaults)
+    {
+        m_stOptions.tHosts.clear(); // lists add up within a line, and replace those of the defaults
+        m_stOptions.tGroups.clear();
+        m_stOptions.csHostsFile.clear();
+        m_clParser.set_help_flag(s_pszHelpFlags, s_pszHelpText);
+        m_clParser.formatter(std::make_shared<CHelp>());
+        m_clParser.footer(
+            "\"velmoctl help COMMAND\" tells the options of each. Exit status: 0 done, 1 refused or\n"
+            "not as it should be, 2 wrong usage, 3 nobody answers, 4 no manager answers, 5 not\n"
+            "wanted after all; \"status\" and \"check\" have their own. More in velmoctl(1).");
+        AddOptions("", &m_clParser, &m_stOptions);
+        for (const STCommand& st : s_tCommands) {
+            _Add(st, "Commands");
+        }
+        _Add(s_stComplete, "");
+        m_clParser.add_subcommand(s_pszHelp, "what a command does and which options it has")
+            ->group("Commands")
+            ->add_option("COMMAND", m_tHelp);
+        m_clParser.require_subcommand(0, 1);
     }
-    return csHelp + "\n" + csOptionsHelp() +
-           "\nExit status: 0 done, 1 refused or not as it should be, 2 wrong usage, 3 nobody answers,\n"
-           "4 no manager answers, 5 not wanted after all. More in velmoctl(1).\n";
-}
 
-const STCommand& stFind(const std::string& csName)
-{
-    const auto* const pstFound = std::find_if(std::begin(s_tCommands), std::end(s_tCommands),
-                                              [&](const STCommand& st) { return csName == st.pszName; });
-    if (pstFound == std::end(s_tCommands)) {
-        throw CFailure(EExit::USAGE, "unknown command \"" + csArgument(csName) + "\"; see velmoctl --help");
+    EExit eRun(const std::vector<std::string>& tArguments)
+    {
+        _Parse(tArguments);
+        if (m_stOptions.bVersion) {
+            std::cout << "velmoctl " << csToUTF8(g_szVersion) << "\n";
+            return EExit::DONE;
+        }
+        if (m_bHelp || m_clParser.got_subcommand(s_pszHelp)) {
+            std::cout << _csHelp();
+            return EExit::DONE;
+        }
+        if (m_pstCommand == nullptr) {
+            throw CFailure(EExit::USAGE, "which command? See velmoctl --help");
+        }
+        _CheckUse();
+        _TakeDefaults();
+        SetColours(!m_stOptions.bNoColor);
+        const Milliseconds clOwn(std::lround(m_stOptions.dTimeout * 1000));
+        return m_pstCommand->pfn(
+            {m_stOptions, m_tWords, clOwn > Milliseconds::zero() ? clOwn : m_pstCommand->clTimeout});
     }
-    return *pstFound;
-}
 
-/// Throws CFailure (USAGE) for an option that the command does not have and for a wrong number of words.
-void CheckUse(const STCommand& stCommand, const STCommandLine& stLine)
-{
-    const std::vector<std::string> tKnown = tOptionsOf(stCommand.pszName);
-    for (const std::string& csOption : stLine.tUsed) {
-        if (std::find(tKnown.begin(), tKnown.end(), csOption) == tKnown.end()) {
-            throw CFailure(EExit::USAGE,
-                           "\"" + std::string(stCommand.pszName) + "\" has no option " + csOption);
+    bool bJson() const { return m_stOptions.bJson; }
+
+private:
+    void _Add(const STCommand& st, const char* pszGroup)
+    {
+        CLI::App* const pcl = m_clParser.add_subcommand(st.pszName, st.pszHelp)->group(pszGroup);
+        pcl->set_help_flag(s_pszHelpFlags, s_pszHelpText);
+        pcl->formatter(std::make_shared<CHelp>());
+        AddOptions(st.pszName, pcl, &m_stOptions);
+        pcl->add_option("WORD", m_tWords);
+        pcl->callback([this, &st] { m_pstCommand = &st; });
+    }
+
+    /// What follows "--" is never an option, nor anything to the library.
+    void _Parse(const std::vector<std::string>& tArguments)
+    {
+        const auto itEnd = std::find(tArguments.begin(), tArguments.end(), "--");
+        std::vector<std::string> tReversed;
+        for (auto it = itEnd; it != tArguments.begin(); --it) {
+            tReversed.push_back(_csGuarded(*std::prev(it)));
+        }
+        try {
+            m_clParser.parse(tReversed);
+        } catch (const CLI::CallForHelp&) {
+            m_bHelp = true;
+        } catch (const CLI::ParseError& clError) {
+            throw CFailure(EExit::USAGE, _csFault(clError));
+        }
+        for (auto* const ptWords : {&m_tWords, &m_stOptions.tHosts, &m_stOptions.tIgnore}) {
+            std::transform(ptWords->begin(), ptWords->end(), ptWords->begin(), _csUnguarded);
+        }
+        if (itEnd != tArguments.end()) {
+            m_tWords.insert(m_tWords.end(), std::next(itEnd), tArguments.end());
         }
     }
-    if (stLine.tWords.size() != stCommand.nArguments + 1) {
-        throw CFailure(EExit::USAGE, std::string("usage: velmoctl ") + stCommand.pszName +
-                                         (stCommand.nArguments > 0 ? " " : "") + stCommand.pszArguments);
+
+    /// The library takes a word between brackets for a list of words: it gets something in front meanwhile.
+    static std::string _csGuarded(const std::string& csWord)
+    {
+        const bool bList = csWord.size() > 1 && csWord.front() == '[' && csWord.back() == ']';
+        return bList ? s_cGuard + csWord : csWord;
     }
+    static std::string _csUnguarded(const std::string& csWord)
+    {
+        return csWord.size() > 1 && csWord[0] == s_cGuard && csWord[1] == '[' ? csWord.substr(1) : csWord;
+    }
+
+    std::string _csFault(const CLI::ParseError& clError) const
+    {
+        const std::vector<std::string> tLeft = m_clParser.remaining();
+        if (m_clParser.get_subcommands().empty() && !tLeft.empty() && !tLeft[0].starts_with("-")) {
+            return "unknown command \"" + csArgument(tLeft[0]) + "\"; see velmoctl --help";
+        }
+        return csArgument(clError.what()) + "; see velmoctl --help";
+    }
+
+    /// Throws CFailure (USAGE) for an option before the command that is another command's, and for a wrong
+    /// number of words.
+    void _CheckUse() const
+    {
+        const std::vector<std::string> tKnown = tOptionsOf(m_pstCommand->pszName);
+        for (const CLI::Option* const pcl : m_clParser.get_options()) {
+            const std::string csName = "--" + pcl->get_lnames().front();
+            if (pcl->count() > 0 && std::find(tKnown.begin(), tKnown.end(), csName) == tKnown.end()) {
+                throw CFailure(EExit::USAGE,
+                               "\"" + std::string(m_pstCommand->pszName) + "\" has no option " + csName);
+            }
+        }
+        if (m_tWords.size() < m_pstCommand->nFewest || m_tWords.size() > m_pstCommand->nMost) {
+            const std::string csWords = m_pstCommand->pszArguments;
+            throw CFailure(EExit::USAGE, std::string("usage: velmoctl ") + m_pstCommand->pszName +
+                                             (csWords.empty() ? "" : " ") + csWords);
+        }
+    }
+
+    /// A line that names no machine asks those of the defaults; one that names a group alone means their
+    /// file's.
+    void _TakeDefaults()
+    {
+        if (m_stOptions.tHosts.empty() && m_stOptions.csHostsFile.empty()) {
+            m_stOptions.csHostsFile = m_stDefaults.csHostsFile;
+            if (m_stOptions.tGroups.empty()) {
+                m_stOptions.tHosts = m_stDefaults.tHosts;
+                m_stOptions.tGroups = m_stDefaults.tGroups;
+            }
+        }
+    }
+
+    std::string _csHelp()
+    {
+        if (m_tHelp.empty()) {
+            return m_clParser.help();
+        }
+        if (csArgumentKinds(m_tHelp).empty() && !_bCommand(m_tHelp)) {
+            throw CFailure(EExit::USAGE,
+                           "unknown command \"" + csArgument(m_tHelp) + "\"; see velmoctl --help");
+        }
+        return m_clParser.get_subcommand(m_tHelp)->help();
+    }
+
+    static bool _bCommand(const std::string& csName)
+    {
+        const std::vector<std::string> tNames = tCommandNames();
+        return std::find(tNames.begin(), tNames.end(), csName) != tNames.end();
+    }
+
+    static constexpr char s_cGuard = '\x01';
+
+    const STOptions& m_stDefaults;
+    STOptions m_stOptions;
+    const STCommand* m_pstCommand = nullptr;
+    std::vector<std::string> m_tWords; ///< those that are neither command nor option
+    std::string m_tHelp;               ///< the command that help is asked about
+    bool m_bHelp = false;
+    CLI::App m_clParser{"Talks to VelmoManagers, the managers of machines' database servers.", "velmoctl"};
+};
+
+/// The failure in words, and for programs as a value as well.
+EExit eTell(const CFailure& clFailure, bool bJson)
+{
+    if (bJson && clFailure.eExit() != EExit::USAGE) {
+        std::cout << csJsonLine({{"error", clJsonFailure(clFailure)}});
+    }
+    std::cout.flush();
+    std::cerr << "velmoctl: " << csShown(clFailure.what()) << "\n";
+    return clFailure.eExit();
 }
 } // namespace
 
-EExit eExecute(const STCommandLine& stLine)
+EExit eExecute(const std::vector<std::string>& tArguments, const STOptions& stDefaults)
 {
-    if (stLine.stOptions.bHelp) {
-        std::cout << csHelp();
-        return EExit::DONE;
-    }
-    if (stLine.stOptions.bVersion) {
-        std::cout << "velmoctl " << csToUTF8(g_szVersion) << "\n";
-        return EExit::DONE;
-    }
-    if (stLine.tWords.empty()) {
-        throw CFailure(EExit::USAGE, "which command? See velmoctl --help");
-    }
-    const STCommand& stCommand = stFind(stLine.tWords.front());
-    CheckUse(stCommand, stLine);
-    SetColours(!stLine.stOptions.bNoColor);
-    return stCommand.pfn({stLine.stOptions,
-                          {stLine.tWords.begin() + 1, stLine.tWords.end()},
-                          stLine.stOptions.clTimeout.value_or(stCommand.clTimeout)});
-}
-
-EExit eExecuteAndTell(const std::vector<std::string>& tArguments, const STOptions& stDefaults)
-{
+    CReader clReader(stDefaults);
     EExit eResult = EExit::DONE;
     try {
-        eResult = eExecute(stParse(tArguments, stDefaults));
+        eResult = clReader.eRun(tArguments);
     } catch (const CFailure& clFailure) {
-        std::cout.flush();
-        std::cerr << "velmoctl: " << csShown(clFailure.what()) << "\n";
-        eResult = clFailure.eExit();
+        eResult = eTell(clFailure, clReader.bJson());
     }
     if (!std::cout.flush()) {
         std::cerr << "velmoctl: the output could not be written\n";
@@ -121,8 +263,15 @@ EExit eExecuteAndTell(const std::vector<std::string>& tArguments, const STOption
 std::vector<std::string> tCommandNames()
 {
     std::vector<std::string> tNames;
-    for (const STCommand& stCommand : s_tCommands) {
-        tNames.emplace_back(stCommand.pszName);
+    for (const STCommand& st : s_tCommands) {
+        tNames.emplace_back(st.pszName);
     }
     return tNames;
+}
+
+std::string csArgumentKinds(const std::string& csCommand)
+{
+    const auto* const pst = std::find_if(std::begin(s_tCommands), std::end(s_tCommands),
+                                         [&](const STCommand& st) { return csCommand == st.pszName; });
+    return pst == std::end(s_tCommands) ? "" : pst->pszArguments;
 }

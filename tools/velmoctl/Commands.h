@@ -11,26 +11,32 @@ struct STCall
 {
     STOptions stOptions;
     std::vector<std::string> tArguments; ///< as many as the command's row says, bytes as they were given
-    Milliseconds clTimeout;              ///< for one answer: the user's, or else the command's own
+    Milliseconds clTimeout;              ///< for one machine: the user's, or else the command's own
 };
 
-/// Runs one command line, its options included. Results go to standard output; throws CFailure.
-EExit eExecute(const STCommandLine& stLine);
-/// The same, but failures are told on standard error and their exit status is returned.
-EExit eExecuteAndTell(const std::vector<std::string>& tArguments, const STOptions& stDefaults);
+/// Runs one command line. Results go to standard output; failures are reported on standard error, and their
+/// exit status is returned. What the line does not say is as in the defaults.
+EExit eExecute(const std::vector<std::string>& tArguments, const STOptions& stDefaults);
 
-/// Names of all commands.
+/// Names of all commands that a user types.
 std::vector<std::string> tCommandNames();
+/// What kind of words a command takes ("NAME..."); empty for none, and for an unknown command.
+std::string csArgumentKinds(const std::string& csCommand);
 
-/// The commands themselves; tables of what they answer are in velmoctl(1).
+/// The commands themselves; velmoctl(1) says what each prints and how it exits.
 EExit eInfo(const STCall& stCall);
 EExit eList(const STCall& stCall);
 EExit eStatus(const STCall& stCall);
 EExit eCluster(const STCall& stCall);
+EExit eCheck(const STCall& stCall);
+EExit eMetrics(const STCall& stCall);
 EExit eStart(const STCall& stCall);
+EExit eStop(const STCall& stCall);
+EExit eRestart(const STCall& stCall);
 EExit eUninstall(const STCall& stCall);
 EExit eDiscover(const STCall& stCall);
 EExit eRegister(const STCall& stCall);
 EExit eWatch(const STCall& stCall);
 EExit eLint(const STCall& stCall);
 EExit eShell(const STCall& stCall);
+EExit eComplete(const STCall& stCall);

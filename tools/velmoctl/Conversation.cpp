@@ -3,12 +3,15 @@
 #include "support/Conversion.h"
 #include "velmoctl/Terminal.h"
 
+#include <algorithm>
 #include <array>
+#include <climits>
 #include <cstring>
 #include <future>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <thread>
+#include <unistd.h>
 
 namespace {
 constexpr std::size_t s_nMaxGreeting = 1024;
@@ -86,27 +89,40 @@ std::string csSeconds(Milliseconds clTime)
 }
 } // namespace
 
-CAddresses pstResolve(const STOptions& stOptions, int nType, const CDeadline& clDeadline)
+CAddresses pstResolve(const STHost& stHost, int nType, const CDeadline& clDeadline)
 {
-    const std::string csPort = std::to_string(stOptions.wPort);
-    STResolved stResult = stAsk(stOptions.csHost, csPort, nType, AI_NUMERICHOST);
+    const std::string csPort = std::to_string(stHost.wPort);
+    STResolved stResult = stAsk(stHost.csAddress, csPort, nType, AI_NUMERICHOST);
     if (stResult.nError != 0) {
-        stResult = stAskInTime(stOptions.csHost, csPort, nType, clDeadline);
+        stResult = stAskInTime(stHost.csAddress, csPort, nType, clDeadline);
     }
     if (stResult.nError != 0) {
-        throw CFailure(EExit::UNREACHABLE, "the host \"" + csArgument(stOptions.csHost) +
+        throw CFailure(EExit::UNREACHABLE, "the host \"" + stHost.csName +
                                                "\" cannot be found: " + ::gai_strerror(stResult.nError));
     }
     return std::move(stResult.pstAddresses);
 }
 
-CConversation::CConversation(const STOptions& stOptions, Milliseconds clTimeout)
-    : m_clTimeout(clTimeout),
-      m_csWho(stOptions.csHost.empty() ? "this machine" : csShown(csArgument(stOptions.csHost)))
+std::string csWhere(const STHost& stHost)
 {
-    m_csWho += ", port " + std::to_string(stOptions.wPort);
-    const CDeadline clDeadline(clTimeout);
-    _Connect(stOptions, clDeadline);
+    return stHost.csName.empty() ? "this machine" : stHost.csName;
+}
+
+std::string csHostWord(const STHost& stHost)
+{
+    std::array<char, HOST_NAME_MAX + 1> szName{};
+    if (!stHost.csName.empty() || ::gethostname(szName.data(), szName.size() - 1) != 0) {
+        return stHost.csName;
+    }
+    return csToUTF8(csFromUTF8(szName.data()));
+}
+
+CConversation::CConversation(const STHost& stHost, Milliseconds clAnswer, const CDeadline& clWhole)
+    : m_stHost(stHost), m_clAnswer(clAnswer), m_clWhole(clWhole),
+      m_csWho(csShown(csWhere(stHost)) + ", port " + std::to_string(stHost.wPort))
+{
+    const CDeadline clDeadline = _clForAnswer();
+    _Connect(clDeadline);
     if (!_csLine(s_nMaxGreeting, clDeadline).starts_with(s_csGreeting)) {
         throw CFailure(EExit::NONSENSE, "what listens on " + m_csWho + " is not a manager");
     }
@@ -116,16 +132,20 @@ CConversation::CConversation(const STOptions& stOptions, Milliseconds clTimeout)
     }
 }
 
+CConversation::CConversation(const STHost& stHost, Milliseconds clAnswer)
+    : CConversation(stHost, clAnswer, CDeadline::Never())
+{}
+
 std::string CConversation::csAsk(const std::vector<std::string>& tFields)
 {
     std::string csLine;
     for (const std::string& csField : tFields) {
         if (csField.find_first_of(std::string_view("\t\r\n\0", 4)) != csField.npos) {
-            throw CFailure(EExit::USAGE, "a name cannot contain tabs, line ends or NUL characters");
+            throw CFailure(EExit::USAGE, "a name cannot contain tabs, newlines or NUL characters");
         }
         csLine += (csLine.empty() ? "" : "\t") + csField;
     }
-    const CDeadline clDeadline(m_clTimeout);
+    const CDeadline clDeadline = _clForAnswer();
     m_csReceived.clear(); // nothing was asked for
     _Send(csLine + "\r\n", clDeadline);
     return _csLine(s_nMaxLine, clDeadline);
@@ -139,10 +159,15 @@ CFailure CConversation::clNonsense(const std::string& csReply) const
                                  csShown(csCut) + (csCut.size() < csReply.size() ? "...\"" : "\"")};
 }
 
-/// Each address gets its share of the time that is left, so that a silent one does not use it all up.
-void CConversation::_Connect(const STOptions& stOptions, const CDeadline& clDeadline)
+CDeadline CConversation::_clForAnswer() const
 {
-    const CAddresses pstAddresses = pstResolve(stOptions, SOCK_STREAM, clDeadline);
+    return CDeadline(std::min(m_clAnswer, m_clWhole.clLeft()));
+}
+
+/// Each address gets its share of the time that is left, so that a silent one does not use it all up.
+void CConversation::_Connect(const CDeadline& clDeadline)
+{
+    const CAddresses pstAddresses = pstResolve(m_stHost, SOCK_STREAM, clDeadline);
     int nErrno = 0;
     for (const addrinfo* pst = pstAddresses.get(); pst != nullptr; pst = pst->ai_next) {
         CDescripteur clSocket(
@@ -210,5 +235,5 @@ void CConversation::_Receive(const CDeadline& clDeadline)
 CFailure CConversation::_clSilence() const
 {
     return {EExit::UNREACHABLE,
-            "the manager on " + m_csWho + " did not answer within " + csSeconds(m_clTimeout)};
+            "the manager on " + m_csWho + " did not answer within " + csSeconds(m_clAnswer)};
 }

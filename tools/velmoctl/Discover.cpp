@@ -2,118 +2,20 @@
 // is over.
 
 #include "support/Conversion.h"
-#include "velmoctl/Conversation.h"
-#include "velmoctl/Output.h"
-#include "velmoctl/Query.h"
+#include "velmoctl/Fleet.h"
+#include "velmoctl/Interfaces.h"
+#include "velmoctl/Inventory.h"
+#include "velmoctl/Table.h"
 
 #include <algorithm>
-#include <arpa/inet.h>
 #include <array>
-#include <ifaddrs.h>
 #include <iostream>
-#include <net/if.h>
 #include <set>
-#include <sys/socket.h>
 
 namespace {
 constexpr std::string_view s_csQuestion = "ARE YOU A DEXARO MANAGER UTF-8?\r\n";
 constexpr std::size_t s_nMaxDatagram = 65536;
 constexpr std::size_t s_nMaxManagers = 1000;
-
-/// An address to ask, or one that answered: room for both families.
-struct STAddress
-{
-    sockaddr_storage st{};
-    socklen_t nLength = 0;
-
-    STAddress() = default;
-    STAddress(const sockaddr* pst, socklen_t nSize) : nLength(nSize)
-    {
-        std::copy_n(reinterpret_cast<const char*>(pst), nSize, reinterpret_cast<char*>(&st));
-    }
-    const sockaddr* pst() const { return reinterpret_cast<const sockaddr*>(&st); }
-    /// Numeric, without the port.
-    std::string csText() const
-    {
-        std::array<char, NI_MAXHOST> szHost{};
-        const int nError =
-            ::getnameinfo(pst(), nLength, szHost.data(), szHost.size(), nullptr, 0, NI_NUMERICHOST);
-        return nError == 0 ? szHost.data() : "";
-    }
-};
-
-/// The broadcast address of an IPv4 interface in network order; 0 when it has none. One that nobody has set
-/// (as after a plain "ip address add") is the last address of the network, which the kernel treats as
-/// broadcast all the same; the C library tells the interface's own address then.
-in_addr_t nBroadcast(const ifaddrs& st)
-{
-    const auto nAddress = [](const sockaddr* pst) {
-        return pst == nullptr ? 0 : reinterpret_cast<const sockaddr_in*>(pst)->sin_addr.s_addr;
-    };
-    constexpr in_addr_t nSmallestHosts = 3; // two addresses or one leave none for broadcasts
-    const in_addr_t nOwn = nAddress(st.ifa_addr);
-    if (const in_addr_t nSet = nAddress(st.ifa_broadaddr); nSet != 0 && nSet != nOwn) {
-        return nSet;
-    }
-    const in_addr_t nHosts = ~nAddress(st.ifa_netmask);
-    return ntohl(nHosts) < nSmallestHosts ? 0 : nOwn | nHosts;
-}
-
-/// This machine's interfaces, read once.
-class CInterfaces
-{
-public:
-    CInterfaces()
-    {
-        if (::getifaddrs(&m_pst) != 0) {
-            m_pst = nullptr;
-        }
-    }
-    ~CInterfaces() { ::freeifaddrs(m_pst); }
-    CInterfaces(const CInterfaces&) = delete;
-    CInterfaces& operator=(const CInterfaces&) = delete;
-
-    /// The IPv4 broadcast address of every interface that has one, with the port.
-    std::vector<STAddress> tBroadcast(std::uint16_t wPort) const
-    {
-        std::vector<STAddress> tAddresses;
-        for (const ifaddrs* pst = m_pst; pst != nullptr; pst = pst->ifa_next) {
-            if (pst->ifa_addr != nullptr && pst->ifa_addr->sa_family == AF_INET &&
-                (pst->ifa_flags & IFF_UP) != 0 && (pst->ifa_flags & IFF_BROADCAST) != 0 &&
-                nBroadcast(*pst) != 0) {
-                sockaddr_in st{};
-                st.sin_family = AF_INET;
-                st.sin_port = htons(wPort);
-                st.sin_addr.s_addr = nBroadcast(*pst);
-                tAddresses.emplace_back(reinterpret_cast<const sockaddr*>(&st), sizeof st);
-            }
-        }
-        return tAddresses;
-    }
-    /// This machine's own addresses in numeric form, those of its loopback included.
-    std::set<std::string> tOwn() const
-    {
-        std::set<std::string> tAddresses;
-        for (const ifaddrs* pst = m_pst; pst != nullptr; pst = pst->ifa_next) {
-            if (pst->ifa_addr != nullptr && pst->ifa_addr->sa_family == AF_INET) {
-                tAddresses.insert(STAddress(pst->ifa_addr, sizeof(sockaddr_in)).csText());
-            } else if (pst->ifa_addr != nullptr && pst->ifa_addr->sa_family == AF_INET6) {
-                tAddresses.insert(STAddress(pst->ifa_addr, sizeof(sockaddr_in6)).csText());
-            }
-        }
-        return tAddresses;
-    }
-
-private:
-    ifaddrs* m_pst = nullptr;
-};
-
-struct STFound
-{
-    std::string csAddress;
-    bool bHere; ///< on this machine, which answers from any of its addresses
-    STInfo stInfo;
-};
 
 /// Asks by UDP and collects who answers.
 class CDiscovery
@@ -124,7 +26,8 @@ public:
         const CInterfaces clInterfaces;
         m_tOwn = clInterfaces.tOwn();
         m_tTargets = clInterfaces.tBroadcast(stCall.stOptions.wPort);
-        const CAddresses pstHost = pstResolve(stCall.stOptions, SOCK_DGRAM, CDeadline(stCall.clTimeout));
+        const CAddresses pstHost =
+            pstResolve(stOnlyHost(stCall.stOptions), SOCK_DGRAM, CDeadline(stCall.clTimeout));
         for (const addrinfo* pst = pstHost.get(); pst != nullptr; pst = pst->ai_next) {
             m_tTargets.emplace_back(pst->ai_addr, pst->ai_addrlen);
         }
@@ -136,13 +39,15 @@ public:
         }
     }
 
-    /// Asks at the start and once more in the middle of the time: datagrams get lost.
+    /// Datagrams get lost, so it asks again; a manager with many servers needs a while for its answer, so
+    /// most of the time comes after the last question. An answer counts whichever question it is to.
     std::vector<STFound> tCollect()
     {
-        for (int nTurn = 0; nTurn < 2; ++nTurn) {
-            const CDeadline clEnd(m_stCall.clTimeout / 2);
+        const CDeadline clEnd(m_stCall.clTimeout);
+        for (const int nTenths : {2, 3, 5}) {
+            const CDeadline clTurn(std::min(m_stCall.clTimeout * nTenths / 10, clEnd.clLeft()));
             _Ask();
-            while (_bWait(clEnd) && m_tFound.size() < s_nMaxManagers) {
+            while (_bWait(clTurn) && m_tFound.size() < s_nMaxManagers) {
             }
         }
         return std::move(m_tFound);
@@ -219,7 +124,7 @@ private:
 
 std::string csFoundTable(const std::vector<STFound>& tFound)
 {
-    std::vector<std::vector<STCell>> tRows;
+    std::vector<CRow> tRows;
     for (const STFound& st : tFound) {
         std::string csServers;
         for (const STServer& stServer : st.stInfo.tServers) {
@@ -232,36 +137,27 @@ std::string csFoundTable(const std::vector<STFound>& tFound)
     }
     return csTable({"ADDRESS", "VERSION", "SYSTEM", "SERVERS"}, tRows);
 }
-
-std::string csFoundJson(const std::vector<STFound>& tFound)
-{
-    std::vector<std::string> tObjects;
-    tObjects.reserve(tFound.size());
-    for (const STFound& st : tFound) {
-        tObjects.push_back(csJsonObject({{"address", csJsonText(st.csAddress)},
-                                         {"this_machine", csJsonFlag(st.bHere)},
-                                         {"version", csJsonText(st.stInfo.csVersion)},
-                                         {"system", csJsonText(st.stInfo.csSystem)},
-                                         {"servers", csServersJson(st.stInfo.tServers)}}));
-    }
-    return csJsonArray(tObjects) + "\n";
-}
 } // namespace
 
 EExit eDiscover(const STCall& stCall)
 {
+    const STOptions& st = stCall.stOptions;
     std::vector<STFound> tFound;
     {
         const CProgress clProgress("asking the network...");
+        CInterrupts::Catch();
         tFound = CDiscovery(stCall).tCollect();
     }
-    if (stCall.stOptions.bJson) {
-        std::cout << csFoundJson(tFound);
+    if (st.bPrometheus || st.bAnsible || st.bJson) {
+        std::cout << csJsonLine(st.bPrometheus ? clPrometheusTargets(tFound, st.wExporterPort)
+                                : st.bAnsible  ? clAnsibleInventory(tFound)
+                                               : clJsonFound(tFound));
     } else if (!tFound.empty()) {
         std::cout << csFoundTable(tFound);
     }
     if (tFound.empty()) {
-        throw CFailure(EExit::UNREACHABLE, "no manager answered");
+        TellTroubles({"no manager answered"});
+        return EExit::UNREACHABLE;
     }
     return EExit::DONE;
 }

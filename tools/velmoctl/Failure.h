@@ -15,7 +15,12 @@ enum class EExit : int
     INTERRUPTED = 130,
 };
 
-/// Ends a command: the words for standard error (UTF-8, no line end) and the exit status.
+/// The worse of two, in the order 130, 5, 2, 4, 3, 1, 0.
+EExit eWorse(EExit e1, EExit e2);
+/// The status as one word, for programs.
+const char* pszKind(EExit eExit);
+
+/// Ends a command: the words for standard error (UTF-8, no newline) and the exit status.
 class CFailure : public std::runtime_error
 {
 public:

@@ -5,7 +5,8 @@
 
 #include "support/Conversion.h"
 #include "velmoctl/Commands.h"
-#include "velmoctl/Output.h"
+#include "velmoctl/Json.h"
+#include "velmoctl/Terminal.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -244,17 +245,16 @@ EExit eLint(const STCall& stCall)
 {
     const std::string csFile = csArgument(stCall.tArguments[0]);
     const std::vector<STFinding> tFindings = tLint(csReadFile(stCall.tArguments[0]));
-    std::vector<std::string> tObjects;
+    Json clFindings = Json::array();
     for (const STFinding& st : tFindings) {
-        const std::string csLine = std::to_string(st.nLine);
-        tObjects.push_back(csJsonObject({{"line", csLine}, {"text", csJsonText(st.csText)}}));
+        clFindings.push_back({{"line", st.nLine}, {"text", st.csText}});
         if (!stCall.stOptions.bJson) {
-            std::cout << csColoured(csShown(csFile) + ":" + csLine + ":", EColour::BOLD) << " "
-                      << csShown(st.csText) << "\n";
+            std::cout << csColoured(csShown(csFile) + ":" + std::to_string(st.nLine) + ":", EColour::BOLD)
+                      << " " << csShown(st.csText) << "\n";
         }
     }
     if (stCall.stOptions.bJson) {
-        std::cout << csJsonArray(tObjects) << "\n";
+        std::cout << csJsonLine(clFindings);
     }
     return tFindings.empty() ? EExit::DONE : EExit::REFUSED;
 }

@@ -5,160 +5,211 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cmath>
+#include <CLI/CLI.hpp>
 #include <iterator>
 #include <sstream>
 
 namespace {
+/// An option as the command-line library takes it.
 struct STOption
 {
-    const char* pszName;
-    const char* pszValue;    ///< what the help calls its value; null: it has none
-    const char* pszCommands; ///< those that know it, each between blanks; null: all
-    void (*pfnSet)(STOptions*, const std::string&);
+    const char* pszNames;    ///< "-H,--host"
+    const char* pszValue;    ///< the kind of its value, for help and completion; null: it has none
+    const char* pszCommands; ///< those that know it, each between spaces; null: all
+    CLI::Option* (*pfnAdd)(CLI::App* pcl, const char* pszNames, STOptions* pst);
     const char* pszHelp;
 };
 
-/// A number that is the whole text and within its bounds. Throws CFailure (USAGE).
+constexpr double s_dLongest = 86400; // seconds: a day
+constexpr unsigned int s_nMostJobs = 512, s_nMostRounds = 1'000'000'000;
+constexpr std::uint16_t s_wMostPort = 65535;
+
+template <auto pMember>
+CLI::Option* pclFlag(CLI::App* pcl, const char* pszNames, STOptions* pst)
+{
+    return pcl->add_flag(pszNames, pst->*pMember)->disable_flag_override();
+}
+
+/// One value; of several the last counts.
+template <auto pMember>
+CLI::Option* pclValue(CLI::App* pcl, const char* pszNames, STOptions* pst)
+{
+    return pcl->add_option(pszNames, pst->*pMember)->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+}
+
+/// The help has better words for a range than the library.
 template <class T>
-T nNumber(const std::string& csValue, T nMin, T nMax, const char* pszKind = "number")
+CLI::Validator clBetween(T clFirst, T clLast)
 {
-    T nNumber{};
-    const char* const pszEnd = csValue.data() + csValue.size();
-    const auto stResult = std::from_chars(csValue.data(), pszEnd, nNumber);
-    if (stResult.ec != std::errc{} || stResult.ptr != pszEnd || !(nNumber >= nMin && nNumber <= nMax)) {
-        std::ostringstream clWords;
-        clWords << '"' << csArgument(csValue) << "\" is not a " << pszKind << " from " << nMin << " to "
-                << nMax;
-        throw CFailure(EExit::USAGE, clWords.str());
-    }
-    return nNumber;
+    return CLI::Range(clFirst, clLast).description("");
 }
 
-Milliseconds clSeconds(const std::string& csValue)
+template <auto pMember>
+CLI::Option* pclSeconds(CLI::App* pcl, const char* pszNames, STOptions* pst)
 {
-    return Milliseconds(std::lround(1000 * nNumber(csValue, 0.001, 86400.0)));
+    return pclValue<pMember>(pcl, pszNames, pst)->check(clBetween(0.001, s_dLongest));
 }
 
-constexpr const char* s_pszRemote = " info list status start uninstall cluster discover watch shell ";
+/// Values add up, wherever in the line they stand; each use of the option takes one word.
+template <auto pMember>
+CLI::Option* pclList(CLI::App* pcl, const char* pszNames, STOptions* pst)
+{
+    const CLI::callback_t fnAppend = [pst](const CLI::results_t& tWords) {
+        (pst->*pMember).insert((pst->*pMember).end(), tWords.begin(), tWords.end());
+        return true;
+    };
+    return pcl->add_option(pszNames, fnAppend)
+        ->expected(1, CLI::detail::expected_max_vector_size)
+        ->allow_extra_args(false);
+}
+
+template <auto pMember>
+CLI::Option* pclPort(CLI::App* pcl, const char* pszNames, STOptions* pst)
+{
+    return pclValue<pMember>(pcl, pszNames, pst)->check(clBetween(std::uint16_t{1}, s_wMostPort));
+}
+
+CLI::Option* pclJobs(CLI::App* pcl, const char* pszNames, STOptions* pst)
+{
+    return pclValue<&STOptions::nJobs>(pcl, pszNames, pst)->check(clBetween(1U, s_nMostJobs));
+}
+
+CLI::Option* pclCount(CLI::App* pcl, const char* pszNames, STOptions* pst)
+{
+    return pclValue<&STOptions::nCount>(pcl, pszNames, pst)->check(clBetween(1U, s_nMostRounds));
+}
+
+constexpr const char* s_pszRemote =
+    " info list status start stop restart uninstall cluster discover watch check metrics shell ";
+constexpr const char* s_pszMany = " info list status start watch check metrics shell ";
 
 constexpr STOption s_tOptions[] = {
-    {"--host", "HOST", s_pszRemote, [](STOptions* pst, const std::string& cs) { pst->csHost = cs; },
-     "the machine whose manager is asked (default: this one)"},
-    {"--port", "PORT", s_pszRemote, [](STOptions* pst, const std::string& cs) { pst->wPort = wReadPort(cs); },
-     "its port (default: 4999, where every manager listens)"},
-    {"--timeout", "SECONDS", nullptr,
-     [](STOptions* pst, const std::string& cs) { pst->clTimeout = clSeconds(cs); },
-     "how long one answer may take (default: see each command)"},
-    {"--json", nullptr, nullptr, [](STOptions* pst, const std::string&) { pst->bJson = true; },
-     "output for programs"},
-    {"--no-color", nullptr, nullptr, [](STOptions* pst, const std::string&) { pst->bNoColor = true; },
-     "no colours on a terminal"},
-    {"--names", nullptr, " list ", [](STOptions* pst, const std::string&) { pst->bNames = true; },
-     "list: only the names, one a line; states are not asked"},
-    {"--delete-files", nullptr, " uninstall ",
-     [](STOptions* pst, const std::string&) { pst->bDeleteFiles = true; },
-     "uninstall: delete the server's folder, databases included"},
-    {"--dry-run", nullptr, " uninstall ", [](STOptions* pst, const std::string&) { pst->bDryRun = true; },
-     "uninstall: only tell what would be done"},
-    {"--yes", nullptr, " uninstall ", [](STOptions* pst, const std::string&) { pst->bYes = true; },
-     "uninstall: do not ask first"},
-    {"--interval", "SECONDS", " watch ",
-     [](STOptions* pst, const std::string& cs) { pst->clInterval = clSeconds(cs); },
-     "watch: time between two looks (default: 2)"},
-    {"--count", "NUMBER", " watch ",
-     [](STOptions* pst, const std::string& cs) { pst->nCount = nNumber(cs, 1u, 1'000'000'000u); },
-     "watch: end after this many looks"},
-    {"--help", nullptr, nullptr, [](STOptions* pst, const std::string&) { pst->bHelp = true; }, "this text"},
-    {"--version", nullptr, nullptr, [](STOptions* pst, const std::string&) { pst->bVersion = true; },
-     "the version of this program"},
+    {"-H,--host", "HOST", s_pszRemote, pclList<&STOptions::tHosts>,
+     "machines whose managers are asked: db1,db2 or db[01-40] (default: this one)"},
+    {"--hosts", "FILE", s_pszMany, pclValue<&STOptions::csHostsFile>,
+     "machines from a file, such as an Ansible inventory in INI form"},
+    {"--group", "GROUP", s_pszMany, pclList<&STOptions::tGroups>, "only those of a group of the file"},
+    {"-j,--jobs", "NUMBER", s_pszMany, pclJobs, "conversations at once (default: 16, at most 4 to one host)"},
+    {"-p,--port", "PORT", s_pszRemote, pclPort<&STOptions::wPort>,
+     "the managers' port (default: 4999, where every manager listens)"},
+    {"-t,--timeout", "SECONDS", nullptr, pclSeconds<&STOptions::dTimeout>,
+     "how long one machine may take (default: see each command)"},
+    {"--json", nullptr, nullptr, pclFlag<&STOptions::bJson>, "output for programs"},
+    {"--no-color", nullptr, nullptr, pclFlag<&STOptions::bNoColor>, "no colours on a terminal"},
+    {"-l,--long", nullptr, " list watch ", pclFlag<&STOptions::bLong>,
+     "more columns: on this machine process, since when, folder and the last line logged"},
+    {"--state", "STATE", " list watch ", pclList<&STOptions::tStates>,
+     "only servers in these states (running,stopped,failed...)"},
+    {"--sort", "COLUMN", " list watch ", pclList<&STOptions::tSort>,
+     "order of the rows; a - in front of a column reverses it"},
+    {"--columns", "COLUMN", " list watch ", pclList<&STOptions::tColumns>,
+     "which columns: host,name,port,state,pid,since,folder,log"},
+    {"--no-header", nullptr, " list watch status ", pclFlag<&STOptions::bNoHeader>,
+     "no line with the columns' names"},
+    {"--names", nullptr, " list ", pclFlag<&STOptions::bNames>,
+     "only the names, one a line; states are not asked"},
+    {"--fail-if-not-running", nullptr, " list ", pclFlag<&STOptions::bFailIfNotRunning>,
+     "exit status 1 when a listed server does not run"},
+    {"--wait", nullptr, " start ", pclFlag<&STOptions::bWait>, "wait until the server runs"},
+    {"--delete-files", nullptr, " uninstall ", pclFlag<&STOptions::bDeleteFiles>,
+     "delete the server's folder, databases included"},
+    {"--dry-run", nullptr, " uninstall ", pclFlag<&STOptions::bDryRun>, "only say what would be done"},
+    {"--yes", nullptr, " uninstall ", pclFlag<&STOptions::bYes>, "do not ask first"},
+    {"--interval", "SECONDS", " watch ", pclSeconds<&STOptions::dInterval>,
+     "time between two looks (default: 2)"},
+    {"--count", "NUMBER", " watch ", pclCount, "end after this many looks"},
+    {"-w,--warning", "RANGE", " check ", pclValue<&STOptions::csWarning>,
+     "warn when the number of servers that do not run is outside of the range (default: 0)"},
+    {"-c,--critical", "RANGE", " check ", pclValue<&STOptions::csCritical>,
+     "critical when the number of servers that do not run is outside of the range (default: 0)"},
+    {"--ignore", "PATTERN", " check metrics ", pclList<&STOptions::tIgnore>, "leave these servers out"},
+    {"-o,--output", "FILE", " metrics ", pclValue<&STOptions::csOutput>,
+     "replace this file at once instead of writing to the terminal"},
+    {"--prometheus", nullptr, " discover ", pclFlag<&STOptions::bPrometheus>,
+     "targets for Prometheus' file-based service discovery"},
+    {"--ansible", nullptr, " discover ", pclFlag<&STOptions::bAnsible>, "an inventory for Ansible"},
+    {"--exporter-port", "PORT", " discover ", pclPort<&STOptions::wExporterPort>,
+     "--prometheus: the port of the targets (default: 9100, where node_exporter listens)"},
+    {"--version", nullptr, nullptr, pclFlag<&STOptions::bVersion>, "the version of this program"},
 };
+constexpr const char* s_pszHelp = "--help"; // the library's own
 
 bool bKnownTo(const STOption& stOption, std::string_view csCommand)
 {
     return stOption.pszCommands == nullptr ||
-           std::string_view(stOption.pszCommands).find(" " + std::string(csCommand) + " ") !=
-               std::string_view::npos;
+           (!csCommand.empty() &&
+            std::string_view(stOption.pszCommands).find(" " + std::string(csCommand) + " ") !=
+                std::string_view::npos);
 }
 
-const STOption& stFind(const std::string& csName)
+std::string_view csFullName(const STOption& stOption)
 {
-    const auto* const pstFound = std::find_if(std::begin(s_tOptions), std::end(s_tOptions),
-                                              [&](const STOption& st) { return csName == st.pszName; });
-    if (pstFound == std::end(s_tOptions)) {
-        throw CFailure(EExit::USAGE, "unknown option \"" + csArgument(csName) + "\"");
-    }
-    return *pstFound;
-}
-
-using WordIterator = std::vector<std::string>::const_iterator;
-
-/// Sets the option at the iterator, which goes on to the option's last word; returns its name.
-const char* pszTake(WordIterator* pit, WordIterator itEnd, STOptions* pstOptions)
-{
-    const std::size_t nEqual = (*pit)->find('=');
-    const STOption& stOption = stFind(**pit == "-h" ? "--help" : (*pit)->substr(0, nEqual));
-    const bool bInline = nEqual != std::string::npos;
-    std::string csValue = bInline ? (*pit)->substr(nEqual + 1) : "";
-    if (bInline && stOption.pszValue == nullptr) {
-        throw CFailure(EExit::USAGE, std::string(stOption.pszName) + " takes no value");
-    }
-    if (!bInline && stOption.pszValue != nullptr) {
-        if (std::next(*pit) == itEnd) {
-            throw CFailure(EExit::USAGE, std::string(stOption.pszName) + " needs a value");
-        }
-        csValue = *++*pit;
-    }
-    stOption.pfnSet(pstOptions, csValue);
-    return stOption.pszName;
+    const std::string_view csNames = stOption.pszNames;
+    return csNames.substr(csNames.find("--"));
 }
 } // namespace
 
-STCommandLine stParse(const std::vector<std::string>& tArguments, const STOptions& stDefaults)
+void AddOptions(std::string_view csCommand, CLI::App* pclParser, STOptions* pstOptions)
 {
-    STCommandLine stLine{stDefaults, {}, {}};
-    bool bOptions = true;
-    for (auto it = tArguments.begin(); it != tArguments.end(); ++it) {
-        if (!bOptions || it->size() < 2 || it->front() != '-') {
-            stLine.tWords.push_back(*it);
-        } else if (*it == "--") {
-            bOptions = false;
-        } else {
-            stLine.tUsed.emplace_back(pszTake(&it, tArguments.end(), &stLine.stOptions));
+    for (const STOption& st : s_tOptions) {
+        if (!csCommand.empty() && !bKnownTo(st, csCommand)) {
+            continue;
+        }
+        CLI::Option* const pcl = st.pfnAdd(pclParser, st.pszNames, pstOptions)->description(st.pszHelp);
+        if (st.pszValue != nullptr) {
+            pcl->type_name(st.pszValue);
+        }
+        if (!bKnownTo(st, csCommand)) {
+            pcl->group(""); // it may stand before the command, but belongs to the help of some commands only
         }
     }
-    return stLine;
 }
 
 std::vector<std::string> tOptionsOf(std::string_view csCommand)
 {
     std::vector<std::string> tNames;
-    for (const STOption& stOption : s_tOptions) {
-        if (bKnownTo(stOption, csCommand)) {
-            tNames.emplace_back(stOption.pszName);
+    for (const STOption& st : s_tOptions) {
+        if (bKnownTo(st, csCommand)) {
+            tNames.emplace_back(csFullName(st));
         }
     }
+    tNames.emplace_back(s_pszHelp);
     return tNames;
 }
 
-std::string csOptionsHelp()
+std::string csValueKind(std::string_view csOption)
 {
-    constexpr std::size_t nColumn = 20;
-    std::string csHelp;
-    for (const STOption& stOption : s_tOptions) {
-        std::string csLeft = stOption.pszName;
-        if (stOption.pszValue != nullptr) {
-            csLeft += std::string(" ") + stOption.pszValue;
-        }
-        csLeft.resize(std::max(csLeft.size(), nColumn), ' ');
-        csHelp += "  " + csLeft + " " + stOption.pszHelp + "\n";
-    }
-    return csHelp;
+    const auto* const pst =
+        std::find_if(std::begin(s_tOptions), std::end(s_tOptions), [&](const STOption& st) {
+            const std::string_view csNames = st.pszNames;
+            return csOption == csFullName(st) || csOption == csNames.substr(0, csNames.find(','));
+        });
+    return pst == std::end(s_tOptions) || pst->pszValue == nullptr ? "" : pst->pszValue;
 }
 
 std::uint16_t wReadPort(const std::string& csWord)
 {
-    return nNumber<std::uint16_t>(csWord, 1, 65535, "port");
+    std::uint16_t wPort = 0;
+    const char* const pszEnd = csWord.data() + csWord.size();
+    const auto stResult = std::from_chars(csWord.data(), pszEnd, wPort);
+    if (stResult.ec != std::errc{} || stResult.ptr != pszEnd || wPort == 0) {
+        throw CFailure(EExit::USAGE, "\"" + csArgument(csWord) + "\" is not a port from 1 to 65535");
+    }
+    return wPort;
+}
+
+std::vector<std::string> tItems(const std::vector<std::string>& tLists)
+{
+    std::vector<std::string> tResult;
+    for (const std::string& csList : tLists) {
+        std::istringstream clList(csList);
+        for (std::string csItem; std::getline(clList, csItem, ',');) {
+            if (!csItem.empty()) {
+                tResult.push_back(csArgument(csItem));
+            }
+        }
+    }
+    return tResult;
 }
 
 std::string csArgument(const std::string& csBytes)

@@ -3,49 +3,68 @@
 #include "velmoctl/Waiting.h"
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+namespace CLI {
+class App;
+}
+
 /// What the options of one command line say.
 struct STOptions
 {
-    std::string csHost;                    ///< empty: this machine
-    std::uint16_t wPort = 4999;            ///< the manager's is fixed; another one is for tests
-    std::optional<Milliseconds> clTimeout; ///< for one answer; none: the command's own
-    Milliseconds clInterval{2000};
-    unsigned int nCount = 0; ///< rounds of a watch; 0: without end
+    std::vector<std::string> tHosts; ///< lists of machines, as given; nothing at all: this machine
+    std::string csHostsFile;
+    std::vector<std::string> tGroups; ///< of the hosts file
+    std::uint16_t wPort = 4999;       ///< the manager's is fixed; another one is for tunnels and tests
+    double dTimeout = 0;              ///< seconds; 0: the command's own
+    unsigned int nJobs = 16;          ///< conversations at once, in all
     bool bJson = false;
     bool bNoColor = false;
+    bool bVersion = false;
+
+    bool bLong = false;
+    bool bNames = false;
+    bool bNoHeader = false;
+    bool bFailIfNotRunning = false;
+    std::vector<std::string> tStates;  ///< lists of states
+    std::vector<std::string> tColumns; ///< lists of columns
+    std::vector<std::string> tSort;    ///< lists of columns
+
+    double dInterval = 2;    ///< seconds
+    unsigned int nCount = 0; ///< rounds of a watch; 0: without end
+
+    bool bWait = false;
     bool bYes = false;
     bool bDryRun = false;
     bool bDeleteFiles = false;
-    bool bNames = false;
-    bool bHelp = false;
-    bool bVersion = false;
+
+    std::string csWarning = "0"; ///< range of servers that do not run
+    std::string csCritical = "0";
+    std::vector<std::string> tIgnore; ///< lists of patterns
+
+    std::string csOutput; ///< a file
+    bool bPrometheus = false;
+    bool bAnsible = false;
+    std::uint16_t wExporterPort = 9100;
 };
 
-/// Options, and the words that are none: the command and its arguments, bytes as they were given.
-struct STCommandLine
-{
-    STOptions stOptions;
-    std::vector<std::string> tWords;
-    std::vector<std::string> tUsed; ///< names of the options
-};
+/// Adds the options that a command has to a parser, each of which then writes to the structure. Without a
+/// command: all that there are, of which the help shows those that every command has.
+void AddOptions(std::string_view csCommand, CLI::App* pclParser, STOptions* pstOptions);
 
-/// Reads a command line (without the program's name). Options may stand anywhere and give their values in the
-/// same word ("--host=x") or the next; "--" ends them. What is not given stays as in the defaults. Throws
-/// CFailure (USAGE).
-STCommandLine stParse(const std::vector<std::string>& tArguments, const STOptions& stDefaults);
-
-/// Names of the options that a command has, those of all commands included, in the order of the help.
+/// Names of the options that a command has, as typed in full ("--host"), those of all commands included.
+/// Without a command: those of all commands alone.
 std::vector<std::string> tOptionsOf(std::string_view csCommand);
-/// One line of help for each option.
-std::string csOptionsHelp();
+/// What kind of value follows an option ("HOST", "FILE"...); empty for none, and for an unknown option.
+std::string csValueKind(std::string_view csOption);
 
 /// A port from the command line. Throws CFailure (USAGE) for anything but a number from 1 to 65535.
 std::uint16_t wReadPort(const std::string& csWord);
+
+/// The items of lists, which are separated by commas.
+std::vector<std::string> tItems(const std::vector<std::string>& tLists);
 
 /// A text from the command line as UTF-8: what is not is taken for Windows-1252.
 std::string csArgument(const std::string& csBytes);

@@ -2,211 +2,277 @@
 
 #include "velmoctl/Query.h"
 
-#include "velmoctl/Output.h"
+#include "velmoctl/Fleet.h"
+#include "velmoctl/Inventory.h"
+#include "velmoctl/ServerList.h"
 
 #include <algorithm>
-#include <atomic>
 #include <iostream>
-#include <thread>
 
 namespace {
-constexpr std::size_t s_nConversations = 16;
-
-STInfo stAskInfo(const STCall& stCall)
+/// Tells what went wrong, and how it ends.
+EExit eTell(const std::vector<STHostAnswer>& tAnswers, const CSelection& clSelection)
 {
-    CConversation clManager(stCall.stOptions, stCall.clTimeout);
-    return tAskFor(&clManager, {"INFO"}, "", stReadInfo);
+    TellTroubles(tTroubles(tAnswers, clSelection));
+    return eWorstOf(tAnswers, clSelection);
 }
 
-/// Green for what runs, red for what does not, yellow for what is on its way.
-EColour eStateColour(const std::string& csState)
+const CTakeAnswers s_fnLater = [](const std::vector<const STHostAnswer*>&) {
+}; ///< all are looked at in the end
+
+Json clJsonInfo(const STHostAnswer& st)
 {
-    if (csState == "running") {
-        return EColour::GREEN;
-    }
-    return csState == "stopped" || csState == "?" ? EColour::RED : EColour::YELLOW;
+    Json cl = {{"host", csHostWord(st.stHost)}, {"asked", csWhenAsked(st)}};
+    const bool bAnswer = st.stInfo.has_value();
+    const STInfo stInfo = st.stInfo.value_or(STInfo());
+    cl["version"] = bAnswer ? Json(stInfo.csVersion) : Json();
+    cl["system"] = bAnswer ? Json(stInfo.csSystem) : Json();
+    cl["kernel"] = bAnswer ? Json(stInfo.csKernel) : Json();
+    cl["processors"] = bAnswer ? Json(stInfo.csProcessors) : Json();
+    cl["memory"] = bAnswer ? Json(stInfo.csMemory) : Json();
+    cl["servers"] = bAnswer ? clJsonServers(stInfo.tServers) : Json();
+    cl["error"] = clJsonFailure(st.clFailure);
+    return cl;
 }
 
-/// Asks for the states of servers, taking the next one from the list until it is at its end.
-class CStateAsker
+void ShowInfo(const STInfo& st)
 {
-public:
-    CStateAsker(const STCall& stCall, std::vector<STListed>* ptList) : m_stCall(stCall), m_tList(*ptList) {}
-
-    /// Several threads may run it at once.
-    void Run()
-    {
-        std::unique_ptr<CConversation> pclManager;
-        for (std::size_t n = 0; (n = m_nNext++) < m_tList.size();) {
-            _Ask(&pclManager, &m_tList[n]);
-        }
-    }
-
-private:
-    void _Ask(std::unique_ptr<CConversation>* ppclManager, STListed* pst)
-    {
-        try {
-            if (m_bGivenUp) {
-                throw CFailure(EExit::UNREACHABLE, "not asked: the manager does not answer any more");
-            }
-            if (*ppclManager == nullptr) {
-                *ppclManager = std::make_unique<CConversation>(m_stCall.stOptions, m_stCall.clTimeout);
-            }
-            const std::string& csName = pst->stServer.csName;
-            pst->csState = tAskFor(ppclManager->get(), {"STATUS", csName}, csName, csReadState);
-        } catch (const CFailure& clFailure) {
-            pst->csFailure = clFailure.what();
-            pst->eExit = clFailure.eExit();
-            m_bGivenUp = m_bGivenUp || pst->eExit != EExit::REFUSED;
-        }
-    }
-
-    const STCall& m_stCall;
-    std::vector<STListed>& m_tList;
-    std::atomic<std::size_t> m_nNext = 0;
-    std::atomic<bool> m_bGivenUp = false;
-};
-
-/// Fills the list, with some conversations at a time.
-void AskStates(const STCall& stCall, std::vector<STListed>* ptList)
-{
-    CStateAsker clAsker(stCall, ptList);
-    std::vector<std::jthread> tThreads;
-    for (std::size_t n = 0; n < std::min(s_nConversations, ptList->size()); ++n) {
-        tThreads.emplace_back([&] { clAsker.Run(); });
-    }
-}
-} // namespace
-
-std::vector<STListed> tAskList(const STCall& stCall)
-{
-    const CProgress clProgress("asking the manager...");
-    std::vector<STListed> tList;
-    for (STServer& stServer : stAskInfo(stCall).tServers) {
-        tList.push_back({std::move(stServer), "", "", EExit::DONE});
-    }
-    clProgress.Show("asking for " + std::to_string(tList.size()) + " states...");
-    AskStates(stCall, &tList);
-    for (const STListed& st : tList) {
-        if (st.eExit == EExit::INTERRUPTED) {
-            throw CFailure(st.eExit, st.csFailure);
-        }
-    }
-    return tList;
-}
-
-std::string csListTable(const std::vector<STListed>& tList)
-{
-    std::vector<std::vector<STCell>> tRows;
-    for (const STListed& st : tList) {
-        const std::string csState = st.csState.empty() ? "?" : st.csState;
-        tRows.push_back({{st.stServer.csName}, {st.stServer.csPort}, {csState, eStateColour(csState)}});
-    }
-    return csTable({"NAME", "PORT", "STATE"}, tRows);
-}
-
-std::string csListJson(const std::vector<STListed>& tList)
-{
-    std::vector<std::string> tObjects;
-    tObjects.reserve(tList.size());
-    for (const STListed& st : tList) {
-        tObjects.push_back(csJsonObject({{"name", csJsonText(st.stServer.csName)},
-                                         {"port", csJsonNumber(st.stServer.csPort)},
-                                         {"state", st.csState.empty() ? "null" : csJsonText(st.csState)}}));
-    }
-    return csJsonArray(tObjects);
-}
-
-EExit eTellFailures(const std::vector<STListed>& tList)
-{
-    EExit eWorst = EExit::DONE;
-    for (const STListed& st : tList) {
-        if (st.eExit != EExit::DONE) {
-            std::cout.flush();
-            std::cerr << "velmoctl: " << csShown(st.stServer.csName + ": " + st.csFailure) << "\n";
-            eWorst = std::max(eWorst, st.eExit);
-        }
-    }
-    return eWorst;
-}
-
-std::string csServersJson(const std::vector<STServer>& tServers)
-{
-    std::vector<std::string> tObjects;
-    tObjects.reserve(tServers.size());
-    for (const STServer& st : tServers) {
-        tObjects.push_back(
-            csJsonObject({{"name", csJsonText(st.csName)}, {"port", csJsonNumber(st.csPort)}}));
-    }
-    return csJsonArray(tObjects);
-}
-
-EExit eInfo(const STCall& stCall)
-{
-    const STInfo st = stAskInfo(stCall);
-    if (stCall.stOptions.bJson) {
-        std::cout << csJsonObject({{"version", csJsonText(st.csVersion)},
-                                   {"system", csJsonText(st.csSystem)},
-                                   {"kernel", csJsonText(st.csKernel)},
-                                   {"processors", csJsonText(st.csProcessors)},
-                                   {"memory", csJsonText(st.csMemory)},
-                                   {"servers", csServersJson(st.tServers)}})
-                  << "\n";
-        return EExit::DONE;
-    }
     std::cout << "version     " << csShown(st.csVersion) << "\nsystem      " << csShown(st.csSystem)
               << "\nkernel      " << csShown(st.csKernel) << "\nprocessors  " << csShown(st.csProcessors)
               << "\nmemory      " << csShown(st.csMemory) << "\nservers     " << st.tServers.size() << "\n";
     for (const STServer& stServer : st.tServers) {
         std::cout << "  " << csShown(stServer.csName + ", port " + stServer.csPort) << "\n";
     }
-    return EExit::DONE;
+}
+
+CRow tInfoRow(const STHostAnswer& st)
+{
+    return {{csHostWord(st.stHost)},
+            {st.stInfo->csVersion},
+            {st.stInfo->csSystem},
+            {st.stInfo->csKernel},
+            {st.stInfo->csProcessors},
+            {st.stInfo->csMemory},
+            {std::to_string(st.stInfo->tServers.size())}};
+}
+
+/// A table that grows as answers come in.
+class CGrowingTable
+{
+public:
+    CGrowingTable(const std::vector<std::string>& tHeader, bool bHeader)
+        : m_clTable(tHeader), m_bHeader(bHeader)
+    {}
+    void Add(const std::vector<CRow>& tRows)
+    {
+        m_clTable.Fit(tRows);
+        Begin();
+        std::cout << m_clTable.csRows(tRows) << std::flush;
+    }
+    /// The header, unless it is there or not wanted.
+    void Begin()
+    {
+        if (m_bHeader) {
+            std::cout << m_clTable.csHeader();
+            m_bHeader = false;
+        }
+    }
+
+private:
+    CTable m_clTable;
+    bool m_bHeader;
+};
+
+EExit eInfoOfMany(const STQuestions& stQuestions)
+{
+    CGrowingTable clTable({"HOST", "VERSION", "SYSTEM", "KERNEL", "PROCESSORS", "MEMORY", "SERVERS"}, true);
+    const auto tAnswers = tAskFleet(stQuestions, true, [&](const std::vector<const STHostAnswer*>& tReady) {
+        std::vector<CRow> tRows;
+        for (const STHostAnswer* const pst : tReady) {
+            if (pst->stInfo.has_value()) {
+                tRows.push_back(tInfoRow(*pst));
+            }
+        }
+        clTable.Add(tRows);
+    });
+    return eTell(tAnswers, CSelection({}));
+}
+
+/// Only the names, as far as they are known.
+EExit eNames(const STCall& stCall)
+{
+    const auto tAnswers = tAskFleet(stQuestionsAbout(stCall, nullptr), false, s_fnLater);
+    Json clNames = Json::array();
+    for (const STHostAnswer& st : tAnswers) {
+        for (const STServerAnswer& stServer : st.tServers) {
+            clNames.push_back(stServer.stServer.csName);
+            if (!stCall.stOptions.bJson) {
+                std::cout << csShown(stServer.stServer.csName) << "\n";
+            }
+        }
+    }
+    if (stCall.stOptions.bJson) {
+        std::cout << csJsonLine(clNames);
+    }
+    return eTell(tAnswers, CSelection(stCall.tArguments));
+}
+
+/// Whether a server that was asked for in the end does not run.
+bool bAnyDown(const std::vector<STListed>& tRows)
+{
+    return std::any_of(tRows.begin(), tRows.end(),
+                       [](const STListed& st) { return st.pstServer->csState != "running"; });
+}
+
+/// An exit status for a service's state, as init scripts and systemctl have it.
+EExit eOfState(const STServerAnswer& st)
+{
+    if (st.clFailure.has_value()) {
+        return st.clFailure->eExit() == EExit::USAGE ? EExit::USAGE : EExit::NONSENSE;
+    }
+    constexpr std::pair<std::string_view, int> tStates[] = {
+        {"running", 0}, {"failed", 1}, {"unknown", 4}}; // the others: not now, 3
+    const auto* const pst = std::find_if(std::begin(tStates), std::end(tStates),
+                                         [&](const auto& tPair) { return tPair.first == st.csState; });
+    return static_cast<EExit>(pst == std::end(tStates) ? 3 : pst->second);
+}
+
+EExit eOfStates(const std::vector<STHostAnswer>& tAnswers, const CSelection& clSelection)
+{
+    EExit eWorst = EExit::DONE;
+    bool bAny = false;
+    for (const STHostAnswer& st : tAnswers) {
+        eWorst = st.clFailure.has_value() ? eWorse(eWorst, EExit::NONSENSE) : eWorst;
+        for (const STServerAnswer& stServer : st.tServers) {
+            eWorst = eWorse(eWorst, eOfState(stServer));
+            bAny = true;
+        }
+    }
+    const bool bMissing = !bAny || eWorstOf(tAnswers, clSelection) == EExit::REFUSED;
+    return bMissing && eWorst != EExit::USAGE ? EExit::NONSENSE : eWorst;
+}
+
+/// The questions of status: names are asked about whether the manager lists them or not.
+STQuestions stStatusQuestions(const STCall& stCall)
+{
+    STQuestions stQuestions = stStateQuestions(stCall);
+    const CSelection clSelection(stCall.tArguments);
+    if (clSelection.bExact()) {
+        stQuestions.tNames = clSelection.tWords();
+    }
+    return stQuestions;
+}
+
+Json clJsonStatus(const STHostAnswer& stHost, const std::string& csName, const STServerAnswer* pst)
+{
+    const bool bState = pst != nullptr && !pst->csState.empty();
+    return {{"host", csHostWord(stHost.stHost)},
+            {"asked", csWhenAsked(stHost)},
+            {"name", csName},
+            {"state", bState ? Json(pst->csState) : Json()},
+            {"error", clJsonFailure(pst != nullptr ? pst->clFailure : stHost.clFailure)}};
+}
+
+/// A line for each server of each host.
+void ShowStatusJson(const std::vector<STHostAnswer>& tAnswers, const CSelection& clSelection)
+{
+    for (const STHostAnswer& st : tAnswers) {
+        for (const STServerAnswer& stServer : st.tServers) {
+            std::cout << csJsonLine(clJsonStatus(st, stServer.stServer.csName, &stServer));
+        }
+        if (st.clFailure.has_value()) {
+            for (const std::string& csName : clSelection.tWords()) {
+                std::cout << csJsonLine(clJsonStatus(st, csName, nullptr));
+            }
+        }
+    }
+}
+
+/// One server of one machine is answered in one word, several in a table.
+void ShowStatus(const STCall& stCall, const std::vector<STHostAnswer>& tAnswers)
+{
+    const bool bOne =
+        tAnswers.size() == 1 && tAnswers[0].tServers.size() == 1 && stCall.tArguments.size() == 1;
+    if (bOne && CSelection(stCall.tArguments).bExact()) {
+        const std::string& csState = tAnswers[0].tServers[0].csState;
+        std::cout << (csState.empty() ? "" : csColoured(csState, eStateColour(csState)) + "\n");
+        return;
+    }
+    STOptions stOptions = stCall.stOptions;
+    stOptions.tColumns = {tAnswers.size() > 1 ? "host,name,state" : "name,state"};
+    const CServerList clList(stOptions, tAnswers.size() > 1);
+    const std::vector<STListed> tRows = clList.tRows(tPointers(tAnswers));
+    if (!tRows.empty()) {
+        CGrowingTable(clList.tHeader(), !stOptions.bNoHeader).Add(clList.tCells(tRows));
+    }
+}
+} // namespace
+
+EExit eInfo(const STCall& stCall)
+{
+    const STQuestions stQuestions = stQuestionsAbout(stCall, nullptr);
+    if (stQuestions.tHosts.size() > 1 && !stCall.stOptions.bJson) {
+        return eInfoOfMany(stQuestions);
+    }
+    const auto tAnswers = tAskFleet(stQuestions, false, s_fnLater);
+    for (const STHostAnswer& st : tAnswers) {
+        if (stCall.stOptions.bJson) {
+            std::cout << csJsonLine(clJsonInfo(st));
+        } else if (st.stInfo.has_value()) {
+            ShowInfo(*st.stInfo);
+        }
+    }
+    return eTell(tAnswers, CSelection({}));
 }
 
 EExit eList(const STCall& stCall)
 {
     if (stCall.stOptions.bNames) {
-        std::vector<std::string> tNames;
-        for (const STServer& st : stAskInfo(stCall).tServers) {
-            tNames.push_back(stCall.stOptions.bJson ? csJsonText(st.csName) : csShown(st.csName) + "\n");
-        }
-        if (stCall.stOptions.bJson) {
-            std::cout << csJsonArray(tNames) << "\n";
-            return EExit::DONE;
-        }
-        for (const std::string& csName : tNames) {
-            std::cout << csName;
-        }
-        return EExit::DONE;
+        return eNames(stCall);
     }
-    const std::vector<STListed> tList = tAskList(stCall);
-    std::cout << (stCall.stOptions.bJson ? csListJson(tList) + "\n" : csListTable(tList));
-    return eTellFailures(tList);
+    const STQuestions stQuestions = stStateQuestions(stCall);
+    const CServerList clList(stCall.stOptions, stQuestions.tHosts.size() > 1);
+    const bool bJson = stCall.stOptions.bJson;
+    CGrowingTable clTable(clList.tHeader(), !stCall.stOptions.bNoHeader);
+    const CTakeAnswers fnShow = [&](const std::vector<const STHostAnswer*>& tReady) {
+        if (std::any_of(tReady.begin(), tReady.end(),
+                        [](const auto* pst) { return !pst->clFailure.has_value(); })) {
+            clTable.Add(clList.tCells(clList.tRows(tReady)));
+        }
+    };
+    const auto tAnswers = tAskFleet(stQuestions, clList.bAsTheyCome(), bJson ? s_fnLater : fnShow);
+    if (bJson) {
+        std::cout << csJsonLine(clList.clJson(tAnswers));
+    }
+    const EExit eWorst = eTell(tAnswers, CSelection(stCall.tArguments));
+    const bool bDown = stCall.stOptions.bFailIfNotRunning && bAnyDown(clList.tRows(tPointers(tAnswers)));
+    return bDown ? eWorse(eWorst, EExit::REFUSED) : eWorst;
 }
 
 EExit eStatus(const STCall& stCall)
 {
-    const std::string csName = csArgument(stCall.tArguments[0]);
-    CConversation clManager(stCall.stOptions, stCall.clTimeout);
-    const std::string csState = tAskFor(&clManager, {"STATUS", csName}, csName, csReadState);
+    const CSelection clSelection(stCall.tArguments);
+    const auto tAnswers = tAskFleet(stStatusQuestions(stCall), false, s_fnLater);
     if (stCall.stOptions.bJson) {
-        std::cout << csJsonObject({{"name", csJsonText(csName)}, {"state", csJsonText(csState)}}) << "\n";
+        ShowStatusJson(tAnswers, clSelection);
     } else {
-        std::cout << csColoured(csState, eStateColour(csState)) << "\n";
+        ShowStatus(stCall, tAnswers);
     }
-    return EExit::DONE;
+    (void)eTell(tAnswers, clSelection);
+    return eOfStates(tAnswers, clSelection);
 }
 
 EExit eCluster(const STCall& stCall)
 {
     const std::string csName = csArgument(stCall.tArguments[0]);
-    CConversation clManager(stCall.stOptions, stCall.clTimeout);
+    const STHost stHost = stOnlyHost(stCall.stOptions);
+    CConversation clManager(stHost, stCall.clTimeout);
     const std::string csManager =
         tAskFor(&clManager, {"CLUSTERINFO", csName}, csName, csReadCluster, ", or its folder is missing");
     if (stCall.stOptions.bJson) {
-        std::cout << csJsonObject({{"name", csJsonText(csName)},
-                                   {"cluster_manager", csManager.empty() ? "null" : csJsonText(csManager)}})
-                  << "\n";
+        std::cout << csJsonLine({{"host", csHostWord(stHost)},
+                                 {"name", csName},
+                                 {"cluster_manager", csManager.empty() ? Json() : Json(csManager)}});
     } else if (csManager.empty()) {
         std::cout << "\"" << csShown(csName) << "\" belongs to no cluster\n";
     } else {

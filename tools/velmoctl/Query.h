@@ -17,8 +17,8 @@ T tAskFor(CConversation* pclManager, const std::vector<std::string>& tFields, co
 {
     const std::string csReply = pclManager->csAsk(tFields);
     if (const auto stRefusal = stReadRefusal(csReply)) {
-        const char* const pszHint = stRefusal->nCode == g_nServerUnknown ? pszUnknownHint : "";
-        throw CFailure(EExit::REFUSED, csRefusalWords(*stRefusal, csServer) + pszHint);
+        throw CFailure(EExit::REFUSED,
+                       csRefusalWords(*stRefusal, {pclManager->stHost().csName, csServer, pszUnknownHint}));
     }
     std::optional<T> tResult = pfnRead(csReply);
     if (!tResult.has_value()) {
@@ -26,23 +26,3 @@ T tAskFor(CConversation* pclManager, const std::vector<std::string>& tFields, co
     }
     return std::move(*tResult);
 }
-
-/// A server with its state, or why there is none.
-struct STListed
-{
-    STServer stServer;
-    std::string csState;
-    std::string csFailure;
-    EExit eExit = EExit::DONE;
-};
-
-/// The manager's servers; the states are asked in parallel. Once the manager is silent or broken towards one
-/// conversation the remaining states are not asked for. Throws CFailure when there is no list at all.
-std::vector<STListed> tAskList(const STCall& stCall);
-/// Its table, and its JSON.
-std::string csListTable(const std::vector<STListed>& tList);
-std::string csListJson(const std::vector<STListed>& tList);
-/// The gravest of the servers' failures; tells each on standard error.
-EExit eTellFailures(const std::vector<STListed>& tList);
-
-std::string csServersJson(const std::vector<STServer>& tServers);

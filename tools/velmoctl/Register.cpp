@@ -1,8 +1,11 @@
 // Registration of a server of this machine through the manager's FIFO, in the way servers do it themselves.
 
+#include "config/Settings.h"
+#include "config/WinApi.h"
 #include "support/Conversion.h"
-#include "velmoctl/Output.h"
+#include "velmoctl/Json.h"
 #include "velmoctl/Query.h"
+#include "velmoctl/Terminal.h"
 
 #include <array>
 #include <csignal>
@@ -132,6 +135,84 @@ std::string csProgram(const std::string& csArgumentBytes)
     }
     return std::filesystem::absolute(csArgumentBytes).lexically_normal().string();
 }
+
+/// The port in the settings beside a program, or the usual one.
+int nConfiguredPort(const std::string& csProgramPath)
+{
+    const std::string csFile = (std::filesystem::path(csProgramPath).parent_path() / "DXConf.ini").string();
+    constexpr auto stSetting = settings::AccessPort;
+    return GetPrivateProfileInt(stSetting.pszSection, stSetting.pszKey, stSetting.nDefault,
+                                csFromUTF8(csFile).c_str());
+}
+
+/// The server of this machine, other than the named one, that has a port; empty without one, and without a
+/// manager to ask.
+std::string csServerWithPort(std::uint16_t wPort, const std::string& csName)
+{
+    constexpr Milliseconds clMoment(2000);
+    try {
+        CConversation clManager({"", "", 4999}, clMoment);
+        for (const STServer& st : tAskFor(&clManager, {"INFO"}, "", stReadInfo).tServers) {
+            if (st.csPort == std::to_string(wPort) && st.csName != csName) {
+                return st.csName;
+            }
+        }
+    } catch (const CFailure& clFailure) {
+        if (clFailure.eExit() == EExit::INTERRUPTED) {
+            throw;
+        }
+    }
+    return "";
+}
+
+/// What is likely to go wrong is told before the manager is asked, which decides.
+void Warn(const std::string& csName, const std::string& csGiven, const std::string& csPath,
+          std::uint16_t wPort)
+{
+    std::vector<std::string> tWarnings;
+    if (!std::filesystem::path(csGiven).is_absolute()) {
+        tWarnings.push_back("the program's path is not absolute; " + csArgument(csPath) + " is meant");
+    }
+    if (csPath.find(' ') != std::string::npos) {
+        tWarnings.emplace_back("the program's path holds a space: systemd cannot start such a service");
+    }
+    if (const std::string csOther = csServerWithPort(wPort, csName); !csOther.empty()) {
+        tWarnings.push_back("the server \"" + csOther + "\" has port " + std::to_string(wPort) + " already");
+    }
+    if (const int nPort = nConfiguredPort(csPath); nPort != wPort) {
+        tWarnings.push_back("the DXConf.ini beside the program says AccessPort = " + std::to_string(nPort) +
+                            ", not " + std::to_string(wPort) + ": the server will listen on " +
+                            std::to_string(nPort));
+    }
+    for (const std::string& cs : tWarnings) {
+        std::cerr << "velmoctl: warning: " << csShown(cs) << "\n";
+    }
+}
+
+/// What lies in the pipe for one registration. Throws CFailure (USAGE).
+CRequest tRequestFor(const std::string& csName, const std::string& csPath, std::uint16_t wPort)
+{
+    CRequest tRequest{};
+    PutText(csName, s_nName, s_nNameBytes, "the name", &tRequest);
+    PutText(csPath, s_nPath, s_nPathBytes, "the program's path", &tRequest);
+    std::memcpy(&tRequest[s_nForm], &s_nFormUTF16, sizeof s_nFormUTF16);
+    std::memcpy(&tRequest[s_nPort], &wPort, sizeof wPort);
+    return tRequest;
+}
+
+/// The manager's answer: empty when all is well.
+std::string csAskManager(CRequest tRequest, Milliseconds clTime)
+{
+    const CDescripteur clManager = clOpenManagerPipe();
+    const CReplyPipe clReply;
+    const std::int32_t nNumber = clReply.nNumber();
+    std::memcpy(&tRequest[0], &nNumber, sizeof nNumber);
+
+    CProgress clProgress("registering...");
+    const CDeadline clDeadline(clTime);
+    Write(clManager, tRequest, clDeadline);
+    return clReply.csReply(clDeadline);
+}
 } // namespace
 
 EExit eRegister(const STCall& stCall)
@@ -139,29 +220,17 @@ EExit eRegister(const STCall& stCall)
     CInterrupts::Catch(); // the reply pipe must not stay behind, also when the manager's goes away
     ::signal(SIGPIPE, SIG_IGN);
     const std::string csName = csArgument(stCall.tArguments[0]);
-    CRequest tRequest{};
-    PutText(csName, s_nName, s_nNameBytes, "the name", &tRequest);
-    PutText(csProgram(stCall.tArguments[1]), s_nPath, s_nPathBytes, "the program's path", &tRequest);
+    const std::string csPath = csProgram(stCall.tArguments[1]);
     const std::uint16_t wPort = wReadPort(stCall.tArguments[2]);
+    const CRequest tRequest = tRequestFor(csName, csPath, wPort);
+    Warn(csName, stCall.tArguments[1], csPath, wPort);
 
-    const CDescripteur clManager = clOpenManagerPipe();
-    const CReplyPipe clReply;
-    const std::int32_t nNumber = clReply.nNumber();
-    std::memcpy(&tRequest[0], &nNumber, sizeof nNumber);
-    std::memcpy(&tRequest[s_nForm], &s_nFormUTF16, sizeof s_nFormUTF16);
-    std::memcpy(&tRequest[s_nPort], &wPort, sizeof wPort);
-
-    const CProgress clProgress("registering...");
-    const CDeadline clDeadline(stCall.clTimeout);
-    Write(clManager, tRequest, clDeadline);
-    const std::string csReply = clReply.csReply(clDeadline);
-    clProgress.Show("");
-    if (!csReply.empty()) {
+    if (const std::string csReply = csAskManager(tRequest, stCall.clTimeout); !csReply.empty()) {
         throw CFailure(EExit::REFUSED, "the manager answers: " + csReply);
     }
     if (stCall.stOptions.bJson) {
-        std::cout << csJsonObject({{"name", csJsonText(csName)}, {"result", csJsonText("registered")}})
-                  << "\n";
+        std::cout << csJsonLine(
+            {{"host", csHostWord({})}, {"name", csName}, {"result", "registered"}, {"error", Json()}});
     } else {
         std::cout << "\"" << csShown(csName) << "\" is registered and runs\n";
     }

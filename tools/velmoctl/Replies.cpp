@@ -58,23 +58,52 @@ constexpr STWord s_tStates[] = {
     {"UNKWNOWN", "unknown"}, // spelled so by the manager
 };
 
+/// What to do about an error.
+enum class ECure
+{
+    LIST,    ///< see which servers there are
+    SERVICE, ///< ask the service manager of that machine
+    AGAIN,   ///< uninstall without the files
+    UPGRADE,
+};
+
 struct STCode
 {
     const char* pszBefore;
     const char* pszAfter; ///< null: the server's name has no place in it
     unsigned int nCode;
     bool bSystemText; ///< a lookup that found nothing says nothing about why
+    ECure eCure;
 };
 constexpr STCode s_tCodes[] = {
-    {"there is no server ", "", g_nServerUnknown, false},
-    {"the server ", " could not be started", 2, true},
-    {"the server ", " could not be stopped, so nothing was removed", 3, true},
-    {"the state of the server ", " could not be read", 4, true},
-    {"the manager does not know this question", nullptr, 8, false},
-    {"there is no server ", " that can be uninstalled", 11, false},
-    {"the files of the server ", " are deleted, its service is stopped but still registered", 12, false},
-    {"the server ", " is stopped, but its service could not be removed", 13, true},
+    {"there is no server ", "", g_nServerUnknown, false, ECure::LIST},
+    {"the server ", " could not be started", 2, true, ECure::SERVICE},
+    {"the server ", " could not be stopped, so nothing was removed", 3, true, ECure::SERVICE},
+    {"the state of the server ", " could not be read", 4, true, ECure::SERVICE},
+    {" does not know this question", nullptr, 8, false, ECure::UPGRADE},
+    {"there is no server ", " that can be uninstalled", 11, false, ECure::LIST},
+    {"the files of the server ", " are deleted, its service is stopped but still registered", 12, false,
+     ECure::AGAIN},
+    {"the server ", " is stopped, but its service could not be removed", 13, true, ECure::SERVICE},
 };
+
+std::string csCure(ECure eCure, const STAsked& st)
+{
+    const bool bHere = st.csHost.empty();
+    switch (eCure) {
+    case ECure::LIST:
+        return "; \"velmoctl " + (bHere ? "" : "--host " + csShellWord(st.csHost) + " ") +
+               "list\" shows those there are";
+    case ECure::SERVICE:
+        return "; \"systemctl status " + csShellWord(csUnitName(st.csServer)) + "\" " +
+               (bHere ? "tells why" : "there tells why");
+    case ECure::AGAIN:
+        return "; uninstall it again without --delete-files";
+    case ECure::UPGRADE:
+        return "; is it older than this velmoctl?";
+    }
+    return "";
+}
 } // namespace
 
 std::optional<STRefusal> stReadRefusal(std::string_view csLine)
@@ -126,18 +155,45 @@ std::optional<std::string> csReadCluster(std::string_view csLine)
     return std::nullopt;
 }
 
-std::string csRefusalWords(const STRefusal& stRefusal, const std::string& csServer)
+std::string csRefusalWords(const STRefusal& stRefusal, const STAsked& stAsked)
 {
     const auto* const pst = std::find_if(std::begin(s_tCodes), std::end(s_tCodes),
                                          [&](const STCode& st) { return st.nCode == stRefusal.nCode; });
     const bool bKnown = pst != std::end(s_tCodes);
-    std::string csWords =
-        bKnown ? pst->pszBefore : "the manager answered with error " + std::to_string(stRefusal.nCode);
+    const std::string csServer = stAsked.csServer.empty() ? "" : "\"" + stAsked.csServer + "\"";
+    const std::string csOn = " on " + (stAsked.csHost.empty() ? "this machine" : stAsked.csHost);
+    std::string csWords;
     if (bKnown && pst->pszAfter != nullptr) {
-        csWords += "\"" + csServer + "\"" + pst->pszAfter;
+        csWords = pst->pszBefore + csServer + csOn + pst->pszAfter;
+    } else {
+        csWords = "the manager" + csOn +
+                  (bKnown ? pst->pszBefore : " answered with error " + std::to_string(stRefusal.nCode)) +
+                  (csServer.empty() ? "" : " about " + csServer);
     }
     if (!stRefusal.csText.empty() && (!bKnown || pst->bSystemText)) {
         csWords += " (" + stRefusal.csText + ")";
     }
-    return csWords;
+    csWords += stRefusal.nCode == g_nServerUnknown ? stAsked.pszUnknownHint : "";
+    return csWords + (bKnown ? csCure(pst->eCure, stAsked) : "");
+}
+
+std::string csUnitName(const std::string& csServer)
+{
+    std::string csUnit = "DXCS-" + csServer;
+    std::replace(csUnit.begin(), csUnit.end(), ' ', '_'); // as registrations do it
+    return csUnit;
+}
+
+std::string csShellWord(const std::string& csWord)
+{
+    constexpr std::string_view csPlain =
+        "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ-_./:@%+,=";
+    if (!csWord.empty() && csWord.find_first_not_of(csPlain) == std::string::npos) {
+        return csWord;
+    }
+    std::string csQuoted = "'";
+    for (const char c : csWord) {
+        csQuoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    }
+    return csQuoted + "'";
 }

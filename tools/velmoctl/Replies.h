@@ -42,5 +42,18 @@ std::optional<std::string> csReadState(std::string_view csLine);
 /// Name of the cluster manager's machine; empty: the server is in no cluster.
 std::optional<std::string> csReadCluster(std::string_view csLine);
 
-/// What an error code means for the server of that name, with the system's text where it helps.
-std::string csRefusalWords(const STRefusal& stRefusal, const std::string& csServer);
+/// Who was asked for what, for messages.
+struct STAsked
+{
+    std::string csHost;              ///< empty: this machine
+    std::string csServer;            ///< empty: for none
+    const char* pszUnknownHint = ""; ///< what else it may mean that the server is unknown
+};
+
+/// What an error code means for a server, with the system's text where it helps, and what to do about it.
+std::string csRefusalWords(const STRefusal& stRefusal, const STAsked& stAsked);
+
+/// The unit of a server's service: its name without the type.
+std::string csUnitName(const std::string& csServer);
+/// A word for a shell's command line, in quotation marks where it needs them.
+std::string csShellWord(const std::string& csWord);

@@ -1,9 +1,10 @@
 // Commands line by line, each as if it were a command line of its own.
 
 #include "velmoctl/Commands.h"
-#include "velmoctl/LineEditor.h"
+#include "velmoctl/Complete.h"
+#include "velmoctl/Prompt.h"
 #include "velmoctl/Terminal.h"
-#include "velmoctl/Words.h"
+#include "velmoctl/Waiting.h"
 
 #include <csignal>
 #include <iostream>
@@ -22,8 +23,7 @@ EExit eRunLine(const std::string& csLine, const STOptions& stDefaults)
         if (tWords[0] == "shell") {
             throw CFailure(EExit::USAGE, "this is the shell");
         }
-        eResult =
-            eExecuteAndTell(tWords[0] == "help" ? std::vector<std::string>{"--help"} : tWords, stDefaults);
+        eResult = eExecute(tWords, stDefaults);
     } catch (const CFailure& clFailure) {
         std::cerr << "velmoctl: " << clFailure.what() << "\n";
     }
@@ -42,15 +42,15 @@ bool bEnds(const std::string& csLine)
 EExit eShell(const STCall& stCall)
 {
     CInterrupts::Catch();
-    std::vector<std::string> tCompletions = tCommandNames();
-    tCompletions.insert(tCompletions.end(), {"help", "quit"});
-    CLineEditor clEditor(tCompletions);
+    CPrompt clPrompt("velmo> ", [&stCall](const std::vector<std::string>& tWords) {
+        return tComplete(tWords, stCall.stOptions);
+    });
     if (bTerminal(STDIN_FILENO)) {
         std::cout << "Commands of velmoctl; \"help\" lists them, \"quit\" or Ctrl-D ends.\n";
     }
     EExit eResult = EExit::DONE;
     for (;;) {
-        const std::optional<std::string> csLine = clEditor.csRead("velmo> ");
+        const std::optional<std::string> csLine = clPrompt.csRead();
         if (!csLine.has_value() || bEnds(*csLine)) {
             return eResult;
         }

@@ -51,6 +51,15 @@ std::size_t nColumns(std::string_view csText)
     return nSum;
 }
 
+std::string csCut(std::string_view csText, std::size_t nMost)
+{
+    std::wstring csWideText = csFromUTF8(csText);
+    while (nColumns(csToUTF8(csWideText)) > nMost) {
+        csWideText.pop_back();
+    }
+    return csToUTF8(csWideText);
+}
+
 STSize stTerminalSize()
 {
     winsize st{};
@@ -80,7 +89,7 @@ std::string csColoured(const std::string& csText, EColour eColour)
     return s_tColours[static_cast<std::size_t>(eColour)] + csText + "\033[0m";
 }
 
-CProgress::CProgress(const std::string& csText) : m_bShown(bTerminal(STDERR_FILENO))
+CProgress::CProgress(const std::string& csText) : m_bTerminal(bTerminal(STDERR_FILENO))
 {
     Show(csText);
 }
@@ -90,10 +99,11 @@ CProgress::~CProgress()
     Show("");
 }
 
-void CProgress::Show(const std::string& csText) const
+void CProgress::Show(const std::string& csText)
 {
-    if (m_bShown) {
+    if (m_bTerminal && csText != m_csShown) {
         std::cerr << s_pszClearLine << csText << std::flush;
+        m_csShown = csText;
     }
 }
 

@@ -13,6 +13,8 @@ bool bHarmful(wchar_t c);
 std::string csShown(std::string_view csText);
 /// Columns that a text takes on a terminal.
 std::size_t nColumns(std::string_view csText);
+/// The start of a text that takes no more columns than that.
+std::string csCut(std::string_view csText, std::size_t nMost);
 
 /// Size of the terminal behind standard output; 80 columns and 24 lines when it does not tell.
 struct STSize
@@ -42,14 +44,16 @@ std::string csColoured(const std::string& csText, EColour eColour);
 class CProgress
 {
 public:
-    explicit CProgress(const std::string& csText);
+    explicit CProgress(const std::string& csText = "");
     ~CProgress();
     CProgress(const CProgress&) = delete;
     CProgress& operator=(const CProgress&) = delete;
-    void Show(const std::string& csText) const;
+    /// An empty text takes the line away.
+    void Show(const std::string& csText);
 
 private:
-    bool m_bShown;
+    bool m_bTerminal;
+    std::string m_csShown;
 };
 
 /// Keys of standard input as they are pressed, without echo, for the life of the object. Nothing happens when

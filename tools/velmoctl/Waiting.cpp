@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstring>
 #include <limits>
 #include <sys/signalfd.h>
 #include <vector>
@@ -17,12 +16,6 @@ CDescripteur& clSignals()
     return s_clSignals;
 }
 } // namespace
-
-CFailure clSystemFailure(EExit eExit, const std::string& csWords)
-{
-    const int nErrno = errno;
-    return {eExit, csWords + ": " + std::strerror(nErrno)};
-}
 
 Milliseconds CDeadline::clLeft() const
 {

@@ -12,6 +12,8 @@ class CDeadline
 public:
     explicit CDeadline(Milliseconds clFromNow) : m_clEnd(std::chrono::steady_clock::now() + clFromNow) {}
 
+    static CDeadline Never() { return CDeadline(std::chrono::hours(24 * 365)); }
+
     /// What is left, never negative.
     Milliseconds clLeft() const;
     bool bOver() const { return clLeft().count() == 0; }

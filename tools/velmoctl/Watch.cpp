@@ -1,100 +1,69 @@
 // The list in the same place of the terminal again and again, until "q".
 
-#include "velmoctl/Output.h"
-#include "velmoctl/Query.h"
+#include "velmoctl/Fleet.h"
+#include "velmoctl/Screen.h"
+#include "velmoctl/ServerList.h"
 
+#include <cmath>
 #include <iostream>
-#include <unistd.h>
+#include <iterator>
 
 namespace {
-constexpr std::string_view s_csHideCursor = "\033[?25l", s_csShowCursor = "\033[?25h";
-constexpr std::string_view s_csHome = "\033[H", s_csClearLine = "\033[K", s_csClearBelow = "\033[J";
-
-/// A terminal that shows one page after the other in the same place.
-class CScreen
+/// A page as it is now: the rows of those that have answered, then what went wrong.
+void Show(const CServerList& clList, bool bHeader, const std::vector<const STHostAnswer*>& tAnswers,
+          const std::vector<std::string>& tMore, CScreen* pclScreen)
 {
-public:
-    CScreen() : m_bLive(bTerminal(STDOUT_FILENO))
-    {
-        if (m_bLive) {
-            std::cout << s_csHideCursor << s_csHome << s_csClearBelow;
-        }
+    CTable clTable(clList.tHeader());
+    const std::vector<CRow> tCells = clList.tCells(clList.tRows(tAnswers));
+    clTable.Fit(tCells);
+    std::string csRows = clTable.csRows(tCells);
+    for (const std::string& cs : tMore) {
+        csRows += csShown(cs) + "\n";
     }
-    ~CScreen()
-    {
-        if (m_bLive) {
-            std::cout << s_csShowCursor << std::flush;
-        }
-    }
-    CScreen(const CScreen&) = delete;
-    CScreen& operator=(const CScreen&) = delete;
-
-    bool bLive() const { return m_bLive; }
-    /// Lines that the terminal has no room for are left out.
-    void Show(const std::string& csPage) const
-    {
-        if (!m_bLive) {
-            std::cout << csPage << std::flush;
-            return;
-        }
-        std::size_t nLines = stTerminalSize().nLines;
-        std::cout << s_csHome;
-        for (std::size_t nStart = 0; nStart < csPage.size() && --nLines > 0;) {
-            const std::size_t nEnd = csPage.find('\n', nStart);
-            std::cout << csPage.substr(nStart, nEnd - nStart) << s_csClearLine << "\n";
-            nStart = nEnd + 1;
-        }
-        std::cout << s_csClearBelow << std::flush;
-    }
-
-private:
-    bool m_bLive;
-};
-
-/// One look at the servers; a failure is part of the page on a terminal, and else told on standard error.
-EExit eLook(const STCall& stCall, const CScreen& clScreen)
-{
-    try {
-        const std::vector<STListed> tList = tAskList(stCall);
-        clScreen.Show(stCall.stOptions.bJson ? csListJson(tList) + "\n" : csListTable(tList));
-        return clScreen.bLive() ? EExit::DONE : eTellFailures(tList);
-    } catch (const CFailure& clFailure) {
-        if (clFailure.eExit() == EExit::INTERRUPTED) {
-            throw;
-        }
-        if (clScreen.bLive()) {
-            clScreen.Show(csShown(clFailure.what()) + "\n");
-        } else {
-            std::cerr << "velmoctl: " << csShown(clFailure.what()) << "\n";
-        }
-        return clFailure.eExit();
-    }
+    pclScreen->Show(bHeader ? clTable.csHeader() : "", csRows);
 }
 
-/// True when the user wants no more: "q" was pressed during the pause.
-bool bPauseEnds(const CScreen& clScreen, Milliseconds clInterval)
+/// One look at the servers; failures are part of the page on a terminal, and else reported on standard error.
+EExit eLook(const STCall& stCall, const STQuestions& stQuestions, const CServerList& clList,
+            CScreen* pclScreen)
 {
-    const CDeadline clEnd(clInterval);
-    while (bWaitFor(clScreen.bLive() ? STDIN_FILENO : -1, POLLIN, clEnd)) {
-        char c = 0;
-        if (::read(STDIN_FILENO, &c, 1) != 1 || c == 'q' || c == 'Q') {
-            return true;
+    const CSelection clSelection(stCall.tArguments);
+    const bool bHeader = !stCall.stOptions.bNoHeader;
+    std::vector<const STHostAnswer*> tSeen;
+    const CTakeAnswers fnTake = [&](const std::vector<const STHostAnswer*>& tReady) {
+        tSeen.insert(tSeen.end(), tReady.begin(), tReady.end());
+        if (pclScreen->bLive() && tSeen.size() < stQuestions.tHosts.size()) {
+            Show(clList, bHeader, tSeen, {}, pclScreen);
         }
+    };
+    const auto tAnswers = tAskFleet(stQuestions, true, fnTake);
+    const std::vector<std::string> tTrouble = tTroubles(tAnswers, clSelection);
+    if (stCall.stOptions.bJson) {
+        std::cout << csJsonLine(clList.clJson(tAnswers)) << std::flush;
+    } else {
+        Show(clList, bHeader, tPointers(tAnswers), pclScreen->bLive() ? tTrouble : std::vector<std::string>(),
+             pclScreen);
     }
-    return false;
+    if (!pclScreen->bLive()) {
+        TellTroubles(tTrouble);
+        return eWorstOf(tAnswers, clSelection);
+    }
+    return EExit::DONE;
 }
 } // namespace
 
 EExit eWatch(const STCall& stCall)
 {
+    const STQuestions stQuestions = stStateQuestions(stCall);
+    const CServerList clList(stCall.stOptions, stQuestions.tHosts.size() > 1);
+    const Milliseconds clPause(std::lround(stCall.stOptions.dInterval * 1000));
     CInterrupts::Catch(); // the cursor must come back
-    const CScreen clScreen;
-    const CRawTerminal clKeys(true);
+    CScreen clScreen(!stCall.stOptions.bJson);
     EExit eResult = EExit::DONE;
     try {
         for (unsigned int nLook = 1; std::cout.good(); ++nLook) {
-            eResult = eLook(stCall, clScreen);
-            if (nLook == stCall.stOptions.nCount || bPauseEnds(clScreen, stCall.stOptions.clInterval)) {
+            eResult = eLook(stCall, stQuestions, clList, &clScreen);
+            if (nLook == stCall.stOptions.nCount || clScreen.bPauseEnds(clPause)) {
                 break;
             }
         }

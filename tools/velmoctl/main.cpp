@@ -9,8 +9,7 @@ int main(int nArguments, char** ppszArguments)
     // For the width of characters alone: all output is UTF-8, whatever the user's locale.
     std::setlocale(LC_CTYPE, "C.UTF-8");
     try {
-        return static_cast<int>(
-            eExecuteAndTell({ppszArguments + 1, ppszArguments + nArguments}, STOptions{}));
+        return static_cast<int>(eExecute({ppszArguments + 1, ppszArguments + nArguments}, STOptions{}));
     } catch (const std::exception& xError) {
         std::cerr << "velmoctl: " << xError.what() << "\n";
         return static_cast<int>(EExit::REFUSED);

@@ -1,7 +1,9 @@
-// The commands that change something: start and uninstall.
+// Uninstalling, which takes one server of one machine.
 
-#include "velmoctl/Output.h"
+#include "velmoctl/Fleet.h"
+#include "velmoctl/Local.h"
 #include "velmoctl/Query.h"
+#include "velmoctl/Terminal.h"
 
 #include <iostream>
 
@@ -11,12 +13,14 @@ std::optional<bool> bReadDone(std::string_view csLine)
     return csLine == "OK" ? std::optional<bool>(true) : std::nullopt;
 }
 
-void Tell(const STCall& stCall, const std::string& csName, const char* pszJson, const std::string& csWords)
+void Tell(const STCall& stCall, const STHost& stHost, const std::string& csName, const char* pszResult,
+          const std::string& csWords)
 {
     if (stCall.stOptions.bJson) {
-        std::cout << csJsonObject({{"name", csJsonText(csName)}, {"result", csJsonText(pszJson)}}) << "\n";
+        std::cout << csJsonLine(
+            {{"host", csHostWord(stHost)}, {"name", csName}, {"result", pszResult}, {"error", Json()}});
     } else {
-        std::cout << "\"" << csShown(csName) << "\" " << csWords << "\n";
+        std::cout << csShown("\"" + csName + "\" " + csWords) << "\n";
     }
 }
 
@@ -32,7 +36,7 @@ bool bFilesDeleted(CConversation* pclManager, const std::string& csName, bool bD
         return true;
     }
     if (stRefusal.has_value()) {
-        throw CFailure(EExit::REFUSED, csRefusalWords(*stRefusal, csName));
+        throw CFailure(EExit::REFUSED, csRefusalWords(*stRefusal, {pclManager->stHost().csName, csName}));
     }
     if (!bReadDone(csReply)) {
         throw pclManager->clNonsense(csReply);
@@ -50,7 +54,7 @@ struct STOutcome
 /// With files it takes two requests: the first deletes them and leaves the service, the second removes that.
 STOutcome stRemove(CConversation* pclManager, const std::string& csName, bool bDeleteFiles)
 {
-    const CProgress clProgress("uninstalling...");
+    CProgress clProgress("uninstalling...");
     if (bFilesDeleted(pclManager, csName, bDeleteFiles)) {
         try {
             (void)bFilesDeleted(pclManager, csName, false);
@@ -75,7 +79,7 @@ std::string csStateOrUnknown(CConversation* pclManager, const std::string& csNam
     const std::string csReply = pclManager->csAsk({"STATUS", csName});
     const auto stRefusal = stReadRefusal(csReply);
     if (stRefusal.has_value() && stRefusal->nCode != nUnreadable) {
-        throw CFailure(EExit::REFUSED, csRefusalWords(*stRefusal, csName));
+        throw CFailure(EExit::REFUSED, csRefusalWords(*stRefusal, {pclManager->stHost().csName, csName}));
     }
     const auto csState = stRefusal.has_value() ? "in an unknown state" : csReadState(csReply);
     if (!csState.has_value()) {
@@ -84,40 +88,38 @@ std::string csStateOrUnknown(CConversation* pclManager, const std::string& csNam
     return *csState;
 }
 
-std::string csPlan(const STCall& stCall)
+/// What would be deleted with the files, as far as it is known from here.
+std::string csFolderWords(const STHost& stHost, const std::string& csName)
 {
-    return stCall.stOptions.bDeleteFiles
-               ? "stop it, delete the folder of its program with all databases in it, and remove its service"
-               : "stop it and remove its service; its files are kept";
+    const std::string csFolder = bThisMachine(stHost) ? csFolderOf(csName) : "";
+    return csFolder.empty() ? "the folder of its program" : csFolder + ", the folder of its program,";
+}
+
+std::string csPlan(const STCall& stCall, const STHost& stHost, const std::string& csName)
+{
+    return stCall.stOptions.bDeleteFiles ? "stop it, delete " + csFolderWords(stHost, csName) +
+                                               " with all databases in it, and remove its service"
+                                         : "stop it and remove its service; its files are kept";
 }
 } // namespace
-
-EExit eStart(const STCall& stCall)
-{
-    const std::string csName = csArgument(stCall.tArguments[0]);
-    {
-        const CProgress clProgress("starting...");
-        CConversation clManager(stCall.stOptions, stCall.clTimeout);
-        (void)tAskFor(&clManager, {"START", csName}, csName, bReadDone);
-    }
-    Tell(stCall, csName, "started", "is started");
-    return EExit::DONE;
-}
 
 EExit eUninstall(const STCall& stCall)
 {
     const std::string csName = csArgument(stCall.tArguments[0]);
-    CConversation clManager(stCall.stOptions, stCall.clTimeout);
-    const std::string csState = csStateOrUnknown(&clManager, csName);
+    const STHost stHost = stOnlyHost(stCall.stOptions);
+    CConversation clManager(stHost, stCall.clTimeout);
+    const std::string csOn = stHost.csName.empty() ? "" : "on " + stHost.csName + " ";
+    const std::string csIs = csOn + "is " + csStateOrUnknown(&clManager, csName);
+    const std::string csWould = csPlan(stCall, stHost, csName);
     if (stCall.stOptions.bDryRun) {
-        Tell(stCall, csName, "dry run", "is " + csState + ". Uninstalling would " + csPlan(stCall));
+        Tell(stCall, stHost, csName, "dry run", csIs + ". Uninstalling would " + csWould);
         return EExit::DONE;
     }
     if (!stCall.stOptions.bYes &&
-        !bConfirm("\"" + csShown(csName) + "\" is " + csState + ". Uninstall: " + csPlan(stCall) + "?")) {
+        !bConfirm(csShown("\"" + csName + "\" " + csIs + ". Uninstall: " + csWould + "?"))) {
         throw CFailure(EExit::DECLINED, "nothing was changed");
     }
     const STOutcome stOutcome = stRemove(&clManager, csName, stCall.stOptions.bDeleteFiles);
-    Tell(stCall, csName, stOutcome.pszJson, stOutcome.pszWords);
+    Tell(stCall, stHost, csName, stOutcome.pszJson, csOn + stOutcome.pszWords);
     return stOutcome.eExit;
 }

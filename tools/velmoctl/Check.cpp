@@ -1,0 +1,191 @@
+// A monitoring plugin by the conventions of Nagios and Icinga: one line with performance data, and an exit
+// status.
+
+#include "velmoctl/Fleet.h"
+#include "velmoctl/Terminal.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <iostream>
+#include <iterator>
+#include <limits>
+#include <sstream>
+
+namespace {
+/// By the plugins' exit status.
+enum class EHealth : int
+{
+    OK,
+    WARNING,
+    CRITICAL,
+    UNKNOWN,
+};
+constexpr const char* s_tHealth[] = {"OK", "WARNING", "CRITICAL", "UNKNOWN"};
+
+/// "10" alerts outside of 0 to 10, "5:" below 5, "~:10" above 10, "10:20" outside, "@10:20" inside.
+class CRange
+{
+public:
+    explicit CRange(const std::string& csText)
+    {
+        std::string_view cs = csText;
+        m_bInside = cs.starts_with("@");
+        cs.remove_prefix(m_bInside ? 1 : 0);
+        const std::size_t nColon = cs.find(':');
+        if (nColon != cs.npos) {
+            m_dFirst = cs.substr(0, nColon) == "~" ? -s_dEndless : _dNumber(cs.substr(0, nColon), csText);
+            cs.remove_prefix(nColon + 1);
+        }
+        m_dLast = nColon != std::string_view::npos && cs.empty() ? s_dEndless : _dNumber(cs, csText);
+        if (m_dFirst > m_dLast) {
+            throw _clFault(csText);
+        }
+    }
+    bool bAlerts(std::size_t nValue) const
+    {
+        const auto dValue = static_cast<double>(nValue);
+        return (dValue < m_dFirst || dValue > m_dLast) != m_bInside;
+    }
+
+private:
+    static constexpr double s_dEndless = std::numeric_limits<double>::infinity();
+
+    static CFailure _clFault(const std::string& csText)
+    {
+        return {EExit::USAGE,
+                "\"" + csArgument(csText) + "\" is not a range such as 0, 5:, ~:10, 10:20 or @10:20"};
+    }
+    static double _dNumber(std::string_view cs, const std::string& csText)
+    {
+        int nNumber = 0;
+        const auto stResult = std::from_chars(cs.data(), cs.data() + cs.size(), nNumber);
+        if (stResult.ec != std::errc{} || stResult.ptr != cs.data() + cs.size()) {
+            throw _clFault(csText);
+        }
+        return nNumber;
+    }
+
+    bool m_bInside = false;
+    double m_dFirst = 0;
+    double m_dLast = 0;
+};
+
+/// What was found, over all machines.
+struct STFindings
+{
+    std::size_t nServers = 0;
+    std::size_t nRunning = 0;
+    std::size_t nMachines = 0;
+    std::vector<std::string> tDown;   ///< "Orders on db2 stopped"
+    std::vector<std::string> tSilent; ///< why machines gave no answer
+    Milliseconds clSlowest{0};
+};
+
+void AddDown(const STHostAnswer& stHost, const std::string& csServer, const std::string& csState,
+             STFindings* pst)
+{
+    const std::string csOn = stHost.stHost.csName.empty() ? "" : " on " + stHost.stHost.csName;
+    pst->tDown.push_back(csServer + csOn + " " + csState);
+}
+
+/// A server asked for by its full name that no machine has is one that does not run.
+void AddMissing(const std::vector<STHostAnswer>& tAnswers, const CSelection& clSelection, STFindings* pst)
+{
+    for (const std::string& csWord : clSelection.tWords()) {
+        const CSelection clWord({csWord});
+        const bool bSeen = std::any_of(tAnswers.begin(), tAnswers.end(), [&](const STHostAnswer& stHost) {
+            return std::any_of(stHost.tServers.begin(), stHost.tServers.end(),
+                               [&](const STServerAnswer& st) { return clWord.bHas(st.stServer.csName); });
+        });
+        if (!bSeen) {
+            ++pst->nServers;
+            pst->tDown.push_back(csWord + " missing");
+        }
+    }
+}
+
+STFindings stFind(const std::vector<STHostAnswer>& tAnswers, const CSelection& clSelection)
+{
+    STFindings stResult;
+    stResult.nMachines = tAnswers.size();
+    for (const STHostAnswer& stHost : tAnswers) {
+        stResult.clSlowest = std::max(stResult.clSlowest, stHost.clTook);
+        if (stHost.clFailure.has_value()) {
+            stResult.tSilent.emplace_back(stHost.clFailure->what());
+        }
+        for (const STServerAnswer& st : stHost.tServers) {
+            ++stResult.nServers;
+            if (st.csState == "running") {
+                ++stResult.nRunning;
+            } else {
+                AddDown(stHost, st.stServer.csName, st.csState.empty() ? "unknown" : st.csState, &stResult);
+            }
+        }
+    }
+    AddMissing(tAnswers, clSelection, &stResult);
+    return stResult;
+}
+
+EHealth eHealth(const STFindings& st, const CRange& clWarning, const CRange& clCritical)
+{
+    if (!st.tSilent.empty() || clCritical.bAlerts(st.tDown.size())) {
+        return EHealth::CRITICAL;
+    }
+    return clWarning.bAlerts(st.tDown.size()) ? EHealth::WARNING : EHealth::OK;
+}
+
+/// The first of some texts, in one line that holds no bar: what follows a bar is performance data.
+std::string csFirst(const std::vector<std::string>& tTexts)
+{
+    constexpr std::size_t nMost = 5;
+    std::string cs;
+    for (std::size_t n = 0; n < std::min(tTexts.size(), nMost); ++n) {
+        cs += (n == 0 ? ": " : ", ") + tTexts[n];
+    }
+    cs += tTexts.size() > nMost ? " and " + std::to_string(tTexts.size() - nMost) + " more" : "";
+    std::replace(cs.begin(), cs.end(), '|', '/');
+    return csShown(cs);
+}
+
+/// label=value;warning;critical;least;most
+std::string csPerformance(const STFindings& st, const STOptions& stOptions)
+{
+    std::ostringstream cl;
+    cl << "not_running=" << st.tDown.size() << ";" << csArgument(stOptions.csWarning) << ";"
+       << csArgument(stOptions.csCritical) << ";0;" << st.nServers << " running=" << st.nRunning << ";;;0;"
+       << st.nServers << " silent=" << st.tSilent.size() << ";;0;0;" << st.nMachines
+       << " time=" << static_cast<double>(st.clSlowest.count()) / 1000 << "s;;;0";
+    return cl.str();
+}
+
+EExit eReport(EHealth eHealthFound, const std::string& csWords)
+{
+    std::cout << "VELMO " << s_tHealth[static_cast<std::size_t>(eHealthFound)] << " - " << csWords << "\n";
+    return static_cast<EExit>(eHealthFound);
+}
+} // namespace
+
+EExit eCheck(const STCall& stCall)
+{
+    const CSelection clSelection(stCall.tArguments);
+    const CSelection clIgnored(tItems(stCall.stOptions.tIgnore));
+    try {
+        const CRange clWarning(stCall.stOptions.csWarning), clCritical(stCall.stOptions.csCritical);
+        STQuestions stQuestions = stStateQuestions(stCall);
+        stQuestions.fnWanted = [&](const STServer& st) {
+            return (clSelection.bAll() || clSelection.bHas(st.csName)) && !clIgnored.bHas(st.csName);
+        };
+        const auto tAnswers = tAskFleet(stQuestions, false, [](const auto&) {});
+        const STFindings st = stFind(tAnswers, clSelection);
+        const std::string csSilent =
+            st.tSilent.empty() ? ""
+                               : std::to_string(st.tSilent.size()) + " silent" + csFirst(st.tSilent) + "; ";
+        return eReport(eHealth(st, clWarning, clCritical), csSilent + std::to_string(st.nRunning) + " of " +
+                                                               std::to_string(st.nServers) +
+                                                               " servers running" + csFirst(st.tDown) +
+                                                               " | " + csPerformance(st, stCall.stOptions));
+    } catch (const CFailure& clFailure) {
+        return eReport(EHealth::UNKNOWN, csShown(clFailure.what()));
+    }
+}

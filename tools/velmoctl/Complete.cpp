@@ -1,0 +1,180 @@
+#include "velmoctl/Complete.h"
+
+#include "velmoctl/Commands.h"
+#include "velmoctl/Fleet.h"
+#include "velmoctl/Terminal.h"
+
+#include <algorithm>
+#include <functional>
+#include <iostream>
+#include <iterator>
+
+namespace {
+/// A command line that is not finished, as far as it matters here.
+struct STPartial
+{
+    std::string csCommand;
+    STOptions stOptions; ///< which machines
+    std::string csKind;  ///< of the last word: what its option wants; empty: the word stands for itself
+    std::string csStart; ///< of the last word, up to where the completion begins ("--host=", "db1,")
+    std::string csWord;  ///< the rest of the last word
+};
+
+/// The options that tell where servers and machines are looked up.
+void TakeOption(const std::string& csOption, const std::string& csValue, STOptions* pst)
+{
+    const std::string csKind = csValueKind(csOption);
+    if (csKind == "HOST") {
+        pst->tHosts.push_back(csValue);
+    } else if (csOption == "--hosts") {
+        pst->csHostsFile = csValue;
+    } else if (csKind == "GROUP") {
+        pst->tGroups.push_back(csValue);
+    } else if (csOption == "--port" || csOption == "-p") {
+        pst->wPort = wReadPort(csValue);
+    }
+}
+
+void TakeLast(const std::string& csWord, STPartial* pst)
+{
+    const std::size_t nEqual = csWord.find('=');
+    if (csWord.starts_with("--") && nEqual != std::string::npos) {
+        pst->csKind = csValueKind(csWord.substr(0, nEqual));
+        pst->csStart = csWord.substr(0, nEqual + 1);
+    }
+    pst->csWord = csWord.substr(pst->csStart.size());
+    if (const std::size_t nComma = pst->csWord.rfind(',');
+        !pst->csKind.empty() && nComma != std::string::npos) {
+        pst->csStart += pst->csWord.substr(0, nComma + 1);
+        pst->csWord.erase(0, nComma + 1);
+    }
+}
+
+STPartial stRead(const std::vector<std::string>& tWords, const STOptions& stDefaults)
+{
+    STPartial st;
+    st.stOptions = stDefaults;
+    for (std::size_t n = 0; n + 1 < tWords.size(); ++n) {
+        const std::string& cs = tWords[n];
+        const std::size_t nEqual = cs.find('=');
+        const std::string csName = cs.substr(0, nEqual);
+        if (!cs.starts_with("-")) {
+            st.csCommand = st.csCommand.empty() ? cs : st.csCommand;
+        } else if (csValueKind(csName).empty()) {
+            continue;
+        } else if (nEqual != std::string::npos) {
+            TakeOption(csName, cs.substr(nEqual + 1), &st.stOptions);
+        } else if (n + 2 < tWords.size()) {
+            TakeOption(csName, tWords[++n], &st.stOptions);
+        } else {
+            st.csKind = csValueKind(csName);
+        }
+    }
+    TakeLast(tWords.empty() ? "" : tWords.back(), &st);
+    return st;
+}
+
+std::vector<std::string> tCommands(const STPartial& /*st*/)
+{
+    std::vector<std::string> tNames = tCommandNames();
+    tNames.emplace_back("help");
+    return tNames;
+}
+
+/// Those of the managers that the line names, as far as they answer at once.
+std::vector<std::string> tServers(const STPartial& st)
+{
+    constexpr Milliseconds clMoment(2000);
+    std::vector<std::string> tNames;
+    for (const STHostAnswer& stHost :
+         CFanOut(stQuestionsAbout({st.stOptions, {}, clMoment}, nullptr)).tAsk([](const auto&, const auto&) {
+         })) {
+        for (const STServerAnswer& stServer : stHost.tServers) {
+            tNames.push_back(stServer.stServer.csName);
+        }
+    }
+    return tNames;
+}
+
+std::vector<std::string> tMachines(const STPartial& st)
+{
+    std::vector<std::string> tNames;
+    for (const STHost& stHost : clReadHostsFile(st.stOptions).tAll()) {
+        tNames.push_back(stHost.csName);
+    }
+    return tNames;
+}
+
+std::vector<std::string> tGroups(const STPartial& st)
+{
+    return clReadHostsFile(st.stOptions).tGroupNames();
+}
+
+struct STSource
+{
+    const char* pszKind; ///< the beginning of it: "[NAME...]" is another word for "NAME"
+    std::vector<std::string> (*pfn)(const STPartial&);
+};
+constexpr STSource s_tSources[] = {
+    {"COMMAND", tCommands},
+    {"NAME", tServers},
+    {"[NAME", tServers},
+    {"PATTERN", tServers},
+    {"HOST", tMachines},
+    {"GROUP", tGroups},
+    {"STATE",
+     [](const STPartial&) {
+         return std::vector<std::string>{"running", "stopped", "failed", "starting", "stopping"};
+     }},
+    {"COLUMN",
+     [](const STPartial&) {
+         return std::vector<std::string>{"host", "name", "port", "state", "pid", "since", "folder", "log"};
+     }},
+};
+
+std::vector<std::string> tCandidates(const STPartial& st)
+{
+    if (st.csKind.empty() && st.csWord.starts_with("-")) {
+        return tOptionsOf(st.csCommand);
+    }
+    std::string csKind = st.csKind;
+    if (csKind.empty()) {
+        csKind = st.csCommand.empty() || st.csCommand == "help" ? "COMMAND" : csArgumentKinds(st.csCommand);
+    }
+    const auto* const pst = std::find_if(std::begin(s_tSources), std::end(s_tSources),
+                                         [&](const STSource& cl) { return csKind.starts_with(cl.pszKind); });
+    // A new server has no name yet that a manager could know.
+    return pst == std::end(s_tSources) || st.csCommand == "register" ? std::vector<std::string>()
+                                                                     : pst->pfn(st);
+}
+} // namespace
+
+std::vector<std::string> tComplete(const std::vector<std::string>& tWords, const STOptions& stDefaults)
+{
+    std::vector<std::string> tResult;
+    try {
+        const STPartial st = stRead(tWords, stDefaults);
+        for (const std::string& cs : tCandidates(st)) {
+            const std::string csWhole = st.csStart + cs;
+            if (cs.starts_with(st.csWord) &&
+                std::find(tResult.begin(), tResult.end(), csWhole) == tResult.end()) {
+                tResult.push_back(csWhole);
+            }
+        }
+    } catch (const CFailure& clFailure) {
+        if (clFailure.eExit() == EExit::INTERRUPTED) {
+            throw;
+        }
+    }
+    return tResult;
+}
+
+EExit eComplete(const STCall& stCall)
+{
+    std::vector<std::string> tWords = stCall.tArguments;
+    std::transform(tWords.begin(), tWords.end(), tWords.begin(), csArgument);
+    for (const std::string& cs : tComplete(tWords, STOptions{})) {
+        std::cout << csShown(cs) << "\n";
+    }
+    return EExit::DONE;
+}

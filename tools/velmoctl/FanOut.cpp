@@ -1,0 +1,223 @@
+#include "velmoctl/FanOut.h"
+
+#include "velmoctl/Query.h"
+
+#include <algorithm>
+#include <thread>
+
+namespace {
+constexpr Milliseconds s_clLook(100);
+} // namespace
+
+CFanOut::CFanOut(STQuestions stQuestions)
+    : m_stQuestions(std::move(stQuestions)), m_tProgress(m_stQuestions.tHosts.size()),
+      m_tDone(m_stQuestions.tHosts.size())
+{
+    for (const STHost& st : m_stQuestions.tHosts) {
+        m_tAnswers.push_back({});
+        m_tAnswers.back().stHost = st;
+    }
+}
+
+std::vector<STHostAnswer> CFanOut::tAsk(const Look& fnLook)
+{
+    CInterrupts::Catch(); // before any thread; what is shown of the progress must be taken back
+    {
+        std::vector<std::jthread> tWorkers;
+        const std::size_t nMost = m_tAnswers.size() * s_nMostToOneHost;
+        for (std::size_t n = 0; n < std::min<std::size_t>(m_stQuestions.nJobs, nMost); ++n) {
+            tWorkers.emplace_back([this] { _Work(); });
+        }
+
+        std::unique_lock clLock(m_clMutex);
+        for (bool bAll = false; !bAll;) {
+            if (m_nDone < m_tAnswers.size()) {
+                m_clChanged.wait_for(clLock, s_clLook);
+            }
+            if (m_bInterrupted) {
+                break;
+            }
+            // What the caller writes may have to wait for its reader, which must not hold up the questions.
+            const std::vector<bool> tDone = m_tDone;
+            bAll = m_nDone == m_tAnswers.size();
+            clLock.unlock();
+            fnLook(m_tAnswers, tDone);
+            clLock.lock();
+        }
+    }
+    if (m_bInterrupted) {
+        throw CFailure(EExit::INTERRUPTED, "interrupted");
+    }
+    return std::move(m_tAnswers);
+}
+
+/// One conversation after the other, as long as there is one to hold.
+void CFanOut::_Work()
+{
+    while (const std::optional<std::size_t> nHost = _nNextHost()) {
+        _Serve(*nHost);
+        _Leave(*nHost);
+    }
+}
+
+/// The host to talk to next, in which a conversation is counted then; none at the end.
+std::optional<std::size_t> CFanOut::_nNextHost()
+{
+    std::unique_lock clLock(m_clMutex);
+    while (!m_bInterrupted && m_nDone < m_tAnswers.size()) {
+        if (const std::optional<std::size_t> nHost = _nOpenHost()) {
+            ++m_tProgress[*nHost].nConversations;
+            return nHost;
+        }
+        m_clChanged.wait(clLock); // a list that comes in may bring more to ask
+    }
+    return std::nullopt;
+}
+
+/// Hosts that nobody has asked yet come before further conversations with others.
+std::optional<std::size_t> CFanOut::_nOpenHost() const
+{
+    for (std::size_t n = 0; n < m_tProgress.size(); ++n) {
+        if (!m_tProgress[n].bStarted && m_tProgress[n].nConversations == 0) {
+            return n;
+        }
+    }
+    for (std::size_t n = 0; n < m_tProgress.size(); ++n) {
+        const STProgress& st = m_tProgress[n];
+        if (m_stQuestions.fnQuestion && st.bListed && !st.clGivenUp &&
+            st.nNext < m_tAnswers[n].tServers.size() && st.nConversations < s_nMostToOneHost) {
+            return n;
+        }
+    }
+    return std::nullopt;
+}
+
+void CFanOut::_Serve(std::size_t nHost)
+{
+    try {
+        _Start(nHost);
+        CConversation clManager(m_tAnswers[nHost].stHost, m_stQuestions.clTimeout, *m_tProgress[nHost].clEnd);
+        _AskList(nHost, &clManager);
+        _AskServers(nHost, &clManager);
+    } catch (const CFailure& clFailure) {
+        _GiveUp(nHost, clFailure);
+    }
+}
+
+/// The time begins with a host's first conversation.
+void CFanOut::_Start(std::size_t nHost)
+{
+    const std::lock_guard clGuard(m_clMutex);
+    STProgress& st = m_tProgress[nHost];
+    if (!st.bStarted) {
+        st.bStarted = true;
+        st.clEnd = m_stQuestions.bWholeHostInTime ? CDeadline(m_stQuestions.clTimeout) : CDeadline::Never();
+        m_tAnswers[nHost].clAsked = std::chrono::system_clock::now();
+    }
+}
+
+/// The first conversation asks which servers there are, unless they are known beforehand.
+void CFanOut::_AskList(std::size_t nHost, CConversation* pclManager)
+{
+    if (m_tProgress[nHost].bListed) { // set before a second conversation begins
+        return;
+    }
+    std::optional<STInfo> stInfo;
+    std::vector<STServerAnswer> tServers;
+    for (const std::string& csName : m_stQuestions.tNames) {
+        tServers.push_back({});
+        tServers.back().stServer.csName = csName;
+    }
+    if (m_stQuestions.tNames.empty()) {
+        stInfo = tAskFor(pclManager, {"INFO"}, "", stReadInfo);
+        for (const STServer& st : stInfo->tServers) {
+            if (!m_stQuestions.fnWanted || m_stQuestions.fnWanted(st)) {
+                tServers.push_back({});
+                tServers.back().stServer = st;
+            }
+        }
+    }
+    const std::lock_guard clGuard(m_clMutex);
+    m_tAnswers[nHost].stInfo = std::move(stInfo);
+    m_tAnswers[nHost].tServers = std::move(tServers);
+    m_tProgress[nHost].bListed = true;
+    m_clChanged.notify_all();
+}
+
+STServerAnswer* CFanOut::_pstNextServer(std::size_t nHost)
+{
+    const std::lock_guard clGuard(m_clMutex);
+    STProgress& st = m_tProgress[nHost];
+    std::vector<STServerAnswer>& tServers = m_tAnswers[nHost].tServers;
+    return st.clGivenUp || m_bInterrupted || st.nNext >= tServers.size() ? nullptr : &tServers[st.nNext++];
+}
+
+void CFanOut::_AskServers(std::size_t nHost, CConversation* pclManager)
+{
+    if (!m_stQuestions.fnQuestion) {
+        return;
+    }
+    while (STServerAnswer* const pst = _pstNextServer(nHost)) {
+        try {
+            m_stQuestions.fnQuestion(pclManager, pst);
+        } catch (const CFailure& clFailure) {
+            pst->clFailure = clFailure;
+            if (clFailure.eExit() != EExit::REFUSED && clFailure.eExit() != EExit::USAGE) {
+                _GiveUp(nHost, clFailure);
+                return;
+            }
+        }
+    }
+}
+
+/// A manager that is silent or broken towards one conversation is not asked anything else.
+void CFanOut::_GiveUp(std::size_t nHost, const CFailure& clFailure)
+{
+    const std::lock_guard clGuard(m_clMutex);
+    m_bInterrupted = m_bInterrupted || clFailure.eExit() == EExit::INTERRUPTED;
+    if (!m_tProgress[nHost].clGivenUp) {
+        m_tProgress[nHost].clGivenUp = clFailure;
+    }
+    if (!m_tProgress[nHost].bListed) {
+        m_tAnswers[nHost].clFailure = clFailure;
+    }
+    m_clChanged.notify_all();
+}
+
+/// The last conversation with a host finishes it.
+void CFanOut::_Leave(std::size_t nHost)
+{
+    {
+        const std::lock_guard clGuard(m_clMutex);
+        STProgress& st = m_tProgress[nHost];
+        if (--st.nConversations > 0) {
+            return;
+        }
+    }
+    _Finish(nHost);
+}
+
+/// Nobody else has the host any more.
+void CFanOut::_Finish(std::size_t nHost)
+{
+    STHostAnswer& stAnswer = m_tAnswers[nHost];
+    stAnswer.clTook =
+        std::chrono::duration_cast<Milliseconds>(std::chrono::system_clock::now() - stAnswer.clAsked);
+    if (const std::optional<CFailure>& clCause = m_tProgress[nHost].clGivenUp) {
+        for (std::size_t n = m_tProgress[nHost].nNext; n < stAnswer.tServers.size(); ++n) {
+            stAnswer.tServers[n].clFailure.emplace(clCause->eExit(),
+                                                   std::string("not asked: ") + clCause->what());
+        }
+    }
+    try {
+        if (m_stQuestions.fnFinish && !stAnswer.clFailure.has_value()) {
+            m_stQuestions.fnFinish(&stAnswer);
+        }
+    } catch (const CFailure& clFailure) {
+        _GiveUp(nHost, clFailure);
+    }
+    const std::lock_guard clGuard(m_clMutex);
+    m_tDone[nHost] = true;
+    ++m_nDone;
+    m_clChanged.notify_all();
+}

@@ -1,0 +1,101 @@
+#pragma once
+
+#include "velmoctl/Conversation.h"
+#include "velmoctl/Replies.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+/// Many managers asked at once, each about its servers.
+
+/// A server with what was asked about it, or why there is no answer.
+struct STServerAnswer
+{
+    STServer stServer;
+    std::string csState;
+    std::string csPid; ///< these five on this machine only, see STFacts
+    std::string csSince;
+    std::string csFolder;
+    std::string csLog;
+    std::optional<CFailure> clFailure;
+};
+
+/// What came from one machine.
+struct STHostAnswer
+{
+    STHost stHost;
+    std::chrono::system_clock::time_point clAsked; ///< when its first question was sent
+    Milliseconds clTook{0};                        ///< from then to the last answer
+    std::optional<STInfo> stInfo;
+    std::vector<STServerAnswer> tServers; ///< in the manager's order
+    std::optional<CFailure> clFailure;    ///< there is no list of servers, or nobody to ask about them
+};
+
+/// What is asked.
+struct STQuestions
+{
+    std::vector<STHost> tHosts;
+    unsigned int nJobs = 16;      ///< conversations at once, in all
+    Milliseconds clTimeout{0};    ///< for one answer
+    bool bWholeHostInTime = true; ///< the time is for all answers of a host together
+    std::vector<std::string>
+        tNames; ///< servers asked about without looking at the list; empty: those of the list
+    std::function<bool(const STServer&)> fnWanted;                   ///< of the list; none: all
+    std::function<void(CConversation*, STServerAnswer*)> fnQuestion; ///< none: the list alone is asked for
+    std::function<void(STHostAnswer*)> fnFinish; ///< adds what is not asked from the manager
+};
+
+/// Asks hosts in the order given. No conversation waits for another; a host that hangs costs one of them, for
+/// the time allowed.
+class CFanOut
+{
+public:
+    /// Most conversations with one manager at a time.
+    static constexpr unsigned int s_nMostToOneHost = 4;
+
+    explicit CFanOut(STQuestions stQuestions);
+
+    /// What the caller does from time to time, in its own thread. Answers that are done (by the second
+    /// argument) do not change any more; of the others only the host may be read.
+    using Look = std::function<void(const std::vector<STHostAnswer>&, const std::vector<bool>&)>;
+    /// Returns once all hosts are done. Throws CFailure (INTERRUPTED).
+    std::vector<STHostAnswer> tAsk(const Look& fnLook);
+
+private:
+    /// How far a host is.
+    struct STProgress
+    {
+        bool bStarted = false;
+        bool bListed = false;  ///< its servers are known
+        std::size_t nNext = 0; ///< the first server that nobody has asked about
+        unsigned int nConversations = 0;
+        std::optional<CFailure> clGivenUp; ///< why nothing else is asked
+        std::optional<CDeadline> clEnd;
+    };
+
+    void _Work();
+    std::optional<std::size_t> _nNextHost();
+    std::optional<std::size_t> _nOpenHost() const;
+    void _Serve(std::size_t nHost);
+    void _Start(std::size_t nHost);
+    void _AskList(std::size_t nHost, CConversation* pclManager);
+    STServerAnswer* _pstNextServer(std::size_t nHost);
+    void _AskServers(std::size_t nHost, CConversation* pclManager);
+    void _GiveUp(std::size_t nHost, const CFailure& clFailure);
+    void _Leave(std::size_t nHost);
+    void _Finish(std::size_t nHost);
+
+    const STQuestions m_stQuestions;
+    std::mutex m_clMutex; ///< guards all that follows, but for servers while one worker has them
+    std::condition_variable m_clChanged;
+    std::vector<STHostAnswer> m_tAnswers; ///< by host, as the next
+    std::vector<STProgress> m_tProgress;
+    std::vector<bool> m_tDone;
+    std::size_t m_nDone = 0;
+    bool m_bInterrupted = false;
+};

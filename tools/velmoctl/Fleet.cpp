@@ -1,0 +1,345 @@
+#include "velmoctl/Fleet.h"
+
+#include "velmoctl/Local.h"
+#include "velmoctl/Query.h"
+#include "velmoctl/Terminal.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <ctime>
+#include <fnmatch.h>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <set>
+#include <sstream>
+
+namespace {
+using CClock = std::chrono::steady_clock;
+constexpr Milliseconds s_clMoment(1000); ///< after which the progress says what it waits for
+constexpr Milliseconds s_clGrace(2000);  ///< how long one host may hold up the lines of the others
+constexpr std::size_t s_nMostShown = 5;  ///< names in one line about trouble
+
+/// Each host once; the port is the options' unless the hosts file has one.
+void AddHost(STHost stHost, const STOptions& stOptions, std::vector<STHost>* ptHosts)
+{
+    const bool bKnown = std::any_of(ptHosts->begin(), ptHosts->end(),
+                                    [&](const STHost& st) { return st.csName == stHost.csName; });
+    if (!bKnown) {
+        stHost.wPort = stHost.wPort != 0 ? stHost.wPort : stOptions.wPort;
+        ptHosts->push_back(std::move(stHost));
+    }
+}
+
+/// "a, b, c and 4 more"
+std::string csSome(const std::vector<std::string>& tNames)
+{
+    std::string cs;
+    for (std::size_t n = 0; n < std::min(tNames.size(), s_nMostShown); ++n) {
+        cs += (n > 0 ? ", " : "") + tNames[n];
+    }
+    return tNames.size() > s_nMostShown
+               ? cs + " and " + std::to_string(tNames.size() - s_nMostShown) + " more"
+               : cs;
+}
+
+/// What the progress says, as far as the terminal has room for it.
+std::string csProgress(const std::vector<STHostAnswer>& tAnswers, const std::vector<bool>& tDone,
+                       Milliseconds clPassed)
+{
+    const auto nDone = std::count(tDone.begin(), tDone.end(), true);
+    std::vector<std::string> tWaiting;
+    for (std::size_t n = 0; n < tAnswers.size(); ++n) {
+        if (!tDone[n]) {
+            tWaiting.push_back(csWhere(tAnswers[n].stHost));
+        }
+    }
+    std::string cs = tAnswers.size() == 1 ? "asking the manager"
+                                          : std::to_string(nDone) + " of " + std::to_string(tAnswers.size()) +
+                                                " machines answered";
+    if (clPassed >= s_clMoment && !tWaiting.empty()) {
+        cs += ", waiting for " + csSome(tWaiting);
+    }
+    return csCut(csShown(cs), stTerminalSize().nColumns - 1);
+}
+
+/// Gives the answers on in the order of the hosts.
+class CInOrder
+{
+public:
+    CInOrder(std::size_t nHosts, bool bAsTheyCome, const CTakeAnswers& fnTake)
+        : m_tTaken(nHosts), m_bAsTheyCome(bAsTheyCome), m_fnTake(fnTake)
+    {}
+    void Take(const std::vector<STHostAnswer>& tAnswers, const std::vector<bool>& tDone,
+              CProgress* pclProgress)
+    {
+        const bool bAll = std::find(tDone.begin(), tDone.end(), false) == tDone.end();
+        const Milliseconds clPassed = std::chrono::duration_cast<Milliseconds>(CClock::now() - m_clStart);
+        std::vector<const STHostAnswer*> tReady;
+        for (std::size_t n = 0; n < tAnswers.size() && (bAll || (m_bAsTheyCome && clPassed >= s_clGrace));
+             ++n) {
+            if (tDone[n] && !m_tTaken[n]) {
+                m_tTaken[n] = true;
+                tReady.push_back(&tAnswers[n]);
+            }
+        }
+        if (!tReady.empty()) {
+            pclProgress->Show("");
+            m_fnTake(tReady);
+        }
+        pclProgress->Show(bAll ? "" : csProgress(tAnswers, tDone, clPassed));
+    }
+
+private:
+    const CClock::time_point m_clStart = CClock::now();
+    std::vector<bool> m_tTaken;
+    const bool m_bAsTheyCome;
+    const CTakeAnswers& m_fnTake;
+};
+
+/// One line for all servers of a host that met the same.
+void AddServerTroubles(const STHostAnswer& st, bool bMany, std::vector<std::string>* ptLines)
+{
+    std::vector<std::string> tTexts;
+    std::map<std::string, std::vector<std::string>> tNames; // by text
+    std::set<std::string> tRefused;
+    for (const STServerAnswer& stServer : st.tServers) {
+        if (stServer.clFailure.has_value()) {
+            const std::string csText = stServer.clFailure->what();
+            if (tNames[csText].empty()) {
+                tTexts.push_back(csText);
+            }
+            tNames[csText].push_back(stServer.stServer.csName);
+            if (stServer.clFailure->eExit() == EExit::REFUSED) {
+                tRefused.insert(csText);
+            }
+        }
+    }
+    for (const std::string& csText : tTexts) {
+        if (tRefused.contains(csText)) {
+            ptLines->push_back(csText); // names machine and server itself
+            continue;
+        }
+        ptLines->push_back((bMany ? csWhere(st.stHost) + ": " : "") + csSome(tNames[csText]) + ": " + csText);
+    }
+}
+
+/// Names and patterns that stand for no server of any machine; none while some machine could not be asked.
+std::vector<std::string> tUnmatched(const std::vector<STHostAnswer>& tAnswers, const CSelection& clSelection)
+{
+    std::vector<std::string> tWords;
+    for (const std::string& csWord : clSelection.tWords()) {
+        const CSelection clWord({csWord});
+        const bool bSeen = std::any_of(tAnswers.begin(), tAnswers.end(), [&](const STHostAnswer& st) {
+            return st.clFailure.has_value() ||
+                   std::any_of(st.tServers.begin(), st.tServers.end(),
+                               [&](const STServerAnswer& cl) { return clWord.bHas(cl.stServer.csName); });
+        });
+        if (!bSeen) {
+            tWords.push_back(csWord);
+        }
+    }
+    return tWords;
+}
+} // namespace
+
+CHostsFile clReadHostsFile(const STOptions& stOptions)
+{
+    const char* const pszUsual = std::getenv("VELMO_HOSTS");
+    const std::string csFile =
+        stOptions.csHostsFile.empty() && pszUsual != nullptr ? pszUsual : stOptions.csHostsFile;
+    if (csFile.empty()) {
+        return {};
+    }
+    std::ifstream clFile(csFile);
+    std::ostringstream clText;
+    clText << clFile.rdbuf();
+    if (!clFile.is_open() || clFile.bad()) {
+        throw CFailure(EExit::USAGE, "the hosts file " + csArgument(csFile) + " cannot be read");
+    }
+    return {clText.str(), csArgument(csFile)};
+}
+
+std::vector<STHost> tHostsOf(const STOptions& stOptions)
+{
+    const CHostsFile clFile = clReadHostsFile(stOptions);
+    std::vector<STHost> tHosts;
+    for (const std::string& csList : stOptions.tHosts) {
+        for (const std::string& csName : tExpandList(csList)) {
+            AddHost(clFile.stFind(csArgument(csName)), stOptions, &tHosts);
+        }
+    }
+    for (const std::string& csGroup : tItems(stOptions.tGroups)) {
+        for (const STHost& st : clFile.tGroup(csGroup)) {
+            AddHost(st, stOptions, &tHosts);
+        }
+    }
+    if (stOptions.tGroups.empty() && !stOptions.csHostsFile.empty()) {
+        for (const STHost& st : clFile.tAll()) {
+            AddHost(st, stOptions, &tHosts);
+        }
+    }
+    const bool bNamed =
+        !stOptions.tHosts.empty() || !stOptions.tGroups.empty() || !stOptions.csHostsFile.empty();
+    if (bNamed && tHosts.empty()) {
+        throw CFailure(EExit::USAGE, "no machine is named");
+    }
+    return bNamed ? tHosts : std::vector<STHost>{{"", "", stOptions.wPort}};
+}
+
+STHost stOnlyHost(const STOptions& stOptions)
+{
+    const std::vector<STHost> tHosts = tHostsOf(stOptions);
+    if (tHosts.size() != 1) {
+        throw CFailure(EExit::USAGE,
+                       "this command takes exactly one machine, not " + std::to_string(tHosts.size()));
+    }
+    return tHosts[0];
+}
+
+CSelection::CSelection(const std::vector<std::string>& tWords)
+{
+    std::transform(tWords.begin(), tWords.end(), std::back_inserter(m_tWords), csArgument);
+}
+
+bool CSelection::bExact() const
+{
+    return std::all_of(m_tWords.begin(), m_tWords.end(),
+                       [](const std::string& cs) { return cs.find_first_of("*?[") == std::string::npos; });
+}
+
+bool CSelection::bHas(const std::string& csServer) const
+{
+    return std::any_of(m_tWords.begin(), m_tWords.end(), [&](const std::string& cs) {
+        return cs == csServer || ::fnmatch(cs.c_str(), csServer.c_str(), 0) == 0;
+    });
+}
+
+STQuestions stQuestionsAbout(const STCall& stCall,
+                             std::function<void(CConversation*, STServerAnswer*)> fnQuestion)
+{
+    STQuestions st;
+    st.tHosts = tHostsOf(stCall.stOptions);
+    st.nJobs = stCall.stOptions.nJobs;
+    st.clTimeout = stCall.clTimeout;
+    st.fnQuestion = std::move(fnQuestion);
+    if (!stCall.tArguments.empty()) {
+        st.fnWanted = [clSelection = CSelection(stCall.tArguments)](const STServer& stServer) {
+            return clSelection.bHas(stServer.csName);
+        };
+    }
+    return st;
+}
+
+void AskState(CConversation* pclManager, STServerAnswer* pst)
+{
+    const std::string& csName = pst->stServer.csName;
+    pst->csState = tAskFor(pclManager, {"STATUS", csName}, csName, csReadState);
+}
+
+STQuestions stStateQuestions(const STCall& stCall)
+{
+    STQuestions st = stQuestionsAbout(stCall, AskState);
+    st.fnFinish = [bLong = stCall.stOptions.bLong](STHostAnswer* pst) { AddFacts(pst, bLong); };
+    return st;
+}
+
+/// In short only those that do not run are asked about: failed and stopped are one to the manager.
+void AddFacts(STHostAnswer* pstHost, bool bLong)
+{
+    if (!bThisMachine(pstHost->stHost)) {
+        return;
+    }
+    std::vector<std::string> tNames;
+    for (const STServerAnswer& st : pstHost->tServers) {
+        if (bLong || st.csState == "stopped") {
+            tNames.push_back(st.stServer.csName);
+        }
+    }
+    const std::map<std::string, STFacts> tFacts = tAskFacts(tNames, bLong);
+    for (STServerAnswer& st : pstHost->tServers) {
+        const auto it = tFacts.find(st.stServer.csName);
+        if (it == tFacts.end()) {
+            continue;
+        }
+        if (it->second.bFailed && st.csState == "stopped") {
+            st.csState = "failed";
+        }
+        st.csPid = it->second.csPid;
+        st.csSince = it->second.csSince;
+        st.csFolder = it->second.csFolder;
+        st.csLog = it->second.csLog;
+    }
+}
+
+std::vector<STHostAnswer> tAskFleet(const STQuestions& stQuestions, bool bAsTheyCome,
+                                    const CTakeAnswers& fnTake)
+{
+    CProgress clProgress;
+    CInOrder clInOrder(stQuestions.tHosts.size(), bAsTheyCome, fnTake);
+    return CFanOut(stQuestions)
+        .tAsk([&](const std::vector<STHostAnswer>& tAnswers, const std::vector<bool>& tDone) {
+            clInOrder.Take(tAnswers, tDone, &clProgress);
+        });
+}
+
+std::vector<std::string> tTroubles(const std::vector<STHostAnswer>& tAnswers, const CSelection& clSelection)
+{
+    const bool bMany = tAnswers.size() > 1;
+    std::vector<std::string> tLines;
+    for (const STHostAnswer& st : tAnswers) {
+        AddServerTroubles(st, bMany, &tLines);
+    }
+    const auto nSilent = std::count_if(tAnswers.begin(), tAnswers.end(),
+                                       [](const STHostAnswer& st) { return st.clFailure.has_value(); });
+    if (nSilent > 0 && bMany) {
+        tLines.push_back(std::to_string(nSilent) + " of " + std::to_string(tAnswers.size()) +
+                         " machines gave no answer:");
+    }
+    for (const STHostAnswer& st : tAnswers) {
+        if (st.clFailure.has_value()) {
+            tLines.push_back((bMany ? csWhere(st.stHost) + ": " : "") + st.clFailure->what());
+        }
+    }
+    for (const std::string& csWord : tUnmatched(tAnswers, clSelection)) {
+        tLines.push_back("no server" +
+                         (bMany ? std::string(" of these machines") : " on " + csWhere(tAnswers[0].stHost)) +
+                         " is called \"" + csWord + "\"");
+    }
+    return tLines;
+}
+
+EExit eWorstOf(const std::vector<STHostAnswer>& tAnswers, const CSelection& clSelection)
+{
+    EExit eWorst = tUnmatched(tAnswers, clSelection).empty() ? EExit::DONE : EExit::REFUSED;
+    for (const STHostAnswer& st : tAnswers) {
+        eWorst = st.clFailure.has_value() ? eWorse(eWorst, st.clFailure->eExit()) : eWorst;
+        for (const STServerAnswer& stServer : st.tServers) {
+            eWorst = stServer.clFailure.has_value() ? eWorse(eWorst, stServer.clFailure->eExit()) : eWorst;
+        }
+    }
+    return eWorst;
+}
+
+void TellTroubles(const std::vector<std::string>& tLines)
+{
+    std::cout.flush();
+    for (const std::string& cs : tLines) {
+        std::cerr << "velmoctl: " << csShown(cs) << "\n";
+    }
+}
+
+std::string csWhenAsked(const STHostAnswer& st)
+{
+    const std::time_t nSeconds = std::chrono::system_clock::to_time_t(st.clAsked);
+    std::tm stTime{};
+    ::gmtime_r(&nSeconds, &stTime);
+    std::array<char, 32> szTime{};
+    std::strftime(szTime.data(), szTime.size(), "%Y-%m-%dT%H:%M:%SZ", &stTime);
+    return szTime.data();
+}
+
+Json clJsonFailure(const std::optional<CFailure>& clFailure)
+{
+    return clFailure.has_value() ? clJsonFailure(*clFailure) : Json();
+}

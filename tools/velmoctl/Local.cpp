@@ -1,0 +1,253 @@
+#include "velmoctl/Local.h"
+
+#include "velmoctl/Conversation.h"
+#include "velmoctl/Interfaces.h"
+#include "velmoctl/Replies.h"
+#include "velmoctl/Tool.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <iterator>
+
+namespace fs = std::filesystem;
+
+namespace {
+constexpr Milliseconds s_clQuestion(5000);
+constexpr const char* s_pszDefaultServer = "dxsql"; // its service may have no prefix
+constexpr std::uint16_t s_wManagerPort = 4999;
+
+bool bSystemd()
+{
+    static const bool s_bRuns = ::access("/run/systemd/system", F_OK) == 0;
+    return s_bRuns;
+}
+
+/// Whether a name is one word to systemctl, and no pattern.
+bool bPlainName(const std::string& csServer)
+{
+    return !csServer.empty() && std::none_of(csServer.begin(), csServer.end(), [](char c) {
+        return static_cast<unsigned char>(c) < ' ' ||
+               std::string_view("*?[/\"\\\x7F").find(c) != std::string_view::npos;
+    });
+}
+
+std::string csUnit(const std::string& csServer)
+{
+    return csUnitName(csServer) + ".service";
+}
+
+/// The value of a property among the lines that systemctl prints of one unit.
+std::string csProperty(const std::string& csBlock, const std::string& csName)
+{
+    const std::size_t nStart = csBlock.starts_with(csName + "=") ? 0 : csBlock.find("\n" + csName + "=");
+    if (nStart == std::string::npos) {
+        return "";
+    }
+    const std::size_t nValue = csBlock.find('=', nStart) + 1;
+    return csBlock.substr(nValue, std::min(csBlock.find('\n', nValue), csBlock.size()) - nValue);
+}
+
+/// "{ path=/opt/x/dxsrv ; argv[]=...": the folder.
+std::string csFolderIn(const std::string& csExecStart)
+{
+    const std::string csKey = "path=";
+    const std::size_t nPath = csExecStart.find(csKey);
+    const std::size_t nEnd = csExecStart.find(" ; argv[]=");
+    return nPath == std::string::npos || nEnd == std::string::npos
+               ? ""
+               : fs::path(csExecStart.substr(nPath + csKey.size(), nEnd - nPath - csKey.size()))
+                     .parent_path()
+                     .string();
+}
+
+/// "Sat 2026-11-21 10:39:43 UTC" without the day of the week, which does not sort.
+std::string csMoment(const std::string& csTimestamp)
+{
+    const std::size_t nSpace = csTimestamp.find(' ');
+    return nSpace == std::string::npos ? "" : csTimestamp.substr(nSpace + 1);
+}
+
+STFacts stRead(const std::string& csBlock)
+{
+    STFacts st;
+    st.bFailed = csProperty(csBlock, "ActiveState") == "failed";
+    st.csPid = csProperty(csBlock, "MainPID");
+    if (st.csPid == "0") {
+        st.csPid.clear();
+    }
+    st.csSince = csMoment(csProperty(csBlock, "StateChangeTimestamp"));
+    st.csFolder = csFolderIn(csProperty(csBlock, "ExecStart"));
+    return st;
+}
+
+/// systemctl prints a block of lines for each unit, in the order asked, with an empty line between them.
+std::vector<std::string> tBlocks(const std::string& csOutput)
+{
+    std::vector<std::string> tResult;
+    for (std::size_t nStart = 0; nStart < csOutput.size();) {
+        const std::size_t nEnd = std::min(csOutput.find("\n\n", nStart), csOutput.size());
+        tResult.push_back(csOutput.substr(nStart, nEnd - nStart));
+        nStart = nEnd + 2;
+    }
+    return tResult;
+}
+
+/// What systemctl shows of some units; nothing when it does not show as many as it was asked for.
+std::vector<std::string> tShow(const std::vector<std::string>& tUnits)
+{
+    std::vector<std::string> tWords = {
+        "systemctl", "show", "--property=LoadState,ActiveState,MainPID,StateChangeTimestamp,ExecStart", "--"};
+    tWords.insert(tWords.end(), tUnits.begin(), tUnits.end());
+    std::vector<std::string> tResult = tBlocks(stRunTool(tWords, s_clQuestion).csOutput);
+    return tResult.size() == tUnits.size() ? tResult : std::vector<std::string>();
+}
+
+bool bLoaded(const std::string& csBlock)
+{
+    return !csBlock.empty() && csProperty(csBlock, "LoadState") != "not-found";
+}
+
+/// The unit that stands for a server, and its block; both empty when there is none.
+struct STShown
+{
+    std::string csUnit;
+    std::string csBlock;
+};
+
+STShown stShowOne(const std::string& csServer)
+{
+    for (const std::string& cs : {csUnit(csServer), csServer + ".service"}) {
+        if (cs != csUnit(csServer) && csServer != s_pszDefaultServer) {
+            break;
+        }
+        const std::vector<std::string> tBlock = tShow({cs});
+        if (!tBlock.empty() && bLoaded(tBlock[0])) {
+            return {cs, tBlock[0]};
+        }
+    }
+    return {};
+}
+
+/// What the journal has last from a unit's processes.
+std::string csJournal(const std::string& csOfUnit)
+{
+    const STToolResult st = stRunTool(
+        {"journalctl", "--quiet", "--no-pager", "--lines=1", "--output=cat", "_SYSTEMD_UNIT=" + csOfUnit},
+        s_clQuestion);
+    return st.nStatus == 0 ? st.csOutput.substr(0, st.csOutput.find('\n')) : "";
+}
+
+/// Path of a server's init script; empty when it has none.
+std::string csScript(const std::string& csServer)
+{
+    std::string csName = csUnitName(csServer);
+    std::replace(csName.begin(), csName.end(), '.', '-');
+    for (const char* const pszPrefix : {"/etc/init.d/", "/etc/rc.d/rc."}) {
+        if (const std::string csPath = pszPrefix + csName; ::access(csPath.c_str(), X_OK) == 0) {
+            return csPath;
+        }
+    }
+    return "";
+}
+
+/// A script says by its exit status how a server is; what else there is to know stands in /proc.
+STFacts stAskScript(const std::string& csPath)
+{
+    constexpr int s_tFailed[] = {1, 2, 32}; // dead with its PID file or lock left; crashed, says OpenRC
+    STFacts st;
+    const int nStatus = stRunTool({csPath, "status"}, s_clQuestion).nStatus;
+    st.bFailed = std::find(std::begin(s_tFailed), std::end(s_tFailed), nStatus) != std::end(s_tFailed);
+    if (nStatus != 0) {
+        return st;
+    }
+    const std::string csFile = "/var/run/" + fs::path(csPath).filename().string() + ".pid";
+    const STToolResult stPid = stRunTool({"cat", csFile}, s_clQuestion);
+    st.csPid = stPid.nStatus == 0 ? std::to_string(std::atoi(stPid.csOutput.c_str())) : "";
+    std::error_code clError;
+    const fs::path clProgram = fs::read_symlink("/proc/" + st.csPid + "/exe", clError);
+    st.csFolder = clError ? "" : clProgram.parent_path().string();
+    return st;
+}
+
+void AskScripts(const std::vector<std::string>& tServers, std::map<std::string, STFacts>* ptFacts)
+{
+    for (const std::string& cs : tServers) {
+        if (const std::string csPath = csScript(cs); !csPath.empty()) {
+            (*ptFacts)[cs] = stAskScript(csPath);
+        }
+    }
+}
+} // namespace
+
+bool bThisMachine(const STHost& stHost)
+{
+    if (stHost.wPort != s_wManagerPort) {
+        return false;
+    }
+    const std::string& cs = stHost.csAddress;
+    return cs.empty() || cs == "localhost" || cs.starts_with("127.") || cs == csHostWord({}) ||
+           CInterfaces().tOwn().contains(cs);
+}
+
+std::map<std::string, STFacts> tAskFacts(const std::vector<std::string>& tServers, bool bWithLog)
+{
+    std::map<std::string, STFacts> tFacts;
+    std::vector<std::string> tNames;
+    std::copy_if(tServers.begin(), tServers.end(), std::back_inserter(tNames), bPlainName);
+    if (tNames.empty()) {
+        return tFacts;
+    }
+    if (!bSystemd()) {
+        AskScripts(tNames, &tFacts);
+        return tFacts;
+    }
+    std::vector<std::string> tUnits;
+    std::transform(tNames.begin(), tNames.end(), std::back_inserter(tUnits), csUnit);
+    std::vector<std::string> tShown = tShow(tUnits);
+    tShown.resize(tNames.size());
+    for (std::size_t n = 0; n < tNames.size(); ++n) {
+        const STShown st = bLoaded(tShown[n]) ? STShown{tUnits[n], tShown[n]} : stShowOne(tNames[n]);
+        if (!st.csUnit.empty()) {
+            tFacts[tNames[n]] = stRead(st.csBlock);
+            tFacts[tNames[n]].csLog = bWithLog ? csJournal(st.csUnit) : "";
+        }
+    }
+    return tFacts;
+}
+
+std::string csLastLogged(const std::string& csServer)
+{
+    const std::string csLine = bSystemd() && bPlainName(csServer) ? csJournal(csUnit(csServer)) : "";
+    return csLine.empty() ? "" : ", its last line: " + csLine;
+}
+
+std::string csFolderOf(const std::string& csServer)
+{
+    const auto tFacts = tAskFacts({csServer}, false);
+    return tFacts.empty() ? "" : tFacts.begin()->second.csFolder;
+}
+
+void ControlService(const std::string& csAction, const std::string& csServer, Milliseconds clTime)
+{
+    if (::geteuid() != 0) {
+        throw CFailure(EExit::REFUSED, "only root can " + csAction + " a server: sudo velmoctl " + csAction +
+                                           " " + csShellWord(csServer));
+    }
+    const bool bKnown = bPlainName(csServer);
+    const std::string csService =
+        !bKnown ? "" : (bSystemd() ? stShowOne(csServer).csUnit : csScript(csServer));
+    if (csService.empty()) {
+        throw CFailure(EExit::REFUSED, csRefusalWords({g_nServerUnknown, ""}, {"", csServer}));
+    }
+    const STToolResult st =
+        stRunTool(bSystemd() ? std::vector<std::string>{"systemctl", csAction, "--", csService}
+                             : std::vector<std::string>{csService, csAction},
+                  clTime);
+    if (st.nStatus != 0) {
+        throw CFailure(EExit::REFUSED,
+                       "\"" + csAction + "\" of the server \"" + csServer + "\" on this machine failed: " +
+                           st.csOutput.substr(0, st.csOutput.find('\n')) + "; \"systemctl status " +
+                           csShellWord(csUnitName(csServer)) + "\" tells why" + csLastLogged(csServer));
+    }
+}

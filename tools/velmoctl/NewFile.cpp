@@ -1,0 +1,44 @@
+#include "velmoctl/NewFile.h"
+
+#include "support/Descripteur.h"
+#include "velmoctl/Failure.h"
+#include "velmoctl/Options.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+bool bWriteAll(int nFd, const std::string& csText)
+{
+    for (std::size_t nDone = 0; nDone < csText.size();) {
+        const ssize_t nWritten = ::write(nFd, csText.data() + nDone, csText.size() - nDone);
+        if (nWritten < 0) {
+            return false;
+        }
+        nDone += static_cast<std::size_t>(nWritten);
+    }
+    return true;
+}
+} // namespace
+
+void ReplaceFile(const std::string& csPath, const std::string& csText)
+{
+    // In the same folder, under a name that the textfile collector passes over.
+    const std::size_t nName = csPath.rfind('/') + 1;
+    std::string csNew = csPath.substr(0, nName) + "." + csPath.substr(nName) + ".XXXXXX";
+    CDescripteur clFile(::mkostemp(csNew.data(), O_CLOEXEC));
+    const bool bWritten = clFile.bOpen() && bWriteAll(clFile.nFd(), csText) &&
+                          ::fchmod(clFile.nFd(), 0644) == 0 && ::fsync(clFile.nFd()) == 0 &&
+                          ::rename(csNew.c_str(), csPath.c_str()) == 0;
+    if (!bWritten) {
+        const CFailure clFailure =
+            clSystemFailure(EExit::REFUSED, csArgument(csPath) + " could not be written");
+        if (clFile.bOpen()) {
+            ::unlink(csNew.c_str());
+        }
+        throw clFailure;
+    }
+}

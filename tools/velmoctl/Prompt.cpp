@@ -1,0 +1,252 @@
+#include "velmoctl/Prompt.h"
+
+#include "support/Conversion.h"
+#include "velmoctl/Failure.h"
+#include "velmoctl/Options.h"
+#include "velmoctl/Replies.h"
+#include "velmoctl/Terminal.h"
+#include "velmoctl/Waiting.h"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <histedit.h>
+#include <iostream>
+#include <unistd.h>
+
+namespace {
+constexpr std::size_t s_nMaxLine = 65536;
+constexpr int s_nHistory = 1000;
+
+struct STEndTokens
+{
+    void operator()(TokenizerW* pcl) const noexcept { ::tok_wend(pcl); }
+};
+struct STEndEditor
+{
+    void operator()(EditLine* pcl) const noexcept { ::el_end(pcl); }
+};
+struct STEndHistory
+{
+    void operator()(History* pcl) const noexcept { ::history_end(pcl); }
+};
+
+/// Where the history lies, in a folder that is made when it is missing; empty when there is no place for it.
+std::string csHistoryFile()
+{
+    const char* const pszState = std::getenv("XDG_STATE_HOME");
+    const char* const pszHome = std::getenv("HOME");
+    if ((pszState == nullptr || *pszState != '/') && pszHome == nullptr) {
+        return "";
+    }
+    const std::filesystem::path clFolder =
+        (pszState != nullptr && *pszState == '/' ? std::string(pszState)
+                                                 : std::string(pszHome) + "/.local/state") +
+        "/velmoctl";
+    std::error_code clError;
+    std::filesystem::create_directories(clFolder, clError);
+    return clError ? "" : (clFolder / "history").string();
+}
+
+/// What all texts begin with.
+std::string csCommonStart(const std::vector<std::string>& tTexts)
+{
+    std::string csStart = tTexts.front();
+    for (const std::string& cs : tTexts) {
+        const auto itDiffers = std::mismatch(csStart.begin(), csStart.end(), cs.begin(), cs.end()).first;
+        csStart.erase(itDiffers, csStart.end());
+    }
+    return csStart.substr(0, nCutUTF8(csStart, csStart.size()));
+}
+} // namespace
+
+std::vector<std::string> tWordsOf(const std::string& csLine)
+{
+    const std::wstring csText = csFromUTF8(csArgument(csLine));
+    const std::unique_ptr<TokenizerW, STEndTokens> pclTokens(::tok_winit(L" \t\r"));
+    int nWords = 0;
+    const wchar_t** ppszWords = nullptr;
+    // A backslash at the end asks for another line, which there is not.
+    const bool bOpen = csText.ends_with(L'\\') && !csText.ends_with(L"\\\\");
+    if (bOpen || ::tok_wstr(pclTokens.get(), csText.c_str(), &nWords, &ppszWords) != 0) {
+        throw CFailure(EExit::USAGE, "the line ends inside a quotation");
+    }
+    std::vector<std::string> tWords;
+    for (int n = 0; n < nWords; ++n) {
+        tWords.push_back(csToUTF8(ppszWords[n]));
+    }
+    return tWords;
+}
+
+/// The terminal with libedit on it.
+class CPrompt::CEditor
+{
+public:
+    CEditor(const char* pszPrompt, Completions fnComplete)
+        : m_csPrompt(pszPrompt), m_fnComplete(std::move(fnComplete)), m_csHistoryFile(csHistoryFile()),
+          m_pclHistory(::history_init()), m_pclEdit(::el_init("velmoctl", stdin, stdout, stderr))
+    {
+        HistEvent st{};
+        ::history(m_pclHistory.get(), &st, H_SETSIZE, s_nHistory);
+        ::history(m_pclHistory.get(), &st, H_SETUNIQUE, 1);
+        if (!m_csHistoryFile.empty()) {
+            ::history(m_pclHistory.get(), &st, H_LOAD, m_csHistoryFile.c_str());
+        }
+        EditLine* const pcl = m_pclEdit.get();
+        ::el_set(pcl, EL_CLIENTDATA, this);
+        ::el_set(pcl, EL_PROMPT, s_pszPrompt);
+        ::el_set(pcl, EL_EDITOR, "emacs");
+        ::el_set(pcl, EL_HIST, ::history, m_pclHistory.get());
+        ::el_set(pcl, EL_GETCFN, s_nGetCharacter);
+        ::el_set(pcl, EL_ADDFN, "velmo-complete", "Complete the word", s_nComplete);
+        ::el_set(pcl, EL_BIND, "^I", "velmo-complete", nullptr);
+        ::el_set(pcl, EL_BIND, "^W", "ed-delete-prev-word", nullptr);
+        ::el_set(pcl, EL_BIND, "^U", "vi-kill-line-prev", nullptr);
+        ::el_set(pcl, EL_BIND, "^R", "em-inc-search-prev", nullptr);
+        ::el_set(pcl, EL_BIND, "\033[3~", "ed-delete-next-char", nullptr);
+    }
+
+    std::optional<std::string> csRead()
+    {
+        m_eEnd = EEnd::NONE;
+        ::el_resize(m_pclEdit.get());
+        int nCount = 0;
+        const wchar_t* const pszLine = ::el_wgets(m_pclEdit.get(), &nCount);
+        if (m_eEnd == EEnd::SIGNAL) {
+            throw CFailure(EExit::INTERRUPTED, "interrupted");
+        }
+        if (pszLine == nullptr || nCount <= 0) {
+            std::cout << "\n" << std::flush;
+            return m_eEnd == EEnd::GIVEN_UP ? std::optional<std::string>("") : std::nullopt;
+        }
+        std::string csLine = csToUTF8(std::wstring(pszLine, static_cast<std::size_t>(nCount)));
+        csLine.erase(csLine.find_last_not_of("\r\n") + 1);
+        _Remember(csLine);
+        return csLine;
+    }
+
+private:
+    enum class EEnd
+    {
+        NONE,
+        GIVEN_UP, ///< the line, with Ctrl-C
+        SIGNAL,   ///< the program
+    };
+
+    static CEditor* s_pcl(EditLine* pclEdit)
+    {
+        void* pData = nullptr;
+        ::el_get(pclEdit, EL_CLIENTDATA, &pData);
+        return static_cast<CEditor*>(pData);
+    }
+    static char* s_pszPrompt(EditLine* pclEdit) { return s_pcl(pclEdit)->m_csPrompt.data(); }
+    static int s_nGetCharacter(EditLine* pclEdit, wchar_t* pc) { return s_pcl(pclEdit)->_nGetCharacter(pc); }
+    static unsigned char s_nComplete(EditLine* pclEdit, int) { return s_pcl(pclEdit)->_nComplete(); }
+
+    void _Remember(const std::string& csLine)
+    {
+        if (csLine.empty()) {
+            return;
+        }
+        HistEvent st{};
+        ::history(m_pclHistory.get(), &st, H_ENTER, csLine.c_str());
+        if (!m_csHistoryFile.empty()) {
+            ::history(m_pclHistory.get(), &st, H_SAVE, m_csHistoryFile.c_str());
+        }
+    }
+
+    /// 1 with a character, 0 at the end of the input, -1 when a signal came. Called from C: nothing may be
+    /// thrown.
+    int _nGetCharacter(wchar_t* pc)
+    {
+        try {
+            std::string csBytes;
+            do {
+                constexpr Milliseconds clLong(1'000'000), clTogether(100);
+                while (!bWaitFor(STDIN_FILENO, POLLIN, CDeadline(csBytes.empty() ? clLong : clTogether))) {
+                    if (!csBytes.empty()) {
+                        break; // the rest of the character is missing
+                    }
+                }
+                char c = 0;
+                if (::read(STDIN_FILENO, &c, 1) != 1) {
+                    return 0;
+                }
+                csBytes += c;
+            } while (static_cast<int>(csBytes.size()) <
+                     std::countl_one(static_cast<unsigned char>(csBytes[0])));
+            *pc = csFromUTF8(csBytes)[0];
+            return 1;
+        } catch (const CFailure&) {
+            m_eEnd = CInterrupts::nTake() == SIGINT ? EEnd::GIVEN_UP : EEnd::SIGNAL;
+            return -1;
+        }
+    }
+
+    /// Called from C as well.
+    unsigned char _nComplete()
+    {
+        try {
+            const LineInfo* const pst = ::el_line(m_pclEdit.get());
+            return _nComplete({pst->buffer, static_cast<std::size_t>(pst->cursor - pst->buffer)});
+        } catch (const std::exception&) { // inside of a quotation, or interrupted
+            return CC_ERROR;
+        }
+    }
+    unsigned char _nComplete(const std::string& csLine)
+    {
+        std::vector<std::string> tWords = tWordsOf(csLine);
+        if (csLine.empty() || csLine.ends_with(" ")) {
+            tWords.emplace_back();
+        }
+        const std::string csTyped = tWords.back();
+        const std::vector<std::string> tFound = m_fnComplete(tWords);
+        if (tFound.empty() || !csLine.ends_with(csTyped)) {
+            return CC_ERROR;
+        }
+        const std::string csStart = csCommonStart(tFound);
+        if (tFound.size() == 1) {
+            ::el_deletestr(m_pclEdit.get(), static_cast<int>(csFromUTF8(csTyped).size()));
+            ::el_insertstr(m_pclEdit.get(), (csShellWord(csStart) + " ").c_str());
+            return CC_REFRESH;
+        }
+        if (csStart.size() > csTyped.size() && csShellWord(csStart) == csStart) {
+            ::el_insertstr(m_pclEdit.get(), csStart.substr(csTyped.size()).c_str());
+            return CC_REFRESH;
+        }
+        std::cout << "\n";
+        for (const std::string& cs : tFound) {
+            std::cout << csShown(cs) << "  ";
+        }
+        std::cout << "\n" << std::flush;
+        return CC_REDISPLAY;
+    }
+
+    std::string m_csPrompt;
+    Completions m_fnComplete;
+    std::string m_csHistoryFile;
+    EEnd m_eEnd = EEnd::NONE;
+    std::unique_ptr<History, STEndHistory> m_pclHistory;
+    std::unique_ptr<EditLine, STEndEditor> m_pclEdit;
+};
+
+CPrompt::CPrompt(const char* pszPrompt, Completions fnComplete)
+{
+    if (bTerminal(STDIN_FILENO) && bTerminal(STDOUT_FILENO)) {
+        m_pclEditor = std::make_unique<CEditor>(pszPrompt, std::move(fnComplete));
+    }
+}
+
+CPrompt::~CPrompt() = default;
+
+std::optional<std::string> CPrompt::csRead()
+{
+    if (m_pclEditor != nullptr) {
+        return m_pclEditor->csRead();
+    }
+    std::string csLine;
+    return bReadLine(&csLine, s_nMaxLine) ? std::optional<std::string>(csLine) : std::nullopt;
+}

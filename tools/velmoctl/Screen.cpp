@@ -1,0 +1,111 @@
+#include "velmoctl/Screen.h"
+
+#include <algorithm>
+#include <array>
+#include <iostream>
+#include <iterator>
+#include <sstream>
+#include <unistd.h>
+
+namespace {
+constexpr std::string_view s_csHideCursor = "\033[?25l", s_csShowCursor = "\033[?25h";
+constexpr std::string_view s_csCutLines = "\033[?7l", s_csWrapLines = "\033[?7h"; ///< at the right edge
+constexpr std::string_view s_csHome = "\033[H", s_csClearLine = "\033[K", s_csClearBelow = "\033[J";
+
+/// How far a key moves: lines, and pages.
+struct STMove
+{
+    const char* pszKey;
+    int nLines;
+    int nPages;
+};
+constexpr STMove s_tMoves[] = {
+    {"\033[A", -1, 0}, {"\033OA", -1, 0},   {"k", -1, 0},         {"\033[B", 1, 0},
+    {"\033OB", 1, 0},  {"j", 1, 0},         {"\033[5~", 0, -1},   {"b", 0, -1},
+    {"\033[6~", 0, 1}, {" ", 0, 1},         {"\033[H", 0, -1000}, {"\033OH", 0, -1000},
+    {"g", 0, -1000},   {"\033[F", 0, 1000}, {"\033OF", 0, 1000},  {"G", 0, 1000},
+};
+} // namespace
+
+CScreen::CScreen(bool bLive) : m_bLive(bLive && bTerminal(STDOUT_FILENO)), m_clKeys(true)
+{
+    if (m_bLive) {
+        std::cout << s_csHideCursor << s_csCutLines << s_csHome << s_csClearBelow;
+    }
+}
+
+CScreen::~CScreen()
+{
+    if (m_bLive) {
+        std::cout << s_csWrapLines << s_csShowCursor << std::flush;
+    }
+}
+
+void CScreen::Show(const std::string& csHeader, const std::string& csLines)
+{
+    if (!m_bLive) {
+        std::cout << csHeader << csLines << std::flush;
+        return;
+    }
+    m_csHeader = csHeader.substr(0, csHeader.find('\n'));
+    m_tLines.clear();
+    std::istringstream clLines(csLines);
+    for (std::string cs; std::getline(clLines, cs);) {
+        m_tLines.push_back(cs);
+    }
+    _Draw();
+}
+
+bool CScreen::bPauseEnds(Milliseconds clTime)
+{
+    const CDeadline clEnd(clTime);
+    while (bWaitFor(m_bLive ? STDIN_FILENO : -1, POLLIN, clEnd)) {
+        std::array<char, 16> tBytes{}; // the bytes of one key come together
+        const ssize_t nRead = ::read(STDIN_FILENO, tBytes.data(), tBytes.size());
+        if (nRead <= 0 || _bKey({tBytes.data(), static_cast<std::size_t>(nRead)})) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// Lines between the header and the last line, which says how many more there are.
+std::size_t CScreen::_nRoom() const
+{
+    const std::size_t nTaken = m_csHeader.empty() ? 1 : 2;
+    const std::size_t nLines = stTerminalSize().nLines;
+    return nLines > nTaken ? nLines - nTaken : 1;
+}
+
+void CScreen::_Draw()
+{
+    const std::size_t nRoom = _nRoom();
+    m_nFirst = std::min(m_nFirst, m_tLines.size() - std::min(m_tLines.size(), nRoom));
+    const std::size_t nEnd = std::min(m_nFirst + nRoom, m_tLines.size());
+    std::cout << s_csHome;
+    if (!m_csHeader.empty()) {
+        std::cout << m_csHeader << s_csClearLine << "\n";
+    }
+    for (std::size_t n = m_nFirst; n < nEnd; ++n) {
+        std::cout << m_tLines[n] << s_csClearLine << "\n";
+    }
+    std::cout << s_csClearBelow;
+    if (m_tLines.size() > nRoom) {
+        std::cout << m_nFirst << " lines above, " << m_tLines.size() - nEnd
+                  << " more below (arrow keys scroll, q ends)";
+    }
+    std::cout << std::flush;
+}
+
+bool CScreen::_bKey(const std::string& csKey)
+{
+    const auto* const pst = std::find_if(std::begin(s_tMoves), std::end(s_tMoves),
+                                         [&](const STMove& st) { return csKey == st.pszKey; });
+    if (pst != std::end(s_tMoves)) {
+        const auto nRoom = static_cast<long>(_nRoom());
+        const auto nFirst = static_cast<long>(m_nFirst) + pst->nLines + pst->nPages * nRoom;
+        m_nFirst = static_cast<std::size_t>(std::max(nFirst, 0L));
+        _Draw();
+    }
+    return csKey == "q" || csKey == "Q";
+}

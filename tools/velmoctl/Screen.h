@@ -1,0 +1,37 @@
+#pragma once
+
+#include "velmoctl/Terminal.h"
+#include "velmoctl/Waiting.h"
+
+#include <string>
+#include <vector>
+
+/// A terminal that shows one page after the other in the same place. A page that is longer than the terminal
+/// is scrolled by key. Off a terminal pages follow each other.
+class CScreen
+{
+public:
+    /// Not live: as off a terminal, on any.
+    explicit CScreen(bool bLive);
+    ~CScreen();
+    CScreen(const CScreen&) = delete;
+    CScreen& operator=(const CScreen&) = delete;
+
+    bool bLive() const { return m_bLive; }
+    /// The header stays in place while the lines scroll.
+    void Show(const std::string& csHeader, const std::string& csLines);
+    /// Waits and obeys keys meanwhile. True when the user wants no more: "q" was pressed. Throws CFailure
+    /// (INTERRUPTED).
+    bool bPauseEnds(Milliseconds clTime);
+
+private:
+    void _Draw();
+    std::size_t _nRoom() const;
+    bool _bKey(const std::string& csKey);
+
+    bool m_bLive;
+    CRawTerminal m_clKeys;
+    std::string m_csHeader;
+    std::vector<std::string> m_tLines;
+    std::size_t m_nFirst = 0; ///< line at the top
+};

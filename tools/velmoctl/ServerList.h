@@ -1,0 +1,62 @@
+#pragma once
+
+#include "velmoctl/Fleet.h"
+#include "velmoctl/Json.h"
+#include "velmoctl/Table.h"
+
+#include <string>
+#include <vector>
+
+/// The list of servers as the user wants it: which rows in which order, and which columns. Asks nobody.
+
+/// One row: a server of a host.
+struct STListed
+{
+    const STHostAnswer* pstHost;
+    const STServerAnswer* pstServer;
+};
+
+/// A column by its name, as the user writes it.
+struct STColumn
+{
+    const char* pszName;
+    const char* pszHeader;
+    std::string (*pfnText)(const STListed&);
+};
+
+class CServerList
+{
+public:
+    /// Throws CFailure (USAGE) for a column or a state that there is not. The host's column is one of several
+    /// machines' usual ones.
+    CServerList(const STOptions& stOptions, bool bManyHosts);
+
+    /// The rows of some answers, in the order wanted. They refer to the answers.
+    std::vector<STListed> tRows(const std::vector<const STHostAnswer*>& tAnswers) const;
+    /// Whether rows may be written before all are known.
+    bool bAsTheyCome() const { return m_tSort.empty(); }
+
+    std::vector<std::string> tHeader() const;
+    std::vector<CRow> tCells(const std::vector<STListed>& tRows) const;
+    /// All answers as one value: an object for each row, and for each machine that gave no answer.
+    Json clJson(const std::vector<STHostAnswer>& tAnswers) const;
+
+private:
+    struct STKey
+    {
+        const STColumn* pstColumn;
+        bool bReversed;
+    };
+    bool _bWanted(const STServerAnswer& st) const;
+
+    bool m_bLong;
+    std::vector<const STColumn*> m_tColumns;
+    std::vector<STKey> m_tSort;
+    std::vector<std::string> m_tStates; ///< none: all
+};
+
+/// Green for what runs, red for what does not, yellow for what is on its way.
+EColour eStateColour(const std::string& csState);
+/// The state as it is shown: "?" when there is none.
+std::string csStateShown(const STServerAnswer& st);
+std::vector<const STHostAnswer*> tPointers(const std::vector<STHostAnswer>& tAnswers);

@@ -1,0 +1,38 @@
+#pragma once
+
+#include "velmoctl/Terminal.h"
+
+#include <string>
+#include <vector>
+
+/// One cell of a table; the text is made harmless when it is written.
+struct STCell
+{
+    std::string csText;
+    EColour eColour = EColour::PLAIN;
+};
+using CRow = std::vector<STCell>;
+
+/// A header and rows in columns two spaces apart, without trailing spaces. Columns only ever grow wider, so
+/// that rows which come later stand below those that are written already.
+class CTable
+{
+public:
+    explicit CTable(std::vector<std::string> tHeader);
+
+    /// The header's line.
+    std::string csHeader();
+    /// The lines of some rows, each with as many cells as the header.
+    std::string csRows(const std::vector<CRow>& tRows);
+    /// Makes room for rows without writing them.
+    void Fit(const std::vector<CRow>& tRows);
+
+private:
+    std::string _csLine(const CRow& tRow) const;
+
+    std::vector<std::string> m_tHeader;
+    std::vector<std::size_t> m_tWidths;
+};
+
+/// All of a table, header included.
+std::string csTable(const std::vector<std::string>& tHeader, const std::vector<CRow>& tRows);
