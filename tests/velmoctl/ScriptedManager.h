@@ -58,10 +58,12 @@ class CScriptedServer
 public:
     using Serve = std::function<void(const CClientSide&)>;
 
-    explicit CScriptedServer(const Serve& fnServe)
+    /// With another address and port it listens there, in the network of the calling thread.
+    explicit CScriptedServer(const Serve& fnServe, const std::string& csAddress = "127.0.0.1",
+                             unsigned short wPort = 0)
         : m_clSocket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
     {
-        sockaddr_in6 st = stAddress("127.0.0.1", 0);
+        sockaddr_in6 st = stAddress(csAddress.c_str(), wPort);
         socklen_t nLength = sizeof st;
         (void)::bind(m_clSocket.nFd(), reinterpret_cast<sockaddr*>(&st), nLength);
         (void)::listen(m_clSocket.nFd(), 64);

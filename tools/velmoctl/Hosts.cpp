@@ -170,6 +170,8 @@ std::vector<std::string> tExpandList(std::string_view csList)
 
 CHostsFile::CHostsFile(std::string_view csText, const std::string& csFileName) : m_csFile(csFileName)
 {
+    constexpr std::string_view csMark = "\xEF\xBB\xBF"; // the byte order mark that some editors write
+    csText.remove_prefix(csText.starts_with(csMark) ? csMark.size() : 0);
     m_tGroups[m_csGroup];
     for (unsigned int nLine = 1; !csText.empty(); ++nLine) {
         const std::size_t nEnd = std::min(csText.find('\n'), csText.size());
@@ -255,7 +257,8 @@ void CHostsFile::_Hosts(const std::vector<std::string>& tWords)
 {
     for (const std::string& csExpanded : tExpand(csWithoutPort(tWords[0]), ":-")) {
         const std::string csName = csArgument(csExpanded);
-        if (!m_tHosts.contains(csName)) {
+        const bool bNew = !m_tHosts.contains(csName);
+        if (bNew) {
             m_tOrder.push_back(csName);
             m_tHosts[csName] = {csName, csName, 0};
         }
@@ -263,7 +266,7 @@ void CHostsFile::_Hosts(const std::vector<std::string>& tWords)
             _Variable(*it, &m_tHosts[csName]);
         }
         std::vector<std::string>& tGroup = m_tGroups[m_csGroup].tHosts;
-        if (!bHolds(tGroup, csName)) {
+        if (bNew || !bHolds(tGroup, csName)) {
             tGroup.push_back(csName);
         }
     }
