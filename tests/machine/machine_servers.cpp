@@ -191,7 +191,7 @@ TEST_F(Servers, ToolsOfAnotherHostDiscoverTheManager)
                 MatchesRegex("ADDRESS    VERSION [^\n]*\n10.77.0.1  24.0.6.0 [^\n]* Café:4911\n"))
         << "once, though it has two addresses";
     EXPECT_THAT(stRun(csElsewhere + "--host fd77::1 --json").csOutput,
-                HasSubstr("\"address\": \"fd77::1\", \"this_machine\": false"));
+                HasSubstr("\"address\":\"fd77::1\",\"this_machine\":false"));
     EXPECT_THAT(stRun(csBuildFolder() + "/velmoctl discover --timeout 1").csOutput,
                 MatchesRegex("ADDRESS [^\n]*\n[^\n]* \\(this machine\\)  24.0.6.0 [^\n]*\n"));
     EXPECT_EQ(m_pclManager->nStop(), 0);

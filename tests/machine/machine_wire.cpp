@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 #include <memory>
 
+using ::testing::AllOf;
 using ::testing::HasSubstr;
 
 namespace {
@@ -115,9 +116,60 @@ TEST_F(Wire, TheClientListsAsksAndStarts)
                                          "Velmo_20261121 083000  4913  stopped\n");
     EXPECT_EQ(stClient("start Données").csOutput, "\"Données\" is started\n");
     EXPECT_TRUE(CWireClient("127.0.0.1", 4912).csLine().starts_with("HELLO"));
-    EXPECT_EQ(stClient("status 'Velmo_20261121 083000' --json").csOutput,
-              "{\"name\": \"Velmo_20261121 083000\", \"state\": \"stopped\"}\n");
+    EXPECT_THAT(stClient("status 'Velmo_20261121 083000' --json").csOutput,
+                HasSubstr("\"name\":\"Velmo_20261121 083000\",\"state\":\"stopped\",\"error\":null}"));
     EXPECT_EQ(stClient("cluster run").csOutput, "\"run\" belongs to the cluster managed by \"boss\"\n");
+}
+
+TEST_F(Wire, ThisMachinesServiceManagerTellsMoreThanTheManager)
+{
+    AddServer("fail", "DXCS-fail", 4903, "");
+    const std::string csDropIn = "/etc/systemd/system/DXCS-fail.service.d";
+    stRun("mkdir -p " + csDropIn +
+          "; printf '[Service]\nExecStartPre=/bin/sh -c \"echo no licence; exit 3\"\n' >" + csDropIn +
+          "/x.conf; systemctl daemon-reload");
+    const std::tuple<const char*, int, const char*> tCases[] = {
+        {"status fail", 3, "stopped\n"},
+        {"start fail", 1,
+         "velmoctl: the server \"fail\" on this machine could not be started (Operation canceled); "
+         "\"systemctl status "
+         "DXCS-fail\" tells why, its last line: no licence\n"},
+        {"status fail", 1, "failed\n"},
+        {"status run", 0, "running\n"},
+        {"status fail run 'V*'", 3,
+         "NAME                   STATE\nfail                   failed\nrun                    running\n"
+         "Velmo_20261121 083000  stopped\n"},
+        {"list --state failed", 0, "NAME  PORT  STATE\nfail  4903  failed\n"},
+        {"list --columns name,folder,log -l fail run", 0,
+         "NAME  FOLDER           LOG\nfail  /opt/velmo/fail  no licence\nrun   /opt/velmo/run\n"},
+        {"stop run nobody", 1,
+         "\"run\" is stopped\nvelmoctl: there is no server \"nobody\" on this machine; \"velmoctl list\" "
+         "shows those "
+         "there are\n"},
+        {"status run", 3, "stopped\n"},
+        {"restart run", 0, "\"run\" is restarted\n"},
+        {"restart fail", 1,
+         "velmoctl: \"restart\" of the server \"fail\" on this machine failed: Job for DXCS-fail"},
+        {"stop 'r*'", 1, "velmoctl: there is no server \"r*\""},
+        {"--host 10.77.0.9 stop 'a b'", 1,
+         "velmoctl: managers cannot stop servers, only the service manager of 10.77.0.9 can: ssh "
+         "root@10.77.0.9 "
+         "systemctl stop DXCS-a_b\n"},
+    };
+    for (const auto& [pszArguments, nStatus, pszShown] : tCases) {
+        SCOPED_TRACE(pszArguments);
+        const STCommandResult stResult = stClient(pszArguments);
+        EXPECT_EQ(stResult.nStatus, nStatus);
+        EXPECT_TRUE(stResult.csOutput.starts_with(pszShown)) << stResult.csOutput;
+    }
+    EXPECT_THAT(
+        stRun("setpriv --reuid=65534 --clear-groups " + csBuildFolder() + "/velmoctl stop run").csOutput,
+        HasSubstr("only root can stop a server: sudo velmoctl stop run"));
+    EXPECT_THAT(stClient("list --json -l run").csOutput,
+                ::testing::ContainsRegex(
+                    "\"state\":\"running\",\"pid\":[0-9]+,\"since\":\"20[^\"]*\",\"folder\":\"/opt/"
+                    "velmo/run\",\"log\":[^,]*,\"error\":null"));
+    stRun("rm -r " + csDropIn);
 }
 
 TEST_F(Wire, TheClientUninstallsWithAndWithoutTheFiles)
@@ -125,7 +177,8 @@ TEST_F(Wire, TheClientUninstallsWithAndWithoutTheFiles)
     EXPECT_EQ(stClient("uninstall 'Velmo_20261121 083000' --yes").csOutput,
               "\"Velmo_20261121 083000\" is uninstalled, its files are kept\n");
     EXPECT_TRUE(std::filesystem::exists("/opt/velmo/blank/dxdemo"));
-    EXPECT_EQ(stClient("uninstall run --delete-files --dry-run").nStatus, 0);
+    EXPECT_THAT(stClient("uninstall run --delete-files --dry-run").csOutput,
+                HasSubstr("delete /opt/velmo/run, the folder of its program, with all databases in it"));
     EXPECT_EQ(stClient("status run").csOutput, "running\n");
     EXPECT_EQ(m_clTool.csAsk("UNINSTALL\tDonnées\t1", s_clSlow), "ERROR\t11\r\n") << "in another encoding";
     EXPECT_EQ(stClient("uninstall run --delete-files --yes").csOutput,
@@ -148,7 +201,16 @@ TEST_F(Wire, TheClientRegistersAServerOrTellsWhyItCannotAndLeavesNoPipeBehind)
     PutServer("second", 4921);
     EXPECT_EQ(stRun("cd /opt/velmo/fresh && " + csBuildFolder() + "/velmoctl register 'Fréd 1' ./dxdemo 4920")
                   .csOutput,
+              "velmoctl: warning: the program's path is not absolute; /opt/velmo/fresh/dxdemo is meant\n"
               "\"Fréd 1\" is registered and runs\n");
+    EXPECT_THAT(
+        stRun("mkdir '/opt/velmo/a b' && cp /bin/true '/opt/velmo/a b/' && " + csBuildFolder() +
+              "/velmoctl register x '/opt/velmo/a b/true' 4911")
+            .csOutput,
+        AllOf(HasSubstr("warning: the program's path holds a space: systemd cannot start such a service\n"),
+              HasSubstr("warning: the server \"run\" has port 4911 already\n"),
+              HasSubstr("warning: the DXConf.ini beside the program says AccessPort = 4900, not 4911"),
+              HasSubstr("velmoctl: the manager answers: ")));
     EXPECT_TRUE(CWireClient("127.0.0.1", 4920).csLine().starts_with("HELLO"));
     const std::string csBefore = csUnits();
     const std::string csSecond = " /opt/velmo/second/dxdemo ";
@@ -172,7 +234,7 @@ TEST_F(Wire, TheClientRegistersAServerOrTellsWhyItCannotAndLeavesNoPipeBehind)
     EXPECT_EQ(stRun(csRegister + "--timeout 0.2").nStatus, 3);
     EXPECT_EQ(stRun("timeout -s INT 0.2 " + csRegister).nStatus, 124);
     EXPECT_EQ(stRun("ls /tmp | grep __pipe_velmomanager_").csOutput, "__pipe_velmomanager__\n");
-    EXPECT_EQ(stClient("status run --timeout 0.3").nStatus, 3) << "it is as silent over TCP";
+    EXPECT_EQ(stClient("list --timeout 0.3").nStatus, 3) << "it is as silent over TCP";
     EXPECT_EQ(csUnits(), csBefore);
     ASSERT_EQ(::kill(m_pclManager->nPid(), SIGCONT), 0);
     EXPECT_TRUE(bWaitUntil([] { return stClient("status x").csOutput == "running\n"; }, 20'000))
