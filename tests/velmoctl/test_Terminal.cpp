@@ -46,6 +46,8 @@ public:
         }
         return true;
     }
+    /// What the last wait has read.
+    const std::string& csShown() const { return m_csShown; }
     /// How it ended (see nEndOf), after reading all that is left.
     int nEnd()
     {
@@ -103,10 +105,12 @@ TEST(Terminal, UninstallingHappensOnlyAfterAYes)
 TEST(Terminal, ColoursAreForTerminalsWhoseUserWantsThem)
 {
     CScriptedManager clManager(s_tAnswers);
-    const std::tuple<const char*, const char*, const char*> tCases[] = {{"", "", "\033[32mrunning\033[0m"},
-                                                                        {"", "--no-color", "running\r\n"},
-                                                                        {"NO_COLOR=1", "", "running\r\n"},
-                                                                        {"TERM=dumb", "", "running\r\n"}};
+    const std::tuple<const char*, const char*, const char*> tCases[] = {
+        {"", "", "\033[32mrunning\033[0m"},
+        {"", "--no-color", "running\r\n"},
+        {"NO_COLOR=1", "", "running\r\n"},
+        {"NO_COLOR=", "", "\033[32mrunning\033[0m"},
+        {"TERM=dumb", "", "running\r\n"}};
     for (const auto& [pszEnvironment, pszOption, pszShown] : tCases) {
         SCOPED_TRACE(std::string(pszEnvironment) + pszOption);
         CProgramOnTerminal clProgram("env " + (pszEnvironment + (" " + csOn(clManager, pszOption))) +
@@ -128,6 +132,63 @@ TEST(Terminal, AWatchGoesOnUntilTheUserEndsItAndBringsTheCursorBack)
         EXPECT_TRUE(clProgram.bShows("\033[?25h"));
         EXPECT_EQ(clProgram.nEnd(), 0);
     }
+}
+
+TEST(Terminal, AWatchScrollsAListThatIsLongerThanTheTerminal)
+{
+    CScriptedManager::Answers tAnswers = {{"INFO", "YES\tv\ts\tk\tp\tm"}};
+    for (int n = 10; n < 40; ++n) {
+        tAnswers["INFO"] += "\ts" + std::to_string(n) + "\t1";
+        tAnswers["STATUS\ts" + std::to_string(n)] = "STATUS\tRUNNING";
+    }
+    CScriptedManager clManager(tAnswers);
+    CProgramOnTerminal clProgram(csOn(clManager, "--no-color watch --interval 60"));
+    const std::pair<const char*, const char*> tSteps[] = {
+        // 24 lines hold the header, 22 servers and the last line
+        {"", "s31   1     running\033[K\r\n\033[J0 above, 8 more below (arrow keys scroll, q ends)"},
+        {"\033[B", "\033[HNAME  PORT  STATE\033[K\r\ns11   1 "},
+        {"", "1 above, 7 more below"},
+        {"\033[6~", "s39   1     running\033[K\r\n\033[J8 above, 0 more below"},
+        {"g", "\033[J0 above, 8 more below"},
+    };
+    for (const auto& [pszTyped, pszShown] : tSteps) {
+        SCOPED_TRACE(pszShown);
+        clProgram.Type(pszTyped);
+        ASSERT_TRUE(clProgram.bShows(pszShown));
+    }
+    clProgram.Type("q");
+    EXPECT_TRUE(clProgram.bShows("\033[?7h\033[?25h"));
+    EXPECT_EQ(clProgram.nEnd(), 0);
+}
+
+TEST(Terminal, AProgressLineSaysWhoIsWaitedForAndIsGoneInTheEnd)
+{
+    CScriptedManager clManager(s_tAnswers);
+    CScriptedServer clMute([](const CClientSide& cl) { cl.StaySilent(); });
+    const CTempDir clFolder;
+    const std::string csHosts =
+        clFolder.csWrite("hosts", "fine ansible_host=127.0.0.1 velmo_port=" + clManager.csPort() +
+                                      "\nmute ansible_host=127.0.0.1 velmo_port=" + clMute.csPort() + "\n");
+    const std::string csList = csClient() + " --no-color --hosts " + csHosts + " list --timeout ";
+    const std::string csLine = "\r\033[K1 of 2 machines answered, waiting for mute", csGone = "\r\033[K";
+    const std::string csTable = "HOST  NAME    PORT  STATE\r\nfine  Orders  4900  running\r\n";
+
+    CProgramOnTerminal clPatient(csList + "1.5");
+    ASSERT_TRUE(clPatient.bShows(csLine));
+    EXPECT_TRUE(clPatient.bShows(csGone + csTable + "velmoctl: 1 of 2 machines gave no answer:\r\n"));
+    EXPECT_EQ(clPatient.nEnd(), 3);
+
+    CProgramOnTerminal clImpatient(csList + "60");
+    ASSERT_TRUE(clImpatient.bShows(csLine));
+    EXPECT_TRUE(clImpatient.bShows(csGone + csTable + csLine)) << "the rows of others come first";
+    clImpatient.Type("\x03");
+    EXPECT_TRUE(clImpatient.bShows(csGone + "velmoctl: interrupted\r\n"));
+    EXPECT_EQ(clImpatient.nEnd(), 130);
+
+    CProgramOnTerminal clDumb("env TERM=dumb " + csList + "1.2");
+    EXPECT_TRUE(clDumb.bShows("HOST  NAME    PORT  STATE\r\n"));
+    EXPECT_EQ(clDumb.csShown(), "HOST  NAME    PORT  STATE\r\n") << "nothing else before";
+    EXPECT_EQ(clDumb.nEnd(), 3);
 }
 
 TEST(Terminal, TheShellEditsKeepsAHistoryAndOutlivesAnInterruptedCommand)

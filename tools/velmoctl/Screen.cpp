@@ -91,7 +91,7 @@ void CScreen::_Draw()
     }
     std::cout << s_csClearBelow;
     if (m_tLines.size() > nRoom) {
-        std::cout << m_nFirst << " lines above, " << m_tLines.size() - nEnd
+        std::cout << m_nFirst << " above, " << m_tLines.size() - nEnd
                   << " more below (arrow keys scroll, q ends)";
     }
     std::cout << std::flush;
