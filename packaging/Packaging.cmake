@@ -26,6 +26,7 @@ file(GLOB guides CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/*.md)
 list(REMOVE_ITEM guides ${PROJECT_SOURCE_DIR}/docs/decisions.md) # for those who change the code
 set(sample ${PROJECT_SOURCE_DIR}/docs/DXConf.ini.sample)
 set(tmpfiles ${here}/tmpfiles.d/velmomanager.conf)
+set(metrics ${here}/metrics/velmo-metrics.service ${here}/metrics/velmo-metrics.timer) # not enabled
 set(readable OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
 set(executable ${readable} OWNER_EXECUTE GROUP_EXECUTE WORLD_EXECUTE)
 
@@ -35,7 +36,9 @@ install(TARGETS ${programs} COMPONENT system
   LIBRARY DESTINATION ${VELMO_HOME} PERMISSIONS ${readable})
 install(FILES ${sample} DESTINATION ${VELMO_HOME} COMPONENT system)
 install(PROGRAMS ${made}/service DESTINATION ${VELMO_HOME} RENAME package-service COMPONENT system)
+install(PROGRAMS ${here}/ansible/velmo-inventory DESTINATION ${VELMO_HOME} COMPONENT system)
 install(FILES ${tmpfiles} DESTINATION usr/lib/tmpfiles.d COMPONENT system)
+install(FILES ${metrics} DESTINATION usr/lib/systemd/system COMPONENT system)
 install(FILES ${guides} DESTINATION usr/share/doc/velmomanager COMPONENT system)
 install(FILES ${here}/copyright DESTINATION usr/share/doc/velmomanager COMPONENT system)
 install(FILES ${PROJECT_SOURCE_DIR}/CHANGELOG.md DESTINATION usr/share/doc/velmomanager RENAME changelog
@@ -79,6 +82,8 @@ install(FILES ${sample} ${here}/copyright DESTINATION . COMPONENT folder EXCLUDE
 install(FILES ${guides} ${PROJECT_SOURCE_DIR}/CHANGELOG.md DESTINATION doc COMPONENT folder EXCLUDE_FROM_ALL)
 install(FILES ${manuals} DESTINATION man COMPONENT folder EXCLUDE_FROM_ALL)
 install(FILES ${tmpfiles} DESTINATION tmpfiles.d COMPONENT folder EXCLUDE_FROM_ALL)
+install(FILES ${metrics} DESTINATION metrics COMPONENT folder EXCLUDE_FROM_ALL)
+install(PROGRAMS ${here}/ansible/velmo-inventory DESTINATION . COMPONENT folder EXCLUDE_FROM_ALL)
 install(DIRECTORY ${completions} DESTINATION . COMPONENT folder EXCLUDE_FROM_ALL)
 
 set(CPACK_PACKAGE_NAME velmomanager)
@@ -111,7 +116,7 @@ set(CPACK_RPM_PACKAGE_DESCRIPTION "${CPACK_PACKAGE_DESCRIPTION}")
 set(CPACK_PACKAGE_RELOCATABLE OFF) # its scripts and links name the folder
 set(CPACK_RPM_POST_INSTALL_SCRIPT_FILE ${made}/rpm/post)
 set(CPACK_RPM_PRE_UNINSTALL_SCRIPT_FILE ${made}/rpm/preun)
-set(CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION /opt /usr/sbin /usr/lib/tmpfiles.d /usr/share/man /usr/share/man/man1
+set(CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION /opt /usr/sbin /usr/lib/systemd /usr/lib/systemd/system /usr/lib/tmpfiles.d /usr/share/man /usr/share/man/man1
   /usr/share/man/man5 /usr/share/man/man8
   /usr/share/bash-completion /usr/share/bash-completion/completions
   /usr/share/zsh /usr/share/zsh/vendor-completions /usr/share/fish /usr/share/fish/vendor_completions.d)
