@@ -104,15 +104,25 @@ private:
         }
     }
 
+    /// This machine answers from several addresses; the one that others can reach is told, whichever came
+    /// first.
     void _Add(const std::string& csAddress, const STInfo& stInfo)
     {
         const bool bHere = m_tOwn.contains(csAddress) || csAddress.starts_with("127.");
-        const bool bKnown = std::any_of(m_tFound.begin(), m_tFound.end(), [&](const STFound& st) {
+        const auto it = std::find_if(m_tFound.begin(), m_tFound.end(), [&](const STFound& st) {
             return st.csAddress == csAddress || (bHere && st.bHere);
         });
-        if (!bKnown) {
+        if (it == m_tFound.end()) {
             m_tFound.push_back({csAddress, bHere, stInfo});
+        } else if (_nUse(csAddress) > _nUse(it->csAddress)) {
+            it->csAddress = csAddress;
         }
+    }
+    static int _nUse(const std::string& csAddress)
+    {
+        const bool bIPv4 = csAddress.find(':') == std::string::npos;
+        const bool bLoopback = csAddress.starts_with("127.") || csAddress == "::1";
+        return (bLoopback ? 0 : 2) + (bIPv4 ? 1 : 0);
     }
 
     const STCall& m_stCall;
