@@ -178,11 +178,11 @@ TEST(Fleet, FortyMachinesAreListedInTimeWhateverSomeOfThemDo)
 {
     REQUIRE_PRIVATE_WORLD();
     const CFleetWorld clWorld;
-    const std::string csClient_ = "TERM=xterm " + csClient() + " --hosts " + clWorld.csHosts() + " ";
+    const std::string csAsk = csClient() + " --hosts " + clWorld.csHosts() + " ";
 
     const CTempDir clFolder;
     const auto clStart = CClock::now();
-    const STCommandResult stTold = stRun(csClient_ + "--timeout 2 list 2>&1 >" + clFolder.csPath("table"));
+    const STCommandResult stTold = stRun(csAsk + "--timeout 2 list 2>&1 >" + clFolder.csPath("table"));
     EXPECT_LT(CClock::now() - clStart, std::chrono::seconds(3));
     EXPECT_EQ(stTold.nStatus, 4);
     EXPECT_EQ(stRun("cat " + clFolder.csPath("table")).csOutput, csExpectedTable());
@@ -194,13 +194,12 @@ TEST(Fleet, FortyMachinesAreListedInTimeWhateverSomeOfThemDo)
               "velmoctl: m23: what listens on m23, port 4999 is not a manager\n");
 
     // Those that hang do not hold up the lines of the others.
-    const STCommandResult stEarly =
-        stRun("timeout 4 " + csClient_.substr(11) + "--timeout 30 list 2>/dev/null");
+    const STCommandResult stEarly = stRun("timeout 4 " + csAsk + "--timeout 30 list 2>/dev/null");
     EXPECT_EQ(stEarly.nStatus, 124);
     EXPECT_EQ(stEarly.csOutput, csExpectedTable());
 
     // The same for programs.
-    const STCommandResult stJson = stRun(csClient_ + "--timeout 1 --json list 2>/dev/null");
+    const STCommandResult stJson = stRun(csAsk + "--timeout 1 --json list 2>/dev/null");
     EXPECT_EQ(stJson.nStatus, 4);
     const Json clRows = Json::parse(stJson.csOutput);
     EXPECT_EQ(clRows.size(), 40u + 49);
@@ -228,7 +227,7 @@ TEST(Fleet, FortyMachinesAreListedInTimeWhateverSomeOfThemDo)
     };
     for (const auto& [pszArguments, nStatus, pszShown] : tCases) {
         SCOPED_TRACE(pszArguments);
-        const STCommandResult st = stRun(csClient_ + pszArguments);
+        const STCommandResult st = stRun(csAsk + pszArguments);
         EXPECT_EQ(st.nStatus, nStatus);
         EXPECT_THAT(st.csOutput, HasSubstr(pszShown));
     }
@@ -253,6 +252,8 @@ TEST(Fleet, ChecksKeepToTheConventionsOfMonitoringPlugins)
         {"A Gone", 2, "CRITICAL - 1 of 2 servers running: Gone missing \\| "},
         {"-c 2:1", 3, "UNKNOWN - \"2:1\" is not a range"},
         {"-w x", 3, "UNKNOWN - \"x\" is not a range"},
+        {"--dry-run", 3, "UNKNOWN - "},
+        {"--hosts /no/file", 3, "UNKNOWN - the hosts file /no/file cannot be read"},
         {"--host nobody.invalid", 2, "CRITICAL - 1 silent: the host \"nobody.invalid\" cannot be found: "},
     };
     for (const auto& [pszArguments, nStatus, pszLine] : tCases) {

@@ -170,22 +170,21 @@ EExit eCheck(const STCall& stCall)
 {
     const CSelection clSelection(stCall.tArguments);
     const CSelection clIgnored(tItems(stCall.stOptions.tIgnore));
-    try {
-        const CRange clWarning(stCall.stOptions.csWarning), clCritical(stCall.stOptions.csCritical);
-        STQuestions stQuestions = stStateQuestions(stCall);
-        stQuestions.fnWanted = [&](const STServer& st) {
-            return (clSelection.bAll() || clSelection.bHas(st.csName)) && !clIgnored.bHas(st.csName);
-        };
-        const auto tAnswers = tAskFleet(stQuestions, false, [](const auto&) {});
-        const STFindings st = stFind(tAnswers, clSelection);
-        const std::string csSilent =
-            st.tSilent.empty() ? ""
-                               : std::to_string(st.tSilent.size()) + " silent" + csFirst(st.tSilent) + "; ";
-        return eReport(eHealth(st, clWarning, clCritical), csSilent + std::to_string(st.nRunning) + " of " +
-                                                               std::to_string(st.nServers) +
-                                                               " servers running" + csFirst(st.tDown) +
-                                                               " | " + csPerformance(st, stCall.stOptions));
-    } catch (const CFailure& clFailure) {
-        return eReport(EHealth::UNKNOWN, csShown(clFailure.what()));
-    }
+    const CRange clWarning(stCall.stOptions.csWarning), clCritical(stCall.stOptions.csCritical);
+    STQuestions stQuestions = stStateQuestions(stCall);
+    stQuestions.fnWanted = [&](const STServer& st) {
+        return (clSelection.bAll() || clSelection.bHas(st.csName)) && !clIgnored.bHas(st.csName);
+    };
+    const auto tAnswers = tAskFleet(stQuestions, false, [](const auto&) {});
+    const STFindings st = stFind(tAnswers, clSelection);
+    const std::string csSilent =
+        st.tSilent.empty() ? "" : std::to_string(st.tSilent.size()) + " silent" + csFirst(st.tSilent) + "; ";
+    return eReport(eHealth(st, clWarning, clCritical),
+                   csSilent + std::to_string(st.nRunning) + " of " + std::to_string(st.nServers) +
+                       " servers running" + csFirst(st.tDown) + " | " + csPerformance(st, stCall.stOptions));
+}
+
+EExit eTellMonitoring(const CFailure& clFailure)
+{
+    return eReport(EHealth::UNKNOWN, csShown(clFailure.what()));
 }

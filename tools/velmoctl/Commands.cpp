@@ -116,6 +116,8 @@ public:
     }
 
     bool bJson() const { return m_stOptions.bJson; }
+    /// A plugin's failures have a form of their own.
+    bool bPlugin() const { return m_clParser.got_subcommand("check"); }
 
 private:
     void _Add(const STCommand& st, const char* pszGroup)
@@ -251,7 +253,7 @@ EExit eExecute(const std::vector<std::string>& tArguments, const STOptions& stDe
     try {
         eResult = clReader.eRun(tArguments);
     } catch (const CFailure& clFailure) {
-        eResult = eTell(clFailure, clReader.bJson());
+        eResult = clReader.bPlugin() ? eTellMonitoring(clFailure) : eTell(clFailure, clReader.bJson());
     }
     if (!std::cout.flush()) {
         std::cerr << "velmoctl: the output could not be written\n";

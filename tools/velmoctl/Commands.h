@@ -29,6 +29,8 @@ EExit eList(const STCall& stCall);
 EExit eStatus(const STCall& stCall);
 EExit eCluster(const STCall& stCall);
 EExit eCheck(const STCall& stCall);
+/// A failure as a monitoring plugin reports it: the status of what is unknown.
+EExit eTellMonitoring(const CFailure& clFailure);
 EExit eMetrics(const STCall& stCall);
 EExit eStart(const STCall& stCall);
 EExit eStop(const STCall& stCall);

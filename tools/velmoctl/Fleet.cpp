@@ -31,25 +31,24 @@ void AddHost(STHost stHost, const STOptions& stOptions, std::vector<STHost>* ptH
     }
 }
 
-/// "a, b, c and 4 more"
-std::string csSome(const std::vector<std::string>& tNames)
+/// "a, b, c and 4 more": the first of some names, and how many there are.
+std::string csSome(const std::vector<std::string>& tNames, std::size_t nAll)
 {
     std::string cs;
-    for (std::size_t n = 0; n < std::min(tNames.size(), s_nMostShown); ++n) {
+    const std::size_t nShown = std::min(tNames.size(), s_nMostShown);
+    for (std::size_t n = 0; n < nShown; ++n) {
         cs += (n > 0 ? ", " : "") + tNames[n];
     }
-    return tNames.size() > s_nMostShown
-               ? cs + " and " + std::to_string(tNames.size() - s_nMostShown) + " more"
-               : cs;
+    return nAll > nShown ? cs + " and " + std::to_string(nAll - nShown) + " more" : cs;
 }
 
 /// What the progress says, as far as the terminal has room for it.
 std::string csProgress(const std::vector<STHostAnswer>& tAnswers, const std::vector<bool>& tDone,
                        Milliseconds clPassed)
 {
-    const auto nDone = std::count(tDone.begin(), tDone.end(), true);
+    const auto nDone = static_cast<std::size_t>(std::count(tDone.begin(), tDone.end(), true));
     std::vector<std::string> tWaiting;
-    for (std::size_t n = 0; n < tAnswers.size(); ++n) {
+    for (std::size_t n = 0; n < tAnswers.size() && tWaiting.size() < s_nMostShown; ++n) {
         if (!tDone[n]) {
             tWaiting.push_back(csWhere(tAnswers[n].stHost));
         }
@@ -58,7 +57,7 @@ std::string csProgress(const std::vector<STHostAnswer>& tAnswers, const std::vec
                                           : std::to_string(nDone) + " of " + std::to_string(tAnswers.size()) +
                                                 " machines answered";
     if (clPassed >= s_clMoment && !tWaiting.empty()) {
-        cs += ", waiting for " + csSome(tWaiting);
+        cs += ", waiting for " + csSome(tWaiting, tAnswers.size() - nDone);
     }
     return csCut(csShown(cs), stTerminalSize().nColumns - 1);
 }
@@ -87,7 +86,9 @@ public:
             pclProgress->Show("");
             m_fnTake(tReady);
         }
-        pclProgress->Show(bAll ? "" : csProgress(tAnswers, tDone, clPassed));
+        if (pclProgress->bTerminal()) {
+            pclProgress->Show(bAll ? "" : csProgress(tAnswers, tDone, clPassed));
+        }
     }
 
 private:
@@ -120,7 +121,8 @@ void AddServerTroubles(const STHostAnswer& st, bool bMany, std::vector<std::stri
             ptLines->push_back(csText); // names machine and server itself
             continue;
         }
-        ptLines->push_back((bMany ? csWhere(st.stHost) + ": " : "") + csSome(tNames[csText]) + ": " + csText);
+        ptLines->push_back((bMany ? csWhere(st.stHost) + ": " : "") +
+                           csSome(tNames[csText], tNames[csText].size()) + ": " + csText);
     }
 }
 

@@ -130,11 +130,11 @@ STShown stShowOne(const std::string& csServer)
 }
 
 /// What the journal has last from a unit's processes.
-std::string csJournal(const std::string& csOfUnit)
+std::string csJournal(const std::string& csOfUnit, Milliseconds clTime)
 {
     const STToolResult st = stRunTool(
         {"journalctl", "--quiet", "--no-pager", "--lines=1", "--output=cat", "_SYSTEMD_UNIT=" + csOfUnit},
-        s_clQuestion);
+        clTime);
     return st.nStatus == 0 ? st.csOutput.substr(0, st.csOutput.find('\n')) : "";
 }
 
@@ -202,6 +202,7 @@ std::map<std::string, STFacts> tAskFacts(const std::vector<std::string>& tServer
         AskScripts(tNames, &tFacts);
         return tFacts;
     }
+    const CDeadline clEnd(s_clQuestion); // for all; lines that are not there by then are left out
     std::vector<std::string> tUnits;
     std::transform(tNames.begin(), tNames.end(), std::back_inserter(tUnits), csUnit);
     std::vector<std::string> tShown = tShow(tUnits);
@@ -210,7 +211,7 @@ std::map<std::string, STFacts> tAskFacts(const std::vector<std::string>& tServer
         const STShown st = bLoaded(tShown[n]) ? STShown{tUnits[n], tShown[n]} : stShowOne(tNames[n]);
         if (!st.csUnit.empty()) {
             tFacts[tNames[n]] = stRead(st.csBlock);
-            tFacts[tNames[n]].csLog = bWithLog ? csJournal(st.csUnit) : "";
+            tFacts[tNames[n]].csLog = bWithLog ? csJournal(st.csUnit, clEnd.clLeft()) : "";
         }
     }
     return tFacts;
@@ -218,7 +219,8 @@ std::map<std::string, STFacts> tAskFacts(const std::vector<std::string>& tServer
 
 std::string csLastLogged(const std::string& csServer)
 {
-    const std::string csLine = bSystemd() && bPlainName(csServer) ? csJournal(csUnit(csServer)) : "";
+    const std::string csLine =
+        bSystemd() && bPlainName(csServer) ? csJournal(csUnit(csServer), s_clQuestion) : "";
     return csLine.empty() ? "" : ", its last line: " + csLine;
 }
 

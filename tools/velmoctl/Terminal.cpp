@@ -89,7 +89,7 @@ std::string csColoured(const std::string& csText, EColour eColour)
     return s_tColours[static_cast<std::size_t>(eColour)] + csText + "\033[0m";
 }
 
-CProgress::CProgress(const std::string& csText) : m_bTerminal(bTerminal(STDERR_FILENO))
+CProgress::CProgress(const std::string& csText) : m_bTerminal(::bTerminal(STDERR_FILENO))
 {
     Show(csText);
 }

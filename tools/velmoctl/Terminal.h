@@ -50,6 +50,7 @@ public:
     CProgress& operator=(const CProgress&) = delete;
     /// An empty text takes the line away.
     void Show(const std::string& csText);
+    bool bTerminal() const { return m_bTerminal; }
 
 private:
     bool m_bTerminal;
