@@ -99,7 +99,9 @@ std::vector<std::string> tServers(const STPartial& st)
 std::vector<std::string> tMachines(const STPartial& st)
 {
     std::vector<std::string> tNames;
-    for (const STHost& stHost : clReadHostsFile(st.stOptions).tAll()) {
+    const std::vector<STHost> tHosts = clReadHostsFile(st.stOptions).tAll();
+    tNames.reserve(tHosts.size());
+    for (const STHost& stHost : tHosts) {
         tNames.push_back(stHost.csName);
     }
     return tNames;

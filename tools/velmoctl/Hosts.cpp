@@ -308,6 +308,7 @@ void CHostsFile::_Collect(const std::string& csGroup, std::vector<std::string>* 
 std::vector<STHost> CHostsFile::_tHosts(const std::vector<std::string>& tNames) const
 {
     std::vector<STHost> tResult;
+    tResult.reserve(tNames.size());
     for (const std::string& csName : tNames) {
         tResult.push_back(m_tHosts.at(csName));
     }

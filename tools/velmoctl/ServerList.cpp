@@ -128,6 +128,7 @@ std::vector<STListed> CServerList::tRows(const std::vector<const STHostAnswer*>&
 std::vector<std::string> CServerList::tHeader() const
 {
     std::vector<std::string> tNames;
+    tNames.reserve(m_tColumns.size());
     for (const STColumn* const pst : m_tColumns) {
         tNames.emplace_back(pst->pszHeader);
     }
@@ -184,6 +185,7 @@ std::string csStateShown(const STServerAnswer& st)
 std::vector<const STHostAnswer*> tPointers(const std::vector<STHostAnswer>& tAnswers)
 {
     std::vector<const STHostAnswer*> tResult;
+    tResult.reserve(tAnswers.size());
     for (const STHostAnswer& st : tAnswers) {
         tResult.push_back(&st);
     }

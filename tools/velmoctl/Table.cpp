@@ -5,6 +5,7 @@
 
 CTable::CTable(std::vector<std::string> tHeader) : m_tHeader(std::move(tHeader))
 {
+    m_tWidths.reserve(m_tHeader.size());
     for (const std::string& cs : m_tHeader) {
         m_tWidths.push_back(nColumns(cs));
     }
@@ -13,6 +14,7 @@ CTable::CTable(std::vector<std::string> tHeader) : m_tHeader(std::move(tHeader))
 std::string CTable::csHeader()
 {
     CRow tTop;
+    tTop.reserve(m_tHeader.size());
     for (const std::string& cs : m_tHeader) {
         tTop.push_back({cs, EColour::BOLD});
     }
