@@ -174,7 +174,8 @@ void Warn(const std::string& csName, const std::string& csGiven, const std::stri
         tWarnings.push_back("the program's path is not absolute; " + csArgument(csPath) + " is meant");
     }
     if (csPath.find(' ') != std::string::npos) {
-        tWarnings.emplace_back("the program's path holds a space: systemd cannot start such a service");
+        tWarnings.emplace_back("the program's path holds a space, which older managers register, but cannot "
+                               "start under systemd");
     }
     if (const std::string csOther = csServerWithPort(wPort, csName); !csOther.empty()) {
         tWarnings.push_back("the server \"" + csOther + "\" has port " + std::to_string(wPort) + " already");
