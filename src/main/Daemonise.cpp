@@ -2,6 +2,7 @@
 
 #include "main/PidFile.h"
 #include "main/ServiceSteps.h"
+#include "support/CloseDescriptors.h"
 #include "support/Conversion.h"
 #include "support/SystemCall.h"
 
@@ -75,14 +76,9 @@ void Launcher(pid_t nChild, const CDescripteur& clPipe)
 void CloseAllBut(int nKept)
 {
     const auto nKeptNumber = static_cast<unsigned int>(nKept);
-    if (::close_range(nKeptNumber + 1, ~0U, 0) == 0 && ::close_range(0, nKeptNumber - 1, 0) == 0) {
-        return;
-    }
-    for (int nFd = ::getdtablesize() - 1; nFd >= 0; --nFd) { // a kernel without close_range
-        if (nFd != nKept) {
-            ::close(nFd);
-        }
-    }
+    const auto nLimit = static_cast<unsigned int>(::getdtablesize());
+    CloseDescriptors(0, nKeptNumber - 1, nLimit);
+    CloseDescriptors(nKeptNumber + 1, ~0U, nLimit);
 }
 
 /// Cuts every tie to where the daemon was started, except the pipe.

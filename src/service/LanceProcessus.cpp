@@ -1,6 +1,5 @@
 #include "service/LanceProcessus.h"
 
-#include "service/ProcessManager.h"
 #include "support/Conversion.h"
 #include "support/SelectSet.h"
 #include "support/Stopping.h"
@@ -88,19 +87,22 @@ void CLanceProcessus::sTerm()
 
 CLanceProcessus::~CLanceProcessus()
 {
-    if (m_bLaunched) {
-        bLibere();
-    }
+    bLibere();
 }
 
 bool CLanceProcessus::bLanceProcessus(const wchar_t* pszProgram, const wchar_t* pszArguments,
                                       CXError* pclError)
 {
+    bLibere();
+    if (CProcessManager::m_gpclManager == nullptr) {
+        errno = ESHUTDOWN;
+        return bFail(pclError, L"launch", pszProgram);
+    }
     std::string csProgram = csToUTF8(pszProgram);
     if (!bMayGoOn()) {
         return bFail(pclError, L"stop", pszProgram);
     }
-    if (CProcessManager::m_gpclManager == nullptr || ::access(csProgram.c_str(), X_OK) != 0) {
+    if (::access(csProgram.c_str(), X_OK) != 0) {
         return bFail(pclError, L"access", pszProgram);
     }
     std::string csArguments = csToUTF8(pszArguments);
@@ -117,14 +119,12 @@ bool CLanceProcessus::bLanceProcessus(const wchar_t* pszProgram, const wchar_t* 
     (void)::fcntl(stOutput.clWrite.nFd(), F_SETPIPE_SZ, static_cast<int>(s_nOutputRoom));
     const STChildStart stStart{csProgram.c_str(), tArguments.data(), stInput.clRead.nFd(),
                                stOutput.clWrite.nFd(), stOutput.clWrite.nFd()};
-    const pid_t nPid = CProcessManager::m_gpclManager->Fork(stStart);
-    if (nPid < 0) {
+    m_pstChild = CProcessManager::m_gpclManager->pstFork(stStart);
+    if (m_pstChild == nullptr) {
         return bFail(pclError, L"fork", pszProgram);
     }
-    m_nPid = nPid;
     m_clInput = std::move(stInput.clWrite);
     m_clOutput = std::move(stOutput.clRead);
-    m_bLaunched = true;
     return true;
 }
 
@@ -195,7 +195,7 @@ void CLanceProcessus::__WaitEndAfterOutput() const
 
 bool CLanceProcessus::bLitSortieA(CXYString<char>* pcsOutput)
 {
-    if (!m_bLaunched) {
+    if (!__bLaunched()) {
         return false;
     }
     std::size_t nTotal = 0;
@@ -216,15 +216,15 @@ bool CLanceProcessus::bLitSortieA(CXYString<char>* pcsOutput)
     if (nTotal == 0 && m_nOutput >= s_nOutputRoom && m_nOutputError == 0 && __bReadable(s_nGoOnMs)) {
         return true;
     }
-    if (nTotal == 0 && CProcessManager::m_gpclManager != nullptr) {
-        CProcessManager::m_gpclManager->Pause(m_nPid);
+    if (nTotal == 0) {
+        CProcessManager::m_gpclManager->Pause(m_pstChild);
     }
     return true;
 }
 
 bool CLanceProcessus::bLitSortieEtAttendFinExecution(CXYString<char>* pcsOutput, unsigned int* pnExitCode)
 {
-    if (!m_bLaunched) {
+    if (!__bLaunched()) {
         return false;
     }
     m_clInput.Close();
@@ -245,7 +245,7 @@ bool CLanceProcessus::bLitSortieEtAttendFinExecution(CXYString<char>* pcsOutput,
 
 bool CLanceProcessus::bAttendFinExecution(unsigned int* pnExitCode, unsigned int nMaxMs)
 {
-    if (!m_bLaunched || CProcessManager::m_gpclManager == nullptr) {
+    if (!__bLaunched()) {
         return false;
     }
     m_clInput.Close();
@@ -255,7 +255,7 @@ bool CLanceProcessus::bAttendFinExecution(unsigned int* pnExitCode, unsigned int
     int nCode = 0;
     bool bOpen = true;
     std::size_t nDiscarded = 0;
-    for (int nMs = 1; !CProcessManager::m_gpclManager->bGetCode(m_nPid, &nCode);) {
+    for (int nMs = 1; !CProcessManager::m_gpclManager->bGetCode(m_pstChild, &nCode);) {
         if (!__bMayGoOn()) {
             return false;
         }
@@ -271,9 +271,6 @@ bool CLanceProcessus::bAttendFinExecution(unsigned int* pnExitCode, unsigned int
         }
         nMs = std::min(nMs + 1, 100);
     }
-    if (nCode < 0) { // the child is nobody's
-        return false;
-    }
     if (pnExitCode != nullptr) {
         *pnExitCode = static_cast<unsigned int>(nCode);
     }
@@ -282,15 +279,13 @@ bool CLanceProcessus::bAttendFinExecution(unsigned int* pnExitCode, unsigned int
 
 bool CLanceProcessus::bEndedBySignal() const
 {
-    return m_bLaunched && CProcessManager::m_gpclManager != nullptr &&
-           CProcessManager::m_gpclManager->bEndedBySignal(m_nPid);
+    return __bLaunched() && CProcessManager::m_gpclManager->bEndedBySignal(m_pstChild);
 }
 
 bool CLanceProcessus::bProcessusTermine() const
 {
     int nCode = 0;
-    return !m_bLaunched || CProcessManager::m_gpclManager == nullptr ||
-           CProcessManager::m_gpclManager->bGetCode(m_nPid, &nCode);
+    return !__bLaunched() || CProcessManager::m_gpclManager->bGetCode(m_pstChild, &nCode);
 }
 
 bool CLanceProcessus::bEcritEntree(const void* pData, unsigned int nLength)
@@ -300,21 +295,20 @@ bool CLanceProcessus::bEcritEntree(const void* pData, unsigned int nLength)
 
 bool CLanceProcessus::Kill()
 {
-    if (m_bLaunched && CProcessManager::m_gpclManager != nullptr) {
-        CProcessManager::m_gpclManager->Kill(m_nPid, SIGKILL);
+    if (__bLaunched()) {
+        CProcessManager::m_gpclManager->Kill(m_pstChild, SIGKILL);
     }
     return true;
 }
 
 bool CLanceProcessus::bLibere()
 {
-    if (m_bLaunched && CProcessManager::m_gpclManager != nullptr) {
-        CProcessManager::m_gpclManager->FreePid(m_nPid);
+    if (__bLaunched()) {
+        CProcessManager::m_gpclManager->FreePid(m_pstChild);
     }
     m_clInput.Close();
     m_clOutput.Close();
-    m_nPid = 0;
-    m_bLaunched = false;
+    m_pstChild = nullptr;
     m_nOutput = 0;
     m_nOutputError = 0;
     return true;

@@ -1,10 +1,9 @@
 #pragma once
 
+#include "service/ProcessManager.h"
 #include "support/Descripteur.h"
 #include "support/XError.h"
 #include "support/XYString.h"
-
-#include <sys/types.h>
 
 /// Cuts psz in place at blanks; a word that begins with a double quote runs to the next one (quotes not
 /// included), nothing else is special. At most nMax entries, the rest is ignored. Returns the count.
@@ -14,9 +13,10 @@ int nSplitArguments(char* psz, char** ppszArguments, int nMax) noexcept;
 ///
 /// Once the calling thread may not go on (CStopping::bMayGoOn), launching and waiting fail with ECANCELED.
 ///
-/// One object drives one child at a time: idle -> launched -> idle, reusable after bLibere(). One thread uses
-/// an object; different objects may run in different threads. sInit() comes first. bLibere() and the
-/// destructor let go of the child, they never kill it; it is still reaped.
+/// One object drives one child at a time: idle -> launched -> idle, reusable after bLibere(), which a second
+/// launch implies. One thread uses an object; different objects may run in different threads. An object is
+/// launched between sInit() and sTerm() only. bLibere() and the destructor let go of the child, they never
+/// kill it; it is still reaped.
 class CLanceProcessus
 {
 public:
@@ -30,8 +30,8 @@ public:
     virtual ~CLanceProcessus();
 
     /// Starts the program (full path, must be executable) with the arguments of pszArguments, at most 49,
-    /// split as nSplitArguments does. False on failure, with errno and the error filled; the object stays
-    /// idle.
+    /// split as nSplitArguments does. False on failure, with errno and the error filled; the object is idle
+    /// then.
     bool bLanceProcessus(const wchar_t* pszProgram, const wchar_t* pszArguments, CXError* pclError);
     /// Sets how many bytes the two readers below take from one child, 1 MiB unless set; a child that prints
     /// more is killed.
@@ -58,6 +58,7 @@ public:
     bool bLibere();
 
 private:
+    bool __bLaunched() const { return m_pstChild != nullptr && CProcessManager::m_gpclManager != nullptr; }
     bool __bReadable(long nMs) const;
     /// Notes that output is missing, and ends the child, which nobody would read any more.
     void __GiveOutputUp(int nError);
@@ -68,10 +69,9 @@ private:
     bool __bMayGoOn();
     void __WaitEndAfterOutput() const;
 
-    pid_t m_nPid = 0;
-    CDescripteur m_clInput;  ///< write end of the child's standard input
-    CDescripteur m_clOutput; ///< read end of its output
-    bool m_bLaunched = false;
+    CProcessManager::STChild* m_pstChild = nullptr; ///< null: idle
+    CDescripteur m_clInput;                         ///< write end of the child's standard input
+    CDescripteur m_clOutput;                        ///< read end of its output
     std::size_t m_nMaxOutput = std::size_t{1} << 20;
     std::size_t m_nOutput = 0; ///< bytes read by bLitSortieA
     int m_nOutputError = 0;    ///< why output is missing

@@ -13,40 +13,28 @@ CProcessManager* CProcessManager::m_gpclManager = nullptr;
 
 namespace {
 /// Holds the child table. Blocks SIGCHLD in this thread before it takes the lock, so that the handler never
-/// waits for a lock of its own thread; the destructor undoes both in reverse.
+/// waits for a lock of its own thread; the destructor undoes both in reverse. Keeps errno.
 class CChildGuard
 {
 public:
-    explicit CChildGuard(std::atomic<int>& nLock) noexcept : m_nLock(nLock), m_nHolder(::gettid())
+    explicit CChildGuard(std::atomic<bool>& bLocked) noexcept : m_bLocked(bLocked)
     {
+        const int nErrno = errno;
         const timespec st10ms{0, 10'000'000};
-        for (int nFree = 0; !m_nLock.compare_exchange_strong(nFree, m_nHolder); nFree = 0) {
+        while (m_bLocked.exchange(true)) {
             nanosleep(&st10ms, nullptr);
         }
+        errno = nErrno;
     }
-    ~CChildGuard() { ReleaseLock(); }
-    /// Releases the lock early, SIGCHLD stays blocked. Also for the child that this thread waits for: its
-    /// record is written then, and executing its program must not hold the others up.
-    __attribute__((noinline)) void ReleaseLock() noexcept
-    {
-        int nHolder = m_nHolder;
-        m_nLock.compare_exchange_strong(nHolder, 0);
-    }
+    ~CChildGuard() { m_bLocked.store(false); }
     CChildGuard(const CChildGuard&) = delete;
     CChildGuard& operator=(const CChildGuard&) = delete;
 
 private:
-    static_assert(std::atomic<int>::is_always_lock_free);
+    static_assert(std::atomic<bool>::is_always_lock_free);
     CSignalsHeld m_clHeld{SIGCHLD};
-    std::atomic<int>& m_nLock;
-    int m_nHolder;
+    std::atomic<bool>& m_bLocked;
 };
-
-/// First of all in a child: its record is written.
-void ReleaseGuard(void* pGuard)
-{
-    static_cast<CChildGuard*>(pGuard)->ReleaseLock();
-}
 
 /// Exit status, or the signal's number: what the signal information calls the status.
 int nStatusCode(int nWaitStatus)
@@ -96,15 +84,15 @@ void CProcessManager::__ForEach(TAction action)
     }
 }
 
-CProcessManager::STChild* CProcessManager::__pstFind(pid_t nPid)
+CProcessManager::STChild* CProcessManager::__pstFindFree()
 {
-    STChild* pstFound = nullptr;
+    STChild* pstFree = nullptr;
     __ForEach([&](STChild& stRecord) {
-        if (pstFound == nullptr && stRecord.nPid == nPid) {
-            pstFound = &stRecord;
+        if (pstFree == nullptr && stRecord.nPid == 0 && stRecord.nFlags == 0) {
+            pstFree = &stRecord;
         }
     });
-    return pstFound;
+    return pstFree;
 }
 
 void CProcessManager::__Append(std::unique_ptr<STBlock> pstBlock)
@@ -116,27 +104,47 @@ void CProcessManager::__Append(std::unique_ptr<STBlock> pstBlock)
     *ppstLast = std::move(pstBlock);
 }
 
-pid_t CProcessManager::Fork(const STChildStart& stStart)
+/// Takes a record that has no child yet.
+CProcessManager::STChild* CProcessManager::__pstReserve()
 {
-    CChildStarter clStarter;
     std::unique_ptr<STBlock> pstSpare;
     for (;;) { // once, or once more with the block that was wanting
         {
-            CChildGuard clGuard(m_nLock);
+            const CChildGuard clGuard(m_bLocked);
             if (pstSpare != nullptr) {
                 __Append(std::move(pstSpare));
             }
-            if (STChild* pstFree = __pstFind(0); pstFree != nullptr) {
+            if (STChild* pstFree = __pstFindFree(); pstFree != nullptr) {
                 *pstFree = {0, 0, FLAG_OWNED, 0};
-                return clStarter.nStart(stStart, &pstFree->nPid, ReleaseGuard, &clGuard);
+                return pstFree;
             }
         }
-        // Outside the guard: a thread that the signal interrupted inside the heap may be waiting for it.
+        // Allocate without the guard: a handler that interrupted malloc in another thread may be waiting for
+        // it, and the two would deadlock.
         pstSpare = std::make_unique<STBlock>();
     }
 }
 
-/// Takes the end of a child if it has come.
+CProcessManager::STChild* CProcessManager::pstFork(const STChildStart& stStart)
+{
+    CChildStarter clStarter;
+    STChild* pstChild = __pstReserve();
+
+    // Without the guard, which the others need while the program is executed. The signal of a child that
+    // exits before its pid is noted may be in vain; whoever asks about the child reaps it.
+    const CSignalsHeld clHeld{SIGCHLD};
+    const pid_t nPid = clStarter.nStart(stStart);
+
+    const CChildGuard clGuard(m_bLocked);
+    if (nPid < 0) {
+        *pstChild = {};
+        return nullptr;
+    }
+    pstChild->nPid = nPid;
+    return pstChild;
+}
+
+/// Reaps a child if it has exited.
 void CProcessManager::__Reap(STChild& stRecord)
 {
     int nStatus = 0;
@@ -147,7 +155,7 @@ void CProcessManager::__Reap(STChild& stRecord)
     stRecord.nCode = nStatusCode(nStatus);
     stRecord.nFlags |= FLAG_ENDED | (WIFSIGNALED(nStatus) ? FLAG_SIGNAL : 0);
     if ((stRecord.nFlags & FLAG_OWNED) == 0) {
-        stRecord.nPid = 0;
+        stRecord = {};
     }
 }
 
@@ -168,9 +176,9 @@ void CProcessManager::SigAction(int nSignal, siginfo_t* pstInfo, void* pContext)
     }
     bool bOurs = false;
     {
-        const CChildGuard clGuard(m_nLock);
-        bOurs = pstInfo->si_pid != 0 && __pstFind(pstInfo->si_pid) != nullptr; // 0 marks a free record
-        __ForEach([](STChild& stRecord) {
+        const CChildGuard clGuard(m_bLocked);
+        __ForEach([&](STChild& stRecord) {
+            bOurs = bOurs || (stRecord.nPid != 0 && stRecord.nPid == pstInfo->si_pid);
             __Reap(stRecord);
             __Wake(stRecord);
         });
@@ -189,79 +197,67 @@ void CProcessManager::__ForwardToPrevious(int nSignal, siginfo_t* pstInfo, void*
     }
 }
 
-bool CProcessManager::bGetCode(pid_t nPid, int* pnCode)
+bool CProcessManager::bGetCode(STChild* pstChild, int* pnCode)
 {
-    const CChildGuard clGuard(m_nLock);
-    STChild* pstRecord = __pstFind(nPid);
-    if (pstRecord != nullptr) {
-        __Reap(*pstRecord);
-        if ((pstRecord->nFlags & FLAG_ENDED) == 0) {
-            return false;
-        }
+    const CChildGuard clGuard(m_bLocked);
+    __Reap(*pstChild);
+    if ((pstChild->nFlags & FLAG_ENDED) == 0) {
+        return false;
     }
-    *pnCode = pstRecord != nullptr ? pstRecord->nCode : -1;
+    *pnCode = pstChild->nCode;
     return true;
 }
 
-bool CProcessManager::bEndedBySignal(pid_t nPid)
+bool CProcessManager::bEndedBySignal(const STChild* pstChild)
 {
-    const CChildGuard clGuard(m_nLock);
-    const STChild* pstRecord = __pstFind(nPid);
-    return pstRecord != nullptr && (pstRecord->nFlags & FLAG_SIGNAL) != 0;
+    const CChildGuard clGuard(m_bLocked);
+    return (pstChild->nFlags & FLAG_SIGNAL) != 0;
 }
 
-void CProcessManager::Pause(pid_t nPid)
+void CProcessManager::Pause(STChild* pstChild)
 {
-    // An end that comes after the look below stays pending for the pause instead of slipping in ahead of it.
+    // An exit that comes after the look below stays pending for the pause instead of slipping in ahead of it.
     const CSignalsHeld clHeld{SIGCHLD};
     {
-        const CChildGuard clGuard(m_nLock);
-        STChild* pstRecord = __pstFind(nPid);
-        if (pstRecord == nullptr) {
+        const CChildGuard clGuard(m_bLocked);
+        __Reap(*pstChild);
+        if ((pstChild->nFlags & FLAG_ENDED) != 0) {
             return;
         }
-        __Reap(*pstRecord);
-        if ((pstRecord->nFlags & FLAG_ENDED) != 0) {
-            return;
-        }
-        pstRecord->nFlags |= FLAG_PAUSE;
-        pstRecord->nPausing = ::gettid();
+        pstChild->nFlags |= FLAG_PAUSE;
+        pstChild->nPausing = ::gettid();
     }
     // Once, not re-armed: SIGCHLD ends it, and so does the stop of the daemon.
     const int nMs = CStopping::nPollMs(2000);
     const timespec stPause{nMs / 1000, nMs % 1000 * 1'000'000L};
     pollfd stStop{CStopping::nFdToPoll(), POLLIN, 0};
     ::ppoll(&stStop, 1, &stPause, &clHeld.stBefore());
-    const CChildGuard clGuard(m_nLock);
-    if (STChild* pstRecord = __pstFind(nPid); pstRecord != nullptr) {
-        pstRecord->nFlags &= ~FLAG_PAUSE;
+    const CChildGuard clGuard(m_bLocked);
+    pstChild->nFlags &= ~FLAG_PAUSE;
+}
+
+void CProcessManager::FreePid(STChild* pstChild)
+{
+    const CChildGuard clGuard(m_bLocked);
+    pstChild->nFlags &= ~FLAG_OWNED;
+    __Reap(*pstChild);
+    if ((pstChild->nFlags & FLAG_ENDED) != 0) {
+        *pstChild = {};
     }
 }
 
-void CProcessManager::FreePid(pid_t nPid)
+void CProcessManager::Kill(const STChild* pstChild, int nSignal)
 {
-    const CChildGuard clGuard(m_nLock);
-    if (STChild* pstRecord = __pstFind(nPid); pstRecord != nullptr) {
-        pstRecord->nFlags &= ~FLAG_OWNED;
-        if ((pstRecord->nFlags & FLAG_ENDED) != 0) {
-            pstRecord->nPid = 0;
-        }
-    }
-}
-
-void CProcessManager::Kill(pid_t nPid, int nSignal)
-{
-    const CChildGuard clGuard(m_nLock);
-    if (const STChild* pstRecord = __pstFind(nPid);
-        pstRecord != nullptr && (pstRecord->nFlags & FLAG_ENDED) == 0) {
-        ::kill(nPid, nSignal);
+    const CChildGuard clGuard(m_bLocked);
+    if ((pstChild->nFlags & FLAG_ENDED) == 0) {
+        ::kill(pstChild->nPid, nSignal);
     }
 }
 
 int CProcessManager::nCountRecords()
 {
-    const CChildGuard clGuard(m_nLock);
+    const CChildGuard clGuard(m_bLocked);
     int nCount = 0;
-    __ForEach([&](const STChild& stRecord) { nCount += stRecord.nPid != 0 ? 1 : 0; });
+    __ForEach([&](const STChild& stRecord) { nCount += stRecord.nPid != 0 || stRecord.nFlags != 0 ? 1 : 0; });
     return nCount;
 }

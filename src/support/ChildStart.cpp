@@ -1,5 +1,7 @@
 #include "support/ChildStart.h"
 
+#include "support/CloseDescriptors.h"
+#include "support/CloseRange.h"
 #include "support/DescriptorLimit.h"
 #include "support/SignalMask.h"
 
@@ -24,8 +26,6 @@ constexpr int s_nNotExecuted = 127; ///< exit code, as shells have it
 struct STChildContext
 {
     const STChildStart& stStart;
-    void (*pfnFirst)(void*);
-    void* pContext;
     bool bCloseRange; ///< whether the kernel has it; then the descriptor table is the daemon's at first
     int* pnExecError; ///< written by the child
 };
@@ -59,15 +59,6 @@ __attribute__((no_sanitize("thread", "address", "undefined"))) void Duplicate(in
     }
 }
 
-/// Without close_range: what the daemon opened itself closes at exec, what it was started with lies below the
-/// limit that it was started with.
-__attribute__((no_sanitize("thread", "address", "undefined"))) void CloseOneByOne() noexcept
-{
-    for (int nFd = nOriginalDescriptorLimit() - 1; nFd > STDERR_FILENO; --nFd) {
-        ::syscall(SYS_close, nFd);
-    }
-}
-
 /// Gives the child a table of descriptors of its own, which holds what it needs and little more: copying all
 /// of the daemon's would grow with its conversations. Without one it must not go on, for what it closes
 /// would be the daemon's.
@@ -78,7 +69,7 @@ bLeaveDaemonsDescriptors(const STChildStart& stStart) noexcept
     for (const int nFd : {stStart.nInput, stStart.nOutput, stStart.nError}) {
         nLast = nFd > nLast ? nFd : nLast;
     }
-    return ::close_range(static_cast<unsigned int>(nLast) + 1, ~0U, CLOSE_RANGE_UNSHARE) == 0;
+    return nCloseRange(static_cast<unsigned int>(nLast) + 1, ~0U, s_nCloseRangeUnshare) == 0;
 }
 
 /// The child until exec, on a stack of its own in the daemon's memory: only async-signal-safe calls, no
@@ -87,18 +78,13 @@ __attribute__((no_sanitize("thread", "address", "undefined"))) int nRunChild(voi
 {
     const auto& stContext = *static_cast<const STChildContext*>(pContext);
     const STChildStart& stStart = stContext.stStart;
-    if (stContext.pfnFirst != nullptr) {
-        stContext.pfnFirst(stContext.pContext);
-    }
     if (stContext.bCloseRange && !bLeaveDaemonsDescriptors(stStart)) {
         EndUnexecuted(stContext);
     }
     Duplicate(stStart.nError, STDERR_FILENO);
     Duplicate(stStart.nOutput, STDOUT_FILENO);
     Duplicate(stStart.nInput, STDIN_FILENO);
-    if (!stContext.bCloseRange || ::close_range(STDERR_FILENO + 1, ~0U, 0) != 0) {
-        CloseOneByOne();
-    }
+    CloseDescriptors(STDERR_FILENO + 1, ~0U, static_cast<unsigned int>(nOriginalDescriptorLimit()));
     RestoreDescriptorLimit();
     if (stStart.bOwnSession) {
         ::syscall(SYS_setsid);
@@ -115,14 +101,13 @@ __attribute__((no_sanitize("thread", "address", "undefined"))) int nRunChild(voi
 
 CChildStarter::CChildStarter() : m_pStack(std::make_unique_for_overwrite<std::byte[]>(s_nChildStack)) {}
 
-pid_t CChildStarter::nStart(const STChildStart& stStart, pid_t* pnPid, void (*pfnFirst)(void*),
-                            void* pContext) noexcept
+pid_t CChildStarter::nStart(const STChildStart& stStart) noexcept
 {
     m_nExecError = 0;
-    const bool bCloseRange = ::close_range(~0U, ~0U, 0) == 0; // closes nothing: no descriptor has that number
+    const bool bCloseRange = nCloseRange(~0U, ~0U, 0) == 0; // closes nothing: no descriptor has that number
     const int nSharedTable = bCloseRange ? CLONE_FILES : 0;
-    STChildContext stContext{stStart, pfnFirst, pContext, bCloseRange, &m_nExecError};
+    STChildContext stContext{stStart, bCloseRange, &m_nExecError};
     const CSignalsHeld clHeld; // a child that still shares our memory must not run our handlers
-    return __clone(nRunChild, m_pStack.get() + s_nChildStack,
-                   CLONE_VM | CLONE_VFORK | CLONE_PARENT_SETTID | nSharedTable | SIGCHLD, &stContext, pnPid);
+    return __clone(nRunChild, m_pStack.get() + s_nChildStack, CLONE_VM | CLONE_VFORK | nSharedTable | SIGCHLD,
+                   &stContext);
 }

@@ -28,11 +28,9 @@ public:
     CChildStarter& operator=(const CChildStarter&) = delete;
     ~CChildStarter() = default;
 
-    /// The kernel writes the pid to *pnPid before the child runs; in the child pfnFirst(pContext), unless
-    /// null, comes first of all: only async-signal-safe calls. Returns the pid, or -1 with errno. A child
-    /// whose program cannot be executed ends with code 127. Neither allocates nor locks.
-    pid_t nStart(const STChildStart& stStart, pid_t* pnPid, void (*pfnFirst)(void*) = nullptr,
-                 void* pContext = nullptr) noexcept;
+    /// Returns the pid, or -1 with errno. A child whose program cannot be executed exits with status 127.
+    /// Neither allocates nor locks.
+    pid_t nStart(const STChildStart& stStart) noexcept;
     /// Why the program of the child could not be executed; 0 when it was.
     int nExecError() const noexcept { return m_nExecError; }
 

@@ -61,8 +61,8 @@ int nShell(const std::string& csCommand)
     const STChildStart stShell{"/bin/sh",     ppszArgs,      STDIN_FILENO,
                                STDOUT_FILENO, STDERR_FILENO, CStopping::bCancellable()};
     CChildStarter clStarter;
-    pid_t nPid = -1;
-    if (clStarter.nStart(stShell, &nPid) < 0) {
+    const pid_t nPid = clStarter.nStart(stShell);
+    if (nPid < 0) {
         return -1;
     }
     int nStatus = 0;
