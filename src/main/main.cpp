@@ -9,12 +9,14 @@
 #include "support/accesdllres.h"
 #include "support/Stopping.h"
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <malloc.h>
 #include <memory>
 #include <new>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -35,6 +37,17 @@ void OpenStandardDescriptors()
     ::close(nFd);
 }
 
+/// Undoes what whoever started the process may have set: a blocked SIGCHLD, which every thread would inherit,
+/// makes each pause for a silent tool last its 2 seconds and leaves its children unreaped, and a strict umask
+/// would hide unit files from the system's tools.
+void ForgetStarter()
+{
+    sigset_t stNone;
+    ::sigemptyset(&stNone);
+    ::pthread_sigmask(SIG_SETMASK, &stNone, nullptr);
+    ::umask(022);
+}
+
 /// What a burst made the heap need goes back to the system when it is over.
 void KeepHeapSmall()
 {
@@ -46,6 +59,7 @@ void KeepHeapSmall()
 void Init(int*, char***)
 {
     KeepHeapSmall();
+    ForgetStarter();
     OpenStandardDescriptors();
     DLLRES_bInit(nullptr, 0);
     s_pclSetupManager = std::make_unique<CSetupManager>();

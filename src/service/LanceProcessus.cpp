@@ -1,5 +1,6 @@
 #include "service/LanceProcessus.h"
 
+#include "service/ToolEnvironment.h"
 #include "support/Conversion.h"
 #include "support/SelectSet.h"
 #include "support/Stopping.h"
@@ -117,8 +118,9 @@ bool CLanceProcessus::bLanceProcessus(const wchar_t* pszProgram, const wchar_t* 
     }
     // Refused: the usual room does as well.
     (void)::fcntl(stOutput.clWrite.nFd(), F_SETPIPE_SZ, static_cast<int>(s_nOutputRoom));
-    const STChildStart stStart{csProgram.c_str(), tArguments.data(), stInput.clRead.nFd(),
-                               stOutput.clWrite.nFd(), stOutput.clWrite.nFd()};
+    const std::vector<char*> tEnvironment = tToolEnvironment(csProgram);
+    const STChildStart stStart{csProgram.c_str(),    tArguments.data(),      tEnvironment.data(),
+                               stInput.clRead.nFd(), stOutput.clWrite.nFd(), stOutput.clWrite.nFd()};
     m_pstChild = CProcessManager::m_gpclManager->pstFork(stStart);
     if (m_pstChild == nullptr) {
         return bFail(pclError, L"fork", pszProgram);

@@ -94,7 +94,7 @@ __attribute__((no_sanitize("thread", "address", "undefined"))) int nRunChild(voi
         ::syscall(SYS_rt_sigaction, nSignal, &stDefault, nullptr, sizeof stDefault.nMask);
     }
     ::syscall(SYS_rt_sigprocmask, SIG_SETMASK, &stDefault.nMask, nullptr, sizeof stDefault.nMask);
-    ::execvp(stStart.pszProgram, stStart.ppszArguments);
+    ::execvpe(stStart.pszProgram, stStart.ppszArguments, stStart.ppszEnvironment);
     EndUnexecuted(stContext);
 }
 } // namespace

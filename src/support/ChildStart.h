@@ -9,11 +9,12 @@
 struct STChildStart
 {
     const char* pszProgram;
-    char* const* ppszArguments; ///< null-terminated, entry 0 is the program
-    int nInput;                 ///< becomes descriptor 0
-    int nOutput;                ///< becomes descriptor 1
-    int nError;                 ///< becomes descriptor 2
-    bool bOwnSession = false;   ///< so that it can be killed with all that it has started
+    char* const* ppszArguments;   ///< null-terminated, entry 0 is the program
+    char* const* ppszEnvironment; ///< null-terminated
+    int nInput;                   ///< becomes descriptor 0
+    int nOutput;                  ///< becomes descriptor 1
+    int nError;                   ///< becomes descriptor 2
+    bool bOwnSession = false;     ///< so that it can be killed with all that it has started
 };
 
 /// Creates one child as vfork does: nothing of the daemon is copied, so the cost does not grow with it, and

@@ -58,8 +58,8 @@ int nShell(const std::string& csCommand)
     std::string csOption = "-c";
     std::string csText = csCommand;
     char* const ppszArgs[] = {csShell.data(), csOption.data(), csText.data(), nullptr};
-    const STChildStart stShell{"/bin/sh",     ppszArgs,      STDIN_FILENO,
-                               STDOUT_FILENO, STDERR_FILENO, CStopping::bCancellable()};
+    const STChildStart stShell{
+        "/bin/sh", ppszArgs, environ, STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO, CStopping::bCancellable()};
     CChildStarter clStarter;
     const pid_t nPid = clStarter.nStart(stShell);
     if (nPid < 0) {

@@ -1,8 +1,10 @@
 // The built manager from start to stop under load.
 
 #include "ManagerWorld.h"
+#include "support/CloseRange.h"
 #include "tools/Command.h"
 #include "tools/PingClient.h"
+#include "tools/Wait.h"
 #include "tools/WireClient.h"
 
 #include <chrono>
@@ -129,4 +131,44 @@ TEST(Whole, CommandsSayWhatCouldNotBeAskedAndWriteNothing)
     EXPECT_EQ(st.nStatus, 255);
     EXPECT_NE(st.csOutput.find("cannot be registered or looked up"), std::string::npos) << st.csOutput;
     EXPECT_EQ(stRun("ls /lib/systemd/system").csOutput, "") << "it may be registered already";
+}
+
+TEST(Whole, WorksWhateverItIsStartedWith)
+{
+    REQUIRE_PRIVATE_WORLD();
+    const CManagerWorld clWorld(
+        "[ \"$SYSTEMD_LOG_LEVEL$SYSTEMD_COLORS$SYSTEMD_PAGER$LC_ALL\" = 0C.UTF-8 ] || exit 1\n"
+        "sleep 0.01\n");
+    const auto csShell = [](const std::string& csBefore, const std::string& csBehind = "") {
+        return "sh -c '" + csBefore + "exec \"$0\" \"$@\"" + csBehind + "' ";
+    };
+    const std::string tWrappers[] = {
+        "",
+        "env --block-signal=CHLD ",
+        "env --block-signal ",
+        "env --ignore-signal ",
+        csShell("", " <&- >&- 2>&-"),
+        "prlimit --nofile=16 ",
+        g_bSanitized ? "" : "prlimit --stack=65536 ",
+        "prlimit --stack=unlimited ",
+        csShell("umask 077; "),
+        "env LC_ALL=tr_TR.UTF-8 LANGUAGE=fr ",
+        "env SYSTEMD_LOG_LEVEL=debug SYSTEMD_COLORS=1 SYSTEMD_URLIFY=1 ",
+    };
+    constexpr unsigned int nCloseOnExec = 1u << 2;
+    (void)nCloseRange(3, ~0U, nCloseOnExec); // the manager is to have what it opens itself
+    for (const std::string& csWrapper : tWrappers) {
+        SCOPED_TRACE(csWrapper);
+        CManagerWorld::Reset();
+        std::ofstream("/run/velmo/DXConf.ini") << "[MANAGER]\nRestartOnFailed=0\n"; // one listing at a time
+        CManagerRun clManager(csWrapper);
+        ASSERT_TRUE(clManager.bAnswers());
+        const auto clStart = std::chrono::steady_clock::now();
+        EXPECT_EQ(csPlay(true), "");
+        EXPECT_LT(std::chrono::steady_clock::now() - clStart, std::chrono::seconds(5)) << "full pauses";
+        EXPECT_EQ(stRun("grep Umask /proc/" + std::to_string(clManager.nPid()) + "/status").csOutput,
+                  "Umask:\t0022\n");
+        EXPECT_TRUE(bWaitUntil([&] { return stFiguresOf(clManager.nPid()).nChildren == 0; }, 3000));
+        EXPECT_EQ(clManager.nStop(), 0);
+    }
 }

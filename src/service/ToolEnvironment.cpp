@@ -1,0 +1,41 @@
+#include "service/ToolEnvironment.h"
+
+#include "service/Systemctl.h"
+#include "support/Conversion.h"
+
+#include <algorithm>
+#include <array>
+#include <string_view>
+#include <unistd.h>
+
+namespace {
+// Not constant only because exec asks for pointers to plain characters.
+char s_szNoColours[] = "SYSTEMD_COLORS=0";
+char s_szNoPager[] = "SYSTEMD_PAGER=";
+char s_szPlainTexts[] = "LC_ALL=C.UTF-8";
+
+/// Whether systemctl reads the variable and we say what it is.
+bool bOurs(std::string_view csVariable)
+{
+    constexpr std::string_view tPrefixes[] = {"SYSTEMD_", "LC_ALL=", "LANGUAGE="};
+    return std::any_of(std::begin(tPrefixes), std::end(tPrefixes), [&](std::string_view csPrefix) {
+        return csVariable.substr(0, csPrefix.size()) == csPrefix;
+    });
+}
+} // namespace
+
+std::vector<char*> tToolEnvironment(const std::string& csProgram)
+{
+    const bool bSystemctl = csProgram == csToUTF8(g_szSystemctl);
+    std::vector<char*> tEnvironment;
+    for (char** ppsz = environ; *ppsz != nullptr; ++ppsz) {
+        if (!bSystemctl || !bOurs(*ppsz)) {
+            tEnvironment.push_back(*ppsz);
+        }
+    }
+    if (bSystemctl) {
+        tEnvironment.insert(tEnvironment.end(), {s_szNoColours, s_szNoPager, s_szPlainTexts});
+    }
+    tEnvironment.push_back(nullptr);
+    return tEnvironment;
+}
