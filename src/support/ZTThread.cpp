@@ -10,10 +10,10 @@
 #include <cxxabi.h>
 #include <sched.h>
 #include <thread>
+#include <utility>
 
 namespace {
 using namespace std::chrono_literals;
-using CClock = std::chrono::steady_clock;
 
 /// Pauses between two looks at a state: 101 of 1 ms, then each 1 ms longer than the last, up to 100 ms.
 class CBackOff
@@ -34,11 +34,10 @@ private:
 } // namespace
 
 template <class TCondition>
-void CZTThread::_WaitUntil(CLock& clLock, int nMaxMs, TCondition bCondition)
+void CZTThread::_WaitUntil(CLock& clLock, CClock::time_point clEnd, TCondition bCondition)
 {
-    const CClock::time_point clStart = CClock::now();
     CBackOff clBackOff;
-    while (!bCondition() && !(nMaxMs > 0 && CClock::now() - clStart > std::chrono::milliseconds(nMaxMs))) {
+    while (!bCondition() && CClock::now() <= clEnd) {
         clLock.unlock();
         clBackOff.Pause();
         clLock.lock();
@@ -61,7 +60,8 @@ CZTThread::EStart CZTThread::eStart(PFNThread pfnThread, void* pParameter, int b
     CLock clLock(m_clLock);
     if (_bAny(STARTING | RUNNING)) {
         // One that was asked to stop is waited for and then started anew; any other goes on as it is.
-        _WaitUntil(clLock, 0, [this] { return !_bAny(RUNNING) || !_bAny(STOP_REQUESTED); });
+        _WaitUntil(clLock, CClock::time_point::max(),
+                   [this] { return !_bAny(RUNNING) || !_bAny(STOP_REQUESTED); });
         if (_bAny(STARTING | RUNNING)) {
             return bWaitStart != 0 ? _eWaitStarted(clLock) : START_OK;
         }
@@ -121,14 +121,17 @@ void CZTThread::Stop(int bWait)
 void CZTThread::TakeSynchroStop()
 {
     CLock clLock(m_clLock);
+    m_clStopEnd = m_nStopTimeOut > 0 ? CClock::now() + std::chrono::milliseconds(m_nStopTimeOut)
+                                     : CClock::time_point::max();
     // A thread that is only starting is waited for, so that its end, too, can be waited for.
-    _WaitUntil(clLock, m_nStopTimeOut, [this] { return _bAny(STOP_REQUESTED | RUNNING); });
+    _WaitUntil(clLock, m_clStopEnd, [this] { return _bAny(STOP_REQUESTED | RUNNING); });
     m_nState |= STOP_REQUESTED;
     clLock.release(); // LeaveSynchroStop adopts it
 }
 
 void CZTThread::LeaveSynchroStop(int bWait)
 {
+    const CClock::time_point clEnd = m_clStopEnd;
     {
         // Woken with the lock still held: once it is free, a thread that owns this object may end and free
         // it.
@@ -138,7 +141,7 @@ void CZTThread::LeaveSynchroStop(int bWait)
     }
     ::sched_yield();
     if (bWait != 0) {
-        _WaitStopped();
+        _WaitStopped(clEnd);
     }
 }
 
@@ -216,12 +219,15 @@ void CZTThread::Stopped()
     const CLock clLock(m_clLock);
     // A thread that ends before it reported running is no longer starting either: it can be started again.
     m_nState = (m_nState & ~(RUNNING | STARTING)) | STOP_REQUESTED;
+    if (m_pbStopped != nullptr) {
+        *std::exchange(m_pbStopped, nullptr) = true;
+    }
 }
 
-void CZTThread::_WaitStopped()
+void CZTThread::_WaitStopped(CClock::time_point clEnd)
 {
     CLock clLock(m_clLock);
-    _WaitUntil(clLock, m_nStopTimeOut, [this] {
+    _WaitUntil(clLock, clEnd, [this] {
         if (!_bAny(RUNNING)) {
             return true;
         }
@@ -232,7 +238,7 @@ void CZTThread::_WaitStopped()
 
 CZTThread::EStart CZTThread::_eWaitStarted(CLock& clLock) const
 {
-    _WaitUntil(clLock, 0, [this] { return _bAny(STOP_REQUESTED | RUNNING); });
+    _WaitUntil(clLock, CClock::time_point::max(), [this] { return _bAny(STOP_REQUESTED | RUNNING); });
     return _bAny(RUNNING) ? START_OK : START_ENDED;
 }
 
@@ -249,9 +255,34 @@ int CZTThread::__nStartThread()
     return nError;
 }
 
+/// Around the thread function. When that has called Stopped, the object may be gone already; when not, its
+/// owner still waits for that.
+class CZTThread::CFrame
+{
+public:
+    explicit CFrame(CZTThread* pclThread) : m_pclThread(pclThread)
+    {
+        const CLock clLock(pclThread->m_clLock);
+        pclThread->m_pbStopped = &m_bStopped;
+    }
+    ~CFrame()
+    {
+        if (!m_bStopped) {
+            m_pclThread->Stopped();
+        }
+    }
+    CFrame(const CFrame&) = delete;
+    CFrame& operator=(const CFrame&) = delete;
+
+private:
+    CZTThread* m_pclThread;
+    bool m_bStopped = false;
+};
+
 void* CZTThread::ThreadFunc(void* pThread)
 {
     auto* pclThread = static_cast<CZTThread*>(pThread);
+    const CFrame clFrame(pclThread);
     try {
         pclThread->m_pfnThread(pclThread); // may free the object
     } catch (const abi::__forced_unwind&) {

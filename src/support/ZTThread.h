@@ -3,14 +3,17 @@
 #include "support/XError.h"
 #include "support/ZTSem.h"
 
+#include <chrono>
 #include <mutex>
 
 struct _stMyModuleInfo;
 
 /// A thread with a cooperative stop. The owner starts it, asks it to stop and may wait for that; the thread
-/// function calls Started first and Stopped last, looks at bMustStop in its loop and sleeps with SleepOrStop,
-/// which a stop request wakes at once. Threads are detached, have stacks of 64 KiB (no large locals on their
-/// paths) and run with SIGTERM blocked, so that a stop of the daemon always reaches the main thread.
+/// function calls Started first and Stopped last (what it leaves out, or an exception skips, is made up for
+/// when it returns, so that nobody waits for ever), looks at bMustStop in its loop and sleeps with
+/// SleepOrStop, which a stop request wakes at once. Threads are detached, have stacks of 64 KiB (no large
+/// locals on their paths) and run with SIGTERM blocked, so that a stop of the daemon always reaches the main
+/// thread.
 ///
 /// The object may be started again after it has stopped, and must outlive the call of Stopped, no longer.
 class CZTThread
@@ -62,6 +65,9 @@ public:
     int SleepOrStop();
     void Stopped();
 
+protected:
+    int m_nStopTimeOut = 0; ///< milliseconds of Stop in all; 0: its waits have no bound
+
 private:
     enum EState : unsigned int
     {
@@ -71,12 +77,14 @@ private:
         SUSPENDED = 8, ///< a pause is requested
     };
     using CLock = std::unique_lock<std::recursive_mutex>;
+    using CClock = std::chrono::steady_clock;
+    class CFrame;
 
-    /// Polls until the condition holds, at most nMaxMs when that is above 0; the lock is released meanwhile.
+    /// Polls until the condition holds or the time has come; the lock is released meanwhile.
     template <class TCondition>
-    static void _WaitUntil(CLock& clLock, int nMaxMs, TCondition bCondition);
+    static void _WaitUntil(CLock& clLock, CClock::time_point clEnd, TCondition bCondition);
     bool _bAny(unsigned int nBits) const noexcept { return (m_nState & nBits) != 0; }
-    void _WaitStopped();
+    void _WaitStopped(CClock::time_point clEnd);
     EStart _eWaitStarted(CLock& clLock) const;
     int __nStartThread();
     static void* ThreadFunc(void* pThread);
@@ -88,5 +96,6 @@ private:
     PFNThread m_pfnThread = nullptr;
     CZTSemNoInit m_clSuspension;
     CZTSemNoInit m_clSleep;
-    int m_nStopTimeOut = 0; ///< milliseconds; 0: the waits of Stop have no bound
+    CClock::time_point m_clStopEnd; ///< when the waits of the latest Stop are over
+    bool* m_pbStopped = nullptr;    ///< of the running ThreadFunc: whether its function has called Stopped
 };

@@ -108,6 +108,65 @@ TEST(Thread, EndingEarlyIsToldAndExceptionsAreDropped)
     EXPECT_EQ(clThread.eRun(), CZTThread::START_OK);
 }
 
+TEST(Thread, WhatAFunctionLeavesOutIsMadeUpFor)
+{
+    const CZTThread::PFNThread tFunctions[] = {
+        [](CZTThread*) {},
+        [](CZTThread*) { throw 1; },
+        [](CZTThread* pcl) { pcl->Started(); },
+        [](CZTThread* pcl) {
+            pcl->Started();
+            throw 1;
+        },
+        [](CZTThread* pcl) {
+            pcl->Started();
+            ::pthread_exit(nullptr);
+        },
+    };
+    InChild([&] {
+        ::alarm(20); // instead of waiting for ever
+        for (const CZTThread::PFNThread pfnThread : tFunctions) {
+            STSleeper clThread;
+            EXPECT_NE(clThread.eStart(pfnThread, nullptr, 1, 0), CZTThread::START_FAILED);
+            EXPECT_TRUE(bWaitUntil([&] { return !clThread.bThreadRunning(); }, 5000));
+            EXPECT_EQ(clThread.eRun(), CZTThread::START_OK);
+            clThread.Stop(1);
+            EXPECT_FALSE(clThread.bThreadRunning());
+            CZTThread clStopped;
+            EXPECT_NE(clStopped.eStart(pfnThread, nullptr, 0, 0), CZTThread::START_FAILED);
+            clStopped.Stop(1);
+            EXPECT_FALSE(clStopped.bThreadRunning());
+        }
+    });
+}
+
+TEST(Thread, TheTimeOutOfAStopCoversAllItsWaits)
+{
+    struct STSlow : CZTThread
+    {
+        STSlow() { m_nStopTimeOut = 400; }
+        ~STSlow() override
+        {
+            bRelease = true;
+            EXPECT_TRUE(bWaitUntil([this] { return !bThreadRunning(); }, 5000));
+        }
+        std::atomic<bool> bRelease{false};
+    } clThread;
+    const auto Slow = [](CZTThread* pclThread) {
+        auto* pcl = static_cast<STSlow*>(pclThread);
+        ::usleep(300'000);
+        pcl->Started();
+        (void)bWaitUntil([&] { return pcl->bRelease.load(); }, 10'000);
+        pcl->Stopped();
+    };
+    ASSERT_EQ(clThread.eStart(Slow, nullptr, 0, 0), CZTThread::START_OK);
+    const auto clStart = CClock::now();
+    clThread.Stop(1);
+    EXPECT_GE(nElapsedMs(clStart), 400);
+    EXPECT_LT(nElapsedMs(clStart), 600);
+    EXPECT_TRUE(clThread.bThreadRunning());
+}
+
 TEST(Thread, AThreadThatCannotBeCreatedIsAnError)
 {
     if (::geteuid() != 0) {
