@@ -8,8 +8,6 @@
 class CServiceImp
 {
 public:
-    virtual ~CServiceImp() = default;
-
     /// Runs the service until it is stopped.
     virtual void MainLoop() = 0;
     virtual ILogger* pclGetLogger() = 0;
@@ -24,6 +22,8 @@ public:
     /// True, and the directory, when that must belong to the service user. Room for 261 characters.
     virtual bool vbGetOwnDirectory(wchar_t* pszDirectory);
     virtual bool vbLogStartOK() { return true; }
+    /// Last, so that the operations above keep their slots.
+    virtual ~CServiceImp() = default;
 };
 
 /// The service of this process; null outside main's Init to Term.

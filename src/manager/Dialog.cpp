@@ -212,8 +212,7 @@ void CDialog::ACK(eError eCode, unsigned int nSystemError)
         __Send("OK\r\n");
         return;
     }
-    const std::wstring csText = nSystemError != 0 ? csSystemMessage(nErrno) : std::wstring();
-    __Send("ERROR\t" + std::to_string(eCode) + __csToWire(csText) + "\r\n");
+    __Send("ERROR\t" + std::to_string(eCode) + (nSystemError != 0 ? csSystemText(nErrno) : "") + "\r\n");
 }
 
 bool CDialog::__bExecute(const std::wstring& csKeyword)

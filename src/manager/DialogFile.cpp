@@ -46,11 +46,8 @@ public:
             xThrow(L"write", m_csPath);
         }
     }
-    std::wstring csKeep()
-    {
-        m_bKept = true;
-        return csFromUTF8(m_csPath);
-    }
+    std::wstring csPath() const { return csFromUTF8(m_csPath); }
+    void Keep() noexcept { m_bKept = true; }
 
 private:
     std::string m_csPath;
@@ -74,6 +71,12 @@ void CDialog::xGetFile(const std::wstring& csName, unsigned int nSize, CInstallI
         clFile.xWrite({pBlock.get(), static_cast<std::size_t>(nReceived)});
         nTotal += static_cast<std::size_t>(nReceived);
     }
-    pclInfo->tNames.push_back(csName);
-    pclInfo->tTemporaryFiles.push_back(clFile.csKeep());
+    pclInfo->tTemporaryFiles.push_back(clFile.csPath());
+    try {
+        pclInfo->tNames.push_back(csName);
+    } catch (...) {
+        pclInfo->tTemporaryFiles.pop_back();
+        throw;
+    }
+    clFile.Keep(); // nothing fails any more
 }

@@ -176,11 +176,9 @@ CPingEcho::~CPingEcho()
     Stop();
 }
 
-bool CPingEcho::bInit(std::uint16_t wPort)
+bool CPingEcho::bInit(std::uint16_t wPort, CXError* pclError)
 {
-    CXError clError;
-    if (!bSocketBindUDP(wPort, SOCKET_REUSEADDR, this, &clError, nullptr)) {
-        errno = clError.nGetSystemError();
+    if (!bSocketBindUDP(wPort, SOCKET_REUSEADDR, this, pclError, nullptr)) {
         return false;
     }
     const int nOne = 1;

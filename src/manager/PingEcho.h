@@ -50,8 +50,8 @@ class CPingEcho : public CEnsembleSockets
 {
 public:
     ~CPingEcho();
-    /// Binds the sockets; false (with errno) when that fails.
-    bool bInit(std::uint16_t wPort);
+    /// Binds the sockets; false, with the error, when that fails.
+    bool bInit(std::uint16_t wPort, CXError* pclError);
     /// Starts the thread; throws CXError on failure.
     bool bStart();
     void Stop();

@@ -41,18 +41,16 @@ void EnlargeDescriptorTable(int nAny)
     const CDescripteur clHigh(::fcntl(nAny, F_DUPFD_CLOEXEC, s_nFirstDescriptor));
 }
 
-/// Opens the listening sockets; false with errno. A port that only the remains of ended conversations hold is
-/// taken over, one that somebody listens on is refused both times.
-bool bListen(std::uint16_t wPort, CEnsembleSockets* pclSockets)
+/// Opens the listening sockets; false with the error. A port that only the remains of ended conversations
+/// hold is taken over, one that somebody listens on is refused both times.
+bool bListen(std::uint16_t wPort, CEnsembleSockets* pclSockets, CXError* pclError)
 {
-    CXError clError;
-    bool bOpened = bSocketListenTCP(wPort, 0, pclSockets, &clError, nullptr, s_nBacklog);
-    if (!bOpened && clError.nGetSystemError() == EADDRINUSE) {
-        clError.Clear();
-        bOpened = bSocketListenTCP(wPort, SOCKET_REUSEADDR, pclSockets, &clError, nullptr, s_nBacklog);
+    bool bOpened = bSocketListenTCP(wPort, 0, pclSockets, pclError, nullptr, s_nBacklog);
+    if (!bOpened && pclError->nGetSystemError() == EADDRINUSE) {
+        pclError->Clear();
+        bOpened = bSocketListenTCP(wPort, SOCKET_REUSEADDR, pclSockets, pclError, nullptr, s_nBacklog);
     }
     if (!bOpened) {
-        errno = clError.nGetSystemError();
         return false;
     }
 
@@ -98,9 +96,9 @@ CServer::~CServer()
     Stop();
 }
 
-bool CServer::bInit(std::uint16_t wPort)
+bool CServer::bInit(std::uint16_t wPort, CXError* pclError)
 {
-    if (!bListen(wPort, &m_clSockets)) {
+    if (!bListen(wPort, &m_clSockets, pclError)) {
         return false;
     }
     EnlargeDescriptorTable(m_clSockets.tGetSockets().front().nSocket);

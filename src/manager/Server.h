@@ -17,8 +17,8 @@ public:
     CServer& operator=(const CServer&) = delete;
     ~CServer();
 
-    /// Opens the listening sockets; false when that fails (errno tells).
-    bool bInit(std::uint16_t wPort);
+    /// Opens the listening sockets; false, with the error, when that fails.
+    bool bInit(std::uint16_t wPort, CXError* pclError);
     /// Starts the accept threads; throws the CXError when one cannot be started, those before it go on.
     void Start();
     /// Ends the accept threads and closes the sockets. Conversations go on.

@@ -74,16 +74,10 @@ bool CSetupManager::bInit()
     if (!m_clServiceManager.bInit(nullptr, 0)) {
         return false;
     }
-    if (m_clServer.bInit(g_wManagerPort) && m_clPingEcho.bInit(g_wManagerPort)) {
+    CXError clError;
+    if (m_clServer.bInit(g_wManagerPort, &clError) && m_clPingEcho.bInit(g_wManagerPort, &clError)) {
         return true;
     }
-    // Only the sockets get here: the port is what another program can have taken.
-    CXError clError;
-    clError.SetSystemError(errno);
-    CTString csMessage;
-    DLLRES_bFormatMessage(&g_stMyModule, MSG_PORT_NOT_OPENED, &csMessage,
-                          static_cast<unsigned int>(g_wManagerPort));
-    clError.SetUserError(MSG_PORT_NOT_OPENED, csMessage);
     LogCause(m_clLogger, clError);
     return false;
 }

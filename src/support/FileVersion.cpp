@@ -48,33 +48,27 @@ std::optional<Elf64_Ehdr> stReadHeader(int nFd)
     return bUsable ? std::optional(st) : std::nullopt;
 }
 
-/// Takes nSize bytes and their padding off the front of the rest; null when it holds less.
-std::optional<std::string_view> csTake(std::string_view& csRest, std::size_t nSize, std::size_t nAlign)
+std::size_t nAligned(std::size_t nOffset, std::size_t nAlign)
 {
-    if (nSize > csRest.size()) {
-        return std::nullopt;
-    }
-    const std::string_view csTaken = csRest.substr(0, nSize);
-    csRest.remove_prefix(std::min(csRest.size(), (nSize + nAlign - 1) / nAlign * nAlign));
-    return csTaken;
+    return (nOffset + nAlign - 1) / nAlign * nAlign;
 }
 
-/// Content of the version note among the notes of a segment. They lie back to back: sizes of owner and
-/// content and the type, then owner and content, each padded.
+/// Content of the version note among the notes of a segment: sizes of owner and content and the type, then
+/// the owner, and the content and the next note each at the next aligned offset.
 std::optional<std::string_view> csFindNote(std::string_view csNotes, std::size_t nAlign)
 {
     Elf64_Nhdr st{};
-    while (csNotes.size() >= sizeof st) {
-        std::memcpy(&st, csNotes.data(), sizeof st);
-        csNotes.remove_prefix(sizeof st);
-        const auto csOwner = csTake(csNotes, st.n_namesz, nAlign);
-        const auto csContent = csOwner ? csTake(csNotes, st.n_descsz, nAlign) : std::nullopt;
-        if (!csContent) {
+    for (std::size_t nPos = 0; nPos < csNotes.size() && csNotes.size() - nPos >= sizeof st;) {
+        std::memcpy(&st, csNotes.data() + nPos, sizeof st);
+        const std::size_t nOwner = nPos + sizeof st; // sizes are 32 bits: no sum overflows
+        const std::size_t nContent = nAligned(nOwner + st.n_namesz, nAlign);
+        if (nContent + st.n_descsz > csNotes.size()) {
             return std::nullopt;
         }
-        if (*csOwner == s_csOwner && st.n_type == s_dwType) {
-            return csContent;
+        if (csNotes.substr(nOwner, st.n_namesz) == s_csOwner && st.n_type == s_dwType) {
+            return csNotes.substr(nContent, st.n_descsz);
         }
+        nPos = nAligned(nContent + st.n_descsz, nAlign);
     }
     return std::nullopt;
 }

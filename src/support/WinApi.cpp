@@ -50,10 +50,15 @@ std::wstring FormatMessageW(unsigned int nFlags, const wchar_t* pszSource, unsig
                                                       : std::wstring();
 }
 
-std::wstring csSystemMessage(int nErrno)
+std::string csSystemText(int nErrno)
 {
     std::string csBuffer(256, '\0');
-    return csFromUTF8(::strerror_r(nErrno, csBuffer.data(), csBuffer.size()));
+    return ::strerror_r(nErrno, csBuffer.data(), csBuffer.size());
+}
+
+std::wstring csSystemMessage(int nErrno)
+{
+    return csFromUTF8(csSystemText(nErrno));
 }
 
 std::wstring csFormatMessage(const wchar_t* pszFormat, ...)

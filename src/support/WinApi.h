@@ -28,6 +28,8 @@ std::wstring FormatMessageW(unsigned int nFlags, const wchar_t* pszSource, unsig
 
 /// The C library's text for an error number. Any thread.
 std::wstring csSystemMessage(int nErrno);
+/// The same as the C library gives it.
+std::string csSystemText(int nErrno);
 
 /// As FormatMessageW from a string, with the arguments given directly.
 std::wstring csFormatMessage(const wchar_t* pszFormat, ...);

@@ -47,6 +47,21 @@ void __CompleteErreurServeur(std::uint16_t wPort, const wchar_t* pszCall, CXErro
     errno = nErrno;
 }
 
+/// Completes the error of a port for which the resolver gives no address: nobody needs to have taken it.
+void CompleteResolverError(std::uint16_t wPort, int nResult, CXError* pclError)
+{
+    if (pclError == nullptr) {
+        return;
+    }
+    const int nErrno = errno;
+    pclError->SetSystemError(nResult == EAI_SYSTEM ? nErrno : 0);
+    pclError->SetUserError(0, L"No local address for port " + std::to_wstring(wPort) + L": " +
+                                  csFromUTF8(::gai_strerror(nResult)));
+    pclError->SetLevel(s_nLevelServer);
+    pclError->SetModule(g_stMyModule.pszName);
+    pclError->AddDebugMessage(L"getaddrinfo");
+}
+
 bool bSetFlag(int nSocket, int nLevel, int nName)
 {
     const int nOn = 1;
@@ -126,8 +141,8 @@ struct STEndpoint
     const wchar_t* pszAddress; ///< null: every local one
 };
 
-/// Local addresses to bind; null with errno when the resolver fails.
-CAddrInfo tResolve(const STEndpoint& stEndpoint)
+/// Local addresses to bind; null, and the error, when the resolver fails.
+CAddrInfo tResolve(const STEndpoint& stEndpoint, CXError* pclError)
 {
     const wchar_t* const pszAddress = stEndpoint.pszAddress;
     addrinfo stHints{};
@@ -140,7 +155,7 @@ CAddrInfo tResolve(const STEndpoint& stEndpoint)
     const int nResult = ::getaddrinfo(pszAddress != nullptr ? csNode.c_str() : nullptr,
                                       std::to_string(stEndpoint.wPort).c_str(), &stHints, &pstList);
     if (nResult != 0) {
-        errno = nResult == EAI_SYSTEM ? errno : EADDRNOTAVAIL;
+        CompleteResolverError(stEndpoint.wPort, nResult, pclError);
         return nullptr;
     }
     return CAddrInfo(pstList);
@@ -151,8 +166,7 @@ CAddrInfo tResolve(const STEndpoint& stEndpoint)
 template <class TWorker>
 bool bOpenAll(const STEndpoint& stEndpoint, CEnsembleSockets* pclSet, CXError* pclError, TWorker eOpen)
 {
-    const CAddrInfo tAddresses = tResolve(stEndpoint);
-    const wchar_t* pszFailed = tAddresses ? L"socket" : L"getaddrinfo";
+    const CAddrInfo tAddresses = tResolve(stEndpoint, pclError);
     for (const addrinfo* pst = tAddresses.get(); pst != nullptr; pst = pst->ai_next) {
         if (pst->ai_family != AF_INET && pst->ai_family != AF_INET6) {
             continue;
@@ -168,7 +182,7 @@ bool bOpenAll(const STEndpoint& stEndpoint, CEnsembleSockets* pclSet, CXError* p
         }
     }
     if (pclSet->tGetSockets().empty() && pclError != nullptr && !pclError->bIsSet()) {
-        __CompleteErreurServeur(stEndpoint.wPort, pszFailed, pclError);
+        __CompleteErreurServeur(stEndpoint.wPort, L"socket", pclError);
     }
     return !pclSet->tGetSockets().empty();
 }

@@ -10,7 +10,10 @@
 #include "tools/WireClient.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <fcntl.h>
 #include <filesystem>
@@ -372,6 +375,27 @@ TEST_F(Server, AnotherStartTakesThePortFromWhatConversationsLeftAndFromNobodyWho
     clNext.__TermMainLoop();
     EXPECT_TRUE(CDialog::s_bEndAll(5000));
     gpclSetupManager = m_pclManager.get();
+}
+
+/// The C library's text in a locale that is not installed here: bytes that are no UTF-8.
+extern "C" char* strerror_r(int nErrno, char* pBuffer, std::size_t nSize) noexcept
+{
+    constexpr int nForeign = 4242;
+    std::snprintf(pBuffer, nSize, "%s", nErrno == nForeign ? "d\xE9j\xE0 vu" : std::strerror(nErrno));
+    return pBuffer;
+}
+
+TEST(Dialog, TheSystemsTextGoesOutAsTheCLibraryGivesIt)
+{
+    int tPair[2] = {-1, -1};
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, tPair), 0);
+    const CDescripteur clTool(tPair[0]);
+    CDialog clDialog{CDescripteur(tPair[1])};
+    errno = 4242;
+    clDialog.ACK(ERREUR_START, 1u);
+    char tReply[64]{};
+    EXPECT_GT(::recv(clTool.nFd(), tReply, sizeof tReply - 1, 0), 0);
+    EXPECT_STREQ(tReply, "ERROR\t2d\xE9j\xE0 vu\r\n");
 }
 
 TEST(Upload, ComesToAWholeFileOrToNone)

@@ -6,6 +6,8 @@
 #include "support/VersionNote.h"
 #include "tools/TempDir.h"
 
+#include <cstring>
+#include <elf.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -33,6 +35,42 @@ TEST(FileVersion, ARealExecutableTellsItsVersion)
     EXPECT_FALSE(clVersion.bGetStringValue(L"\\StringFileInfo\\000004E4\\Other", &csValue));
     EXPECT_FALSE(clVersion.bLoad(L"/bin/sh"));
     EXPECT_FALSE(clVersion.bGetStringValue(L"FileVersion", &csValue)); // the last file's entries are gone
+}
+
+TEST(FileVersion, TheNoteIsFoundBesideOthersInBothAlignments)
+{
+    const CTempDir clDir;
+    for (const std::size_t nAlign : {std::size_t{4}, std::size_t{8}}) {
+        std::string csNotes;
+        const auto Add = [&](std::uint32_t dwType, const std::string& csOwner, const std::string& csContent) {
+            const std::uint32_t tHeader[] = {static_cast<std::uint32_t>(csOwner.size()),
+                                             static_cast<std::uint32_t>(csContent.size()), dwType};
+            csNotes.append(reinterpret_cast<const char*>(tHeader), sizeof tHeader).append(csOwner);
+            csNotes.resize((csNotes.size() + nAlign - 1) / nAlign * nAlign);
+            csNotes.append(csContent);
+            csNotes.resize((csNotes.size() + nAlign - 1) / nAlign * nAlign);
+        };
+        Add(5, std::string("GNU\0", 4), "01234567");
+        Add(1, std::string("Velmo\0", 6), std::string("FileVersion=1.2\0", 16));
+        Elf64_Ehdr stHeader{};
+        std::memcpy(stHeader.e_ident, "\177ELF\2\1\1", 7);
+        stHeader.e_phoff = sizeof stHeader;
+        stHeader.e_phentsize = sizeof(Elf64_Phdr);
+        stHeader.e_phnum = 1;
+        Elf64_Phdr stSegment{};
+        stSegment.p_type = PT_NOTE;
+        stSegment.p_offset = sizeof stHeader + sizeof stSegment;
+        stSegment.p_filesz = csNotes.size();
+        stSegment.p_align = nAlign;
+        clDir.csWrite("program",
+                      std::string(reinterpret_cast<const char*>(&stHeader), sizeof stHeader) +
+                          std::string(reinterpret_cast<const char*>(&stSegment), sizeof stSegment) + csNotes);
+        CFileVersion clVersion;
+        std::wstring csValue;
+        EXPECT_TRUE(clVersion.bLoad(clDir.csWidePath("program"))) << nAlign;
+        EXPECT_TRUE(clVersion.bGetStringValue(L"FileVersion", &csValue));
+        EXPECT_EQ(csValue, L"1.2");
+    }
 }
 
 TEST(FileVersion, ATruncatedExecutableAndNoRegularFileHaveNone)

@@ -1,9 +1,11 @@
+#include "support/Conversion.h"
 #include "support/Descripteur.h"
 #include "support/XIpHelper.h"
 #include "tools/Address.h"
 
 #include <cerrno>
 #include <gtest/gtest.h>
+#include <netdb.h>
 
 namespace {
 CDescripteur clSocket(int nType)
@@ -61,6 +63,8 @@ TEST(Sockets, ATCPPortTakenInOneFamilyIsFatalForTheWholeSetAndSaysWhy)
     clError.Clear();
     EXPECT_FALSE(bSocketListenTCP(4999, 0, &clSecond, &clError, L"no such host name", 5));
     EXPECT_EQ(clError.StringDump(CXError::INFO_DEBUG), L"Detail: getaddrinfo");
+    EXPECT_EQ(clError.nGetUserError(), 0u) << "the port is not what is wrong";
+    EXPECT_NE(clError.csGetMessage().find(csFromUTF8(::gai_strerror(EAI_NONAME))), std::wstring::npos);
 }
 
 TEST(Sockets, ATakenUDPAddressIsOnlySkipped)

@@ -71,6 +71,7 @@ TEST_F(LanguageRuntime, LibraryThatCannotBeLoadedIsRefusedWithItsPath)
     const fs::path clFolder = clDirectory.csPath();
     fs::copy_file(clBin() / "zt240vm64.so", clFolder / "zt240vm64.so");
     clDirectory.csWrite("text.so", "no library");
+    fs::current_path(clBin()); // where everything lies: nothing may be found because of that
     const std::pair<fs::path, const char*> tCases[] = {
         {clFolder / "absent.so", "No such file"},
         {clFolder / "text.so", "too short"},
