@@ -6,7 +6,6 @@
 #include "manager/Dialog.h"
 #include "manager/SetupManager.h"
 #include "service/LanceProcessus.h"
-#include "support/accesdllres.h"
 #include "support/Stopping.h"
 
 #include <csignal>
@@ -61,7 +60,6 @@ void Init(int*, char***)
     KeepHeapSmall();
     ForgetStarter();
     OpenStandardDescriptors();
-    DLLRES_bInit(nullptr, 0);
     s_pclSetupManager = std::make_unique<CSetupManager>();
     gpclSetupManager = s_pclSetupManager.get();
     gpclServiceImp = gpclSetupManager;
@@ -75,7 +73,6 @@ void Term()
     gpclServiceImp = nullptr;
     gpclSetupManager = nullptr;
     CLanceProcessus::sTerm();
-    DLLRES_Term();
 }
 
 /// First the endpoints, of which a start that failed half-way may have left some running: no conversation may

@@ -1,6 +1,7 @@
 #include "manager/RemoteVelmoManager.h"
 
 #include "config/Config.h"
+#include "config/Settings.h"
 #include "manager/Dialog.h"
 #include "manager/ServerFolder.h"
 #include "manager/SetupManager.h"
@@ -10,8 +11,6 @@
 #include <cerrno>
 
 namespace {
-/// Characters of the cluster manager's name, terminator included.
-constexpr std::size_t s_nClusterName = 1025;
 
 /// A reply with the system text of what has just failed.
 void Refuse(CDialog& clDialog, eError eCode)
@@ -176,10 +175,10 @@ void CRemoteVelmoManager::ClusterInfo(CDialog& clDialog)
     }
     // The server's own settings, not the manager's.
     const CConfig clConfig(csDirectory.c_str());
-    std::wstring csManager(s_nClusterName, L'\0');
+    std::wstring csManager(settings::ClusterManager.nSize, L'\0');
     if (clConfig.bClusterNode()) {
         clConfig.GetClusterManagerName(csManager.data());
     }
-    csManager.resize(wcsnlen(csManager.c_str(), s_nClusterName - 1));
+    csManager.resize(wcsnlen(csManager.c_str(), settings::ClusterManager.nSize - 1));
     clDialog.Answer((csManager.empty() ? L"YES\t0\t" : L"YES\t1\t") + csManager);
 }

@@ -21,7 +21,6 @@ constexpr int s_nMaxArguments = 50; ///< the program included
 constexpr std::size_t s_nOutputRoom = std::size_t{1} << 20;
 constexpr std::size_t s_nBlock = 1024; ///< bytes of one read
 constexpr long s_nGoOnMs = 50;         ///< a child that waited for room in its pipe writes again within
-std::unique_ptr<CProcessManager> s_pclManager;
 
 /// Appends without doubling a large text: while it moves, both copies are in memory.
 void AppendWithin(std::string* pcsText, std::string_view csMore, std::size_t nMax)
@@ -77,13 +76,13 @@ int nSplitArguments(char* psz, char** ppszArguments, int nMax) noexcept
 
 void CLanceProcessus::sInit()
 {
-    s_pclManager.reset(); // the old one restores the signal actions that the new one takes over
-    s_pclManager = std::make_unique<CProcessManager>();
+    sTerm(); // the old one restores the signal actions that the new one takes over
+    CProcessManager::m_gpclManager = std::make_unique<CProcessManager>();
 }
 
 void CLanceProcessus::sTerm()
 {
-    s_pclManager.reset();
+    CProcessManager::m_gpclManager.reset();
 }
 
 CLanceProcessus::~CLanceProcessus()

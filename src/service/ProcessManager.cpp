@@ -9,7 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-CProcessManager* CProcessManager::m_gpclManager = nullptr;
+std::unique_ptr<CProcessManager> CProcessManager::m_gpclManager;
 
 namespace {
 /// Holds the child table. Blocks SIGCHLD in this thread before it takes the lock, so that the handler never
@@ -54,7 +54,6 @@ void lance_processus_child_sigaction(int nSignal, siginfo_t* pstInfo, void* pCon
 
 CProcessManager::CProcessManager()
 {
-    m_gpclManager = this;
     struct sigaction stAction
     {};
     sigemptyset(&stAction.sa_mask);
@@ -71,7 +70,6 @@ CProcessManager::~CProcessManager()
 {
     ::sigaction(SIGPIPE, &m_stPreviousPipe, nullptr);
     ::sigaction(SIGCHLD, &m_stPrevious, nullptr);
-    m_gpclManager = nullptr;
 }
 
 template <class TAction>

@@ -18,7 +18,7 @@ class CProcessManager
 {
 public:
     /// Null outside sInit to sTerm.
-    static CProcessManager* m_gpclManager;
+    static std::unique_ptr<CProcessManager> m_gpclManager;
 
     /// Installs the SIGCHLD handler; the previous action is called for children that are not ours.
     CProcessManager();

@@ -23,7 +23,6 @@ enum EMessage : unsigned int
 enum EUserError : unsigned int
 {
     USER_ERROR_THREAD = 1,  ///< a worker thread cannot be started
-    USER_ERROR_COMMAND = 2, ///< an operation was refused; for the language runtime
     USER_ERROR_SETTING = 3, ///< a setting cannot be written
 };
 

@@ -20,9 +20,6 @@ inline constexpr STMessage s_tMessages[] = {
     {nUserErrorMessage(USER_ERROR_THREAD),
      u"A worker thread could not be started. Check the limits on memory and on the number of threads of the "
      u"service (LimitNPROC, TasksMax), then restart the manager."},
-    {nUserErrorMessage(USER_ERROR_COMMAND),
-     u"The operation could not be carried out. The lines below tell what was refused: correct it and try "
-     u"again."},
     {nUserErrorMessage(USER_ERROR_SETTING),
      u"A setting could not be written to DXConf.ini. Check that the disk is not full and that the file and "
      u"its folder can be written to, then try again."},

@@ -61,15 +61,6 @@ std::wstring csSystemMessage(int nErrno)
     return csFromUTF8(csSystemText(nErrno));
 }
 
-std::wstring csFormatMessage(const wchar_t* pszFormat, ...)
-{
-    va_list pArgs;
-    va_start(pArgs, pszFormat);
-    std::wstring csText = FormatMessageW(FORMAT_MESSAGE_FROM_STRING, pszFormat, 0, &pArgs);
-    va_end(pArgs);
-    return csText;
-}
-
 std::wstring csEscapePercent(std::wstring_view csText)
 {
     return csReplaceAll<wchar_t>(std::wstring(csText), L"%", L"%%");

@@ -31,8 +31,5 @@ std::wstring csSystemMessage(int nErrno);
 /// The same as the C library gives it.
 std::string csSystemText(int nErrno);
 
-/// As FormatMessageW from a string, with the arguments given directly.
-std::wstring csFormatMessage(const wchar_t* pszFormat, ...);
-
 /// Outside text made safe for a place where it will be read as a format: every "%" doubled.
 std::wstring csEscapePercent(std::wstring_view csText);

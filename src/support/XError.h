@@ -32,8 +32,6 @@ public:
     unsigned int nGetUserError() const noexcept { return m_nUser; }
     const std::wstring& csGetMessage() const noexcept { return m_csMessage; }
 
-    void SetLevel(int nLevel) noexcept { m_nLevel = nLevel; }
-    int nGetLevel() const noexcept { return m_nLevel; }
     void SetModule(std::wstring csModule) { m_csModule = std::move(csModule); }
     void AddDebugMessage(std::wstring csText) { m_tDebug.push_back(std::move(csText)); }
 
@@ -43,7 +41,6 @@ public:
 private:
     int m_nSystem = 0;
     unsigned int m_nUser = 0;
-    int m_nLevel = 0;
     std::wstring m_csMessage;
     std::wstring m_csModule;
     std::vector<std::wstring> m_tDebug;

@@ -14,7 +14,6 @@
 
 namespace {
 constexpr int s_nMaxBacklog = 128;
-constexpr int s_nLevelServer = 2;
 
 /// What became of one address of the resolver.
 enum ESocketResult
@@ -40,7 +39,6 @@ void __CompleteErreurServeur(std::uint16_t wPort, const wchar_t* pszCall, CXErro
     CTString csText;
     DLLRES_bFormatMessage(&g_stMyModule, MSG_PORT_NOT_OPENED, &csText, static_cast<unsigned int>(wPort));
     pclError->SetUserError(MSG_PORT_NOT_OPENED, csText);
-    pclError->SetLevel(s_nLevelServer);
     pclError->SetModule(g_stMyModule.pszName);
     pclError->SetSystemError(nErrno);
     pclError->AddDebugMessage(pszCall);
@@ -57,7 +55,6 @@ void CompleteResolverError(std::uint16_t wPort, int nResult, CXError* pclError)
     pclError->SetSystemError(nResult == EAI_SYSTEM ? nErrno : 0);
     pclError->SetUserError(0, L"No local address for port " + std::to_wstring(wPort) + L": " +
                                   csFromUTF8(::gai_strerror(nResult)));
-    pclError->SetLevel(s_nLevelServer);
     pclError->SetModule(g_stMyModule.pszName);
     pclError->AddDebugMessage(L"getaddrinfo");
 }

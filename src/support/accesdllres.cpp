@@ -11,7 +11,6 @@ constinit const _stMyModuleInfo g_stMyModule = {L"VelmoManager", &bGetResAnsi602
 namespace {
 constexpr int s_nMaxOutsideText = 65536;
 
-bool gbInitialise = false;
 PFNLoadStringZTM gpfnLoadStringZTM = nullptr;
 
 /// Asks the outside loader. Returns the number of characters in the buffer, never more than fit.
@@ -63,17 +62,6 @@ bool __DLLRES_bLoadString(const _stMyModuleInfo& stModule, unsigned int nId, CTS
     return bLoadOutside(nId, pcsText) || bLoadOwn(stModule, nId, pcsText);
 }
 } // namespace
-
-bool DLLRES_bInit(void* /*hInstance*/, int /*nReserved*/)
-{
-    gbInitialise = true;
-    return gbInitialise;
-}
-
-void DLLRES_Term()
-{
-    gbInitialise = false;
-}
 
 void DLLRES_SetLoadStringZTM(PFNLoadStringZTM pfnLoader)
 {

@@ -16,9 +16,6 @@ struct _stMyModuleInfo
 };
 extern const _stMyModuleInfo g_stMyModule;
 
-bool DLLRES_bInit(void* hInstance, int nReserved);
-void DLLRES_Term();
-
 /// Optional outside loader, asked first for every id: writes at most nSize characters with terminator,
 /// returns their number without it, 0 when it does not know the id. Installed before any thread runs.
 using PFNLoadStringZTM = int (*)(unsigned int nId, wchar_t* pszBuffer, int nSize);

@@ -3,15 +3,7 @@
 #include "support/Conversion.h"
 
 #include <dlfcn.h>
-
-CProxyDll& CProxyDll::operator=(CProxyDll&& clOther) noexcept
-{
-    if (this != &clOther) {
-        Unload();
-        m_hLibrary = std::exchange(clOther.m_hLibrary, nullptr);
-    }
-    return *this;
-}
+#include <utility>
 
 bool CProxyDll::bLoad(const std::wstring& csPath, CXError* pclError)
 {

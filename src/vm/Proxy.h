@@ -3,16 +3,13 @@
 #include "support/XError.h"
 
 #include <string>
-#include <utility>
 
-/// One shared library loaded at run time: empty, or loaded until Unload or the destructor. Move-only, like
-/// the library it owns. Used on the main thread.
+/// One shared library loaded at run time: empty, or loaded until Unload or the destructor. Used on the main
+/// thread.
 class CProxyDll
 {
 public:
     CProxyDll() noexcept = default;
-    CProxyDll(CProxyDll&& clOther) noexcept : m_hLibrary(std::exchange(clOther.m_hLibrary, nullptr)) {}
-    CProxyDll& operator=(CProxyDll&& clOther) noexcept;
     CProxyDll(const CProxyDll&) = delete;
     CProxyDll& operator=(const CProxyDll&) = delete;
     ~CProxyDll() { Unload(); }

@@ -17,31 +17,28 @@ struct STEntryPoints
 // Set between a successful bInitVM and TermVM; main thread only.
 std::optional<STEntryPoints> gstVM;
 
-/// Whether the library exports all that the manager calls, now or at its end.
-bool bComplete(void* hLibrary, CXError* pclError)
+/// Looks an entry point up; false when the library lacks it.
+template <class TEntry>
+bool bResolve(void* hLibrary, const char* pszEntry, TEntry* ppfnEntry, CXError* pclError)
 {
-    for (const char* pszEntry :
-         {VM_ENTRY_INIT, VM_ENTRY_PATH, VM_ENTRY_TERM, VM_ENTRY_SELF_INIT, VM_ENTRY_SELF_TERM}) {
-        if (pGetEntry(hLibrary, pszEntry, pclError) == nullptr) {
-            return false;
-        }
-    }
-    return true;
+    *ppfnEntry = reinterpret_cast<TEntry>(pGetEntry(hLibrary, pszEntry, pclError));
+    return *ppfnEntry != nullptr;
 }
 } // namespace
 
 bool bInitVM(void* hLibrary, CXError* pclError)
 {
     gstVM.reset();
-    if (!bComplete(hLibrary, pclError)) {
+    STEntryPoints stVM{};
+    // The execution part's, too, which are called later: an incomplete library is refused before any of its
+    // code runs.
+    if (!bResolve(hLibrary, VM_ENTRY_INIT, &stVM.pfnInit, pclError) ||
+        !bResolve(hLibrary, VM_ENTRY_PATH, &stVM.pfnPath, pclError) ||
+        !bResolve(hLibrary, VM_ENTRY_TERM, &stVM.pfnTerm, pclError) ||
+        pGetEntry(hLibrary, VM_ENTRY_SELF_INIT, pclError) == nullptr ||
+        pGetEntry(hLibrary, VM_ENTRY_SELF_TERM, pclError) == nullptr) {
         return false;
     }
-    // All of them are there: an incomplete library has been refused.
-    const STEntryPoints stVM{
-        reinterpret_cast<PFN_bInitVM>(pGetEntry(hLibrary, VM_ENTRY_INIT, pclError)),
-        reinterpret_cast<PFN_bCheminDLL>(pGetEntry(hLibrary, VM_ENTRY_PATH, pclError)),
-        reinterpret_cast<PFN_TermVM>(pGetEntry(hLibrary, VM_ENTRY_TERM, pclError)),
-    };
     if (!bCallRuntime(stVM.pfnInit, VM_ENTRY_INIT, pclError)) {
         return false;
     }

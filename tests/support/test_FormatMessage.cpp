@@ -7,6 +7,17 @@
 
 using CCase = std::pair<const wchar_t*, const wchar_t*>; // format, text
 
+namespace {
+std::wstring csFormatMessage(const wchar_t* pszFormat, ...)
+{
+    va_list pArgs;
+    va_start(pArgs, pszFormat);
+    std::wstring csText = FormatMessageW(FORMAT_MESSAGE_FROM_STRING, pszFormat, 0, &pArgs);
+    va_end(pArgs);
+    return csText;
+}
+} // namespace
+
 TEST(FormatMessage, EscapesAndUnknownDirectives)
 {
     const CCase tCases[] = {

@@ -24,11 +24,10 @@ int nBoast(unsigned int nId, wchar_t* pszBuffer, int nSize)
 TEST(Messages, EveryMessageThatIsUsedExistsAndTakesItsInserts)
 {
     const std::tuple<unsigned int, const wchar_t*, const wchar_t*> tCases[] = {
-        {3857, nullptr, nullptr},    {3858, nullptr, nullptr}, {3859, nullptr, nullptr},
-        {4003, L"refused", L"svc"},  {4004, nullptr, nullptr}, {4010, L"name", L"/a/prog"},
-        {4012, L"svc", nullptr},     {4139, nullptr, nullptr}, {25304, nullptr, nullptr},
-        {25305, L"joe", nullptr},    {25306, L"joe", nullptr}, {25630, L"refused", nullptr},
-        {25631, L"svc", L"/a/prog"},
+        {3857, nullptr, nullptr}, {3859, nullptr, nullptr},     {4003, L"refused", L"svc"},
+        {4004, nullptr, nullptr}, {4010, L"name", L"/a/prog"},  {4012, L"svc", nullptr},
+        {4139, nullptr, nullptr}, {25304, nullptr, nullptr},    {25305, L"joe", nullptr},
+        {25306, L"joe", nullptr}, {25630, L"refused", nullptr}, {25631, L"svc", L"/a/prog"},
     };
     CTString csText;
     for (const auto& [nId, pszFirst, pszSecond] : tCases) {
