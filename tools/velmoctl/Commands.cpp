@@ -55,13 +55,12 @@ class CHelp : public CLI::Formatter
 {
 public:
     CHelp() { column_width(32); }
-    std::string make_usage(const CLI::App* pclParser, std::string csName) const override
+    std::string make_usage(const CLI::App* pclParser, std::string /*csName*/) const override
     {
         const std::string csCommand = pclParser->get_name();
         const bool bWhole = pclParser->get_parent() == nullptr;
         return "Usage: velmoctl [OPTION...] " +
-               (bWhole ? "COMMAND [ARGUMENT...]" : csCommand + " " + csArgumentKinds(csCommand)) + "\n" +
-               (bWhole ? csName.substr(0, 0) : "");
+               (bWhole ? "COMMAND [ARGUMENT...]" : csCommand + " " + csArgumentKinds(csCommand)) + "\n";
     }
     /// The words of a line are in the usage already.
     std::string make_positionals(const CLI::App* /*pclParser*/) const override { return ""; }

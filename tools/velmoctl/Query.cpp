@@ -165,11 +165,11 @@ STQuestions stStatusQuestions(const STCall& stCall)
 
 Json clJsonStatus(const STHostAnswer& stHost, const std::string& csName, const STServerAnswer* pst)
 {
-    const bool bState = pst != nullptr && !pst->csState.empty();
+    const std::string csState = pst != nullptr ? pst->csState : std::string();
     return {{"host", csHostWord(stHost.stHost)},
             {"asked", csWhenAsked(stHost)},
             {"name", csName},
-            {"state", bState ? Json(pst->csState) : Json()},
+            {"state", csState.empty() ? Json() : Json(csState)},
             {"error", clJsonFailure(pst != nullptr ? pst->clFailure : stHost.clFailure)}};
 }
 
