@@ -1,5 +1,6 @@
 #include "config/ProfileFile.h"
 
+#include "support/ForOverwrite.h"
 #include "support/SignalMask.h"
 #include "support/SystemCall.h"
 
@@ -159,7 +160,7 @@ bool bHasOneName(int nFd)
 }
 } // namespace
 
-CProfileFile::CProfileFile() : m_pBuffer(std::make_unique_for_overwrite<CBuffer>()) {}
+CProfileFile::CProfileFile() : m_pBuffer(pMakeForOverwrite<CBuffer>()) {}
 
 bool CProfileFile::_bTake(CDescripteur clFile)
 {

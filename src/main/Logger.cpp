@@ -35,7 +35,11 @@ bool CLogger::bSetMode(eMODE eMode, ...)
     m_pfnWriter = eMode == MODE_SYSTEM ? &CLogger::__AddLogSystem : &CLogger::__AddLogFile;
     if (eMode != MODE_SYSTEM) {
         va_list pArgs;
+        // clang warns that an enumeration may be narrower than int; this one is not.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wvarargs"
         va_start(pArgs, eMode);
+#pragma GCC diagnostic pop
         m_csFile = va_arg(pArgs, const wchar_t*);
         va_end(pArgs);
     }

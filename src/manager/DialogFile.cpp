@@ -2,6 +2,7 @@
 
 #include "manager/Dialog.h"
 #include "support/Conversion.h"
+#include "support/ForOverwrite.h"
 #include "support/SystemCall.h"
 
 #include <cerrno>
@@ -59,7 +60,7 @@ private:
 void CDialog::xGetFile(const std::wstring& csName, unsigned int nSize, CInstallInfo* pclInfo)
 {
     CTemporaryFile clFile;
-    const auto pBlock = std::make_unique_for_overwrite<char[]>(s_nBlock);
+    const auto pBlock = pMakeForOverwrite<char[]>(s_nBlock);
     for (std::size_t nTotal = 0; nTotal < nSize;) {
         const ssize_t nReceived = nRetry([&] { return ::recv(m_clSocket.nFd(), pBlock.get(), s_nBlock, 0); });
         if (nReceived == 0) {

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <bit>
 #include <cstdlib>
+#include <cstring>
+#include <type_traits>
 
 static_assert(std::endian::native == std::endian::little);
 
@@ -16,6 +18,17 @@ std::size_t nTextLength(const TField& tField)
     return static_cast<std::size_t>(std::find(tField.begin(), tField.end(), 0) - tField.begin());
 }
 
+/// The same bytes as another record of that size (std::bit_cast is not in every supported library).
+template <class TRecord, class TBytes>
+TRecord stReadAs(const TBytes& tBytes)
+{
+    static_assert(sizeof(TRecord) == sizeof(TBytes) && std::is_trivially_copyable_v<TRecord> &&
+                  std::is_trivially_copyable_v<TBytes>);
+    TRecord stRecord;
+    std::memcpy(&stRecord, &tBytes, sizeof stRecord);
+    return stRecord;
+}
+
 template <std::size_t nSize>
 std::string csText(const std::array<char, nSize>& szField)
 {
@@ -25,14 +38,14 @@ std::string csText(const std::array<char, nSize>& szField)
 
 STRegistration stReadAnsi(const stSEND& stSend)
 {
-    const auto stContent = std::bit_cast<STSendAnsi>(stSend.tContent);
+    const auto stContent = stReadAs<STSendAnsi>(stSend.tContent);
     return {csWide(csText(stContent.szName), CP_1252), csWide(csText(stContent.szPath), CP_1252),
             static_cast<std::uint16_t>(std::strtol(csText(stContent.szPort).c_str(), nullptr, 10))};
 }
 
 STRegistration stReadUTF16(const stSEND& stSend)
 {
-    const auto stContent = std::bit_cast<STSendUTF16>(stSend.tContent);
+    const auto stContent = stReadAs<STSendUTF16>(stSend.tContent);
     return {csFromUTF16(stContent.szName.data(), nTextLength(stContent.szName)),
             csFromUTF16(stContent.szPath.data(), nTextLength(stContent.szPath)), stContent.wPort};
 }

@@ -3,6 +3,7 @@
 #include "support/CloseDescriptors.h"
 #include "support/CloseRange.h"
 #include "support/DescriptorLimit.h"
+#include "support/ForOverwrite.h"
 #include "support/SignalMask.h"
 
 #include <cerrno>
@@ -99,7 +100,7 @@ __attribute__((no_sanitize("thread", "address", "undefined"))) int nRunChild(voi
 }
 } // namespace
 
-CChildStarter::CChildStarter() : m_pStack(std::make_unique_for_overwrite<std::byte[]>(s_nChildStack)) {}
+CChildStarter::CChildStarter() : m_pStack(pMakeForOverwrite<std::byte[]>(s_nChildStack)) {}
 
 pid_t CChildStarter::nStart(const STChildStart& stStart) noexcept
 {

@@ -31,7 +31,8 @@ wchar_t cFrom1252(char c)
 /// "?" for what the code page lacks.
 char cTo1252(wchar_t c)
 {
-    if ((c >= 0 && c < 0x80) || (c >= 0xA0 && c <= 0xFF)) {
+    const auto n = static_cast<char32_t>(c); // wchar_t has a sign on some machines and none on others
+    if (n < 0x80 || (n >= 0xA0 && n <= 0xFF)) {
         return static_cast<char>(c);
     }
     const auto it = std::find(s_t1252.begin(), s_t1252.end(), c);

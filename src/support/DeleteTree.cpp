@@ -12,6 +12,7 @@
 #include <optional>
 #include <string_view>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <vector>
 
 namespace {
@@ -40,13 +41,25 @@ std::uint64_t qwMountByHandle(int nFd)
     return bTold ? static_cast<std::uint64_t>(nMount) : 0;
 }
 
+/// For old kernels, and for filters that do not know the call.
+std::optional<STPlace> stPlaceWithoutStatx(int nFd)
+{
+    struct stat st
+    {};
+    if (::fstat(nFd, &st) != 0) {
+        return std::nullopt;
+    }
+    return STPlace{std::uint64_t{::gnu_dev_major(st.st_dev)} << 32 | ::gnu_dev_minor(st.st_dev), st.st_ino,
+                   qwMountByHandle(nFd)};
+}
+
 /// Of an open directory; none with errno when the system does not tell.
 std::optional<STPlace> stPlace(int nFd)
 {
     struct statx st
     {};
     if (::statx(nFd, "", AT_EMPTY_PATH | AT_NO_AUTOMOUNT, STATX_INO | STATX_MNT_ID, &st) != 0) {
-        return std::nullopt;
+        return errno == ENOSYS || errno == EPERM ? stPlaceWithoutStatx(nFd) : std::nullopt;
     }
     const bool bMount = (st.stx_mask & STATX_MNT_ID) != 0;
     return STPlace{std::uint64_t{st.stx_dev_major} << 32 | st.stx_dev_minor, st.stx_ino,

@@ -2,8 +2,10 @@
 
 #include "support/SignalMask.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <memory>
+#include <unistd.h>
 
 namespace {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -11,6 +13,13 @@ constexpr std::size_t s_nStackSize = 1u << 20; // instrumented frames are severa
 #else
 constexpr std::size_t s_nStackSize = 65536;
 #endif
+
+/// The system refuses less than its minimum, which is 128 KiB on arm64.
+std::size_t nStackSize()
+{
+    const long nMinimum = ::sysconf(_SC_THREAD_STACK_MIN);
+    return std::max(s_nStackSize, nMinimum > 0 ? static_cast<std::size_t>(nMinimum) : 0);
+}
 } // namespace
 
 int nCreateWorker(pthread_t* phThread, int nDetached, void* (*pfnThread)(void*), void* pParameter)
@@ -23,7 +32,7 @@ int nCreateWorker(pthread_t* phThread, int nDetached, void* (*pfnThread)(void*),
     const std::unique_ptr<pthread_attr_t, int (*)(pthread_attr_t*)> clDestroyer(&stAttributes,
                                                                                 ::pthread_attr_destroy);
     ::pthread_attr_setdetachstate(&stAttributes, nDetached);
-    nError = ::pthread_attr_setstacksize(&stAttributes, s_nStackSize);
+    nError = ::pthread_attr_setstacksize(&stAttributes, nStackSize());
     const CSignalsHeld clHeld{SIGTERM}; // inherited by the new thread
     return nError != 0 ? nError : ::pthread_create(phThread, &stAttributes, pfnThread, pParameter);
 }

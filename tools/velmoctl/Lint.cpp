@@ -28,7 +28,8 @@ std::string csQuoted(std::wstring_view cs)
 bool bLooksLikeUTF8(std::wstring_view csLine)
 {
     const std::string csBytes = csNarrow(csLine, CP_1252);
-    const bool bBeyondASCII = std::any_of(csBytes.begin(), csBytes.end(), [](char c) { return c < 0; });
+    const bool bBeyondASCII = std::any_of(csBytes.begin(), csBytes.end(),
+                                          [](char c) { return static_cast<unsigned char>(c) >= 0x80; });
     return bBeyondASCII && csFromUTF8(csBytes).find(L'\xFFFD') == std::wstring::npos;
 }
 

@@ -9,6 +9,7 @@
 #include <csignal>
 #include <iostream>
 #include <optional>
+#include <unistd.h>
 
 namespace {
 /// One line of the dialog. Ctrl-C ends the command that runs, not the dialog; other signals end both.
