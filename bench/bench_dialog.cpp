@@ -1,6 +1,7 @@
 #include "manager/Dialog.h"
 
 #include <benchmark/benchmark.h>
+#include <cstdint>
 #include <memory>
 #include <sys/socket.h>
 #include <unistd.h>

@@ -1,6 +1,7 @@
 #include "service/SystemctlOutput.h"
 
 #include <benchmark/benchmark.h>
+#include <cstdint>
 
 namespace {
 void ReadListing(benchmark::State& clState)

@@ -2,6 +2,7 @@
 #include "support/Conversion.h"
 
 #include <benchmark/benchmark.h>
+#include <cstdint>
 #include <string>
 
 namespace {

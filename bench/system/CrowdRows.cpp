@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdint>
 #include <filesystem>
 #include <poll.h>
 #include <sys/resource.h>

@@ -7,6 +7,7 @@
 #include "Tools.h"
 
 #include <array>
+#include <cstdint>
 #include <fstream>
 #include <unistd.h>
 

@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <poll.h>

@@ -7,6 +7,7 @@
 #include <arpa/inet.h>
 #include <array>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>

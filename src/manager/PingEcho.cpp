@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <netinet/in.h>
 #include <sys/uio.h>
 #include <utility>

@@ -4,6 +4,7 @@
 #include "support/accesdllres.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>

@@ -5,6 +5,7 @@
 #include "support/WinApi.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>

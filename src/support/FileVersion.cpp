@@ -4,6 +4,7 @@
 #include "support/SystemCall.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <elf.h>
 #include <fcntl.h>

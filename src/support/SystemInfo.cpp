@@ -4,6 +4,7 @@
 #include "support/DiskFile.h"
 #include "support/SystemFiles.h"
 
+#include <cstdint>
 #include <ctime>
 #include <mutex>
 #include <strings.h>

@@ -2,6 +2,7 @@
 
 #include "Target.h"
 
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>

@@ -5,6 +5,7 @@
 #include "support/Conversion.h"
 #include "Target.h"
 
+#include <cstdint>
 #include <sys/socket.h>
 
 namespace {

@@ -6,6 +6,7 @@
 #include "Target.h"
 #include "tools/TempDir.h"
 
+#include <cstdint>
 #include <string>
 
 namespace {

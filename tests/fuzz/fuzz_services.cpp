@@ -11,6 +11,7 @@
 #include "Target.h"
 
 #include <array>
+#include <cstdint>
 
 namespace {
 bool bLiesIn(std::string_view csPart, std::string_view csWhole)

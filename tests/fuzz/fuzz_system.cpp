@@ -5,6 +5,8 @@
 #include "Target.h"
 #include "tools/TempDir.h"
 
+#include <cstdint>
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* pBytes, std::size_t nBytes)
 {
     const std::string csText(csInput(pBytes, nBytes));

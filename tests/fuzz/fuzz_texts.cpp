@@ -4,6 +4,7 @@
 #include "support/FormatMessage.h"
 #include "Target.h"
 
+#include <cstdint>
 #include <utility>
 
 namespace {

@@ -4,6 +4,7 @@
 #include "tools/Address.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <gtest/gtest.h>
 #include <netdb.h>
 

@@ -2,6 +2,7 @@
 #include "support/SystemFiles.h"
 
 #include <array>
+#include <cstdint>
 #include <gtest/gtest.h>
 #include <map>
 #include <sys/sysinfo.h>
