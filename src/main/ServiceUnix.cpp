@@ -208,7 +208,11 @@ void __MainLoop(CTermHeld& clHeld)
 void RunDebugMode()
 {
     CTermHeld clHeld;
-    if (bStartService()) {
+    ::openlog(nullptr, LOG_PERROR, LOG_USER); // whoever sits there sees why it does not start
+    const bool bStarted = bStartService();
+    ::closelog();
+    ::openlog(nullptr, 0, LOG_USER);
+    if (bStarted) {
         __MainLoop(clHeld);
     }
 }
