@@ -81,5 +81,6 @@ bool CService::__bRemoveSystemd()
         }
     }
     (void)bSystemctlDone(L"daemon-reload");
+    (void)__bAsk(L"reset-failed"); // else systemd goes on listing one that has failed
     return true;
 }

@@ -85,13 +85,18 @@ std::unique_ptr<CService> CServiceManager::__pclMakeShown(const CServiceName& cl
         errno = ENOENT;
         return nullptr;
     }
+    std::optional<std::wstring> csDisplayName = csDecode(stShown.csDescription);
+    if (csDisplayName == clName.csUnitFile()) {
+        csDisplayName =
+            clName.csText(); // systemd describes by its file name a unit that does not describe itself
+    }
     std::optional<std::wstring> csBinaryPath = csDecode(stShown.csBinaryPath);
     // A unit that systemd made of an init script runs the script: the server's program stands inside it.
     if (csBinaryPath && csBinaryPath->starts_with(g_szScriptDirectory)) {
-        auto pclService = std::make_unique<CService>(this, clName, csDecode(stShown.csDescription));
+        auto pclService = std::make_unique<CService>(this, clName, std::move(csDisplayName));
         return pclService->bReadScript() || errno == ENOENT ? std::move(pclService) : nullptr;
     }
-    return std::make_unique<CService>(this, clName, csDecode(stShown.csDescription), std::move(csBinaryPath),
+    return std::make_unique<CService>(this, clName, std::move(csDisplayName), std::move(csBinaryPath),
                                       csDecode(stShown.csExecutable));
 }
 

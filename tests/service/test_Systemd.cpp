@@ -169,7 +169,8 @@ TEST_F(Systemd, RemovalStopsAtARefusedDisableAndOtherwiseDeletesBothFiles)
     clTool.Write("agree", "");
     EXPECT_TRUE(cl.bRemove());
     EXPECT_EQ(clTool.csTakeJournal(),
-              csShown + "disable DXCS-A\nstop DXCS-A\n--property=ActiveState show DXCS-A\ndaemon-reload\n");
+              csShown + "disable DXCS-A\nstop DXCS-A\n--property=ActiveState show DXCS-A\ndaemon-reload\n"
+                        "reset-failed DXCS-A\n");
     EXPECT_EQ(stRun("cat /run/fragment || cat /run/source").nStatus, 1);
 }
 
