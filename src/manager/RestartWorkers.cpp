@@ -30,7 +30,7 @@ bool CRestartWorkers::bHas(const std::wstring& csName)
     return m_tNames.count(csName) != 0;
 }
 
-void CRestartWorkers::Restart(std::shared_ptr<CService> pclService)
+void CRestartWorkers::Restart(const std::shared_ptr<CService>& pclService)
 {
     const auto pclNote = std::make_shared<CNote>(this, pclService->pszGetName());
     // When it cannot be had, the next pass tries again.

@@ -26,7 +26,7 @@ public:
     /// Whether a restart of the service waits or is under way.
     bool bHas(const std::wstring& csName);
     /// Has the service started if it still is a failed one when its turn comes. Not of one that bHas.
-    void Restart(std::shared_ptr<CService> pclService);
+    void Restart(const std::shared_ptr<CService>& pclService);
     /// Forgets what waits; returns when what is under way is done.
     void Stop() { m_clPool.Stop(); }
 

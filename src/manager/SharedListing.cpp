@@ -32,7 +32,7 @@ CSharedListing::CRound CSharedListing::__pJoin(bool* pbMaker)
     if (m_pNext == nullptr) {
         m_pNext = std::make_shared<STRound>();
     }
-    const CRound pRound = m_pNext;
+    CRound pRound = m_pNext;
     const auto bMine = [&] { return pRound->eState == EState::WAITING && pRound == m_pNext && !m_bMaking; };
     if (!CStopWait::bWait(
             clLock, [&] { return pRound->eState != EState::WAITING || bMine(); },

@@ -41,8 +41,10 @@ void __CompleteErreurServeur(std::uint16_t wPort, const wchar_t* pszCall, CXErro
     DLLRES_bFormatMessage(&g_stMyModule, MSG_PORT_NOT_OPENED, &csText, static_cast<unsigned int>(wPort));
     pclError->SetUserError(MSG_PORT_NOT_OPENED, csText);
     pclError->SetModule(g_stMyModule.pszName);
+    if (pclError->nGetSystemError() == 0) { // once: the other family's socket has failed in the same way
+        pclError->AddDebugMessage(pszCall);
+    }
     pclError->SetSystemError(nErrno);
-    pclError->AddDebugMessage(pszCall);
     errno = nErrno;
 }
 

@@ -382,7 +382,8 @@ TEST_F(Lifecycle, WhateverMakesAStartFailIsLoggedOnceAndLeavesNothing)
     constexpr char szPort[] =
         "The port 4999 cannot be opened. Check that no other program uses it (\"ss -lnp\" "
         "shows which), then start the manager again.\n"
-        "System error 98: Address already in use\n";
+        "System error 98: Address already in use\nDetail: bind\n"
+        "Module VelmoManager, message 25627\n";
     constexpr char szNotStarted[] =
         "The service \"VelmoManager\" could not be started. The system log tells what "
         "failed: correct it, then start the service again.\n";
