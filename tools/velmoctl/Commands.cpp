@@ -57,7 +57,7 @@ public:
     CHelp() { column_width(32); }
     std::string make_usage(const CLI::App* pclParser, std::string /*csName*/) const override
     {
-        const std::string csCommand = pclParser->get_name();
+        const std::string& csCommand = pclParser->get_name();
         const bool bWhole = pclParser->get_parent() == nullptr;
         return "Usage: velmoctl [OPTION...] " +
                (bWhole ? "COMMAND [ARGUMENT...]" : csCommand + " " + csArgumentKinds(csCommand)) + "\n";
