@@ -144,7 +144,7 @@ std::string csScript(const std::string& csServer)
     std::string csName = csUnitName(csServer);
     std::replace(csName.begin(), csName.end(), '.', '-');
     for (const char* const pszPrefix : {"/etc/init.d/", "/etc/rc.d/rc."}) {
-        if (const std::string csPath = pszPrefix + csName; ::access(csPath.c_str(), X_OK) == 0) {
+        if (std::string csPath = pszPrefix + csName; ::access(csPath.c_str(), X_OK) == 0) {
             return csPath;
         }
     }

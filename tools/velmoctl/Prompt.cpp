@@ -75,6 +75,7 @@ std::vector<std::string> tWordsOf(const std::string& csLine)
         throw CFailure(EExit::USAGE, "the line ends inside a quotation");
     }
     std::vector<std::string> tWords;
+    tWords.reserve(static_cast<std::size_t>(nWords));
     for (int n = 0; n < nWords; ++n) {
         tWords.push_back(csToUTF8(ppszWords[n]));
     }
