@@ -123,7 +123,7 @@ void CheckHere(const STCall& stCall, const std::string& csAction)
         }
         std::string csCommand = "ssh root@" + csShellWord(stHost.csAddress) + " systemctl " + csAction;
         for (const std::string& csName : stCall.tArguments) {
-            csCommand += " " + csShellWord(csUnitName(csArgument(csName)));
+            csCommand.append(" ").append(csShellWord(csUnitName(csArgument(csName))));
         }
         throw CFailure(EExit::REFUSED, "managers cannot " + csAction +
                                            " servers, only the service manager of " + csWhere(stHost) +

@@ -39,12 +39,14 @@ public:
     pid_t nRun(const std::vector<std::string>& tArguments)
     {
         std::vector<char*> tWords;
+        tWords.reserve(tArguments.size() + 1);
         for (const std::string& cs : tArguments) {
             tWords.push_back(const_cast<char*>(cs.c_str())); // not written to
         }
         tWords.push_back(nullptr);
         std::array<std::string, 3> tNew = {"LC_ALL=C", "SYSTEMD_COLORS=0", "SYSTEMD_PAGER="};
         std::vector<char*> tEnvironment;
+        tEnvironment.reserve(tNew.size());
         for (std::string& cs : tNew) {
             tEnvironment.push_back(cs.data());
         }
