@@ -7,6 +7,7 @@
 
 #include <iostream>
 
+// NOLINTBEGIN(performance-inefficient-string-concatenation): a few texts for people
 namespace {
 std::optional<bool> bReadDone(std::string_view csLine)
 {
@@ -117,7 +118,7 @@ EExit eControl(const STCall& stCall, const std::string& csAction, const char* ps
 /// Throws CFailure (REFUSED) with the command to type instead when the machine is not this one.
 void CheckHere(const STCall& stCall, const std::string& csAction)
 {
-    for (STHost stHost : tHostsOf(stCall.stOptions)) {
+    for (const STHost& stHost : tHostsOf(stCall.stOptions)) {
         if (bThisMachine(stHost)) {
             continue;
         }
@@ -165,3 +166,4 @@ EExit eRestart(const STCall& stCall)
     CheckHere(stCall, "restart");
     return eControl(stCall, "restart", "restarted");
 }
+// NOLINTEND(performance-inefficient-string-concatenation)

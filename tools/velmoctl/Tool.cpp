@@ -46,9 +46,8 @@ public:
         tWords.push_back(nullptr);
         std::array<std::string, 3> tNew = {"LC_ALL=C", "SYSTEMD_COLORS=0", "SYSTEMD_PAGER="};
         std::vector<char*> tEnvironment;
-        tEnvironment.reserve(tNew.size());
         for (std::string& cs : tNew) {
-            tEnvironment.push_back(cs.data());
+            tEnvironment.push_back(cs.data()); // NOLINT(performance-inefficient-vector-operation): three
         }
         for (char** ppsz = environ; *ppsz != nullptr; ++ppsz) {
             tEnvironment.push_back(*ppsz); // of two of one name the first counts
