@@ -279,7 +279,8 @@ private:
     bool m_bStopped = false;
 };
 
-void* CZTThread::ThreadFunc(void* pThread)
+/// The C library ends a thread by an exception without an object, to which the sanitizer sees a reference.
+__attribute__((no_sanitize("undefined"))) void* CZTThread::ThreadFunc(void* pThread)
 {
     auto* pclThread = static_cast<CZTThread*>(pThread);
     const CFrame clFrame(pclThread);
