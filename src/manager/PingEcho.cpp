@@ -234,13 +234,15 @@ void CPingEcho::_Run()
     }
 }
 
-/// Reads all that waits; who asks while a list is being made for others is answered with the next one.
+/// Reads what waits; who asks while a list is being made for others is answered with the next one. Of each
+/// socket so much at a time that a flood over one family does not keep the other waiting.
 void CPingEcho::__Receive()
 {
     bool bAny = false;
     for (const STSocket& stSocket : tGetSockets()) {
         STPingQuestion stQuestion;
-        while (!m_clThread.bMustStop() && bReceive(stSocket.nSocket, &stQuestion)) {
+        for (std::size_t n = 0;
+             n < s_nMaxWaiting && !m_clThread.bMustStop() && bReceive(stSocket.nSocket, &stQuestion); ++n) {
             bAny = true;
             if (stQuestion.eForm != EPingForm::NONE) {
                 __Note(stQuestion);
