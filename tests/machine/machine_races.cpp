@@ -38,11 +38,7 @@ long nMsSince(CClock::time_point clStart)
 
 std::string csAsk(const std::string& csLine)
 {
-    CWireClient clTool("127.0.0.1", 4999);
-    (void)clTool.csLine();
-    std::string csReply = clTool.csAsk(csLine, 60s);
-    clTool.Reset(); // no connection stays behind that holds the port of the next manager
-    return csReply;
+    return csAskManager(csLine, 60s);
 }
 
 std::string csRegister(const std::string& csFolder)

@@ -54,11 +54,7 @@ int nCalls(const std::string& csWhat)
 
 std::string csAsk(const std::string& csLine)
 {
-    CWireClient clTool("127.0.0.1", 4999);
-    (void)clTool.csLine();
-    std::string csReply = clTool.csAsk(csLine, 70s);
-    clTool.Reset(); // no connection stays behind that holds the port of the next manager
-    return csReply;
+    return csAskManager(csLine, 70s);
 }
 
 class SlowTools : public ::testing::Test

@@ -123,3 +123,14 @@ private:
     CDescripteur m_clSocket;
     std::string m_csReceived; // not yet returned
 };
+
+/// The reply of the manager of this machine to one line, in a conversation of its own. It is reset, so that
+/// no remains of it hold the port of the next manager.
+inline std::string csAskManager(std::string_view csLine, CWireClient::Duration clLimit)
+{
+    CWireClient clTool("127.0.0.1", 4999);
+    (void)clTool.csLine();
+    std::string csReply = clTool.csAsk(csLine, clLimit);
+    clTool.Reset();
+    return csReply;
+}
