@@ -217,7 +217,7 @@ TEST(Terminal, TheShellEditsKeepsAHistoryAndOutlivesAnInterruptedCommand)
         SCOPED_TRACE(csTyped);
         ASSERT_TRUE(csTyped == "\x03" || clProgram.bShows("velmo> ")); // before it, keys are not its own
         clProgram.Type(csTyped);
-        ASSERT_TRUE(clProgram.bShows(pszShown));
+        ASSERT_TRUE(clProgram.bShows(pszShown)) << clProgram.csShown();
     }
     EXPECT_EQ(clProgram.nEnd(), 0);
 

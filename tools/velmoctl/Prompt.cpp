@@ -114,6 +114,7 @@ public:
     {
         m_eEnd = EEnd::NONE;
         ::el_resize(m_pclEdit.get());
+        ::el_set(m_pclEdit.get(), EL_PREP_TERM, 1); // libedit shows the prompt first, and a key may be as quick
         int nCount = 0;
         const wchar_t* const pszLine = ::el_wgets(m_pclEdit.get(), &nCount);
         if (m_eEnd == EEnd::SIGNAL) {
