@@ -1,7 +1,7 @@
 #pragma once
 
-/// Numbers of the manager's messages by name; texts and their inserts: Messages.h. An outside loader knows
-/// the messages by these numbers, so they never change.
+/// Numbers of the manager's messages by name; texts and their inserts: Messages.h. The log and
+/// docs/operations.md name messages by these numbers, so they never change.
 enum EMessage : unsigned int
 {
     MSG_CANNOT_REGISTER = 4003,
