@@ -1,25 +1,16 @@
 #include "support/accesdllres.h"
 
-#include "support/DataCompressor.h"
+#include "support/ResANSI.h"
 #include "support/WinApi.h"
-
-#include <memory>
 
 constinit const _stMyModuleInfo g_stMyModule = {L"VelmoManager", &bGetResAnsi602};
 
 bool DLLRES_bLoadString(const _stMyModuleInfo& stModule, unsigned int nId, CTString* pcsText)
 {
-    pcsText->clear();
-    STRessourceModule stResource{};
-    if (!stModule.pfnGetResource(nId, stResource)) {
-        return false;
-    }
-    const std::unique_ptr<wchar_t[]> pszText = CDataCompressor::s_pszDeCompress(stResource);
-    if (!pszText) {
-        return false;
-    }
-    pcsText->assign(pszText.get());
-    return true;
+    std::wstring_view csText;
+    const bool bFound = stModule.pfnGetResource(nId, csText);
+    pcsText->assign(csText);
+    return bFound;
 }
 
 bool DLLRES_bFormatMessage(const _stMyModuleInfo* pstModule, unsigned int nId, CTString* pcsText, ...)

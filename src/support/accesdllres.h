@@ -1,18 +1,18 @@
 #pragma once
 
 #include "support/MessageIds.h"
-#include "support/ResANSI.h"
 #include "support/XError.h"
 #include "support/XYString.h"
 
 #include <cstdarg>
+#include <string_view>
 
-/// Describes a module whose messages can be loaded: its name and the routine that finds a message in its
-/// block. Static data; the manager has one, g_stMyModule.
+/// Describes a module whose messages can be loaded: its name and the routine that finds the text of
+/// a message. Static data; the manager has one, g_stMyModule.
 struct _stMyModuleInfo
 {
     const wchar_t* pszName;
-    bool (*pfnGetResource)(unsigned int nId, STRessourceModule& stResource);
+    bool (*pfnGetResource)(unsigned int nId, std::wstring_view& csText);
 };
 extern const _stMyModuleInfo g_stMyModule;
 
