@@ -1,33 +1,22 @@
 #include "vm/DLLExecution.h"
 
 #include "vm/PointEntree.h"
-#include "vm/RuntimeAbi.h"
 
-namespace {
-// The library whose execution part is registered; null when none is. Main thread only.
-void* ghRegistered = nullptr;
-} // namespace
+#include <utility>
 
 bool CBaseExecutionDLL::s_bInitialiseMoiMeme(void* hLibrary, CXError* pclError)
 {
-    const auto pfnInit =
-        reinterpret_cast<PFN_bInitialiseMoiMeme>(pGetEntry(hLibrary, VM_ENTRY_SELF_INIT, pclError));
-    if (pfnInit == nullptr || !bCallRuntime(pfnInit, VM_ENTRY_SELF_INIT, pclError)) {
+    if (!g_stRuntime || g_stRuntime->hLibrary != hLibrary) {
         return false;
     }
-    ghRegistered = hLibrary;
-    return true;
+    g_stRuntime->bSelfInitialised = bCallRuntime(g_stRuntime->pfnSelfInit, VM_ENTRY_SELF_INIT, pclError);
+    return g_stRuntime->bSelfInitialised;
 }
 
 void CBaseExecutionDLL::s_TermineMoiMeme(void* hLibrary)
 {
-    if (hLibrary == nullptr || hLibrary != ghRegistered) {
-        return;
-    }
-    ghRegistered = nullptr;
-    const auto pfnTerm =
-        reinterpret_cast<PFN_TermineMoiMeme>(pGetEntry(hLibrary, VM_ENTRY_SELF_TERM, nullptr));
-    if (pfnTerm != nullptr) {
-        pfnTerm();
+    if (g_stRuntime && g_stRuntime->hLibrary == hLibrary &&
+        std::exchange(g_stRuntime->bSelfInitialised, false)) {
+        g_stRuntime->pfnSelfTerm();
     }
 }

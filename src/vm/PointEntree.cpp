@@ -3,27 +3,9 @@
 #include "support/Conversion.h"
 
 #include <array>
-#include <dlfcn.h>
 #include <string>
 
-namespace {
-void Report(CXError* pclError, std::wstring csMessage)
-{
-    if (pclError != nullptr) {
-        pclError->SetUserError(0, std::move(csMessage));
-    }
-}
-} // namespace
-
-void* pGetEntry(void* hLibrary, const char* pszEntry, CXError* pclError)
-{
-    void* pEntry = hLibrary != nullptr ? ::dlsym(hLibrary, pszEntry) : nullptr;
-    if (pEntry == nullptr) {
-        Report(pclError, L"The language runtime library lacks the entry point \"" + csFromUTF8(pszEntry) +
-                             L"\"; install the runtime that belongs to this manager.");
-    }
-    return pEntry;
-}
+std::optional<STRuntime> g_stRuntime;
 
 bool bCallRuntime(int (*pfnOperation)(char*, unsigned int), const char* pszEntry, CXError* pclError)
 {
@@ -32,10 +14,10 @@ bool bCallRuntime(int (*pfnOperation)(char*, unsigned int), const char* pszEntry
         return true;
     }
     tReason.back() = '\0'; // whatever the library wrote
-    std::wstring csMessage = L"The language runtime refused to initialise (" + csFromUTF8(pszEntry) + L")";
-    if (tReason.front() != '\0') {
-        csMessage += L": " + csFromUTF8(tReason.data());
+    if (pclError != nullptr) {
+        const std::wstring csReason = csFromUTF8(tReason.data());
+        pclError->SetUserError(0, L"The language runtime refused to initialise (" + csFromUTF8(pszEntry) +
+                                      (csReason.empty() ? L")" : L"): " + csReason));
     }
-    Report(pclError, std::move(csMessage));
     return false;
 }

@@ -1,12 +1,26 @@
 #pragma once
 
 #include "support/XError.h"
+#include "vm/RuntimeAbi.h"
 
-/// Steps shared by the two sides of the loader; private to this folder.
+#include <optional>
 
-/// Address of an exported function of a loaded library. Null, with an error that names the entry point, when
-/// the library does not export it.
-void* pGetEntry(void* hLibrary, const char* pszEntry, CXError* pclError);
+/// What the two sides of the loader share; private to this folder.
+
+/// The entry points of the runtime library, and how far it has been started.
+struct STRuntime
+{
+    PFN_bInitVM pfnInit;
+    PFN_bCheminDLL pfnPath;
+    PFN_TermVM pfnTerm;
+    PFN_bInitialiseMoiMeme pfnSelfInit;
+    PFN_TermineMoiMeme pfnSelfTerm;
+    void* hLibrary;        ///< whose entry points these are
+    bool bSelfInitialised; ///< the execution part is registered
+};
+
+/// Set between a successful bInitVM and TermVM; main thread only.
+extern std::optional<STRuntime> g_stRuntime;
 
 /// Calls one of the runtime's fallible operations (it gets room for its reason). On failure the error names
 /// the operation and carries that reason.

@@ -2,63 +2,56 @@
 
 #include "support/Conversion.h"
 #include "vm/PointEntree.h"
-#include "vm/RuntimeAbi.h"
 
-#include <optional>
+#include <dlfcn.h>
 
 namespace {
-struct STEntryPoints
-{
-    PFN_bInitVM pfnInit;
-    PFN_bCheminDLL pfnPath;
-    PFN_TermVM pfnTerm;
-};
-
-// Set between a successful bInitVM and TermVM; main thread only.
-std::optional<STEntryPoints> gstVM;
-
-/// Looks an entry point up; false when the library lacks it.
+/// Looks an entry point up. Null, with an error that names it, when the library does not export it.
 template <class TEntry>
 bool bResolve(void* hLibrary, const char* pszEntry, TEntry* ppfnEntry, CXError* pclError)
 {
-    *ppfnEntry = reinterpret_cast<TEntry>(pGetEntry(hLibrary, pszEntry, pclError));
+    *ppfnEntry = reinterpret_cast<TEntry>(hLibrary != nullptr ? ::dlsym(hLibrary, pszEntry) : nullptr);
+    if (*ppfnEntry == nullptr && pclError != nullptr) {
+        pclError->SetUserError(0, L"The language runtime library lacks the entry point \"" +
+                                      csFromUTF8(pszEntry) +
+                                      L"\"; install the runtime that belongs to this manager.");
+    }
     return *ppfnEntry != nullptr;
 }
 } // namespace
 
 bool bInitVM(void* hLibrary, CXError* pclError)
 {
-    gstVM.reset();
-    STEntryPoints stVM{};
+    g_stRuntime.reset();
+    STRuntime stRuntime{};
+    stRuntime.hLibrary = hLibrary;
     // The execution part's, too, which are called later: an incomplete library is refused before any of its
     // code runs.
-    if (!bResolve(hLibrary, VM_ENTRY_INIT, &stVM.pfnInit, pclError) ||
-        !bResolve(hLibrary, VM_ENTRY_PATH, &stVM.pfnPath, pclError) ||
-        !bResolve(hLibrary, VM_ENTRY_TERM, &stVM.pfnTerm, pclError) ||
-        pGetEntry(hLibrary, VM_ENTRY_SELF_INIT, pclError) == nullptr ||
-        pGetEntry(hLibrary, VM_ENTRY_SELF_TERM, pclError) == nullptr) {
+    if (!bResolve(hLibrary, VM_ENTRY_INIT, &stRuntime.pfnInit, pclError) ||
+        !bResolve(hLibrary, VM_ENTRY_PATH, &stRuntime.pfnPath, pclError) ||
+        !bResolve(hLibrary, VM_ENTRY_TERM, &stRuntime.pfnTerm, pclError) ||
+        !bResolve(hLibrary, VM_ENTRY_SELF_INIT, &stRuntime.pfnSelfInit, pclError) ||
+        !bResolve(hLibrary, VM_ENTRY_SELF_TERM, &stRuntime.pfnSelfTerm, pclError) ||
+        !bCallRuntime(stRuntime.pfnInit, VM_ENTRY_INIT, pclError)) {
         return false;
     }
-    if (!bCallRuntime(stVM.pfnInit, VM_ENTRY_INIT, pclError)) {
-        return false;
-    }
-    gstVM = stVM;
+    g_stRuntime = stRuntime;
     return true;
 }
 
 bool bCheminDLL(const wchar_t* pszPath)
 {
-    if (!gstVM) {
+    if (!g_stRuntime) {
         return false;
     }
     const std::string csPath = pszPath != nullptr ? csToUTF8(pszPath) : std::string();
-    return gstVM->pfnPath(csPath.empty() ? nullptr : csPath.c_str()) != 0;
+    return g_stRuntime->pfnPath(csPath.empty() ? nullptr : csPath.c_str()) != 0;
 }
 
 void TermVM(int nReason)
 {
-    if (gstVM) {
-        gstVM->pfnTerm(nReason);
-        gstVM.reset();
+    if (g_stRuntime) {
+        g_stRuntime->pfnTerm(nReason);
+        g_stRuntime.reset();
     }
 }
