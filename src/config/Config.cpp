@@ -165,7 +165,7 @@ void CConfig::GetServerName(wchar_t* pszBuffer) const
     }
 }
 
-CConfig::ELogMode CConfig::eGetLogMode() const
+ELogMode CConfig::eGetLogMode() const
 {
     std::array<wchar_t, settings::ErrorLogMode.nSize> szMode{};
     _Read(settings::ErrorLogMode, szMode.data());
@@ -173,7 +173,7 @@ CConfig::ELogMode CConfig::eGetLogMode() const
     if (csMode == L"FILE") {
         return LOG_MODE_FILE;
     }
-    return csMode == L"SYSTEM" ? LOG_MODE_SYSTEM : LOG_MODE_NONE;
+    return csMode == L"SYSTEM" ? LOG_MODE_SYSTEM : LOG_MODE_OFF;
 }
 
 void CConfig::GetLogFileName(wchar_t* pszBuffer) const

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "config/Settings.h"
+#include "support/LogMode.h"
 
 #include <cstdint>
 #include <string>
@@ -20,13 +21,6 @@ class CConfig
 {
 public:
     static constexpr std::size_t s_nPathBuffer = 261;
-    /// Where errors are logged.
-    enum ELogMode : int
-    {
-        LOG_MODE_NONE = 0,
-        LOG_MODE_SYSTEM = 1,
-        LOG_MODE_FILE = 2,
-    };
 
     /// Null is the directory of the running executable.
     explicit CConfig(const wchar_t* pszDirectory);

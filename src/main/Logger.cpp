@@ -25,15 +25,15 @@ void LogCause(ILogger& clLogger, const CXError& clError)
 
 CLogger::CLogger()
 {
-    CLogger::bSetMode(MODE_SYSTEM);
+    CLogger::bSetMode(LOG_MODE_SYSTEM);
 }
 
 bool CLogger::bSetMode(eMODE eMode, ...)
 {
     __CloseLogFile();
     m_eMode = eMode;
-    m_pfnWriter = eMode == MODE_SYSTEM ? &CLogger::__AddLogSystem : &CLogger::__AddLogFile;
-    if (eMode != MODE_SYSTEM) {
+    m_pfnWriter = eMode == LOG_MODE_SYSTEM ? &CLogger::__AddLogSystem : &CLogger::__AddLogFile;
+    if (eMode != LOG_MODE_SYSTEM) {
         va_list pArgs;
         // clang warns that an enumeration may be narrower than int; this one is not.
 #pragma GCC diagnostic push
@@ -53,7 +53,7 @@ void CLogger::__CloseLogFile()
 
 void CLogger::AddLog(ePRIORITY ePriority, const wchar_t* pszFormat, ...)
 {
-    if (m_eMode == MODE_OFF) {
+    if (m_eMode == LOG_MODE_OFF) {
         return;
     }
     va_list pArgs;
@@ -64,7 +64,7 @@ void CLogger::AddLog(ePRIORITY ePriority, const wchar_t* pszFormat, ...)
 
 void CLogger::AddLogEvent(ePRIORITY ePriority, int nEvent, const wchar_t* pszFormat, ...)
 {
-    if (m_eMode == MODE_OFF) {
+    if (m_eMode == LOG_MODE_OFF) {
         return;
     }
     va_list pArgs;
@@ -75,7 +75,7 @@ void CLogger::AddLogEvent(ePRIORITY ePriority, int nEvent, const wchar_t* pszFor
 
 void CLogger::AddLogDetail(ePRIORITY ePriority, int nEvent, const wchar_t** ppszDetails, int)
 {
-    if (m_eMode != MODE_OFF) {
+    if (m_eMode != LOG_MODE_OFF) {
         AddLogEvent(ePriority, nEvent, ppszDetails[0]);
     }
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "support/LogMode.h"
 #include "support/XError.h"
 
 #include <cstdarg>
@@ -10,12 +11,7 @@
 class ILogger
 {
 public:
-    enum eMODE : int
-    {
-        MODE_OFF = 0,
-        MODE_SYSTEM = 1,
-        MODE_FILE = 2,
-    };
+    using eMODE = ELogMode;
     /// A syslog level, 0 emergency to 7 debug.
     enum ePRIORITY : int
     {
@@ -24,7 +20,7 @@ public:
         PRIORITY_INFO = 6,
     };
 
-    /// Modes other than MODE_SYSTEM take a wide file path as the next argument. Always true.
+    /// Modes other than LOG_MODE_SYSTEM take a wide file path as the next argument. Always true.
     virtual bool bSetMode(eMODE eMode, ...) = 0;
     /// The format is the message formatter's (%1, %2!u!...), and what comes out of it is syslog's format:
     /// text from outside is doubled at "%" by the caller.
@@ -64,7 +60,7 @@ private:
                       const wchar_t** ppszDetails, int nDetails);
     void __CloseLogFile();
 
-    eMODE m_eMode = MODE_OFF;
+    eMODE m_eMode = LOG_MODE_OFF;
     std::wstring m_csFile;
     PFNWriter m_pfnWriter = &CLogger::__AddLogFile;
 };

@@ -30,7 +30,7 @@ constexpr std::size_t s_nPortText = 200; ///< characters read of an access port
 CSetupManager::CSetupManager() : m_clRemote(&m_clServiceManager)
 {
     CStopping::Reset();
-    m_clLogger.bSetMode(ILogger::MODE_SYSTEM);
+    m_clLogger.bSetMode(LOG_MODE_SYSTEM);
     m_clPipeServer.SetManager(this);
     m_clMainLoop.Init(0, 1);
     SetTooLargeReport([this](const std::wstring& csFile) { _LogTooLarge(csFile); });
