@@ -8,11 +8,13 @@
 #include <cstdio>
 #include <cstring>
 #include <cwchar>
+#include <optional>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 namespace {
-constexpr int s_nMaxNumber = 99;
+constexpr std::size_t s_nMaxNumber = 99;
 /// Bound of widths and precisions: a mistaken format must not cost memory.
 constexpr int s_nMaxWidth = 1000;
 
@@ -28,7 +30,7 @@ enum class EArg
 
 struct STInsert
 {
-    int nNumber = 0;
+    std::size_t nNumber = 0;
     EArg eArg = EArg::WIDE;
     char cConversion = 's'; ///< a printf conversion of integers, 's' or 'c'
     bool bShort = false;
@@ -115,13 +117,13 @@ private:
     std::wstring_view m_csType;
 };
 
-/// Reads an insert that begins at the digit nPos and moves behind it. False: its type is not understood; the
-/// position is then behind the number.
+/// Reads an insert that begins at the digit nPos and advances past it. Returns false when its type is
+/// unknown; the position is then just after the number.
 bool bReadInsert(std::wstring_view csFormat, std::size_t& nPos, STInsert* pstInsert)
 {
-    pstInsert->nNumber = static_cast<int>(csFormat[nPos++] - L'0');
+    pstInsert->nNumber = static_cast<std::size_t>(csFormat[nPos++] - L'0');
     if (nPos < csFormat.size() && bDigit(csFormat[nPos])) {
-        pstInsert->nNumber = pstInsert->nNumber * 10 + static_cast<int>(csFormat[nPos++] - L'0');
+        pstInsert->nNumber = pstInsert->nNumber * 10 + static_cast<std::size_t>(csFormat[nPos++] - L'0');
     }
     if (nPos >= csFormat.size() || csFormat[nPos] != L'!') {
         return true;
@@ -201,55 +203,93 @@ std::wstring csArgument(const UArg& uArg, const STInsert& stInsert)
     return csInteger(uArg, stInsert);
 }
 
-/// Fills a format in two walks over it: the first learns the types of the arguments, which are then taken
-/// from the list in the order of their numbers; the second writes the text.
+/// What a "%" and this character stand for.
+std::wstring csEscape(wchar_t c)
+{
+    static constexpr std::pair<wchar_t, const wchar_t*> s_tEscapes[] = {
+        {L'n', L"\r\n"}, {L'r', L"\r"}, {L't', L"\t"}, {L'b', L" "}};
+    for (const auto& [cEscape, pszText] : s_tEscapes) {
+        if (c == cEscape) {
+            return pszText;
+        }
+    }
+    return {c}; // itself
+}
+
+/// Plain text, and the insert that follows it; the last piece has none.
+struct STPiece
+{
+    std::wstring csText;
+    std::optional<STInsert> stInsert;
+};
+
+/// Fills a format in three steps: reads it into pieces, takes the arguments from their list in the order of
+/// their numbers, joins the text.
 class CFormatter
 {
 public:
-    CFormatter(std::wstring_view csFormat, va_list* pArgs) : m_csFormat(csFormat)
+    CFormatter(std::wstring_view csFormat, va_list* pArgs)
     {
+        _Read(csFormat, pArgs != nullptr);
         if (pArgs != nullptr) {
-            _Scan();
             _Fetch(pArgs);
         }
     }
 
-    std::wstring csResult()
+    std::wstring csResult() const
     {
-        _Walk([this](const STInsert& stInsert, bool bValid, std::wstring_view csText) {
-            if (bValid && m_tTypes[_nIndex(stInsert)] == stInsert.eArg) {
-                m_csResult += csArgument(m_tArgs[_nIndex(stInsert)], stInsert);
-            } else {
-                m_csResult += csText;
+        std::wstring csResult;
+        for (const STPiece& stPiece : m_tPieces) {
+            csResult += stPiece.csText;
+            if (stPiece.stInsert) {
+                csResult += csArgument(m_tArgs[stPiece.stInsert->nNumber], *stPiece.stInsert);
             }
-        });
-        return std::move(m_csResult);
+        }
+        return csResult;
     }
 
 private:
-    static std::size_t _nIndex(const STInsert& stInsert)
+    void _Read(std::wstring_view csFormat, bool bInserts)
     {
-        return static_cast<std::size_t>(stInsert.nNumber);
+        m_tPieces.emplace_back();
+        for (std::size_t nPos = 0; nPos < csFormat.size();) {
+            const std::size_t nPercent = std::min(csFormat.find(L'%', nPos), csFormat.size());
+            m_tPieces.back().csText += csFormat.substr(nPos, nPercent - nPos);
+            nPos = nPercent + 1;
+            if (nPos >= csFormat.size() || csFormat[nPos] == L'0') {
+                return;
+            }
+            if (!bDigit(csFormat[nPos])) {
+                m_tPieces.back().csText += csEscape(csFormat[nPos++]);
+                continue;
+            }
+
+            STInsert stInsert;
+            if (bReadInsert(csFormat, nPos, &stInsert) && bInserts && _bAgrees(stInsert)) {
+                m_tPieces.back().stInsert = std::move(stInsert);
+                m_tPieces.emplace_back();
+            } else {
+                m_tPieces.back().csText += csFormat.substr(nPercent, nPos - nPercent);
+            }
+        }
     }
 
-    /// Learns each argument's type before any is taken: only so can the list be walked when inserts come out
-    /// of order. The first insert of a number decides.
-    void _Scan()
+    /// The first insert of a number decides how its argument lies in the list.
+    bool _bAgrees(const STInsert& stInsert)
     {
-        _Walk([this](const STInsert& stInsert, bool bValid, std::wstring_view) {
-            if (bValid && m_tTypes[_nIndex(stInsert)] == EArg::NONE) {
-                m_tTypes[_nIndex(stInsert)] = stInsert.eArg;
-                m_nHighest = std::max(m_nHighest, stInsert.nNumber);
-            }
-        });
-        m_csResult.clear();
+        EArg& eArg = m_tTypes[stInsert.nNumber];
+        if (eArg == EArg::NONE) {
+            eArg = stInsert.eArg;
+            m_nHighest = std::max(m_nHighest, stInsert.nNumber);
+        }
+        return eArg == stInsert.eArg;
     }
 
     void _Fetch(va_list* pArgs)
     {
         va_list pCopy;
         va_copy(pCopy, *pArgs); // NOLINT(clang-analyzer-valist.Uninitialized): the caller started it
-        for (std::size_t n = 1; n <= static_cast<std::size_t>(m_nHighest); ++n) {
+        for (std::size_t n = 1; n <= m_nHighest; ++n) {
             switch (m_tTypes[n]) {
             case EArg::INT32:
                 m_tArgs[n].n32 = va_arg(pCopy, std::int32_t);
@@ -264,46 +304,8 @@ private:
         va_end(pCopy);
     }
 
-    /// Walks the format, appends what is plain to the result and hands each insert over with its own text.
-    template <class TInsert>
-    void _Walk(TInsert OnInsert)
-    {
-        for (std::size_t nPos = 0; nPos < m_csFormat.size();) {
-            const wchar_t c = m_csFormat[nPos++];
-            if (c != L'%') {
-                m_csResult += c;
-                continue;
-            }
-            if (nPos >= m_csFormat.size() || m_csFormat[nPos] == L'0') {
-                return;
-            }
-            if (!bDigit(m_csFormat[nPos])) {
-                _AppendEscape(m_csFormat[nPos++]);
-                continue;
-            }
-            const std::size_t nStart = nPos - 1;
-            STInsert stInsert;
-            const bool bValid = bReadInsert(m_csFormat, nPos, &stInsert);
-            OnInsert(stInsert, bValid, m_csFormat.substr(nStart, nPos - nStart));
-        }
-    }
-
-    void _AppendEscape(wchar_t c)
-    {
-        static constexpr std::pair<wchar_t, const wchar_t*> s_tEscapes[] = {
-            {L'n', L"\r\n"}, {L'r', L"\r"}, {L't', L"\t"}, {L'b', L" "}};
-        for (const auto& [cEscape, pszText] : s_tEscapes) {
-            if (c == cEscape) {
-                m_csResult += pszText;
-                return;
-            }
-        }
-        m_csResult += c; // stands for itself
-    }
-
-    std::wstring_view m_csFormat;
-    std::wstring m_csResult;
-    int m_nHighest = 0;
+    std::vector<STPiece> m_tPieces;
+    std::size_t m_nHighest = 0;
     std::array<EArg, s_nMaxNumber + 1> m_tTypes{};
     std::array<UArg, s_nMaxNumber + 1> m_tArgs{};
 };
