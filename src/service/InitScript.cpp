@@ -108,11 +108,12 @@ CPlaceholders tMakePlaceholders(const STCommandLine& stCommand, const std::strin
 {
     const std::string csProgram = csEscape(stCommand.csProgram);
     const std::string csArguments = csEscapeWords(stCommand.csArguments);
-    const std::string csDisplayWord = csEscape(csDisplayName);
+    // Display names stand in comments only, and nothing in a lock file's name means something to a shell.
+    const auto Same = [](const std::string& cs) { return std::array{cs, cs, cs}; };
     return {{{"%%%PROGRAM%%%", {stCommand.csProgram, csProgram, csEscape(csProgram)}},
              {"%%%ARG%%%", {stCommand.csArguments, csArguments, csEscapeAgain(csArguments)}},
-             {"%%%DISPLAY_NAME%%%", {csDisplayName, csDisplayWord, csEscape(csDisplayWord)}},
-             {"%%%LOCK_FILE%%%", {csLockFile, csLockFile, csLockFile}}}};
+             {"%%%DISPLAY_NAME%%%", Same(csDisplayName)},
+             {"%%%LOCK_FILE%%%", Same(csLockFile)}}};
 }
 
 /// Appends the line with its placeholders filled. Values are not looked through for placeholders in turn.

@@ -24,8 +24,9 @@ bool bScriptable(const std::string& csCommandLine);
 /// Fills the four placeholders of a template; a null text counts as an empty one. Ordinary values are
 /// inserted byte for byte. In commands every character of the program and the arguments that means something
 /// to the shell gets a backslash, double quotes group arguments, and what goes through the helper `daemon` is
-/// escaped for the second shell that it uses. In comments the values stand as they are; a display name has
-/// its line ends replaced by blanks and its double quotes by single ones, or it could forge the marker line.
+/// escaped for the second shell that it uses. In comments the values stand as they are. A display
+/// name belongs in comments only; its control characters become spaces and its double quotes single ones, or
+/// it could forge the marker line.
 void __PatchScript(CXYString<char>* pcsScript, CXYString<char>* pcsLockFile, const char* pszCommandLine,
                    const char* pszDisplayName);
 

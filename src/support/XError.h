@@ -29,7 +29,6 @@ public:
 
     /// The message for people, and its number in the module's messages (0 is none).
     void SetUserError(unsigned int nCode, std::wstring csMessage);
-    unsigned int nGetUserError() const noexcept { return m_nUser; }
     const std::wstring& csGetMessage() const noexcept { return m_csMessage; }
 
     void SetModule(std::wstring csModule) { m_csModule = std::move(csModule); }

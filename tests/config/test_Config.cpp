@@ -212,8 +212,8 @@ TEST_F(Config, AFailedWriteThrowsWhatTheSystemSaid)
     m_clDirectory.csMakeDirectory("DXConf.ini"); // cannot be written, not even by root
     const CXError clError = clThrown([this] { m_clConfig.SetPort(1); });
     EXPECT_EQ(clError.nGetSystemError(), EISDIR);
-    EXPECT_EQ(clError.nGetUserError(), 3859u);
     EXPECT_FALSE(clError.csGetMessage().empty());
+    EXPECT_EQ(clError.StringDump(CXError::INFO_MODULE), L"Module VelmoManager, message 3859");
     EXPECT_THAT(csToUTF8(clError.StringDump(CXError::INFO_DEBUG)),
                 testing::HasSubstr("IEvelmomanager=1.1\r\nModule=<velmomanager>\r\nVersion=<24.0.6.0>"));
     errno = 0;

@@ -3,6 +3,7 @@
 
 #include "service/InitScript.h"
 #include "service/ScriptTemplates.h"
+#include "support/TextLines.h"
 #include "tools/Command.h"
 #include "tools/TempDir.h"
 
@@ -85,6 +86,9 @@ TEST(SysVScript, TemplatesAreCleanScriptsHoweverTheyAreFilled)
                                                                    {g_csSlackwareScript, 1956}};
     for (const auto& [csTemplate, nLength] : tTemplates) {
         EXPECT_EQ(csTemplate.size(), nLength);
+        ForEachLine(csTemplate, [](std::string_view csLine) { // elsewhere a shell would read them
+            EXPECT_TRUE(csLine.starts_with('#') || csLine.find("%%%DISPLAY") == csLine.npos) << csLine;
+        });
         for (const char* pszCommandLine :
              {"/opt/dx", "/opt/dx --port=1 -v", "\"/opt/it's $(my) base/dx\" \"a b\""}) {
             const std::string csScript = csFilled(csTemplate, pszCommandLine, "My `base` $(x)");

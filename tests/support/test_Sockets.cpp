@@ -55,7 +55,7 @@ TEST(Sockets, ATCPPortTakenInOneFamilyIsFatalForTheWholeSetAndSaysWhy)
         EXPECT_EQ(clFirst.tGetSockets().size(), 1u);
         EXPECT_FALSE(bSocketListenTCP(wPort, 0, &clSecond, &clError, nullptr, 5));
         EXPECT_TRUE(clSecond.tGetSockets().empty());
-        EXPECT_EQ(clError.nGetUserError(), 25627u);
+        EXPECT_EQ(clError.StringDump(CXError::INFO_MODULE), L"Module VelmoManager, message 25627");
         EXPECT_EQ(clError.nGetSystemError(), EADDRINUSE);
         EXPECT_NE(clError.csGetMessage().find(std::to_wstring(wPort)), std::wstring::npos);
         EXPECT_EQ(clError.StringDump(CXError::INFO_DEBUG), L"Detail: bind");
@@ -63,7 +63,7 @@ TEST(Sockets, ATCPPortTakenInOneFamilyIsFatalForTheWholeSetAndSaysWhy)
     clError.Clear();
     EXPECT_FALSE(bSocketListenTCP(4999, 0, &clSecond, &clError, L"no such host name", 5));
     EXPECT_EQ(clError.StringDump(CXError::INFO_DEBUG), L"Detail: getaddrinfo");
-    EXPECT_EQ(clError.nGetUserError(), 0u) << "the port is not what is wrong";
+    EXPECT_EQ(clError.StringDump(CXError::INFO_MODULE), L"Module VelmoManager") << "not the port is wrong";
     EXPECT_NE(clError.csGetMessage().find(csFromUTF8(::gai_strerror(EAI_NONAME))), std::wstring::npos);
 }
 

@@ -183,7 +183,7 @@ TEST(Thread, AThreadThatCannotBeCreatedIsAnError)
         EXPECT_GE(nElapsedMs(clStart), 10 * 40) << "tried again ten times";
         clThread.Stop(1);
         EXPECT_FALSE(clThread.bThreadRunning());
-        EXPECT_EQ(clError.nGetUserError(), 3857u);
+        EXPECT_EQ(clError.StringDump(CXError::INFO_MODULE), L"Module VelmoManager, message 3857");
         EXPECT_EQ(clError.nGetSystemError(), EAGAIN);
     });
 }
