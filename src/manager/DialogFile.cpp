@@ -11,6 +11,7 @@
 #include <memory>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 constexpr std::size_t s_nBlock = 65536;
@@ -72,12 +73,10 @@ void CDialog::xGetFile(const std::wstring& csName, unsigned int nSize, CInstallI
         clFile.xWrite({pBlock.get(), static_cast<std::size_t>(nReceived)});
         nTotal += static_cast<std::size_t>(nReceived);
     }
-    pclInfo->tTemporaryFiles.push_back(clFile.csPath());
-    try {
-        pclInfo->tNames.push_back(csName);
-    } catch (...) {
-        pclInfo->tTemporaryFiles.pop_back();
-        throw;
-    }
-    clFile.Keep(); // nothing fails any more
+    // What can fail comes before the file is kept and listed.
+    std::wstring csFile = clFile.csPath();
+    pclInfo->tTemporaryFiles.reserve(pclInfo->tTemporaryFiles.size() + 1);
+    pclInfo->tNames.push_back(csName);
+    pclInfo->tTemporaryFiles.push_back(std::move(csFile));
+    clFile.Keep();
 }

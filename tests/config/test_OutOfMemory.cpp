@@ -2,36 +2,11 @@
 // thrown.
 
 #include "config/Config.h"
+#include "tools/FailingNew.h"
 #include "tools/TempDir.h"
 
-#include <algorithm>
-#include <cstdlib>
 #include <functional>
 #include <gtest/gtest.h>
-#include <new>
-
-namespace {
-thread_local int s_nLeft = -1; ///< allocations that this thread still gets; below 0: all
-} // namespace
-
-// Visible, so that the C++ library's own code, where texts allocate, takes them, too.
-[[gnu::visibility("default")]] void* operator new(std::size_t nBytes)
-{
-    void* const p = s_nLeft == 0 ? nullptr : std::malloc(std::max<std::size_t>(nBytes, 1));
-    if (p == nullptr) {
-        throw std::bad_alloc();
-    }
-    s_nLeft -= s_nLeft > 0 ? 1 : 0;
-    return p;
-}
-[[gnu::visibility("default")]] void operator delete(void* p) noexcept
-{
-    std::free(p);
-}
-[[gnu::visibility("default")]] void operator delete(void* p, std::size_t) noexcept
-{
-    std::free(p);
-}
 
 namespace {
 using CGetter = std::function<void(const CConfig&, wchar_t*)>;
@@ -81,10 +56,10 @@ TEST(OutOfMemory, AGetterGivesTheValueOrTheDefault)
         }
         bool bValue = false;
         for (int nAllocations = 0; nAllocations < 100 && !bValue; ++nAllocations) {
-            s_nLeft = nAllocations;
+            g_nAllocationsLeft = nAllocations;
             EXPECT_NO_THROW(fnGet(clConfig, szGot));
-            bValue = s_nLeft != 0; // nothing was refused
-            s_nLeft = -1;
+            bValue = g_nAllocationsLeft != 0; // nothing was refused
+            g_nAllocationsLeft = -1;
             EXPECT_TRUE(szGot == std::wstring(szValue) || (!bValue && szGot == csDefault)) << nAllocations;
         }
         EXPECT_TRUE(bValue);
