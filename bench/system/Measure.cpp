@@ -57,10 +57,12 @@ void Row(const std::string& csWhat, const std::string& csFloor, const std::strin
     std::fflush(stdout);
 }
 
+namespace {
 std::string csTime(double fMicro)
 {
     return fMicro < 1000 ? csNumber(fMicro, 1) + " µs" : csNumber(fMicro / 1000, 2) + " ms";
 }
+} // namespace
 
 void TimeRow(const std::string& csWhat, const STComparison& st, double fTarget, double fPercent)
 {

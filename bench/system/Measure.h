@@ -70,4 +70,3 @@ void ComparisonRow(const std::string& csWhat, const STComparison& st);
 /// A row of rates: the ratio must be at least fTarget.
 void RateRow(const std::string& csWhat, const STComparison& st, double fTarget);
 std::string csNumber(double fValue, int nDecimals);
-std::string csTime(double fMicro);

@@ -315,7 +315,9 @@ void ProvideServer(int nServer)
 {
     const std::string csName = csServer(nServer);
     const std::string csHome = "/opt/velmo/" + csName;
-    PutServer(csHome, csName, 6000 + nServer);
+    if (!std::filesystem::exists(csHome)) {
+        PutServer(csHome, csName, 6000 + nServer);
+    }
     std::ofstream(s_szUnits + csUnitFile(nServer)) << csUnitText(csHome, csName);
     std::filesystem::create_symlink(s_szUnits + csUnitFile(nServer), s_szWants + csUnitFile(nServer));
 }
