@@ -1,7 +1,9 @@
 #include "Measure.h"
 
 #include <array>
+#include <atomic>
 #include <cstdio>
+#include <thread>
 
 STComparison stTurnByTurn(int nRounds, const std::function<double()>& fnFloor,
                           const std::function<double()>& fnOurs)
@@ -19,6 +21,25 @@ STComparison stTurnByTurn(int nRounds, const std::function<double()>& fnFloor,
     return st;
 }
 
+double fRateOf(int nThreads, const std::function<void(int)>& fnAction)
+{
+    constexpr double fDuration = 1.2e6;
+    std::atomic<int> nDone{0};
+    std::vector<std::thread> tThreads;
+    const double fStart = fNow();
+    for (int n = 0; n < nThreads; ++n) {
+        tThreads.emplace_back([&, n] {
+            for (; fNow() - fStart < fDuration; ++nDone) {
+                fnAction(n);
+            }
+        });
+    }
+    for (std::thread& clThread : tThreads) {
+        clThread.join();
+    }
+    return nDone * 1e6 / (fNow() - fStart);
+}
+
 std::string csNumber(double fValue, int nDecimals)
 {
     std::array<char, 64> tText{};
@@ -30,8 +51,9 @@ void Row(const std::string& csWhat, const std::string& csFloor, const std::strin
          const std::string& csTarget, bool bReached)
 {
     const std::string csRatio = fRatio < 0 ? "" : csNumber(fRatio, 2);
+    const char* const pszReached = bReached ? "yes" : "**no**";
     std::printf("| %s | %s | %s | %s | %s | %s |\n", csWhat.c_str(), csFloor.c_str(), csOurs.c_str(),
-                csRatio.c_str(), csTarget.c_str(), bReached ? "yes" : "**no**");
+                csRatio.c_str(), csTarget.c_str(), csTarget.empty() ? "" : pszReached);
     std::fflush(stdout);
 }
 
@@ -48,6 +70,13 @@ void TimeRow(const std::string& csWhat, const STComparison& st, double fTarget, 
     const double fOurs = st.clOurs.fPercentile(fPercent);
     Row(csWhat, csTime(fFloor), csTime(fOurs), fOurs / fFloor, "at most " + csNumber(fTarget, 2),
         fOurs <= fTarget * fFloor);
+}
+
+void ComparisonRow(const std::string& csWhat, const STComparison& st)
+{
+    const double fFloor = st.clFloor.fMedian();
+    const double fOurs = st.clOurs.fMedian();
+    Row(csWhat, csTime(fFloor), csTime(fOurs), fOurs / fFloor, "", true);
 }
 
 void RateRow(const std::string& csWhat, const STComparison& st, double fTarget)

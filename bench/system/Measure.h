@@ -56,11 +56,17 @@ inline double fMicroseconds(const std::function<void()>& fnAction)
 STComparison stTurnByTurn(int nRounds, const std::function<double()>& fnFloor,
                           const std::function<double()>& fnOurs);
 
+/// Runs the action in so many threads, each with its number, for about a second; how often it was done per
+/// second in all.
+double fRateOf(int nThreads, const std::function<void(int)>& fnAction);
+
 /// Writes one row of the table, as Markdown, to the standard output.
 void Row(const std::string& csWhat, const std::string& csFloor, const std::string& csOurs, double fRatio,
          const std::string& csTarget, bool bReached);
 /// A row of times: the ratio of ours to the floor may be at most fTarget. fPercent is which figure counts.
 void TimeRow(const std::string& csWhat, const STComparison& st, double fTarget, double fPercent = 50);
+/// Times side by side, without a target.
+void ComparisonRow(const std::string& csWhat, const STComparison& st);
 /// A row of rates: the ratio must be at least fTarget.
 void RateRow(const std::string& csWhat, const STComparison& st, double fTarget);
 std::string csNumber(double fValue, int nDecimals);

@@ -1,7 +1,8 @@
 #pragma once
 
 /// The parts of the table. Each starts the programs that it measures and leaves none behind.
-void ServiceRows(); ///< what launches tools
+void ServiceRows(); ///< the state of one server, and the restart monitor
+void ListRows();    ///< listings, and what waits for one: INFO, discovery, registration, velmoctl list
 void ServerRows();  ///< conversations without tools
 void CrowdRows();   ///< 10,000 conversations, and more than there are descriptors for
 void LifeRows();    ///< start, idleness, settings

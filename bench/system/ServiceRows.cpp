@@ -1,14 +1,11 @@
-// What launches tools: STATUS, INFO, ping, the restart pass.
+// The state of one server, and the restart pass.
 
 #include "Measure.h"
 #include "Rows.h"
 #include "Tools.h"
 
-#include <arpa/inet.h>
-#include <array>
 #include <fstream>
-#include <sys/socket.h>
-#include <thread>
+#include <memory>
 #include <unistd.h>
 
 namespace {
@@ -33,31 +30,6 @@ void StatusRows()
     TimeRow("the same, p99", st, 1.5, 99);
 }
 
-/// Runs the action in 8 threads for about a second; how often it was done per second.
-double fRateOf8(const std::function<void(int)>& fnAction)
-{
-    constexpr double fDuration = 1.2e6;
-    std::array<int, 8> tCounts{};
-    std::vector<std::thread> tThreads;
-    tThreads.reserve(tCounts.size());
-    const double fStart = fNow();
-    for (int n = 0; n < 8; ++n) {
-        tThreads.emplace_back([&, n] {
-            for (; fNow() - fStart < fDuration; ++tCounts[static_cast<std::size_t>(n)]) {
-                fnAction(n);
-            }
-        });
-    }
-    for (std::thread& clThread : tThreads) {
-        clThread.join();
-    }
-    double fTotal = 0;
-    for (const int nCount : tCounts) {
-        fTotal += nCount;
-    }
-    return fTotal * 1e6 / (fNow() - fStart);
-}
-
 void StatusOf8Row()
 {
     std::vector<std::unique_ptr<CTalk>> tTalks;
@@ -66,61 +38,9 @@ void StatusOf8Row()
         tTalks.push_back(std::make_unique<CTalk>(g_wOurs));
     }
     const STComparison st = stTurnByTurn(
-        5, [] { return fRateOf8([](int) { LaunchStatus(csServer(0)); }); },
-        [&] { return fRateOf8([&](int n) { fStatus(*tTalks[static_cast<std::size_t>(n)]); }); });
+        5, [] { return fRateOf(8, [](int) { LaunchStatus(csServer(0)); }); },
+        [&] { return fRateOf(8, [&](int n) { fStatus(*tTalks[static_cast<std::size_t>(n)]); }); });
     RateRow("STATUS per second, 8 conversations", st, 1 / 1.25);
-}
-
-/// Sends a question and waits for both datagrams of the answer.
-class CPing
-{
-public:
-    CPing() : m_clSocket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0))
-    {
-        sockaddr_in stAddress{};
-        stAddress.sin_family = AF_INET;
-        stAddress.sin_port = htons(g_wOurs);
-        stAddress.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        (void)::connect(m_clSocket.nFd(), reinterpret_cast<const sockaddr*>(&stAddress), sizeof stAddress);
-    }
-    void Ask() const
-    {
-        static constexpr char szQuestion[] = "ARE YOU A DEXARO SERVER SETUP?\r\n"; // with its NUL
-        (void)::send(m_clSocket.nFd(), szQuestion, sizeof szQuestion, 0);
-    }
-    void Await() const
-    {
-        std::array<char, 16384> tBuffer;
-        ssize_t n = 0;
-        do {
-            n = ::recv(m_clSocket.nFd(), tBuffer.data(), tBuffer.size(), 0);
-        } while (n > 2); // the line end comes last, by itself
-    }
-
-private:
-    CDescripteur m_clSocket;
-};
-
-void ListRows(int nServers, int nRounds)
-{
-    ProvideServers(nServers);
-    const CTalk clTalk(g_wOurs);
-    const CPing clPing;
-    const auto fnFloor = [&] { return fMicroseconds([&] { LaunchInfo(nServers); }); };
-    const std::string csServers = " with " + std::to_string(nServers) + " servers";
-    TimeRow("INFO" + csServers,
-            stTurnByTurn(nRounds, fnFloor,
-                         [&] { return fMicroseconds([&] { (void)clTalk.csAsk("INFO\r\n"); }); }),
-            1.15);
-    TimeRow("ping" + csServers,
-            stTurnByTurn(nRounds, fnFloor,
-                         [&] {
-                             return fMicroseconds([&] {
-                                 clPing.Ask();
-                                 clPing.Await();
-                             });
-                         }),
-            1.15);
 }
 
 /// STATUS while a thousand questions wait for their answers, which come one after the other.
@@ -216,11 +136,7 @@ void ServiceRows()
         clManager.AwaitPort(g_wOurs);
         StatusRows();
         StatusOf8Row();
-        ListRows(s_nPassServers, 12);
     }
     PassRow(s_nPassServers);
     FloodRow();
-    CProgram clManager(tManagerCommand());
-    clManager.AwaitPort(g_wOurs);
-    ListRows(50, 5);
 }

@@ -67,6 +67,33 @@ std::string CTalk::csAsk(const std::string& csLine) const
     return __csLine();
 }
 
+CPing::CPing() : m_clSocket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0))
+{
+    const timeval stLimit{10, 0};
+    (void)::setsockopt(m_clSocket.nFd(), SOL_SOCKET, SO_RCVTIMEO, &stLimit, sizeof stLimit);
+    sockaddr_in stAddress{};
+    stAddress.sin_family = AF_INET;
+    stAddress.sin_port = htons(g_wOurs);
+    stAddress.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    (void)::connect(m_clSocket.nFd(), reinterpret_cast<const sockaddr*>(&stAddress), sizeof stAddress);
+}
+
+void CPing::Ask() const
+{
+    static constexpr char szQuestion[] = "ARE YOU A DEXARO SERVER SETUP?\r\n"; // with its NUL
+    (void)::send(m_clSocket.nFd(), szQuestion, sizeof szQuestion, 0);
+}
+
+bool CPing::bAnswered() const
+{
+    std::array<char, 16384> tBuffer;
+    ssize_t n = 0;
+    do {
+        n = ::recv(m_clSocket.nFd(), tBuffer.data(), tBuffer.size(), 0);
+    } while (n > 2); // the line end comes last, by itself
+    return n == 2;
+}
+
 namespace {
 /// For execv and the launches: pointers into the words.
 std::vector<char*> tPointers(std::vector<std::string>* ptWords)
@@ -172,27 +199,64 @@ STProcess stLook(pid_t nPid)
     return st;
 }
 
+long nLaunchProgram(const std::vector<std::string>& tCommand)
+{
+    std::vector<std::string> tWords = tCommand;
+    const long nPrinted = floor_launch(tPointers(&tWords).data());
+    if (nPrinted < 0) {
+        Die("a bare launch failed");
+    }
+    return nPrinted;
+}
+
 void Launch(const std::vector<std::string>& tArguments)
 {
     std::vector<std::string> tWords{"/bin/systemctl"};
     tWords.insert(tWords.end(), tArguments.begin(), tArguments.end());
-    if (floor_launch(tPointers(&tWords).data()) < 0) {
-        Die("a bare launch failed");
-    }
+    (void)nLaunchProgram(tWords);
 }
 
 namespace {
+/// Units that fit into the launcher's 50 words, beside the program, the properties and "show".
+constexpr std::size_t s_nBatch = 47;
+
 void LaunchShow(const std::string& csService)
 {
     Launch({"--property=Description,ExecStart,Type", "show", csService});
 }
-void LaunchList()
+void LaunchUnits()
 {
     Launch({"list-units", "--all", "--type=service", "--full", "--no-pager", "--no-legend"});
 }
 void LaunchState(const std::string& csService)
 {
     Launch({"--property=ActiveState", "show", csService});
+}
+
+/// One launch for as many units as fit. A batch of one is asked as a lookup is.
+void LaunchBatches(const std::vector<std::string>& tServices)
+{
+    for (auto it = tServices.begin(); it != tServices.end();) {
+        const auto nLeft = static_cast<std::size_t>(tServices.end() - it);
+        const auto itEnd = it + static_cast<std::ptrdiff_t>(std::min(nLeft, s_nBatch));
+        if (itEnd - it == 1) {
+            LaunchShow(*it);
+        } else {
+            std::vector<std::string> tArguments{"--property=Id,Description,ExecStart,Type", "show"};
+            tArguments.insert(tArguments.end(), it, itEnd);
+            Launch(tArguments);
+        }
+        it = itEnd;
+    }
+}
+
+std::vector<std::string> tServices(int nServers)
+{
+    std::vector<std::string> tNames;
+    for (int n = 0; n < nServers; ++n) {
+        tNames.push_back("DXCS-" + csServer(n));
+    }
+    return tNames;
 }
 } // namespace
 
@@ -204,21 +268,32 @@ void LaunchStatus(const std::string& csName)
 
 void LaunchInfo(int nServers)
 {
-    LaunchList();
-    for (int n = 0; n < nServers; ++n) {
-        LaunchShow("DXCS-" + csServer(n));
+    LaunchUnits();
+    std::vector<std::string> tAsked = tServices(nServers);
+    tAsked.emplace_back("dxsql");
+    LaunchBatches(tAsked);
+}
+
+void LaunchInfoOneByOne(int nServers)
+{
+    LaunchUnits();
+    for (const std::string& csService : tServices(nServers)) {
+        LaunchShow(csService);
     }
     LaunchShow("dxsql");
 }
 
+void LaunchList(int nServers)
+{
+    LaunchUnits();
+    LaunchBatches(tServices(nServers));
+}
+
 void LaunchPass(int nServers)
 {
-    LaunchList();
-    for (int n = 0; n < nServers; ++n) {
-        LaunchShow("DXCS-" + csServer(n));
-    }
-    for (int n = 0; n < nServers; ++n) {
-        LaunchState("DXCS-" + csServer(n));
+    LaunchList(nServers);
+    for (const std::string& csService : tServices(nServers)) {
+        LaunchState(csService);
     }
 }
 
@@ -227,27 +302,55 @@ std::string csServer(int nServer)
     return "Server" + std::to_string(nServer);
 }
 
+namespace {
+constexpr char s_szUnits[] = "/lib/systemd/system/";
+constexpr char s_szWants[] = "/etc/systemd/system/multi-user.target.wants/";
+
+std::string csUnitFile(int nServer)
+{
+    return "DXCS-" + csServer(nServer) + ".service";
+}
+
+void ProvideServer(int nServer)
+{
+    const std::string csName = csServer(nServer);
+    const std::string csHome = "/opt/velmo/" + csName;
+    if (!std::filesystem::exists(csHome)) {
+        PutServer(csHome, csName, 6000 + nServer);
+    }
+    std::ofstream(s_szUnits + csUnitFile(nServer)) << csUnitText(csHome, csName);
+    std::filesystem::create_symlink(s_szUnits + csUnitFile(nServer), s_szWants + csUnitFile(nServer));
+}
+} // namespace
+
+void PutServer(const std::string& csHome, const std::string& csName, int nPort)
+{
+    std::filesystem::create_directories(csHome);
+    std::filesystem::copy_file(csBuilt("dxdemo"), csHome + "/dxdemo",
+                               std::filesystem::copy_options::overwrite_existing);
+    std::ofstream(csHome + "/DXConf.ini")
+        << "[INIT]\nName = " << csName << "\nAccessPort = " << nPort << "\n";
+}
+
+std::string csUnitText(const std::string& csHome, const std::string& csName)
+{
+    return "[Unit]\nDescription=DXCS-" + csName +
+           "\n[Install]\nWantedBy=multi-user.target\n[Service]\nType=forking\nExecStart=" + csHome +
+           "/dxdemo --SERVICE DXCS-" + csName + "\nPIDFile=/var/run/DXCS-" + csName + ".pid\n";
+}
+
 void ProvideServers(int nServers)
 {
-    const std::string csWants = "/etc/systemd/system/multi-user.target.wants/";
-    std::filesystem::create_directories(csWants);
+    const auto bThere = [](int n) { return std::filesystem::exists(s_szUnits + csUnitFile(n)); };
+    std::filesystem::create_directories(s_szWants);
     for (int n = 0; n < nServers; ++n) {
-        const std::string csName = csServer(n);
-        const std::string csHome = "/opt/velmo/" + csName;
-        const std::string csUnit = "/lib/systemd/system/DXCS-" + csName + ".service";
-        if (std::filesystem::exists(csUnit)) {
-            continue;
+        if (!bThere(n)) {
+            ProvideServer(n);
         }
-        std::filesystem::create_directories(csHome);
-        std::filesystem::copy_file(csBuilt("dxdemo"), csHome + "/dxdemo");
-        std::ofstream(csHome + "/DXConf.ini")
-            << "[INIT]\nName = " << csName << "\nAccessPort = " << 6000 + n << "\n";
-        std::ofstream(csUnit)
-            << "[Unit]\nDescription=DXCS-" << csName
-            << "\n[Install]\nWantedBy=multi-user.target\n[Service]\nType=forking\nExecStart=" << csHome
-            << "/dxdemo --SERVICE DXCS-" << csName << "\nPIDFile=/var/run/DXCS-" << csName << ".pid\n";
-        std::filesystem::create_symlink(csUnit, std::filesystem::path(csWants) /
-                                                    std::filesystem::path(csUnit).filename());
+    }
+    for (int n = nServers; bThere(n); ++n) {
+        std::filesystem::remove(s_szWants + csUnitFile(n));
+        std::filesystem::remove(s_szUnits + csUnitFile(n));
     }
     Launch({"daemon-reload"});
     Launch({"start", "DXCS-" + csServer(0)});

@@ -31,6 +31,19 @@ private:
 /// A new connection to the port, or an empty one; not greeted yet.
 CDescripteur clConnect(std::uint16_t wPort, bool bBlocking = true);
 
+/// A tool that looks for managers, on a socket of its own: every one of them counts as another asker.
+class CPing
+{
+public:
+    CPing();
+    void Ask() const;
+    /// Waits for both datagrams of the answer; false when they do not come in ten seconds.
+    bool bAnswered() const;
+
+private:
+    CDescripteur m_clSocket;
+};
+
 /// A program that runs for the life of the object; SIGKILL ends it.
 class CProgram
 {
@@ -62,13 +75,23 @@ struct STProcess
 };
 STProcess stLook(pid_t nPid);
 
+/// A bare launch of a program; how much it has printed.
+long nLaunchProgram(const std::vector<std::string>& tCommand);
 /// A bare launch of the tool with these arguments.
 void Launch(const std::vector<std::string>& tArguments);
-/// The launches behind one STATUS, one INFO over so many servers, and one server's part of a restart pass.
+/// The launches behind one STATUS, one INFO over so many servers, the listing of a registration among as
+/// many, and a restart pass over them.
 void LaunchStatus(const std::string& csServer);
 void LaunchInfo(int nServers);
+void LaunchList(int nServers);
 void LaunchPass(int nServers);
+/// An INFO that launches the tool for each server by itself.
+void LaunchInfoOneByOne(int nServers);
 /// Name of the server number n; all of them are stopped but server 0.
 std::string csServer(int nServer);
+/// Puts a server's program and settings into a folder.
+void PutServer(const std::string& csHome, const std::string& csName, int nPort);
+/// The unit that the manager writes for it.
+std::string csUnitText(const std::string& csHome, const std::string& csName);
 /// Makes sure that exactly so many servers are there.
 void ProvideServers(int nServers);

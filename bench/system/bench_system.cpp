@@ -14,7 +14,11 @@ int main(int argc, char** argv)
     {
         const char* pszName;
         void (*pfnRows)();
-    } tParts[] = {{"service", ServiceRows}, {"server", ServerRows}, {"crowd", CrowdRows}, {"life", LifeRows}};
+    } tParts[] = {{"service", ServiceRows},
+                  {"list", ListRows},
+                  {"server", ServerRows},
+                  {"crowd", CrowdRows},
+                  {"life", LifeRows}};
     rlimit stLimit{}; // the connections are held by children of ours
     ::getrlimit(RLIMIT_NOFILE, &stLimit);
     stLimit.rlim_cur = stLimit.rlim_max;

@@ -6,6 +6,7 @@
 #include <netinet/tcp.h>
 #include <pthread.h>
 #include <spawn.h>
+#include <stdatomic.h>
 #include <stdint.h>
 #include <string.h>
 #include <sys/resource.h>
@@ -77,6 +78,76 @@ int floor_serve(unsigned short port, char* const argv[])
         if (fd < 0 || pthread_create(&thread, &attributes, converse, (void*)(intptr_t)fd) != 0)
             return 1;
     }
+}
+
+struct questions
+{
+    unsigned short port;
+    const char* const* lines;
+    int count;
+    atomic_int next;
+    atomic_int failed;
+};
+
+static int await_line(int fd)
+{
+    char buffer[8192];
+    ssize_t n;
+    do
+        n = recv(fd, buffer, sizeof buffer, 0);
+    while (n > 0 && buffer[n - 1] != '\n');
+    return n > 0 ? 0 : -1;
+}
+
+static int ask_line(int fd, const char* line)
+{
+    return send(fd, line, strlen(line), MSG_NOSIGNAL) < 0 ? -1 : await_line(fd);
+}
+
+static int open_conversation(unsigned short port)
+{
+    const struct sockaddr_in address = {
+        .sin_family = AF_INET, .sin_port = htons(port), .sin_addr.s_addr = htonl(INADDR_LOOPBACK)};
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (connect(fd, (const struct sockaddr*)&address, sizeof address) != 0 || await_line(fd) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+static void* ask_rest(void* argument)
+{
+    struct questions* q = argument;
+    const int fd = open_conversation(q->port);
+    for (int n; fd >= 0 && (n = atomic_fetch_add(&q->next, 1)) < q->count;)
+        if (ask_line(fd, q->lines[n]) != 0)
+            q->failed = 1;
+    if (fd < 0)
+        q->failed = 1;
+    else
+        close(fd);
+    return NULL;
+}
+
+int floor_ask(unsigned short port, const char* const lines[], int count, int conversations)
+{
+    struct questions q = {.port = port, .lines = lines, .count = count, .next = 1};
+    pthread_t threads[16];
+    int started = 0;
+    const int fd = open_conversation(port);
+    if (fd < 0 || ask_line(fd, lines[0]) != 0)
+        return -1;
+    while (started < conversations - 1 && started < 15 &&
+           pthread_create(&threads[started], NULL, ask_rest, &q) == 0)
+        ++started;
+    for (int n; (n = atomic_fetch_add(&q.next, 1)) < count;)
+        if (ask_line(fd, lines[n]) != 0)
+            q.failed = 1;
+    while (started > 0)
+        pthread_join(threads[--started], NULL);
+    close(fd);
+    return q.failed ? -1 : 0;
 }
 
 int floor_find_in_file(const char* path, const char* text)

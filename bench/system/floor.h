@@ -15,6 +15,10 @@ long floor_launch(char* const argv[]);
  * every line. Launches argv once before it accepts, unless that is null. Returns only when it fails. */
 int floor_serve(unsigned short port, char* const argv[]);
 
+/* Sends the first line to 127.0.0.1 over one conversation and, once it is answered, the others over so many
+ * (at most 16), each of which takes the next line when it has its reply. 0; -1. */
+int floor_ask(unsigned short port, const char* const lines[], int count, int conversations);
+
 /* Whether the file contains the text: reads it whole and looks. */
 int floor_find_in_file(const char* path, const char* text);
 

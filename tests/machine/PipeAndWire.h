@@ -44,6 +44,15 @@ inline std::string csRegister(const std::string& csName, const std::string& csPa
     return clReply.csReply(40'000);
 }
 
+/// The files named "ran" that a "touch ran" in a name or path, run by a shell, would have left: in the folder
+/// of a server, of the system's tools or of whoever else starts one. The rest of the root is as large as the
+/// host's.
+inline std::string csRan()
+{
+    return stRun("find / -maxdepth 1 -name ran; find /etc /opt /root /run /tmp /var /lib/systemd -name ran")
+        .csOutput;
+}
+
 /// A program of a server, with settings beside it and a file of data if no other server has them there.
 inline void PutProgram(const std::filesystem::path& clProgram, int nPort)
 {

@@ -287,7 +287,7 @@ TEST_P(SysVFamily, PathsAreOnlyPathsAndAMissingProgramIsNoRunningServer)
     EXPECT_TRUE(bServes());
     EXPECT_EQ(m_pclService->eGetStatus(), STATUS_RUNNING);
     EXPECT_TRUE(m_pclService->bStop());
-    EXPECT_EQ(stRun("find / -xdev -name ran").csOutput, "");
+    EXPECT_EQ(csRan(), "");
     std::filesystem::remove(clProgram);
     (void)m_pclService->bStart();
     EXPECT_EQ(m_pclService->eGetStatus(), STATUS_STOPPED);

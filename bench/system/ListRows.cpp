@@ -1,0 +1,235 @@
+// Listings, and what waits for one: INFO, discovery, registration, velmoctl list.
+
+#include "floor.h"
+#include "Measure.h"
+#include "Rows.h"
+#include "Tools.h"
+#include "tools/PipeClient.h"
+
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <vector>
+
+namespace {
+std::string csWith(int nServers)
+{
+    return " with " + std::to_string(nServers) + " servers";
+}
+
+double fInfo(const CTalk& clTalk)
+{
+    return fMicroseconds([&] { (void)clTalk.csAsk("INFO\r\n"); });
+}
+
+double fBareInfo(int nServers)
+{
+    return fMicroseconds([&] { LaunchInfo(nServers); });
+}
+
+double fPing(const CPing& clPing)
+{
+    return fMicroseconds([&] {
+        clPing.Ask();
+        if (!clPing.bAnswered()) {
+            Die("no answer to a question");
+        }
+    });
+}
+
+void InfoRow(int nServers, int nRounds)
+{
+    const CTalk clTalk(g_wOurs);
+    TimeRow("INFO" + csWith(nServers),
+            stTurnByTurn(
+                nRounds, [&] { return fBareInfo(nServers); }, [&] { return fInfo(clTalk); }),
+            1.15);
+}
+
+/// INFO with few servers as the floor of INFO with many.
+void GrowthRow(int nFew, int nMany)
+{
+    const CTalk clTalk(g_wOurs);
+    const auto fMedianWith = [&](int nServers) {
+        ProvideServers(nServers);
+        CFigures cl;
+        for (int n = 0; n < 3; ++n) {
+            cl.Add(fInfo(clTalk));
+        }
+        return cl.fMedian();
+    };
+    TimeRow("growth of INFO from " + std::to_string(nFew) + " servers (floor) to " + std::to_string(nMany),
+            stTurnByTurn(
+                5, [&] { return fMedianWith(nFew); }, [&] { return fMedianWith(nMany); }),
+            4);
+}
+
+void PingRow(int nServers, int nRounds)
+{
+    const CPing clPing;
+    TimeRow("ping" + csWith(nServers),
+            stTurnByTurn(
+                nRounds, [&] { return fBareInfo(nServers); }, [&] { return fPing(clPing); }),
+            1.15);
+}
+
+/// Next to the launches that an INFO cost when it asked for each server by itself, and to asking systemd.
+void OtherWaysRows(int nServers, int nRounds)
+{
+    const CTalk clTalk(g_wOurs);
+    const auto fnInfo = [&] { return fInfo(clTalk); };
+    ComparisonRow("INFO" + csWith(nServers) + ", next to one launch each (what was before)",
+                  stTurnByTurn(
+                      nRounds, [&] { return fMicroseconds([&] { LaunchInfoOneByOne(nServers); }); }, fnInfo));
+    std::vector<std::string> tShow{"show"};
+    for (int n = 0; n < nServers; ++n) {
+        tShow.push_back("DXCS-" + csServer(n));
+    }
+    ComparisonRow("INFO" + csWith(nServers) + ", next to one plain `systemctl show` of them",
+                  stTurnByTurn(
+                      nRounds, [&] { return fMicroseconds([&] { Launch(tShow); }); }, fnInfo));
+}
+
+void SharedInfoRow(int nServers)
+{
+    constexpr int nConversations = 16;
+    std::vector<std::unique_ptr<CTalk>> tTalks;
+    for (int n = 0; n < nConversations; ++n) {
+        tTalks.push_back(std::make_unique<CTalk>(g_wOurs));
+    }
+    const STComparison st = stTurnByTurn(
+        5, [&] { return fRateOf(1, [&](int) { LaunchInfo(nServers); }); },
+        [&] {
+            return fRateOf(nConversations, [&](int n) { (void)fInfo(*tTalks[static_cast<std::size_t>(n)]); });
+        });
+    RateRow("INFO per second, 16 conversations," + csWith(nServers).substr(5), st, 2);
+}
+
+/// As many tools look for managers at the same moment.
+void CrowdOfQuestionsRows(int nServers)
+{
+    constexpr int nAskers = 300;
+    int nFewest = nAskers;
+    const auto fnOurs = [&] {
+        const std::vector<CPing> tAskers(nAskers);
+        int nAnswered = 0;
+        const double fTook = fMicroseconds([&] {
+            for (const CPing& clPing : tAskers) {
+                clPing.Ask();
+            }
+            for (const CPing& clPing : tAskers) {
+                nAnswered += clPing.bAnswered() ? 1 : 0;
+            }
+        });
+        nFewest = std::min(nFewest, nAnswered);
+        return fTook;
+    };
+    const STComparison st = stTurnByTurn(
+        7, [&] { return fBareInfo(nServers); }, fnOurs);
+    TimeRow("300 questions at once" + csWith(nServers) + ", until the last is answered", st, 3);
+    Row("the same: answered", std::to_string(nAskers), std::to_string(nFewest), -1, std::to_string(nAskers),
+        nFewest == nAskers);
+}
+
+constexpr char s_szNewName[] = "Newcomer";
+constexpr char s_szNewHome[] = "/opt/velmo/Newcomer";
+constexpr char s_szNewService[] = "DXCS-Newcomer";
+constexpr char s_szNewUnit[] = "/lib/systemd/system/DXCS-Newcomer.service";
+
+void RemoveNewcomer()
+{
+    Launch({"disable", "--now", s_szNewService});
+    std::filesystem::remove(s_szNewUnit);
+    Launch({"daemon-reload"});
+}
+
+void Register()
+{
+    const CReplyPipe clReply(1);
+    const std::string csProgram = std::string(s_szNewHome) + "/dxdemo";
+    if (!bWritePipe("/tmp/__pipe_velmomanager__", csRequest(1, 1, s_szNewName, csProgram, 5998))) {
+        Die("the manager does not read its pipe");
+    }
+    const std::string csReply = clReply.csReply();
+    if (!csReply.empty()) {
+        Die("the registration was refused: " + csReply);
+    }
+}
+
+void LaunchRegistration(int nServers)
+{
+    LaunchList(nServers);
+    std::ofstream(s_szNewUnit) << csUnitText(s_szNewHome, s_szNewName);
+    Launch({"daemon-reload"});
+    Launch({"enable", s_szNewService});
+    Launch({"start", s_szNewService});
+}
+
+void RegistrationRow(int nServers, int nRounds)
+{
+    PutServer(s_szNewHome, s_szNewName, 5998);
+    const auto fTimed = [](const std::function<void()>& fnRegister) {
+        const double fTook = fMicroseconds(fnRegister);
+        RemoveNewcomer();
+        return fTook;
+    };
+    TimeRow("registration of one among " + std::to_string(nServers),
+            stTurnByTurn(
+                nRounds, [&] { return fTimed([&] { LaunchRegistration(nServers); }); },
+                [&] { return fTimed(Register); }),
+            1.2);
+}
+
+/// The floor asks the manager the same, over as many conversations.
+void ClientRow(int nServers, int nRounds)
+{
+    constexpr int nConversations = 4; // as many as the client has with one host
+    std::vector<std::string> tLines{"INFO\r\n"};
+    for (int n = 0; n < nServers; ++n) {
+        tLines.push_back("STATUS\t" + csServer(n) + "\r\n");
+    }
+    std::vector<const char*> tAsked;
+    for (const std::string& cs : tLines) {
+        tAsked.push_back(cs.c_str());
+    }
+    const auto fnFloor = [&] {
+        return fMicroseconds([&] {
+            if (floor_ask(g_wOurs, tAsked.data(), static_cast<int>(tAsked.size()), nConversations) != 0) {
+                Die("the bare client failed");
+            }
+        });
+    };
+    const auto fnOurs = [&] {
+        return fMicroseconds([&] {
+            if (nLaunchProgram({csBuilt("velmoctl"), "list"}) < nServers * 10) { // a line has more
+                Die("velmoctl lists less than there is");
+            }
+        });
+    };
+    TimeRow("`velmoctl list`" + csWith(nServers), stTurnByTurn(nRounds, fnFloor, fnOurs), 1.2);
+}
+} // namespace
+
+void ListRows()
+{
+    ProvideServers(10);
+    CProgram clManager(tManagerCommand());
+    clManager.AwaitPort(g_wOurs);
+    InfoRow(10, 20);
+    PingRow(10, 20);
+    CrowdOfQuestionsRows(10);
+
+    ProvideServers(20);
+    SharedInfoRow(20);
+
+    ProvideServers(50);
+    InfoRow(50, 15);
+    PingRow(50, 15);
+    OtherWaysRows(50, 7);
+    RegistrationRow(50, 9);
+    ClientRow(50, 9);
+
+    ProvideServers(200);
+    InfoRow(200, 15);
+    GrowthRow(50, 200);
+}

@@ -1,2 +1,0 @@
-// The same in a machine without any service manager.
-#include "machine_names.cpp" // NOLINT(bugprone-suspicious-include)

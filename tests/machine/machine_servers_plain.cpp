@@ -1,2 +1,0 @@
-// The same in a machine without any service manager: what differs there, the tests find out themselves.
-#include "machine_servers.cpp" // NOLINT(bugprone-suspicious-include)
