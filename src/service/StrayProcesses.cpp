@@ -16,7 +16,7 @@
 #include <vector>
 
 namespace {
-constexpr std::size_t s_nMaxArguments = std::size_t{64} * 1024; ///< bytes of a command line that are looked at
+constexpr std::size_t s_nMaxArguments = std::size_t{64} * 1024; ///< bytes of a command line that are read
 constexpr int s_nLookMs = 50;
 constexpr int s_nTermLooks = 100; ///< 5 seconds, as init scripts have it
 constexpr int s_nKillLooks = 20;

@@ -114,7 +114,8 @@ public:
     {
         m_eEnd = EEnd::NONE;
         ::el_resize(m_pclEdit.get());
-        ::el_set(m_pclEdit.get(), EL_PREP_TERM, 1); // libedit shows the prompt first, and a key may be as quick
+        // libedit shows the prompt before it leaves line mode: a key typed at once would be the terminal's.
+        ::el_set(m_pclEdit.get(), EL_PREP_TERM, 1);
         int nCount = 0;
         const wchar_t* const pszLine = ::el_wgets(m_pclEdit.get(), &nCount);
         if (m_eEnd == EEnd::SIGNAL) {
