@@ -150,15 +150,22 @@ TEST(Terminal, AWatchScrollsAListThatIsLongerThanTheTerminal)
         {"", "1 above, 7 more below"},
         {"\033[6~", "s39   1     running\033[K\r\n\033[J8 above, 0 more below"},
         {"g", "\033[J0 above, 8 more below"},
+        {"jj\033[Bx", "\033[J3 above, 5 more below"}, // quicker than the look at them
     };
     for (const auto& [pszTyped, pszShown] : tSteps) {
         SCOPED_TRACE(pszShown);
         clProgram.Type(pszTyped);
         ASSERT_TRUE(clProgram.bShows(pszShown));
     }
-    clProgram.Type("q");
+    clProgram.Type("kqq");
     EXPECT_TRUE(clProgram.bShows("\033[?7h\033[?25h"));
     EXPECT_EQ(clProgram.nEnd(), 0);
+
+    // Into a pipe whose reader goes away it leaves the terminal as it was.
+    CProgramOnTerminal clPiped("sh -c '" + csOn(clManager, "watch --interval 0.05") + " | head -n 1; stty'");
+    EXPECT_TRUE(clPiped.bShows("NAME  PORT  STATE\r\n"));
+    clPiped.nEnd();
+    EXPECT_EQ(clPiped.csShown().find("-icanon"), std::string::npos) << clPiped.csShown();
 }
 
 TEST(Terminal, AProgressLineSaysWhoIsWaitedForAndIsGoneInTheEnd)
@@ -230,6 +237,16 @@ TEST(Terminal, TheShellEditsKeepsAHistoryAndOutlivesAnInterruptedCommand)
     EXPECT_TRUE(clSecond.bShows("running\r\n"));
     clSecond.Type("quit\r");
     EXPECT_EQ(clSecond.nEnd(), 0);
+
+    const CTempDir clHome; // another user's, as with sudo
+    if (::chown(clHome.csPath().c_str(), 65534, 65534) == 0) {
+        CProgramOnTerminal clElsewhere("env -u XDG_STATE_HOME HOME=" + clHome.csPath() + " " +
+                                       csOn(clManager, "shell"));
+        ASSERT_TRUE(clElsewhere.bShows("velmo> "));
+        clElsewhere.Type("help\rquit\r");
+        EXPECT_EQ(clElsewhere.nEnd(), 0);
+        EXPECT_FALSE(clHome.bExists(".local"));
+    }
 }
 
 TEST(Terminal, TheShellReadsPlainLinesWithQuotedWordsOffATerminal)

@@ -27,9 +27,12 @@ constexpr STMove s_tMoves[] = {
 };
 } // namespace
 
-CScreen::CScreen(bool bLive) : m_bLive(bLive && bTerminal(STDOUT_FILENO)), m_clKeys(true)
+CScreen::CScreen(bool bLive) : m_bLive(bLive && bTerminal(STDOUT_FILENO))
 {
     if (m_bLive) {
+        // Only then: off a terminal a reader that goes away ends the program by SIGPIPE, and nobody would
+        // give the user's terminal its echo back.
+        m_clKeys.emplace();
         std::cout << s_csHideCursor << s_csCutLines << s_csHome << s_csClearBelow;
     }
 }
@@ -60,9 +63,9 @@ bool CScreen::bPauseEnds(Milliseconds clTime)
 {
     const CDeadline clEnd(clTime);
     while (bWaitFor(m_bLive ? STDIN_FILENO : -1, POLLIN, clEnd)) {
-        std::array<char, 16> tBytes{}; // the bytes of one key come together
+        std::array<char, 256> tBytes{}; // the bytes of one key come together, and keys typed during a look
         const ssize_t nRead = ::read(STDIN_FILENO, tBytes.data(), tBytes.size());
-        if (nRead <= 0 || _bKey({tBytes.data(), static_cast<std::size_t>(nRead)})) {
+        if (nRead <= 0 || _bKeys({tBytes.data(), static_cast<std::size_t>(nRead)})) {
             return true;
         }
     }
@@ -97,15 +100,21 @@ void CScreen::_Draw()
     std::cout << std::flush;
 }
 
-bool CScreen::_bKey(const std::string& csKey)
+bool CScreen::_bKeys(std::string_view csKeys)
 {
-    const auto* const pst = std::find_if(std::begin(s_tMoves), std::end(s_tMoves),
-                                         [&](const STMove& st) { return csKey == st.pszKey; });
-    if (pst != std::end(s_tMoves)) {
+    while (!csKeys.empty() && csKeys[0] != 'q' && csKeys[0] != 'Q') {
+        const auto* const pst = std::find_if(std::begin(s_tMoves), std::end(s_tMoves),
+                                             [&](const STMove& st) { return csKeys.starts_with(st.pszKey); });
+        if (pst == std::end(s_tMoves)) {
+            // The letters of an unknown escape sequence are no keys.
+            csKeys.remove_prefix(csKeys[0] == '\033' ? csKeys.size() : 1);
+            continue;
+        }
         const auto nRoom = static_cast<long>(_nRoom());
         const auto nFirst = static_cast<long>(m_nFirst) + pst->nLines + pst->nPages * nRoom;
         m_nFirst = static_cast<std::size_t>(std::max(nFirst, 0L));
         _Draw();
+        csKeys.remove_prefix(std::string_view(pst->pszKey).size());
     }
-    return csKey == "q" || csKey == "Q";
+    return !csKeys.empty();
 }

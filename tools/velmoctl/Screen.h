@@ -3,7 +3,9 @@
 #include "velmoctl/Terminal.h"
 #include "velmoctl/Waiting.h"
 
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 /// A terminal that shows one page after the other in the same place. A page that is longer than the terminal
@@ -27,10 +29,10 @@ public:
 private:
     void _Draw();
     std::size_t _nRoom() const;
-    bool _bKey(const std::string& csKey);
+    bool _bKeys(std::string_view csKeys);
 
     bool m_bLive;
-    CRawTerminal m_clKeys;
+    std::optional<CRawTerminal> m_clKeys; ///< only while live
     std::string m_csHeader;
     std::vector<std::string> m_tLines;
     std::size_t m_nFirst = 0; ///< line at the top

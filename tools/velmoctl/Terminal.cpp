@@ -107,13 +107,13 @@ void CProgress::Show(const std::string& csText)
     }
 }
 
-CRawTerminal::CRawTerminal(bool bSignals)
+CRawTerminal::CRawTerminal()
 {
     if (::tcgetattr(STDIN_FILENO, &m_stBefore) != 0) {
         return;
     }
     termios stRaw = m_stBefore;
-    stRaw.c_lflag &= ~static_cast<tcflag_t>(bSignals ? ICANON | ECHO : ICANON | ECHO | ISIG | IEXTEN);
+    stRaw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
     stRaw.c_iflag &= ~static_cast<tcflag_t>(ICRNL | IXON);
     m_bRaw = ::tcsetattr(STDIN_FILENO, TCSADRAIN, &stRaw) == 0;
 }

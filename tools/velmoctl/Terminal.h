@@ -57,13 +57,12 @@ private:
     std::string m_csShown;
 };
 
-/// Keys of standard input as they are pressed, without echo, for the life of the object. Nothing happens when
-/// it is no terminal.
+/// Gives the keys of standard input as they are pressed, without echo, for the life of the object; Ctrl-C and
+/// the like still raise signals. Does nothing when standard input is no terminal.
 class CRawTerminal
 {
 public:
-    /// With bSignals, Ctrl-C and the like still raise signals.
-    explicit CRawTerminal(bool bSignals);
+    CRawTerminal();
     ~CRawTerminal();
     CRawTerminal(const CRawTerminal&) = delete;
     CRawTerminal& operator=(const CRawTerminal&) = delete;
