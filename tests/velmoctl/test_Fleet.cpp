@@ -267,7 +267,7 @@ TEST(Fleet, ChecksKeepToTheConventionsOfMonitoringPlugins)
 
 TEST(Fleet, MetricsAreWholeEscapedAndReplacedAtOnce)
 {
-    CScriptedManager clManager({{"INFO", "YES\tv\"\\\ts\tk\tp\tm\tA\t1\tA\t1\tB\"\t007\tC\t3"},
+    CScriptedManager clManager({{"INFO", "YES\tv\"\\\ts\033\n\tk\tp\tm\tA\t1\tA\t1\tB\"\t007\tC\t3"},
                                 {"STATUS\tA", "STATUS\tRUNNING"},
                                 {"STATUS\tB\"", "STATUS\tSTOPPED"},
                                 {"STATUS\tC", "ERROR\t4"}});
@@ -279,7 +279,7 @@ TEST(Fleet, MetricsAreWholeEscapedAndReplacedAtOnce)
     const std::string csText = clFolder.csRead("velmo.prom");
     for (const char* const psz :
          {"\nvelmo_manager_up{host=\"127.0.0.1\"} 1\n", "\nvelmo_manager_servers{host=\"127.0.0.1\"} 4\n",
-          "\nvelmo_manager_info{host=\"127.0.0.1\",version=\"v\\\"\\\\\",system=\"s\",kernel=\"k\"} 1\n",
+          "\nvelmo_manager_info{host=\"127.0.0.1\",version=\"v\\\"\\\\\",system=\"s��\",kernel=\"k\"} 1\n",
           "# TYPE velmo_server_up gauge\nvelmo_server_up{host=\"127.0.0.1\",server=\"A\"} 1\n"
           "velmo_server_up{host=\"127.0.0.1\",server=\"B\\\"\"} 0\n# HELP velmo_server_state",
           "{host=\"127.0.0.1\",server=\"B\\\"\",state=\"stopped\"} 1\n",
@@ -289,4 +289,8 @@ TEST(Fleet, MetricsAreWholeEscapedAndReplacedAtOnce)
     }
     EXPECT_THAT(stClient(clManager.csPort(), "metrics --output " + clFolder.csPath() + "/no/x").csOutput,
                 HasSubstr("could not be written: No such file or directory"));
+    EXPECT_EQ(stRun("mkfifo " + clFolder.csPath("fifo")).nStatus, 0);
+    EXPECT_THAT(stClient(clManager.csPort(), "metrics --output " + clFolder.csPath("fifo")).csOutput,
+                HasSubstr("could not be written: it is no regular file"));
+    EXPECT_EQ(stRun("test -p " + clFolder.csPath("fifo")).nStatus, 0) << "it is still there";
 }

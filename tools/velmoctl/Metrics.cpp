@@ -2,6 +2,7 @@
 
 #include "velmoctl/Fleet.h"
 #include "velmoctl/NewFile.h"
+#include "velmoctl/Terminal.h"
 
 #include <algorithm>
 #include <iostream>
@@ -9,12 +10,13 @@
 #include <sstream>
 
 namespace {
-/// A text between quotation marks, by the format's rules.
+/// Quotes a text by the format's rules. People look at the output, too, so what a terminal might obey
+/// (newlines included) is replaced.
 std::string csLabel(const std::string& csValue)
 {
     std::string cs;
-    for (const char c : csValue) {
-        cs += c == '\n' ? "\\n" : (c == '"' || c == '\\') ? std::string{'\\', c} : std::string(1, c);
+    for (const char c : csShown(csValue)) {
+        cs += c == '"' || c == '\\' ? std::string{'\\', c} : std::string(1, c);
     }
     return "\"" + cs + "\"";
 }

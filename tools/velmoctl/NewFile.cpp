@@ -26,6 +26,13 @@ bool bWriteAll(int nFd, const std::string& csText)
 
 void ReplaceFile(const std::string& csPath, const std::string& csText)
 {
+    // root's rename would put a file in the place of /dev/null or of a FIFO that somebody reads.
+    struct stat stOld
+    {};
+    if (::stat(csPath.c_str(), &stOld) == 0 && !S_ISREG(stOld.st_mode)) {
+        throw CFailure(EExit::REFUSED, csArgument(csPath) + " could not be written: it is no regular file");
+    }
+
     // In the same folder, under a name that the textfile collector passes over.
     const std::size_t nName = csPath.rfind('/') + 1;
     std::string csNew = csPath.substr(0, nName) + "." + csPath.substr(nName) + ".XXXXXX";
