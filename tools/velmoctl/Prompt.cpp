@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <histedit.h>
 #include <iostream>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -34,19 +35,32 @@ struct STEndHistory
     void operator()(History* pcl) const noexcept { ::history_end(pcl); }
 };
 
+/// With sudo the home may be another user's, whose links could lead root's writes anywhere.
+bool bOwn(const std::filesystem::path& clFolder)
+{
+    struct stat st
+    {};
+    return ::stat(clFolder.c_str(), &st) == 0 && st.st_uid == ::geteuid();
+}
+
 /// Where the history lies, in a folder that is made when it is missing; empty when there is no place for it.
 std::string csHistoryFile()
 {
     const char* const pszState = std::getenv("XDG_STATE_HOME");
     const char* const pszHome = std::getenv("HOME");
-    if ((pszState == nullptr || *pszState != '/') && pszHome == nullptr) {
+    const bool bState = pszState != nullptr && *pszState == '/';
+    if (!bState && pszHome == nullptr) {
         return "";
     }
-    const std::filesystem::path clFolder =
-        (pszState != nullptr && *pszState == '/' ? std::string(pszState)
-                                                 : std::string(pszHome) + "/.local/state") +
-        "/velmoctl";
     std::error_code clError;
+    const std::filesystem::path clBase = bState ? pszState : pszHome;
+    if (bState) {
+        std::filesystem::create_directories(clBase, clError);
+    }
+    if (!bOwn(clBase)) {
+        return "";
+    }
+    const std::filesystem::path clFolder = clBase / (bState ? "velmoctl" : ".local/state/velmoctl");
     std::filesystem::create_directories(clFolder, clError);
     return clError ? "" : (clFolder / "history").string();
 }
