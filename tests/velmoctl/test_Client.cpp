@@ -309,12 +309,13 @@ TEST(Client, AWrongCommandLineIsToldAndNothingIsSent)
         {"--host x lint f", "\"lint\" has no option --host"},
         {"status X --timeout", "--timeout"},
         {"status X --timeout=never", "never"},
+        {"status X --timeout=nan", "\"nan\" is not a number of seconds"},
         {"status X --json=1", "json"},
         {"list --port 70000", "70000"},
         {"list --jobs 0", "--jobs"},
         {"uninstall X --host a,b", "exactly one machine, not 2"},
         {"list --host 'db[1-'", "is not a range such as [01-40]"},
-        {"list --group x", "has no group \"x\""},
+        {"list --group '[x]'", "has no group \"[x]\""},
         {"list --columns name,colour", "there is no column \"colour\""},
         {"list --state up", "there is no state \"up\""},
         {"start \"$(printf 'X\\nUNINSTALL\\tY\\t1')\"", "a name cannot contain tabs, newlines"},
@@ -334,4 +335,31 @@ TEST(Client, OutputThatCannotBeWrittenIsAnError)
     EXPECT_EQ(stClient(clManager.csPort(), "info >/dev/full").nStatus, 1);
     const STCommandResult stResult = stClient(clManager.csPort(), "watch --interval 0.01 | head -n 2");
     EXPECT_EQ(stResult.csOutput, "NAME  PORT  STATE\nNAME  PORT  STATE\n"); // and it ends
+}
+
+TEST(Client, AToolHasEndedWhenItsOwnProcessHasWhoeverKeepsTheOutputOpen)
+{
+    const auto clStart = CClock::now();
+    const STToolResult st = stRunTool({"sh", "-c", "echo up; sleep 4 & exit 3"}, Milliseconds(10'000));
+    EXPECT_LT(CClock::now() - clStart, std::chrono::seconds(2));
+    EXPECT_EQ(st.nStatus, 3);
+    EXPECT_EQ(st.csOutput, "up\n");
+    EXPECT_EQ(stRunTool({"sleep", "4"}, Milliseconds(100)).nStatus, -1);
+}
+
+TEST(Client, OutOfThreadsFewerAskAndAnUnknownHostIsStillAClearError)
+{
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "SKIPPED: needs root, to be a user with a limit";
+    }
+    CScriptedManager clManager(CScriptedManager::Answers{{"INFO", csHost("")}});
+    const auto stLimited = [&](int nThreads, const char* pszHosts) {
+        return stRun("setpriv --reuid=64321 --clear-groups prlimit --nproc=" + std::to_string(nThreads) +
+                     " " + csClient() + " --port " + clManager.csPort() + " list --names --host " + pszHosts);
+    };
+    EXPECT_EQ(stLimited(2, "127.0.0.1,127.1").nStatus, 0);
+    EXPECT_EQ(stLimited(1, "127.0.0.1").csOutput, "velmoctl: no thread can be started to ask with\n");
+    const STCommandResult st = stLimited(2, "nobody.invalid");
+    EXPECT_EQ(st.nStatus, 3);
+    EXPECT_THAT(st.csOutput, HasSubstr("the host \"nobody.invalid\" cannot be found"));
 }

@@ -51,6 +51,7 @@ TEST(Hosts, ListsCountAsTheyAreWritten)
         {"db[1-", "! [1-] is not a range such as [01-40] or [a-f]"},
         {"db[2-1]", "! [2-1] is not a range such as [01-40] or [a-f]"},
         {"db[1-b]", "! [1-b] is not a range such as [01-40] or [a-f]"},
+        {"db[4294967294-4294967295]", "db4294967294 db4294967295"},
         {"db[]", "! [] is not a range such as [01-40] or [a-f]"},
         {"db[1-4000000000]", "! [1-4000000000] is not a range such as [01-40] or [a-f]"},
         {"x[1-999][1-999]", "! [1-999] is not a range such as [01-40] or [a-f]"},
@@ -77,15 +78,16 @@ TEST(Hosts, AnInventoryIsAHostsFile)
                             "all_of_it\n"
                             "[late]\n"
                             "w[1-2]  db01\n"
-                            "[9:10:1]x\n",
+                            "[9:10:1]x\n"
+                            "[8:9:4294967295]x\n",
                             "F");
     const std::string csDb = "db01=10.0.0.9 db02=10.0.0.2:5000 db03=10.0.0.9";
     const std::pair<const char*, std::string> tCases[] = {
         {"db", csDb},
-        {"late", "w1 w2 9x 10x"},
-        {"all_of_it", csDb + " w1 w2 9x 10x"},
+        {"late", "w1 w2 9x 10x 8x"},
+        {"all_of_it", csDb + " w1 w2 9x 10x 8x"},
         {"ungrouped", "lonely"},
-        {"all", "lonely " + csDb + " w1 w2 9x 10x"},
+        {"all", "lonely " + csDb + " w1 w2 9x 10x 8x"},
         {"vars", "! F has no group \"vars\""},
     };
     for (const auto& [pszGroup, csExpected] : tCases) {

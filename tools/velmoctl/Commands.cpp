@@ -144,9 +144,7 @@ private:
         } catch (const CLI::ParseError& clError) {
             throw CFailure(EExit::USAGE, _csFault(clError));
         }
-        for (auto* const ptWords : {&m_tWords, &m_stOptions.tHosts, &m_stOptions.tIgnore}) {
-            std::transform(ptWords->begin(), ptWords->end(), ptWords->begin(), _csUnguarded);
-        }
+        _Unguard();
         if (itEnd != tArguments.end()) {
             m_tWords.insert(m_tWords.end(), std::next(itEnd), tArguments.end());
         }
@@ -161,6 +159,18 @@ private:
     static std::string _csUnguarded(const std::string& csWord)
     {
         return csWord.size() > 1 && csWord[0] == s_cGuard && csWord[1] == '[' ? csWord.substr(1) : csWord;
+    }
+    /// Wherever a word may have gone.
+    void _Unguard()
+    {
+        STOptions& st = m_stOptions;
+        for (auto* const pt :
+             {&m_tWords, &st.tHosts, &st.tGroups, &st.tStates, &st.tColumns, &st.tSort, &st.tIgnore}) {
+            std::ranges::transform(*pt, pt->begin(), _csUnguarded);
+        }
+        for (auto* const pcs : {&st.csHostsFile, &st.csWarning, &st.csCritical, &st.csOutput, &m_tHelp}) {
+            *pcs = _csUnguarded(*pcs);
+        }
     }
 
     std::string _csFault(const CLI::ParseError& clError) const

@@ -96,9 +96,10 @@ std::vector<std::string> tExpand(std::string_view csWord, std::string_view csSep
     }
     std::vector<std::string> tNames;
     const std::vector<std::string> tRests = tExpand(csWord.substr(nClose + 1), csSeparators);
-    for (unsigned int n = st->nFirst; n <= st->nLast; n += st->nStep) {
+    for (std::uint64_t n = st->nFirst; n <= st->nLast; n += st->nStep) { // wide enough to get past the last
         for (const std::string& csRest : tRests) {
-            tNames.push_back(std::string(csWord.substr(0, nOpen)) + csMember(*st, n) + csRest);
+            tNames.push_back(std::string(csWord.substr(0, nOpen)) +
+                             csMember(*st, static_cast<unsigned int>(n)) + csRest);
         }
         if (tNames.size() > g_nMostHosts) {
             throw clNoRange(csInside);

@@ -47,7 +47,11 @@ CLI::Validator clBetween(T clFirst, T clLast)
 template <auto pMember>
 CLI::Option* pclSeconds(CLI::App* pcl, const char* pszNames, STOptions* pst)
 {
-    return pclValue<pMember>(pcl, pszNames, pst)->check(clBetween(0.001, s_dLongest));
+    // "nan" lies in every range of the library's; a pause of so many seconds would be none.
+    const auto fnNumber = [](const std::string& cs) {
+        return cs.find_first_of("nN") == std::string::npos ? "" : "\"" + cs + "\" is not a number of seconds";
+    };
+    return pclValue<pMember>(pcl, pszNames, pst)->check(clBetween(0.001, s_dLongest))->check(fnNumber);
 }
 
 /// Values add up, wherever in the line they stand; each use of the option takes one word.
