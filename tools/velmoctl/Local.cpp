@@ -163,7 +163,8 @@ STFacts stAskScript(const std::string& csPath)
     }
     const std::string csFile = "/var/run/" + fs::path(csPath).filename().string() + ".pid";
     const STToolResult stPid = stRunTool({"cat", csFile}, s_clQuestion);
-    st.csPid = stPid.nStatus == 0 ? std::to_string(std::atoi(stPid.csOutput.c_str())) : "";
+    const int nPid = stPid.nStatus == 0 ? std::atoi(stPid.csOutput.c_str()) : 0; // of garbage: 0
+    st.csPid = nPid > 0 ? std::to_string(nPid) : "";
     std::error_code clError;
     const fs::path clProgram = fs::read_symlink("/proc/" + st.csPid + "/exe", clError);
     st.csFolder = clError ? "" : clProgram.parent_path().string();

@@ -2,6 +2,7 @@
 
 #include "support/Descripteur.h"
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <fcntl.h>
@@ -10,6 +11,7 @@
 
 namespace {
 constexpr std::size_t s_nMaxOutput = 1u << 22;
+constexpr Milliseconds s_clLook(50);
 
 /// How the child begins: its pipe, an empty signal mask, nothing to read.
 class CStart
@@ -80,7 +82,14 @@ public:
     CChild(const CChild&) = delete;
     CChild& operator=(const CChild&) = delete;
 
-    bool bRuns() const { return m_nPid > 0; }
+    bool bStarted() const { return m_nPid > 0; }
+    /// Whether it has ended; its status can still be asked for.
+    bool bEnded() const
+    {
+        siginfo_t st{};
+        return ::waitid(P_PID, static_cast<id_t>(m_nPid), &st, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+               st.si_pid == m_nPid;
+    }
     /// Its exit status, once its output has ended; -1 when it was not its own.
     int nEnd(const CDeadline& clDeadline)
     {
@@ -115,13 +124,21 @@ STToolResult stRunTool(const std::vector<std::string>& tArguments, Milliseconds 
     STToolResult stResult;
     const CDeadline clDeadline(clTime);
     std::array<char, 4096> tBytes;
-    while (clChild.bRuns() && bWaitFor(clRead.nFd(), POLLIN, clDeadline)) {
-        const ssize_t nRead = ::read(clRead.nFd(), tBytes.data(), tBytes.size());
-        if (nRead <= 0 || stResult.csOutput.size() > s_nMaxOutput) {
-            stResult.nStatus = clChild.nEnd(clDeadline);
-            break;
+    bool bMore = clChild.bStarted();
+    while (bMore && !clDeadline.bOver()) {
+        // A server that an init script has started may hold the output open for good, so the script's own
+        // exit counts. Looked at first: what it wrote before is there by then.
+        const bool bEnded = clChild.bEnded();
+        if (!bWaitFor(clRead.nFd(), POLLIN, CDeadline(std::min(s_clLook, clDeadline.clLeft())))) {
+            bMore = !bEnded;
+            continue;
         }
-        stResult.csOutput.append(tBytes.data(), static_cast<std::size_t>(nRead));
+        const ssize_t nRead = ::read(clRead.nFd(), tBytes.data(), tBytes.size());
+        bMore = nRead > 0 && stResult.csOutput.size() <= s_nMaxOutput;
+        stResult.csOutput.append(tBytes.data(), static_cast<std::size_t>(std::max<ssize_t>(nRead, 0)));
+    }
+    if (clChild.bStarted() && !bMore) {
+        stResult.nStatus = clChild.nEnd(clDeadline);
     }
     return stResult;
 }
