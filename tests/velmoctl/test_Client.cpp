@@ -3,6 +3,7 @@
 #include "ScriptedManager.h"
 #include "support/XYString.h"
 #include "tools/PrivateWorld.h"
+#include "velmoctl/Tool.h"
 
 #include <algorithm>
 #include <array>

@@ -10,6 +10,7 @@
 #include <future>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
 
@@ -43,7 +44,11 @@ STResolved stAskInTime(const std::string& csHost, const std::string& csPort, int
 {
     std::packaged_task<STResolved()> clTask([=] { return stAsk(csHost, csPort, nType, 0); });
     std::future<STResolved> clResult = clTask.get_future();
-    std::thread(std::move(clTask)).detach();
+    try {
+        std::thread(std::move(clTask)).detach();
+    } catch (const std::system_error&) { // no more threads: escaping from a worker it would end the program
+        return {nullptr, EAI_AGAIN};
+    }
     while (clResult.wait_for(Milliseconds(20)) != std::future_status::ready) {
         bWaitFor(-1, 0, CDeadline(Milliseconds::zero())); // an interrupt ends it
         if (clDeadline.bOver()) {

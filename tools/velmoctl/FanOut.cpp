@@ -3,6 +3,7 @@
 #include "velmoctl/Query.h"
 
 #include <algorithm>
+#include <system_error>
 #include <thread>
 
 namespace {
@@ -26,7 +27,14 @@ std::vector<STHostAnswer> CFanOut::tAsk(const Look& fnLook)
         std::vector<std::jthread> tWorkers;
         const std::size_t nMost = m_tAnswers.size() * s_nMostToOneHost;
         for (std::size_t n = 0; n < std::min<std::size_t>(m_stQuestions.nJobs, nMost); ++n) {
-            tWorkers.emplace_back([this] { _Work(); });
+            try {
+                tWorkers.emplace_back([this] { _Work(); });
+            } catch (const std::system_error&) { // no more threads: fewer do the same work
+                if (tWorkers.empty()) {
+                    throw CFailure(EExit::UNREACHABLE, "no thread can be started to ask with");
+                }
+                break;
+            }
         }
 
         std::unique_lock clLock(m_clMutex);
