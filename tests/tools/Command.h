@@ -12,8 +12,8 @@ struct STCommandResult
     std::string csOutput; ///< standard output and standard error, as they came
 };
 
-/// Runs a command line with /bin/sh, standard input empty, and waits until it and whoever keeps its output
-/// open have ended. For tests only: the command line is trusted.
+/// Runs a command line with /bin/sh, standard input empty. Waits until the command has ended and nobody keeps
+/// its output open any more. For tests only: the command line is trusted.
 inline STCommandResult stRun(const std::string& csCommand)
 {
     std::FILE* pstPipe = ::popen(("{ " + csCommand + "\n} </dev/null 2>&1").c_str(), "re");

@@ -7,8 +7,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-/// Runs a function in a child process: for what a process cannot undo. What it expects in vain fails the
-/// test.
+/// Runs a function in a child process, for changes that a process cannot undo. A failed expectation there
+/// fails the test.
 inline void InChild(const std::function<void()>& fn)
 {
     const pid_t nChild = ::fork();
@@ -21,10 +21,10 @@ inline void InChild(const std::function<void()>& fn)
     EXPECT_EQ(nStatus, 0) << "in the child process";
 }
 
-/// Runs a function on a thread of the system's own kind, with its small stack, to its end.
+/// Runs a function to its end on a thread of the kind that the manager uses, with its small stack.
 inline void OnWorker(std::function<void()> fn)
 {
-    CZTThread clWorker; // its end waits for the thread
+    CZTThread clWorker; // the destructor waits for the thread
     const auto Run = [](CZTThread* pclThread) {
         pclThread->Started();
         (*static_cast<std::function<void()>*>(pclThread->pGetParameter()))();

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <tuple>
 #include <unistd.h>
 #include <utility>
 
@@ -87,7 +88,7 @@ CManagerProcess::CManagerProcess(const std::string& csCommand) : m_nPid(::fork()
 CManagerProcess::~CManagerProcess()
 {
     if (m_nPid > 0) {
-        (void)nEndOf(m_nPid, 0);
+        std::ignore = nEndOf(m_nPid, 0);
     }
 }
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-/// A tool that asks over UDP, without being bound to one address.
+/// A tool that asks over UDP from a socket that is not connected, so answers from any address arrive.
 class CPingClient
 {
 public:
@@ -31,12 +31,13 @@ public:
                         reinterpret_cast<const sockaddr*>(&st),
                         sizeof st) == static_cast<ssize_t>(csQuestion.size());
     }
-    /// The next datagram: the address it came from, a blank, its bytes; or in angle brackets that none came.
+    /// The next datagram: the address it came from, a space, its bytes; "<nothing in time>" when none comes.
     std::string csAnswer(int nMs = 20000) const
     {
         if (!bReadable(m_clSocket.nFd(), nMs)) {
             return "<nothing in time>";
         }
+
         std::array<char, 65536> tBytes;
         sockaddr_in6 stFrom{}; // the larger of the two
         socklen_t nLength = sizeof stFrom;

@@ -11,22 +11,23 @@
 #include <string>
 #include <string_view>
 #include <sys/stat.h>
+#include <tuple>
 #include <unistd.h>
 
-/// Name of the reply FIFO of a number.
+/// The path of the reply FIFO with that number.
 inline std::string csReplyPipe(int nReply)
 {
     return "/tmp/__pipe_velmomanager_" + std::to_string(nReply);
 }
 
-/// A client's reply FIFO, removed with the object.
+/// The reply FIFO of a client, removed with the object.
 class CReplyPipe
 {
 public:
     explicit CReplyPipe(int nReply) : m_csName(csReplyPipe(nReply))
     {
         ::unlink(m_csName.c_str());
-        (void)::mkfifo(m_csName.c_str(), 0600);
+        std::ignore = ::mkfifo(m_csName.c_str(), 0600);
         m_clPipe = CDescripteur(::open(m_csName.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
     }
     CReplyPipe(const CReplyPipe&) = delete;

@@ -27,6 +27,7 @@ bool bMakeWorld()
         ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
         return false;
     }
+
     for (const char* pszFolder : {"/etc/init.d", "/lib/systemd/system", "/tmp", "/run"}) {
         std::error_code clIgnored;
         std::filesystem::create_directories(pszFolder, clIgnored);
@@ -34,6 +35,7 @@ bool bMakeWorld()
             return false;
         }
     }
+
     // What the real tools write when a script is registered. Not every system has these folders.
     for (const char c : {'0', '1', '2', '3', '4', '5', '6', 'S'}) {
         const std::string csFolder = std::string("/etc/rc") + c + ".d";
@@ -42,6 +44,7 @@ bool bMakeWorld()
             return false;
         }
     }
+
     return ::chmod("/tmp", 01777) == 0 && bLoopbackUp();
 }
 } // namespace

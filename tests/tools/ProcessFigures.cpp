@@ -47,5 +47,6 @@ STMemory stMemoryOf(pid_t nManager)
             st.nDeepest = std::max(st.nDeepest, bStack ? nKb : 0);
         }
     }
+
     return st;
 }

@@ -2,12 +2,12 @@
 
 #include <sys/types.h>
 
-/// What is used of a process, as the kernel counts it.
+/// What a process uses, by the counts of the kernel.
 struct STFigures
 {
     int nDescriptors = 0;
     int nThreads = 0;
-    int nChildren = 0; ///< ended ones that nobody collected included
+    int nChildren = 0; ///< zombies included
 };
 STFigures stFiguresOf(pid_t nProcess);
 

@@ -9,12 +9,12 @@
 #include <sstream>
 #include <string>
 
-/// What systemd says of a unit.
+/// The state of a unit in systemd.
 struct STUnit
 {
     std::string csState;                              ///< its ActiveState
     pid_t nPid = 0;                                   ///< 0: nothing runs
-    std::chrono::steady_clock::time_point clActive{}; ///< since when; the clocks are the same
+    std::chrono::steady_clock::time_point clActive{}; ///< since when; systemd uses the same clock
 };
 
 inline STUnit stUnit(const std::string& csUnit)
@@ -31,10 +31,11 @@ inline STUnit stUnit(const std::string& csUnit)
             st.clActive = decltype(st.clActive)(std::chrono::microseconds(std::atoll(csValue.c_str())));
         }
     }
+
     return st;
 }
 
-/// The processes of programs whose path ends so ("/dxdemo", "/first/dxdemo").
+/// The processes whose program has a path with this end ("/dxdemo", "/first/dxdemo").
 inline std::set<pid_t> tProcesses(const std::string& csProgram)
 {
     std::set<pid_t> tFound;

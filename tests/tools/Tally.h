@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-/// What happened and what was wrong, over all threads of a long test.
+/// Counts, times and failures over all threads of a long test.
 class CTally
 {
 public:
@@ -30,9 +30,10 @@ public:
         const std::lock_guard clGuard(m_clGuard);
         ++m_tCounts["wrong"];
         if (++m_tCounts["wrong: " + csWhat.substr(0, csWhat.find('-'))] > 5 ||
-            std::count(m_csWrong.begin(), m_csWrong.end(), '\n') >= 50) {
+            std::ranges::count(m_csWrong, '\n') >= 50) {
             return;
         }
+
         std::array<char, 16> tTime{};
         const std::time_t nNow = std::time(nullptr);
         std::strftime(tTime.data(), tTime.size(), "%T ", std::localtime(&nNow));
@@ -48,7 +49,7 @@ public:
         const auto bIs = [&](const std::string& cs) {
             return cs.ends_with('*') ? csReply.starts_with(cs.substr(0, cs.size() - 1)) : csReply == cs;
         };
-        if (std::none_of(tMay.begin(), tMay.end(), bIs)) {
+        if (std::ranges::none_of(tMay, bIs)) {
             Wrong(csWhat, testing::PrintToString(tMay), testing::PrintToString(csReply));
         }
     }
@@ -57,7 +58,7 @@ public:
     void Print()
     {
         for (auto& [csWhat, tSeconds] : m_tSeconds) {
-            std::sort(tSeconds.begin(), tSeconds.end());
+            std::ranges::sort(tSeconds);
             std::printf("FIGURE %zu %s: median %.2f s, longest %.2f s\n", tSeconds.size(), csWhat.c_str(),
                         tSeconds[tSeconds.size() / 2], tSeconds.back());
         }

@@ -13,7 +13,7 @@
 #include <system_error>
 
 /// A directory of its own below the system's temporary directory, removed with its content at the end. Paths
-/// given to the members are relative to it. What the system refuses is thrown.
+/// given to the members are relative to it. Failures of the file system are thrown.
 class CTempDir
 {
 public:
@@ -33,7 +33,7 @@ public:
         std::filesystem::remove_all(m_csPath, clIgnored);
     }
 
-    /// Full path of an entry, without an ending slash; of the directory itself for an empty name.
+    /// Full path of an entry, without a trailing slash; of the directory itself for an empty name.
     std::string csPath(std::string_view csName = {}) const
     {
         return csName.empty() ? m_csPath : m_csPath + "/" + std::string(csName);

@@ -23,10 +23,11 @@ inline bool bWaitUntil(const std::function<bool()>& fnCondition, int nMs)
 inline bool bReadable(int nFd, int nMs)
 {
     pollfd st{nFd, POLLIN, 0};
-    return TEMP_FAILURE_RETRY(::poll(&st, 1, nMs)) == 1; // an ending child interrupts
+    return TEMP_FAILURE_RETRY(::poll(&st, 1, nMs)) == 1; // the exit of a child interrupts it
 }
 
-/// How a child ended: its status, or 128 and the signal; -1 when it does not end in time. Then it is killed.
+/// The exit status of a child, or 128 + the signal that ended it. One that does not end in time is killed:
+/// -1.
 inline int nEndOf(pid_t nPid, int nMs = 10'000)
 {
     int nStatus = 0;

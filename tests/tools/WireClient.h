@@ -10,6 +10,7 @@
 #include <string_view>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <tuple>
 #include <utility>
 
 /// A tool's side of one conversation over TCP: raw bytes out, raw bytes in. A limit is how long one wait for
@@ -23,7 +24,7 @@ public:
 
     CWireClient() = default;
     /// Connects at once; see bConnect.
-    CWireClient(const char* pszAddress, unsigned short wPort) { (void)bConnect(pszAddress, wPort); }
+    CWireClient(const char* pszAddress, unsigned short wPort) { std::ignore = bConnect(pszAddress, wPort); }
 
     /// Connects to a numeric address, IPv4 ("127.0.0.1") or IPv6 ("::1"), in place of an earlier connection.
     bool bConnect(const char* pszAddress, unsigned short wPort)
@@ -33,7 +34,7 @@ public:
         m_clSocket = CDescripteur(::socket(st.sin6_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
         _SetLimit(SO_SNDTIMEO, Limit);
         if (TEMP_FAILURE_RETRY(::connect(m_clSocket.nFd(), reinterpret_cast<const sockaddr*>(&st),
-                                         sizeof st)) != 0) { // an ending child interrupts
+                                         sizeof st)) != 0) { // the exit of a child interrupts it
             m_clSocket.Close();
         }
         return bConnected();
@@ -55,9 +56,9 @@ public:
         return true;
     }
 
-    /// The next line with its "\r\n". What comes instead (the end of the connection, or nothing in time) is
-    /// returned as far as it came, then told in angle brackets: "<closed>", "<reset>", "<nothing in time>".
-    /// Bytes behind the line are kept for the next call.
+    /// The next line with its "\r\n". When the connection ends or nothing comes in time, returns what came,
+    /// followed by the reason: "<closed>", "<reset>" or "<nothing in time>". Bytes after the line are kept
+    /// for the next call.
     std::string csLine(Duration clLimit = Limit)
     {
         std::string csWhy;
@@ -117,6 +118,7 @@ private:
         if (nCount == 0 || !bConnected()) {
             return "<closed>";
         }
+
         return errno == EAGAIN ? "<nothing in time>" : "<reset>";
     }
 
@@ -125,11 +127,11 @@ private:
 };
 
 /// The reply of the manager of this machine to one line, in a conversation of its own. It is reset, so that
-/// no remains of it hold the port of the next manager.
+/// no connection in TIME_WAIT holds the port of the next manager.
 inline std::string csAskManager(std::string_view csLine, CWireClient::Duration clLimit)
 {
     CWireClient clTool("127.0.0.1", 4999);
-    (void)clTool.csLine();
+    std::ignore = clTool.csLine();
     std::string csReply = clTool.csAsk(csLine, clLimit);
     clTool.Reset();
     return csReply;

@@ -14,6 +14,7 @@
 #include <string>
 #include <sys/socket.h>
 #include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -65,9 +66,9 @@ public:
     {
         sockaddr_in6 st = stAddress(csAddress.c_str(), wPort);
         socklen_t nLength = sizeof st;
-        (void)::bind(m_clSocket.nFd(), reinterpret_cast<sockaddr*>(&st), nLength);
-        (void)::listen(m_clSocket.nFd(), 64);
-        (void)::getsockname(m_clSocket.nFd(), reinterpret_cast<sockaddr*>(&st), &nLength);
+        std::ignore = ::bind(m_clSocket.nFd(), reinterpret_cast<sockaddr*>(&st), nLength);
+        std::ignore = ::listen(m_clSocket.nFd(), 64);
+        std::ignore = ::getsockname(m_clSocket.nFd(), reinterpret_cast<sockaddr*>(&st), &nLength);
         m_csPort = std::to_string(ntohs(st.sin6_port));
         m_clAccept = std::jthread([this, fnServe] {
             std::vector<std::jthread> tThreads;
@@ -89,7 +90,7 @@ private:
 };
 
 /// A server that keeps to the protocol: greets, agrees on UTF-8 and gives the answers of a table, each in two
-/// pieces, cut inside the line end. To a line whose answer is empty it stays silent.
+/// pieces, cut between CR and LF. To a line whose answer is empty it stays silent.
 class CScriptedManager
 {
 public:
