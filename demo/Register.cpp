@@ -22,13 +22,13 @@ constexpr std::size_t portOffset = 8, nameOffset = 10, pathOffset = 268, request
 constexpr std::size_t nameUnits = 128, pathUnits = 261, answerSize = 501;
 using Request = std::array<char, requestSize>;
 
-/// A reply pipe of our own, gone with the object.
+/// Owns the reply pipe of this process and removes it.
 class ReplyPipe
 {
 public:
     ReplyPipe() : m_path("/tmp/__pipe_velmomanager_" + std::to_string(::getpid()))
     {
-        ::unlink(m_path.c_str()); // left by a process that had our number before
+        ::unlink(m_path.c_str()); // left by an earlier process with our PID
         if (::mkfifo(m_path.c_str(), 0600) == 0) {
             m_fd = ::open(m_path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW);
         }
@@ -63,10 +63,11 @@ std::u16string utf16FromUtf8(std::string_view text)
         result += unit;
         text.remove_prefix(used == static_cast<std::size_t>(-3) ? 0 : used); // -3: second half of a pair
     }
+
     return result;
 }
 
-/// The sample server's own name: Western letters of the file's single-byte code page.
+/// The file's single-byte text to UTF-16. Right for Western letters, which is all that sample names have.
 std::u16string utf16FromLatin1(std::string_view text)
 {
     std::u16string result;
@@ -121,13 +122,16 @@ std::string registerServer(const Settings& settings)
     if (!send(makeRequest(settings))) {
         return failure("The manager cannot be reached through its pipe");
     }
+
     pollfd waiting{reply.fd(), POLLIN, 0};
     if (::poll(&waiting, 1, answerTimeout) != 1) {
         return "The manager did not answer in time";
     }
+
     std::array<char, answerSize + 1> answer{};
     if (::read(reply.fd(), answer.data(), answerSize) != static_cast<ssize_t>(answerSize)) {
         return "The manager's answer is incomplete";
     }
+
     return answer.data();
 }

@@ -35,6 +35,7 @@ Values readIni(const std::filesystem::path& path)
             values.emplace(section + "/" + trimmed(line.substr(0, equal)), trimmed(line.substr(equal + 1)));
         }
     }
+
     return values;
 }
 

@@ -2,10 +2,10 @@
 
 #include <string>
 
-/// What the sample server is told by the DXConf.ini beside its executable. Read once, at start.
+/// The settings of the sample server, from the DXConf.ini beside its executable. Read once, at start.
 struct Settings
 {
-    std::string executable; ///< own path, as the system knows it
+    std::string executable; ///< own path, as the kernel knows it
     std::string name;       ///< [INIT] Name, in the file's code page
     unsigned short port;    ///< [INIT] AccessPort; 4900 unless set
     bool failAtStart;       ///< [DEMO] FailAtStart=1: the start ends with an error

@@ -20,11 +20,13 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
+#include <tuple>
 #include <unistd.h>
 
 namespace {
 using Clock = std::chrono::steady_clock;
-volatile std::sig_atomic_t asked = 0; // SIGTERM came
+using SignalAction = struct sigaction; // the name alone is the call
+volatile std::sig_atomic_t asked = 0;  // SIGTERM came
 
 int listenAnyAddress(unsigned short port)
 {
@@ -40,6 +42,7 @@ int listenAnyAddress(unsigned short port)
         ::close(fd);
         return -1;
     }
+
     return fd;
 }
 
@@ -70,8 +73,7 @@ void detach()
 
 void prepareSignals(bool ignoreTerm)
 {
-    struct sigaction action
-    {};
+    SignalAction action{};
     action.sa_handler = SIG_IGN;
     ::sigaction(SIGPIPE, &action, nullptr);
     ::sigaction(SIGCHLD, &action, nullptr);
@@ -89,12 +91,13 @@ void greetAndHangUp(int listener, const std::string& greeting)
 {
     const int fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd >= 0) {
-        (void)::send(fd, greeting.data(), greeting.size(), MSG_NOSIGNAL); // the caller may be gone already
+        std::ignore =
+            ::send(fd, greeting.data(), greeting.size(), MSG_NOSIGNAL); // the caller may be gone already
         ::close(fd);
     }
 }
 
-// Until SIGTERM, or the moment of the crash.
+// Serves until SIGTERM, or aborts at the moment of the crash.
 void serve(int listener, const std::string& greeting, Clock::time_point started, int crashAfter)
 {
     sigset_t none;
@@ -116,15 +119,16 @@ void serve(int listener, const std::string& greeting, Clock::time_point started,
     }
 }
 
-// As many servers do, to show their state in "ps".
+// Overwrites the arguments, as many servers do to show their state in "ps".
 void changeArguments(int count, char** arguments)
 {
     char* const end = arguments[count - 1] + std::string_view(arguments[count - 1]).size();
     std::fill(arguments[0], end, '\0');
-    (void)std::string_view("dxdemo: ready").copy(arguments[0], static_cast<std::size_t>(end - arguments[0]));
+    std::ignore =
+        std::string_view("dxdemo: ready").copy(arguments[0], static_cast<std::size_t>(end - arguments[0]));
 }
 
-// The server itself; tells the launcher through the pipe's write end that it is up. Returns the exit status.
+// The server itself. A byte in the pipe reports to the launcher that it is up. Returns the exit status.
 int runDaemon(const Settings& settings, const std::string& service, int launcher)
 {
     const auto started = Clock::now();
@@ -139,11 +143,14 @@ int runDaemon(const Settings& settings, const std::string& service, int launcher
     if (::write(launcher, "1", 1) != 1) {
         return 1;
     }
+
     ::close(launcher);
-    // Apart, because the manager may itself be waiting for this server to come up.
+
+    // In a process of its own: the manager may itself be waiting for this server to come up.
     if (settings.registers && ::fork() == 0) {
         ::_exit(registerServer(settings).empty() ? 0 : 1);
     }
+
     serve(listener, "HELLO FROM " + service + "\r\n", started, settings.crashAfter);
     ::unlink(pidFile.c_str());
     return 0;
@@ -157,6 +164,7 @@ int launch(const Settings& settings, const std::string& service)
         std::fputs("usage: dxdemo --SERVICE NAME\n", stderr);
         return 1;
     }
+
     const pid_t child = ::fork();
     if (child == 0) {
         ::close(ends[0]);
@@ -164,6 +172,7 @@ int launch(const Settings& settings, const std::string& service)
         const pid_t daemon = ::fork();
         ::_exit(daemon == 0 ? runDaemon(settings, service, ends[1]) : daemon < 0);
     }
+
     ::close(ends[1]);
     char status = 0;
     const bool up = child > 0 && ::read(ends[0], &status, 1) == 1;
