@@ -1,4 +1,4 @@
-// Servers that are to run, or not to: start on any machine, stop and restart on this one.
+// The commands start (on any machine), stop and restart (on this machine).
 
 #include "velmoctl/Fleet.h"
 #include "velmoctl/Local.h"
@@ -6,39 +6,40 @@
 #include "velmoctl/Terminal.h"
 
 #include <iostream>
+#include <tuple>
 
-// NOLINTBEGIN(performance-inefficient-string-concatenation): a few texts for people
 namespace {
 std::optional<bool> bReadDone(std::string_view csLine)
 {
     return csLine == "OK" ? std::optional<bool>(true) : std::nullopt;
 }
 
-/// The last line that the service logged tells more than "canceled".
+/// Adds the last line that the service logged: it says more than the "canceled" of the manager.
 CFailure clWithLog(const CFailure& clFailure, const STHost& stHost, const std::string& csName)
 {
     const bool bLog = clFailure.eExit() == EExit::REFUSED && bThisMachine(stHost);
     return {clFailure.eExit(), clFailure.what() + (bLog ? csLastLogged(csName) : "")};
 }
 
-/// Looks again and again until a server runs, and no longer once it has stopped.
+/// The failure of a server that was started but does not run: csHow says how it is instead.
+CFailure clNotRunning(EExit eExit, const CConversation& clManager, const std::string& csName,
+                      const std::string& csHow)
+{
+    return {eExit, "the server \"" + csName + "\" on " + csWhere(clManager.stHost()) + " " + csHow +
+                       "; \"systemctl status " + csShellWord(csUnitName(csName)) + "\" there tells why"};
+}
+
+/// Asks for the state until the server runs. Throws CFailure when it has stopped again, or at the deadline.
 void AwaitRunning(CConversation* pclManager, STServerAnswer* pst, const CDeadline& clDeadline)
 {
     constexpr Milliseconds clPause(200);
-    for (;;) {
-        AskState(pclManager, pst);
-        if (pst->csState == "running") {
-            return;
-        }
-        const std::string csWhich =
-            "the server \"" + pst->stServer.csName + "\" on " + csWhere(pclManager->stHost()) + " ";
-        const std::string csLook =
-            "; \"systemctl status " + csShellWord(csUnitName(pst->stServer.csName)) + "\" there tells why";
+    const std::string& csName = pst->stServer.csName;
+    for (AskState(pclManager, pst); pst->csState != "running"; AskState(pclManager, pst)) {
         if (pst->csState == "stopped") {
-            throw CFailure(EExit::REFUSED, csWhich + "was started and has stopped again" + csLook);
+            throw clNotRunning(EExit::REFUSED, *pclManager, csName, "was started and has stopped again");
         }
         if (clDeadline.bOver()) {
-            throw CFailure(EExit::UNREACHABLE, csWhich + "is still " + pst->csState + csLook);
+            throw clNotRunning(EExit::UNREACHABLE, *pclManager, csName, "is still " + pst->csState);
         }
         bWaitFor(-1, 0, CDeadline(clPause));
     }
@@ -49,7 +50,7 @@ void Start(CConversation* pclManager, STServerAnswer* pst, bool bWait, Milliseco
     const std::string& csName = pst->stServer.csName;
     const CDeadline clDeadline(clTime);
     try {
-        (void)tAskFor(pclManager, {"START", csName}, csName, bReadDone);
+        std::ignore = tAskFor(pclManager, {"START", csName}, csName, bReadDone);
         if (bWait) {
             AwaitRunning(pclManager, pst, clDeadline);
         }
@@ -67,7 +68,14 @@ Json clResult(const STHost& stHost, const std::string& csName, const char* pszDo
             {"error", clJsonFailure(clFailure)}};
 }
 
-/// What one machine has done, and in JSON also what it has not.
+/// What is said of a server that was started.
+std::string csStarted(const STCall& stCall, const STHost& stHost, const std::string& csName, bool bMany)
+{
+    const std::string csOn = bMany || !stHost.csName.empty() ? " on " + csWhere(stHost) : "";
+    return csShown("\"" + csName + "\"" + csOn + " is " + (stCall.stOptions.bWait ? "running" : "started"));
+}
+
+/// Shows which servers of a machine were started, and in JSON also which were not.
 void ShowStarted(const STCall& stCall, const STHostAnswer& st, bool bMany)
 {
     for (const STServerAnswer& stServer : st.tServers) {
@@ -75,37 +83,46 @@ void ShowStarted(const STCall& stCall, const STHostAnswer& st, bool bMany)
         if (stCall.stOptions.bJson) {
             std::cout << csJsonLine(clResult(st.stHost, csName, "started", stServer.clFailure));
         } else if (!stServer.clFailure.has_value()) {
-            const std::string csOn = bMany || !st.stHost.csName.empty() ? " on " + csWhere(st.stHost) : "";
-            std::cout << csShown("\"" + csName + "\"" + csOn + " is " +
-                                 (stCall.stOptions.bWait ? "running" : "started"))
-                      << "\n";
+            std::cout << csStarted(stCall, st.stHost, csName, bMany) << "\n";
         }
     }
+
     if (stCall.stOptions.bJson && st.clFailure.has_value()) {
         std::cout << csJsonLine(clResult(st.stHost, "", "", st.clFailure));
     }
     std::cout.flush();
 }
 
-/// There is no stop in the protocol: it is this machine's service manager that does it.
+/// Has the service manager stop or restart one server; returns the failure, if any. Throws CFailure
+/// (INTERRUPTED).
+std::optional<CFailure> clControlled(const std::string& csAction, const std::string& csName,
+                                     Milliseconds clTime)
+{
+    try {
+        const CProgress clProgress(csAction + " " + csShown(csName) + "...");
+        ControlService(csAction, csName, clTime);
+    } catch (const CFailure& clFailure) {
+        if (clFailure.eExit() == EExit::INTERRUPTED) {
+            throw;
+        }
+        return clFailure;
+    }
+    return std::nullopt;
+}
+
+/// Stops or restarts servers through the service manager of this machine: the protocol has no stop.
 EExit eControl(const STCall& stCall, const std::string& csAction, const char* pszDone)
 {
     CInterrupts::Catch();
     EExit eWorst = EExit::DONE;
     for (const std::string& csBytes : stCall.tArguments) {
         const std::string csName = csArgument(csBytes);
-        std::optional<CFailure> clFailure;
-        try {
-            CProgress clProgress(csAction + " " + csShown(csName) + "...");
-            ControlService(csAction, csName, stCall.clTimeout);
-        } catch (const CFailure& cl) {
-            if (cl.eExit() == EExit::INTERRUPTED) {
-                throw;
-            }
-            clFailure = cl;
-            eWorst = eWorse(eWorst, cl.eExit());
-            TellTroubles({cl.what()});
+        const std::optional<CFailure> clFailure = clControlled(csAction, csName, stCall.clTimeout);
+        if (clFailure.has_value()) {
+            eWorst = eWorse(eWorst, clFailure->eExit());
+            TellTroubles({clFailure->what()});
         }
+
         if (stCall.stOptions.bJson) {
             std::cout << csJsonLine(clResult({}, csName, pszDone, clFailure));
         } else if (!clFailure.has_value()) {
@@ -115,20 +132,24 @@ EExit eControl(const STCall& stCall, const std::string& csAction, const char* ps
     return eWorst;
 }
 
-/// Throws CFailure (REFUSED) with the command to type instead when the machine is not this one.
+/// The refusal for another machine, with the command to type instead.
+CFailure clElsewhere(const STCall& stCall, const STHost& stHost, const std::string& csAction)
+{
+    std::string csCommand = "ssh root@" + csShellWord(stHost.csAddress) + " systemctl " + csAction;
+    for (const std::string& csName : stCall.tArguments) {
+        csCommand.append(" ").append(csShellWord(csUnitName(csArgument(csName))));
+    }
+    return {EExit::REFUSED, "managers cannot " + csAction + " servers, only the service manager of " +
+                                csWhere(stHost) + " can: " + csCommand};
+}
+
+/// Throws CFailure (REFUSED) when a machine is not this one.
 void CheckHere(const STCall& stCall, const std::string& csAction)
 {
     for (const STHost& stHost : tHostsOf(stCall.stOptions)) {
-        if (bThisMachine(stHost)) {
-            continue;
+        if (!bThisMachine(stHost)) {
+            throw clElsewhere(stCall, stHost, csAction);
         }
-        std::string csCommand = "ssh root@" + csShellWord(stHost.csAddress) + " systemctl " + csAction;
-        for (const std::string& csName : stCall.tArguments) {
-            csCommand.append(" ").append(csShellWord(csUnitName(csArgument(csName))));
-        }
-        throw CFailure(EExit::REFUSED, "managers cannot " + csAction +
-                                           " servers, only the service manager of " + csWhere(stHost) +
-                                           " can: " + csCommand);
     }
 }
 } // namespace
@@ -145,12 +166,14 @@ EExit eStart(const STCall& stCall)
     if (clSelection.bExact()) {
         stQuestions.tNames = clSelection.tWords();
     }
+
     const bool bMany = stQuestions.tHosts.size() > 1;
     const auto tAnswers = tAskFleet(stQuestions, true, [&](const std::vector<const STHostAnswer*>& tReady) {
         for (const STHostAnswer* const pst : tReady) {
             ShowStarted(stCall, *pst, bMany);
         }
     });
+
     TellTroubles(tTroubles(tAnswers, clSelection));
     return eWorstOf(tAnswers, clSelection);
 }
@@ -166,4 +189,3 @@ EExit eRestart(const STCall& stCall)
     CheckHere(stCall, "restart");
     return eControl(stCall, "restart", "restarted");
 }
-// NOLINTEND(performance-inefficient-string-concatenation)
