@@ -216,8 +216,8 @@ TEST_F(Wire, TheClientRegistersAServerOrTellsWhyItCannotAndLeavesNoPipeBehind)
     const std::string csSecond = " /opt/velmo/second/dxdemo ";
     const std::tuple<std::string, int, const char*> tCases[] = {
         {"run" + csSecond + "4921", 1, "velmoctl: the manager answers: The server \"run\""},
-        {"x /opt/velmo/second/none 4921", 2, "is no program that can be run"},
-        {"x /opt/velmo/second 4921", 2, "is no program that can be run"},
+        {"x /opt/velmo/second/none 4921", 2, "is not a program that can be run"},
+        {"x /opt/velmo/second 4921", 2, "is not a program that can be run"},
         {"\"$(printf %0129d 0)\"" + csSecond + "4921", 2, "the name must have 1 to 128 characters"},
         {"x" + csSecond + "65536", 2, "is not a port"},
     };

@@ -12,6 +12,7 @@
 #include <optional>
 #include <regex>
 #include <thread>
+#include <tuple>
 
 using ::testing::HasSubstr;
 
@@ -30,7 +31,7 @@ const std::string s_csLimit = "ulimit -v 200000; ";
 std::string csHere(const std::string& csOutput)
 {
     std::array<char, 256> szName{};
-    (void)::gethostname(szName.data(), szName.size() - 1);
+    std::ignore = ::gethostname(szName.data(), szName.size() - 1);
     const std::string cs =
         csReplaceAll<char>(csOutput, "\"host\":\"" + std::string(szName.data()) + "\"", "\"host\":\"HERE\"");
     return std::regex_replace(cs, std::regex("20[0-9-]+T[0-9:]+Z"), "WHEN");
@@ -233,7 +234,7 @@ TEST(Client, AnAbsentSlowOrHostileManagerIsAClearErrorInTime)
         EXPECT_TRUE(stResult.csOutput.starts_with("velmoctl: ")) << stResult.csOutput;
         EXPECT_THAT(stResult.csOutput, HasSubstr(st.pszWords));
         EXPECT_LT(stResult.csOutput.size(), 400u);
-        EXPECT_EQ(std::count(stResult.csOutput.begin(), stResult.csOutput.end(), '\n'), 1);
+        EXPECT_EQ(std::ranges::count(stResult.csOutput, '\n'), 1);
     }
     const std::string csFreePort = CScriptedServer([](const CClientSide&) {}).csPort();
     const STCommandResult stResult = stClient(csFreePort, "list");

@@ -291,6 +291,6 @@ TEST(Fleet, MetricsAreWholeEscapedAndReplacedAtOnce)
                 HasSubstr("could not be written: No such file or directory"));
     EXPECT_EQ(stRun("mkfifo " + clFolder.csPath("fifo")).nStatus, 0);
     EXPECT_THAT(stClient(clManager.csPort(), "metrics --output " + clFolder.csPath("fifo")).csOutput,
-                HasSubstr("could not be written: it is no regular file"));
+                HasSubstr("could not be written: it is not a regular file"));
     EXPECT_EQ(stRun("test -p " + clFolder.csPath("fifo")).nStatus, 0) << "it is still there";
 }

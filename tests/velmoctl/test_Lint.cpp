@@ -42,7 +42,7 @@ TEST(Lint, LinesThatReaderOrWriterDoNotSeeAreFoundWithTheirNumber)
     const std::pair<std::string, std::string> tCases[] = {
         {"", ""},
         {"\r\n: [x]\r\n; a = b\n#\n[INIT]\r\nname=x\r\n\r\n[Manager]\nCHECKPERIOD\t=\t5 \n", ""},
-        {"Name=x\n[INIT]\n", "1: \"Name\" stands in front of the first section: it is never read\n"},
+        {"Name=x\n[INIT]\n", "1: \"Name\" stands before the first section: it is never read\n"},
         {"[INTI]\nFoo=1\n[ INIT ]\nBar=2\n", "1: unknown section \"INTI\"\n3: unknown section \" INIT \"\n"},
         {"[INIT]\nAccesPort=1\nCheckPeriod=1\n",
          "2: unknown key \"AccesPort\" in section \"INIT\"\n"
@@ -51,24 +51,25 @@ TEST(Lint, LinesThatReaderOrWriterDoNotSeeAreFoundWithTheirNumber)
         {"[INIT]\nName x = y\n", "2: the text between \"Name\" and \"=\" is ignored\n"},
         {"[INIT]\nName=x\nNAME=y\n[init]\nDumpLevel=z\n",
          "3: \"NAME\" is set in line 2 already: only that counts\n"
-         "4: section \"init\" is there before: nothing in this one is read\n"},
+         "4: section \"init\" exists already: nothing in this one is read\n"},
         {"[INIT]\n\tName=x\n",
-         "2: \"Name\" is indented: it is read, but a change will write a second line, in vain\n"},
+         "2: \"Name\" is indented: it is read, but a change will write a second line, which is never read\n"},
         {" [INIT]\nName=x\n",
          "1: the indented header \"INIT\" is read, but a change will write a second section\n"},
         {"[INIT]\n\nName=x\n",
-         "3: \"Name\" is behind line 2, where the section ends for a change: a second line will "
+         "3: \"Name\" is after line 2, where the section ends for a change: a second line will "
          "be written there\n"},
         {"[INIT]\n[oops\nName=x\n",
-         "2: a section header without \"]\" is none, but a change of a later key does not get past it\n"
-         "3: \"Name\" is behind line 2, where the section ends for a change: a second line will be written "
+         "2: a line that begins with \"[\" but has no \"]\" is no section header, but a change of a later "
+         "key does not get past it\n"
+         "3: \"Name\" is after line 2, where the section ends for a change: a second line will be written "
          "there\n"},
-        {"[INIT]\nName=x", "2: the last line has no line end: what is added later will continue it\n"},
+        {"[INIT]\nName=x", "2: the last line has no newline: what is added later will continue it\n"},
         {"[INIT]\nName=x\0y\n"s, "2: what follows the NUL character is not read\n"},
         {"[INIT]\nName=x\ry\n", "2: what follows the carriage return is not read\n"},
-        {"\xEF\xBB\xBF[INIT]\nName=x\n",
-         "1: the file begins with a UTF-8 mark, which hides its first line; it is read as Windows-1252\n"
-         "2: \"Name\" stands in front of the first section: it is never read\n"},
+        {"\xEF\xBB\xBF[INIT]\nName=x\n", "1: the file begins with a UTF-8 byte order mark, which hides its "
+                                         "first line; it is read as Windows-1252\n"
+                                         "2: \"Name\" stands before the first section: it is never read\n"},
         {"\xFE\xFF\0["s,
          "1: the file is UTF-16 in the wrong byte order (big-endian): nothing in it is read\n"},
         {csUTF16File("[INIT]\nNmae=x\n") + "y",
@@ -85,7 +86,7 @@ TEST(Lint, ValuesThatDoNotReadAsTheirTypeAreFound)
         // in section INIT
         {"AccessPort=", "AccessPort: the value is empty: reads as 0, not as the default 4900"},
         {"AccessPort=49oo", "AccessPort: \"49oo\" reads as 49: what follows the digits is ignored"},
-        {"AccessPort=auto", "AccessPort: \"auto\" is no decimal number: reads as 0"},
+        {"AccessPort=auto", "AccessPort: \"auto\" is not a decimal number: reads as 0"},
         {"WindowsFileCacheSize=2147483648", "WindowsFileCacheSize: 2147483648 wraps around"},
         {"NdxCacheSize=4294967295", ""},
         {"ActivityStatisticPeriod=65536", "ActivityStatisticPeriod: 65536 counts as 65535"},
@@ -98,9 +99,9 @@ TEST(Lint, ValuesThatDoNotReadAsTheirTypeAreFound)
         {"DBRootPath=%%exe%%db",
          "DBRootPath: the path begins with no known macro (%%EXE%%, %%COMMONAPPDATA%%)"},
         {"Name=\"x\"", "Name: the quotation marks belong to the value"},
-        {"Name=x ", "Name: the blanks at the end belong to the value"},
+        {"Name=x ", "Name: the whitespace at the end belongs to the value"},
         {"Name=x ; mine",
-         "Name: the text behind \";\" belongs to the value: a comment is a line that begins with \":\""},
+         "Name: the text after \";\" belongs to the value: a comment is a line that begins with \":\""},
         {"Installer=" + std::string(99, 'n'), "Installer: only the first 98 characters of the value count"},
         {"Name=Donné", "Name: the value is in UTF-8, but will be read as Windows-1252: \"DonnÃ©\""},
         {"Name=Donn\xE9", ""},

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 #include <pty.h>
+#include <tuple>
 #include <unistd.h>
 #include <utility>
 
@@ -29,13 +30,13 @@ public:
     ~CProgramOnTerminal()
     {
         if (m_nPid > 0) {
-            (void)nEndOf(m_nPid, 0);
+            std::ignore = nEndOf(m_nPid, 0);
         }
     }
     CProgramOnTerminal(const CProgramOnTerminal&) = delete;
     CProgramOnTerminal& operator=(const CProgramOnTerminal&) = delete;
 
-    void Type(std::string_view cs) const { (void)!::write(m_clTerminal.nFd(), cs.data(), cs.size()); }
+    void Type(std::string_view cs) const { std::ignore = ::write(m_clTerminal.nFd(), cs.data(), cs.size()); }
     /// Waits until a text is shown, and reads no further.
     bool bShows(const std::string& csText)
     {

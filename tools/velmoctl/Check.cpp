@@ -1,5 +1,5 @@
 // A monitoring plugin by the conventions of Nagios and Icinga: one line with performance data, and an exit
-// status.
+// status of its own.
 
 #include "velmoctl/Fleet.h"
 #include "velmoctl/Terminal.h"
@@ -8,12 +8,11 @@
 #include <charconv>
 #include <cmath>
 #include <iostream>
-#include <iterator>
 #include <limits>
 #include <sstream>
 
 namespace {
-/// By the plugins' exit status.
+/// The values are the exit statuses of a plugin.
 enum class EHealth : int
 {
     OK,
@@ -32,12 +31,15 @@ public:
         std::string_view cs = csText;
         m_bInside = cs.starts_with("@");
         cs.remove_prefix(m_bInside ? 1 : 0);
+
         const std::size_t nColon = cs.find(':');
         if (nColon != cs.npos) {
             m_dFirst = cs.substr(0, nColon) == "~" ? -s_dEndless : _dNumber(cs.substr(0, nColon), csText);
             cs.remove_prefix(nColon + 1);
         }
+
         m_dLast = nColon != std::string_view::npos && cs.empty() ? s_dEndless : _dNumber(cs, csText);
+
         if (m_dFirst > m_dLast) {
             throw _clFault(csText);
         }
@@ -51,6 +53,7 @@ public:
 private:
     static constexpr double s_dEndless = std::numeric_limits<double>::infinity();
 
+    /// The failure for a range that cannot be read.
     static CFailure _clFault(const std::string& csText)
     {
         return {EExit::USAGE,
@@ -89,14 +92,14 @@ void AddDown(const STHostAnswer& stHost, const std::string& csServer, const std:
     pst->tDown.push_back(csServer + csOn + " " + csState);
 }
 
-/// A server asked for by its full name that no machine has is one that does not run.
+/// Counts a server that was named in full and that no machine has: for a watcher it does not run.
 void AddMissing(const std::vector<STHostAnswer>& tAnswers, const CSelection& clSelection, STFindings* pst)
 {
     for (const std::string& csWord : clSelection.tWords()) {
         const CSelection clWord({csWord});
-        const bool bSeen = std::any_of(tAnswers.begin(), tAnswers.end(), [&](const STHostAnswer& stHost) {
-            return std::any_of(stHost.tServers.begin(), stHost.tServers.end(),
-                               [&](const STServerAnswer& st) { return clWord.bHas(st.stServer.csName); });
+        const bool bSeen = std::ranges::any_of(tAnswers, [&](const STHostAnswer& stHost) {
+            return std::ranges::any_of(
+                stHost.tServers, [&](const STServerAnswer& st) { return clWord.bHas(st.stServer.csName); });
         });
         if (!bSeen) {
             ++pst->nServers;
@@ -109,11 +112,13 @@ STFindings stFind(const std::vector<STHostAnswer>& tAnswers, const CSelection& c
 {
     STFindings stResult;
     stResult.nMachines = tAnswers.size();
+
     for (const STHostAnswer& stHost : tAnswers) {
         stResult.clSlowest = std::max(stResult.clSlowest, stHost.clTook);
         if (stHost.clFailure.has_value()) {
             stResult.tSilent.emplace_back(stHost.clFailure->what());
         }
+        // A state that could not be read counts as down, too: nothing shows that the server runs.
         for (const STServerAnswer& st : stHost.tServers) {
             ++stResult.nServers;
             if (st.csState == "running") {
@@ -123,19 +128,21 @@ STFindings stFind(const std::vector<STHostAnswer>& tAnswers, const CSelection& c
             }
         }
     }
+
     AddMissing(tAnswers, clSelection, &stResult);
     return stResult;
 }
 
 EHealth eHealth(const STFindings& st, const CRange& clWarning, const CRange& clCritical)
 {
+    // Nobody knows how the servers of a silent machine are: that is no better than servers that are down.
     if (!st.tSilent.empty() || clCritical.bAlerts(st.tDown.size())) {
         return EHealth::CRITICAL;
     }
     return clWarning.bAlerts(st.tDown.size()) ? EHealth::WARNING : EHealth::OK;
 }
 
-/// The first of some texts, in one line that holds no bar: what follows a bar is performance data.
+/// The first of some texts in one line without a bar: monitoring systems read performance data after one.
 std::string csFirst(const std::vector<std::string>& tTexts)
 {
     constexpr std::size_t nMost = 5;
@@ -144,7 +151,8 @@ std::string csFirst(const std::vector<std::string>& tTexts)
         cs += (n == 0 ? ": " : ", ") + tTexts[n];
     }
     cs += tTexts.size() > nMost ? " and " + std::to_string(tTexts.size() - nMost) + " more" : "";
-    std::replace(cs.begin(), cs.end(), '|', '/');
+
+    std::ranges::replace(cs, '|', '/');
     return csShown(cs);
 }
 
@@ -171,12 +179,15 @@ EExit eCheck(const STCall& stCall)
     const CSelection clSelection(stCall.tArguments);
     const CSelection clIgnored(tItems(stCall.stOptions.tIgnore));
     const CRange clWarning(stCall.stOptions.csWarning), clCritical(stCall.stOptions.csCritical);
+
     STQuestions stQuestions = stStateQuestions(stCall);
     stQuestions.fnWanted = [&](const STServer& st) {
         return (clSelection.bAll() || clSelection.bHas(st.csName)) && !clIgnored.bHas(st.csName);
     };
+
     const auto tAnswers = tAskFleet(stQuestions, false, [](const auto&) {});
     const STFindings st = stFind(tAnswers, clSelection);
+
     const std::string csSilent =
         st.tSilent.empty() ? "" : std::to_string(st.tSilent.size()) + " silent" + csFirst(st.tSilent) + "; ";
     return eReport(eHealth(st, clWarning, clCritical),

@@ -24,7 +24,7 @@ struct STCommand
 };
 
 using namespace std::chrono_literals;
-/// Starting and stopping waits for the system's tools, which give a service a minute and a half.
+/// A start or a stop waits for the service manager, which gives a service a minute and a half.
 constexpr Milliseconds s_clQuestion = 10s, s_clChange = 120s, s_clSearch = 5s;
 constexpr std::size_t s_nMany = 10'000;
 
@@ -46,11 +46,11 @@ constexpr STCommand s_tCommands[] = {
     {"lint", "FILE", 1, 1, s_clQuestion, eLint, "look for faults in a DXConf.ini"},
     {"shell", "", 0, 0, s_clQuestion, eShell, "commands at a prompt"},
 };
-/// For the shells' completion scripts: the words of a line, of which the last is to be completed.
+/// Called by the completion scripts of the shells with the words of a line; completes the last one.
 constexpr STCommand s_stComplete = {"complete", "[WORD...]", 0, s_nMany, 2s, eComplete, ""};
 constexpr const char *s_pszHelp = "help", *s_pszHelpFlags = "-h,--help", *s_pszHelpText = "this text";
 
-/// The usage line in the words of the man page.
+/// Writes the usage line as the man page does.
 class CHelp : public CLI::Formatter
 {
 public:
@@ -62,29 +62,33 @@ public:
         return "Usage: velmoctl [OPTION...] " +
                (bWhole ? "COMMAND [ARGUMENT...]" : csCommand + " " + csArgumentKinds(csCommand)) + "\n";
     }
-    /// The words of a line are in the usage already.
+    /// Nothing: the usage line shows the arguments already.
     std::string make_positionals(const CLI::App* /*pclParser*/) const override { return ""; }
 };
 
-/// One command line, being read.
+/// Reads one command line and runs its command.
 class CReader
 {
 public:
     explicit CReader(const STOptions& stDefaults) : m_stDefaults(stDefaults), m_stOptions(stDefaults)
     {
-        m_stOptions.tHosts.clear(); // lists add up within a line, and replace those of the defaults
+        // Lists add up within a line, but replace those of the defaults; see _TakeDefaults.
+        m_stOptions.tHosts.clear();
         m_stOptions.tGroups.clear();
         m_stOptions.csHostsFile.clear();
+
         m_clParser.set_help_flag(s_pszHelpFlags, s_pszHelpText);
         m_clParser.formatter(std::make_shared<CHelp>());
         m_clParser.footer(
-            "\"velmoctl help COMMAND\" tells the options of each. Exit status: 0 done, 1 refused or\n"
+            "\"velmoctl help COMMAND\" lists the options of each. Exit status: 0 done, 1 refused or\n"
             "not as it should be, 2 wrong usage, 3 nobody answers, 4 no manager answers, 5 not\n"
             "wanted after all; \"status\" and \"check\" have their own. More in velmoctl(1).");
+
         AddOptions("", &m_clParser, &m_stOptions);
         for (const STCommand& st : s_tCommands) {
             _Add(st, "Commands");
         }
+
         _Add(s_stComplete, "");
         m_clParser.add_subcommand(s_pszHelp, "what a command does and which options it has")
             ->group("Commands")
@@ -106,6 +110,7 @@ public:
         if (m_pstCommand == nullptr) {
             throw CFailure(EExit::USAGE, "which command? See velmoctl --help");
         }
+
         _CheckUse();
         _TakeDefaults();
         SetColours(!m_stOptions.bNoColor);
@@ -115,7 +120,7 @@ public:
     }
 
     bool bJson() const { return m_stOptions.bJson; }
-    /// A plugin's failures have a form of their own.
+    /// Whether the command is a monitoring plugin, which reports its failures in a form of its own.
     bool bPlugin() const { return m_clParser.got_subcommand("check"); }
 
 private:
@@ -129,14 +134,15 @@ private:
         pcl->callback([this, &st] { m_pstCommand = &st; });
     }
 
-    /// What follows "--" is never an option, nor anything to the library.
+    /// The library gets the words in reverse, and only those before "--": what follows is never an option.
     void _Parse(const std::vector<std::string>& tArguments)
     {
-        const auto itEnd = std::find(tArguments.begin(), tArguments.end(), "--");
+        const auto itEnd = std::ranges::find(tArguments, "--");
         std::vector<std::string> tReversed;
         for (auto it = itEnd; it != tArguments.begin(); --it) {
             tReversed.push_back(_csGuarded(*std::prev(it)));
         }
+
         try {
             m_clParser.parse(tReversed);
         } catch (const CLI::CallForHelp&) {
@@ -144,13 +150,15 @@ private:
         } catch (const CLI::ParseError& clError) {
             throw CFailure(EExit::USAGE, _csFault(clError));
         }
+
         _Unguard();
         if (itEnd != tArguments.end()) {
             m_tWords.insert(m_tWords.end(), std::next(itEnd), tArguments.end());
         }
     }
 
-    /// The library takes a word between brackets for a list of words: it gets something in front meanwhile.
+    /// Hides a word in brackets, such as the pattern "[ab]", from the library, which would read it as a list
+    /// of words: a control character stands in front of it while the library reads the line.
     static std::string _csGuarded(const std::string& csWord)
     {
         const bool bList = csWord.size() > 1 && csWord.front() == '[' && csWord.back() == ']';
@@ -160,7 +168,7 @@ private:
     {
         return csWord.size() > 1 && csWord[0] == s_cGuard && csWord[1] == '[' ? csWord.substr(1) : csWord;
     }
-    /// Wherever a word may have gone.
+    /// Undoes it wherever the library may have put the word.
     void _Unguard()
     {
         STOptions& st = m_stOptions;
@@ -182,18 +190,19 @@ private:
         return csArgument(clError.what()) + "; see velmoctl --help";
     }
 
-    /// Throws CFailure (USAGE) for an option before the command that is another command's, and for a wrong
-    /// number of words.
+    /// Throws CFailure (USAGE) for a wrong number of words, and for an option before the command that belongs
+    /// to another command: the library accepts all options there.
     void _CheckUse() const
     {
         const std::vector<std::string> tKnown = tOptionsOf(m_pstCommand->pszName);
         for (const CLI::Option* const pcl : m_clParser.get_options()) {
             const std::string csName = "--" + pcl->get_lnames().front();
-            if (pcl->count() > 0 && std::find(tKnown.begin(), tKnown.end(), csName) == tKnown.end()) {
+            if (pcl->count() > 0 && std::ranges::find(tKnown, csName) == tKnown.end()) {
                 throw CFailure(EExit::USAGE,
                                "\"" + std::string(m_pstCommand->pszName) + "\" has no option " + csName);
             }
         }
+
         if (m_tWords.size() < m_pstCommand->nFewest || m_tWords.size() > m_pstCommand->nMost) {
             const std::string csWords = m_pstCommand->pszArguments;
             throw CFailure(EExit::USAGE, std::string("usage: velmoctl ") + m_pstCommand->pszName +
@@ -201,8 +210,8 @@ private:
         }
     }
 
-    /// A line that names no machine asks those of the defaults; one that names a group alone means their
-    /// file's.
+    /// A line that names no machine asks those of the defaults; a line with only a group means a group of
+    /// their hosts file.
     void _TakeDefaults()
     {
         if (m_stOptions.tHosts.empty() && m_stOptions.csHostsFile.empty()) {
@@ -229,7 +238,7 @@ private:
     static bool _bCommand(const std::string& csName)
     {
         const std::vector<std::string> tNames = tCommandNames();
-        return std::find(tNames.begin(), tNames.end(), csName) != tNames.end();
+        return std::ranges::find(tNames, csName) != tNames.end();
     }
 
     static constexpr char s_cGuard = '\x01';
@@ -243,7 +252,7 @@ private:
     CLI::App m_clParser{"Talks to VelmoManagers, the managers of machines' database servers.", "velmoctl"};
 };
 
-/// The failure in words, and for programs as a value as well.
+/// Reports a failure in words on standard error, and for programs as a value on standard output.
 EExit eTell(const CFailure& clFailure, bool bJson)
 {
     if (bJson && clFailure.eExit() != EExit::USAGE) {
@@ -264,10 +273,13 @@ EExit eExecute(const std::vector<std::string>& tArguments, const STOptions& stDe
     } catch (const CFailure& clFailure) {
         eResult = clReader.bPlugin() ? eTellMonitoring(clFailure) : eTell(clFailure, clReader.bJson());
     }
+
+    // A full disk shows only now; a script that reads the output must not take it for whole.
     if (!std::cout.flush()) {
         std::cerr << "velmoctl: the output could not be written\n";
         return EExit::REFUSED;
     }
+
     return eResult;
 }
 
@@ -282,7 +294,6 @@ std::vector<std::string> tCommandNames()
 
 std::string csArgumentKinds(const std::string& csCommand)
 {
-    const auto* const pst = std::find_if(std::begin(s_tCommands), std::end(s_tCommands),
-                                         [&](const STCommand& st) { return csCommand == st.pszName; });
+    const auto* const pst = std::ranges::find(s_tCommands, csCommand, &STCommand::pszName);
     return pst == std::end(s_tCommands) ? "" : pst->pszArguments;
 }

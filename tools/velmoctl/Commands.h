@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-/// What a command is given.
+/// The input of a command.
 struct STCall
 {
     STOptions stOptions;
@@ -14,13 +14,13 @@ struct STCall
     Milliseconds clTimeout;              ///< for one machine: the user's, or else the command's own
 };
 
-/// Runs one command line. Results go to standard output; failures are reported on standard error, and their
-/// exit status is returned. What the line does not say is as in the defaults.
+/// Runs one command line; the defaults hold for what it does not say. Writes results to standard output,
+/// reports failures on standard error, and returns the exit status.
 EExit eExecute(const std::vector<std::string>& tArguments, const STOptions& stDefaults);
 
 /// Names of all commands that a user types.
 std::vector<std::string> tCommandNames();
-/// What kind of words a command takes ("NAME..."); empty for none, and for an unknown command.
+/// The kinds of words that a command takes ("NAME..."); empty for none, and for an unknown command.
 std::string csArgumentKinds(const std::string& csCommand);
 
 /// The commands themselves; velmoctl(1) says what each prints and how it exits.
@@ -29,7 +29,7 @@ EExit eList(const STCall& stCall);
 EExit eStatus(const STCall& stCall);
 EExit eCluster(const STCall& stCall);
 EExit eCheck(const STCall& stCall);
-/// A failure as a monitoring plugin reports it: the status of what is unknown.
+/// Reports a failure of check as monitoring systems expect it: one line, status "unknown".
 EExit eTellMonitoring(const CFailure& clFailure);
 EExit eMetrics(const STCall& stCall);
 EExit eStart(const STCall& stCall);

@@ -10,17 +10,17 @@
 #include <iterator>
 
 namespace {
-/// A command line that is not finished, as far as it matters here.
+/// An unfinished command line, as far as completion needs it.
 struct STPartial
 {
     std::string csCommand;
     STOptions stOptions; ///< which machines
-    std::string csKind;  ///< of the last word: what its option wants; empty: the word stands for itself
-    std::string csStart; ///< of the last word, up to where the completion begins ("--host=", "db1,")
-    std::string csWord;  ///< the rest of the last word
+    std::string csKind;  ///< kind of value that the last word is for an option; empty: it is for none
+    std::string csStart; ///< part of the last word that stays ("--host=", "db1,")
+    std::string csWord;  ///< rest of the last word, to be completed
 };
 
-/// The options that tell where servers and machines are looked up.
+/// Keeps an option that decides where names of servers and machines are looked up.
 void TakeOption(const std::string& csOption, const std::string& csValue, STOptions* pst)
 {
     const std::string csKind = csValueKind(csOption);
@@ -35,6 +35,7 @@ void TakeOption(const std::string& csOption, const std::string& csValue, STOptio
     }
 }
 
+/// Splits the last word into what stays and what is to be completed.
 void TakeLast(const std::string& csWord, STPartial* pst)
 {
     const std::size_t nEqual = csWord.find('=');
@@ -42,7 +43,10 @@ void TakeLast(const std::string& csWord, STPartial* pst)
         pst->csKind = csValueKind(csWord.substr(0, nEqual));
         pst->csStart = csWord.substr(0, nEqual + 1);
     }
+
     pst->csWord = csWord.substr(pst->csStart.size());
+
+    // Of a list only the last item is completed.
     if (const std::size_t nComma = pst->csWord.rfind(',');
         !pst->csKind.empty() && nComma != std::string::npos) {
         pst->csStart += pst->csWord.substr(0, nComma + 1);
@@ -70,6 +74,7 @@ STPartial stRead(const std::vector<std::string>& tWords, const STOptions& stDefa
             st.csKind = csValueKind(csName);
         }
     }
+
     TakeLast(tWords.empty() ? "" : tWords.back(), &st);
     return st;
 }
@@ -81,7 +86,7 @@ std::vector<std::string> tCommands(const STPartial& /*st*/)
     return tNames;
 }
 
-/// Those of the managers that the line names, as far as they answer at once.
+/// Servers of the managers that the line names, as far as those answer within two seconds.
 std::vector<std::string> tServers(const STPartial& st)
 {
     constexpr Milliseconds clMoment(2000);
@@ -114,7 +119,7 @@ std::vector<std::string> tGroups(const STPartial& st)
 
 struct STSource
 {
-    const char* pszKind; ///< the beginning of it: "[NAME...]" is another word for "NAME"
+    const char* pszKind; ///< how the kind begins: "[NAME" stands for "[NAME...]"
     std::vector<std::string> (*pfn)(const STPartial&);
 };
 constexpr STSource s_tSources[] = {
@@ -139,13 +144,16 @@ std::vector<std::string> tCandidates(const STPartial& st)
     if (st.csKind.empty() && st.csWord.starts_with("-")) {
         return tOptionsOf(st.csCommand);
     }
+
     std::string csKind = st.csKind;
     if (csKind.empty()) {
         csKind = st.csCommand.empty() || st.csCommand == "help" ? "COMMAND" : csArgumentKinds(st.csCommand);
     }
-    const auto* const pst = std::find_if(std::begin(s_tSources), std::end(s_tSources),
-                                         [&](const STSource& cl) { return csKind.starts_with(cl.pszKind); });
-    // A new server has no name yet that a manager could know.
+
+    const auto* const pst =
+        std::ranges::find_if(s_tSources, [&](const STSource& cl) { return csKind.starts_with(cl.pszKind); });
+
+    // register takes the name of a new server, which no manager knows yet.
     return pst == std::end(s_tSources) || st.csCommand == "register" ? std::vector<std::string>()
                                                                      : pst->pfn(st);
 }
@@ -158,8 +166,7 @@ std::vector<std::string> tComplete(const std::vector<std::string>& tWords, const
         const STPartial st = stRead(tWords, stDefaults);
         for (const std::string& cs : tCandidates(st)) {
             const std::string csWhole = st.csStart + cs;
-            if (cs.starts_with(st.csWord) &&
-                std::find(tResult.begin(), tResult.end(), csWhole) == tResult.end()) {
+            if (cs.starts_with(st.csWord) && std::ranges::find(tResult, csWhole) == tResult.end()) {
                 tResult.push_back(csWhole);
             }
         }
@@ -168,13 +175,14 @@ std::vector<std::string> tComplete(const std::vector<std::string>& tWords, const
             throw;
         }
     }
+
     return tResult;
 }
 
 EExit eComplete(const STCall& stCall)
 {
     std::vector<std::string> tWords = stCall.tArguments;
-    std::transform(tWords.begin(), tWords.end(), tWords.begin(), csArgument);
+    std::ranges::transform(tWords, tWords.begin(), csArgument);
     for (const std::string& cs : tComplete(tWords, STOptions{})) {
         std::cout << csShown(cs) << "\n";
     }

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-/// What could stand in the place of the last of a command line's words: commands, options, servers that the
-/// manager lists, machines and groups of the hosts file... Nothing for files, which shells complete
-/// themselves. Never throws but CFailure (INTERRUPTED).
+/// Candidates for the last word of a command line: commands, options, servers that the manager lists,
+/// machines and groups of the hosts file... None for files, which shells complete themselves. Throws only
+/// CFailure (INTERRUPTED).
 std::vector<std::string> tComplete(const std::vector<std::string>& tWords, const STOptions& stDefaults);

@@ -24,12 +24,13 @@ struct STResolved
     int nError = 0;
 };
 
-/// One question to the system's resolver.
+/// Asks the C library's resolver, and waits as long as it takes.
 STResolved stAsk(const std::string& csHost, const std::string& csPort, int nType, int nFlags)
 {
     addrinfo stHints{};
     stHints.ai_socktype = nType;
     stHints.ai_flags = AI_NUMERICSERV | nFlags;
+
     addrinfo* pst = nullptr;
     STResolved stResult;
     stResult.nError =
@@ -38,7 +39,8 @@ STResolved stAsk(const std::string& csHost, const std::string& csPort, int nType
     return stResult;
 }
 
-/// The resolver knows no deadline: it is asked in a thread that is left to itself when it takes too long.
+/// The resolver has no deadline, so a thread of its own asks it; a thread that takes too long is left to
+/// itself.
 STResolved stAskInTime(const std::string& csHost, const std::string& csPort, int nType,
                        const CDeadline& clDeadline)
 {
@@ -49,16 +51,18 @@ STResolved stAskInTime(const std::string& csHost, const std::string& csPort, int
     } catch (const std::system_error&) { // no more threads: escaping from a worker it would end the program
         return {nullptr, EAI_AGAIN};
     }
+
     while (clResult.wait_for(Milliseconds(20)) != std::future_status::ready) {
         bWaitFor(-1, 0, CDeadline(Milliseconds::zero())); // an interrupt ends it
         if (clDeadline.bOver()) {
             return {nullptr, EAI_AGAIN};
         }
     }
+
     return clResult.get();
 }
 
-/// True when connected; else errno tells why not.
+/// Returns true when connected; otherwise errno has the reason.
 bool bConnect(int nSocket, const addrinfo& stAddress, const CDeadline& clDeadline)
 {
     if (::connect(nSocket, stAddress.ai_addr, stAddress.ai_addrlen) == 0) {
@@ -71,6 +75,7 @@ bool bConnect(int nSocket, const addrinfo& stAddress, const CDeadline& clDeadlin
         errno = ETIMEDOUT;
         return false;
     }
+
     int nError = 0;
     socklen_t nLength = sizeof nError;
     ::getsockopt(nSocket, SOL_SOCKET, SO_ERROR, &nError, &nLength);
@@ -97,14 +102,18 @@ std::string csSeconds(Milliseconds clTime)
 CAddresses pstResolve(const STHost& stHost, int nType, const CDeadline& clDeadline)
 {
     const std::string csPort = std::to_string(stHost.wPort);
+
+    // A numeric address needs neither the network nor a thread.
     STResolved stResult = stAsk(stHost.csAddress, csPort, nType, AI_NUMERICHOST);
     if (stResult.nError != 0) {
         stResult = stAskInTime(stHost.csAddress, csPort, nType, clDeadline);
     }
+
     if (stResult.nError != 0) {
         throw CFailure(EExit::UNREACHABLE, "the host \"" + stHost.csName +
                                                "\" cannot be found: " + ::gai_strerror(stResult.nError));
     }
+
     return std::move(stResult.pstAddresses);
 }
 
@@ -128,9 +137,11 @@ CConversation::CConversation(const STHost& stHost, Milliseconds clAnswer, const 
 {
     const CDeadline clDeadline = _clForAnswer();
     _Connect(clDeadline);
+
     if (!_csLine(s_nMaxGreeting, clDeadline).starts_with(s_csGreeting)) {
         throw CFailure(EExit::NONSENSE, "what listens on " + m_csWho + " is not a manager");
     }
+
     _Send("MODE_UTF8\r\n", clDeadline);
     if (const std::string csReply = _csLine(s_nMaxLine, clDeadline); csReply != "OK") {
         throw clNonsense(csReply);
@@ -150,8 +161,9 @@ std::string CConversation::csAsk(const std::vector<std::string>& tFields)
         }
         csLine += (csLine.empty() ? "" : "\t") + csField;
     }
+
     const CDeadline clDeadline = _clForAnswer();
-    m_csReceived.clear(); // nothing was asked for
+    m_csReceived.clear(); // what came before the question is no answer to it
     _Send(csLine + "\r\n", clDeadline);
     return _csLine(s_nMaxLine, clDeadline);
 }
@@ -169,23 +181,26 @@ CDeadline CConversation::_clForAnswer() const
     return CDeadline(std::min(m_clAnswer, m_clWhole.clLeft()));
 }
 
-/// Each address gets its share of the time that is left, so that a silent one does not use it all up.
+/// Each address gets an equal share of the time left, so that one silent address does not use all of it.
 void CConversation::_Connect(const CDeadline& clDeadline)
 {
     const CAddresses pstAddresses = pstResolve(m_stHost, SOCK_STREAM, clDeadline);
-    int nErrno = 0;
+    int nErrno = 0; // of the last address, for the message
+
     for (const addrinfo* pst = pstAddresses.get(); pst != nullptr; pst = pst->ai_next) {
         CDescripteur clSocket(
             ::socket(pst->ai_family, pst->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, pst->ai_protocol));
         if (clSocket.bOpen() &&
             bConnect(clSocket.nFd(), *pst, CDeadline(clDeadline.clLeft() / nCount(pst)))) {
             const int nOne = 1;
+            // One small line at a time: with Nagle's algorithm some would wait for an acknowledgement.
             ::setsockopt(clSocket.nFd(), IPPROTO_TCP, TCP_NODELAY, &nOne, sizeof nOne);
             m_clSocket = std::move(clSocket);
             return;
         }
         nErrno = errno;
     }
+
     throw CFailure(EExit::UNREACHABLE,
                    "no manager can be reached on " + m_csWho + ": " + std::strerror(nErrno));
 }
@@ -212,11 +227,13 @@ std::string CConversation::_csLine(std::size_t nMax, const CDeadline& clDeadline
         if (nEnd != std::string::npos && nEnd <= nMax) {
             const std::string csLine = m_csReceived.substr(0, nEnd);
             m_csReceived.erase(0, nEnd + 2);
-            return csToUTF8(csFromUTF8(csLine));
+            return csToUTF8(csFromUTF8(csLine)); // ill-formed bytes become U+FFFD
         }
         if (m_csReceived.size() > nMax) {
             throw CFailure(EExit::NONSENSE, "what listens on " + m_csWho + " sends a line without an end");
         }
+
+        // Search new bytes only, but for a CR that ended the last ones.
         nSearched = m_csReceived.empty() ? 0 : m_csReceived.size() - 1;
         _Receive(clDeadline);
     }
@@ -227,6 +244,7 @@ void CConversation::_Receive(const CDeadline& clDeadline)
     if (!bWaitFor(m_clSocket.nFd(), POLLIN, clDeadline)) {
         throw _clSilence();
     }
+
     std::array<char, 16384> tBytes;
     const ssize_t nReceived = ::recv(m_clSocket.nFd(), tBytes.data(), tBytes.size(), 0);
     if (nReceived > 0) {

@@ -16,36 +16,36 @@ struct STFreeAddresses
 };
 using CAddresses = std::unique_ptr<addrinfo, STFreeAddresses>;
 
-/// Addresses of a host (empty: this machine) for a socket type (SOCK_STREAM, SOCK_DGRAM). The C library's
-/// resolver is not waited for beyond the deadline. Throws CFailure (UNREACHABLE).
+/// Addresses of a host (empty: this machine) for a socket type (SOCK_STREAM, SOCK_DGRAM). Waits for the C
+/// library's resolver until the deadline. Throws CFailure (UNREACHABLE).
 CAddresses pstResolve(const STHost& stHost, int nType, const CDeadline& clDeadline);
 
-/// The machine in words: "this machine" or its name.
+/// The machine for a sentence: its name, or "this machine".
 std::string csWhere(const STHost& stHost);
-/// The machine as one word, also where it is this one: its name.
+/// The machine for a column: its name, also for this machine.
 std::string csHostWord(const STHost& stHost);
 
-/// One conversation with a manager over TCP, in UTF-8: one reply line for each command line. Whatever the
-/// other side sends or does not send, every wait ends at its deadline and no more than s_nMaxLine bytes are
-/// kept.
+/// One conversation with a manager over TCP, in UTF-8: one reply line for each command line. The other side
+/// is not trusted: every wait ends at its deadline, and about s_nMaxLine bytes are kept at most. One thread
+/// uses an object.
 class CConversation
 {
 public:
     /// Longest reply line; the longest honest one lists some thousands of servers.
     static constexpr std::size_t s_nMaxLine = 1u << 20;
 
-    /// Connects to the manager of a machine, reads its greeting and agrees on UTF-8, all before the time for
-    /// one answer is over. No answer is waited for beyond the deadline of the whole. Throws CFailure.
+    /// Connects to the manager of a machine, reads its greeting and agrees on UTF-8, all within the time for
+    /// one answer. No wait goes beyond the deadline of the whole. Throws CFailure.
     CConversation(const STHost& stHost, Milliseconds clAnswer, const CDeadline& clWhole);
     CConversation(const STHost& stHost, Milliseconds clAnswer);
     CConversation(const CConversation&) = delete;
     CConversation& operator=(const CConversation&) = delete;
 
-    /// Sends one command line made of fields (UTF-8) and returns the reply line without its end, always
-    /// well-formed UTF-8. Throws CFailure, after which the conversation is of no use; USAGE for a field that
-    /// cannot be sent: the protocol has no way to write a tab or a newline.
+    /// Sends one command line made of fields (UTF-8). Returns the reply line without its CR LF, always
+    /// well-formed UTF-8. Throws CFailure: USAGE for a field with a tab or newline, which the protocol cannot
+    /// carry (nothing is sent then); after any other the conversation cannot be used any more.
     std::string csAsk(const std::vector<std::string>& tFields);
-    /// Error for a reply that is not one to what was asked.
+    /// The failure for a reply that does not fit what was asked.
     CFailure clNonsense(const std::string& csReply) const;
     const STHost& stHost() const { return m_stHost; }
 
@@ -62,5 +62,5 @@ private:
     CDeadline m_clWhole;
     std::string m_csWho; ///< for messages
     CDescripteur m_clSocket;
-    std::string m_csReceived; ///< not yet returned
+    std::string m_csReceived; ///< bytes not yet returned
 };

@@ -1,5 +1,5 @@
-// The search for managers: a question to every broadcast address and to this machine, answers until the time
-// is over.
+// The search for managers: sends a question to every broadcast address and to this machine, and collects
+// answers until the time is over.
 
 #include "support/Conversion.h"
 #include "velmoctl/Fleet.h"
@@ -31,16 +31,19 @@ public:
         for (const addrinfo* pst = pstHost.get(); pst != nullptr; pst = pst->ai_next) {
             m_tTargets.emplace_back(pst->ai_addr, pst->ai_addrlen);
         }
+
         for (std::size_t n = 0; n < m_tSockets.size(); ++n) {
             m_tSockets[n] =
                 CDescripteur(::socket(s_tFamilies[n], SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+            // The kernel refuses broadcasts without this. A kernel without IPv6 gives -1 here, which poll
+            // ignores.
             const int nOne = 1;
             ::setsockopt(m_tSockets[n].nFd(), SOL_SOCKET, SO_BROADCAST, &nOne, sizeof nOne);
         }
     }
 
-    /// Datagrams get lost, so it asks again; a manager with many servers needs a while for its answer, so
-    /// most of the time comes after the last question. An answer counts whichever question it is to.
+    /// Asks three times, because datagrams get lost. A manager with many servers needs a while to answer, so
+    /// half of the time comes after the last question. An answer to any of the questions counts.
     std::vector<STFound> tCollect()
     {
         const CDeadline clEnd(m_stCall.clTimeout);
@@ -67,6 +70,7 @@ private:
             nErrno = bSent ? nErrno : errno;
             nSent += bSent ? 1 : 0;
         }
+
         if (nSent == 0) {
             errno = nErrno;
             throw clSystemFailure(EExit::UNREACHABLE, "no question could be sent");
@@ -85,7 +89,7 @@ private:
                 _Receive(st.fd);
             }
         }
-        return !clEnd.bOver(); // a flood of datagrams does not prolong it
+        return !clEnd.bOver(); // datagrams without end must not prolong it
     }
 
     void _Receive(int nSocket)
@@ -95,29 +99,30 @@ private:
         stFrom.nLength = sizeof stFrom.st;
         const ssize_t nReceived = ::recvfrom(nSocket, tBytes.data(), tBytes.size(), 0,
                                              reinterpret_cast<sockaddr*>(&stFrom.st), &stFrom.nLength);
-        if (nReceived <= 0) { // an earlier datagram's failure, told late
+        if (nReceived <= 0) { // the kernel reports the failure of an earlier datagram here
             return;
         }
+
         const std::string_view csBytes(tBytes.data(), static_cast<std::size_t>(nReceived));
         if (const auto stInfo = stReadInfo(csToUTF8(csFromUTF8(csBytes)))) {
             _Add(stFrom.csText(), *stInfo);
         }
     }
 
-    /// This machine answers from several addresses; the one that others can reach is told, whichever came
-    /// first.
+    /// This machine answers from several addresses: keeps the one that is most useful to others, in whatever
+    /// order they answer.
     void _Add(const std::string& csAddress, const STInfo& stInfo)
     {
         const bool bHere = m_tOwn.contains(csAddress) || csAddress.starts_with("127.");
-        const auto it = std::find_if(m_tFound.begin(), m_tFound.end(), [&](const STFound& st) {
-            return st.csAddress == csAddress || (bHere && st.bHere);
-        });
+        const auto it = std::ranges::find_if(
+            m_tFound, [&](const STFound& st) { return st.csAddress == csAddress || (bHere && st.bHere); });
         if (it == m_tFound.end()) {
             m_tFound.push_back({csAddress, bHere, stInfo});
         } else if (_nUse(csAddress) > _nUse(it->csAddress)) {
             it->csAddress = csAddress;
         }
     }
+    /// How useful an address is: IPv4 before IPv6, and either before a loopback address.
     static int _nUse(const std::string& csAddress)
     {
         const bool bIPv4 = csAddress.find(':') == std::string::npos;
@@ -145,6 +150,7 @@ std::string csFoundTable(const std::vector<STFound>& tFound)
                          {st.stInfo.csSystem},
                          {csServers}});
     }
+
     return csTable({"ADDRESS", "VERSION", "SYSTEM", "SERVERS"}, tRows);
 }
 } // namespace
@@ -158,6 +164,7 @@ EExit eDiscover(const STCall& stCall)
         CInterrupts::Catch();
         tFound = CDiscovery(stCall).tCollect();
     }
+
     if (st.bPrometheus || st.bAnsible || st.bJson) {
         std::cout << csJsonLine(st.bPrometheus ? clPrometheusTargets(tFound, st.wExporterPort)
                                 : st.bAnsible  ? clAnsibleInventory(tFound)
@@ -165,9 +172,11 @@ EExit eDiscover(const STCall& stCall)
     } else if (!tFound.empty()) {
         std::cout << csFoundTable(tFound);
     }
+
     if (tFound.empty()) {
         TellTroubles({"no manager answered"});
         return EExit::UNREACHABLE;
     }
+
     return EExit::DONE;
 }

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <iterator>
 
 namespace {
 struct STRank
@@ -11,7 +10,7 @@ struct STRank
     EExit eExit;
     const char* pszKind;
 };
-/// From best to worst. An answer that makes no sense is worse than none: somebody must look at that machine.
+/// From best to worst. A reply that makes no sense is worse than silence: somebody must look at that machine.
 constexpr STRank s_tRanks[] = {
     {EExit::DONE, "done"},
     {EExit::REFUSED, "refused"},
@@ -24,8 +23,7 @@ constexpr STRank s_tRanks[] = {
 
 const STRank* pstRank(EExit eExit)
 {
-    return std::find_if(std::begin(s_tRanks), std::end(s_tRanks),
-                        [eExit](const STRank& st) { return st.eExit == eExit; });
+    return std::ranges::find(s_tRanks, eExit, &STRank::eExit);
 }
 } // namespace
 

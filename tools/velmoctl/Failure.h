@@ -7,17 +7,17 @@
 enum class EExit : int
 {
     DONE = 0,
-    REFUSED = 1,     ///< the manager refused, or what was looked for or checked is not as it should be
+    REFUSED = 1,     ///< the manager refused, or a server or file is not as it should be
     USAGE = 2,       ///< the command line is wrong
     UNREACHABLE = 3, ///< nobody there, or no answer in time
-    NONSENSE = 4,    ///< who answers does not speak the manager's protocol, or broke off
-    DECLINED = 5,    ///< the user did not want it after all
+    NONSENSE = 4,    ///< the other side does not speak the manager's protocol, or broke off
+    DECLINED = 5,    ///< the user said no
     INTERRUPTED = 130,
 };
 
 /// The worse of two, in the order 130, 5, 2, 4, 3, 1, 0.
 EExit eWorse(EExit e1, EExit e2);
-/// The status as one word, for programs.
+/// The status as one word for programs; the words are part of the stable JSON.
 const char* pszKind(EExit eExit);
 
 /// Ends a command: the words for standard error (UTF-8, no newline) and the exit status.
@@ -31,5 +31,5 @@ private:
     EExit m_eExit;
 };
 
-/// The same for a system call that has just failed: adds the system's text for errno, read at once.
+/// The failure of a system call: adds the C library's text for errno, which it reads first.
 CFailure clSystemFailure(EExit eExit, const std::string& csWords);

@@ -22,7 +22,7 @@ CFanOut::CFanOut(STQuestions stQuestions)
 
 std::vector<STHostAnswer> CFanOut::tAsk(const Look& fnLook)
 {
-    CInterrupts::Catch(); // before any thread; what is shown of the progress must be taken back
+    CInterrupts::Catch(); // before any thread starts; the line of progress must be cleared on Ctrl-C
     {
         std::vector<std::jthread> tWorkers;
         const std::size_t nMost = m_tAnswers.size() * s_nMostToOneHost;
@@ -45,7 +45,7 @@ std::vector<STHostAnswer> CFanOut::tAsk(const Look& fnLook)
             if (m_bInterrupted) {
                 break;
             }
-            // What the caller writes may have to wait for its reader, which must not hold up the questions.
+            // The caller may block in a write to a slow reader; the workers must be able to go on meanwhile.
             const std::vector<bool> tDone = m_tDone;
             bAll = m_nDone == m_tAnswers.size();
             clLock.unlock();
@@ -53,13 +53,15 @@ std::vector<STHostAnswer> CFanOut::tAsk(const Look& fnLook)
             clLock.lock();
         }
     }
+
     if (m_bInterrupted) {
         throw CFailure(EExit::INTERRUPTED, "interrupted");
     }
+
     return std::move(m_tAnswers);
 }
 
-/// One conversation after the other, as long as there is one to hold.
+/// What a worker does: one conversation after the other until all hosts are done.
 void CFanOut::_Work()
 {
     while (const std::optional<std::size_t> nHost = _nNextHost()) {
@@ -68,7 +70,7 @@ void CFanOut::_Work()
     }
 }
 
-/// The host to talk to next, in which a conversation is counted then; none at the end.
+/// Picks the host to talk to next and counts the conversation there; none when all is done.
 std::optional<std::size_t> CFanOut::_nNextHost()
 {
     std::unique_lock clLock(m_clMutex);
@@ -77,12 +79,12 @@ std::optional<std::size_t> CFanOut::_nNextHost()
             ++m_tProgress[*nHost].nConversations;
             return nHost;
         }
-        m_clChanged.wait(clLock); // a list that comes in may bring more to ask
+        m_clChanged.wait(clLock); // a list that another worker gets may bring more to ask
     }
     return std::nullopt;
 }
 
-/// Hosts that nobody has asked yet come before further conversations with others.
+/// Prefers hosts that nobody has asked yet to a further conversation with one that answers.
 std::optional<std::size_t> CFanOut::_nOpenHost() const
 {
     for (std::size_t n = 0; n < m_tProgress.size(); ++n) {
@@ -90,6 +92,7 @@ std::optional<std::size_t> CFanOut::_nOpenHost() const
             return n;
         }
     }
+
     for (std::size_t n = 0; n < m_tProgress.size(); ++n) {
         const STProgress& st = m_tProgress[n];
         if (m_stQuestions.fnQuestion && st.bListed && !st.clGivenUp &&
@@ -97,6 +100,7 @@ std::optional<std::size_t> CFanOut::_nOpenHost() const
             return n;
         }
     }
+
     return std::nullopt;
 }
 
@@ -112,7 +116,7 @@ void CFanOut::_Serve(std::size_t nHost)
     }
 }
 
-/// The time begins with a host's first conversation.
+/// Starts the clock of a host with its first conversation: hosts that wait for a worker lose no time.
 void CFanOut::_Start(std::size_t nHost)
 {
     const std::lock_guard clGuard(m_clMutex);
@@ -124,18 +128,20 @@ void CFanOut::_Start(std::size_t nHost)
     }
 }
 
-/// The first conversation asks which servers there are, unless they are known beforehand.
+/// Asks for the list of servers in the first conversation, unless the caller named the servers.
 void CFanOut::_AskList(std::size_t nHost, CConversation* pclManager)
 {
-    if (m_tProgress[nHost].bListed) { // set before a second conversation begins
+    if (m_tProgress[nHost].bListed) { // no lock: a second conversation begins only after it is set
         return;
     }
+
     std::optional<STInfo> stInfo;
     std::vector<STServerAnswer> tServers;
     for (const std::string& csName : m_stQuestions.tNames) {
         tServers.push_back({});
         tServers.back().stServer.csName = csName;
     }
+
     if (m_stQuestions.tNames.empty()) {
         stInfo = tAskFor(pclManager, {"INFO"}, "", stReadInfo);
         for (const STServer& st : stInfo->tServers) {
@@ -145,6 +151,7 @@ void CFanOut::_AskList(std::size_t nHost, CConversation* pclManager)
             }
         }
     }
+
     const std::lock_guard clGuard(m_clMutex);
     m_tAnswers[nHost].stInfo = std::move(stInfo);
     m_tAnswers[nHost].tServers = std::move(tServers);
@@ -165,6 +172,7 @@ void CFanOut::_AskServers(std::size_t nHost, CConversation* pclManager)
     if (!m_stQuestions.fnQuestion) {
         return;
     }
+
     while (STServerAnswer* const pst = _pstNextServer(nHost)) {
         try {
             m_stQuestions.fnQuestion(pclManager, pst);
@@ -178,7 +186,8 @@ void CFanOut::_AskServers(std::size_t nHost, CConversation* pclManager)
     }
 }
 
-/// A manager that is silent or broken towards one conversation is not asked anything else.
+/// Asks nothing else of a manager that was silent or broke off once: each question more would cost the
+/// timeout.
 void CFanOut::_GiveUp(std::size_t nHost, const CFailure& clFailure)
 {
     const std::lock_guard clGuard(m_clMutex);
@@ -192,7 +201,7 @@ void CFanOut::_GiveUp(std::size_t nHost, const CFailure& clFailure)
     m_clChanged.notify_all();
 }
 
-/// The last conversation with a host finishes it.
+/// Ends a conversation; the last one with a host finishes the host.
 void CFanOut::_Leave(std::size_t nHost)
 {
     {
@@ -205,7 +214,7 @@ void CFanOut::_Leave(std::size_t nHost)
     _Finish(nHost);
 }
 
-/// Nobody else has the host any more.
+/// Completes the answers of a host. No lock for them: no other worker has the host any more.
 void CFanOut::_Finish(std::size_t nHost)
 {
     STHostAnswer& stAnswer = m_tAnswers[nHost];
@@ -217,6 +226,7 @@ void CFanOut::_Finish(std::size_t nHost)
                                                    std::string("not asked: ") + clCause->what());
         }
     }
+
     try {
         if (m_stQuestions.fnFinish && !stAnswer.clFailure.has_value()) {
             m_stQuestions.fnFinish(&stAnswer);
@@ -224,6 +234,7 @@ void CFanOut::_Finish(std::size_t nHost)
     } catch (const CFailure& clFailure) {
         _GiveUp(nHost, clFailure);
     }
+
     const std::lock_guard clGuard(m_clMutex);
     m_tDone[nHost] = true;
     ++m_nDone;

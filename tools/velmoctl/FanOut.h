@@ -11,14 +11,14 @@
 #include <string>
 #include <vector>
 
-/// Many managers asked at once, each about its servers.
+/// Asks many managers at once, each about its servers.
 
-/// A server with what was asked about it, or why there is no answer.
+/// A server with its answers, or with the reason why there is none.
 struct STServerAnswer
 {
     STServer stServer;
     std::string csState;
-    std::string csPid; ///< these five on this machine only, see STFacts
+    std::string csPid; ///< this and the next three on this machine only, see STFacts
     std::string csSince;
     std::string csFolder;
     std::string csLog;
@@ -33,25 +33,25 @@ struct STHostAnswer
     Milliseconds clTook{0};                        ///< from then to the last answer
     std::optional<STInfo> stInfo;
     std::vector<STServerAnswer> tServers; ///< in the manager's order
-    std::optional<CFailure> clFailure;    ///< there is no list of servers, or nobody to ask about them
+    std::optional<CFailure> clFailure;    ///< why there is no list of servers, or nobody to ask about them
 };
 
 /// What is asked.
 struct STQuestions
 {
     std::vector<STHost> tHosts;
-    unsigned int nJobs = 16;      ///< conversations at once, in all
-    Milliseconds clTimeout{0};    ///< for one answer
-    bool bWholeHostInTime = true; ///< the time is for all answers of a host together
-    std::vector<std::string>
-        tNames; ///< servers asked about without looking at the list; empty: those of the list
-    std::function<bool(const STServer&)> fnWanted;                   ///< of the list; none: all
-    std::function<void(CConversation*, STServerAnswer*)> fnQuestion; ///< none: the list alone is asked for
-    std::function<void(STHostAnswer*)> fnFinish; ///< adds what is not asked from the manager
+    unsigned int nJobs = 16;         ///< conversations at once, in all
+    Milliseconds clTimeout{0};       ///< for one answer
+    bool bWholeHostInTime = true;    ///< the timeout limits all answers of a host together
+    std::vector<std::string> tNames; ///< servers to ask about without the list; empty: those of the list
+    std::function<bool(const STServer&)> fnWanted; ///< of the list; none: all
+    std::function<void(CConversation*, STServerAnswer*)>
+        fnQuestion;                              ///< for each server; none: only the list is asked for
+    std::function<void(STHostAnswer*)> fnFinish; ///< adds what this machine knows itself
 };
 
-/// Asks hosts in the order given. No conversation waits for another; a host that hangs costs one of them, for
-/// the time allowed.
+/// Asks hosts in the order given, with several conversations at once. A host that hangs blocks only its own
+/// conversation, until the timeout. One object serves one call of tAsk.
 class CFanOut
 {
 public:
@@ -60,8 +60,8 @@ public:
 
     explicit CFanOut(STQuestions stQuestions);
 
-    /// What the caller does from time to time, in its own thread. Answers that are done (by the second
-    /// argument) do not change any more; of the others only the host may be read.
+    /// Called from time to time in the thread of the caller. Answers that the second argument calls done do
+    /// not change any more; of the others only the host may be read.
     using Look = std::function<void(const std::vector<STHostAnswer>&, const std::vector<bool>&)>;
     /// Returns once all hosts are done. Throws CFailure (INTERRUPTED).
     std::vector<STHostAnswer> tAsk(const Look& fnLook);
@@ -72,7 +72,7 @@ private:
     {
         bool bStarted = false;
         bool bListed = false;  ///< its servers are known
-        std::size_t nNext = 0; ///< the first server that nobody has asked about
+        std::size_t nNext = 0; ///< index of the first server not asked about yet
         unsigned int nConversations = 0;
         std::optional<CFailure> clGivenUp; ///< why nothing else is asked
         std::optional<CDeadline> clEnd;
@@ -91,7 +91,7 @@ private:
     void _Finish(std::size_t nHost);
 
     const STQuestions m_stQuestions;
-    std::mutex m_clMutex; ///< guards all that follows, but for servers while one worker has them
+    std::mutex m_clMutex; ///< guards all that follows, except a server while one worker asks about it
     std::condition_variable m_clChanged;
     std::vector<STHostAnswer> m_tAnswers; ///< by host, as the next
     std::vector<STProgress> m_tProgress;

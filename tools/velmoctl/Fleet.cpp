@@ -20,18 +20,16 @@ constexpr Milliseconds s_clMoment(1000); ///< after which the progress says what
 constexpr Milliseconds s_clGrace(2000);  ///< how long one host may hold up the lines of the others
 constexpr std::size_t s_nMostShown = 5;  ///< names in one line about trouble
 
-/// Each host once; the port is the options' unless the hosts file has one.
+/// Adds a host unless it is there. It gets the port of the options unless the hosts file has one for it.
 void AddHost(STHost stHost, const STOptions& stOptions, std::vector<STHost>* ptHosts)
 {
-    const bool bKnown = std::any_of(ptHosts->begin(), ptHosts->end(),
-                                    [&](const STHost& st) { return st.csName == stHost.csName; });
-    if (!bKnown) {
+    if (std::ranges::find(*ptHosts, stHost.csName, &STHost::csName) == ptHosts->end()) {
         stHost.wPort = stHost.wPort != 0 ? stHost.wPort : stOptions.wPort;
         ptHosts->push_back(std::move(stHost));
     }
 }
 
-/// "a, b, c and 4 more": the first of some names, and how many there are.
+/// The first of some names: "a, b, c and 4 more". nAll may be more than the names given.
 std::string csSome(const std::vector<std::string>& tNames, std::size_t nAll)
 {
     std::string cs;
@@ -46,23 +44,25 @@ std::string csSome(const std::vector<std::string>& tNames, std::size_t nAll)
 std::string csProgress(const std::vector<STHostAnswer>& tAnswers, const std::vector<bool>& tDone,
                        Milliseconds clPassed)
 {
-    const auto nDone = static_cast<std::size_t>(std::count(tDone.begin(), tDone.end(), true));
+    const auto nDone = static_cast<std::size_t>(std::ranges::count(tDone, true));
     std::vector<std::string> tWaiting;
     for (std::size_t n = 0; n < tAnswers.size() && tWaiting.size() < s_nMostShown; ++n) {
         if (!tDone[n]) {
             tWaiting.push_back(csWhere(tAnswers[n].stHost));
         }
     }
+
     std::string cs = tAnswers.size() == 1 ? "asking the manager"
                                           : std::to_string(nDone) + " of " + std::to_string(tAnswers.size()) +
                                                 " machines answered";
     if (clPassed >= s_clMoment && !tWaiting.empty()) {
         cs += ", waiting for " + csSome(tWaiting, tAnswers.size() - nDone);
     }
+
     return csCut(csShown(cs), stTerminalSize().nColumns - 1);
 }
 
-/// Gives the answers on in the order of the hosts.
+/// Passes the answers on in the order of the hosts.
 class CInOrder
 {
 public:
@@ -72,7 +72,7 @@ public:
     void Take(const std::vector<STHostAnswer>& tAnswers, const std::vector<bool>& tDone,
               CProgress* pclProgress)
     {
-        const bool bAll = std::find(tDone.begin(), tDone.end(), false) == tDone.end();
+        const bool bAll = std::ranges::find(tDone, false) == tDone.end();
         const Milliseconds clPassed = std::chrono::duration_cast<Milliseconds>(CClock::now() - m_clStart);
         std::vector<const STHostAnswer*> tReady;
         for (std::size_t n = 0; n < tAnswers.size() && (bAll || (m_bAsTheyCome && clPassed >= s_clGrace));
@@ -82,10 +82,12 @@ public:
                 tReady.push_back(&tAnswers[n]);
             }
         }
+
         if (!tReady.empty()) {
             pclProgress->Show("");
             m_fnTake(tReady);
         }
+
         if (pclProgress->bTerminal()) {
             pclProgress->Show(bAll ? "" : csProgress(tAnswers, tDone, clPassed));
         }
@@ -98,7 +100,8 @@ private:
     const CTakeAnswers& m_fnTake;
 };
 
-/// One line for all servers of a host that met the same.
+/// Adds one line for all servers of a host that share a failure: a silent manager fails for each of its
+/// servers.
 void AddServerTroubles(const STHostAnswer& st, bool bMany, std::vector<std::string>* ptLines)
 {
     std::vector<std::string> tTexts;
@@ -116,9 +119,10 @@ void AddServerTroubles(const STHostAnswer& st, bool bMany, std::vector<std::stri
             }
         }
     }
+
     for (const std::string& csText : tTexts) {
         if (tRefused.contains(csText)) {
-            ptLines->push_back(csText); // names machine and server itself
+            ptLines->push_back(csText); // the text of a refusal names machine and server itself
             continue;
         }
         ptLines->push_back((bMany ? csWhere(st.stHost) + ": " : "") +
@@ -132,15 +136,17 @@ std::vector<std::string> tUnmatched(const std::vector<STHostAnswer>& tAnswers, c
     std::vector<std::string> tWords;
     for (const std::string& csWord : clSelection.tWords()) {
         const CSelection clWord({csWord});
-        const bool bSeen = std::any_of(tAnswers.begin(), tAnswers.end(), [&](const STHostAnswer& st) {
+        const bool bSeen = std::ranges::any_of(tAnswers, [&](const STHostAnswer& st) {
             return st.clFailure.has_value() ||
-                   std::any_of(st.tServers.begin(), st.tServers.end(),
-                               [&](const STServerAnswer& cl) { return clWord.bHas(cl.stServer.csName); });
+                   std::ranges::any_of(st.tServers, [&](const STServerAnswer& cl) {
+                       return clWord.bHas(cl.stServer.csName);
+                   });
         });
         if (!bSeen) {
             tWords.push_back(csWord);
         }
     }
+
     return tWords;
 }
 } // namespace
@@ -153,12 +159,14 @@ CHostsFile clReadHostsFile(const STOptions& stOptions)
     if (csFile.empty()) {
         return {};
     }
+
     std::ifstream clFile(csFile);
     std::ostringstream clText;
     clText << clFile.rdbuf();
     if (!clFile.is_open() || clFile.bad()) {
         throw CFailure(EExit::USAGE, "the hosts file " + csArgument(csFile) + " cannot be read");
     }
+
     return {clText.str(), csArgument(csFile)};
 }
 
@@ -171,21 +179,25 @@ std::vector<STHost> tHostsOf(const STOptions& stOptions)
             AddHost(clFile.stFind(csArgument(csName)), stOptions, &tHosts);
         }
     }
+
     for (const std::string& csGroup : tItems(stOptions.tGroups)) {
         for (const STHost& st : clFile.tGroup(csGroup)) {
             AddHost(st, stOptions, &tHosts);
         }
     }
+
     if (stOptions.tGroups.empty() && !stOptions.csHostsFile.empty()) {
         for (const STHost& st : clFile.tAll()) {
             AddHost(st, stOptions, &tHosts);
         }
     }
+
     const bool bNamed =
         !stOptions.tHosts.empty() || !stOptions.tGroups.empty() || !stOptions.csHostsFile.empty();
     if (bNamed && tHosts.empty()) {
         throw CFailure(EExit::USAGE, "no machine is named");
     }
+
     return bNamed ? tHosts : std::vector<STHost>{{"", "", stOptions.wPort}};
 }
 
@@ -201,18 +213,18 @@ STHost stOnlyHost(const STOptions& stOptions)
 
 CSelection::CSelection(const std::vector<std::string>& tWords)
 {
-    std::transform(tWords.begin(), tWords.end(), std::back_inserter(m_tWords), csArgument);
+    std::ranges::transform(tWords, std::back_inserter(m_tWords), csArgument);
 }
 
 bool CSelection::bExact() const
 {
-    return std::all_of(m_tWords.begin(), m_tWords.end(),
-                       [](const std::string& cs) { return cs.find_first_of("*?[") == std::string::npos; });
+    return std::ranges::all_of(
+        m_tWords, [](const std::string& cs) { return cs.find_first_of("*?[") == std::string::npos; });
 }
 
 bool CSelection::bHas(const std::string& csServer) const
 {
-    return std::any_of(m_tWords.begin(), m_tWords.end(), [&](const std::string& cs) {
+    return std::ranges::any_of(m_tWords, [&](const std::string& cs) {
         return cs == csServer || ::fnmatch(cs.c_str(), csServer.c_str(), 0) == 0;
     });
 }
@@ -246,18 +258,21 @@ STQuestions stStateQuestions(const STCall& stCall)
     return st;
 }
 
-/// In short only those that do not run are asked about: failed and stopped are one to the manager.
+/// Managers report a failed server as stopped. Without bLong only the stopped ones are looked up: that is all
+/// the short form shows, and each lookup takes time.
 void AddFacts(STHostAnswer* pstHost, bool bLong)
 {
     if (!bThisMachine(pstHost->stHost)) {
         return;
     }
+
     std::vector<std::string> tNames;
     for (const STServerAnswer& st : pstHost->tServers) {
         if (bLong || st.csState == "stopped") {
             tNames.push_back(st.stServer.csName);
         }
     }
+
     const std::map<std::string, STFacts> tFacts = tAskFacts(tNames, bLong);
     for (STServerAnswer& st : pstHost->tServers) {
         const auto it = tFacts.find(st.stServer.csName);
@@ -292,22 +307,26 @@ std::vector<std::string> tTroubles(const std::vector<STHostAnswer>& tAnswers, co
     for (const STHostAnswer& st : tAnswers) {
         AddServerTroubles(st, bMany, &tLines);
     }
-    const auto nSilent = std::count_if(tAnswers.begin(), tAnswers.end(),
-                                       [](const STHostAnswer& st) { return st.clFailure.has_value(); });
+
+    const auto nSilent =
+        std::ranges::count_if(tAnswers, [](const STHostAnswer& st) { return st.clFailure.has_value(); });
     if (nSilent > 0 && bMany) {
         tLines.push_back(std::to_string(nSilent) + " of " + std::to_string(tAnswers.size()) +
                          " machines gave no answer:");
     }
+
     for (const STHostAnswer& st : tAnswers) {
         if (st.clFailure.has_value()) {
             tLines.push_back((bMany ? csWhere(st.stHost) + ": " : "") + st.clFailure->what());
         }
     }
+
     for (const std::string& csWord : tUnmatched(tAnswers, clSelection)) {
         tLines.push_back("no server" +
                          (bMany ? std::string(" of these machines") : " on " + csWhere(tAnswers[0].stHost)) +
                          " is called \"" + csWord + "\"");
     }
+
     return tLines;
 }
 

@@ -10,13 +10,13 @@
 namespace {
 constexpr std::string_view s_csSpaces = " \t\r";
 
-/// What stands between the brackets of a range.
+/// The numbers or letters between the brackets of a range.
 struct STRange
 {
     unsigned int nFirst = 0;
     unsigned int nLast = 0;
     unsigned int nStep = 1;
-    std::size_t nDigits = 0; ///< numbers get at least as many; 0: they are letters
+    std::size_t nDigits = 0; ///< numbers are padded with zeros to as many; 0: letters
 };
 
 std::optional<unsigned int> nWhole(std::string_view cs)
@@ -32,7 +32,7 @@ bool bLetter(std::string_view cs)
     return cs.size() == 1 && ((cs[0] >= 'a' && cs[0] <= 'z') || (cs[0] >= 'A' && cs[0] <= 'Z'));
 }
 
-/// "01-40", "a-f", and with the separator of inventories "1:9:2", too. None for anything else.
+/// Reads "01-40" or "a-f"; with the separator of inventories also a step, "1:9:2". None for anything else.
 std::optional<STRange> stRange(std::string_view csInside, char cSeparator)
 {
     STRange st;
@@ -42,6 +42,7 @@ std::optional<STRange> stRange(std::string_view csInside, char cSeparator)
         st.nStep = nWhole(csLast.substr(nStep + 1)).value_or(0);
         csLast = csLast.substr(0, nStep);
     }
+
     const std::string_view csFirst = csInside.substr(0, nFirst);
     if (bLetter(csFirst) && bLetter(csLast)) {
         st.nFirst = static_cast<unsigned char>(csFirst[0]);
@@ -53,6 +54,7 @@ std::optional<STRange> stRange(std::string_view csInside, char cSeparator)
     } else {
         return std::nullopt;
     }
+
     const bool bCounts = st.nStep > 0 && st.nFirst <= st.nLast && st.nLast - st.nFirst < g_nMostHosts;
     return bCounts ? std::optional<STRange>(st) : std::nullopt;
 }
@@ -72,7 +74,7 @@ CFailure clNoRange(std::string_view csInside)
             "[" + csArgument(std::string(csInside)) + "] is not a range such as [01-40] or [a-f]"};
 }
 
-/// One word of a list or the first of a line: what its ranges stand for.
+/// The names that a word stands for: each range in it multiplies them.
 std::vector<std::string> tExpand(std::string_view csWord, std::string_view csSeparators)
 {
     const std::size_t nOpen = csWord.find('[');
@@ -83,17 +85,20 @@ std::vector<std::string> tExpand(std::string_view csWord, std::string_view csSep
     if (nClose == csWord.npos) {
         throw clNoRange(csWord.substr(nOpen + 1));
     }
+
     const std::string_view csInside = csWord.substr(nOpen + 1, nClose - nOpen - 1);
     std::optional<STRange> st;
     for (const char c : csSeparators) {
         st = st.has_value() ? st : stRange(csInside, c);
     }
-    if (!st.has_value() && nOpen == 0 && std::count(csInside.begin(), csInside.end(), ':') > 1) {
+
+    if (!st.has_value() && nOpen == 0 && std::ranges::count(csInside, ':') > 1) {
         return {std::string(csInside)}; // an IPv6 address
     }
     if (!st.has_value()) {
         throw clNoRange(csInside);
     }
+
     std::vector<std::string> tNames;
     const std::vector<std::string> tRests = tExpand(csWord.substr(nClose + 1), csSeparators);
     for (std::uint64_t n = st->nFirst; n <= st->nLast; n += st->nStep) { // wide enough to get past the last
@@ -105,10 +110,11 @@ std::vector<std::string> tExpand(std::string_view csWord, std::string_view csSep
             throw clNoRange(csInside);
         }
     }
+
     return tNames;
 }
 
-/// Words of a line up to a comment; quotation marks keep spaces in one.
+/// The words of a line up to a comment. Quotation marks keep spaces inside a word.
 std::vector<std::string> tWordsOfLine(std::string_view csLine)
 {
     std::vector<std::string> tWords;
@@ -134,15 +140,16 @@ std::vector<std::string> tWordsOfLine(std::string_view csLine)
             tWords.back() += c;
         }
     }
+
     return tWords;
 }
 
 bool bHolds(const std::vector<std::string>& tNames, const std::string& csName)
 {
-    return std::find(tNames.begin(), tNames.end(), csName) != tNames.end();
+    return std::ranges::find(tNames, csName) != tNames.end();
 }
 
-/// The name of an inventory's host without the port for ssh behind it.
+/// The name of an inventory's host without the port for ssh that may follow it.
 std::string csWithoutPort(const std::string& csName)
 {
     const std::size_t nColon = csName.find(':');
@@ -163,9 +170,11 @@ std::vector<std::string> tExpandList(std::string_view csList)
         }
         csList.remove_prefix(std::min(nEnd + 1, csList.size()));
     }
+
     if (tNames.size() > g_nMostHosts) {
         throw CFailure(EExit::USAGE, "more than " + std::to_string(g_nMostHosts) + " machines");
     }
+
     return tNames;
 }
 
@@ -226,15 +235,17 @@ void CHostsFile::_Line(std::string_view csLine)
     if (csLine.empty() || csLine[0] == '#' || csLine[0] == ';') {
         return;
     }
+
     const std::vector<std::string> tWords = tWordsOfLine(csLine);
-    // A range in front of a name begins with a bracket, too; it does not end the word.
+
+    // A name may begin with a range ("[a-c]x"), so only a bracket that closes at the end makes a section.
     if (tWords.size() == 1 && tWords[0].front() == '[' && tWords[0].find(']') == tWords[0].size() - 1) {
         _Section(std::string_view(tWords[0]).substr(1, tWords[0].size() - 2));
     } else if (m_eSection == ESection::HOSTS) {
         _Hosts(tWords);
     } else if (m_eSection == ESection::CHILDREN) {
         m_tGroups[m_csGroup].tChildren.push_back(tWords[0]);
-        m_tGroups[tWords[0]]; // it may be filled further below
+        m_tGroups[tWords[0]]; // the file may fill it further down
     }
 }
 
@@ -246,6 +257,7 @@ void CHostsFile::_Section(std::string_view csHeader)
     if (m_csGroup.empty() || (nColon < csHeader.size() && csKind != "children" && csKind != "vars")) {
         throw CFailure(EExit::USAGE, "[" + csArgument(std::string(csHeader)) + "] is not a group");
     }
+
     m_eSection = csKind == "vars"       ? ESection::VARIABLES
                  : csKind == "children" ? ESection::CHILDREN
                                         : ESection::HOSTS;
@@ -271,6 +283,7 @@ void CHostsFile::_Hosts(const std::vector<std::string>& tWords)
             tGroup.push_back(csName);
         }
     }
+
     if (m_tOrder.size() > g_nMostHosts) {
         throw CFailure(EExit::USAGE, "more than " + std::to_string(g_nMostHosts) + " machines");
     }
@@ -292,15 +305,18 @@ void CHostsFile::_Collect(const std::string& csGroup, std::vector<std::string>* 
                           std::vector<std::string>* ptHosts) const
 {
     const auto it = m_tGroups.find(csGroup);
-    if (it == m_tGroups.end() || bHolds(*ptSeen, csGroup)) { // groups may hold each other
+    if (it == m_tGroups.end() ||
+        bHolds(*ptSeen, csGroup)) { // groups may contain each other: stop the recursion
         return;
     }
+
     ptSeen->push_back(csGroup);
     for (const std::string& csName : it->second.tHosts) {
         if (!bHolds(*ptHosts, csName)) {
             ptHosts->push_back(csName);
         }
     }
+
     for (const std::string& csChild : it->second.tChildren) {
         _Collect(csChild, ptSeen, ptHosts);
     }

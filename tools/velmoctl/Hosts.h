@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-/// Which machines are meant: lists from the command line, and hosts files. Pure functions, no I/O.
+/// Names of machines, from lists on the command line and from hosts files. Pure functions, no I/O.
 
 /// A machine whose manager is asked.
 struct STHost
@@ -17,17 +17,17 @@ struct STHost
     std::uint16_t wPort = 0;
 };
 
-/// More machines than this are a slip of the fingers (db[1-1000000]).
+/// More machines than this are taken for a typing error (db[1-1000000]).
 inline constexpr std::size_t g_nMostHosts = 10'000;
 
-/// The names of a list: "db1,db2", "db[01-40].example.org", "[a-c][1-3]", in the order of counting. Brackets
-/// with colons inside hold an IPv6 address instead. Throws CFailure (USAGE).
+/// The names that a list stands for, such as "db1,db2", "db[01-40].example.org" or "[a-c][1-3]", in the order
+/// of counting. Brackets with several colons inside hold an IPv6 address instead. Throws CFailure (USAGE).
 std::vector<std::string> tExpandList(std::string_view csList);
 
 /// A hosts file: one machine a line, comments after "#" (at the start of a line also ";"), groups as
 /// "[name]". Of an Ansible inventory in INI form "[name:children]", ranges ("db[01:40]") and "ansible_host"
-/// count; "velmo_port" gives a machine another port than 4999; other variables, "[name:vars]" included, are
-/// passed over.
+/// count; "velmo_port" gives a machine another port than 4999. Other variables are ignored, and so is
+/// "[name:vars]".
 class CHostsFile
 {
 public:
@@ -40,7 +40,7 @@ public:
     /// Those of a group and of the groups in it, each once. "all" and "ungrouped" are groups, too. Throws
     /// CFailure (USAGE) for a group that the file does not have.
     std::vector<STHost> tGroup(const std::string& csGroup) const;
-    /// The machine of that name as the file knows it, or else as the name alone says.
+    /// The machine of that name in the file; when the file has none, a machine with the name as its address.
     STHost stFind(const std::string& csName) const;
     std::vector<std::string> tGroupNames() const;
 

@@ -6,15 +6,15 @@
 #include <netdb.h>
 
 namespace {
-/// The broadcast address of an IPv4 interface in network order; 0 when it has none. One that nobody has set
-/// (as after a plain "ip address add") is the last address of the network, which the kernel treats as
-/// broadcast all the same; the C library tells the interface's own address then.
+/// The broadcast address of an IPv4 interface in network order; 0 when it has none. After a plain "ip address
+/// add" none is set and the C library reports the interface's own address instead; the last address of the
+/// network serves then, which the kernel treats as broadcast all the same.
 in_addr_t nBroadcast(const ifaddrs& st)
 {
     const auto nAddress = [](const sockaddr* pst) {
         return pst == nullptr ? 0 : reinterpret_cast<const sockaddr_in*>(pst)->sin_addr.s_addr;
     };
-    constexpr in_addr_t nSmallestHosts = 3; // two addresses or one leave none for broadcasts
+    constexpr in_addr_t nSmallestHosts = 3; // a network of one or two addresses has none for broadcasts
     const in_addr_t nOwn = nAddress(st.ifa_addr);
     if (const in_addr_t nSet = nAddress(st.ifa_broadaddr); nSet != 0 && nSet != nOwn) {
         return nSet;
@@ -59,6 +59,7 @@ std::vector<STAddress> CInterfaces::tBroadcast(std::uint16_t wPort) const
             tAddresses.emplace_back(reinterpret_cast<const sockaddr*>(&st), sizeof st);
         }
     }
+
     return tAddresses;
 }
 

@@ -1,7 +1,7 @@
 #include "velmoctl/Inventory.h"
 
 namespace {
-/// An IPv6 address stands in brackets before a port.
+/// "address:port", with an IPv6 address in brackets.
 std::string csTarget(const std::string& csAddress, std::uint16_t wPort)
 {
     const bool bBrackets = csAddress.find(':') != std::string::npos;
@@ -59,6 +59,7 @@ Json clAnsibleInventory(const std::vector<STFound>& tFound)
         }
         clVariables[st.csAddress] = cl;
     }
+
     return {{"_meta", {{"hostvars", clVariables}}},
             {"all", {{"children", {"ungrouped", "velmo"}}}},
             {"velmo", {{"hosts", clHosts}}}};

@@ -11,7 +11,7 @@
 struct STFound
 {
     std::string csAddress;
-    bool bHere; ///< on this machine, which answers from any of its addresses
+    bool bHere; ///< it is the manager of this machine
     STInfo stInfo;
 };
 

@@ -9,7 +9,8 @@
 std::string csJsonLine(const Json& clValue)
 {
     std::string cs;
-    // The library escapes the ASCII control characters; the others can only be inside of texts.
+    // The library escapes ASCII control characters. The other harmful ones occur inside texts only, where an
+    // escape may stand.
     for (const wchar_t c : csFromUTF8(clValue.dump(-1, ' ', false, Json::error_handler_t::replace))) {
         if (!bHarmful(c)) {
             cs += csToUTF8({&c, 1});
@@ -19,6 +20,7 @@ std::string csJsonLine(const Json& clValue)
         std::snprintf(szEscape.data(), szEscape.size(), "\\u%04x", static_cast<unsigned int>(c) & 0xFFFF);
         cs += szEscape.data();
     }
+
     return cs + "\n";
 }
 

@@ -8,10 +8,11 @@
 /// Objects keep the order of their members.
 using Json = nlohmann::ordered_json;
 
-/// A value in one line. Never throws; what a terminal might obey is escaped, since people look at this, too.
+/// A value in one line with its newline. Never throws. Escapes what a terminal might obey: people read JSON,
+/// too.
 std::string csJsonLine(const Json& clValue);
 
-/// A number when the text is one without any doubt, a text otherwise.
+/// A number when the text can be nothing else, otherwise the text: "007" and "auto" stay texts.
 Json clJsonPort(const std::string& csText);
 
 /// A failure: its kind in one word, the exit status of that kind, and the words.

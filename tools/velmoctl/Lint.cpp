@@ -1,5 +1,5 @@
-// The check of a DXConf.ini: reads it as the reader and as the writer of settings would, and tells where they
-// disagree.
+// Checks a DXConf.ini: follows the file as the reader and as the writer of settings do, and reports where
+// they disagree.
 
 #include "velmoctl/Lint.h"
 
@@ -24,23 +24,23 @@ std::string csQuoted(std::wstring_view cs)
     return "\"" + csToUTF8(cs) + "\"";
 }
 
-/// A single-byte text that would be another, sensible one if it were UTF-8.
+/// Whether a text in a single-byte file was probably written as UTF-8.
 bool bLooksLikeUTF8(std::wstring_view csLine)
 {
     const std::string csBytes = csNarrow(csLine, CP_1252);
-    const bool bBeyondASCII = std::any_of(csBytes.begin(), csBytes.end(),
-                                          [](char c) { return static_cast<unsigned char>(c) >= 0x80; });
+    const bool bBeyondASCII =
+        std::ranges::any_of(csBytes, [](char c) { return static_cast<unsigned char>(c) >= 0x80; });
     return bBeyondASCII && csFromUTF8(csBytes).find(L'\xFFFD') == std::wstring::npos;
 }
 
-/// Goes through a file line by line and knows at each line where the reader and the writer of settings are,
-/// who do not follow the same rules: see docs/settings.md.
+/// Goes through a file line by line and follows both the reader and the writer of settings, whose rules
+/// differ: see docs/settings.md.
 class CLinter
 {
 public:
     explicit CLinter(bool bSingleByte) : m_bSingleByte(bSingleByte) {}
 
-    /// The line comes with its end, if it has one.
+    /// Checks the next line, newline included.
     void Line(std::wstring_view csLine)
     {
         ++m_nLine;
@@ -48,6 +48,7 @@ public:
         if (csText.size() < csLine.size()) {
             _Find("what follows the NUL character is not read");
         }
+
         csText.remove_prefix(std::min(csText.find_first_not_of(s_csSpace), csText.size()));
         const bool bIndented = csText.data() != csLine.data();
         if (csText.starts_with(L'[')) {
@@ -55,14 +56,16 @@ public:
         } else if (!csText.empty() && csText[0] != L':' && csText[0] != L';' && csText[0] != L'#') {
             _KeyLine(csText, bIndented);
         }
+
         if (csLine.starts_with(L'\n') || csLine.starts_with(L'\r')) {
             m_nWriterEnd = m_nWriterEnd == 0 ? m_nLine : m_nWriterEnd;
         }
+
         if (!csLine.ends_with(L'\n')) {
-            _Find("the last line has no line end: what is added later will continue it");
+            _Find("the last line has no newline: what is added later will continue it");
         }
     }
-    /// A line that is not looked into.
+    /// Counts a line without checking it.
     void SkipLine() { ++m_nLine; }
     void Find(const std::string& csText) { _Find(csText); }
     std::vector<STFinding> tTake() { return std::move(m_tFindings); }
@@ -74,21 +77,23 @@ private:
     {
         const std::size_t nEnd = csText.find(L']');
         if (nEnd == csText.npos) {
-            _Find("a section header without \"]\" is none, but a change of a later key does not get past it");
+            _Find("a line that begins with \"[\" but has no \"]\" is no section header, but a change of a "
+                  "later key does not get past it");
             m_nWriterEnd = bIndented ? m_nWriterEnd : m_nLine;
             return;
         }
+
         m_csSection = csText.substr(1, nEnd - 1);
         m_bSection = true;
         m_nWriterEnd = 0;
-        const bool bRepeated = std::any_of(m_tSections.begin(), m_tSections.end(),
-                                           [&](const auto& cs) { return bSameName(cs, m_csSection); });
+        const bool bRepeated =
+            std::ranges::any_of(m_tSections, [&](const auto& cs) { return bSameName(cs, m_csSection); });
         m_bIgnored = bRepeated || !bKnownSection(m_csSection);
         m_tSections.push_back(m_csSection);
         if (!bKnownSection(m_csSection)) {
             _Find("unknown section " + csQuoted(m_csSection));
         } else if (bRepeated) {
-            _Find("section " + csQuoted(m_csSection) + " is there before: nothing in this one is read");
+            _Find("section " + csQuoted(m_csSection) + " exists already: nothing in this one is read");
         } else if (bIndented) {
             _Find("the indented header " + csQuoted(m_csSection) +
                   " is read, but a change will write a second section");
@@ -101,7 +106,7 @@ private:
         const std::wstring csKey(csText.substr(0, nName));
         const std::size_t nEqual = csText.find(L'=', nName);
         if (!m_bSection) {
-            _Find(csQuoted(csKey) + " stands in front of the first section: it is never read");
+            _Find(csQuoted(csKey) + " stands before the first section: it is never read");
         } else if (nEqual == csText.npos) {
             _Find("a line without \"=\" is never read, but may be overwritten");
         } else if (!m_bIgnored) {
@@ -115,6 +120,7 @@ private:
         if (csBetween.find_first_not_of(L" \t") != csBetween.npos) {
             _Find("the text between " + csQuoted(csKey) + " and \"=\" is ignored");
         }
+
         const STSetting* const pst = pstSetting(m_csSection, csKey);
         if (pst == nullptr) {
             _UnknownKey(csKey);
@@ -123,13 +129,15 @@ private:
         if (_bRepeated(csKey)) {
             return;
         }
+
         if (bIndented) {
             _Find(csQuoted(csKey) +
-                  " is indented: it is read, but a change will write a second line, in vain");
+                  " is indented: it is read, but a change will write a second line, which is never read");
         } else if (m_nWriterEnd != 0) {
-            _Find(csQuoted(csKey) + " is behind line " + std::to_string(m_nWriterEnd) +
+            _Find(csQuoted(csKey) + " is after line " + std::to_string(m_nWriterEnd) +
                   ", where the section ends for a change: a second line will be written there");
         }
+
         _Value(*pst, csRest);
     }
 
@@ -160,10 +168,12 @@ private:
         if (nEnd < csRest.size() && csRest.find_first_not_of(L"\r\n", nEnd) != csRest.npos) {
             _Find("what follows the carriage return is not read");
         }
+
         const std::wstring csValue(csRest.substr(nStart, nEnd - nStart));
         if (const std::string csFault = csValueFault(stSetting, csValue); !csFault.empty()) {
             _Find(csToUTF8(stSetting.pszKey) + ": " + csFault);
         }
+
         if (m_bSingleByte && bLooksLikeUTF8(csValue)) {
             _Find(csToUTF8(stSetting.pszKey) +
                   ": the value is in UTF-8, but will be read as Windows-1252: " + csQuoted(csValue));
@@ -173,7 +183,7 @@ private:
     bool m_bSingleByte;
     unsigned int m_nLine = 0;
     unsigned int m_nWriterEnd = 0; ///< line where the section ends for the writer; 0: not yet
-    bool m_bSection = false;       ///< behind the first header
+    bool m_bSection = false;       ///< after the first header
     bool m_bIgnored = false;       ///< an unknown or repeated section, reported at its header
     std::wstring m_csSection;
     std::vector<std::wstring> m_tSections;
@@ -205,6 +215,7 @@ std::string csReadFile(const std::string& csPath)
         const std::string csWhy = clError ? clError.message() : "not a regular file";
         throw CFailure(EExit::USAGE, csArgument(csPath) + ": " + csWhy);
     }
+
     std::ifstream clFile(csPath, std::ios::binary);
     std::string csBytes(std::min(std::filesystem::file_size(csPath, clError), nMax + 1), '\0');
     clFile.read(csBytes.data(), static_cast<std::streamsize>(csBytes.size()));
@@ -212,6 +223,7 @@ std::string csReadFile(const std::string& csPath)
     if (!clFile.is_open() || clFile.bad() || csBytes.size() > nMax) {
         throw CFailure(EExit::USAGE, csArgument(csPath) + ": cannot be read, or is larger than 4 MiB");
     }
+
     return csBytes;
 }
 } // namespace
@@ -221,24 +233,28 @@ std::vector<STFinding> tLint(std::string_view csBytes)
     if (csBytes.starts_with(s_csMarkBigEndian)) {
         return {{1, "the file is UTF-16 in the wrong byte order (big-endian): nothing in it is read"}};
     }
+
     const bool bUTF16 = csBytes.starts_with(s_csMarkUTF16);
     CLinter clLinter(!bUTF16);
     const std::wstring csText = csUnits(csBytes.substr(bUTF16 ? s_csMarkUTF16.size() : 0), bUTF16);
     std::size_t nStart = 0;
     if (csBytes.starts_with(s_csMarkUTF8)) {
         clLinter.SkipLine();
-        clLinter.Find(
-            "the file begins with a UTF-8 mark, which hides its first line; it is read as Windows-1252");
+        clLinter.Find("the file begins with a UTF-8 byte order mark, which hides its first line; it is read "
+                      "as Windows-1252");
         nStart = std::min(csText.find(L'\n'), csText.size() - 1) + 1;
     }
+
     while (nStart < csText.size()) {
         const std::size_t nEnd = std::min(csText.find(L'\n', nStart), csText.size() - 1) + 1;
         clLinter.Line(std::wstring_view(csText).substr(nStart, nEnd - nStart));
         nStart = nEnd;
     }
+
     if (bUTF16 && csBytes.size() % 2 != 0) {
         clLinter.Find("the file ends in the middle of a character");
     }
+
     return clLinter.tTake();
 }
 
@@ -254,8 +270,10 @@ EExit eLint(const STCall& stCall)
                       << " " << csShown(st.csText) << "\n";
         }
     }
+
     if (stCall.stOptions.bJson) {
         std::cout << csJsonLine(clFindings);
     }
+
     return tFindings.empty() ? EExit::DONE : EExit::REFUSED;
 }

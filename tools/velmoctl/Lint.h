@@ -13,12 +13,12 @@ struct STFinding
     std::string csText; ///< UTF-8
 };
 
-/// All of it, in the order of the lines: unknown sections and keys, values that do not read as their type,
-/// lines that the programs do not read or would not find when they change a setting. What it finds nothing in
-/// is read, and replaced, line by line as it stands. The bytes are a whole file, in either encoding.
+/// Finds unknown sections and keys, values that do not read as their type, and lines that the programs do not
+/// read or would not find when they change a setting, in the order of the lines. A file without findings is
+/// read and edited exactly as written. The bytes are a whole file, in either encoding.
 std::vector<STFinding> tLint(std::string_view csBytes);
 
-/// How a setting's value is to read.
+/// The type of a setting's value.
 enum class EValue
 {
     SIGNED,
@@ -35,7 +35,7 @@ enum class EValue
     FAMILIES,
 };
 
-/// A setting of DXConf.ini, as far as the check is concerned.
+/// What the check knows of a setting.
 struct STSetting
 {
     const wchar_t* pszSection;
@@ -51,7 +51,8 @@ const STSetting* pstSetting(std::wstring_view csSection, std::wstring_view csKey
 const wchar_t* pszSectionOf(std::wstring_view csKey);
 bool bKnownSection(std::wstring_view csSection);
 
-/// What is wrong with a value, as it stands behind "=" and its blanks; empty: nothing.
+/// What is wrong with a value, given without the whitespace after "="; empty: nothing.
 std::string csValueFault(const STSetting& stSetting, const std::wstring& csValue);
-/// Comparison of names as the programs do it, for the letters that known names are made of.
+/// Compares names without regard to case, as the programs do; only ASCII letters fold, which is all that
+/// known names have.
 bool bSameName(std::wstring_view cs1, std::wstring_view cs2);

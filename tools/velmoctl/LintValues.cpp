@@ -1,4 +1,4 @@
-// What the check knows of each setting, and which values it finds fault with.
+// The settings that the check knows, and the faults that it finds in values.
 
 #include "support/Conversion.h"
 #include "velmoctl/Lint.h"
@@ -66,7 +66,7 @@ constexpr STSetting s_tSettings[] = {
 
 constexpr long long s_n31 = 1LL << 31, s_n32 = 1LL << 32;
 
-/// What a number may be, and what becomes of another one.
+/// The bounds of a number, and what the programs make of one beyond them.
 struct STBounds
 {
     EValue eValue;
@@ -87,7 +87,8 @@ constexpr STBounds s_tBounds[] = {
 
 constexpr std::size_t s_nNumberCharacters = 19; // more are not looked at
 
-/// What a number of that text reads as, where it is not what it looks like; empty: it is. As in all below.
+/// Says how the programs would misread this number; empty when they read it as written. So do the functions
+/// below.
 std::string csNumberFault(const STSetting& stSetting, const std::wstring& csValue)
 {
     const std::wstring csRead = csValue.substr(0, s_nNumberCharacters);
@@ -99,7 +100,7 @@ std::string csNumberFault(const STSetting& stSetting, const std::wstring& csValu
         return "the value is empty: reads as 0, not as the default " + std::to_string(stSetting.nDefault);
     }
     if (pszEnd == csRead.c_str()) {
-        return "\"" + csToUTF8(csValue) + "\" is no decimal number: reads as 0";
+        return "\"" + csToUTF8(csValue) + "\" is not a decimal number: reads as 0";
     }
     if (csRead.find_first_not_of(L" \t", static_cast<std::size_t>(pszEnd - csRead.c_str())) != csRead.npos) {
         return "\"" + csToUTF8(csValue) + "\" " + csReads + ": what follows the digits is ignored";
@@ -107,13 +108,13 @@ std::string csNumberFault(const STSetting& stSetting, const std::wstring& csValu
     if (csValue.find_first_not_of(L" \t", csRead.size()) != std::wstring::npos) {
         return "only the first 19 characters of the number count";
     }
-    const auto* const pst = std::find_if(std::begin(s_tBounds), std::end(s_tBounds),
-                                         [&](const STBounds& st) { return st.eValue == stSetting.eValue; });
+
+    const auto* const pst = std::ranges::find(s_tBounds, stSetting.eValue, &STBounds::eValue);
     const bool bFits = pst == std::end(s_tBounds) || (nValue >= pst->nMin && nValue <= pst->nMax);
     return bFits ? "" : std::to_string(nValue) + " " + pst->pszBeyond;
 }
 
-/// Macros stand at the start of a path, and are told by their first seven characters.
+/// The programs know a macro at the start of a path by its first seven characters.
 std::string csPathFault(const std::wstring& csValue)
 {
     const bool bMacro = csValue.starts_with(L"%%");
@@ -137,8 +138,7 @@ std::string csFamiliesFault(const std::wstring& csValue)
     for (std::size_t nStart = 0; nStart <= csValue.size();) {
         const std::size_t nEnd = std::min(csValue.find(L',', nStart), csValue.size());
         const std::wstring_view csWord = std::wstring_view(csValue).substr(nStart, nEnd - nStart);
-        if (std::none_of(std::begin(tWords), std::end(tWords),
-                         [&](std::wstring_view cs) { return bSameName(cs, csWord); })) {
+        if (std::ranges::none_of(tWords, [&](std::wstring_view cs) { return bSameName(cs, csWord); })) {
             return "\"" + csToUTF8(std::wstring(csWord)) +
                    "\" is none of the words IPV4_ONLY, IPV6_ONLY, IPV4_IPV6, IPV6_IPV4";
         }
@@ -147,21 +147,22 @@ std::string csFamiliesFault(const std::wstring& csValue)
     return "";
 }
 
-/// What many take for syntax belongs to a value: quotes, comments, blanks at its end.
+/// Finds what many take for syntax but belongs to the value: quotes, comments, trailing whitespace.
 std::string csTextFault(const STSetting& stSetting, const std::wstring& csValue)
 {
     if (csValue.size() >= stSetting.nSize) {
         return "only the first " + std::to_string(stSetting.nSize - 1) + " characters of the value count";
     }
     if (csValue.ends_with(L' ') || csValue.ends_with(L'\t')) {
-        return "the blanks at the end belong to the value";
+        return "the whitespace at the end belongs to the value";
     }
     if (csValue.size() > 1 && csValue.front() == L'"' && csValue.back() == L'"') {
         return "the quotation marks belong to the value";
     }
     if (csValue.find(L" ;") != std::wstring::npos || csValue.find(L"\t;") != std::wstring::npos) {
-        return "the text behind \";\" belongs to the value: a comment is a line that begins with \":\"";
+        return "the text after \";\" belongs to the value: a comment is a line that begins with \":\"";
     }
+
     return "";
 }
 } // namespace
@@ -169,13 +170,12 @@ std::string csTextFault(const STSetting& stSetting, const std::wstring& csValue)
 bool bSameName(std::wstring_view cs1, std::wstring_view cs2)
 {
     const auto fnFold = [](wchar_t c) { return c >= L'A' && c <= L'Z' ? c - L'A' + L'a' : c; };
-    return std::equal(cs1.begin(), cs1.end(), cs2.begin(), cs2.end(),
-                      [&](wchar_t c1, wchar_t c2) { return fnFold(c1) == fnFold(c2); });
+    return std::ranges::equal(cs1, cs2, {}, fnFold, fnFold);
 }
 
 const STSetting* pstSetting(std::wstring_view csSection, std::wstring_view csKey)
 {
-    const auto* const pst = std::find_if(std::begin(s_tSettings), std::end(s_tSettings), [&](const auto& st) {
+    const auto* const pst = std::ranges::find_if(s_tSettings, [&](const auto& st) {
         return bSameName(st.pszSection, csSection) && bSameName(st.pszKey, csKey);
     });
     return pst == std::end(s_tSettings) ? nullptr : pst;
@@ -183,15 +183,15 @@ const STSetting* pstSetting(std::wstring_view csSection, std::wstring_view csKey
 
 const wchar_t* pszSectionOf(std::wstring_view csKey)
 {
-    const auto* const pst = std::find_if(std::begin(s_tSettings), std::end(s_tSettings),
-                                         [&](const auto& st) { return bSameName(st.pszKey, csKey); });
+    const auto* const pst =
+        std::ranges::find_if(s_tSettings, [&](const auto& st) { return bSameName(st.pszKey, csKey); });
     return pst == std::end(s_tSettings) ? nullptr : pst->pszSection;
 }
 
 bool bKnownSection(std::wstring_view csSection)
 {
-    return std::any_of(std::begin(s_tSettings), std::end(s_tSettings),
-                       [&](const auto& st) { return bSameName(st.pszSection, csSection); });
+    return std::ranges::any_of(s_tSettings,
+                               [&](const auto& st) { return bSameName(st.pszSection, csSection); });
 }
 
 std::string csValueFault(const STSetting& stSetting, const std::wstring& csValue)
@@ -199,10 +199,12 @@ std::string csValueFault(const STSetting& stSetting, const std::wstring& csValue
     if (stSetting.nSize == 0) {
         return csNumberFault(stSetting, csValue);
     }
+
     std::string csFault = csTextFault(stSetting, csValue);
     if (!csFault.empty()) {
         return csFault;
     }
+
     switch (stSetting.eValue) {
     case EValue::PATH:
         return csPathFault(csValue);

@@ -14,7 +14,7 @@ namespace fs = std::filesystem;
 
 namespace {
 constexpr Milliseconds s_clQuestion(5000);
-constexpr const char* s_pszDefaultServer = "dxsql"; // its service may have no prefix
+constexpr const char* s_pszDefaultServer = "dxsql"; // the one server whose unit may have no "DXCS-" prefix
 constexpr std::uint16_t s_wManagerPort = 4999;
 
 bool bSystemd()
@@ -23,10 +23,11 @@ bool bSystemd()
     return s_bRuns;
 }
 
-/// Whether a name is one word to systemctl, and no pattern.
+/// Whether systemctl reads a name as one unit: no pattern, no path. Names come from the manager and are not
+/// trusted.
 bool bPlainName(const std::string& csServer)
 {
-    return !csServer.empty() && std::none_of(csServer.begin(), csServer.end(), [](char c) {
+    return !csServer.empty() && std::ranges::none_of(csServer, [](char c) {
         return static_cast<unsigned char>(c) < ' ' ||
                std::string_view("*?[/\"\\\x7F").find(c) != std::string_view::npos;
     });
@@ -48,7 +49,7 @@ std::string csProperty(const std::string& csBlock, const std::string& csName)
     return csBlock.substr(nValue, std::min(csBlock.find('\n', nValue), csBlock.size()) - nValue);
 }
 
-/// "{ path=/opt/x/dxsrv ; argv[]=...": the folder.
+/// The folder of the program in "{ path=/opt/x/dxsrv ; argv[]=...".
 std::string csFolderIn(const std::string& csExecStart)
 {
     const std::string csKey = "path=";
@@ -61,7 +62,7 @@ std::string csFolderIn(const std::string& csExecStart)
                      .string();
 }
 
-/// "Sat 2026-11-21 10:39:43 UTC" without the day of the week, which does not sort.
+/// "Sat 2026-11-21 10:39:43 UTC" without the day of the week, so that the column can be sorted.
 std::string csMoment(const std::string& csTimestamp)
 {
     const std::size_t nSpace = csTimestamp.find(' ');
@@ -81,7 +82,8 @@ STFacts stRead(const std::string& csBlock)
     return st;
 }
 
-/// systemctl prints a block of lines for each unit, in the order asked, with an empty line between them.
+/// Splits the output of systemctl: one block of lines for each unit in the order asked, with an empty line
+/// between.
 std::vector<std::string> tBlocks(const std::string& csOutput)
 {
     std::vector<std::string> tResult;
@@ -93,7 +95,8 @@ std::vector<std::string> tBlocks(const std::string& csOutput)
     return tResult;
 }
 
-/// What systemctl shows of some units; nothing when it does not show as many as it was asked for.
+/// The blocks of some units; none when systemctl printed another number of them, for then nobody knows whose
+/// they are.
 std::vector<std::string> tShow(const std::vector<std::string>& tUnits)
 {
     std::vector<std::string> tWords = {
@@ -129,7 +132,7 @@ STShown stShowOne(const std::string& csServer)
     return {};
 }
 
-/// What the journal has last from a unit's processes.
+/// The last line that a unit's processes left in the journal.
 std::string csJournal(const std::string& csOfUnit, Milliseconds clTime)
 {
     const STToolResult st = stRunTool(
@@ -142,7 +145,7 @@ std::string csJournal(const std::string& csOfUnit, Milliseconds clTime)
 std::string csScript(const std::string& csServer)
 {
     std::string csName = csUnitName(csServer);
-    std::replace(csName.begin(), csName.end(), '.', '-');
+    std::ranges::replace(csName, '.', '-');
     for (const char* const pszPrefix : {"/etc/init.d/", "/etc/rc.d/rc."}) {
         if (std::string csPath = pszPrefix + csName; ::access(csPath.c_str(), X_OK) == 0) {
             return csPath;
@@ -151,16 +154,18 @@ std::string csScript(const std::string& csServer)
     return "";
 }
 
-/// A script says by its exit status how a server is; what else there is to know stands in /proc.
+/// Asks an init script: its exit status has the state; PID and folder come from the PID file and /proc.
 STFacts stAskScript(const std::string& csPath)
 {
-    constexpr int s_tFailed[] = {1, 2, 32}; // dead with its PID file or lock left; crashed, says OpenRC
+    constexpr int s_tFailed[] = {
+        1, 2, 32}; // LSB: dead, but its PID file (1) or lock (2) is left; OpenRC: crashed (32)
     STFacts st;
     const int nStatus = stRunTool({csPath, "status"}, s_clQuestion).nStatus;
-    st.bFailed = std::find(std::begin(s_tFailed), std::end(s_tFailed), nStatus) != std::end(s_tFailed);
+    st.bFailed = std::ranges::find(s_tFailed, nStatus) != std::end(s_tFailed);
     if (nStatus != 0) {
         return st;
     }
+
     const std::string csFile = "/var/run/" + fs::path(csPath).filename().string() + ".pid";
     const STToolResult stPid = stRunTool({"cat", csFile}, s_clQuestion);
     const int nPid = stPid.nStatus == 0 ? std::atoi(stPid.csOutput.c_str()) : 0; // of garbage: 0
@@ -195,7 +200,7 @@ std::map<std::string, STFacts> tAskFacts(const std::vector<std::string>& tServer
 {
     std::map<std::string, STFacts> tFacts;
     std::vector<std::string> tNames;
-    std::copy_if(tServers.begin(), tServers.end(), std::back_inserter(tNames), bPlainName);
+    std::ranges::copy_if(tServers, std::back_inserter(tNames), bPlainName);
     if (tNames.empty()) {
         return tFacts;
     }
@@ -203,9 +208,10 @@ std::map<std::string, STFacts> tAskFacts(const std::vector<std::string>& tServer
         AskScripts(tNames, &tFacts);
         return tFacts;
     }
-    const CDeadline clEnd(s_clQuestion); // for all; lines that are not there by then are left out
+
+    const CDeadline clEnd(s_clQuestion); // for all log lines together; those that come later are left out
     std::vector<std::string> tUnits;
-    std::transform(tNames.begin(), tNames.end(), std::back_inserter(tUnits), csUnit);
+    std::ranges::transform(tNames, std::back_inserter(tUnits), csUnit);
     std::vector<std::string> tShown = tShow(tUnits);
     tShown.resize(tNames.size());
     for (std::size_t n = 0; n < tNames.size(); ++n) {
@@ -215,6 +221,7 @@ std::map<std::string, STFacts> tAskFacts(const std::vector<std::string>& tServer
             tFacts[tNames[n]].csLog = bWithLog ? csJournal(st.csUnit, clEnd.clLeft()) : "";
         }
     }
+
     return tFacts;
 }
 
@@ -237,12 +244,14 @@ void ControlService(const std::string& csAction, const std::string& csServer, Mi
         throw CFailure(EExit::REFUSED, "only root can " + csAction + " a server: sudo velmoctl " + csAction +
                                            " " + csShellWord(csServer));
     }
+
     const bool bKnown = bPlainName(csServer);
     const std::string csService =
         !bKnown ? "" : (bSystemd() ? stShowOne(csServer).csUnit : csScript(csServer));
     if (csService.empty()) {
         throw CFailure(EExit::REFUSED, csRefusalWords({g_nServerUnknown, ""}, {"", csServer}));
     }
+
     const STToolResult st =
         stRunTool(bSystemd() ? std::vector<std::string>{"systemctl", csAction, "--", csService}
                              : std::vector<std::string>{csService, csAction},

@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
-/// What this machine's own service manager says of its servers, which the manager's protocol has no words
-/// for.
+/// What this machine's own service manager (systemd or init scripts) knows of the servers and the manager's
+/// protocol cannot say.
 
-/// Empty texts for what is not known.
+/// Facts about a server; a text is empty when it is not known.
 struct STFacts
 {
     bool bFailed = false;
@@ -20,14 +20,14 @@ struct STFacts
     std::string csLog; ///< the last line that the service logged
 };
 
-/// Whether a host is this machine and is asked at the manager's own port: another port is a tunnel to
+/// Whether a host is this machine, asked at the manager's own port: another port may be a tunnel to
 /// elsewhere.
 bool bThisMachine(const STHost& stHost);
 
-/// Facts by the servers' names; a name of which nothing is known is missing. Never throws anything but
-/// CFailure (INTERRUPTED).
+/// Facts by the names of servers, without those of which nothing is known. Throws only CFailure
+/// (INTERRUPTED).
 std::map<std::string, STFacts> tAskFacts(const std::vector<std::string>& tServers, bool bWithLog);
-/// The last line that a server's service logged, for messages: ", last logged: ..." or nothing.
+/// The end of a message: ", its last line: ..." with what the server's service logged last, or nothing.
 std::string csLastLogged(const std::string& csServer);
 /// Folder of a server's program; empty when it is not known.
 std::string csFolderOf(const std::string& csServer);

@@ -21,7 +21,7 @@ std::string csLabel(const std::string& csValue)
     return "\"" + cs + "\"";
 }
 
-/// All samples of one name, which the format wants together, below what they mean.
+/// All samples of one name. The format wants them together, after their description.
 class CMetric
 {
 public:
@@ -43,7 +43,7 @@ private:
     bool m_bAny = false;
 };
 
-/// Everything that is told of machines and their servers.
+/// All metrics of machines and their servers.
 class CMetrics
 {
 public:
@@ -54,12 +54,13 @@ public:
         if (st.clFailure.has_value()) {
             return;
         }
+
         m_clAnswer.Add(csHost, static_cast<double>(st.clTook.count()) / 1000);
         m_clServers.Add(csHost, st.stInfo->tServers.size());
         m_clInfo.Add(csHost + ",version=" + csLabel(st.stInfo->csVersion) + ",system=" +
                          csLabel(st.stInfo->csSystem) + ",kernel=" + csLabel(st.stInfo->csKernel),
                      1);
-        std::set<std::string> tSeen; // a sample that comes twice spoils the whole file
+        std::set<std::string> tSeen; // the collector rejects a whole file for one repeated sample
         for (const STServerAnswer& stServer : st.tServers) {
             if (tSeen.insert(stServer.stServer.csName).second) {
                 _Add(csHost + ",server=" + csLabel(stServer.stServer.csName), stServer);
@@ -77,7 +78,7 @@ public:
     }
 
 private:
-    /// A state that is not known has no sample: neither 0 nor 1 would be true.
+    /// Writes no sample for an unknown state: neither 0 nor 1 would be true.
     void _Add(const std::string& csLabels, const STServerAnswer& st)
     {
         if (!st.csState.empty() && st.csState != "unknown") {
@@ -107,15 +108,18 @@ EExit eMetrics(const STCall& stCall)
     stQuestions.fnWanted = [&](const STServer& st) {
         return (clSelection.bAll() || clSelection.bHas(st.csName)) && !clIgnored.bHas(st.csName);
     };
+
     CMetrics clMetrics;
     const auto tAnswers = tAskFleet(stQuestions, false, [&](const std::vector<const STHostAnswer*>& tReady) {
-        std::for_each(tReady.begin(), tReady.end(), [&](const STHostAnswer* pst) { clMetrics.Add(*pst); });
+        std::ranges::for_each(tReady, [&](const STHostAnswer* pst) { clMetrics.Add(*pst); });
     });
+
     if (stCall.stOptions.csOutput.empty()) {
         std::cout << clMetrics.csText();
     } else {
         ReplaceFile(stCall.stOptions.csOutput, clMetrics.csText());
     }
+
     TellTroubles(tTroubles(tAnswers, clSelection));
     return eWorstOf(tAnswers, clSelection);
 }

@@ -11,6 +11,8 @@
 #include <unistd.h>
 
 namespace {
+using STStat = struct stat; // the name alone is the call
+
 bool bWriteAll(int nFd, const std::string& csText)
 {
     for (std::size_t nDone = 0; nDone < csText.size();) {
@@ -27,13 +29,14 @@ bool bWriteAll(int nFd, const std::string& csText)
 void ReplaceFile(const std::string& csPath, const std::string& csText)
 {
     // root's rename would put a file in the place of /dev/null or of a FIFO that somebody reads.
-    struct stat stOld
-    {};
+    STStat stOld{};
     if (::stat(csPath.c_str(), &stOld) == 0 && !S_ISREG(stOld.st_mode)) {
-        throw CFailure(EExit::REFUSED, csArgument(csPath) + " could not be written: it is no regular file");
+        throw CFailure(EExit::REFUSED,
+                       csArgument(csPath) + " could not be written: it is not a regular file");
     }
 
-    // In the same folder, under a name that the textfile collector passes over.
+    // In the same folder, because a rename cannot cross file systems; under a name that the collector
+    // ignores.
     const std::size_t nName = csPath.rfind('/') + 1;
     std::string csNew = csPath.substr(0, nName) + "." + csPath.substr(nName) + ".XXXXXX";
     CDescripteur clFile(::mkostemp(csNew.data(), O_CLOEXEC));

@@ -10,12 +10,12 @@
 #include <sstream>
 
 namespace {
-/// An option as the command-line library takes it.
+/// An option: what the command-line library needs, and which commands have it.
 struct STOption
 {
     const char* pszNames;    ///< "-H,--host"
     const char* pszValue;    ///< the kind of its value, for help and completion; null: it has none
-    const char* pszCommands; ///< those that know it, each between spaces; null: all
+    const char* pszCommands; ///< those that have it, each between spaces; null: all
     CLI::Option* (*pfnAdd)(CLI::App* pcl, const char* pszNames, STOptions* pst);
     const char* pszHelp;
 };
@@ -37,7 +37,7 @@ CLI::Option* pclValue(CLI::App* pcl, const char* pszNames, STOptions* pst)
     return pcl->add_option(pszNames, pst->*pMember)->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
 }
 
-/// The help has better words for a range than the library.
+/// Without the description that the library would add to the help.
 template <class T>
 CLI::Validator clBetween(T clFirst, T clLast)
 {
@@ -54,7 +54,7 @@ CLI::Option* pclSeconds(CLI::App* pcl, const char* pszNames, STOptions* pst)
     return pclValue<pMember>(pcl, pszNames, pst)->check(clBetween(0.001, s_dLongest))->check(fnNumber);
 }
 
-/// Values add up, wherever in the line they stand; each use of the option takes one word.
+/// Values add up wherever they stand in the line. Each use of the option takes one word.
 template <auto pMember>
 CLI::Option* pclList(CLI::App* pcl, const char* pszNames, STOptions* pst)
 {
@@ -164,7 +164,8 @@ void AddOptions(std::string_view csCommand, CLI::App* pclParser, STOptions* pstO
             pcl->type_name(st.pszValue);
         }
         if (!bKnownTo(st, csCommand)) {
-            pcl->group(""); // it may stand before the command, but belongs to the help of some commands only
+            pcl->group(""); // hidden here: it may stand before the command, but only the help of its commands
+                            // shows it
         }
     }
 }
@@ -183,11 +184,10 @@ std::vector<std::string> tOptionsOf(std::string_view csCommand)
 
 std::string csValueKind(std::string_view csOption)
 {
-    const auto* const pst =
-        std::find_if(std::begin(s_tOptions), std::end(s_tOptions), [&](const STOption& st) {
-            const std::string_view csNames = st.pszNames;
-            return csOption == csFullName(st) || csOption == csNames.substr(0, csNames.find(','));
-        });
+    const auto* const pst = std::ranges::find_if(s_tOptions, [&](const STOption& st) {
+        const std::string_view csNames = st.pszNames;
+        return csOption == csFullName(st) || csOption == csNames.substr(0, csNames.find(','));
+    });
     return pst == std::end(s_tOptions) || pst->pszValue == nullptr ? "" : pst->pszValue;
 }
 

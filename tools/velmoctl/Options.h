@@ -11,7 +11,7 @@ namespace CLI {
 class App;
 }
 
-/// What the options of one command line say.
+/// The options of one command line, with their defaults.
 struct STOptions
 {
     std::vector<std::string> tHosts; ///< lists of machines, as given; nothing at all: this machine
@@ -50,14 +50,14 @@ struct STOptions
     std::uint16_t wExporterPort = 9100;
 };
 
-/// Adds the options that a command has to a parser, each of which then writes to the structure. Without a
-/// command: all that there are, of which the help shows those that every command has.
+/// Adds the options of a command to a parser, which then writes their values to the structure. Without a
+/// command: adds all options, and the help shows only those that every command has.
 void AddOptions(std::string_view csCommand, CLI::App* pclParser, STOptions* pstOptions);
 
-/// Names of the options that a command has, as typed in full ("--host"), those of all commands included.
-/// Without a command: those of all commands alone.
+/// Full names ("--host") of the options of a command, the common ones included. Without a command: the common
+/// ones.
 std::vector<std::string> tOptionsOf(std::string_view csCommand);
-/// What kind of value follows an option ("HOST", "FILE"...); empty for none, and for an unknown option.
+/// The kind of value that an option takes ("HOST", "FILE"...); empty for none, and for an unknown option.
 std::string csValueKind(std::string_view csOption);
 
 /// A port from the command line. Throws CFailure (USAGE) for anything but a number from 1 to 65535.
@@ -66,5 +66,5 @@ std::uint16_t wReadPort(const std::string& csWord);
 /// The items of lists, which are separated by commas.
 std::vector<std::string> tItems(const std::vector<std::string>& tLists);
 
-/// A text from the command line as UTF-8: what is not is taken for Windows-1252.
+/// A text from the command line as UTF-8: bytes that are not UTF-8 are read as Windows-1252.
 std::string csArgument(const std::string& csBytes);

@@ -19,6 +19,8 @@
 #include <unistd.h>
 
 namespace {
+using STStat = struct stat; // the name alone is the call
+
 constexpr std::size_t s_nMaxLine = 65536;
 constexpr int s_nHistory = 1000;
 
@@ -38,8 +40,7 @@ struct STEndHistory
 /// With sudo the home may be another user's, whose links could lead root's writes anywhere.
 bool bOwn(const std::filesystem::path& clFolder)
 {
-    struct stat st
-    {};
+    STStat st{};
     return ::stat(clFolder.c_str(), &st) == 0 && st.st_uid == ::geteuid();
 }
 
@@ -52,25 +53,28 @@ std::string csHistoryFile()
     if (!bState && pszHome == nullptr) {
         return "";
     }
+
     std::error_code clError;
     const std::filesystem::path clBase = bState ? pszState : pszHome;
     if (bState) {
         std::filesystem::create_directories(clBase, clError);
     }
+
     if (!bOwn(clBase)) {
         return "";
     }
+
     const std::filesystem::path clFolder = clBase / (bState ? "velmoctl" : ".local/state/velmoctl");
     std::filesystem::create_directories(clFolder, clError);
     return clError ? "" : (clFolder / "history").string();
 }
 
-/// What all texts begin with.
+/// The longest common start of some texts, cut between characters.
 std::string csCommonStart(const std::vector<std::string>& tTexts)
 {
     std::string csStart = tTexts.front();
     for (const std::string& cs : tTexts) {
-        const auto itDiffers = std::mismatch(csStart.begin(), csStart.end(), cs.begin(), cs.end()).first;
+        const auto itDiffers = std::ranges::mismatch(csStart, cs).in1;
         csStart.erase(itDiffers, csStart.end());
     }
     return csStart.substr(0, nCutUTF8(csStart, csStart.size()));
@@ -83,16 +87,18 @@ std::vector<std::string> tWordsOf(const std::string& csLine)
     const std::unique_ptr<TokenizerW, STEndTokens> pclTokens(::tok_winit(L" \t\r"));
     int nWords = 0;
     const wchar_t** ppszWords = nullptr;
-    // A backslash at the end asks for another line, which there is not.
+    // The tokenizer would take a backslash at the end for a continued line; there is no other line here.
     const bool bOpen = csText.ends_with(L'\\') && !csText.ends_with(L"\\\\");
     if (bOpen || ::tok_wstr(pclTokens.get(), csText.c_str(), &nWords, &ppszWords) != 0) {
         throw CFailure(EExit::USAGE, "the line ends inside a quotation");
     }
+
     std::vector<std::string> tWords;
     tWords.reserve(static_cast<std::size_t>(nWords));
     for (int n = 0; n < nWords; ++n) {
         tWords.push_back(csToUTF8(ppszWords[n]));
     }
+
     return tWords;
 }
 
@@ -110,6 +116,7 @@ public:
         if (!m_csHistoryFile.empty()) {
             ::history(m_pclHistory.get(), &st, H_LOAD, m_csHistoryFile.c_str());
         }
+
         EditLine* const pcl = m_pclEdit.get();
         ::el_set(pcl, EL_CLIENTDATA, this);
         ::el_set(pcl, EL_PROMPT, s_pszPrompt);
@@ -139,6 +146,7 @@ public:
             std::cout << "\n" << std::flush;
             return m_eEnd == EEnd::GIVEN_UP ? std::optional<std::string>("") : std::nullopt;
         }
+
         std::string csLine = csToUTF8(std::wstring(pszLine, static_cast<std::size_t>(nCount)));
         csLine.erase(csLine.find_last_not_of("\r\n") + 1);
         _Remember(csLine);
@@ -175,8 +183,8 @@ private:
         }
     }
 
-    /// 1 with a character, 0 at the end of the input, -1 when a signal came. Called from C: nothing may be
-    /// thrown.
+    /// Reads one character of UTF-8. Returns 1, 0 at the end of the input, -1 on a signal. libedit calls it,
+    /// in C: it must not throw.
     int _nGetCharacter(wchar_t* pc)
     {
         try {
@@ -185,7 +193,7 @@ private:
                 constexpr Milliseconds clLong(1'000'000), clTogether(100);
                 while (!bWaitFor(STDIN_FILENO, POLLIN, CDeadline(csBytes.empty() ? clLong : clTogether))) {
                     if (!csBytes.empty()) {
-                        break; // the rest of the character is missing
+                        break; // the rest of the character does not come: not UTF-8
                     }
                 }
                 char c = 0;
@@ -203,7 +211,7 @@ private:
         }
     }
 
-    /// Called from C as well.
+    /// Called by libedit, too: it must not throw.
     unsigned char _nComplete()
     {
         try {
@@ -219,11 +227,13 @@ private:
         if (csLine.empty() || csLine.ends_with(" ")) {
             tWords.emplace_back();
         }
+
         const std::string csTyped = tWords.back();
         const std::vector<std::string> tFound = m_fnComplete(tWords);
         if (tFound.empty() || !csLine.ends_with(csTyped)) {
             return CC_ERROR;
         }
+
         const std::string csStart = csCommonStart(tFound);
         if (tFound.size() == 1) {
             ::el_deletestr(m_pclEdit.get(), static_cast<int>(csFromUTF8(csTyped).size()));
@@ -234,10 +244,12 @@ private:
             ::el_insertstr(m_pclEdit.get(), csStart.substr(csTyped.size()).c_str());
             return CC_REFRESH;
         }
+
         std::cout << "\n";
         for (const std::string& cs : tFound) {
             std::cout << csShown(cs) << "  ";
         }
+
         std::cout << "\n" << std::flush;
         return CC_REDISPLAY;
     }

@@ -12,12 +12,12 @@
 /// that ends inside a quotation.
 std::vector<std::string> tWordsOf(const std::string& csLine);
 
-/// Lines of standard input with a prompt. On a terminal they are edited by libedit, with a history that
-/// outlives the program and with completion; off it they come as they are.
+/// Lines of standard input with a prompt. On a terminal libedit edits them, with completion and a history
+/// that outlives the program; off a terminal they are read unchanged.
 class CPrompt
 {
 public:
-    /// What could stand in the place of the last of some words.
+    /// Gives the candidates for the last of some words.
     using Completions = std::function<std::vector<std::string>(const std::vector<std::string>&)>;
 
     CPrompt(const char* pszPrompt, Completions fnComplete);
@@ -25,8 +25,8 @@ public:
     CPrompt(const CPrompt&) = delete;
     CPrompt& operator=(const CPrompt&) = delete;
 
-    /// The next line (UTF-8 on a terminal, else the bytes as they come); none at the end of the input. Ctrl-C
-    /// gives an empty line. Throws CFailure (INTERRUPTED).
+    /// The next line (UTF-8 on a terminal, otherwise the bytes unchanged); none at the end of the input.
+    /// Ctrl-C gives an empty line. Throws CFailure (INTERRUPTED).
     std::optional<std::string> csRead();
 
 private:

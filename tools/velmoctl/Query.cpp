@@ -8,9 +8,10 @@
 
 #include <algorithm>
 #include <iostream>
+#include <tuple>
 
 namespace {
-/// Tells what went wrong, and how it ends.
+/// Reports what went wrong; returns the exit status.
 EExit eTell(const std::vector<STHostAnswer>& tAnswers, const CSelection& clSelection)
 {
     TellTroubles(tTroubles(tAnswers, clSelection));
@@ -18,7 +19,7 @@ EExit eTell(const std::vector<STHostAnswer>& tAnswers, const CSelection& clSelec
 }
 
 const CTakeAnswers s_fnLater = [](const std::vector<const STHostAnswer*>&) {
-}; ///< all are looked at in the end
+}; ///< for commands that show all answers at the end
 
 Json clJsonInfo(const STHostAnswer& st)
 {
@@ -69,7 +70,7 @@ public:
         Begin();
         std::cout << m_clTable.csRows(tRows) << std::flush;
     }
-    /// The header, unless it is there or not wanted.
+    /// Writes the header once, if it is wanted.
     void Begin()
     {
         if (m_bHeader) {
@@ -98,7 +99,7 @@ EExit eInfoOfMany(const STQuestions& stQuestions)
     return eTell(tAnswers, CSelection({}));
 }
 
-/// Only the names, as far as they are known.
+/// Shows the names of servers only; no states are asked.
 EExit eNames(const STCall& stCall)
 {
     const auto tAnswers = tAskFleet(stQuestionsAbout(stCall, nullptr), false, s_fnLater);
@@ -111,20 +112,21 @@ EExit eNames(const STCall& stCall)
             }
         }
     }
+
     if (stCall.stOptions.bJson) {
         std::cout << csJsonLine(clNames);
     }
+
     return eTell(tAnswers, CSelection(stCall.tArguments));
 }
 
-/// Whether a server that was asked for in the end does not run.
+/// Whether a listed server does not run.
 bool bAnyDown(const std::vector<STListed>& tRows)
 {
-    return std::any_of(tRows.begin(), tRows.end(),
-                       [](const STListed& st) { return st.pstServer->csState != "running"; });
+    return std::ranges::any_of(tRows, [](const STListed& st) { return st.pstServer->csState != "running"; });
 }
 
-/// An exit status for a service's state, as init scripts and systemctl have it.
+/// The exit status for the state of a service, as init scripts and systemctl use it.
 EExit eOfState(const STServerAnswer& st)
 {
     if (st.clFailure.has_value()) {
@@ -132,8 +134,7 @@ EExit eOfState(const STServerAnswer& st)
     }
     constexpr std::pair<std::string_view, int> tStates[] = {
         {"running", 0}, {"failed", 1}, {"unknown", 4}}; // the others: not now, 3
-    const auto* const pst = std::find_if(std::begin(tStates), std::end(tStates),
-                                         [&](const auto& tPair) { return tPair.first == st.csState; });
+    const auto* const pst = std::ranges::find(tStates, st.csState, &std::pair<std::string_view, int>::first);
     return static_cast<EExit>(pst == std::end(tStates) ? 3 : pst->second);
 }
 
@@ -152,7 +153,7 @@ EExit eOfStates(const std::vector<STHostAnswer>& tAnswers, const CSelection& clS
     return bMissing && eWorst != EExit::USAGE ? EExit::NONSENSE : eWorst;
 }
 
-/// The questions of status: names are asked about whether the manager lists them or not.
+/// The questions of status. Full names are asked about whether the manager lists them or not.
 STQuestions stStatusQuestions(const STCall& stCall)
 {
     STQuestions stQuestions = stStateQuestions(stCall);
@@ -188,7 +189,7 @@ void ShowStatusJson(const std::vector<STHostAnswer>& tAnswers, const CSelection&
     }
 }
 
-/// One server of one machine is answered in one word, several in a table.
+/// Shows one server of one machine as one word, several as a table.
 void ShowStatus(const STCall& stCall, const std::vector<STHostAnswer>& tAnswers)
 {
     const bool bOne =
@@ -198,6 +199,7 @@ void ShowStatus(const STCall& stCall, const std::vector<STHostAnswer>& tAnswers)
         std::cout << (csState.empty() ? "" : csColoured(csState, eStateColour(csState)) + "\n");
         return;
     }
+
     STOptions stOptions = stCall.stOptions;
     stOptions.tColumns = {tAnswers.size() > 1 ? "host,name,state" : "name,state"};
     const CServerList clList(stOptions, tAnswers.size() > 1);
@@ -214,6 +216,7 @@ EExit eInfo(const STCall& stCall)
     if (stQuestions.tHosts.size() > 1 && !stCall.stOptions.bJson) {
         return eInfoOfMany(stQuestions);
     }
+
     const auto tAnswers = tAskFleet(stQuestions, false, s_fnLater);
     for (const STHostAnswer& st : tAnswers) {
         if (stCall.stOptions.bJson) {
@@ -222,6 +225,7 @@ EExit eInfo(const STCall& stCall)
             ShowInfo(*st.stInfo);
         }
     }
+
     return eTell(tAnswers, CSelection({}));
 }
 
@@ -230,20 +234,22 @@ EExit eList(const STCall& stCall)
     if (stCall.stOptions.bNames) {
         return eNames(stCall);
     }
+
     const STQuestions stQuestions = stStateQuestions(stCall);
     const CServerList clList(stCall.stOptions, stQuestions.tHosts.size() > 1);
     const bool bJson = stCall.stOptions.bJson;
     CGrowingTable clTable(clList.tHeader(), !stCall.stOptions.bNoHeader);
     const CTakeAnswers fnShow = [&](const std::vector<const STHostAnswer*>& tReady) {
-        if (std::any_of(tReady.begin(), tReady.end(),
-                        [](const auto* pst) { return !pst->clFailure.has_value(); })) {
+        if (std::ranges::any_of(tReady, [](const auto* pst) { return !pst->clFailure.has_value(); })) {
             clTable.Add(clList.tCells(clList.tRows(tReady)));
         }
     };
+
     const auto tAnswers = tAskFleet(stQuestions, clList.bAsTheyCome(), bJson ? s_fnLater : fnShow);
     if (bJson) {
         std::cout << csJsonLine(clList.clJson(tAnswers));
     }
+
     const EExit eWorst = eTell(tAnswers, CSelection(stCall.tArguments));
     const bool bDown = stCall.stOptions.bFailIfNotRunning && bAnyDown(clList.tRows(tPointers(tAnswers)));
     return bDown ? eWorse(eWorst, EExit::REFUSED) : eWorst;
@@ -258,7 +264,7 @@ EExit eStatus(const STCall& stCall)
     } else {
         ShowStatus(stCall, tAnswers);
     }
-    (void)eTell(tAnswers, clSelection);
+    std::ignore = eTell(tAnswers, clSelection);
     return eOfStates(tAnswers, clSelection);
 }
 
@@ -279,5 +285,6 @@ EExit eCluster(const STCall& stCall)
         std::cout << "\"" << csShown(csName) << "\" belongs to the cluster managed by \""
                   << csShown(csManager) << "\"\n";
     }
+
     return EExit::DONE;
 }

@@ -9,8 +9,8 @@
 #include <vector>
 
 /// Sends one command line and reads the reply with one of the readers of Replies.h. Throws CFailure: REFUSED
-/// with the refusal in words about the server of that name (with a hint, if there is no such server),
-/// NONSENSE for what is neither.
+/// with the refusal in words (and with the hint, if there is no such server), NONSENSE for a reply that is
+/// neither.
 template <class T>
 T tAskFor(CConversation* pclManager, const std::vector<std::string>& tFields, const std::string& csServer,
           std::optional<T> (*pfnRead)(std::string_view), const char* pszUnknownHint = "")

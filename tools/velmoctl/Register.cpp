@@ -1,4 +1,4 @@
-// Registration of a server of this machine through the manager's FIFO, in the way servers do it themselves.
+// Registers a server of this machine through the manager's FIFO, as servers do it themselves.
 
 #include "config/Settings.h"
 #include "config/WinApi.h"
@@ -17,16 +17,18 @@
 #include <sys/stat.h>
 
 namespace {
+using STStat = struct stat; // the name alone is the call
+
 constexpr const char* s_pszManagerPipe = "/tmp/__pipe_velmomanager__";
 
 /// Request with UTF-16 texts, and reply, as they lie in the pipes (little-endian).
 constexpr std::int32_t s_nFormUTF16 = 1;
 constexpr std::size_t s_nForm = 4, s_nPort = 8, s_nName = 10, s_nPath = 268, s_nRequest = 792;
-constexpr std::size_t s_nNameBytes = 256, s_nPathBytes = 522; // what remains is a NUL
+constexpr std::size_t s_nNameBytes = 256, s_nPathBytes = 522; // of text; the rest of a field is its NUL
 constexpr std::size_t s_nReplyText = 500, s_nReply = 501;
 using CRequest = std::array<char, s_nRequest>;
 
-/// The FIFO for one reply, under a number that no other process uses; gone with the object.
+/// The FIFO for one reply, with a number that no other process uses. Removed with the object.
 class CReplyPipe
 {
 public:
@@ -45,15 +47,16 @@ public:
     CReplyPipe& operator=(const CReplyPipe&) = delete;
 
     std::int32_t nNumber() const { return m_nNumber; }
-    /// The reply's text; UNREACHABLE when none comes in time.
+    /// The text of the reply. Throws CFailure (UNREACHABLE) when none comes in time.
     std::string csReply(const CDeadline& clDeadline) const
     {
         if (!bWaitFor(m_clPipe.nFd(), POLLIN, clDeadline)) {
-            throw CFailure(EExit::UNREACHABLE, "the manager did not answer in time; it may still be at it");
+            throw CFailure(EExit::UNREACHABLE,
+                           "the manager did not answer in time; it may still register the server");
         }
         std::array<char, s_nReply> tReply{};
         if (::read(m_clPipe.nFd(), tReply.data(), tReply.size()) != static_cast<ssize_t>(tReply.size())) {
-            throw CFailure(EExit::NONSENSE, "the manager's reply is not whole");
+            throw CFailure(EExit::NONSENSE, "the manager's reply is incomplete");
         }
         return {tReply.data(), ::strnlen(tReply.data(), s_nReplyText)};
     }
@@ -65,8 +68,8 @@ private:
     {
         return "/tmp/__pipe_velmomanager_" + std::to_string(nNumber);
     }
-    /// Makes the FIFO and returns its number: this process's, or where a FIFO of that number was left behind
-    /// one that lies beyond every process number.
+    /// Makes the FIFO and returns its number: the PID of this process. When a dead process left a FIFO of
+    /// that number, takes a number beyond every PID (the kernel's limit is 2^22).
     static std::int32_t s_nMakeFifo()
     {
         constexpr std::int32_t nStep = 1 << 22;
@@ -84,7 +87,8 @@ private:
     CDescripteur m_clPipe;
 };
 
-/// Only a FIFO will do, and one that somebody reads: else the request would wait for a manager to come.
+/// Opens the manager's FIFO only if somebody reads it: otherwise the request would lie there until a manager
+/// starts. Anybody may put something else at this path in /tmp, so it must be a FIFO and no link.
 CDescripteur clOpenManagerPipe()
 {
     CDescripteur clPipe(::open(s_pszManagerPipe, O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW));
@@ -94,15 +98,16 @@ CDescripteur clOpenManagerPipe()
     if (!clPipe.bOpen()) {
         throw clSystemFailure(EExit::REFUSED, "the manager's pipe cannot be opened (only root can register)");
     }
-    struct stat st
-    {};
+
+    STStat st{};
     if (::fstat(clPipe.nFd(), &st) != 0 || !S_ISFIFO(st.st_mode)) {
         throw CFailure(EExit::NONSENSE, std::string(s_pszManagerPipe) + " is not the manager's pipe");
     }
+
     return clPipe;
 }
 
-/// All at once, or not at all.
+/// Writes the request in one piece: it is smaller than PIPE_BUF, so the kernel does not mix it with others.
 void Write(const CDescripteur& clPipe, const CRequest& tRequest, const CDeadline& clDeadline)
 {
     while (::write(clPipe.nFd(), tRequest.data(), tRequest.size()) < 0) {
@@ -127,11 +132,12 @@ void PutText(const std::string& csText, std::size_t nOffset, std::size_t nMax, c
     csUnits.copy(&(*ptRequest)[nOffset], csUnits.size());
 }
 
-/// The path as the manager needs it: absolute, since it runs elsewhere.
+/// The absolute path of a program: the manager runs in another folder.
 std::string csProgram(const std::string& csArgumentBytes)
 {
     if (::access(csArgumentBytes.c_str(), X_OK) != 0 || std::filesystem::is_directory(csArgumentBytes)) {
-        throw CFailure(EExit::USAGE, "\"" + csArgument(csArgumentBytes) + "\" is no program that can be run");
+        throw CFailure(EExit::USAGE,
+                       "\"" + csArgument(csArgumentBytes) + "\" is not a program that can be run");
     }
     return std::filesystem::absolute(csArgumentBytes).lexically_normal().string();
 }
@@ -162,10 +168,11 @@ std::string csServerWithPort(std::uint16_t wPort, const std::string& csName)
             throw;
         }
     }
+
     return "";
 }
 
-/// What is likely to go wrong is told before the manager is asked, which decides.
+/// Warns of what is likely to go wrong. The manager decides all the same.
 void Warn(const std::string& csName, const std::string& csGiven, const std::string& csPath,
           std::uint16_t wPort)
 {
@@ -173,24 +180,28 @@ void Warn(const std::string& csName, const std::string& csGiven, const std::stri
     if (!std::filesystem::path(csGiven).is_absolute()) {
         tWarnings.push_back("the program's path is not absolute; " + csArgument(csPath) + " is meant");
     }
+
     if (csPath.find(' ') != std::string::npos) {
         tWarnings.emplace_back("the program's path holds a space, which older managers register, but cannot "
                                "start under systemd");
     }
+
     if (const std::string csOther = csServerWithPort(wPort, csName); !csOther.empty()) {
         tWarnings.push_back("the server \"" + csOther + "\" has port " + std::to_string(wPort) + " already");
     }
+
     if (const int nPort = nConfiguredPort(csPath); nPort != wPort) {
         tWarnings.push_back("the DXConf.ini beside the program says AccessPort = " + std::to_string(nPort) +
                             ", not " + std::to_string(wPort) + ": the server will listen on " +
                             std::to_string(nPort));
     }
+
     for (const std::string& cs : tWarnings) {
         std::cerr << "velmoctl: warning: " << csShown(cs) << "\n";
     }
 }
 
-/// What lies in the pipe for one registration. Throws CFailure (USAGE).
+/// The bytes of one request, all but the number of the reply FIFO. Throws CFailure (USAGE).
 CRequest tRequestFor(const std::string& csName, const std::string& csPath, std::uint16_t wPort)
 {
     CRequest tRequest{};
@@ -218,7 +229,9 @@ std::string csAskManager(CRequest tRequest, Milliseconds clTime)
 
 EExit eRegister(const STCall& stCall)
 {
-    CInterrupts::Catch(); // the reply pipe must not stay behind, also when the manager's goes away
+    // The reply FIFO must be removed whatever happens: neither a signal nor a manager that goes away may end
+    // the process at once.
+    CInterrupts::Catch();
     ::signal(SIGPIPE, SIG_IGN);
     const std::string csName = csArgument(stCall.tArguments[0]);
     const std::string csPath = csProgram(stCall.tArguments[1]);
@@ -229,11 +242,13 @@ EExit eRegister(const STCall& stCall)
     if (const std::string csReply = csAskManager(tRequest, stCall.clTimeout); !csReply.empty()) {
         throw CFailure(EExit::REFUSED, "the manager answers: " + csReply);
     }
+
     if (stCall.stOptions.bJson) {
         std::cout << csJsonLine(
             {{"host", csHostWord({})}, {"name", csName}, {"result", "registered"}, {"error", Json()}});
     } else {
         std::cout << "\"" << csShown(csName) << "\" is registered and runs\n";
     }
+
     return EExit::DONE;
 }

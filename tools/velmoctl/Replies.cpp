@@ -5,8 +5,7 @@
 #include <iterator>
 
 namespace {
-/// The service without the usual prefix: its name is all prefix, so that it is listed with an empty one, and
-/// this is what it is asked for by.
+/// The service without the usual prefix. Managers list it with an empty name, but answer to this one.
 constexpr const char* s_pszDefaultServer = "dxsql";
 constexpr std::size_t s_nHostFields = 5;
 
@@ -26,7 +25,7 @@ bool bDigits(const std::string& cs)
     return !cs.empty() && cs.find_first_not_of("0123456789") == std::string::npos;
 }
 
-/// Name and port in turn. An odd number of fields comes from a name with tabs in it: there a name goes on
+/// Names and ports alternately. An odd number of fields means that a name contains tabs: then a name goes on
 /// until a number follows.
 std::vector<STServer> tReadServers(const std::vector<std::string>& tFields, std::size_t nFirst)
 {
@@ -55,7 +54,7 @@ constexpr STWord s_tStates[] = {
     {"CONTINUE_PENDING", "continuing"},
     {"PAUSE_PENDING", "pausing"},
     {"PAUSED", "paused"},
-    {"UNKWNOWN", "unknown"}, // spelled so by the manager
+    {"UNKWNOWN", "unknown"}, // the protocol spells it so
 };
 
 /// What to do about an error.
@@ -72,7 +71,7 @@ struct STCode
     const char* pszBefore;
     const char* pszAfter; ///< null: the server's name has no place in it
     unsigned int nCode;
-    bool bSystemText; ///< a lookup that found nothing says nothing about why
+    bool bSystemText; ///< whether the text in the reply helps; after a lookup that found nothing it does not
     ECure eCure;
 };
 constexpr STCode s_tCodes[] = {
@@ -102,6 +101,7 @@ std::string csCure(ECure eCure, const STAsked& st)
     case ECure::UPGRADE:
         return "; is it older than this velmoctl?";
     }
+
     return "";
 }
 } // namespace
@@ -112,14 +112,17 @@ std::optional<STRefusal> stReadRefusal(std::string_view csLine)
     if (!csLine.starts_with(csKeyword)) {
         return std::nullopt;
     }
+
     csLine.remove_prefix(csKeyword.size());
     STRefusal stRefusal{};
     const auto stResult = std::from_chars(csLine.data(), csLine.data() + csLine.size(), stRefusal.nCode);
     if (stResult.ec != std::errc{}) {
         return std::nullopt;
     }
+
     csLine.remove_prefix(static_cast<std::size_t>(stResult.ptr - csLine.data()));
-    // One form of the reply has a tab in front of the text, the other nothing at all.
+
+    // Only one form of the reply has a tab between code and text.
     stRefusal.csText = csLine.substr(csLine.starts_with('\t') ? 1 : 0);
     return stRefusal;
 }
@@ -140,8 +143,7 @@ std::optional<std::string> csReadState(std::string_view csLine)
     if (tFields.size() != 2 || tFields[0] != "STATUS") {
         return std::nullopt;
     }
-    const auto* const pst = std::find_if(std::begin(s_tStates), std::end(s_tStates),
-                                         [&](const STWord& st) { return tFields[1] == st.pszSent; });
+    const auto* const pst = std::ranges::find(s_tStates, tFields[1], &STWord::pszSent);
     return pst == std::end(s_tStates) ? std::nullopt : std::optional<std::string>(pst->pszShown);
 }
 
@@ -157,8 +159,7 @@ std::optional<std::string> csReadCluster(std::string_view csLine)
 
 std::string csRefusalWords(const STRefusal& stRefusal, const STAsked& stAsked)
 {
-    const auto* const pst = std::find_if(std::begin(s_tCodes), std::end(s_tCodes),
-                                         [&](const STCode& st) { return st.nCode == stRefusal.nCode; });
+    const auto* const pst = std::ranges::find(s_tCodes, stRefusal.nCode, &STCode::nCode);
     const bool bKnown = pst != std::end(s_tCodes);
     const std::string csServer = stAsked.csServer.empty() ? "" : "\"" + stAsked.csServer + "\"";
     const std::string csOn = " on " + (stAsked.csHost.empty() ? "this machine" : stAsked.csHost);
@@ -170,9 +171,11 @@ std::string csRefusalWords(const STRefusal& stRefusal, const STAsked& stAsked)
                   (bKnown ? pst->pszBefore : " answered with error " + std::to_string(stRefusal.nCode)) +
                   (csServer.empty() ? "" : " about " + csServer);
     }
+
     if (!stRefusal.csText.empty() && (!bKnown || pst->bSystemText)) {
         csWords += " (" + stRefusal.csText + ")";
     }
+
     csWords += stRefusal.nCode == g_nServerUnknown ? stAsked.pszUnknownHint : "";
     return csWords + (bKnown ? csCure(pst->eCure, stAsked) : "");
 }
@@ -180,7 +183,7 @@ std::string csRefusalWords(const STRefusal& stRefusal, const STAsked& stAsked)
 std::string csUnitName(const std::string& csServer)
 {
     std::string csUnit = "DXCS-" + csServer;
-    std::replace(csUnit.begin(), csUnit.end(), ' ', '_'); // as registrations do it
+    std::ranges::replace(csUnit, ' ', '_'); // as the manager names the unit when it registers a server
     return csUnit;
 }
 

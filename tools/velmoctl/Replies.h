@@ -5,8 +5,8 @@
 #include <string_view>
 #include <vector>
 
-/// The manager's reply lines, read. Pure functions: a line without its end comes in, well-formed UTF-8;
-/// nothing else in it is trusted. No result means that the line is no such reply.
+/// Readers for the manager's reply lines. Pure functions: they take a line without its CR LF, in well-formed
+/// UTF-8, and trust nothing else in it. No result means that the line is no such reply.
 
 /// A server as the manager lists it.
 struct STServer
@@ -25,14 +25,15 @@ struct STInfo
     std::vector<STServer> tServers;
 };
 
-/// A reply with an error code; the system's text may be empty, and is not always about the error.
+/// A reply with an error code. Its text comes from errno in the manager; it may be empty or about something
+/// else.
 struct STRefusal
 {
     unsigned int nCode;
     std::string csText;
 };
 
-/// Code for a server that does not exist, also for what is missing of it.
+/// The code for a server that does not exist, or of which something is missing.
 inline constexpr unsigned int g_nServerUnknown = 1;
 
 std::optional<STRefusal> stReadRefusal(std::string_view csLine);
@@ -42,7 +43,7 @@ std::optional<std::string> csReadState(std::string_view csLine);
 /// Name of the cluster manager's machine; empty: the server is in no cluster.
 std::optional<std::string> csReadCluster(std::string_view csLine);
 
-/// Who was asked for what, for messages.
+/// What was asked of whom, for messages.
 struct STAsked
 {
     std::string csHost;              ///< empty: this machine
@@ -50,10 +51,10 @@ struct STAsked
     const char* pszUnknownHint = ""; ///< what else it may mean that the server is unknown
 };
 
-/// What an error code means for a server, with the system's text where it helps, and what to do about it.
+/// What an error code means for a server, with the text of the reply where it helps, and what to do about it.
 std::string csRefusalWords(const STRefusal& stRefusal, const STAsked& stAsked);
 
 /// The unit of a server's service: its name without the type.
 std::string csUnitName(const std::string& csServer);
-/// A word for a shell's command line, in quotation marks where it needs them.
+/// A word that a user can paste into a shell's command line, quoted where necessary.
 std::string csShellWord(const std::string& csWord);

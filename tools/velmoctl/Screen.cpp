@@ -89,22 +89,25 @@ void CScreen::_Draw()
     if (!m_csHeader.empty()) {
         std::cout << m_csHeader << s_csClearLine << "\n";
     }
+
     for (std::size_t n = m_nFirst; n < nEnd; ++n) {
         std::cout << m_tLines[n] << s_csClearLine << "\n";
     }
+
     std::cout << s_csClearBelow;
     if (m_tLines.size() > nRoom) {
         std::cout << m_nFirst << " above, " << m_tLines.size() - nEnd
                   << " more below (arrow keys scroll, q ends)";
     }
+
     std::cout << std::flush;
 }
 
 bool CScreen::_bKeys(std::string_view csKeys)
 {
     while (!csKeys.empty() && csKeys[0] != 'q' && csKeys[0] != 'Q') {
-        const auto* const pst = std::find_if(std::begin(s_tMoves), std::end(s_tMoves),
-                                             [&](const STMove& st) { return csKeys.starts_with(st.pszKey); });
+        const auto* const pst =
+            std::ranges::find_if(s_tMoves, [&](const STMove& st) { return csKeys.starts_with(st.pszKey); });
         if (pst == std::end(s_tMoves)) {
             // The letters of an unknown escape sequence are no keys.
             csKeys.remove_prefix(csKeys[0] == '\033' ? csKeys.size() : 1);
@@ -116,5 +119,6 @@ bool CScreen::_bKeys(std::string_view csKeys)
         _Draw();
         csKeys.remove_prefix(std::string_view(pst->pszKey).size());
     }
+
     return !csKeys.empty();
 }

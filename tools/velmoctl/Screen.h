@@ -8,12 +8,12 @@
 #include <string_view>
 #include <vector>
 
-/// A terminal that shows one page after the other in the same place. A page that is longer than the terminal
-/// is scrolled by key. Off a terminal pages follow each other.
+/// Shows one page after the other in the same place of a terminal; keys scroll a page that is longer than the
+/// terminal. Off a terminal the pages are printed one after the other.
 class CScreen
 {
 public:
-    /// Not live: as off a terminal, on any.
+    /// With false, pages are printed one after the other on a terminal, too.
     explicit CScreen(bool bLive);
     ~CScreen();
     CScreen(const CScreen&) = delete;
@@ -22,7 +22,7 @@ public:
     bool bLive() const { return m_bLive; }
     /// The header stays in place while the lines scroll.
     void Show(const std::string& csHeader, const std::string& csLines);
-    /// Waits and obeys keys meanwhile. True when the user wants no more: "q" was pressed. Throws CFailure
+    /// Waits and obeys keys meanwhile. Returns true when the user pressed "q". Throws CFailure
     /// (INTERRUPTED).
     bool bPauseEnds(Milliseconds clTime);
 

@@ -22,8 +22,7 @@ constexpr const char* s_tStates[] = {"running",    "stopped", "failed", "startin
 
 const STColumn* pstColumn(const std::string& csName)
 {
-    const auto* const pst = std::find_if(std::begin(s_tColumns), std::end(s_tColumns),
-                                         [&](const STColumn& st) { return csName == st.pszName; });
+    const auto* const pst = std::ranges::find(s_tColumns, csName, &STColumn::pszName);
     if (pst == std::end(s_tColumns)) {
         std::string csAll;
         for (const STColumn& st : s_tColumns) {
@@ -36,7 +35,7 @@ const STColumn* pstColumn(const std::string& csName)
 
 void CheckState(const std::string& csState)
 {
-    if (std::find(std::begin(s_tStates), std::end(s_tStates), csState) == std::end(s_tStates)) {
+    if (std::ranges::find(s_tStates, csState) == std::end(s_tStates)) {
         std::string csAll;
         for (const char* const psz : s_tStates) {
             csAll += std::string(csAll.empty() ? "" : ", ") + psz;
@@ -45,7 +44,7 @@ void CheckState(const std::string& csState)
     }
 }
 
-/// Numbers by their value, before texts.
+/// Orders numbers by their value, and before texts.
 bool bLess(const std::string& cs1, const std::string& cs2)
 {
     const auto bNumber = [](const std::string& cs) {
@@ -62,7 +61,7 @@ Json clTextOrNull(const std::string& cs)
     return cs.empty() ? Json() : Json(cs);
 }
 
-/// The object of a server, or of a host without an answer (no server).
+/// The JSON object of a server; without one that of a host that gave no answer.
 Json clJsonRow(const STHostAnswer& stHost, const STServerAnswer* pst, bool bLong)
 {
     Json cl = {{"host", csHostWord(stHost.stHost)}, {"asked", csWhenAsked(stHost)}};
@@ -77,6 +76,7 @@ Json clJsonRow(const STHostAnswer& stHost, const STServerAnswer* pst, bool bLong
         cl["folder"] = clTextOrNull(stServer.csFolder);
         cl["log"] = clTextOrNull(stServer.csLog);
     }
+
     cl["error"] = clJsonFailure(pst != nullptr ? stServer.clFailure : stHost.clFailure);
     return cl;
 }
@@ -88,16 +88,19 @@ CServerList::CServerList(const STOptions& stOptions, bool bManyHosts)
     for (const std::string& cs : tItems(stOptions.tColumns)) {
         m_tColumns.push_back(pstColumn(cs));
     }
+
     if (m_tColumns.empty()) {
         const std::size_t nLast = m_bLong ? std::size(s_tColumns) : s_nShort;
         for (std::size_t n = bManyHosts ? 0 : 1; n < nLast; ++n) {
             m_tColumns.push_back(&s_tColumns[n]);
         }
     }
+
     for (const std::string& cs : tItems(stOptions.tSort)) {
         const bool bReversed = cs.starts_with("-");
         m_tSort.push_back({pstColumn(cs.substr(bReversed ? 1 : 0)), bReversed});
     }
+
     for (const std::string& cs : m_tStates) {
         CheckState(cs);
     }
@@ -113,7 +116,8 @@ std::vector<STListed> CServerList::tRows(const std::vector<const STHostAnswer*>&
             }
         }
     }
-    std::stable_sort(tResult.begin(), tResult.end(), [this](const STListed& st1, const STListed& st2) {
+
+    std::ranges::stable_sort(tResult, [this](const STListed& st1, const STListed& st2) {
         for (const STKey& stKey : m_tSort) {
             const std::string cs1 = stKey.pstColumn->pfnText(st1), cs2 = stKey.pstColumn->pfnText(st2);
             if (cs1 != cs2) {
@@ -122,6 +126,7 @@ std::vector<STListed> CServerList::tRows(const std::vector<const STHostAnswer*>&
         }
         return false;
     });
+
     return tResult;
 }
 
@@ -165,8 +170,7 @@ Json CServerList::clJson(const std::vector<STHostAnswer>& tAnswers) const
 
 bool CServerList::_bWanted(const STServerAnswer& st) const
 {
-    return m_tStates.empty() ||
-           std::find(m_tStates.begin(), m_tStates.end(), csStateShown(st)) != m_tStates.end();
+    return m_tStates.empty() || std::ranges::find(m_tStates, csStateShown(st)) != m_tStates.end();
 }
 
 EColour eStateColour(const std::string& csState)

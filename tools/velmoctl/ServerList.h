@@ -27,8 +27,8 @@ struct STColumn
 class CServerList
 {
 public:
-    /// Throws CFailure (USAGE) for a column or a state that there is not. The host's column is one of several
-    /// machines' usual ones.
+    /// Throws CFailure (USAGE) for an unknown column or state. With several hosts the usual columns begin
+    /// with the host.
     CServerList(const STOptions& stOptions, bool bManyHosts);
 
     /// The rows of some answers, in the order wanted. They refer to the answers.

@@ -1,4 +1,4 @@
-// Commands line by line, each as if it were a command line of its own.
+// Runs commands line by line, each like a command line of its own.
 
 #include "velmoctl/Commands.h"
 #include "velmoctl/Complete.h"
@@ -12,7 +12,7 @@
 #include <unistd.h>
 
 namespace {
-/// One line of the dialog. Ctrl-C ends the command that runs, not the dialog; other signals end both.
+/// Runs one line. Ctrl-C ends the running command but not the shell; SIGTERM and SIGHUP end both.
 EExit eRunLine(const std::string& csLine, const STOptions& stDefaults)
 {
     EExit eResult = EExit::USAGE;
@@ -28,9 +28,11 @@ EExit eRunLine(const std::string& csLine, const STOptions& stDefaults)
     } catch (const CFailure& clFailure) {
         std::cerr << "velmoctl: " << clFailure.what() << "\n";
     }
+
     if (const int nSignal = CInterrupts::nTake(); nSignal != 0 && nSignal != SIGINT) {
         throw CFailure(EExit::INTERRUPTED, "interrupted");
     }
+
     return eResult;
 }
 
@@ -46,9 +48,11 @@ EExit eShell(const STCall& stCall)
     CPrompt clPrompt("velmo> ", [&stCall](const std::vector<std::string>& tWords) {
         return tComplete(tWords, stCall.stOptions);
     });
+
     if (bTerminal(STDIN_FILENO)) {
         std::cout << "Commands of velmoctl; \"help\" lists them, \"quit\" or Ctrl-D ends.\n";
     }
+
     EExit eResult = EExit::DONE;
     for (;;) {
         const std::optional<std::string> csLine = clPrompt.csRead();

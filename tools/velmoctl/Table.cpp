@@ -54,6 +54,7 @@ std::string CTable::_csLine(const CRow& tRow) const
         }
         nMissing += m_tWidths[n] - nWidth + nGap;
     }
+
     return csLine + "\n";
 }
 

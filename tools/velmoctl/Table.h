@@ -13,8 +13,8 @@ struct STCell
 };
 using CRow = std::vector<STCell>;
 
-/// A header and rows in columns two spaces apart, without trailing spaces. Columns only ever grow wider, so
-/// that rows which come later stand below those that are written already.
+/// A header and rows in columns two spaces apart, without trailing spaces. Columns only grow wider,
+/// so that later rows stand in line with those already written.
 class CTable
 {
 public:

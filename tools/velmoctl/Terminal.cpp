@@ -30,14 +30,14 @@ constexpr const char* s_tColours[] = {"", "\033[1m", "\033[32m", "\033[31m", "\0
 
 bool bHarmful(wchar_t c)
 {
-    return std::any_of(std::begin(s_tHarmful), std::end(s_tHarmful),
-                       [c](const STRange& st) { return c >= st.cFirst && c <= st.cLast; });
+    return std::ranges::any_of(s_tHarmful,
+                               [c](const STRange& st) { return c >= st.cFirst && c <= st.cLast; });
 }
 
 std::string csShown(std::string_view csText)
 {
     std::wstring csWideText = csFromUTF8(csText);
-    std::replace_if(csWideText.begin(), csWideText.end(), bHarmful, L'\xFFFD');
+    std::ranges::replace_if(csWideText, bHarmful, L'\xFFFD');
     return csToUTF8(csWideText);
 }
 
@@ -147,7 +147,8 @@ bool bReadLine(std::string* pcsLine, std::size_t nMax)
         while (!bWaitFor(STDIN_FILENO, POLLIN, CDeadline(clLong))) {
         }
         char c = 0;
-        if (::read(STDIN_FILENO, &c, 1) != 1) { // single bytes: what follows the line is for the next call
+        if (::read(STDIN_FILENO, &c, 1) !=
+            1) { // byte by byte: what follows the line belongs to the next reader
             return bAny;
         }
         if (c == '\n') {

@@ -4,19 +4,19 @@
 #include <string_view>
 #include <termios.h>
 
-/// What concerns the terminal, and text on its way there. All text is UTF-8, in every locale.
+/// The terminal, and text on its way there. All text is UTF-8, in every locale.
 
 /// Characters that a terminal may obey instead of showing them: control characters, and marks that change the
 /// direction of writing.
 bool bHarmful(wchar_t c);
-/// Text of others, made harmless for a terminal: such characters and what is not UTF-8 become U+FFFD.
+/// Makes text of others harmless for a terminal: replaces such characters, and what is not UTF-8, by U+FFFD.
 std::string csShown(std::string_view csText);
 /// Columns that a text takes on a terminal.
 std::size_t nColumns(std::string_view csText);
 /// The start of a text that takes no more columns than that.
 std::string csCut(std::string_view csText, std::size_t nMost);
 
-/// Size of the terminal behind standard output; 80 columns and 24 lines when it does not tell.
+/// Size of the terminal on standard output; 80 columns and 24 lines when it does not say.
 struct STSize
 {
     std::size_t nColumns;
@@ -24,7 +24,7 @@ struct STSize
 };
 STSize stTerminalSize();
 
-/// A terminal behind standard input, output or error (0, 1, 2) that understands escape sequences.
+/// Whether standard input, output or error (0, 1, 2) is a terminal that understands escape sequences.
 bool bTerminal(int nFd);
 
 enum class EColour
@@ -39,8 +39,8 @@ enum class EColour
 void SetColours(bool bAllowed);
 std::string csColoured(const std::string& csText, EColour eColour);
 
-/// A passing line on standard error while something takes its time; nothing off a terminal. Gone with the
-/// object.
+/// A line on standard error while something takes time, cleared with the object. Shows nothing off a
+/// terminal.
 class CProgress
 {
 public:

@@ -13,7 +13,7 @@ namespace {
 constexpr std::size_t s_nMaxOutput = 1u << 22;
 constexpr Milliseconds s_clLook(50);
 
-/// How the child begins: its pipe, an empty signal mask, nothing to read.
+/// How a child starts: with its output in a pipe, an empty signal mask, and nothing to read.
 class CStart
 {
 public:
@@ -37,7 +37,7 @@ public:
     CStart(const CStart&) = delete;
     CStart& operator=(const CStart&) = delete;
 
-    /// Process number; 0 when there is no such program.
+    /// The PID; 0 when the program cannot be started.
     pid_t nRun(const std::vector<std::string>& tArguments)
     {
         std::vector<char*> tWords;
@@ -45,15 +45,18 @@ public:
         for (const std::string& cs : tArguments) {
             tWords.push_back(const_cast<char*>(cs.c_str())); // not written to
         }
+
         tWords.push_back(nullptr);
         std::array<std::string, 3> tNew = {"LC_ALL=C", "SYSTEMD_COLORS=0", "SYSTEMD_PAGER="};
         std::vector<char*> tEnvironment;
         for (std::string& cs : tNew) {
             tEnvironment.push_back(cs.data()); // NOLINT(performance-inefficient-vector-operation): three
         }
+
         for (char** ppsz = environ; *ppsz != nullptr; ++ppsz) {
-            tEnvironment.push_back(*ppsz); // of two of one name the first counts
+            tEnvironment.push_back(*ppsz); // getenv takes the first of two with one name, so the new ones win
         }
+
         tEnvironment.push_back(nullptr);
         pid_t nPid = 0;
         return ::posix_spawnp(&nPid, tWords[0], &m_stActions, &m_stAttributes, tWords.data(),
@@ -67,7 +70,7 @@ private:
     posix_spawnattr_t m_stAttributes;
 };
 
-/// A child that is waited for, and killed unless it has ended by itself.
+/// Owns a child: kills it unless it has ended, and collects it.
 class CChild
 {
 public:
@@ -90,7 +93,7 @@ public:
         return ::waitid(P_PID, static_cast<id_t>(m_nPid), &st, WEXITED | WNOHANG | WNOWAIT) == 0 &&
                st.si_pid == m_nPid;
     }
-    /// Its exit status, once its output has ended; -1 when it was not its own.
+    /// Waits for its exit status until the deadline; -1 when there is none, or a signal ended it.
     int nEnd(const CDeadline& clDeadline)
     {
         int nStatus = 0;
@@ -116,6 +119,7 @@ STToolResult stRunTool(const std::vector<std::string>& tArguments, Milliseconds 
     if (::pipe2(tPipe.data(), O_CLOEXEC) != 0) {
         return {};
     }
+
     const CDescripteur clRead(tPipe[0]);
     CDescripteur clWrite(tPipe[1]);
     CChild clChild(CStart(clWrite.nFd()).nRun(tArguments));
@@ -137,8 +141,10 @@ STToolResult stRunTool(const std::vector<std::string>& tArguments, Milliseconds 
         bMore = nRead > 0 && stResult.csOutput.size() <= s_nMaxOutput;
         stResult.csOutput.append(tBytes.data(), static_cast<std::size_t>(std::max<ssize_t>(nRead, 0)));
     }
+
     if (clChild.bStarted() && !bMore) {
         stResult.nStatus = clChild.nEnd(clDeadline);
     }
+
     return stResult;
 }

@@ -1,4 +1,4 @@
-// Uninstalling, which takes one server of one machine.
+// Uninstalls one server of one machine.
 
 #include "velmoctl/Fleet.h"
 #include "velmoctl/Local.h"
@@ -6,6 +6,7 @@
 #include "velmoctl/Terminal.h"
 
 #include <iostream>
+#include <tuple>
 
 namespace {
 std::optional<bool> bReadDone(std::string_view csLine)
@@ -24,7 +25,7 @@ void Tell(const STCall& stCall, const STHost& stHost, const std::string& csName,
     }
 }
 
-/// The manager reports that it has deleted the server's files with this code, and leaves the service.
+/// With this error code the manager reports that it deleted the files of a server. The service is left then.
 constexpr unsigned int s_nFilesDeleted = 12;
 
 /// True when the manager has deleted the files and left the stopped service behind.
@@ -41,6 +42,7 @@ bool bFilesDeleted(CConversation* pclManager, const std::string& csName, bool bD
     if (!bReadDone(csReply)) {
         throw pclManager->clNonsense(csReply);
     }
+
     return false;
 }
 
@@ -51,13 +53,14 @@ struct STOutcome
     const char* pszWords;
 };
 
-/// With files it takes two requests: the first deletes them and leaves the service, the second removes that.
+/// Takes two requests when files are to be deleted: the first deletes them but leaves the service, the second
+/// removes the service.
 STOutcome stRemove(CConversation* pclManager, const std::string& csName, bool bDeleteFiles)
 {
     CProgress clProgress("uninstalling...");
     if (bFilesDeleted(pclManager, csName, bDeleteFiles)) {
         try {
-            (void)bFilesDeleted(pclManager, csName, false);
+            std::ignore = bFilesDeleted(pclManager, csName, false);
         } catch (const CFailure& clFailure) {
             throw CFailure(clFailure.eExit(), "the files of \"" + csName +
                                                   "\" are deleted, its service is still registered: " +
@@ -65,14 +68,16 @@ STOutcome stRemove(CConversation* pclManager, const std::string& csName, bool bD
         }
         return {EExit::DONE, "files deleted", "is uninstalled, its files are deleted"};
     }
+
     if (!bDeleteFiles) {
         return {EExit::DONE, "files kept", "is uninstalled, its files are kept"};
     }
-    // The manager removes the service at once only when there was nothing that it could delete whole.
+
+    // The manager removes the service at once only when it could not delete all of the files.
     return {EExit::REFUSED, "files left", "is uninstalled, but its files could not all be deleted"};
 }
 
-/// A server whose state cannot be read can be uninstalled all the same.
+/// The state for the question. A server whose state cannot be read can be uninstalled all the same.
 std::string csStateOrUnknown(CConversation* pclManager, const std::string& csName)
 {
     constexpr unsigned int nUnreadable = 4;
@@ -88,7 +93,7 @@ std::string csStateOrUnknown(CConversation* pclManager, const std::string& csNam
     return *csState;
 }
 
-/// What would be deleted with the files, as far as it is known from here.
+/// The folder that would be deleted, by its path where that is known: on this machine.
 std::string csFolderWords(const STHost& stHost, const std::string& csName)
 {
     const std::string csFolder = bThisMachine(stHost) ? csFolderOf(csName) : "";
@@ -119,6 +124,7 @@ EExit eUninstall(const STCall& stCall)
         !bConfirm(csShown("\"" + csName + "\" " + csIs + ". Uninstall: " + csWould + "?"))) {
         throw CFailure(EExit::DECLINED, "nothing was changed");
     }
+
     const STOutcome stOutcome = stRemove(&clManager, csName, stCall.stOptions.bDeleteFiles);
     Tell(stCall, stHost, csName, stOutcome.pszJson, csOn + stOutcome.pszWords);
     return stOutcome.eExit;

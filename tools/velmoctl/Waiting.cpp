@@ -19,7 +19,7 @@ CDescripteur& clSignals()
 
 Milliseconds CDeadline::clLeft() const
 {
-    // Rounded up: a wait of 0 before the end would spin.
+    // Rounded up: in the last millisecond a wait of 0 would spin.
     const auto clLeft = std::chrono::ceil<Milliseconds>(m_clEnd - std::chrono::steady_clock::now());
     return std::max(clLeft, Milliseconds::zero());
 }
@@ -64,6 +64,7 @@ bool bWaitForAny(std::span<pollfd> tWait, const CDeadline& clDeadline)
     if (nReady > 0 && tAll.back().revents != 0) {
         throw CFailure(EExit::INTERRUPTED, "interrupted");
     }
+
     std::copy(tAll.begin(), tAll.end() - 1, tWait.begin());
     return nReady > 0;
 }

@@ -6,7 +6,7 @@
 
 using Milliseconds = std::chrono::milliseconds;
 
-/// A moment after which nothing is waited for any more.
+/// The moment at which a wait ends.
 class CDeadline
 {
 public:
@@ -22,16 +22,16 @@ private:
     std::chrono::steady_clock::time_point m_clEnd;
 };
 
-/// Signals that end a command in an orderly way: SIGINT, SIGTERM and SIGHUP, once Catch was called. Before
-/// that they have their usual effect. Catch blocks them in the calling thread and those it starts later, so
-/// it belongs into the main thread before any other runs.
+/// Makes SIGINT, SIGTERM and SIGHUP end a command in an orderly way from the call of Catch on; before that
+/// they have their usual effect. Catch blocks them in the calling thread and those that it starts later, so
+/// call it in the main thread before there are others.
 class CInterrupts
 {
 public:
     static void Catch();
     /// Readable while a signal is waiting; -1 before Catch.
     static int nFd();
-    /// Takes the waiting signals back and returns the number of the last; 0 when there was none.
+    /// Takes all waiting signals. Returns the number of the last; 0 when there was none.
     static int nTake();
 };
 

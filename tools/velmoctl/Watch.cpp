@@ -1,4 +1,4 @@
-// The list in the same place of the terminal again and again, until "q".
+// Shows the list again and again in the same place of the terminal, until "q".
 
 #include "velmoctl/Fleet.h"
 #include "velmoctl/Screen.h"
@@ -6,10 +6,9 @@
 
 #include <cmath>
 #include <iostream>
-#include <iterator>
 
 namespace {
-/// A page as it is now: the rows of those that have answered, then what went wrong.
+/// Shows a page: the rows of the machines that have answered, then what went wrong.
 void Show(const CServerList& clList, bool bHeader, const std::vector<const STHostAnswer*>& tAnswers,
           const std::vector<std::string>& tMore, CScreen* pclScreen)
 {
@@ -36,6 +35,7 @@ EExit eLook(const STCall& stCall, const STQuestions& stQuestions, const CServerL
             Show(clList, bHeader, tSeen, {}, pclScreen);
         }
     };
+
     const auto tAnswers = tAskFleet(stQuestions, true, fnTake);
     const std::vector<std::string> tTrouble = tTroubles(tAnswers, clSelection);
     if (stCall.stOptions.bJson) {
@@ -44,10 +44,12 @@ EExit eLook(const STCall& stCall, const STQuestions& stQuestions, const CServerL
         Show(clList, bHeader, tPointers(tAnswers), pclScreen->bLive() ? tTrouble : std::vector<std::string>(),
              pclScreen);
     }
+
     if (!pclScreen->bLive()) {
         TellTroubles(tTrouble);
         return eWorstOf(tAnswers, clSelection);
     }
+
     return EExit::DONE;
 }
 } // namespace
@@ -57,7 +59,7 @@ EExit eWatch(const STCall& stCall)
     const STQuestions stQuestions = stStateQuestions(stCall);
     const CServerList clList(stCall.stOptions, stQuestions.tHosts.size() > 1);
     const Milliseconds clPause(std::lround(stCall.stOptions.dInterval * 1000));
-    CInterrupts::Catch(); // the cursor must come back
+    CInterrupts::Catch(); // so that Ctrl-C, too, gives the cursor back
     CScreen clScreen(!stCall.stOptions.bJson);
     EExit eResult = EExit::DONE;
     try {
@@ -73,5 +75,6 @@ EExit eWatch(const STCall& stCall)
         }
         return EExit::DONE; // the usual way to end it
     }
+
     return eResult;
 }
