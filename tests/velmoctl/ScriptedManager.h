@@ -18,6 +18,14 @@
 #include <utility>
 #include <vector>
 
+inline const std::string g_csGreeting = "HELLO FROM SERVEUR SETUP 24.0.6.0\r\n";
+
+/// The answer to INFO for servers that are given with a tab before each field.
+inline std::string csInfo(const std::string& csServers)
+{
+    return "YES\t24.0.6.0\tLinux X\t6.1\t2 x Y\t64 Mo" + csServers;
+}
+
 /// One connection of a client, seen from the other side.
 class CClientSide
 {
@@ -40,6 +48,16 @@ public:
             cs += c;
         }
         return cs.substr(0, cs.find('\r'));
+    }
+    /// Sends texts: the first at once, each other one after a line of the client.
+    void Recite(const std::vector<std::string>& tTexts) const
+    {
+        for (std::size_t n = 0; n < tTexts.size(); ++n) {
+            if (n > 0) {
+                csLine();
+            }
+            bSend(tTexts[n]);
+        }
     }
     void HangUp() const { ::shutdown(m_clSocket.nFd(), SHUT_WR); }
     /// Answers nothing until the client is gone.
@@ -111,7 +129,7 @@ public:
 private:
     void _Serve(const CClientSide& clClient)
     {
-        clClient.bSend("HELLO FROM SERVEUR SETUP 24.0.6.0\r\n");
+        clClient.bSend(g_csGreeting);
         for (std::string cs; !(cs = clClient.csLine()).empty();) {
             const std::string csAnswer = cs == "MODE_UTF8" ? "OK" : _csAnswer(cs);
             if (csAnswer.empty()) {

@@ -18,7 +18,6 @@ using ::testing::HasSubstr;
 
 namespace {
 using CClock = std::chrono::steady_clock;
-const std::string s_csGreeting = "HELLO FROM SERVEUR SETUP 24.0.6.0\r\n";
 
 /// What an endless line may cost is a small part of this. Sanitizers need more than any limit.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -36,21 +35,16 @@ std::string csHere(const std::string& csOutput)
         csReplaceAll<char>(csOutput, "\"host\":\"" + std::string(szName.data()) + "\"", "\"host\":\"HERE\"");
     return std::regex_replace(cs, std::regex("20[0-9-]+T[0-9:]+Z"), "WHEN");
 }
-
-std::string csHost(const std::string& csServers)
-{
-    return "YES\t24.0.6.0\tLinux X\t6.1\t2 x Y\t64 Mo" + csServers;
-}
 } // namespace
 
 TEST(Client, ServersAreReadInPairsAlsoAroundNamesWithTabs)
 {
     const std::pair<std::string, const char*> tCases[] = {
-        {csHost(""), "[]\n"},
-        {csHost("\ta\t1\t\t4900\tc\tauto"), "[\"a\",\"dxsql\",\"c\"]\n"},
-        {csHost("\ta\tb\t1\tc\t2"), "[\"a b\",\"c\"]\n"},
-        {csHost("\tcut off"), "[]\n"},
-        {csHost("\t\"\\\x01\xE2\x80\xAEé\t1"), "[\"\\\"\\\\\\u0001\\u202eé\"]\n"},
+        {csInfo(""), "[]\n"},
+        {csInfo("\ta\t1\t\t4900\tc\tauto"), "[\"a\",\"dxsql\",\"c\"]\n"},
+        {csInfo("\ta\tb\t1\tc\t2"), "[\"a b\",\"c\"]\n"},
+        {csInfo("\tcut off"), "[]\n"},
+        {csInfo("\t\"\\\x01\xE2\x80\xAEé\t1"), "[\"\\\"\\\\\\u0001\\u202eé\"]\n"},
         {"YES\tv\ts\tk\tp", "answered what was not expected: \"YES�v�s�k�p\"\n"},
     };
     for (const auto& [csReply, pszNames] : tCases) {
@@ -61,7 +55,7 @@ TEST(Client, ServersAreReadInPairsAlsoAroundNamesWithTabs)
 
 TEST(Client, ShowsWhatTheManagerAnswersForReadersAndForPrograms)
 {
-    CScriptedManager clManager({{"INFO", csHost("\tOrders\t4900\tDonnées 1\t\t\t007")},
+    CScriptedManager clManager({{"INFO", csInfo("\tOrders\t4900\tDonnées 1\t\t\t007")},
                                 {"STATUS\tOrders", "STATUS\tRUNNING"},
                                 {"STATUS\tDonnées 1", "STATUS\tSTART_PENDING"},
                                 {"STATUS\tdxsql", "STATUS\tUNKWNOWN"},
@@ -89,8 +83,7 @@ TEST(Client, ShowsWhatTheManagerAnswersForReadersAndForPrograms)
         {"status 'Données 1'", 3, "starting\n"},
         {"status \"$(printf 'Donn\\351es 1')\"", 3, "starting\n"}, // a single-byte terminal's
         {"status gone", 4,
-         "velmoctl: there is no server \"gone\" on this machine; \"velmoctl list\" shows those there "
-         "are\n"},
+         "velmoctl: there is no server \"gone\" on this machine; \"velmoctl list\" shows those there are\n"},
         {"status dark", 4,
          "velmoctl: the state of the server \"dark\" on this machine could not be read (Connection timed "
          "out); \"systemctl status DXCS-dark\" tells why\n"},
@@ -120,8 +113,7 @@ TEST(Client, ShowsWhatTheManagerAnswersForReadersAndForPrograms)
          "this velmoctl?\n"},
         {"cluster gone", 1,
          "velmoctl: there is no server \"gone\" on this machine, or its folder is missing; \"velmoctl list\" "
-         "shows "
-         "those there are\n"},
+         "shows those there are\n"},
     };
     for (const char* pszLocale : {"C", "C.UTF-8", "fr_FR.ISO-8859-1"}) {
         ::setenv("LC_ALL", pszLocale, 1);
@@ -152,10 +144,9 @@ TEST(Client, UninstallingFollowsTheManagersAnswers)
          "\"X\" is uninstalled, but its files could not all be deleted"},
         {"--yes --delete-files", "ERROR\t12\tSuccess", "ERROR\t13Read-only", 1,
          "velmoctl: the files of \"X\" are deleted, its service is still registered: the server \"X\" on "
-         "this "
-         "machine is stopped, but its service could not be removed (Read-only); \"systemctl status DXCS-X\" "
-         "tells "
-         "why; try again without --delete-files"},
+         "this machine is stopped, but its service could not be removed (Read-only); \"systemctl status "
+         "DXCS-X\" "
+         "tells why; try again without --delete-files"},
         {"--yes", nullptr, "ERROR\t3Canceled", 1,
          "\"X\" on this machine could not be stopped, so nothing was removed (Canceled); \"systemctl status"},
         {"--yes", nullptr, "ERROR\t11", 1,
@@ -200,11 +191,11 @@ TEST(Client, AnAbsentSlowOrHostileManagerIsAClearErrorInTime)
         {{}, {}, 4, "broke off without a reply"},
         {{"220 mail ready\r\n"}, "", 4, "is not a manager"},
         {{}, "H", 3, "did not answer within 0.5 s"},
-        {{s_csGreeting, "ERROR\t8\r\n"}, "", 4, "answered what was not expected: \"ERROR"},
-        {{s_csGreeting, "OK\r\n", "YES\t1"}, {}, 4, "broke off in a reply"},
-        {{s_csGreeting, "OK\r\n", ""}, std::string(65536, '\r'), 4, "sends a line without an end"},
-        {{s_csGreeting, "OK\r\n", "STATUS\tRUNNING\r\n"}, "", 4, "answered what was not expected: \"STATUS"},
-        {{s_csGreeting, "OK\r\n", "\033]0;owned\a\xC2\x9B\xE2\x80\xAE" + std::string(4000, 'y') + "\r\n"},
+        {{g_csGreeting, "ERROR\t8\r\n"}, "", 4, "answered what was not expected: \"ERROR"},
+        {{g_csGreeting, "OK\r\n", "YES\t1"}, {}, 4, "broke off in a reply"},
+        {{g_csGreeting, "OK\r\n", ""}, std::string(65536, '\r'), 4, "sends a line without an end"},
+        {{g_csGreeting, "OK\r\n", "STATUS\tRUNNING\r\n"}, "", 4, "answered what was not expected: \"STATUS"},
+        {{g_csGreeting, "OK\r\n", "\033]0;owned\a\xC2\x9B\xE2\x80\xAE" + std::string(4000, 'y') + "\r\n"},
          "",
          4,
          "\"�]0;owned���yyy"},
@@ -212,12 +203,7 @@ TEST(Client, AnAbsentSlowOrHostileManagerIsAClearErrorInTime)
     for (const auto& st : tCases) {
         SCOPED_TRACE(st.pszWords);
         CScriptedServer clServer([&st](const CClientSide& cl) {
-            for (const std::string& cs : st.tSent) {
-                if (&cs != &st.tSent.front()) {
-                    cl.csLine();
-                }
-                cl.bSend(cs);
-            }
+            cl.Recite(st.tSent);
             if (!st.csOnAndOn) {
                 cl.HangUp();
             }
@@ -249,7 +235,7 @@ TEST(Client, AListAsksAtOnceAndIsShownAsFarAsItCanBeHadInTime)
     for (int n = 0; n < 160; ++n) {
         csServers += "\tmute\t1";
     }
-    CScriptedManager clManager({{"INFO", csHost(csServers)},
+    CScriptedManager clManager({{"INFO", csInfo(csServers)},
                                 {"STATUS\tmute", ""},
                                 {"STATUS\tgood", "STATUS\tPAUSED"},
                                 {"STATUS\tlost", "ERROR\t1\n"}});
@@ -285,7 +271,7 @@ TEST(Client, ForgedAnswersToADiscoveryAreLeftOut)
             csQuestions.append(tBytes.data(), static_cast<std::size_t>(nRead));
             for (const std::string& cs :
                  {std::string(), std::string("\r\n"), std::string("YES\tv"), std::string(60'000, '\xFF'),
-                  csHost("\t\033[2Jx\t1"), csHost("\tagain\t2")}) {
+                  csInfo("\t\033[2Jx\t1"), csInfo("\tagain\t2")}) {
                 ::sendto(clSocket.nFd(), cs.data(), cs.size(), 0, reinterpret_cast<sockaddr*>(&st), nLength);
             }
         }
@@ -333,7 +319,7 @@ TEST(Client, AWrongCommandLineIsToldAndNothingIsSent)
 
 TEST(Client, OutputThatCannotBeWrittenIsAnError)
 {
-    CScriptedManager clManager(CScriptedManager::Answers{{"INFO", csHost("")}});
+    CScriptedManager clManager(CScriptedManager::Answers{{"INFO", csInfo("")}});
     EXPECT_EQ(stClient(clManager.csPort(), "info >/dev/full").nStatus, 1);
     const STCommandResult stResult = stClient(clManager.csPort(), "watch --interval 0.01 | head -n 2");
     EXPECT_EQ(stResult.csOutput, "NAME  PORT  STATE\nNAME  PORT  STATE\n"); // and it ends
@@ -354,7 +340,7 @@ TEST(Client, OutOfThreadsFewerAskAndAnUnknownHostIsStillAClearError)
     if (::geteuid() != 0) {
         GTEST_SKIP() << "SKIPPED: needs root, to be a user with a limit";
     }
-    CScriptedManager clManager(CScriptedManager::Answers{{"INFO", csHost("")}});
+    CScriptedManager clManager(CScriptedManager::Answers{{"INFO", csInfo("")}});
     const auto stLimited = [&](int nThreads, const char* pszHosts) {
         return stRun("setpriv --reuid=64321 --clear-groups prlimit --nproc=" + std::to_string(nThreads) +
                      " " + csClient() + " --port " + clManager.csPort() + " list --names --host " + pszHosts);

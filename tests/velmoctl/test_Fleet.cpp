@@ -23,6 +23,13 @@ constexpr int s_nMachines = 40;
 /// Machine numbers of those that are no good, and of the one with many servers.
 constexpr int s_nRefuses = 5, s_nHangs = 11, s_nHalf = 17, s_nForeign = 23, s_nCrowded = 31;
 
+/// What those send that answer, but not as a manager does.
+const std::map<int, std::vector<std::string>> s_tScripts = {
+    {s_nHangs, {g_csGreeting}},
+    {s_nHalf, {g_csGreeting, "OK\r\n", "YES\t24.0.6.0\tLinux"}},
+    {s_nForeign, {"220 mail ready\r\n"}},
+};
+
 /// A service manager whose machine has $SERVERS servers, all running.
 constexpr const char* s_pszSystemctl = R"(
 show() {
@@ -118,23 +125,9 @@ private:
     void _Populate(int nMachine)
     {
         const std::string csMachine = "m" + csNumber(nMachine);
-        if (nMachine == s_nHangs) {
-            _Script(csMachine, [](const CClientSide& cl) {
-                cl.bSend("HELLO FROM SERVEUR SETUP 24.0.6.0\r\n");
-                cl.StaySilent();
-            });
-        } else if (nMachine == s_nHalf) {
-            _Script(csMachine, [](const CClientSide& cl) {
-                cl.bSend("HELLO FROM SERVEUR SETUP 24.0.6.0\r\n");
-                cl.csLine();
-                cl.bSend("OK\r\n");
-                cl.csLine();
-                cl.bSend("YES\t24.0.6.0\tLinux");
-                cl.StaySilent();
-            });
-        } else if (nMachine == s_nForeign) {
-            _Script(csMachine, [](const CClientSide& cl) {
-                cl.bSend("220 mail ready\r\n");
+        if (const auto it = s_tScripts.find(nMachine); it != s_tScripts.end()) {
+            _Script(csMachine, [&tTexts = it->second](const CClientSide& cl) {
+                cl.Recite(tTexts);
                 cl.StaySilent();
             });
         } else if (nMachine != s_nRefuses) {

@@ -56,14 +56,12 @@ TEST(Lint, LinesThatReaderOrWriterDoNotSeeAreFoundWithTheirNumber)
          "2: \"Name\" is indented: it is read, but a change will write a second line, which is never read\n"},
         {" [INIT]\nName=x\n",
          "1: the indented header \"INIT\" is read, but a change will write a second section\n"},
-        {"[INIT]\n\nName=x\n",
-         "3: \"Name\" is after line 2, where the section ends for a change: a second line will "
-         "be written there\n"},
-        {"[INIT]\n[oops\nName=x\n",
-         "2: a line that begins with \"[\" but has no \"]\" is no section header, but a change of a later "
-         "key does not get past it\n"
-         "3: \"Name\" is after line 2, where the section ends for a change: a second line will be written "
-         "there\n"},
+        {"[INIT]\n\nName=x\n", "3: \"Name\" is after line 2, where the section ends for a change: a second "
+                               "line will be written there\n"},
+        {"[INIT]\n[oops\nName=x\n", "2: a line that begins with \"[\" but has no \"]\" is no section header, "
+                                    "but a change of a later key does not get past it\n"
+                                    "3: \"Name\" is after line 2, where the section ends for a change: a "
+                                    "second line will be written there\n"},
         {"[INIT]\nName=x", "2: the last line has no newline: what is added later will continue it\n"},
         {"[INIT]\nName=x\0y\n"s, "2: what follows the NUL character is not read\n"},
         {"[INIT]\nName=x\ry\n", "2: what follows the carriage return is not read\n"},
@@ -93,8 +91,7 @@ TEST(Lint, ValuesThatDoNotReadAsTheirTypeAreFound)
         {"ErrorLogMode=file", "ErrorLogMode: \"file\" logs nowhere: only SYSTEM and FILE, in capitals, do"},
         {"SocketOptions=ipv4_only,IPV6_ONLY", ""},
         {"SocketOptions=IPV4_ONLY, IPV6_ONLY",
-         "SocketOptions: \" IPV6_ONLY\" is none of the words IPV4_ONLY, "
-         "IPV6_ONLY, IPV4_IPV6, IPV6_IPV4"},
+         "SocketOptions: \" IPV6_ONLY\" is none of the words IPV4_ONLY, IPV6_ONLY, IPV4_IPV6, IPV6_IPV4"},
         {"DBRootPath=%%COMMON%%db", "DBRootPath: the path is taken to begin with %%COMMONAPPDATA%%"},
         {"DBRootPath=%%exe%%db",
          "DBRootPath: the path begins with no known macro (%%EXE%%, %%COMMONAPPDATA%%)"},
