@@ -89,6 +89,7 @@ TEST(Terminal, UninstallingHappensOnlyAfterAYes)
     const std::tuple<const char*, int, const char*> tCases[] = {
         {"y\n", 0, "STATUS\tStock|UNINSTALL\tStock\t0|"},
         {"no\n", 5, "STATUS\tStock|"},
+        {"\n", 5, "STATUS\tStock|"},
         {"\x04", 5, "STATUS\tStock|"},
         {"\x03", 130, "STATUS\tStock|"}};
     for (const auto& [pszTyped, nStatus, pszAsked] : tCases) {
