@@ -1,6 +1,7 @@
 #pragma once
 
 #include "manager/LineBuffer.h"
+#include "manager/ReplyCodes.h"
 #include "support/Descripteur.h"
 #include "support/XYString.h"
 #include "support/ZTSem.h"
@@ -10,20 +11,6 @@
 #include <string>
 #include <string_view>
 #include <vector>
-
-/// Codes of the "ERROR\t%u" replies.
-enum eError : unsigned int
-{
-    ERREUR_AUCUNE = 0,
-    ERREUR_SERVICE_INCONNU = 1, ///< no such server service
-    ERREUR_START = 2,
-    ERREUR_STOP = 3,
-    ERREUR_STATUS = 4,
-    ERREUR_COMMANDE_INCONNUE = 8,
-    ERREUR_UNINSTALL_INCONNU = 11,  ///< UNINSTALL: no such server service
-    ERREUR_UNINSTALL_FICHIERS = 12, ///< UNINSTALL: the step on the server's directory
-    ERREUR_UNINSTALL_SERVICE = 13,  ///< UNINSTALL: the service could not be removed
-};
 
 /// Files received with a conversation: names, and the temporary files they were put in.
 struct CInstallInfo

@@ -1,5 +1,6 @@
 #include "manager/PipeServer.h"
 
+#include "support/ManagerNames.h"
 #include "support/SignalMask.h"
 #include "support/SystemCall.h"
 #include "support/WorkerThread.h"
@@ -97,7 +98,7 @@ CDescripteur clCreateFifo(const char* pszName)
 void SendReply(int nReply, const stRET& stReturn)
 {
     std::array<char, 48> szName; // no allocation: for want of memory the reply is needed most
-    std::snprintf(szName.data(), szName.size(), "/tmp/__pipe_velmomanager_%d", nReply);
+    std::snprintf(szName.data(), szName.size(), "%s%d", g_szReplyPipePrefix, nReply);
     const CDescripteur clReply(::open(szName.data(), s_nOpenFlags));
     struct stat st
     {};

@@ -1,11 +1,9 @@
 #pragma once
 
 #include "manager/PipeServer.h"
+#include "support/ManagerNames.h"
 
 class CSetupManager;
-
-/// The FIFO through which database servers register.
-inline constexpr char g_szManagerPipe[] = "/tmp/__pipe_velmomanager__";
 
 /// The manager's local pipe: each request asks for the registration of a database server, which the setup
 /// manager carries out; its text (empty: done) is the reply. Owned by the setup manager.

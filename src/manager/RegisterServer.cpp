@@ -9,6 +9,7 @@
 #include "service/CommandLine.h"
 #include "support/accesdllres.h"
 #include "support/DiskFile.h"
+#include "support/ManagerNames.h"
 #include "support/Stopping.h"
 #include "support/WinApi.h"
 

@@ -4,9 +4,9 @@
 #include "config/Settings.h"
 #include "manager/Dialog.h"
 #include "manager/ServerFolder.h"
-#include "manager/SetupManager.h"
 #include "service/ServiceManagerUnix.h"
 #include "support/DiskFile.h"
+#include "support/ManagerNames.h"
 
 #include <cerrno>
 

@@ -1,9 +1,10 @@
 #include "manager/RestartOnFailed.h"
 
 #include "manager/FailedListing.h"
-#include "manager/SetupManager.h"
 #include "service/ServiceManagerUnix.h"
 #include "support/accesdllres.h"
+#include "support/ManagerNames.h"
+#include "support/Stopping.h"
 
 #include <memory>
 #include <vector>

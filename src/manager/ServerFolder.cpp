@@ -1,10 +1,11 @@
 #include "manager/ServerFolder.h"
 
 #include "main/Logger.h"
-#include "manager/SetupManager.h"
+#include "service/ServiceManagerUnix.h"
 #include "support/accesdllres.h"
 #include "support/Conversion.h"
 #include "support/DiskFile.h"
+#include "support/ManagerNames.h"
 #include "support/WinApi.h"
 
 #include <cerrno>

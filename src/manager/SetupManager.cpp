@@ -8,6 +8,7 @@
 #include "support/DescriptorLimit.h"
 #include "support/DiskFile.h"
 #include "support/FileVersion.h"
+#include "support/ManagerNames.h"
 #include "support/Stopping.h"
 #include "support/SystemCall.h"
 #include "support/SystemInfo.h"

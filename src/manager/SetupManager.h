@@ -21,15 +21,6 @@
 #include <string>
 #include <vector>
 
-/// Port of the TCP server and of the ping echo; fixed.
-inline constexpr std::uint16_t g_wManagerPort = 4999;
-/// Name prefix of every database-server service.
-inline constexpr wchar_t g_szServerPrefix[] = L"DXCS-";
-/// A service that counts as a server without the prefix.
-inline constexpr wchar_t g_szDefaultServer[] = L"dxsql";
-/// Name of the manager's own service.
-inline constexpr wchar_t g_szManagerService[] = L"VelmoManager";
-
 /// Proof that the service lock is held.
 using CServiceGuard = std::unique_lock<CStoppableLock>;
 

@@ -2,7 +2,9 @@
 
 #include "config/Settings.h"
 #include "config/WinApi.h"
+#include "manager/PipeRecords.h"
 #include "support/Conversion.h"
+#include "support/ManagerNames.h"
 #include "velmoctl/Json.h"
 #include "velmoctl/Query.h"
 #include "velmoctl/Terminal.h"
@@ -17,15 +19,6 @@
 #include <sys/stat.h>
 
 namespace {
-constexpr const char* s_pszManagerPipe = "/tmp/__pipe_velmomanager__";
-
-/// Request with UTF-16 texts, and reply, as they lie in the pipes (little-endian).
-constexpr std::int32_t s_nFormUTF16 = 1;
-constexpr std::size_t s_nForm = 4, s_nPort = 8, s_nName = 10, s_nPath = 268, s_nRequest = 792;
-constexpr std::size_t s_nNameBytes = 256, s_nPathBytes = 522; // what remains is a NUL
-constexpr std::size_t s_nReplyText = 500, s_nReply = 501;
-using CRequest = std::array<char, s_nRequest>;
-
 /// The FIFO for one reply, under a number that no other process uses; gone with the object.
 class CReplyPipe
 {
@@ -51,11 +44,11 @@ public:
         if (!bWaitFor(m_clPipe.nFd(), POLLIN, clDeadline)) {
             throw CFailure(EExit::UNREACHABLE, "the manager did not answer in time; it may still be at it");
         }
-        std::array<char, s_nReply> tReply{};
-        if (::read(m_clPipe.nFd(), tReply.data(), tReply.size()) != static_cast<ssize_t>(tReply.size())) {
+        stRET stReply{};
+        if (::read(m_clPipe.nFd(), &stReply, sizeof stReply) != sizeof stReply) {
             throw CFailure(EExit::NONSENSE, "the manager's reply is not whole");
         }
-        return {tReply.data(), ::strnlen(tReply.data(), s_nReplyText)};
+        return {stReply.szText.data(), ::strnlen(stReply.szText.data(), stReply.szText.size())};
     }
 
 private:
@@ -63,7 +56,7 @@ private:
 
     static std::string s_csName(std::int32_t nNumber)
     {
-        return "/tmp/__pipe_velmomanager_" + std::to_string(nNumber);
+        return g_szReplyPipePrefix + std::to_string(nNumber);
     }
     /// Makes the FIFO and returns its number: this process's, or where a FIFO of that number was left behind
     /// one that lies beyond every process number.
@@ -87,7 +80,7 @@ private:
 /// Only a FIFO will do, and one that somebody reads: else the request would wait for a manager to come.
 CDescripteur clOpenManagerPipe()
 {
-    CDescripteur clPipe(::open(s_pszManagerPipe, O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW));
+    CDescripteur clPipe(::open(g_szManagerPipe, O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW));
     if (!clPipe.bOpen() && (errno == ENOENT || errno == ENXIO)) {
         throw CFailure(EExit::UNREACHABLE, "no manager runs on this machine");
     }
@@ -97,15 +90,15 @@ CDescripteur clOpenManagerPipe()
     struct stat st
     {};
     if (::fstat(clPipe.nFd(), &st) != 0 || !S_ISFIFO(st.st_mode)) {
-        throw CFailure(EExit::NONSENSE, std::string(s_pszManagerPipe) + " is not the manager's pipe");
+        throw CFailure(EExit::NONSENSE, std::string(g_szManagerPipe) + " is not the manager's pipe");
     }
     return clPipe;
 }
 
 /// All at once, or not at all.
-void Write(const CDescripteur& clPipe, const CRequest& tRequest, const CDeadline& clDeadline)
+void Write(const CDescripteur& clPipe, const stSEND& stRequest, const CDeadline& clDeadline)
 {
-    while (::write(clPipe.nFd(), tRequest.data(), tRequest.size()) < 0) {
+    while (::write(clPipe.nFd(), &stRequest, sizeof stRequest) < 0) {
         if (errno != EAGAIN) {
             throw clSystemFailure(EExit::UNREACHABLE, "the manager does not take the request");
         }
@@ -115,16 +108,18 @@ void Write(const CDescripteur& clPipe, const CRequest& tRequest, const CDeadline
     }
 }
 
-/// Puts a text into its field of the request, in UTF-16. Throws CFailure (USAGE) when it does not fit.
-void PutText(const std::string& csText, std::size_t nOffset, std::size_t nMax, const char* pszWhat,
-             CRequest* ptRequest)
+/// Puts a text into its field of the request, in UTF-16, whose last character stays NUL. Throws CFailure
+/// (USAGE) when it does not fit.
+template <std::size_t nSize>
+void PutText(const std::string& csText, const char* pszWhat, std::array<char16_t, nSize>* pszField)
 {
-    const std::string csUnits = csToUTF16(csFromUTF8(csText));
-    if (csText.empty() || csUnits.size() > nMax) {
+    constexpr std::size_t nMax = nSize - 1;
+    const std::string csBytes = csToUTF16(csFromUTF8(csText));
+    if (csText.empty() || csBytes.size() > nMax * sizeof(char16_t)) {
         throw CFailure(EExit::USAGE,
-                       std::string(pszWhat) + " must have 1 to " + std::to_string(nMax / 2) + " characters");
+                       std::string(pszWhat) + " must have 1 to " + std::to_string(nMax) + " characters");
     }
-    csUnits.copy(&(*ptRequest)[nOffset], csUnits.size());
+    std::memcpy(pszField->data(), csBytes.data(), csBytes.size());
 }
 
 /// The path as the manager needs it: absolute, since it runs elsewhere.
@@ -151,7 +146,7 @@ std::string csServerWithPort(std::uint16_t wPort, const std::string& csName)
 {
     constexpr Milliseconds clMoment(2000);
     try {
-        CConversation clManager({"", "", 4999}, clMoment);
+        CConversation clManager({"", "", g_wManagerPort}, clMoment);
         for (const STServer& st : tAskFor(&clManager, {"INFO"}, "", stReadInfo).tServers) {
             if (st.csPort == std::to_string(wPort) && st.csName != csName) {
                 return st.csName;
@@ -190,28 +185,31 @@ void Warn(const std::string& csName, const std::string& csGiven, const std::stri
     }
 }
 
-/// What lies in the pipe for one registration. Throws CFailure (USAGE).
-CRequest tRequestFor(const std::string& csName, const std::string& csPath, std::uint16_t wPort)
+/// The request for one registration, without the number of the reply's FIFO. Throws CFailure (USAGE).
+stSEND stRequestFor(const std::string& csName, const std::string& csPath, std::uint16_t wPort)
 {
-    CRequest tRequest{};
-    PutText(csName, s_nName, s_nNameBytes, "the name", &tRequest);
-    PutText(csPath, s_nPath, s_nPathBytes, "the program's path", &tRequest);
-    std::memcpy(&tRequest[s_nForm], &s_nFormUTF16, sizeof s_nFormUTF16);
-    std::memcpy(&tRequest[s_nPort], &wPort, sizeof wPort);
-    return tRequest;
+    STSendUTF16 stContent{};
+    PutText(csName, "the name", &stContent.szName);
+    PutText(csPath, "the program's path", &stContent.szPath);
+    stContent.wPort = wPort;
+
+    stSEND stRequest{};
+    stRequest.nForm = PIPE_FORM_UTF16;
+    static_assert(sizeof stRequest.tContent == sizeof stContent);
+    std::memcpy(stRequest.tContent.data(), &stContent, sizeof stContent);
+    return stRequest;
 }
 
 /// The manager's answer: empty when all is well.
-std::string csAskManager(CRequest tRequest, Milliseconds clTime)
+std::string csAskManager(stSEND stRequest, Milliseconds clTime)
 {
     const CDescripteur clManager = clOpenManagerPipe();
     const CReplyPipe clReply;
-    const std::int32_t nNumber = clReply.nNumber();
-    std::memcpy(&tRequest[0], &nNumber, sizeof nNumber);
+    stRequest.nReply = clReply.nNumber();
 
     CProgress clProgress("registering...");
     const CDeadline clDeadline(clTime);
-    Write(clManager, tRequest, clDeadline);
+    Write(clManager, stRequest, clDeadline);
     return clReply.csReply(clDeadline);
 }
 } // namespace
@@ -223,10 +221,10 @@ EExit eRegister(const STCall& stCall)
     const std::string csName = csArgument(stCall.tArguments[0]);
     const std::string csPath = csProgram(stCall.tArguments[1]);
     const std::uint16_t wPort = wReadPort(stCall.tArguments[2]);
-    const CRequest tRequest = tRequestFor(csName, csPath, wPort);
+    const stSEND stRequest = stRequestFor(csName, csPath, wPort);
     Warn(csName, stCall.tArguments[1], csPath, wPort);
 
-    if (const std::string csReply = csAskManager(tRequest, stCall.clTimeout); !csReply.empty()) {
+    if (const std::string csReply = csAskManager(stRequest, stCall.clTimeout); !csReply.empty()) {
         throw CFailure(EExit::REFUSED, "the manager answers: " + csReply);
     }
     if (stCall.stOptions.bJson) {

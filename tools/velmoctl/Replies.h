@@ -32,9 +32,6 @@ struct STRefusal
     std::string csText;
 };
 
-/// Code for a server that does not exist, also for what is missing of it.
-inline constexpr unsigned int g_nServerUnknown = 1;
-
 std::optional<STRefusal> stReadRefusal(std::string_view csLine);
 std::optional<STInfo> stReadInfo(std::string_view csLine);
 /// The state as one lower-case word.
