@@ -3,10 +3,12 @@
 #include "manager/SetupManager.h"
 #include "support/Conversion.h"
 
-std::string CPipeServerVelmoManager::__csRegister(const STRegistration& stServer)
+#include <utility>
+
+std::string CPipeServerVelmoManager::__csRegister(STRegistration stServer)
 {
     CTString csMessage;
-    m_pclManager->RegisterServer(stServer.csName, stServer.csPath, stServer.wPort, &csMessage);
+    m_pclManager->RegisterServer(std::move(stServer), &csMessage);
     return csToUTF8(csMessage);
 }
 

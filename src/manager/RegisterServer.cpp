@@ -62,13 +62,12 @@ void TellName(CService& clService)
 }
 } // namespace
 
-void CSetupManager::RegisterServer(const std::wstring& csName, const std::wstring& csBinaryPath,
-                                   std::uint16_t wPort, CTString* pcsError)
+void CSetupManager::RegisterServer(STRegistration stServer, CTString* pcsError)
 {
+    stServer.csPath = CProgram::s_clAt(stServer.csPath).csPath();
     CServiceLocks::CHold clHold;
     bool bInstalled = false;
-    const auto pclService = __pclMakeService({csName, CProgram::s_clAt(csBinaryPath).csPath(), wPort},
-                                             &clHold, &bInstalled, pcsError);
+    const auto pclService = __pclMakeService(stServer, &clHold, &bInstalled, pcsError);
     if (pclService == nullptr) {
         return;
     }
@@ -83,7 +82,7 @@ void CSetupManager::RegisterServer(const std::wstring& csName, const std::wstrin
     }
     if (bInstalled && CStopping::bAsked()) { // after a stop nothing is started
         pclService->AddMissingStep(L"start");
-        *pcsError = L"The registration of \"" + csName +
+        *pcsError = L"The registration of \"" + stServer.csName +
                     L"\" was cut short by the stop of the manager. Not done: " +
                     pclService->csMissingSteps() + L". Register the server again.";
     }

@@ -76,8 +76,7 @@ public:
     /// goes into pcsError and the log. A refusal installs and starts nothing; a service whose start fails
     /// stays installed. Takes the locks of the services concerned, and within them, for all but the start,
     /// the service lock. Throws std::system_error when the stop ends a wait.
-    void RegisterServer(const std::wstring& csName, const std::wstring& csBinaryPath, std::uint16_t wPort,
-                        CTString* pcsError);
+    void RegisterServer(STRegistration stServer, CTString* pcsError);
 
 private:
     void __StopMainLoop();
