@@ -105,7 +105,7 @@ void _WaitForCommandeThreadRoutine(CZTThread* pclThread)
 /// Must not throw: its caller would not know whether the thread runs.
 void CDialog::_SayHello()
 {
-    __Send("HELLO FROM SERVEUR SETUP 24.0.6.0\r\n");
+    _Send("HELLO FROM SERVEUR SETUP 24.0.6.0\r\n");
     m_clGreeted.__Post(0);
 }
 
@@ -123,7 +123,7 @@ void CDialog::_WaitForCommande()
         m_clGreeted.__Post(0);
 
         // A line that was there before the stop, but had not been read, is not begun any more.
-        if (CStopping::bAsked() || !__bExecute(csKeyword)) {
+        if (CStopping::bAsked() || !_bExecute(csKeyword)) {
             return;
         }
         ClearCommand();
@@ -153,7 +153,7 @@ void CDialog::ClearCommand()
     m_clCommand.Clear();
 }
 
-bool CDialog::__bNextField(std::wstring* pcsField)
+bool CDialog::_bNextField(std::wstring* pcsField)
 {
     const std::wstring& csLine = m_clCommand.csText();
     std::size_t nStart = 0;
@@ -170,23 +170,23 @@ bool CDialog::__bNextField(std::wstring* pcsField)
 
 void CDialog::GetString(CTString* pcsOut)
 {
-    (void)__bNextField(pcsOut);
+    (void)_bNextField(pcsOut);
 }
 
 unsigned int CDialog::dwGetUInt32()
 {
     std::wstring csField;
-    (void)__bNextField(&csField);
+    (void)_bNextField(&csField);
     return static_cast<unsigned int>(wcstol(csField.c_str(), nullptr, 10));
 }
 
-std::string CDialog::__csToWire(const std::wstring& csText) const
+std::string CDialog::_csToWire(const std::wstring& csText) const
 {
     return csNarrow(csText, m_bUTF8 ? CP_UTF8 : CP_1252);
 }
 
 /// One call, which waits for a tool that does not read. One that is gone is noticed by the next receive.
-void CDialog::__Send(std::string_view csBytes)
+void CDialog::_Send(std::string_view csBytes)
 {
     (void)::send(m_clSocket.nFd(), csBytes.data(), csBytes.size(), MSG_NOSIGNAL);
 }
@@ -194,14 +194,14 @@ void CDialog::__Send(std::string_view csBytes)
 void CDialog::Answer(const std::wstring& csText)
 {
     CStopping::xCheck(); // what a command has found out may rest on tools that were not run
-    __Send(__csToWire(csText));
-    __Send("\r\n");
+    _Send(_csToWire(csText));
+    _Send("\r\n");
 }
 
 void CDialog::ACK(eError eCode, const std::wstring& csText)
 {
     CStopping::xCheck();
-    __Send("ERROR\t" + std::to_string(eCode) + "\t" + __csToWire(csText) + "\r\n");
+    _Send("ERROR\t" + std::to_string(eCode) + "\t" + _csToWire(csText) + "\r\n");
 }
 
 void CDialog::ACK(eError eCode, unsigned int nSystemError)
@@ -209,13 +209,13 @@ void CDialog::ACK(eError eCode, unsigned int nSystemError)
     const int nErrno = errno;
     CStopping::xCheck();
     if (eCode == ERREUR_AUCUNE) {
-        __Send("OK\r\n");
+        _Send("OK\r\n");
         return;
     }
-    __Send("ERROR\t" + std::to_string(eCode) + (nSystemError != 0 ? csSystemText(nErrno) : "") + "\r\n");
+    _Send("ERROR\t" + std::to_string(eCode) + (nSystemError != 0 ? csSystemText(nErrno) : "") + "\r\n");
 }
 
-bool CDialog::__bExecute(const std::wstring& csKeyword)
+bool CDialog::_bExecute(const std::wstring& csKeyword)
 {
     struct STCommand
     {
@@ -224,13 +224,13 @@ bool CDialog::__bExecute(const std::wstring& csKeyword)
     };
     using CRemote = CRemoteVelmoManager;
     static constexpr STCommand s_tCommands[] = {
-        {L"START", &CDialog::__bOnServer<&CRemote::Start>},
-        {L"STATUS", &CDialog::__bOnServer<&CRemote::GetStatus>},
-        {L"UNINSTALL", &CDialog::__bOnServer<&CRemote::UnInstall>},
-        {L"QUIT", &CDialog::__bQuit},
-        {L"INFO", &CDialog::__bInfo},
-        {L"CLUSTERINFO", &CDialog::__bOnServer<&CRemote::ClusterInfo>},
-        {L"MODE_UTF8", &CDialog::__bModeUTF8},
+        {L"START", &CDialog::_bOnServer<&CRemote::Start>},
+        {L"STATUS", &CDialog::_bOnServer<&CRemote::GetStatus>},
+        {L"UNINSTALL", &CDialog::_bOnServer<&CRemote::UnInstall>},
+        {L"QUIT", &CDialog::_bQuit},
+        {L"INFO", &CDialog::_bInfo},
+        {L"CLUSTERINFO", &CDialog::_bOnServer<&CRemote::ClusterInfo>},
+        {L"MODE_UTF8", &CDialog::_bModeUTF8},
     };
     const CStopRight clRight(CStopRight::ANSWER);
     // Case is folded as the C locale does it, for ASCII letters only. The lengths are compared for a NUL, at
@@ -246,18 +246,18 @@ bool CDialog::__bExecute(const std::wstring& csKeyword)
 }
 
 template <auto pfnCommand>
-bool CDialog::__bOnServer()
+bool CDialog::_bOnServer()
 {
     (gpclSetupManager->clGetRemote().*pfnCommand)(*this);
     return true;
 }
 
-bool CDialog::__bQuit()
+bool CDialog::_bQuit()
 {
     return false;
 }
 
-bool CDialog::__bInfo()
+bool CDialog::_bInfo()
 {
     CTString csReply(L"YES\t" + gpclSetupManager->csGetHostInfo());
     gpclSetupManager->AddServeurList(&csReply);
@@ -265,7 +265,7 @@ bool CDialog::__bInfo()
     return true;
 }
 
-bool CDialog::__bModeUTF8()
+bool CDialog::_bModeUTF8()
 {
     m_bUTF8 = true;
     ACK(ERREUR_AUCUNE, 0u);

@@ -77,16 +77,16 @@ private:
 
     /// Runs the command of a keyword (ASCII letters in any case). Like the commands below, false when the
     /// conversation is to end.
-    bool __bExecute(const std::wstring& csKeyword);
+    bool _bExecute(const std::wstring& csKeyword);
     /// A command on one server, which is CRemoteVelmoManager's.
     template <auto pfnCommand>
-    bool __bOnServer();
-    bool __bQuit();
-    bool __bInfo();
-    bool __bModeUTF8();
-    bool __bNextField(std::wstring* pcsField);
-    void __Send(std::string_view csBytes);
-    std::string __csToWire(const std::wstring& csText) const;
+    bool _bOnServer();
+    bool _bQuit();
+    bool _bInfo();
+    bool _bModeUTF8();
+    bool _bNextField(std::wstring* pcsField);
+    void _Send(std::string_view csBytes);
+    std::string _csToWire(const std::wstring& csText) const;
 
     CDescripteur m_clSocket;
     CLineBuffer m_clCommand;

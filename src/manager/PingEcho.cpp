@@ -222,7 +222,7 @@ void CPingEcho::_Run()
     while (!m_clThread.bMustStop()) {
         try {
             if (WaitReadable(nullptr) >= 0) {
-                __Receive();
+                _Receive();
                 continue;
             }
             if (errno == EINTR) { // the end of a child is no reason to pause
@@ -236,7 +236,7 @@ void CPingEcho::_Run()
 
 /// Reads what waits; who asks while a list is being made for others is answered with the next one. Of each
 /// socket so much at a time that a flood over one family does not keep the other waiting.
-void CPingEcho::__Receive()
+void CPingEcho::_Receive()
 {
     bool bAny = false;
     for (const STSocket& stSocket : tGetSockets()) {
@@ -245,7 +245,7 @@ void CPingEcho::__Receive()
              n < s_nMaxWaiting && !m_clThread.bMustStop() && bReceive(stSocket.nSocket, &stQuestion); ++n) {
             bAny = true;
             if (stQuestion.eForm != EPingForm::NONE) {
-                __Note(stQuestion);
+                _Note(stQuestion);
             }
         }
     }
@@ -254,7 +254,7 @@ void CPingEcho::__Receive()
     }
 }
 
-void CPingEcho::__Note(const STPingQuestion& stQuestion)
+void CPingEcho::_Note(const STPingQuestion& stQuestion)
 {
     {
         const std::lock_guard<std::mutex> clGuard(m_clLock);
@@ -266,16 +266,16 @@ void CPingEcho::__Note(const STPingQuestion& stQuestion)
     }
     bool bGiven = false;
     try {
-        bGiven = m_clAnswers.bRun([this] { __Answer(); });
+        bGiven = m_clAnswers.bRun([this] { _Answer(); });
     } catch (...) { // out of memory
     }
     if (!bGiven) {
-        __Answer();
+        _Answer();
     }
 }
 
 /// Until nobody waits: one list for all who do, then one for those who have come meanwhile.
-void CPingEcho::__Answer()
+void CPingEcho::_Answer()
 {
     for (;;) {
         std::map<std::string, STPingQuestion> tQuestions;

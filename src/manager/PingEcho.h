@@ -59,9 +59,9 @@ public:
 private:
     static void _PingThreadRoutine(CZTThread* pclThread);
     void _Run();
-    void __Receive();
-    void __Note(const STPingQuestion& stQuestion);
-    void __Answer();
+    void _Receive();
+    void _Note(const STPingQuestion& stQuestion);
+    void _Answer();
 
     CZTThread m_clThread;       ///< reads the questions
     CWorkerPool m_clAnswers{1}; ///< makes the lists and answers, so that the reading never waits for a list

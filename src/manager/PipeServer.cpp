@@ -115,11 +115,11 @@ CPipeServer::~CPipeServer()
 
 bool CPipeServer::bStart()
 {
-    __StopThread();
+    _StopThread();
     m_clWorkers.Begin();
     m_csName = _vpszGetServerPipeName();
     m_clFifo = clCreateFifo(m_csName.c_str());
-    return m_clFifo.bOpen() && __bStartThread();
+    return m_clFifo.bOpen() && _bStartThread();
 }
 
 bool CPipeServer::bStop()
@@ -127,22 +127,22 @@ bool CPipeServer::bStop()
     // In this order: the number of a closed descriptor may at once be another file's, under a thread that
     // reads.
     m_clWorkers.Stop();
-    __StopThread();
+    _StopThread();
     if (m_clFifo.bOpen()) {
-        __RemoveFifo();
+        _RemoveFifo();
         m_clFifo.Close();
     }
     return true;
 }
 
-bool CPipeServer::__bStartThread()
+bool CPipeServer::_bStartThread()
 {
     errno = nCreateWorker(&m_hThread, PTHREAD_CREATE_JOINABLE, ThreadPipe, this);
     m_bThread = errno == 0;
     return m_bThread;
 }
 
-void CPipeServer::__StopThread()
+void CPipeServer::_StopThread()
 {
     if (m_bThread) {
         m_bThread = false;
@@ -163,14 +163,14 @@ void CPipeServer::_Run()
 {
     for (;;) {
         stSEND stSend;
-        if (__bReadRequest(&stSend)) {
-            __Give(stSend);
+        if (_bReadRequest(&stSend)) {
+            _Give(stSend);
         }
         m_clWorkers.WaitFree();
     }
 }
 
-bool CPipeServer::__bReadRequest(stSEND* pstSend) const
+bool CPipeServer::_bReadRequest(stSEND* pstSend) const
 {
     // The only place where the thread can be cancelled. That unwinds its stack, so no caller may catch
     // everything, and no signal handler may run meanwhile: it could be left halfway, with a lock held. Hence
@@ -193,18 +193,18 @@ bool CPipeServer::__bReadRequest(stSEND* pstSend) const
 
 /// Beside this thread, so that a server that hangs at its start holds up no other registration; in it when
 /// there is no thread for that.
-void CPipeServer::__Give(const stSEND& stSend)
+void CPipeServer::_Give(const stSEND& stSend)
 {
     try {
-        if (m_clWorkers.bRun([this, stSend] { __Handle(stSend); })) {
+        if (m_clWorkers.bRun([this, stSend] { _Handle(stSend); })) {
             return;
         }
     } catch (const std::exception&) { // out of memory
     }
-    __Handle(stSend);
+    _Handle(stSend);
 }
 
-void CPipeServer::__Handle(const stSEND& stSend)
+void CPipeServer::_Handle(const stSEND& stSend)
 {
     stRET stReturn{};
     try {
@@ -215,7 +215,7 @@ void CPipeServer::__Handle(const stSEND& stSend)
     SendReply(stSend.nReply, stReturn);
 }
 
-void CPipeServer::__RemoveFifo()
+void CPipeServer::_RemoveFifo()
 {
     struct stat stOpen
     {};

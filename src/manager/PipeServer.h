@@ -43,12 +43,12 @@ protected:
 
 private:
     static void* ThreadPipe(void* pServer);
-    bool __bStartThread();
-    void __StopThread();
-    bool __bReadRequest(stSEND* pstSend) const;
-    void __Give(const stSEND& stSend);
-    void __Handle(const stSEND& stSend);
-    void __RemoveFifo();
+    bool _bStartThread();
+    void _StopThread();
+    bool _bReadRequest(stSEND* pstSend) const;
+    void _Give(const stSEND& stSend);
+    void _Handle(const stSEND& stSend);
+    void _RemoveFifo();
 
     std::string m_csName;  ///< of the FIFO that is or was open
     CDescripteur m_clFifo; ///< open for reading and writing: it never loses its last writer, so reads block

@@ -5,7 +5,7 @@
 
 #include <utility>
 
-std::string CPipeServerVelmoManager::__csRegister(STRegistration stServer)
+std::string CPipeServerVelmoManager::_csRegister(STRegistration stServer)
 {
     CTString csMessage;
     m_pclManager->RegisterServer(std::move(stServer), &csMessage);
@@ -17,11 +17,11 @@ void CPipeServerVelmoManager::_ProcessMessage(const stSEND* pstSend, stRET* pstR
     constexpr std::string_view csUnknown = "UNKNOWN";
     switch (pstSend->nForm) {
     case PIPE_FORM_ANSI:
-        (void)__csRegister(stReadAnsi(*pstSend)); // the clients of this form expect "UNKNOWN" even so
+        (void)_csRegister(stReadAnsi(*pstSend)); // the clients of this form expect "UNKNOWN" even so
         WriteReply(csUnknown, pstReturn);
         break;
     case PIPE_FORM_UTF16:
-        WriteReply(__csRegister(stReadUTF16(*pstSend)), pstReturn);
+        WriteReply(_csRegister(stReadUTF16(*pstSend)), pstReturn);
         break;
     default:
         WriteReply(csUnknown, pstReturn);

@@ -22,7 +22,7 @@ protected:
     const char* _vpszGetServerPipeName() const override { return g_szManagerPipe; }
 
 private:
-    std::string __csRegister(STRegistration stServer);
+    std::string _csRegister(STRegistration stServer);
 
     CSetupManager* m_pclManager = nullptr;
 };

@@ -67,7 +67,7 @@ void CSetupManager::RegisterServer(STRegistration stServer, CTString* pcsError)
     stServer.csPath = CProgram::s_clAt(stServer.csPath).csPath();
     CServiceLocks::CHold clHold;
     bool bInstalled = false;
-    const auto pclService = __pclMakeService(stServer, &clHold, &bInstalled, pcsError);
+    const auto pclService = _pclMakeService(stServer, &clHold, &bInstalled, pcsError);
     if (pclService == nullptr) {
         return;
     }
@@ -89,9 +89,9 @@ void CSetupManager::RegisterServer(STRegistration stServer, CTString* pcsError)
     _LogText(*pcsError);
 }
 
-std::unique_ptr<CService> CSetupManager::__pclMakeService(const STRegistration& stServer,
-                                                          CServiceLocks::CHold* pclHold, bool* pbInstalled,
-                                                          CTString* pcsError)
+std::unique_ptr<CService> CSetupManager::_pclMakeService(const STRegistration& stServer,
+                                                         CServiceLocks::CHold* pclHold, bool* pbInstalled,
+                                                         CTString* pcsError)
 {
     std::set<std::wstring> tNames{csLockName(csServiceName(stServer))};
     for (;;) {
@@ -103,7 +103,7 @@ std::unique_ptr<CService> CSetupManager::__pclMakeService(const STRegistration& 
             CStopping::xThrowStopped();
         }
         const CServiceGuard clGuard = clLockServices();
-        STFound stFound = __stFindServer(clGuard, stServer, pcsError);
+        STFound stFound = _stFindServer(clGuard, stServer, pcsError);
 
         // A service that has another name is changed under that one's lock, too.
         if (bAddNames(stFound.tOtherNames, &tNames)) {
@@ -117,7 +117,7 @@ std::unique_ptr<CService> CSetupManager::__pclMakeService(const STRegistration& 
             return nullptr;
         }
         if (stFound.pclService == nullptr) {
-            stFound.pclService = __pclInstallServer(clGuard, stServer);
+            stFound.pclService = _pclInstallServer(clGuard, stServer);
             *pbInstalled = stFound.pclService != nullptr;
         }
         if (stFound.pclService == nullptr) {
@@ -128,7 +128,7 @@ std::unique_ptr<CService> CSetupManager::__pclMakeService(const STRegistration& 
     }
 }
 
-void CSetupManager::__RefuseUnasked(int nError, STFound* pstFound, CTString* pcsError)
+void CSetupManager::_RefuseUnasked(int nError, STFound* pstFound, CTString* pcsError)
 {
     pstFound->bRefused = true;
     pstFound->tOtherNames.clear(); // nothing is written
@@ -136,17 +136,17 @@ void CSetupManager::__RefuseUnasked(int nError, STFound* pstFound, CTString* pcs
     LogFailedListing(nError);
 }
 
-void CSetupManager::__FindUnlisted(const STRegistration& stServer, STFound* pstFound, CTString* pcsError)
+void CSetupManager::_FindUnlisted(const STRegistration& stServer, STFound* pstFound, CTString* pcsError)
 {
     std::unique_ptr<CService> pclUnlisted(m_clServiceManager.pclGetService(csServiceName(stServer).c_str()));
     CStopping::xCheck();
     if (pclUnlisted == nullptr && errno != ENOENT) {
-        __RefuseUnasked(errno, pstFound, pcsError);
+        _RefuseUnasked(errno, pstFound, pcsError);
     }
     if (pclUnlisted == nullptr || !bSameName(*pclUnlisted, stServer)) {
         return;
     }
-    if (__eCompare(*pclUnlisted, stServer, pcsError) == EComparison::SAME) {
+    if (_eCompare(*pclUnlisted, stServer, pcsError) == EComparison::SAME) {
         pstFound->pclService = std::move(pclUnlisted);
         return;
     }
@@ -154,13 +154,13 @@ void CSetupManager::__FindUnlisted(const STRegistration& stServer, STFound* pstF
     _LogText(*pcsError);
 }
 
-CSetupManager::STFound CSetupManager::__stFindServer(const CServiceGuard&, const STRegistration& stServer,
-                                                     CTString* pcsError)
+CSetupManager::STFound CSetupManager::_stFindServer(const CServiceGuard&, const STRegistration& stServer,
+                                                    CTString* pcsError)
 {
     STFound stFound;
     CServiceListing clListing(&m_clServiceManager, g_szServerPrefix);
     while (auto pclService = clListing.pclNext()) {
-        switch (__eCompare(*pclService, stServer, pcsError)) {
+        switch (_eCompare(*pclService, stServer, pcsError)) {
         case EComparison::OTHER:
             break;
         case EComparison::SAME: // of several the last one counts
@@ -177,15 +177,15 @@ CSetupManager::STFound CSetupManager::__stFindServer(const CServiceGuard&, const
     }
     CStopping::xCheck();       // then nothing has failed
     if (clListing.bFailed()) { // what is not listed may have the server's name: nothing may be written
-        __RefuseUnasked(clListing.nError(), &stFound, pcsError);
+        _RefuseUnasked(clListing.nError(), &stFound, pcsError);
     } else if (stFound.pclService == nullptr) {
-        __FindUnlisted(stServer, &stFound, pcsError);
+        _FindUnlisted(stServer, &stFound, pcsError);
     }
     return stFound;
 }
 
-CSetupManager::EComparison CSetupManager::__eCompare(CService& clService, const STRegistration& stServer,
-                                                     CTString* pcsError)
+CSetupManager::EComparison CSetupManager::_eCompare(CService& clService, const STRegistration& stServer,
+                                                    CTString* pcsError)
 {
     const std::wstring csExecutable = clService.csGetExecutable();
     const bool bSameFile = CDiskFile::bSameFileName(csExecutable, stServer.csPath);
@@ -210,8 +210,8 @@ CSetupManager::EComparison CSetupManager::__eCompare(CService& clService, const 
     return EComparison::CONFLICT;
 }
 
-std::unique_ptr<CService> CSetupManager::__pclInstallServer(const CServiceGuard&,
-                                                            const STRegistration& stServer)
+std::unique_ptr<CService> CSetupManager::_pclInstallServer(const CServiceGuard&,
+                                                           const STRegistration& stServer)
 {
     const CProgram clProgram = CProgram::s_clAt(stServer.csPath);
     // No service could come of it; the registry sees the name only after its prefix.

@@ -55,7 +55,7 @@ std::unique_ptr<CService> pclLookupOwn(CServiceManager* pclManager, const std::w
 }
 } // namespace
 
-std::unique_ptr<CService> CRemoteVelmoManager::__pclFind(CDialog& clDialog, CServiceLocks::CHold* pclHold)
+std::unique_ptr<CService> CRemoteVelmoManager::_pclFind(CDialog& clDialog, CServiceLocks::CHold* pclHold)
 {
     const std::wstring csName = csNextArgument(clDialog);
     const auto pclFind = [&](const std::wstring& csService) {
@@ -87,7 +87,7 @@ std::unique_ptr<CService> CRemoteVelmoManager::__pclFind(CDialog& clDialog, CSer
 void CRemoteVelmoManager::Start(CDialog& clDialog)
 {
     CServiceLocks::CHold clHold;
-    if (const auto pclService = __pclFind(clDialog, &clHold)) {
+    if (const auto pclService = _pclFind(clDialog, &clHold)) {
         const bool bStarted = clHold.bStart(*pclService);
         clHold.Release(); // before the reply: a tool that does not read must hold nobody up
         Conclude(clDialog, bStarted, ERREUR_START);
@@ -96,7 +96,7 @@ void CRemoteVelmoManager::Start(CDialog& clDialog)
 
 void CRemoteVelmoManager::Stop(CDialog& clDialog)
 {
-    if (const auto pclService = __pclFind(clDialog)) {
+    if (const auto pclService = _pclFind(clDialog)) {
         Conclude(clDialog, pclService->bStop(), ERREUR_STOP);
     }
 }
@@ -109,7 +109,7 @@ void CRemoteVelmoManager::GetStatus(CDialog& clDialog)
         L"STOPPED",          L"START_PENDING", L"STOP_PENDING", L"RUNNING",
         L"CONTINUE_PENDING", L"PAUSE_PENDING", L"PAUSED",       L"STOPPED",
     };
-    const auto pclService = __pclFind(clDialog);
+    const auto pclService = _pclFind(clDialog);
     if (pclService == nullptr) {
         return;
     }
@@ -163,7 +163,7 @@ void CRemoteVelmoManager::UnInstall(CDialog& clDialog)
 
 void CRemoteVelmoManager::ClusterInfo(CDialog& clDialog)
 {
-    const auto pclService = __pclFind(clDialog);
+    const auto pclService = _pclFind(clDialog);
     if (pclService == nullptr) {
         return;
     }

@@ -30,7 +30,7 @@ private:
     /// The service that the dialog's next argument names; replies error 1 and returns null when there is
     /// none. With pclHold, the service's lock is taken for the caller before it is looked up (error 2 when
     /// the stop of the manager ends the wait for it).
-    std::unique_ptr<CService> __pclFind(CDialog& clDialog, CServiceLocks::CHold* pclHold = nullptr);
+    std::unique_ptr<CService> _pclFind(CDialog& clDialog, CServiceLocks::CHold* pclHold = nullptr);
 
     CServiceManager* m_pclManager;
 };

@@ -34,11 +34,11 @@ void CRestartWorkers::Restart(const std::shared_ptr<CService>& pclService)
 {
     const auto pclNote = std::make_shared<CNote>(this, pclService->pszGetName());
     // When it cannot be had, the next pass tries again.
-    (void)m_clPool.bRun([this, pclService, pclNote] { __Restart(*pclService); });
+    (void)m_clPool.bRun([this, pclService, pclNote] { _Restart(*pclService); });
 }
 
 /// The state is asked again under the service's lock: meanwhile somebody may have started or removed it.
-void CRestartWorkers::__Restart(CService& clService)
+void CRestartWorkers::_Restart(CService& clService)
 {
     auto clHold =
         m_pclManager->clGetLocks().clTake(CServiceManager::csRegisteredName(clService.pszGetName()));

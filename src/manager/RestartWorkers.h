@@ -33,7 +33,7 @@ public:
 private:
     /// The service's name, noted as long as the object lives.
     class CNote;
-    void __Restart(CService& clService);
+    void _Restart(CService& clService);
 
     CServiceManager* m_pclManager;
     std::mutex m_clLock; ///< of the names only

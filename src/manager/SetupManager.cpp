@@ -97,14 +97,14 @@ bool CSetupManager::bStart()
         if (m_pclRestart != nullptr) {
             m_pclRestart->xStart();
         }
-        return m_clPingEcho.bStart() && __bStartPipe();
+        return m_clPingEcho.bStart() && _bStartPipe();
     } catch (const CXError& clError) {
         LogCause(m_clLogger, clError);
         return false;
     }
 }
 
-bool CSetupManager::__bStartPipe()
+bool CSetupManager::_bStartPipe()
 {
     CXError clError;
     if (m_clPipeServer.bStart() || bFail(&clError, L"create", csFromUTF8(g_szManagerPipe))) {
@@ -177,10 +177,10 @@ void CSetupManager::_AddCPU_RAM_Info()
 
 void CSetupManager::AddServeurList(CTString* pcsReply)
 {
-    *pcsReply += m_clListing.xcsGet([this] { return __csMakeServeurList(); });
+    *pcsReply += m_clListing.xcsGet([this] { return _csMakeServeurList(); });
 }
 
-std::wstring CSetupManager::__csMakeServeurList()
+std::wstring CSetupManager::_csMakeServeurList()
 {
     const CServiceGuard clGuard = clLockServices();
     CTString csServers;
@@ -191,12 +191,12 @@ std::wstring CSetupManager::__csMakeServeurList()
     }
     CStopping::xCheck(); // then nothing has failed
     if (clListing.bFailed()) {
-        __FailListing(clListing.nError());
+        _FailListing(clListing.nError());
     }
     return csServers;
 }
 
-void CSetupManager::__FailListing(int nError)
+void CSetupManager::_FailListing(int nError)
 {
     LogFailedListing(nError);
     throw std::runtime_error("the services cannot be listed");

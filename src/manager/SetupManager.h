@@ -81,14 +81,14 @@ public:
 private:
     void __StopMainLoop();
     /// A failure is logged.
-    bool __bStartPipe();
+    bool _bStartPipe();
     void _HInfoServeur();
     void _AddVIInfo();
     void _AddOSInfo();
     void _AddCPU_RAM_Info();
-    std::wstring __csMakeServeurList();
+    std::wstring _csMakeServeurList();
     void __AddServeurList(const CServiceGuard& clGuard, CService& clService, CTString* pcsReply);
-    [[noreturn]] static void __FailListing(int nError);
+    [[noreturn]] static void _FailListing(int nError);
     /// Message 4012 with all that the error tells below it, as one entry: of a failure that nobody else
     /// reports.
     void _LogError(const CXError& clError);
@@ -112,19 +112,18 @@ private:
         bool bRefused = false;                              ///< a conflict, or the services cannot be listed
     };
     /// Of a refusal the text says why; it is logged.
-    STFound __stFindServer(const CServiceGuard& clGuard, const STRegistration& stServer, CTString* pcsError);
+    STFound _stFindServer(const CServiceGuard& clGuard, const STRegistration& stServer, CTString* pcsError);
     /// Looks for a service of the server's name that no listing holds: it is neither enabled nor running, and
     /// would be overwritten.
-    void __FindUnlisted(const STRegistration& stServer, STFound* pstFound, CTString* pcsError);
-    static void __RefuseUnasked(int nError, STFound* pstFound, CTString* pcsError);
-    static EComparison __eCompare(CService& clService, const STRegistration& stServer, CTString* pcsError);
+    void _FindUnlisted(const STRegistration& stServer, STFound* pstFound, CTString* pcsError);
+    static void _RefuseUnasked(int nError, STFound* pstFound, CTString* pcsError);
+    static EComparison _eCompare(CService& clService, const STRegistration& stServer, CTString* pcsError);
     /// Finds or installs the server's service, with its names locked in the end. Null, and the text set, when
     /// there is none.
-    std::unique_ptr<CService> __pclMakeService(const STRegistration& stServer, CServiceLocks::CHold* pclHold,
-                                               bool* pbInstalled, CTString* pcsError);
+    std::unique_ptr<CService> _pclMakeService(const STRegistration& stServer, CServiceLocks::CHold* pclHold,
+                                              bool* pbInstalled, CTString* pcsError);
     /// Null with errno set when it cannot be installed.
-    std::unique_ptr<CService> __pclInstallServer(const CServiceGuard& clGuard,
-                                                 const STRegistration& stServer);
+    std::unique_ptr<CService> _pclInstallServer(const CServiceGuard& clGuard, const STRegistration& stServer);
 
     CServiceManager m_clServiceManager;
     CRemoteVelmoManager m_clRemote;

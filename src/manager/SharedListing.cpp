@@ -7,15 +7,15 @@ std::wstring CSharedListing::xcsGet(const std::function<std::wstring()>& fnMake)
 {
     for (;;) {
         bool bMaker = false;
-        const CRound pRound = __pJoin(&bMaker);
+        const CRound pRound = _pJoin(&bMaker);
         if (bMaker) {
             try {
                 pRound->csText = fnMake();
             } catch (...) {
-                __Conclude(pRound, CStopping::bAsked() ? EState::LEFT : EState::FAILED);
+                _Conclude(pRound, CStopping::bAsked() ? EState::LEFT : EState::FAILED);
                 throw;
             }
-            __Conclude(pRound, EState::MADE);
+            _Conclude(pRound, EState::MADE);
         }
         if (pRound->eState == EState::MADE) {
             return pRound->csText;
@@ -26,7 +26,7 @@ std::wstring CSharedListing::xcsGet(const std::function<std::wstring()>& fnMake)
     }
 }
 
-CSharedListing::CRound CSharedListing::__pJoin(bool* pbMaker)
+CSharedListing::CRound CSharedListing::_pJoin(bool* pbMaker)
 {
     auto clLock = m_clWait.clLock();
     if (m_pNext == nullptr) {
@@ -47,7 +47,7 @@ CSharedListing::CRound CSharedListing::__pJoin(bool* pbMaker)
     return pRound;
 }
 
-void CSharedListing::__Conclude(const CRound& pRound, EState eState)
+void CSharedListing::_Conclude(const CRound& pRound, EState eState)
 {
     const auto clLock = m_clWait.clLock();
     pRound->eState = eState;

@@ -31,8 +31,8 @@ private:
     using CRound = std::shared_ptr<STRound>;
 
     /// The round that the caller waits for, done, or his to make.
-    CRound __pJoin(bool* pbMaker);
-    void __Conclude(const CRound& pRound, EState eState);
+    CRound _pJoin(bool* pbMaker);
+    void _Conclude(const CRound& pRound, EState eState);
 
     CStopWait m_clWait;
     bool m_bMaking = false;
