@@ -3,6 +3,7 @@
 #include "manager/SetupManager.h"
 #include "support/Conversion.h"
 
+#include <tuple>
 #include <utility>
 
 std::string CPipeServerVelmoManager::_csRegister(STRegistration stServer)
@@ -17,7 +18,7 @@ void CPipeServerVelmoManager::_ProcessMessage(const stSEND* pstSend, stRET* pstR
     constexpr std::string_view csUnknown = "UNKNOWN";
     switch (pstSend->nForm) {
     case PIPE_FORM_ANSI:
-        (void)_csRegister(stReadAnsi(*pstSend)); // the clients of this form expect "UNKNOWN" even so
+        std::ignore = _csRegister(stReadAnsi(*pstSend)); // logged; the clients rely on "UNKNOWN" all the same
         WriteReply(csUnknown, pstReturn);
         break;
     case PIPE_FORM_UTF16:

@@ -1,6 +1,8 @@
-// Registration of a database server that asks for it: finds the service of its executable or makes one, and
-// starts it. The service lock is held from the listing to the installation, so that two servers cannot take
-// one name or port; the server's own name also during its start, which may take as long as the server likes.
+// Registration of a database server: finds the service of its executable or installs one, and starts it.
+//
+// The service lock is held from the listing to the installation, so that two servers cannot take the same
+// name or port. It is not held during the start, which may take as long as the server likes; only the lock of
+// the server's own name is.
 
 #include "config/Settings.h"
 #include "config/WinApi.h"
@@ -18,10 +20,11 @@
 #include <cstdint>
 #include <cwchar>
 #include <set>
+#include <tuple>
 #include <vector>
 
 namespace {
-/// As it was registered, without the prefix.
+/// The name that the server was registered under, without the prefix.
 std::wstring csShortName(CService& clService)
 {
     const std::wstring csName = clService.csRegisteredName();
@@ -33,17 +36,19 @@ std::wstring csServiceName(const STRegistration& stServer)
     return g_szServerPrefix + stServer.csName;
 }
 
+/// Whether the service has the name that the server asks for, in any of the forms of a name.
 bool bSameName(const CService& clService, const STRegistration& stServer)
 {
     return CServiceName::s_clSaid(csServiceName(stServer).c_str()) == clService.clName();
 }
 
+/// The form of a service's name that its lock has.
 std::wstring csLockName(const std::wstring& csService)
 {
     return CServiceManager::csRegisteredName(csService);
 }
 
-/// Adds the services' names; false when all were there.
+/// Adds the services' names; false when the set had all of them already.
 bool bAddNames(const std::vector<std::unique_ptr<CService>>& tServices, std::set<std::wstring>* ptNames)
 {
     const std::size_t nBefore = ptNames->size();
@@ -53,12 +58,13 @@ bool bAddNames(const std::vector<std::unique_ptr<CService>>& tServices, std::set
     return ptNames->size() != nBefore;
 }
 
-/// A server learns the name that it is registered under from its configuration.
-void TellName(CService& clService)
+/// Writes the name into the server's configuration: that is where a server learns the name that it is
+/// registered under. A failure is ignored: the registration counts without it.
+void WriteName(CService& clService)
 {
     const std::wstring csFile = CSetupManager::s_csServersConfig(clService.csGetExecutable());
-    (void)WritePrivateProfileString(settings::Name.pszSection, settings::Name.pszKey,
-                                    csShortName(clService).c_str(), csFile.c_str());
+    std::ignore = WritePrivateProfileString(settings::Name.pszSection, settings::Name.pszKey,
+                                            csShortName(clService).c_str(), csFile.c_str());
 }
 } // namespace
 
@@ -72,15 +78,17 @@ void CSetupManager::RegisterServer(STRegistration stServer, CTString* pcsError)
         return;
     }
 
-    // errno is that of whichever step failed; the client gets the system's text for it.
+    // The client gets the text of errno, which the start leaves from whichever step failed.
     if (pclService->eGetStatus() == STATUS_RUNNING || clHold.bStart(*pclService)) {
         return;
     }
     *pcsError = csSystemMessage(errno);
+
+    // A service that was there before stays in any case.
     if (bInstalled && !CStopping::bAsked()) {
-        (void)m_clServiceManager.bTakeBackRefused(*pclService);
+        std::ignore = m_clServiceManager.bTakeBackRefused(*pclService);
     }
-    if (bInstalled && CStopping::bAsked()) { // after a stop nothing is started
+    if (bInstalled && CStopping::bAsked()) { // after the stop nothing is started
         pclService->AddMissingStep(L"start");
         *pcsError = L"The registration of \"" + stServer.csName +
                     L"\" was cut short by the stop of the manager. Not done: " +
@@ -95,8 +103,8 @@ std::unique_ptr<CService> CSetupManager::_pclMakeService(const STRegistration& s
 {
     std::set<std::wstring> tNames{csLockName(csServiceName(stServer))};
     for (;;) {
-        // The names first: with the service lock held, waiting for a start that hangs would hold up
-        // everybody.
+        // The names come before the service lock: who waited for a start that hangs, the service lock held,
+        // would hold up everybody.
         pclHold->Release();
         *pclHold = m_clServiceManager.clGetLocks().clTake(tNames);
         if (!pclHold->bTaken()) {
@@ -105,17 +113,19 @@ std::unique_ptr<CService> CSetupManager::_pclMakeService(const STRegistration& s
         const CServiceGuard clGuard = clLockServices();
         STFound stFound = _stFindServer(clGuard, stServer, pcsError);
 
-        // A service that has another name is changed under that one's lock, too.
+        // The executable may be registered under other names, whose configurations are written: their locks
+        // are needed, too. Each turn adds a name, so the loop ends.
         if (bAddNames(stFound.tOtherNames, &tNames)) {
             pcsError->clear();
             continue;
         }
         for (const auto& pclOther : stFound.tOtherNames) {
-            TellName(*pclOther);
+            WriteName(*pclOther);
         }
         if (stFound.bRefused) {
             return nullptr;
         }
+
         if (stFound.pclService == nullptr) {
             stFound.pclService = _pclInstallServer(clGuard, stServer);
             *pbInstalled = stFound.pclService != nullptr;
@@ -131,7 +141,7 @@ std::unique_ptr<CService> CSetupManager::_pclMakeService(const STRegistration& s
 void CSetupManager::_RefuseUnasked(int nError, STFound* pstFound, CTString* pcsError)
 {
     pstFound->bRefused = true;
-    pstFound->tOtherNames.clear(); // nothing is written
+    pstFound->tOtherNames.clear(); // a refusal writes nothing
     *pcsError = csFailedListing(nError);
     LogFailedListing(nError);
 }
@@ -139,13 +149,16 @@ void CSetupManager::_RefuseUnasked(int nError, STFound* pstFound, CTString* pcsE
 void CSetupManager::_FindUnlisted(const STRegistration& stServer, STFound* pstFound, CTString* pcsError)
 {
     std::unique_ptr<CService> pclUnlisted(m_clServiceManager.pclGetService(csServiceName(stServer).c_str()));
-    CStopping::xCheck();
+    CStopping::xCheck(); // a lookup that the stop cut short has not failed
     if (pclUnlisted == nullptr && errno != ENOENT) {
         _RefuseUnasked(errno, pstFound, pcsError);
     }
+
+    // The lookup may also find a service of a similar name.
     if (pclUnlisted == nullptr || !bSameName(*pclUnlisted, stServer)) {
         return;
     }
+
     if (_eCompare(*pclUnlisted, stServer, pcsError) == EComparison::SAME) {
         pstFound->pclService = std::move(pclUnlisted);
         return;
@@ -163,7 +176,7 @@ CSetupManager::STFound CSetupManager::_stFindServer(const CServiceGuard&, const 
         switch (_eCompare(*pclService, stServer, pcsError)) {
         case EComparison::OTHER:
             break;
-        case EComparison::SAME: // of several the last one counts
+        case EComparison::SAME: // of several services the last one counts; clients rely on it
             if (!bSameName(*pclService, stServer)) {
                 stFound.tOtherNames.push_back(std::make_unique<CService>(*pclService));
             }
@@ -175,8 +188,10 @@ CSetupManager::STFound CSetupManager::_stFindServer(const CServiceGuard&, const 
             return stFound;
         }
     }
-    CStopping::xCheck();       // then nothing has failed
-    if (clListing.bFailed()) { // what is not listed may have the server's name: nothing may be written
+    CStopping::xCheck(); // a listing that the stop cut short has not failed
+
+    // A service that is missing in half a list may have the server's name or port: nothing may be written.
+    if (clListing.bFailed()) {
         _RefuseUnasked(clListing.nError(), &stFound, pcsError);
     } else if (stFound.pclService == nullptr) {
         _FindUnlisted(stServer, &stFound, pcsError);
@@ -189,6 +204,8 @@ CSetupManager::EComparison CSetupManager::_eCompare(CService& clService, const S
 {
     const std::wstring csExecutable = clService.csGetExecutable();
     const bool bSameFile = CDiskFile::bSameFileName(csExecutable, stServer.csPath);
+
+    // The name decides first: of one name there can be one service only.
     if (bSameName(clService, stServer)) {
         if (bSameFile) {
             return EComparison::SAME;
@@ -197,14 +214,18 @@ CSetupManager::EComparison CSetupManager::_eCompare(CService& clService, const S
                               stServer.csPath.c_str(), csExecutable.c_str());
         return EComparison::CONFLICT;
     }
+
     const std::wstring csShort = csShortName(clService);
     if (bSameFile) { // registered under another name
         return EComparison::SAME;
     }
-    if (csExecutable.empty() || // then it holds no port
+
+    // A service whose executable is not known has no configuration, so it has no port to conflict with.
+    if (csExecutable.empty() ||
         std::wcstol(s_csAccessPort(clService).c_str(), nullptr, 10) != stServer.wPort) {
         return EComparison::OTHER;
     }
+
     DLLRES_bFormatMessage(&g_stMyModule, MSG_SERVER_PORT_TAKEN, pcsError, stServer.csName.c_str(),
                           static_cast<unsigned int>(stServer.wPort), csShort.c_str());
     return EComparison::CONFLICT;
@@ -214,11 +235,14 @@ std::unique_ptr<CService> CSetupManager::_pclInstallServer(const CServiceGuard&,
                                                            const STRegistration& stServer)
 {
     const CProgram clProgram = CProgram::s_clAt(stServer.csPath);
-    // No service could come of it; the registry sees the name only after its prefix.
+
+    // Checked here, as the registry sees the name only after the prefix, where these names look well-formed.
     if (stServer.csName.empty() || stServer.csName.front() == L' ' || !clProgram.bWholePath()) {
         errno = EINVAL;
         return nullptr;
     }
+
+    // From here on something is written, which a stop must not leave half done.
     const CStopRight clRight(CStopRight::WRITES);
     const std::wstring csService = csServiceName(stServer);
     const std::wstring csCommandLine = clProgram.csCommandLine(L"--SERVICE");
