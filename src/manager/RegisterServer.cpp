@@ -123,6 +123,9 @@ std::unique_ptr<CService> CSetupManager::_pclMakeService(const STRegistration& s
             WriteName(*pclOther);
         }
         if (stFound.bRefused) {
+            if (!stFound.bLogged) { // only here: an earlier turn may have been refused, too
+                _LogText(*pcsError);
+            }
             return nullptr;
         }
 
@@ -141,9 +144,10 @@ std::unique_ptr<CService> CSetupManager::_pclMakeService(const STRegistration& s
 void CSetupManager::_RefuseUnasked(int nError, STFound* pstFound, CTString* pcsError)
 {
     pstFound->bRefused = true;
-    pstFound->tOtherNames.clear(); // a refusal writes nothing
+    pstFound->tOtherNames.clear(); // this refusal writes nothing
     *pcsError = csFailedListing(nError);
-    LogFailedListing(nError);
+    LogFailedListing(nError); // with a rate limit of its own
+    pstFound->bLogged = true;
 }
 
 void CSetupManager::_FindUnlisted(const STRegistration& stServer, STFound* pstFound, CTString* pcsError)
@@ -164,7 +168,6 @@ void CSetupManager::_FindUnlisted(const STRegistration& stServer, STFound* pstFo
         return;
     }
     pstFound->bRefused = true;
-    _LogText(*pcsError);
 }
 
 CSetupManager::STFound CSetupManager::_stFindServer(const CServiceGuard&, const STRegistration& stServer,
@@ -184,7 +187,6 @@ CSetupManager::STFound CSetupManager::_stFindServer(const CServiceGuard&, const 
             break;
         case EComparison::CONFLICT:
             stFound.bRefused = true;
-            _LogText(*pcsError);
             return stFound;
         }
     }

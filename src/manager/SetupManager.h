@@ -112,8 +112,9 @@ private:
         std::unique_ptr<CService> pclService;               ///< the server's own; null: none
         std::vector<std::unique_ptr<CService>> tOtherNames; ///< services of its executable under other names
         bool bRefused = false;                              ///< a conflict, or the services cannot be listed
+        bool bLogged = false; ///< the reason of the refusal is in the log already
     };
-    /// Compares the server with every service. The reason of a refusal goes into the text and the log.
+    /// Compares the server with every service. The text gets the reason of a refusal.
     STFound _stFindServer(const CServiceGuard& clGuard, const STRegistration& stServer, CTString* pcsError);
     /// Looks for a service of the server's name that no listing shows, being neither enabled nor running: an
     /// installation would overwrite it.
