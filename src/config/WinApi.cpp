@@ -215,6 +215,18 @@ bool bWrite(const wchar_t* pszSection, const wchar_t* pszKey, const wchar_t* psz
     return bDone && clFile.bClose(); // a failed edit closes in the destructor, which keeps errno
 }
 
+/// Does a write; 0 with errno when it fails, ENOMEM when memory is out.
+template <class TWrite>
+int nWithoutThrowing(TWrite Write) noexcept
+{
+    try {
+        return Write() ? 1 : 0;
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        return 0;
+    }
+}
+
 std::optional<std::wstring> csOptionalWide(const char* pszText)
 {
     return pszText == nullptr ? std::nullopt : std::optional(csWide(pszText, CP_SYSTEM));
@@ -257,12 +269,7 @@ int WritePrivateProfileStringW(const wchar_t* pszSection, const wchar_t* pszKey,
         errno = EINVAL;
         return 0;
     }
-    try {
-        return bWrite(pszSection, pszKey, pszValue, pszFile) ? 1 : 0;
-    } catch (const std::bad_alloc&) {
-        errno = ENOMEM;
-        return 0;
-    }
+    return nWithoutThrowing([&] { return bWrite(pszSection, pszKey, pszValue, pszFile); });
 }
 
 unsigned int GetPrivateProfileStringA(const char* pszSection, const char* pszKey, const char* pszDefault,
@@ -283,9 +290,11 @@ unsigned int GetPrivateProfileStringA(const char* pszSection, const char* pszKey
 int WritePrivateProfileStringA(const char* pszSection, const char* pszKey, const char* pszValue,
                                const char* pszFile)
 {
-    return WritePrivateProfileStringW(pszOrNull(csOptionalWide(pszSection)),
-                                      pszOrNull(csOptionalWide(pszKey)), pszOrNull(csOptionalWide(pszValue)),
-                                      pszOrNull(csOptionalWide(pszFile)));
+    return nWithoutThrowing([&] {
+        return WritePrivateProfileStringW(
+                   pszOrNull(csOptionalWide(pszSection)), pszOrNull(csOptionalWide(pszKey)),
+                   pszOrNull(csOptionalWide(pszValue)), pszOrNull(csOptionalWide(pszFile))) != 0;
+    });
 }
 
 unsigned int GetProfileString(const wchar_t* pszSection, const wchar_t* pszKey, const wchar_t* pszDefault,
@@ -304,11 +313,13 @@ int GetProfileInt(const wchar_t* pszSection, const wchar_t* pszKey, int nDefault
 
 int WriteProfileString(const wchar_t* pszSection, const wchar_t* pszKey, const wchar_t* pszValue)
 {
-    std::wstring csPath;
-    const wchar_t* pszFile = pszUserFile(&csPath);
-    if (pszFile == nullptr) {
-        errno = ENOENT;
-        return 0;
-    }
-    return WritePrivateProfileStringW(pszSection, pszKey, pszValue, pszFile);
+    return nWithoutThrowing([&] {
+        std::wstring csPath;
+        const wchar_t* pszFile = pszUserFile(&csPath);
+        if (pszFile == nullptr) {
+            errno = ENOENT;
+            return false;
+        }
+        return WritePrivateProfileStringW(pszSection, pszKey, pszValue, pszFile) != 0;
+    });
 }
