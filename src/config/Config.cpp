@@ -181,6 +181,7 @@ ELogMode CConfig::eGetLogMode() const
     std::array<wchar_t, settings::ErrorLogMode.nSize> szMode{};
     _Read(settings::ErrorLogMode, szMode.data());
 
+    // Compared with case, unlike the words of other settings.
     const std::wstring_view csMode(szMode.data());
     if (csMode == L"FILE") {
         return LOG_MODE_FILE;
@@ -207,6 +208,7 @@ int CConfig::nGetsocketOptions() const
     std::array<wchar_t, settings::SocketOptions.nSize> szValue{};
     _Read(settings::SocketOptions, szValue.data());
 
+    // Keywords between commas, without trimming: one with a space before it is not known.
     int nOptions = 0;
     for (const wchar_t* psz = szValue.data(); *psz != L'\0';) {
         const std::size_t nLength = std::wcscspn(psz, L",");

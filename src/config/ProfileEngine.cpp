@@ -166,7 +166,7 @@ std::optional<CUnits<TUnit>> csSearchKey(CProfileFile& clFile, std::optional<CUn
                 AppendListed(&csFound, *csName);
             }
         } else if (bLineOf(csText, *csKey) && (csFound = csValueOf(csText, csKey->size()))) {
-            break;
+            break; // the first line of the key counts
         }
     }
     return csFound;
@@ -215,6 +215,7 @@ STSpan stFindKeyLine(CProfileFile& clFile, CUnitsView<TUnit> csKey)
         if (bLineOf<TUnit>(csLine, csKey)) {
             return {nStart, clFile.nPosition()};
         }
+        // An empty line ends the section for the writer: a new key goes before it, not to the next header.
         if (bLineEnd(csLine.front()) || csLine.front() == TUnit{'['}) {
             break;
         }
@@ -222,6 +223,7 @@ STSpan stFindKeyLine(CProfileFile& clFile, CUnitsView<TUnit> csKey)
     return {nStart, nStart};
 }
 
+/// Lines that are written end with LF alone, whatever the others in the file end with.
 template <class TUnit>
 CUnits<TUnit> csHeaderLine(CUnitsView<TUnit> csSection)
 {
@@ -253,6 +255,8 @@ std::optional<CUnits<TUnit>> __GetPrivateProfileStringInterne(CProfileFile& clFi
     if (csSection.empty()) {
         return csListSections<TUnit>(clFile);
     }
+
+    // Of several sections of one name only the first is searched.
     for (CUnits<TUnit> csLine; clFile.STRG_nGetLine(&csLine) >= 0;) {
         if (bHeaderOf(csReaderText<TUnit>(csLine), csSection)) {
             return csSearchKey(clFile, csKey);

@@ -99,6 +99,7 @@ void AnswerAll(std::map<std::string, STPingQuestion>* ptQuestions)
 {
     CTString csServers;
     gpclSetupManager->AddServeurList(&csServers);
+    // Both are made once, however many ask.
     const std::string csSystem = csAnswer(EPingForm::SYSTEM, csServers);
     const std::string csUTF8 = csAnswer(EPingForm::UTF8, csServers);
 
@@ -160,6 +161,7 @@ std::string csAsker(const STPingQuestion& stQuestion)
 
 EPingForm eReadPing(std::string_view csDatagram)
 {
+    // UTF-8 first: it is what a start of both questions asks for.
     if (s_csUTF8Question.starts_with(csDatagram)) {
         return EPingForm::UTF8;
     }

@@ -101,9 +101,10 @@ std::unique_ptr<CService> CSetupManager::_pclMakeService(const STRegistration& s
                                                          CServiceLocks::CHold* pclHold, bool* pbInstalled,
                                                          CTString* pcsError)
 {
+    // Starts with the server's own name. The loop ends: each further turn adds a name of another service.
     std::set<std::wstring> tNames{csLockName(csServiceName(stServer))};
     for (;;) {
-        // The names come before the service lock: who waited for a start that hangs, the service lock held,
+        // Names come before the service lock: a wait for a start that hangs, with the service lock taken,
         // would hold up everybody.
         pclHold->Release();
         *pclHold = m_clServiceManager.clGetLocks().clTake(tNames);
@@ -113,8 +114,8 @@ std::unique_ptr<CService> CSetupManager::_pclMakeService(const STRegistration& s
         const CServiceGuard clGuard = clLockServices();
         STFound stFound = _stFindServer(clGuard, stServer, pcsError);
 
-        // The executable may be registered under other names, whose configurations are written: their locks
-        // are needed, too. Each turn adds a name, so the loop ends.
+        // The executable may be registered under other names: services under them are changed, so their locks
+        // are needed, too, and everything is looked at again with them.
         if (bAddNames(stFound.tOtherNames, &tNames)) {
             pcsError->clear();
             continue;
