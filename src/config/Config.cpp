@@ -12,7 +12,9 @@
 #include <cstdint>
 #include <ctime>
 #include <cwchar>
+#include <span>
 #include <string_view>
+#include <tuple>
 
 using std::uint16_t;
 using std::uint32_t;
@@ -21,21 +23,23 @@ namespace {
 constexpr std::size_t s_nMaxPath = CConfig::s_nPathBuffer - 1;
 using CPathBuffer = std::array<wchar_t, CConfig::s_nPathBuffer>;
 
-/// Every backslash becomes "/", and the directory ends in "/" even where it had to be cut. In a path buffer.
+/// Turns every backslash into "/" and makes the directory end in "/", for which the last character of a full
+/// buffer gives way. pszPath is a path buffer.
 void EndInSlash(wchar_t* pszPath)
 {
     const std::size_t nLength = std::wcslen(pszPath);
-    std::replace(pszPath, pszPath + nLength, L'\\', L'/');
+    std::ranges::replace(std::span(pszPath, nLength), L'\\', L'/');
     if (nLength == 0 || pszPath[nLength - 1] == L'/') {
         return;
     }
+
     const std::size_t nSlash = std::min(nLength, s_nMaxPath - 1);
     pszPath[nSlash] = L'/';
     pszPath[nSlash + 1] = L'\0';
 }
 
-/// Puts a directory in the place of a macro of nMacro characters and of the slashes after it. In a path
-/// buffer.
+/// Replaces a macro of nMacro characters, with the slashes that follow it, by a directory. The result is cut
+/// to what a path buffer holds; pszPath is one.
 void ReplaceMacro(wchar_t* pszPath, std::size_t nMacro, std::wstring_view csDirectory)
 {
     const std::wstring_view csPath(pszPath);
@@ -43,11 +47,14 @@ void ReplaceMacro(wchar_t* pszPath, std::size_t nMacro, std::wstring_view csDire
         std::min(csPath.find_first_not_of(L'/', std::min(nMacro, csPath.size())), csPath.size());
     const std::size_t nDirectory = std::min(csDirectory.size(), s_nMaxPath);
     const std::size_t nKept = std::min(csPath.size() - nRest, s_nMaxPath - nDirectory);
+
+    // The rest moves first: the directory would overwrite it.
     std::wmemmove(pszPath + nDirectory, pszPath + nRest, nKept);
     csDirectory.copy(pszPath, nDirectory);
     pszPath[nDirectory + nKept] = L'\0';
 }
 
+/// Copies a path into a path buffer, cut to what that holds.
 void CopyPath(std::wstring_view csPath, wchar_t* pszBuffer)
 {
     pszBuffer[csPath.copy(pszBuffer, s_nMaxPath)] = L'\0';
@@ -59,16 +66,18 @@ std::wstring csOwnDirectory(const wchar_t* pszDirectory)
     std::wstring csPath =
         pszDirectory != nullptr ? std::wstring(pszDirectory) : GetModuleFileNameW(s_nMaxPath);
     if (pszDirectory == nullptr) {
-        std::replace(csPath.begin(), csPath.end(), L'\\', L'/');
+        std::ranges::replace(csPath, L'\\', L'/');
         csPath = CDiskFile::csDirectory(csPath);
     }
+
     CPathBuffer szPath{};
     CopyPath(csPath, szPath.data());
     EndInSlash(szPath.data());
     return szPath.data();
 }
 
-/// Unique enough: two nameless servers would have to ask within the same second.
+/// A name made of the current time. Unique enough: two nameless servers get the same one only within the same
+/// second.
 void GenerateName(wchar_t* pszBuffer, std::size_t nSize)
 {
     const std::time_t nNow = std::time(nullptr);
@@ -76,8 +85,8 @@ void GenerateName(wchar_t* pszBuffer, std::size_t nSize)
     std::wcsftime(pszBuffer, nSize, L"Velmo_%Y%m%d %H%M%S", ::gmtime_r(&nNow, &stUtc));
 }
 
-/// Of the form that the product's tools show: the manager's message, the system's reason, and where it was
-/// met.
+/// The error in the form that the product's tools show: the manager's message, the C library's text for the
+/// reason, and where it happened.
 CXError clWriteError(int nErrno)
 {
     constexpr const wchar_t* pszModule = L"velmomanager";
@@ -111,7 +120,9 @@ void CConfig::__PatchPath(wchar_t* pszPath) const
     if (std::wstring_view(pszPath).starts_with(csExe)) {
         ReplaceMacro(pszPath, csExe.size(), m_csDirectory);
     }
-    // As many characters as the other macro has: whatever begins so is taken for this one, intended.
+
+    // Only as many characters are compared as the other macro has, so "%%COMMO" already counts, and 17
+    // characters of the path go with it: clients rely on it.
     if (std::wstring_view(pszPath).starts_with(csProgramData.substr(0, csExe.size()))) {
         ReplaceMacro(pszPath, csProgramData.size(), __GetProgramData());
     }
@@ -161,7 +172,7 @@ void CConfig::GetServerName(wchar_t* pszBuffer) const
     _Read(settings::Name, pszBuffer);
     if (*pszBuffer == L'\0') {
         GenerateName(pszBuffer, settings::Name.nSize);
-        (void)_Write(settings::Name, pszBuffer); // a file that cannot be written gets another name next time
+        std::ignore = _Write(settings::Name, pszBuffer); // after a failure the next call makes another name
     }
 }
 
@@ -169,6 +180,8 @@ ELogMode CConfig::eGetLogMode() const
 {
     std::array<wchar_t, settings::ErrorLogMode.nSize> szMode{};
     _Read(settings::ErrorLogMode, szMode.data());
+
+    // Compared with case, unlike the words of other settings.
     const std::wstring_view csMode(szMode.data());
     if (csMode == L"FILE") {
         return LOG_MODE_FILE;
@@ -191,15 +204,17 @@ int CConfig::nGetsocketOptions() const
     };
     static constexpr STKeyword s_tKeywords[] = {
         {L"IPV4_ONLY", 1}, {L"IPV6_ONLY", 2}, {L"IPV4_IPV6", 0}, {L"IPV6_IPV4", 0}};
+
     std::array<wchar_t, settings::SocketOptions.nSize> szValue{};
     _Read(settings::SocketOptions, szValue.data());
 
+    // Keywords between commas, without trimming: one with a space before it is not known.
     int nOptions = 0;
     for (const wchar_t* psz = szValue.data(); *psz != L'\0';) {
         const std::size_t nLength = std::wcscspn(psz, L",");
         for (const STKeyword& st : s_tKeywords) {
             if (nLength == st.csKeyword.size() && ::wcsncasecmp(psz, st.csKeyword.data(), nLength) == 0) {
-                nOptions = st.nOption; // the last one known wins
+                nOptions = st.nOption; // of several known keywords the last one counts
             }
         }
         psz += nLength + (psz[nLength] == L',' ? 1 : 0);
@@ -208,13 +223,13 @@ int CConfig::nGetsocketOptions() const
 }
 
 // clang-format off
-void CConfig::GetRootDBPath(wchar_t* psz) const           { (void)_bReadDirectory(settings::DBRootPath, psz); }
+void CConfig::GetRootDBPath(wchar_t* psz) const           { std::ignore = _bReadDirectory(settings::DBRootPath, psz); }
 void CConfig::GetRootDBPathConfig(wchar_t* psz) const     { _Read(settings::DBRootPath, psz); }
-void CConfig::GetStatDirectory(wchar_t* psz) const        { (void)_bReadDirectory(settings::ActivityStatisticPath, psz); }
+void CConfig::GetStatDirectory(wchar_t* psz) const        { std::ignore = _bReadDirectory(settings::ActivityStatisticPath, psz); }
 void CConfig::GetStatDirectoryConfig(wchar_t* psz) const  { _Read(settings::ActivityStatisticPath, psz); }
 void CConfig::GetJNLPathConfig(wchar_t* psz) const        { _Read(settings::JNLRootPath, psz); }
 void CConfig::GetJNLBackupPathConfig(wchar_t* psz) const  { _Read(settings::JNLBackupRootPath, psz); }
-void CConfig::GetCrashDumpDirectory(wchar_t* psz) const   { (void)_bReadDirectory(settings::DumpPath, psz); }
+void CConfig::GetCrashDumpDirectory(wchar_t* psz) const   { std::ignore = _bReadDirectory(settings::DumpPath, psz); }
 void CConfig::GetClusterPassword(wchar_t* psz) const      { _Read(settings::NodePassword, psz); }
 int CConfig::bLogConnexion() const                        { return _Read(settings::LogConnexion); }
 int CConfig::bMoreThan2Go() const                         { return _Read(settings::MoreThan2Go); }
@@ -289,8 +304,8 @@ std::uint16_t CConfig::wGetStatPeriod() const
 
 std::uint64_t CConfig::qwGetStatMaxFileSize() const
 {
-    return _Read(settings::ActivityStatisticMaxFileSize)
-           << 20; // widened afterwards, so that it wraps: intended
+    // Megabytes to bytes, widened only afterwards: 4096 MB and more wrap around, and clients rely on it.
+    return _Read(settings::ActivityStatisticMaxFileSize) << 20;
 }
 
 void CConfig::GetAfterUpdate(wchar_t* pszBuffer) const
@@ -314,6 +329,7 @@ void CConfig::GetClusterManagerName(wchar_t* pszBuffer) const
 
 void CConfig::SetDBRootPath(const wchar_t* pszPath)
 {
+    // The directory is made where the path leads; the file keeps the path with its macro.
     CPathBuffer szDirectory{};
     CopyPath(pszPath != nullptr ? pszPath : L"", szDirectory.data());
     __PatchPath(szDirectory.data());
@@ -321,5 +337,6 @@ void CConfig::SetDBRootPath(const wchar_t* pszPath)
     if (!CDiskFile::bCreateDirectory(szDirectory.data(), &clError)) {
         throw clError;
     }
+
     __xWritePrivateProfileString(settings::DBRootPath, pszPath);
 }

@@ -9,31 +9,31 @@
 /// Typed access to the settings file "DXConf.ini" of one directory: the manager's own, or that of a server.
 ///
 /// Nothing is cached: every getter reads the file anew, every setter rewrites it. Getters never fail and
-/// never throw; they allocate nothing beside the store. A missing file or key gives the default. Any number
-/// of objects may be used by any threads, with the limits of the store beneath (see WinApi.h). Keys,
-/// defaults, meanings and units: docs/settings.md. The manager itself asks for the restart of failed servers
-/// and, of a server's file, for its cluster; all else is for the servers and the setup programs.
+/// never throw; only the store below them allocates. A missing file or key gives the default. Any thread may
+/// use any object, within the limits of the store (see WinApi.h). docs/settings.md says the keys, defaults,
+/// meanings and units. The manager itself reads only the settings of its restart monitor and, from a server's
+/// file, those of the cluster; all others are for the servers and the setup programs.
 ///
-/// Getters of texts fill a buffer as large as their setting's row in Settings.h says, terminator included;
-/// those that expand a path fill one of s_nPathBuffer characters. Setters of texts delete the key when given
-/// null (not SetDBRootPath, which needs a directory).
+/// A getter of a text fills a buffer of the size that the setting's row in Settings.h says, terminator
+/// included; one that expands a path fills a buffer of s_nPathBuffer characters. A setter of a text deletes
+/// the key when given null (except SetDBRootPath, which needs a directory).
 class CConfig
 {
 public:
     static constexpr std::size_t s_nPathBuffer = 261;
 
-    /// Null is the directory of the running executable.
+    /// Null stands for the directory of the running executable.
     explicit CConfig(const wchar_t* pszDirectory);
 
-    /// A server without a name gets one made of the current UTC time, which is written to the file if that is
+    /// A server without a name gets one made of the current UTC time, which is also written to the file, if
     /// possible.
     void GetServerName(wchar_t* pszBuffer) const;
     ELogMode eGetLogMode() const;
     void GetLogFileName(wchar_t* pszBuffer) const;
     /// 0: IPv4 and IPv6, 1: IPv4 only, 2: IPv6 only.
     int nGetsocketOptions() const;
-    /// Directories end in "/", those as stored ("...Config") excepted. The journal lies with the databases
-    /// unless it has a directory, its backup with the journal.
+    /// Directories end in "/", except those that are given as stored ("...Config"). Without a directory of
+    /// its own the journal lies with the databases, and its backup with the journal.
     void GetRootDBPath(wchar_t* pszBuffer) const;
     void GetRootDBPathConfig(wchar_t* pszBuffer) const;
     void GetStatDirectory(wchar_t* pszBuffer) const;
@@ -56,9 +56,9 @@ public:
     int bWithCoreDump() const;
     /// False when no user is set.
     bool bGetUserDaemon(wchar_t* pszBuffer) const;
-    /// At most 65535, which is also what a negative number reads as.
+    /// At most 65535; a negative number also reads as 65535.
     std::uint16_t wGetStatPeriod() const;
-    /// Bytes; computed in 32 bits, so that 4096 MB and more wrap around: intended.
+    /// Bytes. Computed in 32 bits, so that 4096 MB and more wrap around: clients rely on it.
     std::uint64_t qwGetStatMaxFileSize() const;
     void GetAfterUpdate(wchar_t* pszBuffer) const;
     bool bIsInstallerNatif() const;
@@ -81,15 +81,16 @@ public:
     std::uint32_t dwGetAutoAnalyseMinWrite() const;
     std::uint32_t dwGetAutoAnalysePercentWrite() const;
 
-    /// These throw CXError when the write fails.
+    // These throw CXError when the write fails.
+
     void SetMoreThan2Go(unsigned int bAllow);
     void SetPort(std::uint16_t wPort);
     void SetDebuggerPort(std::uint16_t wPort);
     void SetCacheSizeMo(std::uint32_t dwMegabytes);
     void SetCacheMaximumUnusedTables(std::uint32_t dwFiles);
     void SetWindowsFileCacheSize(int nSize);
-    /// Creates the directory first, with its parents, and throws the error of that, the file unchanged, on
-    /// failure.
+    /// Creates the directory first, with its parents. When that fails, throws its error and leaves the file
+    /// unchanged.
     void SetDBRootPath(const wchar_t* pszPath);
     void SetUserDaemon(const wchar_t* pszUser);
     void SetStatPeriod(std::uint16_t wPeriod);
@@ -98,8 +99,9 @@ public:
     void WriteAfterUpdate(const wchar_t* pszReport);
     void SetAutoAnalyseEnable(bool bEnable);
 
-    /// These return nonzero on success, else 0 with errno. An empty journal path deletes the key as null
-    /// does.
+    // These return nonzero on success, else 0 with errno. An empty journal path deletes the key, as null
+    // does.
+
     int ClearAfterUpdate();
     int SetJNLPath(const wchar_t* pszPath);
     int SetJNLBackupPath(const wchar_t* pszPath);
@@ -108,13 +110,13 @@ public:
 
 private:
     static const wchar_t* __GetProgramData() { return L"/var/lib/"; }
-    /// Expands the macro at the start of a path, in place, in a buffer of s_nPathBuffer characters; the
-    /// result is cut to what that holds.
+    /// Expands the macro at the start of a path, in place. The buffer has s_nPathBuffer characters; the
+    /// result is cut to what it holds.
     void __PatchPath(wchar_t* pszPath) const;
     template <class T>
     T _Read(const settings::STNumber<T>& stSetting) const;
     void _Read(const settings::STText& stSetting, wchar_t* pszBuffer) const;
-    /// A directory setting, expanded and with its end slash; false when it is empty.
+    /// Reads a directory setting, expanded and with a trailing slash; false when it is empty.
     bool _bReadDirectory(const settings::STText& stSetting, wchar_t* pszBuffer) const;
     template <class TSetting>
     int _Write(const TSetting& stSetting, const wchar_t* pszValue) const;
@@ -123,6 +125,6 @@ private:
     template <class T, class TNumber>
     void _xWriteNumber(const settings::STNumber<T>& stSetting, TNumber nValue);
 
-    std::wstring m_csDirectory; // ends in "/"
-    std::wstring m_csFile;
+    std::wstring m_csDirectory; ///< with a trailing slash
+    std::wstring m_csFile;      ///< path of "DXConf.ini" in it
 };

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cwctype>
+#include <iterator>
 
 namespace {
 int nFold(CAnsiUnit c)
@@ -47,8 +48,8 @@ template <class TUnit>
 bool bBeginsWithName(CUnitsView<TUnit> csLine, CUnitsView<TUnit> csName)
 {
     return csLine.size() >= csName.size() &&
-           std::equal(csName.begin(), csName.end(), csLine.begin(),
-                      [](TUnit c1, TUnit c2) { return c1 == c2 || nFold(c1) == nFold(c2); });
+           std::ranges::equal(csName, csLine.substr(0, csName.size()),
+                              [](TUnit c1, TUnit c2) { return c1 == c2 || nFold(c1) == nFold(c2); });
 }
 
 /// "[", the name and "]" at the start of the line.
@@ -59,7 +60,7 @@ bool bHeaderOf(CUnitsView<TUnit> csLine, CUnitsView<TUnit> csSection)
            bBeginsWith(csLine.substr(csSection.size() + 1), TUnit{']'});
 }
 
-/// The key's name, and right behind it "=" or a blank.
+/// The key's name, directly followed by "=", a space or a tab.
 template <class TUnit>
 bool bLineOf(CUnitsView<TUnit> csLine, CUnitsView<TUnit> csKey)
 {
@@ -70,16 +71,16 @@ bool bLineOf(CUnitsView<TUnit> csLine, CUnitsView<TUnit> csKey)
     return c == TUnit{'='} || bBlank(c);
 }
 
-/// The part of a line that the reader looks at.
+/// The part of a line that the reader looks at: up to a NUL, without leading whitespace.
 template <class TUnit>
 CUnitsView<TUnit> csReaderText(CUnitsView<TUnit> csLine)
 {
     csLine = csLine.substr(0, csLine.find(TUnit{}));
-    const auto it = std::find_if_not(csLine.begin(), csLine.end(), [](TUnit c) { return bSpace(c); });
+    const auto it = std::ranges::find_if_not(csLine, [](TUnit c) { return bSpace(c); });
     return csLine.substr(static_cast<std::size_t>(it - csLine.begin()));
 }
 
-/// Name in a header line of any section, as the reader knows them; none for other lines.
+/// Name in a section's header line, as the reader understands it; none for other lines.
 template <class TUnit>
 std::optional<CUnitsView<TUnit>> csHeaderName(CUnitsView<TUnit> csText)
 {
@@ -90,7 +91,7 @@ std::optional<CUnitsView<TUnit>> csHeaderName(CUnitsView<TUnit> csText)
     return nEnd == csText.npos ? std::nullopt : std::optional(csText.substr(1, nEnd - 1));
 }
 
-/// Value of a key line whose "=" is sought from nAfterName on; none without a "=".
+/// Value of a key line; none without a "=" from nAfterName on.
 template <class TUnit>
 std::optional<CUnits<TUnit>> csValueOf(CUnitsView<TUnit> csText, std::size_t nAfterName)
 {
@@ -98,25 +99,27 @@ std::optional<CUnits<TUnit>> csValueOf(CUnitsView<TUnit> csText, std::size_t nAf
     if (nEqual == csText.npos) {
         return std::nullopt;
     }
-    const auto itCut = std::find_if(csText.begin(), csText.end(), bLineEnd<TUnit>);
+
+    // A CR anywhere ends the value, and so does one before the "=": the value is then empty.
+    const auto itCut = std::ranges::find_if(csText, bLineEnd<TUnit>);
     const auto nCut = static_cast<std::size_t>(itCut - csText.begin());
-    CUnitsView<TUnit> csValue = csText.substr(0, nCut).substr(std::min(nEqual + 1, nCut));
-    const auto itValue = std::find_if_not(csValue.begin(), csValue.end(), bBlank<TUnit>);
+    const CUnitsView<TUnit> csValue = csText.substr(0, nCut).substr(std::min(nEqual + 1, nCut));
+    const auto itValue = std::ranges::find_if_not(csValue, bBlank<TUnit>);
     return CUnits<TUnit>(itValue, csValue.end());
 }
 
-/// Adds a name to a list that is none as long as it has no names.
+/// Adds a name to a list, which is none until its first name.
 template <class TUnit>
 void AppendListed(std::optional<CUnits<TUnit>>* pcsList, CUnitsView<TUnit> csName)
 {
-    constexpr TUnit tLineEnd[] = {TUnit{'\r'}, TUnit{'\n'}};
+    constexpr TUnit tCRLF[] = {TUnit{'\r'}, TUnit{'\n'}};
     if (!pcsList->has_value()) {
         pcsList->emplace();
     }
-    (*pcsList)->append(csName).append(tLineEnd, 2);
+    (*pcsList)->append(csName).append(tCRLF, std::size(tCRLF));
 }
 
-/// Name before "=" without the blanks at its end; none for a line without "=".
+/// Name before "=", without trailing spaces and tabs; none for a line without "=".
 template <class TUnit>
 std::optional<CUnitsView<TUnit>> csKeyName(CUnitsView<TUnit> csText)
 {
@@ -130,7 +133,7 @@ std::optional<CUnitsView<TUnit>> csKeyName(CUnitsView<TUnit> csText)
     return csText.substr(0, nEnd);
 }
 
-/// Names of all headers, the same one as often as it stands there.
+/// Names of all headers. A name that stands there twice is listed twice.
 template <class TUnit>
 std::optional<CUnits<TUnit>> csListSections(CProfileFile& clFile)
 {
@@ -143,7 +146,7 @@ std::optional<CUnits<TUnit>> csListSections(CProfileFile& clFile)
     return csList;
 }
 
-/// The search within a section, from the line behind its header.
+/// Searches a section from the line after its header: the value of a key, or without a key the names of all.
 template <class TUnit>
 std::optional<CUnits<TUnit>> csSearchKey(CProfileFile& clFile, std::optional<CUnitsView<TUnit>> csKey)
 {
@@ -153,28 +156,31 @@ std::optional<CUnits<TUnit>> csSearchKey(CProfileFile& clFile, std::optional<CUn
         if (csHeaderName(csText).has_value()) {
             break;
         }
-        if (bBeginsWith(csText, TUnit{':'})) {
+        if (bBeginsWith(csText, TUnit{':'})) { // a comment
             continue;
         }
+
+        // A line with the key's name but without "=" is passed over: another one may follow.
         if (!csKey.has_value()) {
             if (const auto csName = csKeyName(csText)) {
                 AppendListed(&csFound, *csName);
             }
         } else if (bLineOf(csText, *csKey) && (csFound = csValueOf(csText, csKey->size()))) {
-            break;
+            break; // the first line of the key counts
         }
     }
     return csFound;
 }
 
-/// A stretch of the file, in bytes.
+/// A part of the file, [nStart, nEnd) in bytes.
 struct STSpan
 {
     off_t nStart;
     off_t nEnd;
 };
 
-/// Where the header of the section stands, with the reading position behind it; none at the end of the file.
+/// Finds the section's header and leaves the reading position after it. None: the position is then the end of
+/// the file.
 template <class TUnit>
 std::optional<STSpan> stFindHeader(CProfileFile& clFile, CUnitsView<TUnit> csSection)
 {
@@ -187,7 +193,7 @@ std::optional<STSpan> stFindHeader(CProfileFile& clFile, CUnitsView<TUnit> csSec
     return std::nullopt;
 }
 
-/// Where the next line that starts with "[" stands, or the end of the file.
+/// Start of the next line that begins with "[", or the end of the file.
 template <class TUnit>
 off_t nFindSectionEnd(CProfileFile& clFile)
 {
@@ -197,10 +203,10 @@ off_t nFindSectionEnd(CProfileFile& clFile)
             break;
         }
     }
-    return nStart;
+    return nStart; // not the position, which is already after that line
 }
 
-/// The key's line, or the empty stretch where it belongs: before the line that ends the section.
+/// The key's line, or the empty part where it belongs: before the line that ends the section.
 template <class TUnit>
 STSpan stFindKeyLine(CProfileFile& clFile, CUnitsView<TUnit> csKey)
 {
@@ -209,6 +215,7 @@ STSpan stFindKeyLine(CProfileFile& clFile, CUnitsView<TUnit> csKey)
         if (bLineOf<TUnit>(csLine, csKey)) {
             return {nStart, clFile.nPosition()};
         }
+        // An empty line ends the section for the writer: a new key goes before it, not to the next header.
         if (bLineEnd(csLine.front()) || csLine.front() == TUnit{'['}) {
             break;
         }
@@ -216,6 +223,7 @@ STSpan stFindKeyLine(CProfileFile& clFile, CUnitsView<TUnit> csKey)
     return {nStart, nStart};
 }
 
+/// Lines that are written end with LF alone, whatever the others in the file end with.
 template <class TUnit>
 CUnits<TUnit> csHeaderLine(CUnitsView<TUnit> csSection)
 {
@@ -226,10 +234,10 @@ template <class TUnit>
 CUnits<TUnit> csKeyLine(CUnitsView<TUnit> csKey, CUnitsView<TUnit> csValue)
 {
     constexpr TUnit tEqual[] = {TUnit{' '}, TUnit{'='}, TUnit{' '}};
-    return CUnits<TUnit>(csKey).append(tEqual, 3).append(csValue) + TUnit{'\n'};
+    return CUnits<TUnit>(csKey).append(tEqual, std::size(tEqual)).append(csValue) + TUnit{'\n'};
 }
 
-/// Puts the text in the place of the stretch; a file in which nothing changes is not written.
+/// Replaces the part of the file by the text. A file in which nothing changes is not written.
 template <class TUnit>
 bool __bWriteKey(CProfileFile& clFile, STSpan stSpan, CUnitsView<TUnit> csText)
 {
@@ -247,6 +255,8 @@ std::optional<CUnits<TUnit>> __GetPrivateProfileStringInterne(CProfileFile& clFi
     if (csSection.empty()) {
         return csListSections<TUnit>(clFile);
     }
+
+    // Of several sections of one name only the first is searched.
     for (CUnits<TUnit> csLine; clFile.STRG_nGetLine(&csLine) >= 0;) {
         if (bHeaderOf(csReaderText<TUnit>(csLine), csSection)) {
             return csSearchKey(clFile, csKey);
@@ -260,7 +270,7 @@ bool __WritePrivateProfileString(CProfileFile& clFile, CUnitsView<TUnit> csSecti
                                  std::optional<CUnitsView<TUnit>> csKey,
                                  std::optional<CUnitsView<TUnit>> csValue)
 {
-    // First where the change goes, then what stands there afterwards.
+    // First the place of the change.
     const std::optional<STSpan> stHeader = stFindHeader(clFile, csSection);
     STSpan stSpan = {clFile.nPosition(), clFile.nPosition()};
     CUnits<TUnit> csText;
@@ -271,9 +281,13 @@ bool __WritePrivateProfileString(CProfileFile& clFile, CUnitsView<TUnit> csSecti
     } else {
         stSpan = {stHeader->nStart, nFindSectionEnd<TUnit>(clFile)};
     }
+
+    // A failed read looks like the end of the file: a second section or key would be written.
     if (clFile.bReadFailed()) {
         return false;
     }
+
+    // Then what stands there afterwards. A deletion writes nothing, not even the header prepared above.
     if (csKey.has_value() && csValue.has_value()) {
         csText += csKeyLine(*csKey, *csValue);
     } else {

@@ -12,12 +12,15 @@
 #include <fcntl.h>
 #include <memory>
 #include <sys/stat.h>
+#include <tuple>
 #include <unistd.h>
+#include <utility>
 
-static_assert(std::endian::native == std::endian::little, "units are copied from the file as they are");
+static_assert(std::endian::native == std::endian::little, "units are copied from the file unchanged");
 
 namespace {
-/// Writes all of the bytes at a position; ENOSPC where the system just takes none.
+/// Writes all of the bytes at a position; false with errno (ENOSPC where the kernel accepts none without an
+/// error).
 bool bWriteAt(int nFd, std::string_view csBytes, off_t nPosition)
 {
     while (!csBytes.empty()) {
@@ -27,24 +30,27 @@ bool bWriteAt(int nFd, std::string_view csBytes, off_t nPosition)
             errno = nWritten == 0 ? ENOSPC : errno;
             return false;
         }
+
         csBytes.remove_prefix(static_cast<std::size_t>(nWritten));
         nPosition += nWritten;
     }
     return true;
 }
 
-/// Appends all that the file holds from a position on.
+/// Appends all that the file holds from a position on; false with errno.
 bool bReadTail(int nFd, off_t nPosition, off_t nSize, std::string* pcsBytes)
 {
     const std::size_t nBefore = pcsBytes->size();
     std::size_t nLeft = nSize > nPosition ? static_cast<std::size_t>(nSize - nPosition) : 0;
     pcsBytes->resize(nBefore + nLeft);
+
     for (char* p = pcsBytes->data() + nBefore; nLeft > 0;) {
         const ssize_t nRead = nRetry([&] { return ::pread(nFd, p, nLeft, nPosition); });
         if (nRead <= 0) {
-            errno = nRead == 0 ? EIO : errno; // the file became shorter under our hands
+            errno = nRead == 0 ? EIO : errno; // somebody has made the file shorter meanwhile
             return false;
         }
+
         p += nRead;
         nPosition += nRead;
         nLeft -= static_cast<std::size_t>(nRead);
@@ -52,24 +58,29 @@ bool bReadTail(int nFd, off_t nPosition, off_t nSize, std::string* pcsBytes)
     return true;
 }
 
-/// Makes the file hold the bytes from nStart to its end. The part that lies behind the old end is written
-/// first and taken back on failure; overwriting the rest needs no new space.
+/// Replaces what the file holds from nStart to its end by the bytes. The part beyond the old end is written
+/// first, and taken back when that fails: only it needs space, so a full file system leaves the file
+/// unchanged.
 bool bWriteToEnd(int nFd, off_t nStart, off_t nSize, std::string_view csBytes)
 {
-    const CNoFileSizeSignal clNoSignal;
+    const CNoFileSizeSignal clNoSignal; // a limit on file sizes is to be an error, not the end of the process
     const std::size_t nInside =
         std::min(csBytes.size(), static_cast<std::size_t>(std::max<off_t>(nSize - nStart, 0)));
+
     if (!bWriteAt(nFd, csBytes.substr(nInside), nStart + static_cast<off_t>(nInside))) {
-        const int nErrno = errno;
-        (void)nRetry([&] { return ::ftruncate(nFd, nSize); }); // the failed write is what is reported
+        const int nErrno = errno; // the failed write is what is reported
+        std::ignore = nRetry([&] { return ::ftruncate(nFd, nSize); });
         errno = nErrno;
         return false;
     }
+
     const off_t nNewSize = nStart + static_cast<off_t>(csBytes.size());
     return bWriteAt(nFd, csBytes.substr(0, nInside), nStart) &&
            (nNewSize >= nSize || nRetry([&] { return ::ftruncate(nFd, nNewSize); }) == 0);
 }
-constexpr int s_nMaxLinks = 40; ///< followed one after the other, as by the kernel
+
+/// Links that are followed one after the other, as many as the kernel follows.
+constexpr int s_nMaxLinks = 40;
 
 /// Text of the link that a descriptor stands for; empty (errno set) when it cannot be read.
 std::string csLinkText(int nLink)
@@ -82,12 +93,11 @@ std::string csLinkText(int nLink)
 
 bool bOwnedByRoot(int nFd)
 {
-    struct stat st
-    {};
+    STFileStatus st{};
     return ::fstat(nFd, &st) == 0 && st.st_uid == 0;
 }
 
-/// A name in an open folder; without one, a path.
+/// A name in an open folder; without an open folder, a path.
 struct STPlace
 {
     CDescripteur clFolder;
@@ -101,14 +111,15 @@ struct STPlace
     }
 };
 
-/// Moves to the target of the link that an open descriptor is. False (EPERM) when root does not own the link
-/// and the folder that holds its target.
+/// Moves the place to the target of a link that is open. False with errno; EPERM when root does not own both
+/// the link and the folder that holds its target.
 bool bFollow(int nLink, STPlace* pstPlace)
 {
     const std::string csTarget = csLinkText(nLink);
     if (csTarget.empty()) {
         return false;
     }
+
     // A relative target begins in the folder that holds the link.
     const std::string csFrom = pstPlace->csName.substr(0, pstPlace->csName.rfind('/') + 1);
     const std::string csWhole = csTarget.front() == '/' ? csTarget : csFrom + csTarget;
@@ -118,6 +129,8 @@ bool bFollow(int nLink, STPlace* pstPlace)
     if (!clFolder.bOpen()) {
         return false;
     }
+
+    // In a folder of somebody else the target could be replaced at any time.
     if (!bOwnedByRoot(nLink) || !bOwnedByRoot(clFolder.nFd())) {
         errno = EPERM;
         return false;
@@ -126,17 +139,17 @@ bool bFollow(int nLink, STPlace* pstPlace)
     return true;
 }
 
-/// Opens the file at a path for writing, and through such links only as root made: a server's user may put a
-/// link beside its settings, and root would write to its target. All is judged on what was opened, so that a
-/// name that changes meanwhile does not matter.
+/// Opens the file at a path for writing, and follows only links that root has made: otherwise a server's user
+/// could put a link in the place of its settings, and root would write to the link's target. Everything is
+/// judged by what has been opened, so that a name that changes meanwhile does not matter.
 CDescripteur clOpenToWrite(const std::string& csPath, int nFlags)
 {
     STPlace stPlace{CDescripteur(), csPath};
     for (int n = 0; n < s_nMaxLinks; ++n) {
         const CDescripteur clFound = stPlace.clOpenPath(stPlace.csName, O_NOFOLLOW);
-        struct stat st
-        {};
+        STFileStatus st{};
         if (!clFound.bOpen() || ::fstat(clFound.nFd(), &st) != 0 || !S_ISLNK(st.st_mode)) {
+            // Not there (O_CREAT may make it), or no link. One that is put there now is refused.
             return clOpenRegularAt(stPlace.nFolder(), stPlace.csName, nFlags | O_NOFOLLOW);
         }
         if (!bFollow(clFound.nFd(), &stPlace)) {
@@ -147,11 +160,11 @@ CDescripteur clOpenToWrite(const std::string& csPath, int nFlags)
     return CDescripteur();
 }
 
-/// A file with a second name may be another user's file: what is written here would be written there.
+/// Whether the file has only this name; false with errno (EMLINK). A file with a second name may be a hard
+/// link to somebody else's file, which a write would change.
 bool bHasOneName(int nFd)
 {
-    struct stat st
-    {};
+    STFileStatus st{};
     if (::fstat(nFd, &st) != 0) {
         return false;
     }
@@ -165,11 +178,11 @@ CProfileFile::CProfileFile() : m_pBuffer(pMakeForOverwrite<CBuffer>()) {}
 bool CProfileFile::_bTake(CDescripteur clFile)
 {
     m_clFile = std::move(clFile);
-    struct stat st
-    {};
+    STFileStatus st{};
     if (!m_clFile.bOpen() || ::fstat(m_clFile.nFd(), &st) != 0) {
         return false;
     }
+
     if (st.st_size > g_nMaxProfileFile) {
         m_clFile.Close();
         errno = EFBIG;
@@ -193,19 +206,21 @@ bool CProfileFile::_bOpenToWrite(const std::string& csPath, int nFlags)
 
 bool CProfileFile::bOpenToUpdate(const std::string& csPath)
 {
-    // Two steps: with O_CREAT the system refuses root an existing file of another user in a shared directory.
+    // In two steps: with O_CREAT the kernel (fs.protected_regular) refuses even root a file that another user
+    // has made in a shared directory.
     return _bOpenToWrite(csPath, O_RDWR) || (errno == ENOENT && _bOpenToWrite(csPath, O_RDWR | O_CREAT));
 }
 
 bool CProfileFile::bFichierUnicode()
 {
-    constexpr std::string_view csMark = "\xFF\xFE";
-    while (m_nEnd < csMark.size() && _bFill()) { // the lines come out of the same read
+    constexpr std::string_view csBOM = "\xFF\xFE";
+    while (m_nEnd < csBOM.size() && _bFill()) { // one read also brings the first lines
     }
-    const bool bUnicode = std::string_view(m_pBuffer->data(), m_nEnd).starts_with(csMark);
+
+    const bool bUnicode = std::string_view(m_pBuffer->data(), m_nEnd).starts_with(csBOM);
     if (bUnicode) {
-        m_nBegin = csMark.size();
-        m_nPosition = static_cast<off_t>(csMark.size());
+        m_nBegin = csBOM.size();
+        m_nPosition = static_cast<off_t>(csBOM.size());
     }
     return bUnicode;
 }
@@ -216,16 +231,19 @@ bool CProfileFile::bReadFailed() const noexcept
     return m_nReadError != 0;
 }
 
-/// Moves what is left to the front of the buffer and reads on behind it; false at the end of the file.
+/// Moves what is left to the front of the buffer and reads more after it. False at the end of the file, and
+/// on a failure, which m_nReadError keeps.
 bool CProfileFile::_bFill()
 {
     std::memmove(m_pBuffer->data(), m_pBuffer->data() + m_nBegin, m_nEnd - m_nBegin);
     m_nEnd -= std::exchange(m_nBegin, 0);
+
     const off_t nFilePosition = m_nPosition + static_cast<off_t>(m_nEnd);
-    if (nFilePosition > g_nMaxProfileFile) { // it grew meanwhile
+    if (nFilePosition > g_nMaxProfileFile) { // the file has grown since it was opened
         m_nReadError = EFBIG;
         return false;
     }
+
     const ssize_t nRead = nRetry([&] {
         return ::pread(m_clFile.nFd(), m_pBuffer->data() + m_nEnd, m_pBuffer->size() - m_nEnd, nFilePosition);
     });
@@ -242,6 +260,9 @@ bool CProfileFile::_bTakeUntilLF(std::basic_string<TUnit>* pcsLine)
 {
     const char* pBegin = m_pBuffer->data() + m_nBegin;
     const std::size_t nUnits = (m_nEnd - m_nBegin) / sizeof(TUnit);
+
+    // Number of units before the LF; without one, of all. Byte by byte in UTF-16, as the units in the buffer
+    // need not be aligned.
     std::size_t nLF = nUnits;
     if constexpr (sizeof(TUnit) == 1) {
         const void* pLF = std::memchr(pBegin, '\n', nUnits);
@@ -252,9 +273,10 @@ bool CProfileFile::_bTakeUntilLF(std::basic_string<TUnit>* pcsLine)
     }
     const std::size_t nTaken = std::min(nLF + 1, nUnits);
 
+    // All of the line is consumed, but only its first g_nMaxProfileLine bytes are kept.
     const std::size_t nBefore = pcsLine->size();
     const std::size_t nKept = std::min(nTaken, g_nMaxProfileLine / sizeof(TUnit) - nBefore);
-    pcsLine->resize(nBefore + nKept); // the buffer's bytes need not be aligned
+    pcsLine->resize(nBefore + nKept);
     std::memcpy(pcsLine->data() + nBefore, pBegin, nKept * sizeof(TUnit));
 
     m_nBegin += nTaken * sizeof(TUnit);
@@ -277,16 +299,17 @@ template ssize_t CProfileFile::STRG_nGetLine(std::basic_string<CUnicodeUnit>* pc
 
 bool CProfileFile::bReplace(off_t nStart, off_t nEnd, std::string_view csBytes)
 {
-    struct stat stFile
-    {};
+    STFileStatus stFile{};
     if (::fstat(m_clFile.nFd(), &stFile) != 0) {
         return false;
     }
+
     const off_t nNewSize = stFile.st_size - (nEnd - nStart) + static_cast<off_t>(csBytes.size());
-    if (std::max(stFile.st_size, nNewSize) > g_nMaxProfileFile) { // nobody would read it any more
+    if (std::max(stFile.st_size, nNewSize) > g_nMaxProfileFile) { // no reader would open it any more
         errno = EFBIG;
         return false;
     }
+
     std::string csNew(csBytes);
     return bReadTail(m_clFile.nFd(), nEnd, stFile.st_size, &csNew) &&
            bWriteToEnd(m_clFile.nFd(), nStart, stFile.st_size, csNew);
@@ -294,6 +317,6 @@ bool CProfileFile::bReplace(off_t nStart, off_t nEnd, std::string_view csBytes)
 
 bool CProfileFile::bClose()
 {
-    // An interrupted close has closed all the same.
+    // On Linux an interrupted close has closed the descriptor all the same.
     return ::close(m_clFile.nRelease()) == 0 || errno == EINTR;
 }

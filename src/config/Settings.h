@@ -2,10 +2,10 @@
 
 #include <cstdint>
 
-/// The settings of "DXConf.ini": where each one is kept, its type and what holds without it. Getters and
-/// setters of CConfig follow from these rows; docs/settings.md explains each to the administrator.
+/// The settings of "DXConf.ini": section, key, type and default of each, written once. The getters and
+/// setters of CConfig follow from these rows; docs/settings.md explains each setting to the administrator.
 namespace settings {
-/// A number; T is what the getter returns. A bool is true for any number but 0, other types take the number's
+/// A number. T is what the getter returns: a bool is true for any number but 0, other types take the number's
 /// low bits.
 template <class T>
 struct STNumber

@@ -16,11 +16,11 @@
 #include <vector>
 
 namespace {
-constexpr std::size_t s_nMaxPath = 260;
-constexpr unsigned int s_nIntBuffer = 20;
+constexpr std::size_t s_nMaxPath = 260;   ///< characters of a path; the rest is cut off
+constexpr unsigned int s_nIntBuffer = 20; ///< characters read of a number, terminator included
 
-/// Text of one encoding as the file holds it. A character that a 16-bit unit cannot hold becomes two, as in
-/// any UTF-16 text; lone surrogates stay, as they may have been read from such a pair.
+/// Text in the units of one encoding. In UTF-16 a character beyond U+FFFF becomes two units. Lone surrogates
+/// stay unchanged: the reader makes one character of each unit, so they may be the halves of such a pair.
 template <class TUnit>
 std::basic_string<TUnit> csUnits(std::wstring_view csText)
 {
@@ -30,7 +30,7 @@ std::basic_string<TUnit> csUnits(std::wstring_view csText)
         std::u16string csResult;
         for (const wchar_t c : csText) {
             const auto nChar = static_cast<char32_t>(c) > 0x10FFFF ? 0xFFFD : static_cast<char32_t>(c);
-            if (nChar > 0xFFFF) {
+            if (nChar > 0xFFFF) { // the high surrogate: 0xD800 + (nChar - 0x10000 >> 10)
                 csResult += static_cast<char16_t>(0xD7C0 + (nChar >> 10));
             }
             csResult += static_cast<char16_t>(nChar > 0xFFFF ? 0xDC00 + (nChar & 0x3FF) : nChar);
@@ -55,7 +55,7 @@ std::optional<std::basic_string<TUnit>> csOptionalUnits(const wchar_t* pszText)
     return pszText == nullptr ? std::nullopt : std::optional(csUnits<TUnit>(pszText));
 }
 
-/// The reader of one encoding, with wide text on both sides.
+/// Searches a file of one encoding.
 template <class TUnit>
 std::optional<std::wstring> csSearch(CProfileFile& clFile, const wchar_t* pszSection, const wchar_t* pszKey)
 {
@@ -65,7 +65,7 @@ std::optional<std::wstring> csSearch(CProfileFile& clFile, const wchar_t* pszSec
     return csFound.has_value() ? std::optional(csFromUnits(*csFound)) : std::nullopt;
 }
 
-/// The writer of one encoding.
+/// Changes a file of one encoding.
 template <class TUnit>
 bool bEdit(CProfileFile& clFile, const wchar_t* pszSection, const wchar_t* pszKey, const wchar_t* pszValue)
 {
@@ -75,8 +75,8 @@ bool bEdit(CProfileFile& clFile, const wchar_t* pszSection, const wchar_t* pszKe
     return __WritePrivateProfileString<TUnit>(clFile, csSection, csKey, csValue);
 }
 
-/// Fills a buffer as far as it goes, its terminator included; returns the number of characters in front of
-/// it.
+/// Copies a text into a buffer, cut to what that holds and terminated. Returns the number of characters
+/// before the terminator.
 template <class TCar>
 unsigned int nCopyCut(std::basic_string_view<TCar> csText, TCar* pszBuffer, unsigned int nSize)
 {
@@ -88,19 +88,21 @@ unsigned int nCopyCut(std::basic_string_view<TCar> csText, TCar* pszBuffer, unsi
     return static_cast<unsigned int>(nLength);
 }
 
-/// Home directory by the password database, whatever the environment says; none without an entry.
+/// Home directory that the password database says, whatever the environment says; none without an entry.
 std::optional<std::wstring> csHomeDirectory()
 {
     passwd stEntry{};
     passwd* pstFound = nullptr;
-    std::vector<char> tBuffer(1024);
+    std::vector<char> tBuffer(1024); // enough for most entries
+
     while (::getpwuid_r(::getuid(), &stEntry, tBuffer.data(), tBuffer.size(), &pstFound) == ERANGE) {
         tBuffer.resize(2 * tBuffer.size());
     }
+
     return pstFound == nullptr ? std::nullopt : std::optional(csFromUTF8(pstFound->pw_dir));
 }
 
-/// Where the file of that name lies: a name without a directory is one of the user's home.
+/// Path of the file of that name: a name without a directory means a file in the user's home.
 std::wstring __PrivateProfilePatchName(const wchar_t* pszFile)
 {
     std::wstring csPath(pszFile);
@@ -109,10 +111,12 @@ std::wstring __PrivateProfilePatchName(const wchar_t* pszFile)
             csPath = *csHome + L"/" + csPath;
         }
     }
-    std::replace(csPath.begin(), csPath.end(), L'\\', L'/');
+
+    std::ranges::replace(csPath, L'\\', L'/');
     return csPath.substr(0, s_nMaxPath);
 }
 
+/// Path of the per-user file; false for a user without a home.
 bool bGetNVSCONFPath(std::wstring* pcsPath)
 {
     const auto csHome = csHomeDirectory();
@@ -120,13 +124,13 @@ bool bGetNVSCONFPath(std::wstring* pcsPath)
     return csHome.has_value();
 }
 
-/// Null in the place of the per-user file's path: there is none.
+/// The per-user file's path, kept in *pcsPath; null when the user has none.
 const wchar_t* pszUserFile(std::wstring* pcsPath)
 {
     return bGetNVSCONFPath(pcsPath) ? pcsPath->c_str() : nullptr;
 }
 
-/// Out of memory counts as no file: reading never fails.
+/// As pszUserFile, but out of memory counts as no file: reading never fails.
 const wchar_t* pszUserFileToRead(std::wstring* pcsPath) noexcept
 {
     try {
@@ -136,7 +140,7 @@ const wchar_t* pszUserFileToRead(std::wstring* pcsPath) noexcept
     }
 }
 
-/// Who is told of files that are too large, and how often.
+/// What is called for files that are too large, and how often.
 struct STTooLarge
 {
     CTooLargeReport fnReport;
@@ -155,20 +159,21 @@ void ReportTooLarge(const std::wstring& csFile)
     }
 }
 
-/// What a file says about a key; the text is absent with the key.
+/// What a file says about a key; no text when the key is absent.
 struct STRead
 {
     bool bOpened = false;
     std::optional<std::wstring> csFound;
 };
 
-/// One pass over the file. No file, no right to read it, too large a file and no memory all look like an
-/// absent key.
+/// One pass over the file. A file that is missing, unreadable or too large looks like an absent key, and so
+/// does a lack of memory.
 STRead stRead(const wchar_t* pszSection, const wchar_t* pszKey, const wchar_t* pszFile) noexcept
 {
     STRead stResult;
     try {
         const std::wstring csFile = pszFile != nullptr ? __PrivateProfilePatchName(pszFile) : std::wstring();
+
         CProfileFile clFile;
         stResult.bOpened = pszFile != nullptr && clFile.bOpenToRead(csToUTF8(csFile));
         if (stResult.bOpened) {
@@ -177,13 +182,13 @@ STRead stRead(const wchar_t* pszSection, const wchar_t* pszKey, const wchar_t* p
         } else if (pszFile != nullptr && errno == EFBIG) {
             ReportTooLarge(csFile);
         }
-    } catch (const std::bad_alloc&) {
-        stResult.csFound.reset(); // reading never fails: the key counts as absent
+    } catch (const std::bad_alloc&) { // reading never fails: the key counts as absent
+        stResult.csFound.reset();
     }
     return stResult;
 }
 
-/// Hands out the text found, or the default; without either the buffer of a file that exists is emptied.
+/// Copies the text found, else the default. Without both, empties the buffer if there is a file.
 template <class TCar>
 unsigned int nAnswer(bool bOpened, std::optional<std::basic_string_view<TCar>> csFound,
                      const TCar* pszDefault, TCar* pszBuffer, unsigned int nSize) noexcept
@@ -204,9 +209,22 @@ bool bWrite(const wchar_t* pszSection, const wchar_t* pszKey, const wchar_t* psz
     if (!clFile.bOpenToUpdate(csToUTF8(__PrivateProfilePatchName(pszFile)))) {
         return false;
     }
+
     const bool bDone = clFile.bFichierUnicode() ? bEdit<CUnicodeUnit>(clFile, pszSection, pszKey, pszValue)
                                                 : bEdit<CAnsiUnit>(clFile, pszSection, pszKey, pszValue);
     return bDone && clFile.bClose(); // a failed edit closes in the destructor, which keeps errno
+}
+
+/// Does a write; 0 with errno when it fails, ENOMEM when memory is out.
+template <class TWrite>
+int nWithoutThrowing(TWrite Write) noexcept
+{
+    try {
+        return Write() ? 1 : 0;
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        return 0;
+    }
 }
 
 std::optional<std::wstring> csOptionalWide(const char* pszText)
@@ -236,6 +254,7 @@ unsigned int GetPrivateProfileStringW(const wchar_t* pszSection, const wchar_t* 
 int GetPrivateProfileInt(const wchar_t* pszSection, const wchar_t* pszKey, int nDefault,
                          const wchar_t* pszFile)
 {
+    // The default goes through the same text, so that one conversion makes the result.
     std::array<wchar_t, s_nIntBuffer> tBuffer{};
     std::array<wchar_t, s_nIntBuffer> szDefault{};
     std::swprintf(szDefault.data(), szDefault.size(), L"%d", nDefault);
@@ -250,12 +269,7 @@ int WritePrivateProfileStringW(const wchar_t* pszSection, const wchar_t* pszKey,
         errno = EINVAL;
         return 0;
     }
-    try {
-        return bWrite(pszSection, pszKey, pszValue, pszFile) ? 1 : 0;
-    } catch (const std::bad_alloc&) {
-        errno = ENOMEM;
-        return 0;
-    }
+    return nWithoutThrowing([&] { return bWrite(pszSection, pszKey, pszValue, pszFile); });
 }
 
 unsigned int GetPrivateProfileStringA(const char* pszSection, const char* pszKey, const char* pszDefault,
@@ -276,9 +290,11 @@ unsigned int GetPrivateProfileStringA(const char* pszSection, const char* pszKey
 int WritePrivateProfileStringA(const char* pszSection, const char* pszKey, const char* pszValue,
                                const char* pszFile)
 {
-    return WritePrivateProfileStringW(pszOrNull(csOptionalWide(pszSection)),
-                                      pszOrNull(csOptionalWide(pszKey)), pszOrNull(csOptionalWide(pszValue)),
-                                      pszOrNull(csOptionalWide(pszFile)));
+    return nWithoutThrowing([&] {
+        return WritePrivateProfileStringW(
+                   pszOrNull(csOptionalWide(pszSection)), pszOrNull(csOptionalWide(pszKey)),
+                   pszOrNull(csOptionalWide(pszValue)), pszOrNull(csOptionalWide(pszFile))) != 0;
+    });
 }
 
 unsigned int GetProfileString(const wchar_t* pszSection, const wchar_t* pszKey, const wchar_t* pszDefault,
@@ -297,11 +313,13 @@ int GetProfileInt(const wchar_t* pszSection, const wchar_t* pszKey, int nDefault
 
 int WriteProfileString(const wchar_t* pszSection, const wchar_t* pszKey, const wchar_t* pszValue)
 {
-    std::wstring csPath;
-    const wchar_t* pszFile = pszUserFile(&csPath);
-    if (pszFile == nullptr) {
-        errno = ENOENT;
-        return 0;
-    }
-    return WritePrivateProfileStringW(pszSection, pszKey, pszValue, pszFile);
+    return nWithoutThrowing([&] {
+        std::wstring csPath;
+        const wchar_t* pszFile = pszUserFile(&csPath);
+        if (pszFile == nullptr) {
+            errno = ENOENT;
+            return false;
+        }
+        return WritePrivateProfileStringW(pszSection, pszKey, pszValue, pszFile) != 0;
+    });
 }

@@ -2,12 +2,12 @@
 
 #include "main/ErrorMsg.h"
 #include "main/GestionServiceLigneCmd.h"
-#include "manager/SetupManager.h"
 #include "service/CommandLine.h"
 #include "support/accesdllres.h"
 #include "support/Conversion.h"
 #include "support/DiskFile.h"
 #include "support/FileVersion.h"
+#include "support/ManagerNames.h"
 #include "support/StrCompare.h"
 #include "support/Version.h"
 #include "support/WinApi.h"

@@ -1,8 +1,8 @@
 #include "main/ErrorMsg.h"
 
-#include "manager/SetupManager.h"
 #include "support/accesdllres.h"
 #include "support/Conversion.h"
+#include "support/ManagerNames.h"
 #include "support/WinApi.h"
 
 #include <cerrno>

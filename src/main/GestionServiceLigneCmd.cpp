@@ -5,6 +5,7 @@
 #include "manager/SetupManager.h"
 #include "support/Conversion.h"
 #include "support/DiskFile.h"
+#include "support/ManagerNames.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -27,7 +28,7 @@ int nFindOption(int nCount, char** ppszArguments, const wchar_t* pszOption)
 /// On standard error: these commands end with 0 whatever happens.
 void SayFailure(int nError)
 {
-    std::fprintf(stderr, "VelmoManager: %s\n", csToUTF8(csFailedListing(nError)).c_str());
+    std::fprintf(stderr, "%s: %s\n", g_szManagerServiceA, csToUTF8(csFailedListing(nError)).c_str());
 }
 
 void StopIfActive(CService& clService)

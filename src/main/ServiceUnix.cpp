@@ -3,6 +3,7 @@
 #include "main/ServiceSteps.h"
 #include "support/accesdllres.h"
 #include "support/Conversion.h"
+#include "support/ManagerNames.h"
 #include "support/Shell.h"
 #include "support/SystemCall.h"
 #include "support/WinApi.h"
@@ -163,7 +164,7 @@ void __CoreDump()
 
 void LogStartFailed() noexcept
 {
-    LogAnyway("the service could not be started", [] { LogMessage(MSG_START_FAILED, L"VelmoManager"); });
+    LogAnyway("the service could not be started", [] { LogMessage(MSG_START_FAILED, g_szManagerService); });
 }
 
 bool __bStart()

@@ -6,6 +6,7 @@
 #include "manager/Dialog.h"
 #include "manager/SetupManager.h"
 #include "service/LanceProcessus.h"
+#include "support/ManagerNames.h"
 #include "support/Stopping.h"
 
 #include <csignal>
@@ -132,7 +133,7 @@ int main(int argc, char** argv)
     try {
         return nRun(argc, argv);
     } catch (const std::bad_alloc&) { // nothing is torn down: threads may be running
-        std::fputs("VelmoManager: out of memory\n", stderr);
+        std::fprintf(stderr, "%s: out of memory\n", g_szManagerServiceA);
         ::_exit(s_nFailure);
     }
 }

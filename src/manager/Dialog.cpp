@@ -13,6 +13,7 @@
 #include <mutex>
 #include <set>
 #include <sys/socket.h>
+#include <tuple>
 #include <unistd.h>
 #include <utility>
 #include <wchar.h>
@@ -20,7 +21,7 @@
 namespace {
 constexpr std::size_t s_nBlock = 1024; ///< bytes of one receive
 
-/// The conversations that exist, by socket.
+/// The conversations that exist, by socket: s_bEndAll must reach those whose threads wait in recv.
 struct STRegister
 {
     std::mutex clLock;
@@ -44,6 +45,7 @@ CDialog::CDialog(CDescripteur clSocket) : m_clSocket(std::move(clSocket))
 CDialog::~CDialog()
 {
     m_clThread.Stop(1);
+
     STRegister& stAll = stConversations();
     const std::lock_guard<std::mutex> clGuard(stAll.clLock);
     ::shutdown(m_clSocket.nFd(), SHUT_RDWR);
@@ -53,6 +55,7 @@ CDialog::~CDialog()
 
 void CDialog::xStart()
 {
+    // The thread may outlive the caller's pointer, so it gets one of its own.
     m_pclForThread = shared_from_this();
     try {
         if (!m_clThread.xbStart(_WaitForCommandeThreadRoutine, this, &g_stMyModule, USER_ERROR_THREAD, 0,
@@ -60,9 +63,10 @@ void CDialog::xStart()
             throw CXError();
         }
     } catch (...) {
-        m_pclForThread.reset(); // or the object would hold itself for ever
+        m_pclForThread.reset(); // or the object would own itself for ever
         throw;
     }
+
     _SayHello();
 }
 
@@ -82,6 +86,7 @@ bool CDialog::s_bEndAll(int nMs)
             ::shutdown(nSocket, SHUT_RD); // ends the wait for a command; a reply can still go out
         }
     }
+
     for (; nMs > 0 && s_nCount() != 0; --nMs) {
         ::usleep(1000);
     }
@@ -90,14 +95,15 @@ bool CDialog::s_bEndAll(int nMs)
 
 void _WaitForCommandeThreadRoutine(CZTThread* pclThread)
 {
-    // Dropped last: the thread object that is used here is a part of the conversation.
+    // Released last: the thread object that is used here is a member of the conversation.
     const std::shared_ptr<CDialog> pclDialog =
         std::move(static_cast<CDialog*>(pclThread->pGetParameter())->m_pclForThread);
+
     pclThread->Started();
     try {
         pclDialog->_WaitForCommande();
     } catch (...) {
-        // Whatever it was (no memory, most likely) costs this conversation only.
+        // Whatever it was (most likely out of memory, or the stop) costs this conversation only.
     }
     pclThread->Stopped();
 }
@@ -105,25 +111,27 @@ void _WaitForCommandeThreadRoutine(CZTThread* pclThread)
 /// Must not throw: its caller would not know whether the thread runs.
 void CDialog::_SayHello()
 {
-    __Send("HELLO FROM SERVEUR SETUP 24.0.6.0\r\n");
+    _Send("HELLO FROM SERVEUR SETUP 24.0.6.0\r\n");
     m_clGreeted.__Post(0);
 }
 
 void CDialog::_WaitForCommande()
 {
     while (!m_clThread.bMustStop()) {
-        CTString csKeyword; // as long as the line, at worst: not kept while the tool is silent
+        // Declared in the loop: it may be as long as a whole line, and must not stay while the tool is
+        // silent.
+        CTString csKeyword;
         if (!bGetCommand(&csKeyword)) {
             return;
         }
 
-        // A tool that sends at once may be read before the accept thread has greeted it. The post is given
-        // back: later commands pass.
+        // The command of a tool that does not wait for the greeting may arrive before the accept thread has
+        // sent it. The post is put back, so that later commands pass.
         m_clGreeted.Wait();
         m_clGreeted.__Post(0);
 
-        // A line that was there before the stop, but had not been read, is not begun any more.
-        if (CStopping::bAsked() || !__bExecute(csKeyword)) {
+        // A command that was still unread when the stop came is not begun any more.
+        if (CStopping::bAsked() || !_bExecute(csKeyword)) {
             return;
         }
         ClearCommand();
@@ -133,6 +141,7 @@ void CDialog::_WaitForCommande()
 bool CDialog::bGetCommand(CTString* pcsKeyword)
 {
     ClearCommand();
+
     std::array<char, s_nBlock> tBlock;
     ssize_t nReceived = 0;
     do {
@@ -140,8 +149,11 @@ bool CDialog::bGetCommand(CTString* pcsKeyword)
         if (nReceived <= 0) {
             return false;
         }
+        // Each block is converted by itself: a UTF-8 character that lies across two blocks is lost, as
+        // tools have always seen.
     } while (!m_clCommand.bAppend(
         csWide({tBlock.data(), static_cast<std::size_t>(nReceived)}, m_bUTF8 ? CP_UTF8 : CP_1252)));
+
     m_nNextArgument = 0;
     pcsKeyword->clear();
     GetString(pcsKeyword);
@@ -153,9 +165,10 @@ void CDialog::ClearCommand()
     m_clCommand.Clear();
 }
 
-bool CDialog::__bNextField(std::wstring* pcsField)
+bool CDialog::_bNextField(std::wstring* pcsField)
 {
     const std::wstring& csLine = m_clCommand.csText();
+
     std::size_t nStart = 0;
     for (int nField = m_nNextArgument++; nField > 0; --nField) {
         nStart = csLine.find(L'\t', nStart);
@@ -164,58 +177,61 @@ bool CDialog::__bNextField(std::wstring* pcsField)
         }
         ++nStart;
     }
+
     *pcsField = csLine.substr(nStart, csLine.find(L'\t', nStart) - nStart);
     return true;
 }
 
 void CDialog::GetString(CTString* pcsOut)
 {
-    (void)__bNextField(pcsOut);
+    std::ignore = _bNextField(pcsOut); // none: unchanged
 }
 
 unsigned int CDialog::dwGetUInt32()
 {
     std::wstring csField;
-    (void)__bNextField(&csField);
+    std::ignore = _bNextField(&csField); // none: empty, which reads as 0
     return static_cast<unsigned int>(wcstol(csField.c_str(), nullptr, 10));
 }
 
-std::string CDialog::__csToWire(const std::wstring& csText) const
+std::string CDialog::_csToWire(const std::wstring& csText) const
 {
     return csNarrow(csText, m_bUTF8 ? CP_UTF8 : CP_1252);
 }
 
-/// One call, which waits for a tool that does not read. One that is gone is noticed by the next receive.
-void CDialog::__Send(std::string_view csBytes)
+/// A single call: it waits as long as the tool does not read. A failure is ignored, as the next receive
+/// notices a tool that is gone.
+void CDialog::_Send(std::string_view csBytes)
 {
-    (void)::send(m_clSocket.nFd(), csBytes.data(), csBytes.size(), MSG_NOSIGNAL);
+    std::ignore = ::send(m_clSocket.nFd(), csBytes.data(), csBytes.size(), MSG_NOSIGNAL);
 }
 
 void CDialog::Answer(const std::wstring& csText)
 {
-    CStopping::xCheck(); // what a command has found out may rest on tools that were not run
-    __Send(__csToWire(csText));
-    __Send("\r\n");
+    CStopping::xCheck(); // after the stop no tool is run: what a command has found out may be wrong
+    _Send(_csToWire(csText));
+    _Send("\r\n");
 }
 
 void CDialog::ACK(eError eCode, const std::wstring& csText)
 {
     CStopping::xCheck();
-    __Send("ERROR\t" + std::to_string(eCode) + "\t" + __csToWire(csText) + "\r\n");
+    _Send("ERROR\t" + std::to_string(eCode) + "\t" + _csToWire(csText) + "\r\n");
 }
 
 void CDialog::ACK(eError eCode, unsigned int nSystemError)
 {
-    const int nErrno = errno;
+    const int nErrno = errno; // xCheck may change it
     CStopping::xCheck();
+
     if (eCode == ERREUR_AUCUNE) {
-        __Send("OK\r\n");
+        _Send("OK\r\n");
         return;
     }
-    __Send("ERROR\t" + std::to_string(eCode) + (nSystemError != 0 ? csSystemText(nErrno) : "") + "\r\n");
+    _Send("ERROR\t" + std::to_string(eCode) + (nSystemError != 0 ? csSystemText(nErrno) : "") + "\r\n");
 }
 
-bool CDialog::__bExecute(const std::wstring& csKeyword)
+bool CDialog::_bExecute(const std::wstring& csKeyword)
 {
     struct STCommand
     {
@@ -223,41 +239,46 @@ bool CDialog::__bExecute(const std::wstring& csKeyword)
         bool (CDialog::*pfnAction)();
     };
     using CRemote = CRemoteVelmoManager;
+    // There is no "STOP": CRemoteVelmoManager has the command, the protocol does not.
     static constexpr STCommand s_tCommands[] = {
-        {L"START", &CDialog::__bOnServer<&CRemote::Start>},
-        {L"STATUS", &CDialog::__bOnServer<&CRemote::GetStatus>},
-        {L"UNINSTALL", &CDialog::__bOnServer<&CRemote::UnInstall>},
-        {L"QUIT", &CDialog::__bQuit},
-        {L"INFO", &CDialog::__bInfo},
-        {L"CLUSTERINFO", &CDialog::__bOnServer<&CRemote::ClusterInfo>},
-        {L"MODE_UTF8", &CDialog::__bModeUTF8},
+        {L"START", &CDialog::_bOnServer<&CRemote::Start>},
+        {L"STATUS", &CDialog::_bOnServer<&CRemote::GetStatus>},
+        {L"UNINSTALL", &CDialog::_bOnServer<&CRemote::UnInstall>},
+        {L"QUIT", &CDialog::_bQuit},
+        {L"INFO", &CDialog::_bInfo},
+        {L"CLUSTERINFO", &CDialog::_bOnServer<&CRemote::ClusterInfo>},
+        {L"MODE_UTF8", &CDialog::_bModeUTF8},
     };
+
+    // A command that has begun before the stop may still be answered.
     const CStopRight clRight(CStopRight::ANSWER);
-    // Case is folded as the C locale does it, for ASCII letters only. The lengths are compared for a NUL, at
-    // which wcscasecmp would stop.
+
+    // The process stays in the C locale, where wcscasecmp folds ASCII letters only. It stops at a NUL, so
+    // lengths are compared first: "START", a NUL and more is no keyword.
     for (const STCommand& st : s_tCommands) {
         if (csKeyword.size() == st.csKeyword.size() &&
             wcscasecmp(csKeyword.c_str(), st.csKeyword.data()) == 0) {
             return (this->*st.pfnAction)();
         }
     }
+
     ACK(ERREUR_COMMANDE_INCONNUE, 0u);
     return true;
 }
 
 template <auto pfnCommand>
-bool CDialog::__bOnServer()
+bool CDialog::_bOnServer()
 {
     (gpclSetupManager->clGetRemote().*pfnCommand)(*this);
     return true;
 }
 
-bool CDialog::__bQuit()
+bool CDialog::_bQuit()
 {
     return false;
 }
 
-bool CDialog::__bInfo()
+bool CDialog::_bInfo()
 {
     CTString csReply(L"YES\t" + gpclSetupManager->csGetHostInfo());
     gpclSetupManager->AddServeurList(&csReply);
@@ -265,7 +286,7 @@ bool CDialog::__bInfo()
     return true;
 }
 
-bool CDialog::__bModeUTF8()
+bool CDialog::_bModeUTF8()
 {
     m_bUTF8 = true;
     ACK(ERREUR_AUCUNE, 0u);

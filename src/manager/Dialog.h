@@ -1,6 +1,7 @@
 #pragma once
 
 #include "manager/LineBuffer.h"
+#include "manager/ReplyCodes.h"
 #include "support/Descripteur.h"
 #include "support/XYString.h"
 #include "support/ZTSem.h"
@@ -11,101 +12,93 @@
 #include <string_view>
 #include <vector>
 
-/// Codes of the "ERROR\t%u" replies.
-enum eError : unsigned int
-{
-    ERREUR_AUCUNE = 0,
-    ERREUR_SERVICE_INCONNU = 1, ///< no such server service
-    ERREUR_START = 2,
-    ERREUR_STOP = 3,
-    ERREUR_STATUS = 4,
-    ERREUR_COMMANDE_INCONNUE = 8,
-    ERREUR_UNINSTALL_INCONNU = 11,  ///< UNINSTALL: no such server service
-    ERREUR_UNINSTALL_FICHIERS = 12, ///< UNINSTALL: the step on the server's directory
-    ERREUR_UNINSTALL_SERVICE = 13,  ///< UNINSTALL: the service could not be removed
-};
-
-/// Files received with a conversation: names, and the temporary files they were put in.
+/// Files received in a conversation: their names, and the temporary files that hold their content.
 struct CInstallInfo
 {
     std::vector<std::wstring> tNames;
     std::vector<std::wstring> tTemporaryFiles;
 };
 
-/// One conversation with one tool: greets (meanwhile its thread may already be reading), reads a command
-/// line, runs the command, writes one reply line, until "QUIT" or the end of the connection.
+/// One conversation with one tool: it greets, then reads a command line, runs the command and writes one
+/// reply line, again and again until "QUIT" or the end of the connection.
 ///
-/// Made by an accept thread, which calls xStart; runs on a thread of its own. Each of the two holds it by a
-/// std::shared_ptr, so that neither the object nor its socket is gone while the other still uses it.
-/// Everything but xStart and _SayHello belongs to the conversation's thread. Text on the wire is Windows-1252
-/// until "MODE_UTF8", UTF-8 from then on.
+/// An accept thread makes the object and calls xStart; the conversation runs on a thread of its own, which
+/// may already be reading during the greeting. Both threads own the object through a std::shared_ptr, so that
+/// neither it nor its socket goes away while the other thread still uses it. Everything but xStart and
+/// _SayHello belongs to the conversation's thread. Text on the wire is Windows-1252 until "MODE_UTF8", UTF-8
+/// from then on.
 class CDialog : public std::enable_shared_from_this<CDialog>
 {
 public:
-    /// Of a connected socket. Throws std::bad_alloc; the socket is closed then.
+    /// Takes a connected socket. Throws std::bad_alloc; the socket is closed then.
     explicit CDialog(CDescripteur clSocket);
     CDialog(const CDialog&) = delete;
     CDialog& operator=(const CDialog&) = delete;
     ~CDialog();
 
     /// Starts the conversation's thread, then greets. Throws (CXError, or std::bad_alloc) only when the
-    /// thread has not been started. The object must be held by a std::shared_ptr already.
+    /// thread has not been started. The object must already be owned by a std::shared_ptr.
     void xStart();
 
     /// Ends the conversations that wait for a command and gives those that run one nMs milliseconds to reply.
     /// True when none is left. For the end of the process only.
     static bool s_bEndAll(int nMs);
-    /// Conversations that exist.
+    /// Number of conversations that exist.
     static int s_nCount();
 
-    /// Reads one command line, of which what exceeds CLineBuffer's limit is dropped; false when the
+    /// Reads one command line and sets its keyword. Drops what exceeds CLineBuffer's limit. False when the
     /// connection is closed or fails.
     bool bGetCommand(CTString* pcsKeyword);
+    /// Forgets the command line and returns its memory.
     void ClearCommand();
-    /// Next argument of the command line; left unchanged when there is none.
+    /// Copies the next argument of the command line; leaves the text unchanged when there is none.
     void GetString(CTString* pcsOut);
-    /// Next argument as a decimal number (blanks and a sign accepted, cut to 32 bits); 0 when there is none.
+    /// Next argument as a decimal number (leading whitespace and a sign accepted, cut to 32 bits); 0 when
+    /// there is none.
     unsigned int dwGetUInt32();
 
-    /// The three below throw, and send nothing, once the stop has ended what a conversation may finish.
+    // Answer and ACK throw, and send nothing, once the stop has ended what a conversation may finish.
 
     /// Sends the text and "\r\n".
     void Answer(const std::wstring& csText);
     /// Sends "ERROR\t<code>\t<text>\r\n", for every code, 0 included.
     void ACK(eError eCode, const std::wstring& csText);
-    /// Sends "OK\r\n" for code 0; otherwise "ERROR\t<code>\r\n", with the C library's text for the current
-    /// errno directly behind the code when nSystemError is not 0. The text is errno's, whatever nSystemError
-    /// says.
+    /// Sends "OK\r\n" for code 0, else "ERROR\t<code>\r\n". When nSystemError is not 0, the C library's text
+    /// directly follows the code, without a tab. That text is the current errno's, whatever the value of
+    /// nSystemError: clients rely on both.
     void ACK(eError eCode, unsigned int nSystemError);
 
-    /// Receives a file of nSize bytes from the connection into a temporary file. No command uses it.
+    /// Receives a file of nSize bytes from the connection into a temporary file, which the caller deletes.
+    /// Throws CXError, the temporary file deleted. No command uses it.
     void xGetFile(const std::wstring& csName, unsigned int nSize, CInstallInfo* pclInfo);
 
+    /// Greets, and lets the first command pass.
     void _SayHello();
-    /// The conversation. Its first command waits until the greeting is out.
+    /// The conversation. Its first command waits until the greeting has been sent.
     void _WaitForCommande();
 
 private:
     friend void _WaitForCommandeThreadRoutine(CZTThread* pclThread);
 
-    /// Runs the command of a keyword (ASCII letters in any case). Like the commands below, false when the
-    /// conversation is to end.
-    bool __bExecute(const std::wstring& csKeyword);
-    /// A command on one server, which is CRemoteVelmoManager's.
+    /// Runs the command of a keyword (ASCII letters in any case). Like the commands below, it returns false
+    /// when the conversation is to end.
+    bool _bExecute(const std::wstring& csKeyword);
+    /// Runs a command that concerns one server: one of CRemoteVelmoManager's.
     template <auto pfnCommand>
-    bool __bOnServer();
-    bool __bQuit();
-    bool __bInfo();
-    bool __bModeUTF8();
-    bool __bNextField(std::wstring* pcsField);
-    void __Send(std::string_view csBytes);
-    std::string __csToWire(const std::wstring& csText) const;
+    bool _bOnServer();
+    bool _bQuit();
+    bool _bInfo();
+    bool _bModeUTF8();
+    /// False when the line has no further field.
+    bool _bNextField(std::wstring* pcsField);
+    void _Send(std::string_view csBytes);
+    std::string _csToWire(const std::wstring& csText) const;
 
     CDescripteur m_clSocket;
     CLineBuffer m_clCommand;
     bool m_bUTF8 = false;
-    int m_nNextArgument = 0;
-    CZTSemNoInit m_clGreeted;                ///< posted once the greeting is out
+    int m_nNextArgument = 0;                 ///< index of a field; the keyword is field 0
+    CZTSemNoInit m_clGreeted;                ///< posted once the greeting has been sent
     std::shared_ptr<CDialog> m_pclForThread; ///< from xStart until the conversation's thread takes it
     CZTThread m_clThread;
 };

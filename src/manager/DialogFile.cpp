@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <memory>
 #include <sys/socket.h>
+#include <tuple>
 #include <unistd.h>
 #include <utility>
 
@@ -19,11 +20,11 @@ constexpr std::size_t s_nBlock = 65536;
 [[noreturn]] void xThrow(const wchar_t* pszOperation, const std::string& csPath)
 {
     CXError clError;
-    (void)bFail(&clError, pszOperation, csFromUTF8(csPath));
+    std::ignore = bFail(&clError, pszOperation, csFromUTF8(csPath)); // always false
     throw CXError(clError);
 }
 
-/// A temporary file that is deleted unless it is kept.
+/// A temporary file, deleted with the object unless it is kept.
 class CTemporaryFile
 {
 public:
@@ -61,7 +62,7 @@ private:
 void CDialog::xGetFile(const std::wstring& csName, unsigned int nSize, CInstallInfo* pclInfo)
 {
     CTemporaryFile clFile;
-    const auto pBlock = pMakeForOverwrite<char[]>(s_nBlock);
+    const auto pBlock = pMakeForOverwrite<char[]>(s_nBlock); // not on the stack: a thread has 64 KiB of it
     for (std::size_t nTotal = 0; nTotal < nSize;) {
         const ssize_t nReceived = nRetry([&] { return ::recv(m_clSocket.nFd(), pBlock.get(), s_nBlock, 0); });
         if (nReceived == 0) {
@@ -70,9 +71,11 @@ void CDialog::xGetFile(const std::wstring& csName, unsigned int nSize, CInstallI
         if (nReceived <= 0) {
             xThrow(L"recv", csToUTF8(csName));
         }
+
         clFile.xWrite({pBlock.get(), static_cast<std::size_t>(nReceived)});
         nTotal += static_cast<std::size_t>(nReceived);
     }
+
     // What can fail comes before the file is kept and listed.
     std::wstring csFile = clFile.csPath();
     pclInfo->tTemporaryFiles.reserve(pclInfo->tTemporaryFiles.size() + 1);

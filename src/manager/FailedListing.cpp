@@ -15,7 +15,7 @@ std::wstring csFailedListing(int nError)
 
 void LogFailedListing(int nError)
 {
-    static CRateLimit s_clLimit; // whoever lists: there is one machine to list
+    static CRateLimit s_clLimit; // one for all callers: there is only one machine to list
     if (s_clLimit.bDue({})) {
         CLogger().AddLog(ILogger::PRIORITY_CRITICAL, L"%1!s!",
                          csEscapePercent(csFailedListing(nError)).c_str());

@@ -2,10 +2,10 @@
 
 #include <string>
 
-/// What is said of services that could not be listed or asked: tools that fail are not an empty machine.
-/// nError is the errno of the failure.
+/// The message that services could not be listed or asked, which must never look like a machine without
+/// services. nError is the errno of the failure.
 std::wstring csFailedListing(int nError);
 
-/// Writes it to the system log, once a minute at most, whoever lists: a monitor with a short period and tools
-/// that ask again would fill the log. Any thread.
+/// Writes that message to the system log, at most once a minute for all callers together: a monitor with a
+/// short period and tools that ask again would fill the log. Any thread may call.
 void LogFailedListing(int nError);

@@ -6,7 +6,7 @@ bool CLineBuffer::bAppend(std::wstring_view csBlock)
         return false;
     }
 
-    // The line end may lie across two blocks. Its CR then counts as text already, unless it was dropped.
+    // CR LF may lie across two blocks. The CR has then been kept as text, unless the line was cut before it.
     if (m_bEndsInCR && csBlock.front() == L'\n') {
         if (!m_bCut) {
             m_csText.pop_back();
@@ -29,7 +29,7 @@ void CLineBuffer::_Keep(std::wstring_view csText)
 
 void CLineBuffer::Clear()
 {
-    std::wstring().swap(m_csText);
+    std::wstring().swap(m_csText); // clear() would keep the memory
     m_bCut = false;
     m_bEndsInCR = false;
 }

@@ -4,9 +4,9 @@
 #include <string>
 #include <string_view>
 
-/// The command line that a conversation is reading. Grows block by block until CR LF, of which the CR may end
-/// one block and the LF begin the next. Only the first s_nMaxLine characters are kept: no keyword and no name
-/// is that long, and a line without an end must not cost the memory of the machine. One thread.
+/// The command line that a conversation is reading. It grows block by block until CR LF; the CR may end one
+/// block and the LF begin the next. Only the first s_nMaxLine characters are kept: no keyword and no name is
+/// that long, and a line that never ends must not use up the machine's memory. Not for several threads.
 class CLineBuffer
 {
 public:
@@ -14,15 +14,16 @@ public:
 
     /// Takes one more block. True when the line is whole; what follows its CR LF is dropped.
     bool bAppend(std::wstring_view csBlock);
-    /// Of the line, without its CR LF, what is kept.
+    /// The kept part of the line, without CR LF.
     const std::wstring& csText() const noexcept { return m_csText; }
     /// Forgets the line and returns its memory.
     void Clear();
 
 private:
+    /// Appends what s_nMaxLine leaves room for.
     void _Keep(std::wstring_view csText);
 
     std::wstring m_csText;
-    bool m_bCut = false;      ///< characters were dropped, so the text does not end where the line does
-    bool m_bEndsInCR = false; ///< of what was received, kept or not
+    bool m_bCut = false;      ///< characters were dropped: the last one received is not the text's last
+    bool m_bEndsInCR = false; ///< the last character received, kept or not, was a CR
 };

@@ -10,20 +10,23 @@
 #include <cstdint>
 #include <netinet/in.h>
 #include <sys/uio.h>
+#include <tuple>
 #include <utility>
 
 namespace {
 using namespace std::string_view_literals;
 constexpr std::string_view s_csSystemQuestion = "ARE YOU A DEXARO SERVER SETUP?\r\n\0"sv;
 constexpr std::string_view s_csUTF8Question = "ARE YOU A DEXARO MANAGER UTF-8?\r\n\0"sv;
-/// Bytes received of a datagram: more than any question, so that a longer one shows as such.
+/// Bytes that are received of a datagram: more than the longest question has, so that a longer datagram is
+/// not taken for one.
 constexpr std::size_t s_nMaxQuestion = 37;
-/// Askers that wait for one list.
+/// Most askers that wait for one list; further questions are dropped.
 constexpr std::size_t s_nMaxWaiting = 1000;
-/// Pause after a failure of the network, so that a lasting one does not burn a processor.
+/// Pause after a network failure, so that a lasting one does not keep a processor busy.
 constexpr unsigned int s_dwPauseMs = 50;
 
-/// Room for a datagram, its sender and the address that it was sent to. Both arguments must outlive it.
+/// A message header with room for a datagram, its sender and the address that it was sent to. It points into
+/// both arguments.
 msghdr stMessage(STPingQuestion* pstQuestion, iovec* pstText)
 {
     msghdr st{};
@@ -36,10 +39,10 @@ msghdr stMessage(STPingQuestion* pstQuestion, iovec* pstText)
     return st;
 }
 
-/// Turns the control message that tells which address was asked into the one that asks the system to answer
-/// from it. The interface is left to the routes, except where the address means nothing without it. A
-/// multicast address cannot be answered from (for a broadcast one the system has put an address of ours
-/// beside it already).
+/// Reuses the kernel's packet-info message so that the answer leaves from the address that was asked. The
+/// routes choose the interface, except for a link-local address, which means nothing without one. A multicast
+/// address cannot be a source, so the kernel then chooses. For a broadcast address the kernel has already put
+/// an address of ours beside it.
 void AnswerFromAsked(msghdr* pst)
 {
     cmsghdr* pstAsked = CMSG_FIRSTHDR(pst);
@@ -50,6 +53,7 @@ void AnswerFromAsked(msghdr* pst)
         reinterpret_cast<in_pktinfo*>(CMSG_DATA(pstAsked))->ipi_ifindex = 0;
         return;
     }
+
     auto* pstAddress = reinterpret_cast<in6_pktinfo*>(CMSG_DATA(pstAsked));
     if (!IN6_IS_ADDR_LINKLOCAL(&pstAddress->ipi6_addr)) {
         pstAddress->ipi6_ifindex = 0;
@@ -59,15 +63,15 @@ void AnswerFromAsked(msghdr* pst)
     }
 }
 
-/// A failure costs the answer, nothing else.
+/// A failure is ignored: it costs this answer only.
 void Send(int nSocket, msghdr stTo, std::string_view csBytes)
 {
     iovec stText{const_cast<char*>(csBytes.data()), csBytes.size()}; // sending only reads it
     stTo.msg_iov = &stText;
-    (void)::sendmsg(nSocket, &stTo, MSG_NOSIGNAL);
+    std::ignore = ::sendmsg(nSocket, &stTo, MSG_NOSIGNAL);
 }
 
-/// The reply of INFO with as many servers as a datagram has room for, without the line end.
+/// The reply of INFO with as many servers as fit into a datagram, without CR LF.
 std::string csAnswer(EPingForm eForm, const std::wstring& csServers)
 {
     const ECodePage eCodePage = eForm == EPingForm::UTF8 ? CP_UTF8 : CP_SYSTEM;
@@ -85,6 +89,8 @@ void Answer(STPingQuestion* pstQuestion, std::string_view csText)
     if (stTo.msg_controllen == 0) {
         stTo.msg_control = nullptr;
     }
+
+    // CR LF is a datagram of its own: clients rely on it.
     Send(pstQuestion->nSocket, stTo, csText);
     Send(pstQuestion->nSocket, stTo, "\r\n");
 }
@@ -93,38 +99,40 @@ void AnswerAll(std::map<std::string, STPingQuestion>* ptQuestions)
 {
     CTString csServers;
     gpclSetupManager->AddServeurList(&csServers);
+    // Both are made once, however many ask.
     const std::string csSystem = csAnswer(EPingForm::SYSTEM, csServers);
     const std::string csUTF8 = csAnswer(EPingForm::UTF8, csServers);
+
     for (auto& [csAsker, stQuestion] : *ptQuestions) {
         Answer(&stQuestion, stQuestion.eForm == EPingForm::UTF8 ? csUTF8 : csSystem);
     }
 }
 
-/// Has the system tell with each datagram which address it was sent to.
+/// Has the kernel deliver with each datagram the address that it was sent to. Where that fails, the answer
+/// leaves from whichever address the routes prefer.
 void AskForAddresses(const STSocket& stSocket)
 {
     const int nOne = 1;
-    // Without it the answer comes from whichever address the routes prefer.
     if (stSocket.nFamily == AF_INET) {
-        (void)::setsockopt(stSocket.nSocket, IPPROTO_IP, IP_PKTINFO, &nOne, sizeof nOne);
+        std::ignore = ::setsockopt(stSocket.nSocket, IPPROTO_IP, IP_PKTINFO, &nOne, sizeof nOne);
     } else {
-        (void)::setsockopt(stSocket.nSocket, IPPROTO_IPV6, IPV6_RECVPKTINFO, &nOne, sizeof nOne);
+        std::ignore = ::setsockopt(stSocket.nSocket, IPPROTO_IPV6, IPV6_RECVPKTINFO, &nOne, sizeof nOne);
     }
 }
 
-/// Makes room for as many datagrams as may be answered together, should the thread not come to read them. The
-/// kernel
-/// doubles the number and counts about 768 bytes for a short datagram. Only root may pass the usual limit.
+/// Makes the receive buffer large enough for s_nMaxWaiting questions, which arrive in a burst when many tools
+/// ask at once. The kernel doubles the number and counts about 768 bytes for a short datagram. Only root may
+/// exceed the usual limit.
 void MakeRoom(const STSocket& stSocket)
 {
     constexpr int nBytes = 400 * 1024;
     if (::setsockopt(stSocket.nSocket, SOL_SOCKET, SO_RCVBUFFORCE, &nBytes, sizeof nBytes) != 0) {
-        (void)::setsockopt(stSocket.nSocket, SOL_SOCKET, SO_RCVBUF, &nBytes, sizeof nBytes);
+        std::ignore = ::setsockopt(stSocket.nSocket, SOL_SOCKET, SO_RCVBUF, &nBytes, sizeof nBytes);
     }
 }
 
-/// Takes the next datagram that waits; false when there is none. It never waits: what has woken the thread
-/// may be dropped for its checksum.
+/// Takes the next datagram that has arrived; false (with errno) when there is none. It never waits: the
+/// kernel may wake the thread for a datagram and then drop it for a wrong checksum.
 bool bReceive(int nSocket, STPingQuestion* pstQuestion)
 {
     std::array<char, s_nMaxQuestion> tText;
@@ -134,15 +142,16 @@ bool bReceive(int nSocket, STPingQuestion* pstQuestion)
     if (nReceived < 0) {
         return false;
     }
+
     pstQuestion->nSocket = nSocket;
     pstQuestion->eForm = eReadPing({tText.data(), static_cast<std::size_t>(nReceived)});
-    AnswerFromAsked(&stHeader);
+    AnswerFromAsked(&stHeader); // in place, in pstQuestion->tAsked
     pstQuestion->nSender = stHeader.msg_namelen;
     pstQuestion->nAsked = stHeader.msg_controllen;
     return true;
 }
 
-/// Tells an asker with a form from every other.
+/// Key of an asker: the sender's address and the form of the question.
 std::string csAsker(const STPingQuestion& stQuestion)
 {
     std::string csKey(reinterpret_cast<const char*>(&stQuestion.stSender), stQuestion.nSender);
@@ -152,6 +161,7 @@ std::string csAsker(const STPingQuestion& stQuestion)
 
 EPingForm eReadPing(std::string_view csDatagram)
 {
+    // UTF-8 first: it is what a start of both questions asks for.
     if (s_csUTF8Question.starts_with(csDatagram)) {
         return EPingForm::UTF8;
     }
@@ -163,6 +173,7 @@ std::string_view csFittingServers(std::string_view csServers, std::size_t nMax)
     if (csServers.size() <= nMax) {
         return csServers;
     }
+
     std::size_t nWhole = 0;
     for (std::size_t nEnd = 0; nEnd <= nMax;) { // server by server: tab, name, tab, port
         nWhole = nEnd;
@@ -182,8 +193,9 @@ bool CPingEcho::bInit(std::uint16_t wPort, CXError* pclError)
     if (!bSocketBindUDP(wPort, SOCKET_REUSEADDR, this, pclError, nullptr)) {
         return false;
     }
+
     const int nOne = 1;
-    (void)bSetsockopt(SOL_SOCKET, SO_BROADCAST, &nOne, sizeof nOne);
+    std::ignore = bSetsockopt(SOL_SOCKET, SO_BROADCAST, &nOne, sizeof nOne);
     for (const STSocket& stSocket : tGetSockets()) {
         AskForAddresses(stSocket);
         MakeRoom(stSocket);
@@ -200,7 +212,7 @@ bool CPingEcho::bStart()
 void CPingEcho::Stop()
 {
     m_clThread.Stop(0);
-    // Wakes the wait, though the system calls it an error for a socket without connection.
+    // Wakes the wait, although the kernel reports an error for a socket without a connection.
     Shutdown(SHUT_RDWR);
     m_clThread.Stop(1);
     m_clAnswers.Stop();
@@ -212,7 +224,7 @@ void CPingEcho::_PingThreadRoutine(CZTThread* pclThread)
     pclThread->Started();
     try {
         static_cast<CPingEcho*>(pclThread->pGetParameter())->_Run();
-    } catch (...) { // want of memory where even pausing fails
+    } catch (...) { // out of memory to a degree that even the pause fails
     }
     pclThread->Stopped();
 }
@@ -222,21 +234,22 @@ void CPingEcho::_Run()
     while (!m_clThread.bMustStop()) {
         try {
             if (WaitReadable(nullptr) >= 0) {
-                __Receive();
+                _Receive();
                 continue;
             }
-            if (errno == EINTR) { // the end of a child is no reason to pause
+            if (errno == EINTR) { // a signal (a child's exit) is no reason to pause
                 continue;
             }
-        } catch (...) { // want of memory, or the end: costs this answer
+        } catch (...) { // out of memory, or the stop: costs this answer only
         }
+
         m_clThread.SleepOrStop(s_dwPauseMs);
     }
 }
 
-/// Reads what waits; who asks while a list is being made for others is answered with the next one. Of each
-/// socket so much at a time that a flood over one family does not keep the other waiting.
-void CPingEcho::__Receive()
+/// Reads the questions that have arrived. Takes a limited number from each socket in turn, so that a flood
+/// over one address family does not keep the other waiting.
+void CPingEcho::_Receive()
 {
     bool bAny = false;
     for (const STSocket& stSocket : tGetSockets()) {
@@ -245,16 +258,20 @@ void CPingEcho::__Receive()
              n < s_nMaxWaiting && !m_clThread.bMustStop() && bReceive(stSocket.nSocket, &stQuestion); ++n) {
             bAny = true;
             if (stQuestion.eForm != EPingForm::NONE) {
-                __Note(stQuestion);
+                _Note(stQuestion);
             }
         }
     }
+
+    // A socket that is ready and yet fails would wake the thread again at once.
     if (!bAny && errno != EAGAIN) {
         m_clThread.SleepOrStop(s_dwPauseMs);
     }
 }
 
-void CPingEcho::__Note(const STPingQuestion& stQuestion)
+/// An asker that waits already is not noted twice. The first one to wait has the answering begun; whoever
+/// comes while a list is being made gets the next one.
+void CPingEcho::_Note(const STPingQuestion& stQuestion)
 {
     {
         const std::lock_guard<std::mutex> clGuard(m_clLock);
@@ -264,18 +281,20 @@ void CPingEcho::__Note(const STPingQuestion& stQuestion)
             return;
         }
     }
+
+    // Without a worker this thread answers: nobody else would, as m_bAnswering is set.
     bool bGiven = false;
     try {
-        bGiven = m_clAnswers.bRun([this] { __Answer(); });
+        bGiven = m_clAnswers.bRun([this] { _Answer(); });
     } catch (...) { // out of memory
     }
     if (!bGiven) {
-        __Answer();
+        _Answer();
     }
 }
 
-/// Until nobody waits: one list for all who do, then one for those who have come meanwhile.
-void CPingEcho::__Answer()
+/// Makes one list for all who wait, then one for those who have come meanwhile, until nobody waits.
+void CPingEcho::_Answer()
 {
     for (;;) {
         std::map<std::string, STPingQuestion> tQuestions;
@@ -283,13 +302,14 @@ void CPingEcho::__Answer()
             const std::lock_guard<std::mutex> clGuard(m_clLock);
             tQuestions.swap(m_tWaiting);
             m_bAnswering = !tQuestions.empty() && !m_clThread.bMustStop();
-            if (!m_bAnswering) { // a shutdown can look like an empty question
+            if (!m_bAnswering) { // a shutdown can look like an empty datagram, which is a question
                 return;
             }
         }
+
         try {
             AnswerAll(&tQuestions);
-        } catch (...) { // out of memory, the stop, or a list that cannot be made: costs these answers
+        } catch (...) { // out of memory, the stop, or a list that cannot be made: costs these answers only
         }
     }
 }

@@ -12,26 +12,25 @@
 #include <string>
 #include <string_view>
 
-/// Largest answer that a datagram carries in both address families.
+/// Bytes of the largest datagram that both address families can send.
 inline constexpr std::size_t g_nMaxDatagram = 65507;
 
 /// What a datagram asks for.
 enum class EPingForm
 {
     NONE,   ///< not a question
-    SYSTEM, ///< answer in the system code page
-    UTF8,
+    SYSTEM, ///< asks for an answer in the system code page
+    UTF8,   ///< asks for an answer in UTF-8
 };
-/// Recognises a question: the datagram equals the start of one of the two questions (their ending NUL
-/// included). A prefix of both, an empty datagram included, asks for UTF-8.
+/// Recognises a question: a datagram that equals the start of one of the two questions, whose trailing NUL
+/// belongs to them. A start of both, such as an empty datagram, asks for UTF-8.
 EPingForm eReadPing(std::string_view csDatagram);
 
-/// The longest start of a server list (a tab, a name, a tab, a port, and so on) that ends behind a whole
-/// server and has at most nMax bytes.
+/// The longest start of a server list (for each server a tab, its name, a tab, its port) that ends with a
+/// whole server and has at most nMax bytes.
 std::string_view csFittingServers(std::string_view csServers, std::size_t nMax);
 
-/// A question that has been received, with all that is needed to answer it from the address that it was sent
-/// to.
+/// A question that has been received, with all that is needed to answer it from the address that was asked.
 struct STPingQuestion
 {
     int nSocket;
@@ -42,10 +41,10 @@ struct STPingQuestion
     std::size_t nAsked;                                                        ///< bytes of it; 0: none
 };
 
-/// Answers discovery questions over UDP with the text of the INFO command: all that wait at once with one
-/// list, each asker once for each form. The answer comes from the address
-/// that was asked; servers that a datagram cannot carry are left out of it. Owned by the setup manager, used
-/// from its main thread.
+/// Answers discovery questions over UDP with the text of the INFO command. All questions that wait at the
+/// same time are answered with one list, each asker once for each form. The answer leaves from the address
+/// that was asked; servers that do not fit into a datagram are left out. Owned by the setup manager, used
+/// from the main thread only.
 class CPingEcho : public CEnsembleSockets
 {
 public:
@@ -54,18 +53,19 @@ public:
     bool bInit(std::uint16_t wPort, CXError* pclError);
     /// Starts the thread; throws CXError on failure.
     bool bStart();
+    /// Ends the threads and closes the sockets.
     void Stop();
 
 private:
     static void _PingThreadRoutine(CZTThread* pclThread);
     void _Run();
-    void __Receive();
-    void __Note(const STPingQuestion& stQuestion);
-    void __Answer();
+    void _Receive();
+    void _Note(const STPingQuestion& stQuestion);
+    void _Answer();
 
     CZTThread m_clThread;       ///< reads the questions
     CWorkerPool m_clAnswers{1}; ///< makes the lists and answers, so that the reading never waits for a list
     std::mutex m_clLock;        ///< of the members below
     std::map<std::string, STPingQuestion> m_tWaiting; ///< by asker and form
-    bool m_bAnswering = false;
+    bool m_bAnswering = false;                        ///< somebody makes a list, and looks here again
 };

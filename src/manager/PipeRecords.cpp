@@ -9,17 +9,18 @@
 #include <cstring>
 #include <type_traits>
 
-static_assert(std::endian::native == std::endian::little);
+static_assert(std::endian::native == std::endian::little, "records are copied without swapping bytes");
 
 namespace {
-/// Characters in front of the first NUL of a field; all of it when there is none.
+/// Characters before the first NUL of a field; the whole field when it has none.
 template <class TField>
 std::size_t nTextLength(const TField& tField)
 {
-    return static_cast<std::size_t>(std::find(tField.begin(), tField.end(), 0) - tField.begin());
+    const auto itNul = std::ranges::find(tField, typename TField::value_type{});
+    return static_cast<std::size_t>(itNul - tField.begin());
 }
 
-/// The same bytes as another record of that size (std::bit_cast is not in every supported library).
+/// The same bytes as a record of another type. By hand, because g++ 10 has no std::bit_cast.
 template <class TRecord, class TBytes>
 TRecord stReadAs(const TBytes& tBytes)
 {
@@ -53,6 +54,6 @@ STRegistration stReadUTF16(const stSEND& stSend)
 
 void WriteReply(std::string_view csText, stRET* pstReturn)
 {
-    *pstReturn = {};
+    *pstReturn = {}; // nothing of an earlier reply or of our memory goes out
     csText.copy(pstReturn->szText.data(), nCutUTF8(csText, pstReturn->szText.size()));
 }

@@ -6,11 +6,11 @@
 #include <string>
 #include <string_view>
 
-/// The two records of the local pipe as they lie in its bytes (little-endian, like every machine of this
-/// product), and their readers and writer: bytes in, texts out, no I/O. A request comes from another process:
-/// nothing in it is trusted to be terminated, well-formed or in range.
+/// The two records of the local pipe, byte for byte (little-endian, as are all machines that this product
+/// runs on), and the functions that read and write them: bytes in, texts out, no I/O. A request comes from
+/// another process: nothing in it is trusted to be terminated, well-formed or in range.
 
-/// Form of a request; every other number is an unknown one.
+/// Form of a request. Every other number is an unknown form.
 enum EPipeForm : std::int32_t
 {
     PIPE_FORM_ANSI = 0,  ///< texts in Windows-1252, port as digits
@@ -31,11 +31,10 @@ struct STSendUTF16
     std::array<char16_t, 129> szName;
     std::array<char16_t, 262> szPath;
 };
-/// A request. It is read from the FIFO in one piece, being smaller than what the system writes to a FIFO at
-/// once.
+/// A request. It arrives in one piece: the kernel never splits a write of at most PIPE_BUF bytes (4096).
 struct stSEND
 {
-    std::int32_t nReply; ///< the number in the name of the client's reply FIFO
+    std::int32_t nReply; ///< number at the end of the name of the client's reply FIFO
     std::int32_t nForm;  ///< EPipeForm
     std::array<unsigned char, 784> tContent;
 };
@@ -43,9 +42,10 @@ struct stSEND
 struct stRET
 {
     std::array<char, 500> szText;
-    char cEnd; ///< always 0, so that a text of full length ends too
+    char cEnd; ///< always 0, so that a text of full length is terminated too
 };
 
+// Clients are built on their own and know the records by these offsets only.
 static_assert(sizeof(stSEND) == 792 && offsetof(stSEND, nForm) == 4 && offsetof(stSEND, tContent) == 8);
 static_assert(sizeof(STSendAnsi) == 784 && sizeof(STSendUTF16) == 784);
 static_assert(offsetof(stSEND, tContent) + offsetof(STSendAnsi, szPath) == 269);
@@ -61,10 +61,12 @@ struct STRegistration
     std::wstring csPath; ///< of the server's executable
     std::uint16_t wPort;
 };
-/// Reads a request of one of the two forms. A text without NUL ends with its field; the port digits are read
-/// as a decimal number (blanks and a sign accepted) of which the low 16 bits count.
+
+/// Each reads a request of one form. A text without NUL ends with its field. The port's digits are a decimal
+/// number (leading whitespace and a sign accepted), of which the low 16 bits count.
 STRegistration stReadAnsi(const stSEND& stSend);
 STRegistration stReadUTF16(const stSEND& stSend);
 
-/// Puts UTF-8 text into a reply, cut at a character's border when it is too long; all behind it becomes NUL.
+/// Puts UTF-8 text into a reply and fills the rest with NULs. A text that is too long is cut between two
+/// characters.
 void WriteReply(std::string_view csText, stRET* pstReturn);

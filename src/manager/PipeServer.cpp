@@ -1,5 +1,6 @@
 #include "manager/PipeServer.h"
 
+#include "support/ManagerNames.h"
 #include "support/SignalMask.h"
 #include "support/SystemCall.h"
 #include "support/WorkerThread.h"
@@ -13,29 +14,31 @@
 #include <fcntl.h>
 #include <string>
 #include <sys/stat.h>
+#include <tuple>
 #include <unistd.h>
 
 namespace {
-/// Pause after a read that failed, so that a lasting failure does not burn a processor.
+/// Pause after a failed read, so that a lasting failure does not keep a processor busy.
 constexpr useconds_t s_nPauseMicroseconds = 100'000;
-/// Times that something put in our way again and again is replaced.
+/// How often what somebody puts at the FIFO's name is replaced before the start gives up.
 constexpr int s_nAttempts = 20;
-/// Neither follows a link nor waits for the other end.
+/// The open follows no link and does not wait for the other end. Reading and writing: the FIFO then never
+/// loses its last writer, so that reads block instead of reporting the end of the file.
 constexpr int s_nOpenFlags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
 
-/// A FIFO that only we or root could have made, that nobody else can write, and that has no second name.
-bool bTrusted(const struct stat& st)
+/// A FIFO that only we or root can have made, that nobody else can write to, and that has no second name,
+/// through which somebody else could open it.
+bool bTrusted(const STFileStatus& st)
 {
     return S_ISFIFO(st.st_mode) && (st.st_uid == 0 || st.st_uid == ::geteuid()) &&
            (st.st_mode & (S_IWGRP | S_IWOTH)) == 0 && st.st_nlink == 1;
 }
 
-/// The FIFO at the name, open and blocking; none (with errno) when what lies there cannot be trusted.
+/// Opens the FIFO at the name, for blocking reads; none (with errno) when what lies there cannot be trusted.
 CDescripteur clOpenTrusted(const char* pszName)
 {
     CDescripteur clFifo(::open(pszName, s_nOpenFlags));
-    struct stat st
-    {};
+    STFileStatus st{};
     if (!clFifo.bOpen() || ::fstat(clFifo.nFd(), &st) != 0) {
         return CDescripteur();
     }
@@ -43,21 +46,26 @@ CDescripteur clOpenTrusted(const char* pszName)
         errno = EPERM;
         return CDescripteur();
     }
-    (void)::fchmod(clFifo.nFd(),
-                   0600); // one of an earlier run may be readable by others; refused when not ours
+
+    // A FIFO of an earlier run may be readable by others. Refused when the FIFO is root's and we are not.
+    std::ignore = ::fchmod(clFifo.nFd(), 0600);
+
+    // Without O_NONBLOCK from here on: it kept the open from waiting, and must not do so for the reads.
     if (::fcntl(clFifo.nFd(), F_SETFL, O_RDWR) != 0) {
         return CDescripteur();
     }
     return clFifo;
 }
 
-/// Clears the name. A directory with content is moved aside instead of being deleted: anybody may put one
-/// there.
+/// Clears the name. A directory that is not empty is moved aside instead of being deleted: its content may be
+/// anybody's. False with errno.
 bool bClearName(const char* pszName)
 {
     if (::unlink(pszName) == 0 || errno == ENOENT || ::rmdir(pszName) == 0) {
         return true;
     }
+
+    // A new empty directory reserves the name: rename puts the other directory in its place.
     std::string csAside = std::string(pszName) + ".XXXXXX";
     if (::mkdtemp(csAside.data()) == nullptr) {
         return false;
@@ -65,25 +73,29 @@ bool bClearName(const char* pszName)
     if (::rename(pszName, csAside.c_str()) == 0) {
         return true;
     }
+
     const int nErrno = errno;
-    (void)::rmdir(csAside.c_str());
+    std::ignore = ::rmdir(csAside.c_str());
     errno = nErrno;
     return false;
 }
 
-/// Makes the FIFO, or takes over what is there if it can be trusted; what cannot is cleared away, again and
-/// again if somebody keeps putting it there.
+/// Makes the FIFO, or takes over one that can be trusted. Anything else at the name is cleared away, again
+/// and again if somebody keeps putting it there. None (with errno) when that does not succeed.
 CDescripteur clCreateFifo(const char* pszName)
 {
     for (int n = 0; n < s_nAttempts; ++n) {
         if (::mkfifo(pszName, 0600) != 0 && errno != EEXIST) {
             break;
         }
+
+        // Judged by what was opened, also after our own mkfifo: the name may have changed hands since.
         CDescripteur clFifo = clOpenTrusted(pszName);
         if (clFifo.bOpen()) {
             return clFifo;
         }
-        const int nErrno = errno;
+
+        const int nErrno = errno; // after the last attempt, why the FIFO was refused is what is reported
         if (!bClearName(pszName)) {
             break;
         }
@@ -92,17 +104,16 @@ CDescripteur clCreateFifo(const char* pszName)
     return CDescripteur();
 }
 
-/// Writes the reply into the client's FIFO if that is one, at once or not at all: a client that is not ready
-/// for its answer loses it.
+/// Writes the reply into the client's FIFO, at once or not at all: a client that has not opened it yet, or
+/// whose name is no FIFO, loses its reply.
 void SendReply(int nReply, const stRET& stReturn)
 {
-    std::array<char, 48> szName; // no allocation: for want of memory the reply is needed most
-    std::snprintf(szName.data(), szName.size(), "/tmp/__pipe_velmomanager_%d", nReply);
+    std::array<char, 48> szName; // no allocation: a client must also be answered that memory is out
+    std::snprintf(szName.data(), szName.size(), "%s%d", g_szReplyPipePrefix, nReply);
     const CDescripteur clReply(::open(szName.data(), s_nOpenFlags));
-    struct stat st
-    {};
+    STFileStatus st{};
     if (clReply.bOpen() && ::fstat(clReply.nFd(), &st) == 0 && S_ISFIFO(st.st_mode)) {
-        Ignored(::write(clReply.nFd(), &stReturn, sizeof stReturn)); // smaller than PIPE_BUF: all or nothing
+        std::ignore = ::write(clReply.nFd(), &stReturn, sizeof stReturn); // at most PIPE_BUF: all or nothing
     }
 }
 } // namespace
@@ -114,46 +125,47 @@ CPipeServer::~CPipeServer()
 
 bool CPipeServer::bStart()
 {
-    __StopThread();
+    _StopThread();
     m_clWorkers.Begin();
     m_csName = _vpszGetServerPipeName();
     m_clFifo = clCreateFifo(m_csName.c_str());
-    return m_clFifo.bOpen() && __bStartThread();
+    return m_clFifo.bOpen() && _bStartThread();
 }
 
 bool CPipeServer::bStop()
 {
-    // In this order: the number of a closed descriptor may at once be another file's, under a thread that
-    // reads.
+    // The threads first: a closed descriptor's number may become another file's at once, which a thread that
+    // still runs would then read.
     m_clWorkers.Stop();
-    __StopThread();
+    _StopThread();
+
     if (m_clFifo.bOpen()) {
-        __RemoveFifo();
+        _RemoveFifo();
         m_clFifo.Close();
     }
     return true;
 }
 
-bool CPipeServer::__bStartThread()
+bool CPipeServer::_bStartThread()
 {
     errno = nCreateWorker(&m_hThread, PTHREAD_CREATE_JOINABLE, ThreadPipe, this);
     m_bThread = errno == 0;
     return m_bThread;
 }
 
-void CPipeServer::__StopThread()
+void CPipeServer::_StopThread()
 {
     if (m_bThread) {
         m_bThread = false;
-        (void)::pthread_cancel(m_hThread);
-        (void)::pthread_join(m_hThread, nullptr);
+        std::ignore = ::pthread_cancel(m_hThread); // accepted only in _bReadRequest
+        std::ignore = ::pthread_join(m_hThread, nullptr);
     }
 }
 
 void* CPipeServer::ThreadPipe(void* pServer)
 {
     int nBefore = 0;
-    (void)::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &nBefore);
+    std::ignore = ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &nBefore);
     static_cast<CPipeServer*>(pServer)->_Run();
     return nullptr;
 }
@@ -162,66 +174,71 @@ void CPipeServer::_Run()
 {
     for (;;) {
         stSEND stSend;
-        if (__bReadRequest(&stSend)) {
-            __Give(stSend);
+        if (_bReadRequest(&stSend)) {
+            _Give(stSend);
         }
         m_clWorkers.WaitFree();
     }
 }
 
-bool CPipeServer::__bReadRequest(stSEND* pstSend) const
+bool CPipeServer::_bReadRequest(stSEND* pstSend) const
 {
-    // The only place where the thread can be cancelled. That unwinds its stack, so no caller may catch
-    // everything, and no signal handler may run meanwhile: it could be left halfway, with a lock held. Hence
-    // no CSignalsHeld either, which would let the signals through while the stack is unwound.
+    // The only place where the thread can be cancelled. Cancellation unwinds the stack, so that no caller may
+    // catch everything. No signal handler may run meanwhile: cancellation would leave it halfway, with a lock
+    // held. CSignalsHeld does not serve for that: its destructor would let the signals through during the
+    // unwinding.
     sigset_t stAll;
     sigset_t stMask;
     sigfillset(&stAll);
-    (void)::pthread_sigmask(SIG_SETMASK, &stAll, &stMask);
+    std::ignore = ::pthread_sigmask(SIG_SETMASK, &stAll, &stMask);
     int nBefore = 0;
-    (void)::pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &nBefore);
-    ::pthread_testcancel();
+    std::ignore = ::pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &nBefore);
+
+    ::pthread_testcancel(); // for a cancellation that came while it was disabled
     const ssize_t nRead = ::read(m_clFifo.nFd(), pstSend, sizeof *pstSend);
-    (void)::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &nBefore);
-    (void)::pthread_sigmask(SIG_SETMASK, &stMask, nullptr);
+
+    // In reverse order: no handler runs before cancellation is off again.
+    std::ignore = ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &nBefore);
+    std::ignore = ::pthread_sigmask(SIG_SETMASK, &stMask, nullptr);
+
     if (nRead < 0) {
         ::usleep(s_nPauseMicroseconds);
     }
-    return nRead == sizeof *pstSend; // less is half a request: its other half would be read as nonsense too
+    return nRead == sizeof *pstSend; // a part of a request is dropped: its rest would make no sense either
 }
 
-/// Beside this thread, so that a server that hangs at its start holds up no other registration; in it when
-/// there is no thread for that.
-void CPipeServer::__Give(const stSEND& stSend)
+/// Has a worker thread handle the request, so that a server that hangs at its start holds up no other
+/// registration. Without a thread for it, this one does.
+void CPipeServer::_Give(const stSEND& stSend)
 {
     try {
-        if (m_clWorkers.bRun([this, stSend] { __Handle(stSend); })) {
+        if (m_clWorkers.bRun([this, stSend] { _Handle(stSend); })) {
             return;
         }
     } catch (const std::exception&) { // out of memory
     }
-    __Handle(stSend);
+    _Handle(stSend);
 }
 
-void CPipeServer::__Handle(const stSEND& stSend)
+void CPipeServer::_Handle(const stSEND& stSend)
 {
     stRET stReturn{};
     try {
         _ProcessMessage(&stSend, &stReturn);
-    } catch (const std::exception& clException) { // want of memory: an empty reply would say that all is well
+    } catch (const std::exception& clException) {
+        // Out of memory, or the stop. An empty reply would mean that the server is registered.
         WriteReply(clException.what(), &stReturn);
     }
     SendReply(stSend.nReply, stReturn);
 }
 
-void CPipeServer::__RemoveFifo()
+/// Only our own FIFO: somebody may have put another file at the name meanwhile.
+void CPipeServer::_RemoveFifo()
 {
-    struct stat stOpen
-    {};
-    struct stat stNamed
-    {};
+    STFileStatus stOpen{};
+    STFileStatus stNamed{};
     if (::fstat(m_clFifo.nFd(), &stOpen) == 0 && ::lstat(m_csName.c_str(), &stNamed) == 0 &&
         stOpen.st_ino == stNamed.st_ino && stOpen.st_dev == stNamed.st_dev) {
-        (void)::unlink(m_csName.c_str());
+        std::ignore = ::unlink(m_csName.c_str());
     }
 }

@@ -7,51 +7,53 @@
 #include <pthread.h>
 #include <string>
 
-/// The local pipe: a FIFO with a reading thread that takes one request record after the other and has up to a
-/// number of them handled at once, each on a thread of its own, begun in their order. The derived class gives
-/// the name and the meaning. Started and stopped by its owner's thread.
+/// The local pipe: a FIFO and a thread that reads one request record after the other. Up to s_nMaxRequests
+/// requests are handled at once, each on a thread of its own; they begin in the order of their arrival. The
+/// derived class says the FIFO's name and what a request means. Its owner's thread starts and stops it.
 ///
-/// The thread is ended by cancellation, which it accepts only while it waits for a request. The FIFO's file
-/// exists while the server is started. When somebody else removes it meanwhile, requests no longer arrive
-/// until the next start: nothing wakes the daemon only to look after the file (the packages keep the system's
-/// cleaner away from it), and what then lies at the name is left alone by the stop.
+/// The reading thread is ended by cancellation, which it accepts only while it waits for a request. The FIFO
+/// exists while the server is started. When somebody else removes the FIFO, no request arrives until the next
+/// start: the daemon does not wake up only to look after the file (the packages keep systemd-tmpfiles away
+/// from it). A file that somebody else has put at the name is left alone by the stop.
 class CPipeServer
 {
 public:
-    /// Requests handled at once; further ones stay in the FIFO.
+    /// Requests handled at once; further ones stay in the FIFO until a thread is free.
     static constexpr int s_nMaxRequests = 16;
 
     CPipeServer() = default;
     CPipeServer(const CPipeServer&) = delete;
     CPipeServer& operator=(const CPipeServer&) = delete;
-    /// A derived class calls bStop in its own destructor: the thread calls its functions.
+    /// A derived class calls bStop in its own destructor: until then the threads call its functions.
     virtual ~CPipeServer();
 
-    /// Creates and opens the FIFO and starts the thread. What already lies at the name is used only if it is
-    /// a FIFO of ours (or root's) that nobody else can write, and otherwise replaced; false (with errno) when
-    /// that cannot be done.
+    /// Creates and opens the FIFO and starts the thread. A FIFO at the name is taken over if it is ours (or
+    /// root's) and nobody else can write to it; anything else there is replaced. False (with errno) when that
+    /// cannot be done.
     bool bStart();
-    /// Ends the thread (requests in progress are finished first), closes and removes the FIFO. Always true.
+    /// Finishes the requests in progress, ends the thread, closes and removes the FIFO. Always true.
     bool bStop();
 
 protected:
     /// The thread's loop; never returns.
     virtual void _Run();
-    /// Handles one request; several threads at once. The reply is all NUL at the call.
+    /// Handles one request; several threads call it at once. The reply is all NUL at the call. The text of a
+    /// std::exception that is thrown becomes the reply.
     virtual void _ProcessMessage(const stSEND* pstSend, stRET* pstReturn) = 0;
     virtual const char* _vpszGetServerPipeName() const = 0;
 
 private:
     static void* ThreadPipe(void* pServer);
-    bool __bStartThread();
-    void __StopThread();
-    bool __bReadRequest(stSEND* pstSend) const;
-    void __Give(const stSEND& stSend);
-    void __Handle(const stSEND& stSend);
-    void __RemoveFifo();
+    bool _bStartThread();
+    void _StopThread();
+    /// Waits for a request; false when none could be read whole.
+    bool _bReadRequest(stSEND* pstSend) const;
+    void _Give(const stSEND& stSend);
+    void _Handle(const stSEND& stSend);
+    void _RemoveFifo();
 
-    std::string m_csName;  ///< of the FIFO that is or was open
-    CDescripteur m_clFifo; ///< open for reading and writing: it never loses its last writer, so reads block
+    std::string m_csName; ///< of the FIFO that is or was open
+    CDescripteur m_clFifo;
     CWorkerPool m_clWorkers{s_nMaxRequests};
     pthread_t m_hThread{};
     bool m_bThread = false;

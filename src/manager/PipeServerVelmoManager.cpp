@@ -3,10 +3,13 @@
 #include "manager/SetupManager.h"
 #include "support/Conversion.h"
 
-std::string CPipeServerVelmoManager::__csRegister(const STRegistration& stServer)
+#include <tuple>
+#include <utility>
+
+std::string CPipeServerVelmoManager::_csRegister(STRegistration stServer)
 {
     CTString csMessage;
-    m_pclManager->RegisterServer(stServer.csName, stServer.csPath, stServer.wPort, &csMessage);
+    m_pclManager->RegisterServer(std::move(stServer), &csMessage);
     return csToUTF8(csMessage);
 }
 
@@ -15,11 +18,11 @@ void CPipeServerVelmoManager::_ProcessMessage(const stSEND* pstSend, stRET* pstR
     constexpr std::string_view csUnknown = "UNKNOWN";
     switch (pstSend->nForm) {
     case PIPE_FORM_ANSI:
-        (void)__csRegister(stReadAnsi(*pstSend)); // the clients of this form expect "UNKNOWN" even so
+        std::ignore = _csRegister(stReadAnsi(*pstSend)); // logged; the clients rely on "UNKNOWN" all the same
         WriteReply(csUnknown, pstReturn);
         break;
     case PIPE_FORM_UTF16:
-        WriteReply(__csRegister(stReadUTF16(*pstSend)), pstReturn);
+        WriteReply(_csRegister(stReadUTF16(*pstSend)), pstReturn);
         break;
     default:
         WriteReply(csUnknown, pstReturn);

@@ -1,14 +1,12 @@
 #pragma once
 
 #include "manager/PipeServer.h"
+#include "support/ManagerNames.h"
 
 class CSetupManager;
 
-/// The FIFO through which database servers register.
-inline constexpr char g_szManagerPipe[] = "/tmp/__pipe_velmomanager__";
-
-/// The manager's local pipe: each request asks for the registration of a database server, which the setup
-/// manager carries out; its text (empty: done) is the reply. Owned by the setup manager.
+/// The manager's local pipe. Each request asks for the registration of a database server. The setup manager
+/// carries it out, and its text (empty: done) is the reply. Owned by the setup manager.
 class CPipeServerVelmoManager : public CPipeServer
 {
 public:
@@ -18,13 +16,13 @@ public:
     void SetManager(CSetupManager* pclManager) { m_pclManager = pclManager; }
 
 protected:
-    /// A request of the single-byte form is carried out but always answered "UNKNOWN", like one of an unknown
-    /// form, which is not carried out: the clients of that form expect this answer.
+    /// A request of the single-byte form is carried out, but its reply is always "UNKNOWN": the clients of
+    /// that form rely on it. A request of an unknown form gets the same reply and is not carried out.
     void _ProcessMessage(const stSEND* pstSend, stRET* pstReturn) override;
     const char* _vpszGetServerPipeName() const override { return g_szManagerPipe; }
 
 private:
-    std::string __csRegister(const STRegistration& stServer);
+    std::string _csRegister(STRegistration stServer);
 
     CSetupManager* m_pclManager = nullptr;
 };

@@ -1,6 +1,8 @@
-// Registration of a database server that asks for it: finds the service of its executable or makes one, and
-// starts it. The service lock is held from the listing to the installation, so that two servers cannot take
-// one name or port; the server's own name also during its start, which may take as long as the server likes.
+// Registration of a database server: finds the service of its executable or installs one, and starts it.
+//
+// The service lock is held from the listing to the installation, so that two servers cannot take the same
+// name or port. It is not held during the start, which may take as long as the server likes; only the lock of
+// the server's own name is.
 
 #include "config/Settings.h"
 #include "config/WinApi.h"
@@ -9,6 +11,7 @@
 #include "service/CommandLine.h"
 #include "support/accesdllres.h"
 #include "support/DiskFile.h"
+#include "support/ManagerNames.h"
 #include "support/Stopping.h"
 #include "support/WinApi.h"
 
@@ -17,10 +20,11 @@
 #include <cstdint>
 #include <cwchar>
 #include <set>
+#include <tuple>
 #include <vector>
 
 namespace {
-/// As it was registered, without the prefix.
+/// The name that the server was registered under, without the prefix.
 std::wstring csShortName(CService& clService)
 {
     const std::wstring csName = clService.csRegisteredName();
@@ -32,17 +36,19 @@ std::wstring csServiceName(const STRegistration& stServer)
     return g_szServerPrefix + stServer.csName;
 }
 
+/// Whether the service has the name that the server asks for, in any of the forms of a name.
 bool bSameName(const CService& clService, const STRegistration& stServer)
 {
     return CServiceName::s_clSaid(csServiceName(stServer).c_str()) == clService.clName();
 }
 
+/// The form of a service's name that its lock has.
 std::wstring csLockName(const std::wstring& csService)
 {
     return CServiceManager::csRegisteredName(csService);
 }
 
-/// Adds the services' names; false when all were there.
+/// Adds the services' names; false when the set had all of them already.
 bool bAddNames(const std::vector<std::unique_ptr<CService>>& tServices, std::set<std::wstring>* ptNames)
 {
     const std::size_t nBefore = ptNames->size();
@@ -52,72 +58,80 @@ bool bAddNames(const std::vector<std::unique_ptr<CService>>& tServices, std::set
     return ptNames->size() != nBefore;
 }
 
-/// A server learns the name that it is registered under from its configuration.
-void TellName(CService& clService)
+/// Writes the name into the server's configuration: that is where a server learns the name that it is
+/// registered under. A failure is ignored: the registration counts without it.
+void WriteName(CService& clService)
 {
     const std::wstring csFile = CSetupManager::s_csServersConfig(clService.csGetExecutable());
-    (void)WritePrivateProfileString(settings::Name.pszSection, settings::Name.pszKey,
-                                    csShortName(clService).c_str(), csFile.c_str());
+    std::ignore = WritePrivateProfileString(settings::Name.pszSection, settings::Name.pszKey,
+                                            csShortName(clService).c_str(), csFile.c_str());
 }
 } // namespace
 
-void CSetupManager::RegisterServer(const std::wstring& csName, const std::wstring& csBinaryPath,
-                                   std::uint16_t wPort, CTString* pcsError)
+void CSetupManager::RegisterServer(STRegistration stServer, CTString* pcsError)
 {
+    stServer.csPath = CProgram::s_clAt(stServer.csPath).csPath();
     CServiceLocks::CHold clHold;
     bool bInstalled = false;
-    const auto pclService = __pclMakeService({csName, CProgram::s_clAt(csBinaryPath).csPath(), wPort},
-                                             &clHold, &bInstalled, pcsError);
+    const auto pclService = _pclMakeService(stServer, &clHold, &bInstalled, pcsError);
     if (pclService == nullptr) {
         return;
     }
 
-    // errno is that of whichever step failed; the client gets the system's text for it.
+    // The client gets the text of errno, which the start leaves from whichever step failed.
     if (pclService->eGetStatus() == STATUS_RUNNING || clHold.bStart(*pclService)) {
         return;
     }
     *pcsError = csSystemMessage(errno);
+
+    // A service that was there before stays in any case.
     if (bInstalled && !CStopping::bAsked()) {
-        (void)m_clServiceManager.bTakeBackRefused(*pclService);
+        std::ignore = m_clServiceManager.bTakeBackRefused(*pclService);
     }
-    if (bInstalled && CStopping::bAsked()) { // after a stop nothing is started
+    if (bInstalled && CStopping::bAsked()) { // after the stop nothing is started
         pclService->AddMissingStep(L"start");
-        *pcsError = L"The registration of \"" + csName +
+        *pcsError = L"The registration of \"" + stServer.csName +
                     L"\" was cut short by the stop of the manager. Not done: " +
                     pclService->csMissingSteps() + L". Register the server again.";
     }
     _LogText(*pcsError);
 }
 
-std::unique_ptr<CService> CSetupManager::__pclMakeService(const STRegistration& stServer,
-                                                          CServiceLocks::CHold* pclHold, bool* pbInstalled,
-                                                          CTString* pcsError)
+std::unique_ptr<CService> CSetupManager::_pclMakeService(const STRegistration& stServer,
+                                                         CServiceLocks::CHold* pclHold, bool* pbInstalled,
+                                                         CTString* pcsError)
 {
+    // Starts with the server's own name. The loop ends: each further turn adds a name of another service.
     std::set<std::wstring> tNames{csLockName(csServiceName(stServer))};
     for (;;) {
-        // The names first: with the service lock held, waiting for a start that hangs would hold up
-        // everybody.
+        // Names come before the service lock: a wait for a start that hangs, with the service lock taken,
+        // would hold up everybody.
         pclHold->Release();
         *pclHold = m_clServiceManager.clGetLocks().clTake(tNames);
         if (!pclHold->bTaken()) {
             CStopping::xThrowStopped();
         }
         const CServiceGuard clGuard = clLockServices();
-        STFound stFound = __stFindServer(clGuard, stServer, pcsError);
+        STFound stFound = _stFindServer(clGuard, stServer, pcsError);
 
-        // A service that has another name is changed under that one's lock, too.
+        // The executable may be registered under other names: services under them are changed, so their locks
+        // are needed, too, and everything is looked at again with them.
         if (bAddNames(stFound.tOtherNames, &tNames)) {
             pcsError->clear();
             continue;
         }
         for (const auto& pclOther : stFound.tOtherNames) {
-            TellName(*pclOther);
+            WriteName(*pclOther);
         }
         if (stFound.bRefused) {
+            if (!stFound.bLogged) { // only here: an earlier turn may have been refused, too
+                _LogText(*pcsError);
+            }
             return nullptr;
         }
+
         if (stFound.pclService == nullptr) {
-            stFound.pclService = __pclInstallServer(clGuard, stServer);
+            stFound.pclService = _pclInstallServer(clGuard, stServer);
             *pbInstalled = stFound.pclService != nullptr;
         }
         if (stFound.pclService == nullptr) {
@@ -128,42 +142,45 @@ std::unique_ptr<CService> CSetupManager::__pclMakeService(const STRegistration& 
     }
 }
 
-void CSetupManager::__RefuseUnasked(int nError, STFound* pstFound, CTString* pcsError)
+void CSetupManager::_RefuseUnasked(int nError, STFound* pstFound, CTString* pcsError)
 {
     pstFound->bRefused = true;
-    pstFound->tOtherNames.clear(); // nothing is written
+    pstFound->tOtherNames.clear(); // this refusal writes nothing
     *pcsError = csFailedListing(nError);
-    LogFailedListing(nError);
+    LogFailedListing(nError); // with a rate limit of its own
+    pstFound->bLogged = true;
 }
 
-void CSetupManager::__FindUnlisted(const STRegistration& stServer, STFound* pstFound, CTString* pcsError)
+void CSetupManager::_FindUnlisted(const STRegistration& stServer, STFound* pstFound, CTString* pcsError)
 {
     std::unique_ptr<CService> pclUnlisted(m_clServiceManager.pclGetService(csServiceName(stServer).c_str()));
-    CStopping::xCheck();
+    CStopping::xCheck(); // a lookup that the stop cut short has not failed
     if (pclUnlisted == nullptr && errno != ENOENT) {
-        __RefuseUnasked(errno, pstFound, pcsError);
+        _RefuseUnasked(errno, pstFound, pcsError);
     }
+
+    // The lookup may also find a service of a similar name.
     if (pclUnlisted == nullptr || !bSameName(*pclUnlisted, stServer)) {
         return;
     }
-    if (__eCompare(*pclUnlisted, stServer, pcsError) == EComparison::SAME) {
+
+    if (_eCompare(*pclUnlisted, stServer, pcsError) == EComparison::SAME) {
         pstFound->pclService = std::move(pclUnlisted);
         return;
     }
     pstFound->bRefused = true;
-    _LogText(*pcsError);
 }
 
-CSetupManager::STFound CSetupManager::__stFindServer(const CServiceGuard&, const STRegistration& stServer,
-                                                     CTString* pcsError)
+CSetupManager::STFound CSetupManager::_stFindServer(const CServiceGuard&, const STRegistration& stServer,
+                                                    CTString* pcsError)
 {
     STFound stFound;
     CServiceListing clListing(&m_clServiceManager, g_szServerPrefix);
     while (auto pclService = clListing.pclNext()) {
-        switch (__eCompare(*pclService, stServer, pcsError)) {
+        switch (_eCompare(*pclService, stServer, pcsError)) {
         case EComparison::OTHER:
             break;
-        case EComparison::SAME: // of several the last one counts
+        case EComparison::SAME: // of several services the last one counts; clients rely on it
             if (!bSameName(*pclService, stServer)) {
                 stFound.tOtherNames.push_back(std::make_unique<CService>(*pclService));
             }
@@ -171,24 +188,27 @@ CSetupManager::STFound CSetupManager::__stFindServer(const CServiceGuard&, const
             break;
         case EComparison::CONFLICT:
             stFound.bRefused = true;
-            _LogText(*pcsError);
             return stFound;
         }
     }
-    CStopping::xCheck();       // then nothing has failed
-    if (clListing.bFailed()) { // what is not listed may have the server's name: nothing may be written
-        __RefuseUnasked(clListing.nError(), &stFound, pcsError);
+    CStopping::xCheck(); // a listing that the stop cut short has not failed
+
+    // A service that is missing in half a list may have the server's name or port: nothing may be written.
+    if (clListing.bFailed()) {
+        _RefuseUnasked(clListing.nError(), &stFound, pcsError);
     } else if (stFound.pclService == nullptr) {
-        __FindUnlisted(stServer, &stFound, pcsError);
+        _FindUnlisted(stServer, &stFound, pcsError);
     }
     return stFound;
 }
 
-CSetupManager::EComparison CSetupManager::__eCompare(CService& clService, const STRegistration& stServer,
-                                                     CTString* pcsError)
+CSetupManager::EComparison CSetupManager::_eCompare(CService& clService, const STRegistration& stServer,
+                                                    CTString* pcsError)
 {
     const std::wstring csExecutable = clService.csGetExecutable();
     const bool bSameFile = CDiskFile::bSameFileName(csExecutable, stServer.csPath);
+
+    // The name decides first: of one name there can be one service only.
     if (bSameName(clService, stServer)) {
         if (bSameFile) {
             return EComparison::SAME;
@@ -197,28 +217,35 @@ CSetupManager::EComparison CSetupManager::__eCompare(CService& clService, const 
                               stServer.csPath.c_str(), csExecutable.c_str());
         return EComparison::CONFLICT;
     }
+
     const std::wstring csShort = csShortName(clService);
     if (bSameFile) { // registered under another name
         return EComparison::SAME;
     }
-    if (csExecutable.empty() || // then it holds no port
+
+    // A service whose executable is not known has no configuration, so it has no port to conflict with.
+    if (csExecutable.empty() ||
         std::wcstol(s_csAccessPort(clService).c_str(), nullptr, 10) != stServer.wPort) {
         return EComparison::OTHER;
     }
+
     DLLRES_bFormatMessage(&g_stMyModule, MSG_SERVER_PORT_TAKEN, pcsError, stServer.csName.c_str(),
                           static_cast<unsigned int>(stServer.wPort), csShort.c_str());
     return EComparison::CONFLICT;
 }
 
-std::unique_ptr<CService> CSetupManager::__pclInstallServer(const CServiceGuard&,
-                                                            const STRegistration& stServer)
+std::unique_ptr<CService> CSetupManager::_pclInstallServer(const CServiceGuard&,
+                                                           const STRegistration& stServer)
 {
     const CProgram clProgram = CProgram::s_clAt(stServer.csPath);
-    // No service could come of it; the registry sees the name only after its prefix.
+
+    // Checked here, as the registry sees the name only after the prefix, where these names look well-formed.
     if (stServer.csName.empty() || stServer.csName.front() == L' ' || !clProgram.bWholePath()) {
         errno = EINVAL;
         return nullptr;
     }
+
+    // From here on something is written, which a stop must not leave half done.
     const CStopRight clRight(CStopRight::WRITES);
     const std::wstring csService = csServiceName(stServer);
     const std::wstring csCommandLine = clProgram.csCommandLine(L"--SERVICE");

@@ -4,20 +4,21 @@
 #include "config/Settings.h"
 #include "manager/Dialog.h"
 #include "manager/ServerFolder.h"
-#include "manager/SetupManager.h"
 #include "service/ServiceManagerUnix.h"
 #include "support/DiskFile.h"
+#include "support/ManagerNames.h"
 
 #include <cerrno>
+#include <tuple>
 
 namespace {
-
-/// A reply with the system text of what has just failed.
+/// Replies with the C library's text for errno, which the failed step has left.
 void Refuse(CDialog& clDialog, eError eCode)
 {
     clDialog.ACK(eCode, static_cast<unsigned int>(errno));
 }
 
+/// Replies "OK", or the error with the text of errno.
 void Conclude(CDialog& clDialog, bool bDone, eError eCode)
 {
     if (bDone) {
@@ -34,7 +35,8 @@ std::wstring csNextArgument(CDialog& clDialog)
     return csArgument;
 }
 
-/// A name that goes on behind a NUL is not the name in front of it.
+/// Looks a service up; null with errno. A name with a NUL in it is no name: a lookup would only see what
+/// stands before the NUL.
 std::unique_ptr<CService> pclLookup(CServiceManager* pclManager, const std::wstring& csService)
 {
     if (csService.find(L'\0') != std::wstring::npos) {
@@ -44,8 +46,8 @@ std::unique_ptr<CService> pclLookup(CServiceManager* pclManager, const std::wstr
     return std::unique_ptr<CService>(pclManager->pclGetService(csService.c_str()));
 }
 
-/// The service that the name is the own name of. A lookup takes ";" and "|" at an end for spaces: "Plain|"
-/// finds "Plain", which must not cost it its files.
+/// Looks a service up by its own name only. An ordinary lookup takes ";" and "|" at either end of a name for
+/// spaces: "Plain|" finds "Plain", which must not lose its files for that.
 std::unique_ptr<CService> pclLookupOwn(CServiceManager* pclManager, const std::wstring& csService)
 {
     std::unique_ptr<CService> pclService = pclLookup(pclManager, csService);
@@ -53,13 +55,26 @@ std::unique_ptr<CService> pclLookupOwn(CServiceManager* pclManager, const std::w
         pclService != nullptr && CServiceName::s_clSaid(csService.c_str()).bNames(pclService->clName());
     return bOwn ? std::move(pclService) : nullptr;
 }
+
+/// Takes the service's lock for its removal, and cancels a start that is under way. Empty when the stop of
+/// the manager comes first. The lock is that of the name itself, and only a service of that name is stopped:
+/// a name that a lookup takes for another's must not end the start of that other.
+CServiceLocks::CHold clTakeToRemove(CServiceManager* pclManager, const std::wstring& csService)
+{
+    const std::wstring csLock = CServiceName::s_clSaid(csService.c_str()).csRegistry();
+    return pclManager->clGetLocks().clTakeToRemove(csLock, [&] {
+        if (const auto pclStarting = pclLookupOwn(pclManager, csService)) {
+            std::ignore = pclStarting->bStop(); // asked again as long as the start goes on
+        }
+    });
+}
 } // namespace
 
-std::unique_ptr<CService> CRemoteVelmoManager::__pclFind(CDialog& clDialog, CServiceLocks::CHold* pclHold)
+std::unique_ptr<CService> CRemoteVelmoManager::_pclFind(CDialog& clDialog, CServiceLocks::CHold* pclHold)
 {
     const std::wstring csName = csNextArgument(clDialog);
     const auto pclFind = [&](const std::wstring& csService) {
-        if (pclHold != nullptr) { // before the look: until then somebody may be removing it
+        if (pclHold != nullptr) { // before the lookup: until it is taken, somebody may remove the service
             pclHold->Release();
             *pclHold = m_pclManager->clGetLocks().clTake(CServiceManager::csRegisteredName(csService));
             if (!pclHold->bTaken()) {
@@ -75,6 +90,8 @@ std::unique_ptr<CService> CRemoteVelmoManager::__pclFind(CDialog& clDialog, CSer
         Refuse(clDialog, ERREUR_START);
         return nullptr;
     }
+
+    // The one server whose service may have no prefix.
     if (pclService == nullptr && csName == g_szDefaultServer) {
         pclService = pclFind(g_szDefaultServer);
     }
@@ -87,37 +104,40 @@ std::unique_ptr<CService> CRemoteVelmoManager::__pclFind(CDialog& clDialog, CSer
 void CRemoteVelmoManager::Start(CDialog& clDialog)
 {
     CServiceLocks::CHold clHold;
-    if (const auto pclService = __pclFind(clDialog, &clHold)) {
+    if (const auto pclService = _pclFind(clDialog, &clHold)) {
         const bool bStarted = clHold.bStart(*pclService);
-        clHold.Release(); // before the reply: a tool that does not read must hold nobody up
+        clHold.Release(); // before the reply: a tool that does not read it must not hold up others
         Conclude(clDialog, bStarted, ERREUR_START);
     }
 }
 
 void CRemoteVelmoManager::Stop(CDialog& clDialog)
 {
-    if (const auto pclService = __pclFind(clDialog)) {
+    if (const auto pclService = _pclFind(clDialog)) {
         Conclude(clDialog, pclService->bStop(), ERREUR_STOP);
     }
 }
 
 void CRemoteVelmoManager::GetStatus(CDialog& clDialog)
 {
-    /// Index: the status. 5 to 7 are other systems'; a failed server is reported as stopped, intended.
+    // Index: EServiceStatus. No init system here knows 5 to 7. A failed server (8) is reported as stopped:
+    // clients rely on it.
     static constexpr const wchar_t* s_tWords[] = {
-        L"UNKWNOWN", // spelled so on the wire
+        L"UNKWNOWN", // clients rely on this spelling
         L"STOPPED",          L"START_PENDING", L"STOP_PENDING", L"RUNNING",
         L"CONTINUE_PENDING", L"PAUSE_PENDING", L"PAUSED",       L"STOPPED",
     };
-    const auto pclService = __pclFind(clDialog);
+    const auto pclService = _pclFind(clDialog);
     if (pclService == nullptr) {
         return;
     }
+
     const EServiceStatus eStatus = pclService->eGetStatus();
     if (eStatus == STATUS_UNKNOWN) {
         Refuse(clDialog, ERREUR_STATUS);
         return;
     }
+
     const auto nWord = static_cast<std::size_t>(eStatus);
     clDialog.Answer(std::wstring(L"STATUS\t") + s_tWords[nWord < std::size(s_tWords) ? nWord : 0]);
 }
@@ -127,21 +147,16 @@ void CRemoteVelmoManager::UnInstall(CDialog& clDialog)
     const std::wstring csName = csNextArgument(clDialog);
     const bool bDeleteFiles = clDialog.dwGetUInt32() != 0;
     const std::wstring csService = g_szServerPrefix + csName;
-    // By its own name: one that a lookup takes for another must not end that one's start.
-    const std::wstring csLock = CServiceName::s_clSaid(csService.c_str()).csRegistry();
-    auto clHold = m_pclManager->clGetLocks().clTakeToRemove(csLock, [&] {
-        if (const auto pclStarting = pclLookupOwn(m_pclManager, csService)) {
-            (void)pclStarting->bStop();
-        }
-    });
+    auto clHold = clTakeToRemove(m_pclManager, csService);
     if (!clHold.bTaken()) { // the stop of the manager came first
         errno = ECANCELED;
         Refuse(clDialog, ERREUR_STOP);
         return;
     }
+
     const std::unique_ptr<CService> pclService = pclLookupOwn(m_pclManager, csService);
     if (pclService == nullptr) {
-        clHold.Release(); // before each reply: a tool that does not read must hold nobody up
+        clHold.Release(); // before each reply: a tool that does not read it must not hold up others
         clDialog.ACK(ERREUR_UNINSTALL_INCONNU, 0u);
         return;
     }
@@ -150,12 +165,15 @@ void CRemoteVelmoManager::UnInstall(CDialog& clDialog)
         Refuse(clDialog, ERREUR_STOP);
         return;
     }
+
     if (std::wstring csMessage; bDeleteFiles && bDeleteServerFolder(m_pclManager, *pclService, &csMessage)) {
         clHold.Release();
-        // A completed deletion is told with error 12 and the service stays registered; intended.
+        // A completed deletion is answered with error 12 and leaves the service registered: clients rely on
+        // it.
         clDialog.ACK(ERREUR_UNINSTALL_FICHIERS, csMessage);
         return;
     }
+
     const bool bRemoved = pclService->bRemove();
     clHold.Release();
     Conclude(clDialog, bRemoved, ERREUR_UNINSTALL_SERVICE);
@@ -163,22 +181,25 @@ void CRemoteVelmoManager::UnInstall(CDialog& clDialog)
 
 void CRemoteVelmoManager::ClusterInfo(CDialog& clDialog)
 {
-    const auto pclService = __pclFind(clDialog);
+    const auto pclService = _pclFind(clDialog);
     if (pclService == nullptr) {
         return;
     }
+
     const std::wstring csDirectory = CDiskFile::csDirectory(pclService->csGetExecutable());
     if (csDirectory.empty() || !CDiskFile::bDirectoryExists(csDirectory)) {
         errno = ENOENT;
         Refuse(clDialog, ERREUR_SERVICE_INCONNU);
         return;
     }
+
     // The server's own settings, not the manager's.
     const CConfig clConfig(csDirectory.c_str());
     std::wstring csManager(settings::ClusterManager.nSize, L'\0');
     if (clConfig.bClusterNode()) {
         clConfig.GetClusterManagerName(csManager.data());
     }
+
     csManager.resize(wcsnlen(csManager.c_str(), settings::ClusterManager.nSize - 1));
     clDialog.Answer((csManager.empty() ? L"YES\t0\t" : L"YES\t1\t") + csManager);
 }

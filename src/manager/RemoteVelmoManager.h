@@ -10,7 +10,7 @@ class CService;
 class CServiceManager;
 
 /// The commands of a conversation that act on one database server. Each reads its arguments from the dialog,
-/// acts, and writes exactly one reply. Runs on the conversations' threads, several at once.
+/// acts, and writes exactly one reply. Called by the conversations' threads, several at once.
 class CRemoteVelmoManager
 {
 public:
@@ -21,16 +21,17 @@ public:
     /// Bound to no keyword: the protocol has no stop command.
     void Stop(CDialog& clDialog);
     void GetStatus(CDialog& clDialog);
-    /// Stops the server, deletes its directory when asked, unregisters it. That a completed deletion is
-    /// answered with error 12 and leaves the service registered is intended.
+    /// Stops the server, deletes its directory when asked to, unregisters it. A completed deletion is
+    /// answered with error 12 and leaves the service registered: clients rely on it.
     void UnInstall(CDialog& clDialog);
+    /// Answers whether the server is in a cluster, and the name of the cluster manager's machine.
     void ClusterInfo(CDialog& clDialog);
 
 private:
-    /// The service that the dialog's next argument names; replies error 1 and returns null when there is
-    /// none. With pclHold, the service's lock is taken for the caller before it is looked up (error 2 when
-    /// the stop of the manager ends the wait for it).
-    std::unique_ptr<CService> __pclFind(CDialog& clDialog, CServiceLocks::CHold* pclHold = nullptr);
+    /// The service that the dialog's next argument names. When there is none, replies with error 1 and
+    /// returns null. With pclHold, the service's lock is taken for the caller before the lookup; when the
+    /// stop of the manager ends the wait for the lock, the reply is error 2.
+    std::unique_ptr<CService> _pclFind(CDialog& clDialog, CServiceLocks::CHold* pclHold = nullptr);
 
     CServiceManager* m_pclManager;
 };

@@ -1,11 +1,13 @@
 #include "manager/RestartOnFailed.h"
 
 #include "manager/FailedListing.h"
-#include "manager/SetupManager.h"
 #include "service/ServiceManagerUnix.h"
 #include "support/accesdllres.h"
+#include "support/ManagerNames.h"
+#include "support/Stopping.h"
 
 #include <memory>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -33,7 +35,7 @@ CRestartOnFailed::~CRestartOnFailed()
 void CRestartOnFailed::xStart()
 {
     m_clWorkers.Begin();
-    (void)xbStart(RestartOnFailedThreadFunc, this, &g_stMyModule, USER_ERROR_THREAD, 1, 0);
+    std::ignore = xbStart(RestartOnFailedThreadFunc, this, &g_stMyModule, USER_ERROR_THREAD, 1, 0);
 }
 
 void CRestartOnFailed::Stop()
@@ -46,19 +48,22 @@ void CRestartOnFailed::Run()
 {
     constexpr unsigned int dwMsPerSecond = 1000;
     while (!bMustStop()) {
+        // Sleeps first: when the manager starts with the machine, its servers are still coming up.
         SleepOrStop(m_dwPeriod * dwMsPerSecond);
         if (bMustStop()) {
             break;
         }
+
         try {
             __Check();
-        } catch (...) { // want of memory: costs this pass
+        } catch (...) { // out of memory: costs this pass only
         }
     }
 }
 
 void CRestartOnFailed::__Check()
 {
+    // The whole list before the first restart: half a list is no reason to start anything.
     std::vector<std::unique_ptr<CService>> tServices;
     CServiceListing clListing(m_pclManager, g_szServerPrefix);
     while (auto pclService = clListing.pclNext()) {
@@ -75,7 +80,9 @@ void CRestartOnFailed::__Check()
         if (CStopping::bAsked()) {
             return;
         }
-        // One that is being started, by us or by somebody else, is not even asked: its script may hang, too.
+
+        // A service that is being started, by us or by somebody else, is not even asked for its state: its
+        // script may hang, and this thread with it.
         const std::wstring csName = CServiceManager::csRegisteredName(pclService->pszGetName());
         if (m_clWorkers.bHas(pclService->pszGetName()) || m_pclManager->clGetLocks().bHeld(csName)) {
             continue;

@@ -5,26 +5,27 @@
 
 class CServiceManager;
 
-/// A thread that looks at every "DXCS-" service once a period and has those started that have failed. A
-/// stopped service is left alone, so that an administrator's stop is respected. The starts run beside the
-/// thread: no pass waits for one. Owned by the setup manager.
+/// A thread that looks at every "DXCS-" service once a period and has the failed ones started. A stopped
+/// service is left alone, out of respect for an administrator's stop. The starts run on threads of their own:
+/// no pass waits for one. Owned by the setup manager.
 class CRestartOnFailed : public CZTThread
 {
 public:
-    /// Period in seconds; 0 checks without pause. The product with 1000 wraps at 32 bits. The service manager
-    /// is not owned.
+    /// The period is in seconds; 0 checks without pause. It is multiplied by 1000 in 32 bits, so that long
+    /// ones wrap around. The service manager is not owned.
     CRestartOnFailed(CServiceManager* pclManager, unsigned int dwPeriod);
     ~CRestartOnFailed() override;
 
     /// Throws CXError when the thread cannot be started.
     void xStart();
-    /// Returns when the thread and the starts have ended: at once when the daemon stops, else when what is
-    /// under way is done.
+    /// Returns when the thread and the starts have ended. During the stop of the daemon that is at once, else
+    /// when the starts under way are done.
     void Stop();
     /// The thread's loop.
     void Run();
 
 private:
+    /// One pass over the services.
     void __Check();
 
     unsigned int m_dwPeriod;

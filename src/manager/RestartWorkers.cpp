@@ -2,6 +2,9 @@
 
 #include "service/ServiceManagerUnix.h"
 
+#include <tuple>
+#include <utility>
+
 class CRestartWorkers::CNote
 {
 public:
@@ -33,12 +36,14 @@ bool CRestartWorkers::bHas(const std::wstring& csName)
 void CRestartWorkers::Restart(const std::shared_ptr<CService>& pclService)
 {
     const auto pclNote = std::make_shared<CNote>(this, pclService->pszGetName());
-    // When it cannot be had, the next pass tries again.
-    (void)m_clPool.bRun([this, pclService, pclNote] { __Restart(*pclService); });
+    // The note lives as long as the work, queued or running. Without a thread for it, the monitor's next pass
+    // tries again.
+    std::ignore = m_clPool.bRun([this, pclService, pclNote] { _Restart(*pclService); });
 }
 
-/// The state is asked again under the service's lock: meanwhile somebody may have started or removed it.
-void CRestartWorkers::__Restart(CService& clService)
+/// Asks for the state again, under the service's lock: somebody may have started or removed the service
+/// since.
+void CRestartWorkers::_Restart(CService& clService)
 {
     auto clHold =
         m_pclManager->clGetLocks().clTake(CServiceManager::csRegisteredName(clService.pszGetName()));

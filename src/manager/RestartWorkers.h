@@ -10,30 +10,31 @@
 class CService;
 class CServiceManager;
 
-/// Starts servers again beside the restart monitor: several at once, so that one that hangs at its start
-/// holds up no other.
+/// Starts servers again on behalf of the restart monitor, several at once, so that one that hangs at its
+/// start holds up no other.
 class CRestartWorkers
 {
 public:
-    /// Starts at once at most; more of them wait.
+    /// Starts that run at once at most; further ones wait.
     static constexpr int s_nMaxWorkers = 8;
 
     /// The service manager is not owned.
     explicit CRestartWorkers(CServiceManager* pclManager) : m_pclManager(pclManager) {}
 
-    /// After a Stop: restarts may be asked for again.
+    /// Allows restarts again after a Stop.
     void Begin() { m_clPool.Begin(); }
     /// Whether a restart of the service waits or is under way.
     bool bHas(const std::wstring& csName);
-    /// Has the service started if it still is a failed one when its turn comes. Not of one that bHas.
+    /// Has the service started if it is still a failed one when its turn comes. Not for a service that bHas
+    /// reports.
     void Restart(const std::shared_ptr<CService>& pclService);
-    /// Forgets what waits; returns when what is under way is done.
+    /// Drops the restarts that wait; returns when those under way are done.
     void Stop() { m_clPool.Stop(); }
 
 private:
-    /// The service's name, noted as long as the object lives.
+    /// Keeps a service's name in m_tNames for the object's lifetime.
     class CNote;
-    void __Restart(CService& clService);
+    void _Restart(CService& clService);
 
     CServiceManager* m_pclManager;
     std::mutex m_clLock; ///< of the names only

@@ -9,41 +9,42 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <tuple>
 #include <utility>
 
 namespace {
 constexpr int s_nBacklog = 128;
-/// Pause after an accept that failed (no descriptor left, for instance), so that it does not burn a
-/// processor.
+/// Pause after a failed accept (for want of a descriptor, for instance), so that a lasting failure does not
+/// keep a processor busy.
 constexpr unsigned int s_dwPauseMs = 50;
 
-/// Whether an accept that failed would fail again at once: not when a signal (the end of a child) or a tool
-/// that has left already was all.
+/// Whether a failed accept would fail again at once. Not after a signal (a child's exit), nor when the tool
+/// has closed its connection before it was accepted.
 bool bLasting(int nErrno)
 {
     return nErrno != EINTR && nErrno != ECONNABORTED;
 }
 
-/// Conversations have descriptors from here on: the low numbers stay free for what is passed to children,
-/// whose tables end at the highest number that they are passed.
+/// Lowest descriptor of a conversation. A child unshares the descriptor table up to the highest number that
+/// is passed to it: with the low numbers left to what children get, these copies stay short.
 constexpr int s_nFirstDescriptor = 256;
 
-/// The same socket under a high number; where there is none, as it is.
+/// The same socket under a high number, or unchanged when no such number is free.
 CDescripteur clMoveUp(CDescripteur clSocket)
 {
     CDescripteur clMoved(::fcntl(clSocket.nFd(), F_DUPFD_CLOEXEC, s_nFirstDescriptor));
     return clMoved.bOpen() ? std::move(clMoved) : std::move(clSocket);
 }
 
-/// Makes the descriptor table large enough for the first conversations. While the process has one thread that
-/// is done at once; later the system makes all threads wait for some milliseconds.
+/// Makes the descriptor table large enough for the first conversations. As long as the process has a single
+/// thread, the kernel does that at once; later it makes all threads wait for some milliseconds.
 void EnlargeDescriptorTable(int nAny)
 {
     const CDescripteur clHigh(::fcntl(nAny, F_DUPFD_CLOEXEC, s_nFirstDescriptor));
 }
 
-/// Opens the listening sockets; false with the error. A port that only the remains of ended conversations
-/// hold is taken over, one that somebody listens on is refused both times.
+/// Opens the listening sockets; false with the error. A port that is only occupied by the remains of ended
+/// connections is taken over by the second attempt. A port that somebody listens on is refused both times.
 bool bListen(std::uint16_t wPort, CEnsembleSockets* pclSockets, CXError* pclError)
 {
     bool bOpened = bSocketListenTCP(wPort, 0, pclSockets, pclError, nullptr, s_nBacklog);
@@ -55,14 +56,14 @@ bool bListen(std::uint16_t wPort, CEnsembleSockets* pclSockets, CXError* pclErro
         return false;
     }
 
-    // Inherited by the connections, whose remains would otherwise keep the port from the next manager,
-    // whatever that asks for.
+    // The connections inherit it. Without it their remains would keep the port from the next manager, even
+    // from one that asks for SO_REUSEADDR itself.
     const int nOne = 1;
-    (void)pclSockets->bSetsockopt(SOL_SOCKET, SO_REUSEADDR, &nOne, sizeof nOne);
+    std::ignore = pclSockets->bSetsockopt(SOL_SOCKET, SO_REUSEADDR, &nOne, sizeof nOne);
     return true;
 }
 
-/// A thread that cannot be started costs its conversation; the tool sees its connection closed.
+/// Throws when the conversation cannot be started; the tool then sees its connection closed.
 void Converse(CDescripteur clSocket)
 {
     std::make_shared<CDialog>(clMoveUp(std::move(clSocket)))->xStart();
@@ -74,19 +75,17 @@ void _ServerThreadRoutine(CZTThread* pclThread)
     pclThread->Started();
     const int nListening = static_cast<const STSocket*>(pclThread->pGetParameter())->nSocket;
     while (!pclThread->bMustStop()) {
-        sockaddr_storage stPeer;
-        socklen_t nLength = sizeof stPeer;
-        const int nSocket =
-            ::accept4(nListening, reinterpret_cast<sockaddr*>(&stPeer), &nLength, SOCK_CLOEXEC);
+        const int nSocket = ::accept4(nListening, nullptr, nullptr, SOCK_CLOEXEC);
         if (nSocket < 0) {
             if (bLasting(errno)) {
                 pclThread->SleepOrStop(s_dwPauseMs);
             }
             continue;
         }
+
         try {
             Converse(CDescripteur(nSocket));
-        } catch (...) { // out of memory or of threads: costs this conversation
+        } catch (...) { // out of memory or of threads: costs this conversation only
         }
     }
     pclThread->Stopped();
@@ -103,9 +102,12 @@ bool CServer::bInit(std::uint16_t wPort, CXError* pclError)
         return false;
     }
     EnlargeDescriptorTable(m_clSockets.tGetSockets().front().nSocket);
+
+    // The connections inherit it. A reply may be two sends: without it the second would wait for the tool's
+    // delayed acknowledgement of the first.
     const int nOne = 1;
-    (void)m_clSockets.bSetsockopt(IPPROTO_TCP, TCP_NODELAY, &nOne,
-                                  sizeof nOne); // inherited by the connections
+    std::ignore = m_clSockets.bSetsockopt(IPPROTO_TCP, TCP_NODELAY, &nOne, sizeof nOne);
+
     m_tThreads.resize(m_clSockets.tGetSockets().size());
     for (auto& pclThread : m_tThreads) {
         pclThread = std::make_unique<CZTThread>();
@@ -126,7 +128,9 @@ void CServer::Stop()
     for (auto& pclThread : m_tThreads) {
         pclThread->Stop(0);
     }
-    // Shutting down wakes accept; the descriptors go only when no thread can use their numbers any more.
+
+    // The shutdown wakes accept. The descriptors are closed only when no thread can use their numbers any
+    // more: a number may become another file's at once.
     m_clSockets.Shutdown(SHUT_RDWR);
     for (auto& pclThread : m_tThreads) {
         pclThread->Stop(1);

@@ -7,8 +7,8 @@
 #include <memory>
 #include <vector>
 
-/// The TCP server: listening sockets for every local address, one accept thread for each, one CDialog for
-/// each accepted connection. Owned by the setup manager, used from its main thread.
+/// The TCP server: one listening socket and one accept thread per address family, and one CDialog per
+/// accepted connection. Owned by the setup manager, used from the main thread only.
 class CServer
 {
 public:
@@ -17,9 +17,10 @@ public:
     CServer& operator=(const CServer&) = delete;
     ~CServer();
 
-    /// Opens the listening sockets; false, with the error, when that fails.
+    /// Opens the listening sockets; false, with the error, when none can be opened.
     bool bInit(std::uint16_t wPort, CXError* pclError);
-    /// Starts the accept threads; throws the CXError when one cannot be started, those before it go on.
+    /// Starts the accept threads. Throws CXError when one cannot be started; those before it go on until
+    /// Stop.
     void Start();
     /// Ends the accept threads and closes the sockets. Conversations go on.
     void Stop();

@@ -1,10 +1,12 @@
 #include "manager/ServerFolder.h"
 
 #include "main/Logger.h"
-#include "manager/SetupManager.h"
+#include "service/ServiceManagerUnix.h"
 #include "support/accesdllres.h"
 #include "support/Conversion.h"
 #include "support/DiskFile.h"
+#include "support/ManagerNames.h"
+#include "support/SystemCall.h"
 #include "support/WinApi.h"
 
 #include <cerrno>
@@ -15,7 +17,8 @@
 namespace {
 using CPath = std::filesystem::path;
 
-/// Where a file really is: all links of its folder followed, the file's own not.
+/// Where a file really lies: links in the path of its folder are followed, the file itself is not when it is
+/// a link. None when that cannot be found out.
 std::optional<CPath> clPlaceOf(const CPath& clFile)
 {
     std::error_code clError;
@@ -23,12 +26,14 @@ std::optional<CPath> clPlaceOf(const CPath& clFile)
     return clError ? std::nullopt : std::optional(clFolder / clFile.filename());
 }
 
+/// Compares whole components: "/opt/a" does not hold "/opt/ab".
 bool bIsBelow(const CPath& clFile, const CPath& clFolder)
 {
     return (clFile.string() + "/").starts_with(clFolder.string() + "/");
 }
 
-/// Whether another service's executable is in the folder: the file itself, or what it is a link to.
+/// Whether another service's executable lies in the folder: the file itself, or what it links to. None when
+/// that cannot be found out.
 std::optional<bool> bLiesIn(const CPath& clFile, const CPath& clFolder)
 {
     std::error_code clError;
@@ -40,11 +45,10 @@ std::optional<bool> bLiesIn(const CPath& clFile, const CPath& clFolder)
     return bIsBelow(*clPlace, clFolder) || bIsBelow(clTarget, clFolder);
 }
 
-/// Why the executable does not tell whose folder it is in; empty when it does.
+/// Why the executable does not prove whose folder it lies in; empty when it does.
 std::wstring csDoubtOfExecutable(CService& clService, const std::wstring& csExecutable)
 {
-    struct stat stFile
-    {};
+    STFileStatus stFile{};
     if (!csExecutable.starts_with(L'/') || csExecutable.find(L'\0') != std::wstring::npos) {
         return L"the path of its executable is not known";
     }
@@ -54,7 +58,9 @@ std::wstring csDoubtOfExecutable(CService& clService, const std::wstring& csExec
     if (errno != ENOENT) {
         return L"its executable cannot be looked at: " + csSystemMessage(errno);
     }
-    // What is gone may have been the whole path, or the beginning of a longer one.
+
+    // The path of a file that is gone may be only the beginning of a longer one. It is whole when the unit
+    // file or the script says the same.
     return clService.csProgramOnDisk() == csExecutable
                ? L""
                : L"its executable is gone, and its unit file or init script does not name it";
@@ -67,11 +73,14 @@ std::wstring csDoubtOfOthers(CServiceManager* pclManager, const CService& clServ
     if (!tOthers) {
         return L"the other servers could not be listed: " + csSystemMessage(errno);
     }
+
     for (const auto& pclOther : *tOthers) {
         const std::wstring csOther = pclOther->csGetExecutable();
         if (pclOther->clName() == clService.clName() || csOther.empty()) {
             continue;
         }
+
+        // What cannot be found out counts against the deletion.
         const std::optional<bool> bInside = bLiesIn(csToUTF8(csOther), clFolder);
         if (!bInside || *bInside) {
             return std::wstring(bInside ? L"" : L"it is not known whether ") + L"the executable of \"" +
@@ -81,6 +90,7 @@ std::wstring csDoubtOfOthers(CServiceManager* pclManager, const CService& clServ
     return {};
 }
 
+/// Why the folder must not be deleted; empty when it may be.
 std::wstring csDoubt(CServiceManager* pclManager, CService& clService, const std::wstring& csExecutable)
 {
     std::wstring csWhy = csDoubtOfExecutable(clService, csExecutable);
@@ -106,10 +116,12 @@ bool bDeleteServerFolder(CServiceManager* pclManager, CService& clService, std::
     if (csExecutable.empty() || !CDiskFile::bDirectoryExists(CDiskFile::csDirectory(csExecutable))) {
         return false;
     }
+
     if (const std::wstring csWhy = csDoubt(pclManager, clService, csExecutable); !csWhy.empty()) {
         LogKept(clService, csWhy);
         return false;
     }
+
     CXError clError;
     const bool bDeleted = CDiskFile::bDeleteTree(CDiskFile::csDirectory(csExecutable), &clError);
     *pcsSystemMessage = clError.csGetSystemMessage();

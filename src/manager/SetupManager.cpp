@@ -8,6 +8,7 @@
 #include "support/DescriptorLimit.h"
 #include "support/DiskFile.h"
 #include "support/FileVersion.h"
+#include "support/ManagerNames.h"
 #include "support/Stopping.h"
 #include "support/SystemCall.h"
 #include "support/SystemInfo.h"
@@ -18,12 +19,13 @@
 #include <array>
 #include <cerrno>
 #include <stdexcept>
+#include <tuple>
 #include <unistd.h>
 
 CSetupManager* gpclSetupManager = nullptr;
 
 namespace {
-constexpr std::size_t s_nPrefixLength = std::size(g_szServerPrefix) - 1; ///< dropped from every listed name
+constexpr std::size_t s_nPrefixLength = std::size(g_szServerPrefix) - 1;
 constexpr std::size_t s_nPortText = 200; ///< characters read of an access port
 } // namespace
 
@@ -41,7 +43,7 @@ CSetupManager::CSetupManager() : m_clRemote(&m_clServiceManager)
 
 CSetupManager::~CSetupManager()
 {
-    __TermMainLoop(); // for whoever has not: their threads use the members
+    __TermMainLoop(); // if MainLoop has not been left: the threads use the members
     SetTooLargeReport(nullptr);
     CStopping::Reset();
     if (m_clRuntime.bLoaded()) {
@@ -58,7 +60,7 @@ bool CSetupManager::bInitVM()
     if (m_clRuntime.bLoad(csDirectory + L"zt240vm64.so", &clError)) {
         void* hLibrary = m_clRuntime.hGetHandle();
         if (::bInitVM(hLibrary, &clError)) {
-            (void)bCheminDLL(nullptr); // only the two others decide
+            std::ignore = bCheminDLL(nullptr); // required, but only the two other calls decide
             if (CBaseExecutionDLL::s_bInitialiseMoiMeme(hLibrary, &clError)) {
                 return true;
             }
@@ -85,27 +87,30 @@ bool CSetupManager::bInit()
 bool CSetupManager::bStart()
 {
     const uid_t nUser = ::geteuid();
-    Ignored(::setreuid(nUser, nUser)); // from now on one identity; a refusal changes nothing
+    std::ignore = ::setreuid(nUser, nUser); // from now on one identity; a refusal changes nothing
     RaiseDescriptorLimit();
     CStopping::Prepare(); // not earlier: a daemon that detaches closes every descriptor
     if (!bInit()) {
         return false;
     }
+
+    // A failure leaves running what has started before it; main ends that with __TermMainLoop.
     try {
         m_clServer.Start();
         if (m_pclRestart != nullptr) {
             m_pclRestart->xStart();
         }
-        return m_clPingEcho.bStart() && __bStartPipe();
+        return m_clPingEcho.bStart() && _bStartPipe();
     } catch (const CXError& clError) {
         LogCause(m_clLogger, clError);
         return false;
     }
 }
 
-bool CSetupManager::__bStartPipe()
+bool CSetupManager::_bStartPipe()
 {
     CXError clError;
+    // bFail is always false: it only takes errno into the error.
     if (m_clPipeServer.bStart() || bFail(&clError, L"create", csFromUTF8(g_szManagerPipe))) {
         return true;
     }
@@ -132,7 +137,7 @@ void CSetupManager::__StopMainLoop()
 
 void CSetupManager::__TermMainLoop()
 {
-    CStopping::Ask();
+    CStopping::Ask(); // whoever waits for a lock or a tool leaves now; else the threads could not end
     m_clServer.Stop();
     m_clPingEcho.Stop();
     if (m_pclRestart != nullptr) {
@@ -168,34 +173,38 @@ void CSetupManager::_AddOSInfo()
 void CSetupManager::_AddCPU_RAM_Info()
 {
     ::AddCPUInfo(&m_csHostInfo);
+
+    constexpr unsigned int nBytesPerMo = 1024 * 1024;
     tagMEMORYSTATUSEX stMemory{};
     stMemory.dwLength = sizeof stMemory;
     GlobalMemoryStatusEx(&stMemory);
-    m_csHostInfo += L"\t" + std::to_wstring(stMemory.qwTotalPhys / 1048576) + L" Mo";
+    m_csHostInfo += L"\t" + std::to_wstring(stMemory.qwTotalPhys / nBytesPerMo) + L" Mo";
 }
 
 void CSetupManager::AddServeurList(CTString* pcsReply)
 {
-    *pcsReply += m_clListing.xcsGet([this] { return __csMakeServeurList(); });
+    *pcsReply += m_clListing.xcsGet([this] { return _csMakeServeurList(); });
 }
 
-std::wstring CSetupManager::__csMakeServeurList()
+std::wstring CSetupManager::_csMakeServeurList()
 {
     const CServiceGuard clGuard = clLockServices();
     CTString csServers;
-    // The default server has no prefix by which a listing would find it.
+
+    // A listing by the prefix would miss the default server, whose service may have none.
     CServiceListing clListing(&m_clServiceManager, g_szServerPrefix, g_szDefaultServer);
     while (const auto pclService = clListing.pclNext()) {
         __AddServeurList(clGuard, *pclService, &csServers);
     }
-    CStopping::xCheck(); // then nothing has failed
+
+    CStopping::xCheck(); // a listing that the stop cut short has not failed
     if (clListing.bFailed()) {
-        __FailListing(clListing.nError());
+        _FailListing(clListing.nError());
     }
     return csServers;
 }
 
-void CSetupManager::__FailListing(int nError)
+void CSetupManager::_FailListing(int nError)
 {
     LogFailedListing(nError);
     throw std::runtime_error("the services cannot be listed");
@@ -214,6 +223,7 @@ std::wstring CSetupManager::s_csAccessPort(CService& clService)
     if (csExecutable.empty()) { // no folder, so no configuration either
         return csUsual;
     }
+
     const std::wstring csFile = s_csServersConfig(csExecutable);
     std::array<wchar_t, s_nPortText + 1> tPort{};
     GetPrivateProfileString(stSetting.pszSection, stSetting.pszKey, csUsual.c_str(), tPort.data(),
@@ -226,6 +236,9 @@ void CSetupManager::__AddServeurList(const CServiceGuard&, CService& clService, 
     if (clService.pszBinaryPathName() == nullptr) {
         return;
     }
+
+    // The prefix's length is dropped from every name, the default server's included: clients rely on the
+    // empty name that this leaves.
     const wchar_t* pszDisplayName = clService.pszGetDisplayName();
     const std::wstring csName(pszDisplayName != nullptr ? pszDisplayName : clService.pszGetName());
     *pcsReply +=

@@ -21,24 +21,15 @@
 #include <string>
 #include <vector>
 
-/// Port of the TCP server and of the ping echo; fixed.
-inline constexpr std::uint16_t g_wManagerPort = 4999;
-/// Name prefix of every database-server service.
-inline constexpr wchar_t g_szServerPrefix[] = L"DXCS-";
-/// A service that counts as a server without the prefix.
-inline constexpr wchar_t g_szDefaultServer[] = L"dxsql";
-/// Name of the manager's own service.
-inline constexpr wchar_t g_szManagerService[] = L"VelmoManager";
-
 /// Proof that the service lock is held.
 using CServiceGuard = std::unique_lock<CStoppableLock>;
 
-/// The daemon's service implementation: owns the service registry, the endpoints, the logger and the language
-/// runtime, starts and stops them in a fixed order, lists and registers the database servers.
+/// The daemon itself: owns the service registry, the endpoints, the logger and the language runtime, starts
+/// and stops them in a fixed order, lists and registers the database servers.
 ///
-/// One per process (gpclSetupManager), made and destroyed by main. bInitVM, bStart, MainLoop and the
-/// destructor are the main thread's. AddServeurList, RegisterServer and csGetHostInfo may be called by any
-/// endpoint's thread.
+/// There is one per process (gpclSetupManager), made and destroyed by main. The main thread calls bInitVM,
+/// bStart, MainLoop and the destructor; any endpoint's thread may call AddServeurList, RegisterServer and
+/// csGetHostInfo.
 class CSetupManager : public CServiceImp
 {
 public:
@@ -47,94 +38,96 @@ public:
 
     /// Loads the language runtime from the executable's directory; a failure is logged.
     bool bInitVM();
-    /// Builds the host information and opens the endpoints' sockets. Called again, it appends the information
-    /// again.
+    /// Builds the host information and opens the endpoints' sockets. A second call appends the information
+    /// once more.
     bool bInit();
 
+    /// Waits for Stop, then ends what bStart has started.
     void MainLoop() override;
     ILogger* pclGetLogger() override { return &m_clLogger; }
     bool bStart() override;
-    /// Async-signal-safe.
+    /// Begins the stop and wakes MainLoop. Async-signal-safe.
     void Stop() override;
-    /// Ends the endpoints and the monitor and waits for their threads; conversations go on. Does nothing to
-    /// what does not run.
+    /// Ends the endpoints and the monitor and waits for their threads; conversations go on. What does not run
+    /// is left alone.
     void __TermMainLoop();
     bool vbLogStartOK() override { return true; }
 
-    /// The service manager, for the command-line modes and the dialogs.
+    /// The service registry, for the command-line modes and the conversations.
     CServiceManager* pclGetServiceManager() { return &m_clServiceManager; }
     CRemoteVelmoManager& clGetRemote() { return m_clRemote; }
-    /// Takes the service lock. It serialises listings with registrations, not the commands on one server;
-    /// nobody who holds it takes the lock of a service (CServiceLocks). Throws std::system_error when the
-    /// stop ends the wait for it.
+    /// Takes the service lock, which serialises listings and registrations, not the commands on one server.
+    /// Whoever has it must not take the lock of a service (CServiceLocks): that may wait for a start that
+    /// hangs. Throws std::system_error when the stop ends the wait.
     CServiceGuard clLockServices() { return CServiceGuard(m_clServiceLock); }
 
-    /// Version, system, processor and memory; fields separated by tabs. Written once before any endpoint
-    /// runs.
+    /// Version, system, processor and memory, separated by tabs. Written once, before any endpoint runs, so
+    /// it needs no lock.
     const CTString& csGetHostInfo() const { return m_csHostInfo; }
     /// Appends a tab, the name, a tab and the access port for each server service. One list, made under the
-    /// service lock, serves all who wait for one. Throws when the stop ends it: half a list is no answer.
-    /// Throws, and logs it, when the services cannot be listed.
+    /// service lock, serves all who wait for one. Throws when the stop cuts the list short, and when the
+    /// services cannot be listed, which is logged: half a list is no answer.
     void AddServeurList(CTString* pcsReply);
-    /// The configuration file of the server with this executable.
+    /// Path of the configuration file of the server with this executable.
     static std::wstring s_csServersConfig(const std::wstring& csExecutable);
-    /// Access port of a server as its own configuration has it, whatever text that is; the default when it
-    /// does not say.
+    /// Access port of a server, exactly as its own configuration says it, even if that is no number; the
+    /// default when it does not.
     static std::wstring s_csAccessPort(CService& clService);
-    /// Makes sure that a service exists for this server's executable and runs. On refusal or failure the text
-    /// goes into pcsError and the log. A refusal installs and starts nothing; a service whose start fails
-    /// stays installed. Takes the locks of the services concerned, and within them, for all but the start,
-    /// the service lock. Throws std::system_error when the stop ends a wait.
-    void RegisterServer(const std::wstring& csName, const std::wstring& csBinaryPath, std::uint16_t wPort,
-                        CTString* pcsError);
+    /// Makes sure that a service exists for this server's executable and runs. The reason of a refusal or
+    /// failure goes into pcsError and the log. A refusal installs and starts nothing; a service whose start
+    /// fails stays installed, unless systemd refuses its unit. Takes the locks of the services concerned, and
+    /// within them, for all but the start, the service lock. Throws std::system_error when the stop ends a
+    /// wait.
+    void RegisterServer(STRegistration stServer, CTString* pcsError);
 
 private:
     void __StopMainLoop();
     /// A failure is logged.
-    bool __bStartPipe();
+    bool _bStartPipe();
     void _HInfoServeur();
     void _AddVIInfo();
     void _AddOSInfo();
     void _AddCPU_RAM_Info();
-    std::wstring __csMakeServeurList();
+    std::wstring _csMakeServeurList();
     void __AddServeurList(const CServiceGuard& clGuard, CService& clService, CTString* pcsReply);
-    [[noreturn]] static void __FailListing(int nError);
-    /// Message 4012 with all that the error tells below it, as one entry: of a failure that nobody else
+    [[noreturn]] static void _FailListing(int nError);
+    /// Logs message 4012 and, below it, all that the error says, as one entry: for a failure that nobody else
     /// reports.
     void _LogError(const CXError& clError);
-    /// A settings file that is not read.
+    /// Logs that a settings file is too large to be read.
     void _LogTooLarge(const std::wstring& csFile);
-    /// Text from outside, logged as it is.
+    /// Logs text from outside unchanged: a "%" in it is no insert.
     void _LogText(const std::wstring& csText);
 
-    /// What a service is to a server that registers.
+    /// What an existing service is to a server that registers.
     enum class EComparison
     {
-        OTHER,
+        OTHER,    ///< of no concern
         SAME,     ///< the server's own service
         CONFLICT, ///< it has the server's name or port
     };
     /// What a look at all services has found for a server that registers.
     struct STFound
     {
-        std::unique_ptr<CService> pclService;               ///< its own one; null: none
-        std::vector<std::unique_ptr<CService>> tOtherNames; ///< those that have its executable
+        std::unique_ptr<CService> pclService;               ///< the server's own; null: none
+        std::vector<std::unique_ptr<CService>> tOtherNames; ///< services of its executable under other names
         bool bRefused = false;                              ///< a conflict, or the services cannot be listed
+        bool bLogged = false; ///< the reason of the refusal is in the log already
     };
-    /// Of a refusal the text says why; it is logged.
-    STFound __stFindServer(const CServiceGuard& clGuard, const STRegistration& stServer, CTString* pcsError);
-    /// Looks for a service of the server's name that no listing holds: it is neither enabled nor running, and
-    /// would be overwritten.
-    void __FindUnlisted(const STRegistration& stServer, STFound* pstFound, CTString* pcsError);
-    static void __RefuseUnasked(int nError, STFound* pstFound, CTString* pcsError);
-    static EComparison __eCompare(CService& clService, const STRegistration& stServer, CTString* pcsError);
-    /// Finds or installs the server's service, with its names locked in the end. Null, and the text set, when
-    /// there is none.
-    std::unique_ptr<CService> __pclMakeService(const STRegistration& stServer, CServiceLocks::CHold* pclHold,
-                                               bool* pbInstalled, CTString* pcsError);
+    /// Compares the server with every service. The text gets the reason of a refusal.
+    STFound _stFindServer(const CServiceGuard& clGuard, const STRegistration& stServer, CTString* pcsError);
+    /// Looks for a service of the server's name that no listing shows, being neither enabled nor running: an
+    /// installation would overwrite it.
+    void _FindUnlisted(const STRegistration& stServer, STFound* pstFound, CTString* pcsError);
+    /// Refuses because the services could not be listed or asked.
+    static void _RefuseUnasked(int nError, STFound* pstFound, CTString* pcsError);
+    static EComparison _eCompare(CService& clService, const STRegistration& stServer, CTString* pcsError);
+    /// Finds or installs the server's service; the locks of its names are then the caller's. Null, with the
+    /// text set, on refusal or failure.
+    std::unique_ptr<CService> _pclMakeService(const STRegistration& stServer, CServiceLocks::CHold* pclHold,
+                                              bool* pbInstalled, CTString* pcsError);
     /// Null with errno set when it cannot be installed.
-    std::unique_ptr<CService> __pclInstallServer(const CServiceGuard& clGuard,
-                                                 const STRegistration& stServer);
+    std::unique_ptr<CService> _pclInstallServer(const CServiceGuard& clGuard, const STRegistration& stServer);
 
     CServiceManager m_clServiceManager;
     CRemoteVelmoManager m_clRemote;

@@ -7,47 +7,53 @@ std::wstring CSharedListing::xcsGet(const std::function<std::wstring()>& fnMake)
 {
     for (;;) {
         bool bMaker = false;
-        const CRound pRound = __pJoin(&bMaker);
+        const CRound pRound = _pJoin(&bMaker);
         if (bMaker) {
+            // Concluded in any case: those who wait for this text would otherwise wait for ever.
             try {
                 pRound->csText = fnMake();
             } catch (...) {
-                __Conclude(pRound, CStopping::bAsked() ? EState::LEFT : EState::FAILED);
+                _Conclude(pRound, CStopping::bAsked() ? EState::LEFT : EState::FAILED);
                 throw;
             }
-            __Conclude(pRound, EState::MADE);
+            _Conclude(pRound, EState::MADE);
         }
+
         if (pRound->eState == EState::MADE) {
             return pRound->csText;
         }
         if (pRound->eState == EState::FAILED) {
             throw std::system_error(EAGAIN, std::generic_category());
         }
+        // LEFT: its maker had to go, this thread may still go on, and joins the next round.
     }
 }
 
-CSharedListing::CRound CSharedListing::__pJoin(bool* pbMaker)
+CSharedListing::CRound CSharedListing::_pJoin(bool* pbMaker)
 {
     auto clLock = m_clWait.clLock();
     if (m_pNext == nullptr) {
         m_pNext = std::make_shared<STRound>();
     }
     CRound pRound = m_pNext;
+
+    // Done by somebody else, or mine to make: nobody is making one, and this is still the next one.
     const auto bMine = [&] { return pRound->eState == EState::WAITING && pRound == m_pNext && !m_bMaking; };
     if (!CStopWait::bWait(
             clLock, [&] { return pRound->eState != EState::WAITING || bMine(); },
             [] { return !CStopping::bMayGoOn(); })) {
         CStopping::xThrowStopped();
     }
+
     *pbMaker = bMine();
     if (*pbMaker) {
         m_bMaking = true;
-        m_pNext = nullptr; // whoever comes from now on gets the next one
+        m_pNext = nullptr; // whoever asks from now on gets a text that is begun after his question
     }
     return pRound;
 }
 
-void CSharedListing::__Conclude(const CRound& pRound, EState eState)
+void CSharedListing::_Conclude(const CRound& pRound, EState eState)
 {
     const auto clLock = m_clWait.clLock();
     pRound->eState = eState;

@@ -6,13 +6,14 @@
 #include <memory>
 #include <string>
 
-/// One text for all who ask for it at the same time. Whoever asks while it is being made gets the next one,
-/// which is made once for all of them: what somebody gets was never begun before the question.
+/// One text for all who ask for it at the same time. Whoever asks while a text is being made gets the next
+/// one, which is made once for all of them: nobody gets a text that was begun before the question.
 class CSharedListing
 {
 public:
-    /// fnMake is called by one of those who wait, with no lock held. Throws what it throws; whoever waited
-    /// for that one gets std::system_error. So does a waiter who may not go on any more.
+    /// The text that fnMake makes. One of those who wait calls it, with no lock held. What fnMake throws goes
+    /// to that caller; the others who wait for the same text get std::system_error, as does one who must not
+    /// go on because of the stop.
     std::wstring xcsGet(const std::function<std::wstring()>& fnMake);
 
 private:
@@ -21,7 +22,7 @@ private:
         WAITING,
         MADE,
         FAILED,
-        LEFT, ///< its maker had to go when the stop came: another may still make it
+        LEFT, ///< its maker had to go when the stop came; those who may go on make another
     };
     struct STRound
     {
@@ -30,11 +31,11 @@ private:
     };
     using CRound = std::shared_ptr<STRound>;
 
-    /// The round that the caller waits for, done, or his to make.
-    CRound __pJoin(bool* pbMaker);
-    void __Conclude(const CRound& pRound, EState eState);
+    /// Waits for the next round. It is done when this returns, or the caller's to make.
+    CRound _pJoin(bool* pbMaker);
+    void _Conclude(const CRound& pRound, EState eState);
 
-    CStopWait m_clWait;
-    bool m_bMaking = false;
-    CRound m_pNext; ///< of those who wait for one that is not begun; may be null
+    CStopWait m_clWait;     ///< of the members below, and of the rounds
+    bool m_bMaking = false; ///< somebody makes a text now
+    CRound m_pNext;         ///< the round that is not begun yet; null: nobody waits for one
 };

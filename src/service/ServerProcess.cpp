@@ -2,6 +2,7 @@
 
 #include "support/Conversion.h"
 #include "support/DiskFile.h"
+#include "support/ManagerNames.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -52,7 +53,7 @@ bool bIsServer(const std::string& csProcess, const std::string& csName, const st
         if (csArgument == csName) {
             return true;
         }
-        bAnyServers = bAnyServers || csArgument.starts_with("DXCS-");
+        bAnyServers = bAnyServers || csArgument.starts_with(g_szServerPrefixA);
     }
     return !bAnyServers && bRuns(csProcess, csProgram);
 }

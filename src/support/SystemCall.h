@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <sys/stat.h>
 
 /// System calls that are made in the same way everywhere.
 
@@ -21,6 +22,10 @@ auto nRetry(TCall Call)
     }
     return nResult;
 }
+
+/// What stat says of a file. The function of that name hides the structure's, so each use would need
+/// "struct" before it.
+using STFileStatus = struct stat;
 
 /// For the result of a call after whose failure there is nothing better than to go on; the place says why.
 /// Where the compiler does not insist, "(void)" says the same.

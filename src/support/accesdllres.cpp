@@ -1,9 +1,10 @@
 #include "support/accesdllres.h"
 
+#include "support/ManagerNames.h"
 #include "support/ResANSI.h"
 #include "support/WinApi.h"
 
-constinit const _stMyModuleInfo g_stMyModule = {L"VelmoManager", &bGetResAnsi602};
+constinit const _stMyModuleInfo g_stMyModule = {g_szManagerService, &bGetResAnsi602};
 
 bool DLLRES_bLoadString(const _stMyModuleInfo& stModule, unsigned int nId, CTString* pcsText)
 {

@@ -1,12 +1,15 @@
-// Reading settings when each allocation in turn finds no memory: the value or the default, and nothing
-// thrown.
+// Settings when each allocation in turn finds no memory. Reading: the value or the default; writing: an
+// error; nothing is thrown.
 
 #include "config/Config.h"
+#include "config/WinApi.h"
 #include "tools/FailingNew.h"
 #include "tools/TempDir.h"
 
+#include <cerrno>
 #include <functional>
 #include <gtest/gtest.h>
+#include <new>
 
 namespace {
 using CGetter = std::function<void(const CConfig&, wchar_t*)>;
@@ -63,5 +66,30 @@ TEST(OutOfMemory, AGetterGivesTheValueOrTheDefault)
             EXPECT_TRUE(szGot == std::wstring(szValue) || (!bValue && szGot == csDefault)) << nAllocations;
         }
         EXPECT_TRUE(bValue);
+    }
+}
+
+TEST(OutOfMemory, AWriteFailsAndThrowsNothing)
+{
+    const CTempDir clFolder;
+    const std::string csFile = clFolder.csWrite("long-enough-for-the-heap.ini", "");
+    const auto nWrite = [&] { return WritePrivateProfileStringA("s", "k", "v", csFile.c_str()); };
+    // Stops at the first allocation: the file in the home of whoever runs this is not for tests.
+    const auto nWriteHome = [] { return g_nAllocationsLeft == 0 ? WriteProfileString(L"s", L"k", L"v") : 1; };
+    for (const std::function<int()>& fnWrite : {std::function<int()>(nWrite), {nWriteHome}}) {
+        bool bDone = false;
+        for (int nAllocations = 0; nAllocations < 100 && !bDone; ++nAllocations) {
+            g_nAllocationsLeft = nAllocations;
+            errno = 0;
+            bool bThrown = false;
+            try {
+                bDone = fnWrite() != 0;
+            } catch (const std::bad_alloc&) {
+                bThrown = true;
+            }
+            g_nAllocationsLeft = -1; // what gtest says takes memory, too
+            EXPECT_TRUE(!bThrown && (bDone || errno == ENOMEM)) << nAllocations;
+        }
+        EXPECT_TRUE(bDone);
     }
 }

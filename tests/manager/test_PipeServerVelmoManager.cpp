@@ -1,5 +1,6 @@
 // Registration of servers through the pipe, against a scripted systemctl that keeps its units.
 
+#include "../main/SystemLog.h"
 #include "manager/SetupManager.h"
 #include "tools/Command.h"
 #include "tools/PipeClient.h"
@@ -140,6 +141,17 @@ TEST_F(Registration, AServerIsRecognisedOrRefusedOrGetsItsOwnUnit)
         EXPECT_EQ(csStates(), *st.pszStarted == 0 ? "" : st.pszStarted + std::string(".state\n"));
         EXPECT_TRUE(csReply.empty() || csUnits() == csBefore) << "a refusal changes nothing";
     }
+}
+
+TEST_F(Registration, ARefusalIsLoggedOnceAlsoWhenTheProgramHasAnotherName)
+{
+    REQUIRE_PRIVATE_DEVICES();
+    const CSystemLog clLog;
+    AddUnit("DXCS-a", csAddProgram("A", 4901));
+    AddUnit("DXCS-b", csAddProgram("B", 4902));
+    EXPECT_THAT(csRegister(1, "n", "/tmp/A/srv", 4902), HasSubstr("port 4902"));
+    EXPECT_THAT(clLog.csNext(), HasSubstr("port 4902"));
+    EXPECT_TRUE(clLog.bSilent());
 }
 
 TEST_F(Registration, NothingIsWrittenWhenTheServicesCannotBeListed)

@@ -1,5 +1,7 @@
 #include "velmoctl/Local.h"
 
+#include "manager/ReplyCodes.h"
+#include "support/ManagerNames.h"
 #include "velmoctl/Conversation.h"
 #include "velmoctl/Interfaces.h"
 #include "velmoctl/Replies.h"
@@ -14,8 +16,6 @@ namespace fs = std::filesystem;
 
 namespace {
 constexpr Milliseconds s_clQuestion(5000);
-constexpr const char* s_pszDefaultServer = "dxsql"; // the one server whose unit may have no "DXCS-" prefix
-constexpr std::uint16_t s_wManagerPort = 4999;
 
 bool bSystemd()
 {
@@ -121,7 +121,7 @@ struct STShown
 STShown stShowOne(const std::string& csServer)
 {
     for (const std::string& cs : {csUnit(csServer), csServer + ".service"}) {
-        if (cs != csUnit(csServer) && csServer != s_pszDefaultServer) {
+        if (cs != csUnit(csServer) && csServer != g_szDefaultServerA) { // whose service may have no prefix
             break;
         }
         const std::vector<std::string> tBlock = tShow({cs});
@@ -188,7 +188,7 @@ void AskScripts(const std::vector<std::string>& tServers, std::map<std::string, 
 
 bool bThisMachine(const STHost& stHost)
 {
-    if (stHost.wPort != s_wManagerPort) {
+    if (stHost.wPort != g_wManagerPort) {
         return false;
     }
     const std::string& cs = stHost.csAddress;
@@ -249,7 +249,7 @@ void ControlService(const std::string& csAction, const std::string& csServer, Mi
     const std::string csService =
         !bKnown ? "" : (bSystemd() ? stShowOne(csServer).csUnit : csScript(csServer));
     if (csService.empty()) {
-        throw CFailure(EExit::REFUSED, csRefusalWords({g_nServerUnknown, ""}, {"", csServer}));
+        throw CFailure(EExit::REFUSED, csRefusalWords({ERREUR_SERVICE_INCONNU, ""}, {"", csServer}));
     }
 
     const STToolResult st =

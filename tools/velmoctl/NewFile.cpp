@@ -1,6 +1,7 @@
 #include "velmoctl/NewFile.h"
 
 #include "support/Descripteur.h"
+#include "support/SystemCall.h"
 #include "velmoctl/Failure.h"
 #include "velmoctl/Options.h"
 
@@ -11,8 +12,6 @@
 #include <unistd.h>
 
 namespace {
-using STStat = struct stat; // the name alone is the call
-
 bool bWriteAll(int nFd, const std::string& csText)
 {
     for (std::size_t nDone = 0; nDone < csText.size();) {
@@ -29,7 +28,7 @@ bool bWriteAll(int nFd, const std::string& csText)
 void ReplaceFile(const std::string& csPath, const std::string& csText)
 {
     // root's rename would put a file in the place of /dev/null or of a FIFO that somebody reads.
-    STStat stOld{};
+    STFileStatus stOld{};
     if (::stat(csPath.c_str(), &stOld) == 0 && !S_ISREG(stOld.st_mode)) {
         throw CFailure(EExit::REFUSED,
                        csArgument(csPath) + " could not be written: it is not a regular file");

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "support/ManagerNames.h"
 #include "velmoctl/Waiting.h"
 
 #include <cstdint>
@@ -16,10 +17,10 @@ struct STOptions
 {
     std::vector<std::string> tHosts; ///< lists of machines, as given; nothing at all: this machine
     std::string csHostsFile;
-    std::vector<std::string> tGroups; ///< of the hosts file
-    std::uint16_t wPort = 4999;       ///< the manager's is fixed; another one is for tunnels and tests
-    double dTimeout = 0;              ///< seconds; 0: the command's own
-    unsigned int nJobs = 16;          ///< conversations at once, in all
+    std::vector<std::string> tGroups;     ///< of the hosts file
+    std::uint16_t wPort = g_wManagerPort; ///< the manager's is fixed; another one is for tunnels and tests
+    double dTimeout = 0;                  ///< seconds; 0: the command's own
+    unsigned int nJobs = 16;              ///< conversations at once, in all
     bool bJson = false;
     bool bNoColor = false;
     bool bVersion = false;

@@ -1,6 +1,7 @@
 #include "velmoctl/Prompt.h"
 
 #include "support/Conversion.h"
+#include "support/SystemCall.h"
 #include "velmoctl/Failure.h"
 #include "velmoctl/Options.h"
 #include "velmoctl/Replies.h"
@@ -19,8 +20,6 @@
 #include <unistd.h>
 
 namespace {
-using STStat = struct stat; // the name alone is the call
-
 constexpr std::size_t s_nMaxLine = 65536;
 constexpr int s_nHistory = 1000;
 
@@ -40,7 +39,7 @@ struct STEndHistory
 /// With sudo the home may be another user's, whose links could lead root's writes anywhere.
 bool bOwn(const std::filesystem::path& clFolder)
 {
-    STStat st{};
+    STFileStatus st{};
     return ::stat(clFolder.c_str(), &st) == 0 && st.st_uid == ::geteuid();
 }
 

@@ -2,7 +2,10 @@
 
 #include "config/Settings.h"
 #include "config/WinApi.h"
+#include "manager/PipeRecords.h"
 #include "support/Conversion.h"
+#include "support/ManagerNames.h"
+#include "support/SystemCall.h"
 #include "velmoctl/Json.h"
 #include "velmoctl/Query.h"
 #include "velmoctl/Terminal.h"
@@ -17,17 +20,6 @@
 #include <sys/stat.h>
 
 namespace {
-using STStat = struct stat; // the name alone is the call
-
-constexpr const char* s_pszManagerPipe = "/tmp/__pipe_velmomanager__";
-
-/// Request with UTF-16 texts, and reply, as they lie in the pipes (little-endian).
-constexpr std::int32_t s_nFormUTF16 = 1;
-constexpr std::size_t s_nForm = 4, s_nPort = 8, s_nName = 10, s_nPath = 268, s_nRequest = 792;
-constexpr std::size_t s_nNameBytes = 256, s_nPathBytes = 522; // of text; the rest of a field is its NUL
-constexpr std::size_t s_nReplyText = 500, s_nReply = 501;
-using CRequest = std::array<char, s_nRequest>;
-
 /// The FIFO for one reply, with a number that no other process uses. Removed with the object.
 class CReplyPipe
 {
@@ -54,11 +46,11 @@ public:
             throw CFailure(EExit::UNREACHABLE,
                            "the manager did not answer in time; it may still register the server");
         }
-        std::array<char, s_nReply> tReply{};
-        if (::read(m_clPipe.nFd(), tReply.data(), tReply.size()) != static_cast<ssize_t>(tReply.size())) {
+        stRET stReply{};
+        if (::read(m_clPipe.nFd(), &stReply, sizeof stReply) != sizeof stReply) {
             throw CFailure(EExit::NONSENSE, "the manager's reply is incomplete");
         }
-        return {tReply.data(), ::strnlen(tReply.data(), s_nReplyText)};
+        return {stReply.szText.data(), ::strnlen(stReply.szText.data(), stReply.szText.size())};
     }
 
 private:
@@ -66,7 +58,7 @@ private:
 
     static std::string s_csName(std::int32_t nNumber)
     {
-        return "/tmp/__pipe_velmomanager_" + std::to_string(nNumber);
+        return g_szReplyPipePrefix + std::to_string(nNumber);
     }
     /// Makes the FIFO and returns its number: the PID of this process. When a dead process left a FIFO of
     /// that number, takes a number beyond every PID (the kernel's limit is 2^22).
@@ -91,7 +83,7 @@ private:
 /// starts. Anybody may put something else at this path in /tmp, so it must be a FIFO and no link.
 CDescripteur clOpenManagerPipe()
 {
-    CDescripteur clPipe(::open(s_pszManagerPipe, O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW));
+    CDescripteur clPipe(::open(g_szManagerPipe, O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW));
     if (!clPipe.bOpen() && (errno == ENOENT || errno == ENXIO)) {
         throw CFailure(EExit::UNREACHABLE, "no manager runs on this machine");
     }
@@ -99,18 +91,18 @@ CDescripteur clOpenManagerPipe()
         throw clSystemFailure(EExit::REFUSED, "the manager's pipe cannot be opened (only root can register)");
     }
 
-    STStat st{};
+    STFileStatus st{};
     if (::fstat(clPipe.nFd(), &st) != 0 || !S_ISFIFO(st.st_mode)) {
-        throw CFailure(EExit::NONSENSE, std::string(s_pszManagerPipe) + " is not the manager's pipe");
+        throw CFailure(EExit::NONSENSE, std::string(g_szManagerPipe) + " is not the manager's pipe");
     }
 
     return clPipe;
 }
 
 /// Writes the request in one piece: it is smaller than PIPE_BUF, so the kernel does not mix it with others.
-void Write(const CDescripteur& clPipe, const CRequest& tRequest, const CDeadline& clDeadline)
+void Write(const CDescripteur& clPipe, const stSEND& stRequest, const CDeadline& clDeadline)
 {
-    while (::write(clPipe.nFd(), tRequest.data(), tRequest.size()) < 0) {
+    while (::write(clPipe.nFd(), &stRequest, sizeof stRequest) < 0) {
         if (errno != EAGAIN) {
             throw clSystemFailure(EExit::UNREACHABLE, "the manager does not take the request");
         }
@@ -120,16 +112,18 @@ void Write(const CDescripteur& clPipe, const CRequest& tRequest, const CDeadline
     }
 }
 
-/// Puts a text into its field of the request, in UTF-16. Throws CFailure (USAGE) when it does not fit.
-void PutText(const std::string& csText, std::size_t nOffset, std::size_t nMax, const char* pszWhat,
-             CRequest* ptRequest)
+/// Puts a text into its field of the request, in UTF-16, whose last character stays NUL. Throws CFailure
+/// (USAGE) when it does not fit.
+template <std::size_t nSize>
+void PutText(const std::string& csText, const char* pszWhat, std::array<char16_t, nSize>* pszField)
 {
-    const std::string csUnits = csToUTF16(csFromUTF8(csText));
-    if (csText.empty() || csUnits.size() > nMax) {
+    constexpr std::size_t nMax = nSize - 1;
+    const std::string csBytes = csToUTF16(csFromUTF8(csText));
+    if (csText.empty() || csBytes.size() > nMax * sizeof(char16_t)) {
         throw CFailure(EExit::USAGE,
-                       std::string(pszWhat) + " must have 1 to " + std::to_string(nMax / 2) + " characters");
+                       std::string(pszWhat) + " must have 1 to " + std::to_string(nMax) + " characters");
     }
-    csUnits.copy(&(*ptRequest)[nOffset], csUnits.size());
+    std::memcpy(pszField->data(), csBytes.data(), csBytes.size());
 }
 
 /// The absolute path of a program: the manager runs in another folder.
@@ -157,7 +151,7 @@ std::string csServerWithPort(std::uint16_t wPort, const std::string& csName)
 {
     constexpr Milliseconds clMoment(2000);
     try {
-        CConversation clManager({"", "", 4999}, clMoment);
+        CConversation clManager({"", "", g_wManagerPort}, clMoment);
         for (const STServer& st : tAskFor(&clManager, {"INFO"}, "", stReadInfo).tServers) {
             if (st.csPort == std::to_string(wPort) && st.csName != csName) {
                 return st.csName;
@@ -201,28 +195,31 @@ void Warn(const std::string& csName, const std::string& csGiven, const std::stri
     }
 }
 
-/// The bytes of one request, all but the number of the reply FIFO. Throws CFailure (USAGE).
-CRequest tRequestFor(const std::string& csName, const std::string& csPath, std::uint16_t wPort)
+/// The request for one registration, without the number of the reply's FIFO. Throws CFailure (USAGE).
+stSEND stRequestFor(const std::string& csName, const std::string& csPath, std::uint16_t wPort)
 {
-    CRequest tRequest{};
-    PutText(csName, s_nName, s_nNameBytes, "the name", &tRequest);
-    PutText(csPath, s_nPath, s_nPathBytes, "the program's path", &tRequest);
-    std::memcpy(&tRequest[s_nForm], &s_nFormUTF16, sizeof s_nFormUTF16);
-    std::memcpy(&tRequest[s_nPort], &wPort, sizeof wPort);
-    return tRequest;
+    STSendUTF16 stContent{};
+    PutText(csName, "the name", &stContent.szName);
+    PutText(csPath, "the program's path", &stContent.szPath);
+    stContent.wPort = wPort;
+
+    stSEND stRequest{};
+    stRequest.nForm = PIPE_FORM_UTF16;
+    static_assert(sizeof stRequest.tContent == sizeof stContent);
+    std::memcpy(stRequest.tContent.data(), &stContent, sizeof stContent);
+    return stRequest;
 }
 
 /// The manager's answer: empty when all is well.
-std::string csAskManager(CRequest tRequest, Milliseconds clTime)
+std::string csAskManager(stSEND stRequest, Milliseconds clTime)
 {
     const CDescripteur clManager = clOpenManagerPipe();
     const CReplyPipe clReply;
-    const std::int32_t nNumber = clReply.nNumber();
-    std::memcpy(&tRequest[0], &nNumber, sizeof nNumber);
+    stRequest.nReply = clReply.nNumber();
 
     CProgress clProgress("registering...");
     const CDeadline clDeadline(clTime);
-    Write(clManager, tRequest, clDeadline);
+    Write(clManager, stRequest, clDeadline);
     return clReply.csReply(clDeadline);
 }
 } // namespace
@@ -236,10 +233,10 @@ EExit eRegister(const STCall& stCall)
     const std::string csName = csArgument(stCall.tArguments[0]);
     const std::string csPath = csProgram(stCall.tArguments[1]);
     const std::uint16_t wPort = wReadPort(stCall.tArguments[2]);
-    const CRequest tRequest = tRequestFor(csName, csPath, wPort);
+    const stSEND stRequest = stRequestFor(csName, csPath, wPort);
     Warn(csName, stCall.tArguments[1], csPath, wPort);
 
-    if (const std::string csReply = csAskManager(tRequest, stCall.clTimeout); !csReply.empty()) {
+    if (const std::string csReply = csAskManager(stRequest, stCall.clTimeout); !csReply.empty()) {
         throw CFailure(EExit::REFUSED, "the manager answers: " + csReply);
     }
 

@@ -1,12 +1,13 @@
 #include "velmoctl/Replies.h"
 
+#include "manager/ReplyCodes.h"
+#include "support/ManagerNames.h"
+
 #include <algorithm>
 #include <charconv>
 #include <iterator>
 
 namespace {
-/// The service without the usual prefix. Managers list it with an empty name, but answer to this one.
-constexpr const char* s_pszDefaultServer = "dxsql";
 constexpr std::size_t s_nHostFields = 5;
 
 /// Fields between tabs; empty ones count.
@@ -25,8 +26,9 @@ bool bDigits(const std::string& cs)
     return !cs.empty() && cs.find_first_not_of("0123456789") == std::string::npos;
 }
 
-/// Names and ports alternately. An odd number of fields means that a name contains tabs: then a name goes on
-/// until a number follows.
+/// Names and ports alternately. The manager drops five characters of every name, which leaves nothing of the
+/// default server's: an empty name is the default server, and it is asked for by its whole name. An odd
+/// number of fields means that a name contains tabs: then a name goes on until a number follows.
 std::vector<STServer> tReadServers(const std::vector<std::string>& tFields, std::size_t nFirst)
 {
     const bool bPairs = (tFields.size() - nFirst) % 2 == 0;
@@ -36,7 +38,7 @@ std::vector<STServer> tReadServers(const std::vector<std::string>& tFields, std:
         for (; !bPairs && n + 2 < tFields.size() && !bDigits(tFields[n + 1]); ++n) {
             csName += " " + tFields[n + 1];
         }
-        tServers.push_back({csName.empty() ? s_pszDefaultServer : csName, tFields[n + 1]});
+        tServers.push_back({csName.empty() ? g_szDefaultServerA : csName, tFields[n + 1]});
     }
     return tServers;
 }
@@ -75,15 +77,16 @@ struct STCode
     ECure eCure;
 };
 constexpr STCode s_tCodes[] = {
-    {"there is no server ", "", g_nServerUnknown, false, ECure::LIST},
-    {"the server ", " could not be started", 2, true, ECure::SERVICE},
-    {"the server ", " could not be stopped, so nothing was removed", 3, true, ECure::SERVICE},
-    {"the state of the server ", " could not be read", 4, true, ECure::SERVICE},
-    {" does not know this question", nullptr, 8, false, ECure::UPGRADE},
-    {"there is no server ", " that can be uninstalled", 11, false, ECure::LIST},
-    {"the files of the server ", " are deleted, its service is stopped but still registered", 12, false,
-     ECure::AGAIN},
-    {"the server ", " is stopped, but its service could not be removed", 13, true, ECure::SERVICE},
+    {"there is no server ", "", ERREUR_SERVICE_INCONNU, false, ECure::LIST},
+    {"the server ", " could not be started", ERREUR_START, true, ECure::SERVICE},
+    {"the server ", " could not be stopped, so nothing was removed", ERREUR_STOP, true, ECure::SERVICE},
+    {"the state of the server ", " could not be read", ERREUR_STATUS, true, ECure::SERVICE},
+    {" does not know this question", nullptr, ERREUR_COMMANDE_INCONNUE, false, ECure::UPGRADE},
+    {"there is no server ", " that can be uninstalled", ERREUR_UNINSTALL_INCONNU, false, ECure::LIST},
+    {"the files of the server ", " are deleted, its service is stopped but still registered",
+     ERREUR_UNINSTALL_FICHIERS, false, ECure::AGAIN},
+    {"the server ", " is stopped, but its service could not be removed", ERREUR_UNINSTALL_SERVICE, true,
+     ECure::SERVICE},
 };
 
 std::string csCure(ECure eCure, const STAsked& st)
@@ -176,13 +179,13 @@ std::string csRefusalWords(const STRefusal& stRefusal, const STAsked& stAsked)
         csWords += " (" + stRefusal.csText + ")";
     }
 
-    csWords += stRefusal.nCode == g_nServerUnknown ? stAsked.pszUnknownHint : "";
+    csWords += stRefusal.nCode == ERREUR_SERVICE_INCONNU ? stAsked.pszUnknownHint : "";
     return csWords + (bKnown ? csCure(pst->eCure, stAsked) : "");
 }
 
 std::string csUnitName(const std::string& csServer)
 {
-    std::string csUnit = "DXCS-" + csServer;
+    std::string csUnit = g_szServerPrefixA + csServer;
     std::ranges::replace(csUnit, ' ', '_'); // as the manager names the unit when it registers a server
     return csUnit;
 }

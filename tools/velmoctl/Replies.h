@@ -33,9 +33,6 @@ struct STRefusal
     std::string csText;
 };
 
-/// The code for a server that does not exist, or of which something is missing.
-inline constexpr unsigned int g_nServerUnknown = 1;
-
 std::optional<STRefusal> stReadRefusal(std::string_view csLine);
 std::optional<STInfo> stReadInfo(std::string_view csLine);
 /// The state as one lower-case word.
