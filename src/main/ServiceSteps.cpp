@@ -1,3 +1,5 @@
+// The steps of a service's life: identity, start, termination.
+
 #include "main/ServiceSteps.h"
 
 #include "main/Logger.h"
@@ -115,6 +117,7 @@ void CTermHeld::Ignore()
     Deliver();
 }
 
+// The insert's "%" are doubled because the finished text becomes syslog's format.
 void LogMessage(unsigned int nMessage, const std::wstring& csInsert)
 {
     CTString csText;

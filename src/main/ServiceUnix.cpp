@@ -1,3 +1,5 @@
+// Chooses between the ways to run the service, and has the simplest of them.
+
 #include "main/ServiceUnix.h"
 
 #include "main/Daemonise.h"
