@@ -1,4 +1,4 @@
-// The SysV half of CService.
+// The SysV half of CService: drives the service's init script, and reads what it says about itself.
 
 #include "service/AServiceUnix.h"
 #include "service/InitScript.h"
@@ -14,40 +14,40 @@
 #include <sys/wait.h>
 
 namespace {
-constexpr std::size_t s_nMaxScript = 1U << 20;
+constexpr std::size_t s_nMaxScript = 1U << 20; ///< bytes; a larger file is no script
 
-/// A status query that takes longer has failed; without a limit, one hanging script would hold its caller for
-/// ever, and whoever waits for the service lock.
+/// Limit of a status query. Without one a script that hangs would hold its caller for ever, and with it
+/// everyone who waits for the service lock.
 constexpr unsigned int s_nStatusLimitMs = 20'000;
 
-/// Whether there is no file of a name; none can have a name that is too long.
+/// Whether the error means that no such file exists; none can have a name that is too long.
 bool bIsAbsent(int nErrno)
 {
     return nErrno == ENOENT || nErrno == ENOTDIR || nErrno == ELOOP || nErrno == ENAMETOOLONG;
 }
 
-/// Whether a file that could not be read is something else than a script, now and at the next try.
+/// Whether the error means that the file is something else than a script, so that another try is useless.
 bool bIsNoScript(int nErrno)
 {
     return nErrno == EISDIR || nErrno == EINVAL || nErrno == EFBIG || nErrno == ENXIO;
 }
 
-/// What a shell says with its exit code, as the error that a reply can tell.
+/// The errno whose text a reply shows for a shell's exit code.
 int nErrnoOfShell(int nExitCode)
 {
     switch (nExitCode) {
     case 126:
-        return EACCES;
+        return EACCES; // found, but cannot be executed
     case 127:
-        return ENOENT;
+        return ENOENT; // not found
     default:
         return ECANCELED;
     }
 }
 } // namespace
 
-bool CService::__bScriptCommand(const wchar_t* pszVerb, const wchar_t* pszArguments,
-                                const wchar_t* pszRedirection)
+bool CService::_bScriptCommand(const wchar_t* pszVerb, const wchar_t* pszArguments,
+                               const wchar_t* pszRedirection)
 {
     const std::wstring csArguments(pszArguments != nullptr ? pszArguments : L"");
     const std::wstring csPath = csScriptPath(m_clName.csText());
@@ -58,9 +58,12 @@ bool CService::__bScriptCommand(const wchar_t* pszVerb, const wchar_t* pszArgume
         errno = EINVAL;
         return false;
     }
-    // Name and arguments are inert, so the line needs no quoting; it is the shell that redirects.
+
+    // Name and arguments are inert, so the line needs no quoting. The shell is there for the redirection.
     const int nStatus = nShell(csToUTF8(csPath + L" " + pszVerb + (csArguments.empty() ? L"" : L" ") +
                                         csArguments + L" " + pszRedirection));
+
+    // Only the exit code counts: of a shell that a signal ended it is 0, and clients rely on that success.
     const int nExitCode = nStatus == -1 ? -1 : WEXITSTATUS(nStatus);
     if (nStatus != -1 && nExitCode != 0) {
         errno = nErrnoOfShell(nExitCode);
@@ -68,7 +71,7 @@ bool CService::__bScriptCommand(const wchar_t* pszVerb, const wchar_t* pszArgume
     return nExitCode == 0;
 }
 
-EServiceStatus CService::__eGetStatusByPidFile()
+EServiceStatus CService::_eGetStatusByPidFile()
 {
     switch (eReadPidFile(m_clName.csText(), csGetExecutable())) {
     case EPidFile::SERVER:
@@ -80,20 +83,22 @@ EServiceStatus CService::__eGetStatusByPidFile()
     }
 }
 
-EServiceStatus CService::__eGetStatusSysV()
+EServiceStatus CService::_eGetStatusSysV()
 {
-    CLanceProcessus clScript;
-    unsigned int nExitCode = 0;
     const std::wstring csPath = csScriptPath(m_clName.csText());
     if (CServiceManager::ms_eDistri == DISTRI_SLACKWARE) { // its script has no "status"
-        return csPath.empty() || !CDiskFile::bExists(csPath) ? STATUS_UNKNOWN : __eGetStatusByPidFile();
+        return csPath.empty() || !CDiskFile::bExists(csPath) ? STATUS_UNKNOWN : _eGetStatusByPidFile();
     }
-    // By the launcher and not by the shell: only it can give a hanging script up.
+
+    // Through the launcher and not the shell: only the launcher can give up a script that hangs.
+    CLanceProcessus clScript;
+    unsigned int nExitCode = 0;
     if (csPath.empty() || !clScript.bLanceProcessus(csPath.c_str(), L"status", nullptr) ||
         !clScript.bAttendFinExecution(&nExitCode, s_nStatusLimitMs)) {
         return STATUS_UNKNOWN;
     }
-    switch (nExitCode) {
+
+    switch (nExitCode) { // as init scripts have it: 1 is dead although a PID file is left
     case 0:
         return STATUS_RUNNING;
     case 1:
@@ -103,17 +108,20 @@ EServiceStatus CService::__eGetStatusSysV()
     }
 }
 
-bool CService::__bRemoveSysV()
+bool CService::_bRemoveSysV()
 {
     const STSysVFamily* const pstFamily = pstFindFamily(CServiceManager::ms_eDistri);
     if (pstFamily == nullptr) {
-        return errno == ENOENT; // nothing to do on a machine of no known family
+        return errno == ENOENT; // no known family, nothing to do; clients rely on an earlier errno deciding
     }
+
     if (!bInertName(m_clName.csText())) {
         errno = ENOENT;
         return false;
     }
-    return __bStopForRemoval() && bEndStrayProcesses(csGetExecutable(), m_clName.csText()) &&
+
+    // The script goes last: without it nobody could stop what still runs.
+    return _bStopForRemoval() && bEndStrayProcesses(csGetExecutable(), m_clName.csText()) &&
            pstFamily->pfnRemove(*pstFamily, m_clName.csText());
 }
 
@@ -126,8 +134,9 @@ bool CService::bReadScript()
     }
     if (!CDiskFile::bReadFile(csPath, &csScript, s_nMaxScript)) {
         errno = bIsAbsent(errno) ? ENOENT : errno;
-        return bIsNoScript(errno);
+        return bIsNoScript(errno); // then the service exists and says nothing about itself
     }
+
     if (const STMarker st = stProgramInScript(csScript); st.csValue) {
         m_csBinaryPath = csFromUTF8(*st.csValue);
     }
@@ -139,18 +148,19 @@ bool CService::bReadScript()
     return true;
 }
 
-const wchar_t* CService::__pszDisplayNameFromScript()
+const wchar_t* CService::_pszDisplayNameFromScript()
 {
     std::string csScript;
     const std::wstring csPath = csScriptPath(m_clName.csText());
     if (csPath.empty() || !CDiskFile::bReadFile(csPath, &csScript, s_nMaxScript)) {
         return nullptr;
     }
+
     const STMarker stName = stDisplayNameInScript(csScript);
     if (!stName.bFound) {
         return pszGetName();
     }
-    if (!stName.csValue) {
+    if (!stName.csValue) { // the value is longer than its reader's buffer, or has no closing quote
         errno = EINVAL;
         return nullptr;
     }
