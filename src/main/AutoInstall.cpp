@@ -58,12 +58,14 @@ CServicePtr pclProvide(int nStyle, CServiceManager* pclManager)
         return nullptr;
     }
 
+    // After any other error one may be registered, so nothing may be overwritten.
     CServicePtr pclService = pclManagerService(pclManager);
-    if (pclService == nullptr && errno != ENOENT) { // one may be registered, so nothing may be overwritten
+    if (pclService == nullptr && errno != ENOENT) {
         ShowErrorIDSError_Service(nStyle, MSG_CANNOT_REGISTER);
         return nullptr;
     }
 
+    // Best effort: when the older one cannot be removed, registering this one overwrites it or fails.
     if (pclService != nullptr && bOlderThanThis(*pclService)) {
         std::ignore = pclService->bStop();
         std::ignore = pclService->bRemove();

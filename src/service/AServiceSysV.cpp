@@ -86,7 +86,8 @@ EServiceStatus CService::_eGetStatusByPidFile()
 EServiceStatus CService::_eGetStatusSysV()
 {
     const std::wstring csPath = csScriptPath(m_clName.csText());
-    if (CServiceManager::ms_eDistri == DISTRI_SLACKWARE) { // its script has no "status"
+    if (CServiceManager::ms_eDistri == DISTRI_SLACKWARE) {
+        // Its scripts have no "status": the PID file must do.
         return csPath.empty() || !CDiskFile::bExists(csPath) ? STATUS_UNKNOWN : _eGetStatusByPidFile();
     }
 
@@ -98,7 +99,8 @@ EServiceStatus CService::_eGetStatusSysV()
         return STATUS_UNKNOWN;
     }
 
-    switch (nExitCode) { // as init scripts have it: 1 is dead although a PID file is left
+    // The convention of init scripts: 0 is running, 1 is dead with a PID file left behind, 3 is stopped.
+    switch (nExitCode) {
     case 0:
         return STATUS_RUNNING;
     case 1:
@@ -112,7 +114,8 @@ bool CService::_bRemoveSysV()
 {
     const STSysVFamily* const pstFamily = pstFindFamily(CServiceManager::ms_eDistri);
     if (pstFamily == nullptr) {
-        return errno == ENOENT; // no known family, nothing to do; clients rely on an earlier errno deciding
+        // No known family, so there is nothing to do. That an earlier errno decides is what clients rely on.
+        return errno == ENOENT;
     }
 
     if (!bInertName(m_clName.csText())) {
@@ -133,14 +136,17 @@ bool CService::bReadScript()
         return false;
     }
     if (!CDiskFile::bReadFile(csPath, &csScript, s_nMaxScript)) {
+        // What is no script counts as a service that says nothing about itself.
         errno = bIsAbsent(errno) ? ENOENT : errno;
-        return bIsNoScript(errno); // then the service exists and says nothing about itself
+        return bIsNoScript(errno);
     }
 
     if (const STMarker st = stProgramInScript(csScript); st.csValue) {
         m_csBinaryPath = csFromUTF8(*st.csValue);
     }
-    if (!m_csDisplayName && !CServiceManager::bSystemd()) { // a unit has a description of its own
+
+    // Under systemd the name comes from the unit that was generated for the script.
+    if (!m_csDisplayName && !CServiceManager::bSystemd()) {
         if (const STMarker st = stDisplayNameInScript(csScript); st.csValue) {
             m_csDisplayName = csFromUTF8(*st.csValue);
         }
@@ -160,10 +166,12 @@ const wchar_t* CService::_pszDisplayNameFromScript()
     if (!stName.bFound) {
         return pszGetName();
     }
-    if (!stName.csValue) { // the value is longer than its reader's buffer, or has no closing quote
+    if (!stName.csValue) {
+        // The value has no closing quote, or is too long for its reader.
         errno = EINVAL;
         return nullptr;
     }
+
     m_csDisplayName = csFromUTF8(*stName.csValue);
     return m_csDisplayName->c_str();
 }

@@ -18,6 +18,7 @@ constexpr std::size_t s_nMaxServiceFile = 1U << 20; ///< bytes; a larger file is
 
 EServiceStatus CService::_eGetStatusSystemd()
 {
+    // systemd's words. A service that reloads still serves.
     struct STState
     {
         const wchar_t* pszActiveState;
@@ -71,7 +72,8 @@ bool CService::_bRemoveSystemd()
     const auto csFragment = m_pclManager->csAskSystemdProp("FragmentPath", m_clName);
     const auto csSource = csFragment ? m_pclManager->csAskSystemdProp("SourcePath", m_clName) : std::nullopt;
     if (!csFragment || !csSource) {
-        return false; // the service's files are not known; a service that is removed by half comes back
+        // The service's files are not known. A service that is removed by half comes back.
+        return false;
     }
 
     // Before anything is deleted: while the service is enabled or runs, its unit is needed.

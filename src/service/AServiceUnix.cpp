@@ -132,7 +132,8 @@ bool CService::bActive()
 
 bool CService::_bStopForRemoval()
 {
-    constexpr int nAttempts = 3; // somebody else may start the service between the stop and the look
+    // Somebody else may start the service between the stop and the look.
+    constexpr int nAttempts = 3;
 
     for (int n = 0; n < nAttempts; ++n) {
         // Under systemd stop at once, even what does not run: that cancels an automatic restart that is due.

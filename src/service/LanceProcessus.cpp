@@ -23,8 +23,9 @@ namespace {
 constexpr int s_nMaxArguments = 50; ///< the program included
 /// Bytes that the output pipe holds: a child that prints no more never waits for its pausing reader.
 constexpr std::size_t s_nOutputRoom = std::size_t{1} << 20;
-constexpr std::size_t s_nBlock = 1024; ///< bytes of one read
-constexpr long s_nGoOnMs = 50;         ///< within which a child that waited for room in its pipe writes again
+/// Bytes of one read; they lie on the stack, of which a worker thread has 64 KiB.
+constexpr std::size_t s_nBlock = 1024;
+constexpr long s_nGoOnMs = 50; ///< within which a child that waited for room in its pipe writes again
 
 /// Appends; a large text gets its whole room at once instead of growing by doubling: while it moves, both
 /// copies are in memory.
@@ -70,6 +71,7 @@ int nSplitArguments(char* psz, char** ppszArguments, int nMax) noexcept
             ++psz;
         }
 
+        // The separator after the word becomes its terminator. A quote without a partner runs to the end.
         ppszArguments[nCount++] = psz;
         while (*psz != '\0' && *psz != cEnd) {
             ++psz;

@@ -44,7 +44,8 @@ void CServiceLocks::CHold::Release()
         return;
     }
 
-    const int nErrno = errno; // of what the caller did while it held the names
+    // Kept for the caller, who may be about to report why its work with the names failed.
+    const int nErrno = errno;
     const auto clLock = m_pclLocks->m_clWait.clLock();
     for (auto& [csName, pstName] : m_tNames) {
         pstName->bHeld = false;
@@ -162,7 +163,8 @@ CServiceLocks::CHold CServiceLocks::clTakeToRemove(const std::wstring& csName,
     }
     --pstName->nRemovals;
 
-    if (pstName->bHeld) { // the daemon is to stop
+    if (pstName->bHeld) {
+        // The daemon is to stop: leave without the name.
         clHold.m_tNames.clear();
         _Forget(csName, &pstName);
         return {};

@@ -53,7 +53,8 @@ bool bListPlace(const STScriptPlace& stPlace, const std::wstring& csStart, std::
     }
 
     for (;;) {
-        errno = 0; // readdir returns null at the end, too: only errno tells a failure from it
+        // readdir returns null at the end, too: only errno tells a failure from it.
+        errno = 0;
         const dirent* const pstEntry = ::readdir(pDirectory.get());
         if (pstEntry == nullptr) {
             return errno == 0;
@@ -169,6 +170,8 @@ std::unique_ptr<CService> CServiceManager::__pclGetServiceSysV(const CServiceNam
 std::unique_ptr<CServiceEnumeration> CServiceManager::__pclEnumServiceSysV(const std::wstring& csPrefix,
                                                                            const wchar_t* pszFurther)
 {
+    // A place that cannot be read fails the whole listing: a server that is not listed would count as
+    // removed.
     const std::wstring csStart = CServiceName::s_clSaid(csPrefix.c_str()).csScript();
     std::vector<CServiceName> tNames;
     for (const STScriptPlace& stPlace : tScriptPlaces()) {
@@ -184,6 +187,7 @@ std::unique_ptr<CServiceEnumeration> CServiceManager::__pclEnumServiceSysV(const
             return nullptr;
         }
     }
+
     if (pszFurther != nullptr && !pclListing->bAdd(__pclGetServiceSysV(CServiceName::s_clSaid(pszFurther)))) {
         return nullptr;
     }
@@ -221,7 +225,8 @@ std::unique_ptr<CService> CServiceManager::__pclInstallSysV(const CServiceName& 
     auto pclService = std::make_unique<CService>(this, csScript.c_str());
     if (bAutoStart) {
         pstFamily->pfnRegister(*pstFamily, csLockFile);
-        if (!CStopping::bMayGoOn()) { // the daemon's stop has kept the tool from its work
+        if (!CStopping::bMayGoOn()) {
+            // The daemon's stop has kept the tool from its work.
             pclService->AddMissingStep(L"start at boot");
         }
     }

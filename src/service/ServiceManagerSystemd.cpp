@@ -149,6 +149,7 @@ bool CServiceManager::_bAddUnloaded(const std::wstring& csPrefix,
         return false;
     }
 
+    // Ask only about those that the listing of loaded units did not have.
     std::vector<CServiceName> tNames = tReadNames(*csAnswer, csPrefix);
     std::erase_if(tNames, [ptServices](const CServiceName& clName) {
         return std::ranges::any_of(*ptServices, [&](const auto& pcl) { return pcl->clName() == clName; });
@@ -168,6 +169,7 @@ std::unique_ptr<CService> CServiceManager::__pclInstallSystemd(const CServiceNam
                                                                const std::wstring& csBinaryPath,
                                                                bool bAutoStart, bool bRestartOnAbnormal)
 {
+    // Refuse what a lookup would read in another way: nobody could find the server's program and settings.
     if (!bUnitReadsBack(csBinaryPath, clName)) {
         errno = EINVAL;
         return nullptr;
@@ -179,15 +181,17 @@ std::unique_ptr<CService> CServiceManager::__pclInstallSystemd(const CServiceNam
         return nullptr;
     }
 
+    // A failed reload is not judged: a start without it fails.
     auto pclService =
         std::make_unique<CService>(this, clName.csRegistry().c_str(), pszDisplayName, csBinaryPath.c_str());
-    if (!bSystemctlDone(L"daemon-reload")) { // not judged: a start without it fails
+    if (!bSystemctlDone(L"daemon-reload")) {
         pclService->AddMissingStep(L"systemctl daemon-reload");
     }
 
     const std::wstring csEnable = L"enable " + clName.csAsked();
     if (bAutoStart && !bSystemctlDone(csEnable)) {
-        if (CStopping::bMayGoOn()) { // not cut short by the daemon's stop: systemd itself refuses
+        if (CStopping::bMayGoOn()) {
+            // The daemon's stop has not cut it short: systemd itself refuses.
             clFile.TakeBack();
             return nullptr;
         }
@@ -198,6 +202,7 @@ std::unique_ptr<CService> CServiceManager::__pclInstallSystemd(const CServiceNam
 
 bool CServiceManager::bTakeBackRefused(const CService& clService)
 {
+    // With these states systemd refuses every start. Any other failed start may be the server's own fault.
     static constexpr const wchar_t* s_tRefused[] = {L"bad-setting", L"error", L"not-found", L"masked"};
     if (!bSystemd()) {
         return false; // a script can always be run

@@ -59,6 +59,7 @@ bool bRun(CLanceProcessus* pclTool, const std::wstring& csArguments, std::string
             return true;
         }
 
+        // What it has printed may be cut anywhere, so nothing of it counts.
         std::ignore = CStopping::bSleep(s_nAfterStopMs);
         pclTool->bLibere();
         if (pcsOutput != nullptr) {
@@ -91,6 +92,7 @@ bool bAskPersistently(const std::function<bool()>& fnAsk)
     bool bAnswered = fnAsk();
     int nErrno = errno;
 
+    // The wait may outlast its time on a busy machine, so the last limit is checked after it.
     const CClock::time_point clFailed = CClock::now();
     for (const milliseconds clAfter : s_tAgain) {
         if (bAnswered || !bWaitUntilNextTry(clFailed + clAfter) || CClock::now() >= clFailed + s_clLastTry) {
@@ -117,7 +119,8 @@ std::optional<std::string> csAskSystemctlOnce(const STSystemctlQuestion& stQuest
     unsigned int nExitCode = 1;
 
     if (!bRun(&clTool, stQuestion.csArguments, &csOutput, &nExitCode)) {
-        errno = errno == ENOENT ? ECANCELED : errno; // systemctl is missing, not the service
+        // A missing systemctl must not look like a missing service.
+        errno = errno == ENOENT ? ECANCELED : errno;
         return std::nullopt;
     }
     if (!bIsAnswer(stQuestion, clTool, nExitCode, csOutput)) {

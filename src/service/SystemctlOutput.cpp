@@ -84,7 +84,8 @@ STUnitShown stReadShow(std::string_view csOutput)
 
         const std::string_view csKey = csLine.substr(0, nEqual);
         const std::string_view csValue = csLine.substr(nEqual + 1);
-        if (bSameKey(csKey, "Type")) { // a unit that does not exist is shown, too, but without a type
+        if (bSameKey(csKey, "Type")) {
+            // A unit that does not exist is shown, too, but without a type.
             stShown.bExists = stShown.bExists || !csValue.empty();
         } else if (bSameKey(csKey, "Description")) {
             stShown.csDescription = std::string(csValue);
@@ -145,6 +146,7 @@ std::vector<std::string_view> tReadBlocks(std::string_view csOutput)
 
     std::size_t nStart = 0; // of the block that the line belongs to
     for (std::size_t nLine = 0; nLine < csOutput.size();) {
+        // The last line may have lost its newline; then it ends with the output.
         const std::size_t nEnd = std::min(csOutput.find('\n', nLine), csOutput.size() - 1);
         if (csOutput[nLine] == '\n') {
             tBlocks.push_back(csOutput.substr(nStart, nLine - nStart));

@@ -24,7 +24,8 @@ bool CSystemdListing::_bMore()
     const std::size_t nFirst = m_nNext;
     m_nNext = std::min(nFirst + s_nBatch, m_tNames.size());
 
-    const bool bAlone = m_nNext - nFirst == 1; // then nothing is saved, and a lookup asks more patiently
+    // For one unit alone a batch saves nothing, and a lookup asks more patiently.
+    const bool bAlone = m_nNext - nFirst == 1;
     if (bAlone || !_bAskTogether(nFirst, m_nNext)) {
         _AskEach(nFirst, m_nNext);
     }
@@ -69,7 +70,8 @@ void CSystemdListing::_AddOrFail(std::unique_ptr<CService> pclService)
 {
     if (pclService != nullptr) {
         _Add(std::move(pclService));
-    } else if (errno != ENOENT) { // the unit may exist, though nothing is known about it
+    } else if (errno != ENOENT) {
+        // The unit may exist: without it the listing would say that it does not.
         _Fail(errno);
     }
 }

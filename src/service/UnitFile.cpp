@@ -101,6 +101,7 @@ std::optional<std::wstring> csProgramInUnit(std::string_view csText)
     std::optional<std::wstring> csProgram;
     int nLines = 0;
 
+    // With several lines it depends on the unit's type what runs, so none of them is taken.
     ForEachLine(csText, [&](std::string_view csLine) {
         if (csLine.starts_with(csKey)) {
             ++nLines;
