@@ -1,3 +1,5 @@
+// The modes that put the manager among the system's services and take it out again.
+
 #include "main/AutoInstall.h"
 
 #include "main/ErrorMsg.h"
@@ -15,12 +17,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <memory>
+#include <tuple>
 #include <unistd.h>
 
 namespace {
 using CServicePtr = std::unique_ptr<CService>;
 
-/// An executable whose version cannot be read is kept as it is.
+/// Whether a registered manager must give way. One whose version cannot be read stays.
 bool bOlderThanThis(CService& clService)
 {
     CFileVersion clVersion;
@@ -37,6 +40,7 @@ CServicePtr pclRegister(int nStyle, CServiceManager* pclManager)
         ShowErrorIDS(nStyle, MSG_ROOT_ONLY);
         return nullptr;
     }
+
     const std::wstring csCommandLine = CProgram::s_clAt(GetModuleFileNameW()).csCommandLine(L"--SERVICE");
     CServicePtr pclService(
         pclManager->pclInstall(g_szManagerService, g_szManagerService, csCommandLine.c_str(), 1, 1));
@@ -53,24 +57,30 @@ CServicePtr pclProvide(int nStyle, CServiceManager* pclManager)
         ShowErrorIDSError_Service(nStyle, MSG_CANNOT_REGISTER);
         return nullptr;
     }
+
+    // After any other error one may be registered, so nothing may be overwritten.
     CServicePtr pclService = pclManagerService(pclManager);
-    if (pclService == nullptr && errno != ENOENT) { // it may be registered: nothing is written over it
+    if (pclService == nullptr && errno != ENOENT) {
         ShowErrorIDSError_Service(nStyle, MSG_CANNOT_REGISTER);
         return nullptr;
     }
+
+    // Best effort: when the older one cannot be removed, registering this one overwrites it or fails.
     if (pclService != nullptr && bOlderThanThis(*pclService)) {
-        (void)pclService->bStop();
-        (void)pclService->bRemove();
+        std::ignore = pclService->bStop();
+        std::ignore = pclService->bRemove();
         pclService.reset();
     }
     return pclService != nullptr ? std::move(pclService) : pclRegister(nStyle, pclManager);
 }
 
+/// Whether the service's command line begins with this executable's path, in double quotes or without.
 bool bIsThisExecutable(CService& clService)
 {
     const std::wstring csOwn = GetModuleFileNameW();
     const wchar_t* pszCommandLine = clService.pszBinaryPathName();
     const std::wstring csText(pszCommandLine != nullptr ? pszCommandLine : L"");
+
     return STR_nNCompare(csText.c_str() + (csText.starts_with(L'"') ? 1 : 0), csOwn.c_str(), csOwn.size()) ==
            0;
 }
@@ -86,11 +96,13 @@ bool bAutoInstall(int bInstaller, CServiceManager* pclManager)
         if (pclService->bActive() || pclService->bStart()) {
             return true;
         }
+
+        // Does not start. Another installation's is replaced by this one; this one would fail again.
         if (!bRetry || bIsThisExecutable(*pclService)) {
             ShowErrorIDS(bInstaller, MSG_CANNOT_START);
             return false;
         }
-        (void)pclService->bRemove(); // another installation's: this one takes its place
+        std::ignore = pclService->bRemove();
     }
 }
 
@@ -101,17 +113,19 @@ bool bUnInstall(CServiceManager* pclManager)
         DLLRES_bLoadString(g_stMyModule, MSG_ROOT_ONLY, &csText);
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-security"
-        std::printf(csToUTF8(csText).c_str()); // the message is the format, and no line end follows; intended
+        // The message is the format, and no newline follows: clients rely on both.
+        std::printf(csToUTF8(csText).c_str());
 #pragma GCC diagnostic pop
         return false;
     }
+
     pclManager->bInit(nullptr, 0);
     if (const CServicePtr pclService = pclManagerService(pclManager)) {
         if (pclService->bActive()) {
-            (void)pclService->bStop();
+            std::ignore = pclService->bStop();
         }
-        (void)pclService->bRemove();
+        std::ignore = pclService->bRemove();
     }
-    (void)CDiskFile::bDelete(GetModuleFileNameW());
+    std::ignore = CDiskFile::bDelete(GetModuleFileNameW());
     return true;
 }

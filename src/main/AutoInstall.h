@@ -2,11 +2,12 @@
 
 class CServiceManager;
 
-/// Makes sure that the current manager is registered as a system service and runs: installs it, replaces an
-/// older one, and once one that belongs to another installation and does not start. False after a message on
-/// the terminal. The installer flag changes nothing here.
+/// Makes sure that a current manager is registered as a system service and runs. Installs this one when none
+/// is registered or an older one is. A registered service that does not start is replaced by this one, once,
+/// unless it is this executable's own. False after a message on the terminal. bInstaller changes nothing
+/// here.
 bool bAutoInstall(int bInstaller, CServiceManager* pclManager);
 
-/// Stops and removes the manager's service and deletes the executable; the servers and the settings stay.
-/// False, after a message, for users other than root only.
+/// Stops and removes the manager's service and deletes this executable; the servers and the settings stay.
+/// Best effort: returns false, after a message, only for users other than root.
 bool bUnInstall(CServiceManager* pclManager);

@@ -1,5 +1,11 @@
 // The forking service main: a double fork with a pipe on which the launcher waits, and a locked PID file.
+//
+// Three processes: the launcher (the one that was started) waits until the service is up; its child starts a
+// session, forks and exits; the grandchild, which can never get a terminal again, is the daemon.
 
+#include "main/Daemonise.h"
+
+#include "main/Logger.h"
 #include "main/PidFile.h"
 #include "main/ServiceSteps.h"
 #include "support/CloseDescriptors.h"
@@ -14,13 +20,17 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
+#include <tuple>
 #include <unistd.h>
 
 namespace {
+using STSigAction = struct sigaction;
+
+/// What the daemon writes to the launcher's pipe.
 constexpr char s_cFailed = 0;
 constexpr char s_cRunning = 1;
 constexpr std::size_t s_nMaxPidPath = 260;
-/// Milliseconds that the launcher gives a daemon that has failed for its end.
+/// How long the launcher waits for a failed daemon's exit, in milliseconds.
 constexpr int s_nMaxEndMs = 5000;
 
 void LogCritical(const wchar_t* pszText)
@@ -33,18 +43,18 @@ std::string csPidPath(const wchar_t* pszServiceName)
     return csToUTF8((std::wstring(L"/var/run/") + pszServiceName + L".pid").substr(0, s_nMaxPidPath));
 }
 
-/// Tells the launcher how the start went; it is told once, and knows failure by itself when the pipe just
-/// closes.
+/// Tells the launcher, once, how the start went. A pipe that closes without a byte means failure, too.
 void __NotifyParentFork(CDescripteur* pclPipe, char cStatus)
 {
     if (pclPipe->bOpen()) {
-        Ignored(nRetry([&] { return ::write(pclPipe->nFd(), &cStatus, 1); })); // the launcher may be gone
+        // Fails when somebody has killed the launcher; the daemon runs all the same.
+        std::ignore = nRetry([&] { return ::write(pclPipe->nFd(), &cStatus, 1); });
     }
     pclPipe->Close();
 }
 
-/// Waits, not for ever, for the end of a daemon that failed. As long as one of its processes is there, an
-/// init system may take it for a daemon that is still about to write its PID file, and wait for that.
+/// Waits for a failed daemon's exit, for s_nMaxEndMs at most. While one of its processes is left, an init
+/// system may take it for a daemon that is about to write its PID file, and wait for that.
 void AwaitEnd()
 {
     for (int n = 0; n < s_nMaxEndMs / 10; ++n) {
@@ -58,15 +68,17 @@ void AwaitEnd()
     }
 }
 
-/// The process that was started: waits until the daemon is up, or is gone.
+/// The launcher's part: waits until the daemon is up or gone.
 void Launcher(pid_t nChild, const CDescripteur& clPipe)
 {
     int nStatus = 0;
     if (nRetry([&] { return ::waitpid(nChild, &nStatus, 0); }) < 0) {
         return;
     }
+
+    // Left unchanged when the pipe closes without a byte: the daemon exited before it could report.
     char cByte = s_cFailed;
-    Ignored(nRetry([&] { return ::read(clPipe.nFd(), &cByte, 1); })); // nothing comes: it failed
+    std::ignore = nRetry([&] { return ::read(clPipe.nFd(), &cByte, 1); });
     if (cByte != s_cRunning) {
         AwaitEnd();
     }
@@ -81,37 +93,44 @@ void CloseAllBut(int nKept)
     CloseDescriptors(nKeptNumber + 1, ~0U, nLimit);
 }
 
-/// Cuts every tie to where the daemon was started, except the pipe.
+/// Gives up every descriptor that was inherited, except the pipe, and the working directory.
 void Detach(int nPipe)
 {
-    ::closelog(); // its descriptor goes, too
+    // Syslog would go on using the number of its closed descriptor, which may soon be another file's.
+    ::closelog();
     CloseAllBut(nPipe);
-    (void)::open("/dev/null", O_RDWR); // NOLINT: becomes descriptor 0, the copies 1 and 2, for life
-    Ignored(::dup(0));
-    Ignored(::dup(0));
+
+    std::ignore = ::open("/dev/null", O_RDWR); // NOLINT: becomes descriptor 0, the copies 1 and 2, for life
+    std::ignore = ::dup(0);
+    std::ignore = ::dup(0);
+
     ::umask(022);
-    Ignored(::chdir("/tmp/")); // any folder does
+    std::ignore = ::chdir("/tmp/"); // any folder does, if only the one it was started in can be unmounted
 }
 
 /// Starts the service under the user's effective ids and returns to root's. False when it does not run.
 bool bStartAs(const wchar_t* pszUser, CDescripteur* pclPipe)
 {
     const bool bSwitched = __bChangeUser(-1, pszUser, false);
-    __CoreDump(); // under the new identity, whether or not the switch succeeded
+    AllowWantedCoreDump(); // under the new identity, whether or not the switch succeeded
     if (!bSwitched) {
         __NotifyParentFork(pclPipe, s_cFailed);
         return false;
     }
+
     if (!__bStart()) {
         return false;
     }
+
+    // Back to root, which alone can make the PID file. Refused: then the file cannot be made, which is
+    // logged.
     if (::setregid(::getgid(), ::getgid()) == 0) {
-        Ignored(::setreuid(::getuid(), ::getuid())); // then the PID file cannot be made, which is told
+        std::ignore = ::setreuid(::getuid(), ::getuid());
     }
     return true;
 }
 
-/// Opens, locks and writes the PID file; false when one of it fails, which is logged.
+/// Opens, locks and writes the PID file. Returns false, after a log entry, when one of these fails.
 bool bTakePidFile(CPidFile& clPidFile)
 {
     if (!clPidFile.bOpen()) {
@@ -124,8 +143,9 @@ bool bTakePidFile(CPidFile& clPidFile)
     }
 
     CXError clError;
-    (void)bFail(&clError, bLocked ? L"write" : L"lock", csFromUTF8(clPidFile.csPath()));
-    clPidFile.Remove(); // a locked one, too, although it is the other daemon's; intended
+    std::ignore = bFail(&clError, bLocked ? L"write" : L"lock", csFromUTF8(clPidFile.csPath()));
+    // Also the file of another daemon that holds the lock: clients rely on it.
+    clPidFile.Remove();
     LogCause(*gpclServiceImp->pclGetLogger(), clError);
     return false;
 }
@@ -134,52 +154,58 @@ bool bTakePidFile(CPidFile& clPidFile)
 void RunLocked(CPidFile& clPidFile, const wchar_t* pszUser, CDescripteur* pclPipe, CTermHeld& clHeld)
 {
     if (pszUser != nullptr) {
-        (void)__bChangeUser(clPidFile.nFd(), pszUser, true);
+        std::ignore = __bChangeUser(clPidFile.nFd(), pszUser, true);
     }
     __NotifyParentFork(pclPipe, s_cRunning);
     __MainLoop(clHeld);
     clPidFile.Remove();
 }
 
-/// The daemon's life from the detaching to its end; whatever ends it early has been logged.
+/// The daemon's part, from detaching to its exit. Whatever ends it early has been logged.
 void Daemon(const wchar_t* pszServiceName, CDescripteur clPipe)
 {
     Detach(clPipe.nFd());
-    __CoreDump();
+    AllowWantedCoreDump();
+
     std::array<wchar_t, g_nServicePath> tUser{};
     const wchar_t* pszUser = gpclServiceImp->vbGetServiceUser(tUser.data()) ? tUser.data() : nullptr;
     CPidFile clPidFile(csPidPath(pszServiceName)); // allocates, so before there is something to clean up
-    CTermHeld clHeld;
+
+    CTermHeld clHeld; // until the PID file can be removed again
     if (!(pszUser != nullptr ? bStartAs(pszUser, &clPipe) : __bStart())) {
         return;
     }
-
     if (!bTakePidFile(clPidFile)) {
         LogStartFailed();
         gpclServiceImp->Stop();
         return;
     }
+
     RunLocked(clPidFile, pszUser, &clPipe, clHeld);
 }
 
-/// Leaves the session and the first child behind. Returns in the daemon only.
+/// Run by the first child: starts a session, forks the daemon and exits. True in the daemon; false, still in
+/// the first child, when it cannot be forked.
 bool bBecomeDaemon()
 {
     ::setsid();
-    struct sigaction stIgnore
-    {};
+
+    // The session leader's exit below sends SIGHUP to its foreground group, in which the daemon starts.
+    STSigAction stIgnore{};
     stIgnore.sa_handler = SIG_IGN;
     sigemptyset(&stIgnore.sa_mask);
     if (::sigaction(SIGHUP, &stIgnore, nullptr) != 0) {
         return false;
     }
+
+    // Once more: who does not lead its session never gets a terminal by opening one.
     const pid_t nDaemon = ::fork();
     if (nDaemon < 0) {
         LogCritical(L"Fork ne marche pas");
         return false;
     }
     if (nDaemon > 0) {
-        ::_exit(0); // what is to be done at exit is the daemon's
+        ::_exit(0); // without exit handlers and buffers: they are the daemon's
     }
     return true;
 }
@@ -190,11 +216,14 @@ bool __bServiceMainForking(const wchar_t* pszServiceName)
     if (pszServiceName == nullptr || *pszServiceName == L'\0') {
         return false;
     }
+
     STPipe stPipe;
     if (!bOpenPipe(&stPipe)) {
-        return true;
+        return true; // only an empty name counts as a failure; clients rely on it
     }
-    (void)::prctl(PR_SET_CHILD_SUBREAPER, 1); // the daemon is the launcher's child until the launcher ends
+
+    // Makes the daemon the launcher's child once its own parent has exited, so that AwaitEnd can wait for it.
+    std::ignore = ::prctl(PR_SET_CHILD_SUBREAPER, 1);
     const pid_t nChild = ::fork();
     if (nChild < 0) {
         LogCritical(L"Fork ne marche pas");

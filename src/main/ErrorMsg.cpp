@@ -1,3 +1,5 @@
+// How the command-line modes talk to the person at the terminal.
+
 #include "main/ErrorMsg.h"
 
 #include "support/accesdllres.h"
@@ -29,6 +31,7 @@ void ShowErrorIDS_Service(int nStyle, unsigned int nMessage)
 
 void ShowErrorIDSError(int nStyle, unsigned int nMessage)
 {
+    // Before anything else, in both of these: what follows may change errno.
     const std::wstring csError = csSystemMessage(errno);
     CTString csText;
     DLLRES_bFormatMessage(&g_stMyModule, nMessage, &csText, csError.c_str());

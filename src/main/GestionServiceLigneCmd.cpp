@@ -1,6 +1,8 @@
+// Reads the command line, and does what "--STOPALL" and "--STOP-SERVER" ask for.
+
 #include "main/GestionServiceLigneCmd.h"
 
-#include "main/ServiceUnix.h"
+#include "main/SystemdNotify.h"
 #include "manager/FailedListing.h"
 #include "manager/SetupManager.h"
 #include "support/Conversion.h"
@@ -11,9 +13,10 @@
 #include <cstdio>
 #include <memory>
 #include <strings.h>
+#include <tuple>
 
 namespace {
-/// Index of an option; 0 when it is absent.
+/// Index of an option's first occurrence; 0 when it is absent.
 int nFindOption(int nCount, char** ppszArguments, const wchar_t* pszOption)
 {
     const std::string csOption = csToUTF8(pszOption);
@@ -25,7 +28,7 @@ int nFindOption(int nCount, char** ppszArguments, const wchar_t* pszOption)
     return 0;
 }
 
-/// On standard error: these commands end with 0 whatever happens.
+/// Reports on standard error: these commands exit with status 0 whatever happens.
 void SayFailure(int nError)
 {
     std::fprintf(stderr, "%s: %s\n", g_szManagerServiceA, csToUTF8(csFailedListing(nError)).c_str());
@@ -37,11 +40,11 @@ void StopIfActive(CService& clService)
     if (eStatus == STATUS_UNKNOWN) {
         SayFailure(errno);
     } else if (eStatus == STATUS_START_PENDING || eStatus == STATUS_RUNNING) {
-        (void)clService.bStop(); // the next one is stopped all the same
+        std::ignore = clService.bStop(); // whether or not it succeeds, the next one is stopped
     }
 }
 
-/// The manager's own service; says it when it cannot be looked up.
+/// The manager's own service; null when it is not registered or, after a report, cannot be looked up.
 std::unique_ptr<CService> pclOwnService(CServiceManager* pclManager)
 {
     auto pclService = pclManagerService(pclManager);
@@ -73,7 +76,7 @@ bool bGetCmdLineValue(int nCount, char** ppszArguments, const wchar_t* pszOption
     if (nOption == 0) {
         return false;
     }
-    const char* pszValue = ppszArguments[nOption + 1]; // the vector ends with a null
+    const char* pszValue = ppszArguments[nOption + 1]; // null after the last argument
     *pcsValue = csWide(pszValue != nullptr ? pszValue : "", CP_1252);
     return true;
 }
@@ -88,6 +91,7 @@ void StopAllCmd()
     CServiceManager* pclManager = gpclSetupManager->pclGetServiceManager();
     pclManager->bInit(nullptr, 0);
     const CServiceGuard clGuard = gpclSetupManager->clLockServices();
+
     CServiceListing clListing(pclManager, g_szServerPrefix);
     while (const auto pclServer = clListing.pclNext()) {
         StopIfActive(*pclServer);
@@ -95,6 +99,7 @@ void StopAllCmd()
     if (clListing.bFailed()) {
         SayFailure(clListing.nError());
     }
+
     if (const auto pclService = pclOwnService(pclManager)) {
         StopIfActive(*pclService);
     }
@@ -105,6 +110,8 @@ void StopOneServer(const wchar_t* pszDirectory)
     CServiceManager* pclManager = gpclSetupManager->pclGetServiceManager();
     pclManager->bInit(nullptr, 0);
     const CServiceGuard clGuard = gpclSetupManager->clLockServices();
+
+    // Only the first match counts, so the listing is left early.
     CServiceListing clListing(pclManager, g_szServerPrefix);
     auto pclServer = clListing.pclNext();
     while (pclServer != nullptr && !bLiesIn(*pclServer, pszDirectory)) {
@@ -117,6 +124,7 @@ void StopOneServer(const wchar_t* pszDirectory)
         return;
     }
     StopIfActive(*pclServer);
+
     // The product's folder may hold the manager beside the server: then both are in the way of a setup.
     const auto pclService = pclOwnService(pclManager);
     if (pclService != nullptr && bLiesIn(*pclService, pszDirectory)) {

@@ -1,3 +1,5 @@
+// The log: the message formatter in front of syslog.
+
 #include "main/Logger.h"
 
 #include "support/Conversion.h"
@@ -9,7 +11,7 @@
 
 std::wstring csCause(const CXError& clError)
 {
-    constexpr unsigned int nEverything = 0x80000FFF; // with the bits of later kinds of information
+    constexpr unsigned int nEverything = 0x80000FFF; // every kind of information, also kinds to come
     return csReplaceAll<wchar_t>(clError.StringDump(nEverything), L"\r\n", L"\n");
 }
 
@@ -33,6 +35,7 @@ bool CLogger::bSetMode(eMODE eMode, ...)
     __CloseLogFile();
     m_eMode = eMode;
     m_pfnWriter = eMode == LOG_MODE_SYSTEM ? &CLogger::__AddLogSystem : &CLogger::__AddLogFile;
+
     if (eMode != LOG_MODE_SYSTEM) {
         va_list pArgs;
         // clang warns that an enumeration may be narrower than int; this one is not.
@@ -56,6 +59,7 @@ void CLogger::AddLog(ePRIORITY ePriority, const wchar_t* pszFormat, ...)
     if (m_eMode == LOG_MODE_OFF) {
         return;
     }
+
     va_list pArgs;
     va_start(pArgs, pszFormat);
     (this->*m_pfnWriter)(ePriority, -1, pszFormat, &pArgs, nullptr, 0);
@@ -67,6 +71,7 @@ void CLogger::AddLogEvent(ePRIORITY ePriority, int nEvent, const wchar_t* pszFor
     if (m_eMode == LOG_MODE_OFF) {
         return;
     }
+
     va_list pArgs;
     va_start(pArgs, pszFormat);
     (this->*m_pfnWriter)(ePriority, nEvent, pszFormat, &pArgs, nullptr, 0);
@@ -82,22 +87,25 @@ void CLogger::AddLogDetail(ePRIORITY ePriority, int nEvent, const wchar_t** ppsz
 
 void CLogger::AddLogSystemError(const wchar_t* pszFormat, ...)
 {
-    const int nErrno = errno;
+    const int nErrno = errno; // before anything below changes it
+
     CTString csText;
     va_list pArgs;
     va_start(pArgs, pszFormat);
     csText.FormatV(pszFormat, pArgs);
     va_end(pArgs);
+
     csText += L" , error " + std::to_wstring(nErrno) + L", " + csSystemMessage(nErrno);
     AddLog(PRIORITY_ERROR, csText.c_str());
 }
 
-/// The text is syslog's format, as it is: whoever logs foreign text has doubled its percent signs.
+/// The finished text is syslog's format: whoever logs text from outside has doubled its percent signs.
 void CLogger::__AddLogSystem(ePRIORITY ePriority, int, const wchar_t* pszFormat, va_list* pArgs,
                              const wchar_t**, int)
 {
     const std::wstring csText =
         FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_STRING, pszFormat, 0, pArgs);
+
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-security"
     ::syslog(ePriority, csToUTF8(csText).c_str());
@@ -106,5 +114,5 @@ void CLogger::__AddLogSystem(ePRIORITY ePriority, int, const wchar_t* pszFormat,
 
 void CLogger::__AddLogFile(ePRIORITY, int, const wchar_t*, va_list*, const wchar_t**, int)
 {
-    // File mode drops every message; intended.
+    // File mode drops every message: clients rely on it.
 }

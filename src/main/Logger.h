@@ -6,13 +6,13 @@
 #include <cstdarg>
 #include <string>
 
-/// Where the daemon reports. Every add operation may be called by any thread; bSetMode must not run while
+/// Where the daemon reports what happens. Any thread may call the Add operations; bSetMode must not run while
 /// another thread logs.
 class ILogger
 {
 public:
     using eMODE = ELogMode;
-    /// A syslog level, 0 emergency to 7 debug.
+    /// A syslog level, from 0 (emergency) to 7 (debug).
     enum ePRIORITY : int
     {
         PRIORITY_CRITICAL = 2,
@@ -22,24 +22,25 @@ public:
 
     /// Modes other than LOG_MODE_SYSTEM take a wide file path as the next argument. Always true.
     virtual bool bSetMode(eMODE eMode, ...) = 0;
-    /// The format is the message formatter's (%1, %2!u!...), and what comes out of it is syslog's format:
-    /// text from outside is doubled at "%" by the caller.
+    /// The format is the message formatter's (%1, %2!u!...), and its result is used as syslog's format: the
+    /// caller doubles every "%" of text from outside.
     virtual void AddLog(ePRIORITY ePriority, const wchar_t* pszFormat, ...) = 0;
-    /// Events and details are for the product's other services.
+    /// For the product's other services: the event number is ignored.
     virtual void AddLogEvent(ePRIORITY ePriority, int nEvent, const wchar_t* pszFormat, ...) = 0;
-    /// Logs the first detail only, as the format; intended.
+    /// Logs only the first detail, as the format; clients rely on it.
     virtual void AddLogDetail(ePRIORITY ePriority, int nEvent, const wchar_t** ppszDetails, int nDetails) = 0;
     virtual ~ILogger() = default;
 };
 
-/// All that an error tells, as an entry has it: one item a line.
+/// All that an error says, in the form of a log entry: one item per line.
 std::wstring csCause(const CXError& clError);
-/// One entry at priority 2: a text from outside, unchanged; or the cause of a failure.
+/// Logs a text from outside, unchanged, at priority 2.
 void LogText(ILogger& clLogger, const std::wstring& csText);
+/// Logs the cause of a failure at priority 2.
 void LogCause(ILogger& clLogger, const CXError& clError);
 
-/// Writes to the system log (mode 1, from construction on). In file mode every message is dropped: the path
-/// is only kept; mode 0 is silent.
+/// Writes to the system log in mode 1, which a new object has. Mode 0 is silent. File mode keeps the path and
+/// drops every message: clients rely on it.
 class CLogger : public ILogger
 {
 public:

@@ -4,19 +4,20 @@
 
 #include <string>
 
-/// A daemon's lock and PID file. Closed, not removed, by its destructor. One thread.
+/// A daemon's PID file, which is also its lock: held from bLock until the object closes it. The destructor
+/// closes the file and does not remove it. One thread.
 class CPidFile
 {
 public:
     explicit CPidFile(std::string csPath) : m_csPath(std::move(csPath)) {}
 
-    /// Opens or creates the file, mode 0644, without following a link and without truncating it: until it is
+    /// Opens or creates the file, mode 0644, without following a link. Does not truncate it: until it is
     /// locked it may be another daemon's.
     bool bOpen();
     /// False when another process holds the lock.
     bool bLock();
-    /// Writes the process id and LF at the start; what an earlier, longer content left stays. False with
-    /// errno when not all of it can be written (full disk, limit on file sizes).
+    /// Writes the process id and a newline at the start; the rest of an earlier, longer content stays. False
+    /// with errno when not all of it can be written (full disk, limit on file sizes).
     bool bWrite();
     void Remove();
     const std::string& csPath() const noexcept { return m_csPath; }

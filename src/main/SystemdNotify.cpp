@@ -1,5 +1,7 @@
 // The service main under systemd's notification protocol: no fork, no PID file; systemd owns the process.
 
+#include "main/SystemdNotify.h"
+
 #include "main/ServiceSteps.h"
 #include "support/SystemCall.h"
 
@@ -10,6 +12,7 @@
 #include <string_view>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <tuple>
 
 namespace {
 constexpr char s_szVariable[] = "NOTIFY_SOCKET";
@@ -21,7 +24,8 @@ bool bValidSocket(const char* pszSocket)
     return pszSocket != nullptr && (pszSocket[0] == '@' || pszSocket[0] == '/') && pszSocket[1] != '\0';
 }
 
-/// Takes the variable out of the environment, so that no tool that is run from now on writes to the socket.
+/// The socket's name. Removes the variable from the environment: a tool that is run from now on would take
+/// the socket for its own and report to it.
 std::string csTakeSocket()
 {
     const char* pszSocket = std::getenv(s_szVariable);
@@ -30,24 +34,27 @@ std::string csTakeSocket()
     return csSocket;
 }
 
-/// "@" stands for the zero byte of an abstract name. Failures are nobody's business: systemd will notice.
+/// Reports that the service is up. A failure is not reported: systemd notices it, as the start's timeout.
 void NotifyReady(const std::string& csSocket)
 {
-    sockaddr_un stAddress{};
     const CDescripteur clSocket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (csSocket.empty() || csSocket.size() > s_nMaxPath || !clSocket.bOpen()) {
         return;
     }
+
+    sockaddr_un stAddress{};
     stAddress.sun_family = AF_UNIX;
     std::memcpy(stAddress.sun_path, csSocket.data(), csSocket.size());
-    if (stAddress.sun_path[0] == '@') {
+    if (stAddress.sun_path[0] == '@') { // stands for the zero byte of an abstract name
         stAddress.sun_path[0] = '\0';
     }
+
+    // Exactly the name's bytes: in an abstract name the zero bytes after it would count.
     const auto nLength = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + csSocket.size());
-    Ignored(nRetry([&] {
+    std::ignore = nRetry([&] {
         return ::sendto(clSocket.nFd(), s_csReady.data(), s_csReady.size(), MSG_NOSIGNAL,
                         reinterpret_cast<const sockaddr*>(&stAddress), nLength);
-    }));
+    });
 }
 } // namespace
 
@@ -59,14 +66,18 @@ bool bIsSystemdNotify()
 bool __bServiceMainSystemdNotify()
 {
     const std::string csSocket = csTakeSocket();
-    __CoreDump();
+    AllowWantedCoreDump();
+
+    // Effective ids only: systemd owns the process, and there is no PID file to give away.
     std::array<wchar_t, g_nServicePath> tUser{};
     if (gpclServiceImp->vbGetServiceUser(tUser.data())) {
         if (!__bChangeUser(-1, tUser.data(), false)) {
             return false;
         }
-        __CoreDump();
+        AllowWantedCoreDump(); // once more, under the new identity
     }
+
+    // SIGTERM stays blocked until its handler is installed: systemd may stop the service once it is ready.
     CTermHeld clHeld;
     if (!__bStart()) {
         return false;

@@ -1,4 +1,4 @@
-// The process entry: sets the process up, does the one thing that the command line asks for, tears down.
+// The process entry: sets the process up, runs the one mode that the command line asks for, tears down.
 
 #include "main/AutoInstall.h"
 #include "main/GestionServiceLigneCmd.h"
@@ -20,15 +20,16 @@
 #include <unistd.h>
 
 namespace {
-constexpr int s_nFailure = -1; ///< the system shows it as 255
-/// What conversations need to leave after their last half second is over, at most.
+constexpr int s_nFailure = -1; ///< exit status 255
+/// How long conversations may take to leave once the time for their answers is over, in milliseconds.
 constexpr int s_nLeavingMs = 150;
-/// From this size on a block (a long line, a tool's long output) is a mapping of its own, in bytes.
+/// A block of at least so many bytes (a long line, a tool's long output) is a mapping of its own.
 constexpr int s_nOwnMapping = 64 * 1024;
 
 std::unique_ptr<CSetupManager> s_pclSetupManager;
 
-/// Pipes and sockets must not land on 0 to 2, which children get as their own.
+/// Fills the descriptors 0 to 2 that are closed, so that no pipe or socket gets one of these numbers:
+/// children get them as their own, and the C library prints to them.
 void OpenStandardDescriptors()
 {
     int nFd = 0;
@@ -37,8 +38,8 @@ void OpenStandardDescriptors()
     ::close(nFd);
 }
 
-/// Undoes what whoever started the process may have set: a blocked SIGCHLD, which every thread would inherit,
-/// makes each pause for a silent tool last its 2 seconds and leaves its children unreaped, and a strict umask
+/// Undoes what whoever started the process may have set. A blocked SIGCHLD, which every thread would inherit,
+/// would make each pause for a silent tool last its 2 seconds and leave children unreaped. A strict umask
 /// would hide unit files from the system's tools.
 void ForgetStarter()
 {
@@ -48,26 +49,29 @@ void ForgetStarter()
     ::umask(022);
 }
 
-/// What a burst made the heap need goes back to the system when it is over.
+/// Makes the heap return memory used for a burst to the kernel.
 void KeepHeapSmall()
 {
-    ::mallopt(M_ARENA_MAX, 1);                  // each of several heaps would keep its own share of the burst
-    ::mallopt(M_MMAP_THRESHOLD, s_nOwnMapping); // else it grows with the largest block ever freed
+    // One heap: each of several would keep its own share of the burst.
+    ::mallopt(M_ARENA_MAX, 1);
+    // Set, hence fixed: by itself this size grows with the largest block ever freed.
+    ::mallopt(M_MMAP_THRESHOLD, s_nOwnMapping);
 }
 
-/// The standard descriptors first, so that nothing that follows gets their numbers.
 void Init(int*, char***)
 {
+    // Before anything allocates, starts a thread or opens a descriptor.
     KeepHeapSmall();
     ForgetStarter();
     OpenStandardDescriptors();
+
     s_pclSetupManager = std::make_unique<CSetupManager>();
     gpclSetupManager = s_pclSetupManager.get();
     gpclServiceImp = gpclSetupManager;
     CLanceProcessus::sInit();
 }
 
-/// Undoes Init, the setup manager first: until its endpoints have ended they launch tools.
+/// Undoes Init. The setup manager goes first: its endpoints launch tools until they have ended.
 void Term()
 {
     s_pclSetupManager.reset();
@@ -76,46 +80,53 @@ void Term()
     CLanceProcessus::sTerm();
 }
 
-/// First the endpoints, of which a start that failed half-way may have left some running: no conversation may
-/// begin that nobody waits for. One that is still inside a system tool uses what Term destroys: then the
-/// process just ends.
+/// Ends the endpoints, then the conversations. The endpoints come first: a failed start may have left some of
+/// them running, and no conversation may begin that nobody waits for.
 void EndServing(int nStatus)
 {
     gpclSetupManager->__TermMainLoop();
+
+    // A conversation that is still inside a system tool uses what Term destroys: skip Term, just exit.
     if (!CDialog::s_bEndAll(CStopping::nAnswersLeftMs() + s_nLeavingMs)) {
         ::_exit(nStatus);
     }
 }
 
-/// The first of the modes that the command line names, in this order; without any the manager installs
-/// itself.
+/// Runs the first of these modes that the command line names; without any the manager installs itself.
+/// Returns the exit status.
 int nDispatch(int nCount, char** ppszArguments)
 {
     CServiceManager* pclManager = gpclSetupManager->pclGetServiceManager();
     CTString csValue;
+
     if (bModeService(nCount, ppszArguments, L"--SERVICE")) {
         bGetCmdLineValue(nCount, ppszArguments, L"--SERVICE", &csValue);
         const int nStatus = bServiceMain(csValue.c_str()) ? 0 : s_nFailure;
         EndServing(nStatus);
         return nStatus;
     }
+
     if (bSetOnCmdLine(nCount, ppszArguments, L"--DEBUG")) {
         RunDebugMode();
         EndServing(0);
         return 0;
     }
+
     if (bSetOnCmdLine(nCount, ppszArguments, L"--UNINSTALL")) {
         return bUnInstall(pclManager) ? 0 : s_nFailure;
     }
+
     if (bSetOnCmdLine(nCount, ppszArguments, L"--STOPALL")) {
         StopAllCmd();
         return 0;
     }
+
     if (bSetOnCmdLine(nCount, ppszArguments, L"--STOP-SERVER")) {
-        bGetCmdLineValue(nCount, ppszArguments, L"--STOP-SERVER", &csValue); // present, so it has a value
+        bGetCmdLineValue(nCount, ppszArguments, L"--STOP-SERVER", &csValue);
         StopOneServer(csValue.c_str());
         return 0;
     }
+
     return bAutoInstall(bSetOnCmdLine(nCount, ppszArguments, L"--INSTALLER"), pclManager) ? 0 : s_nFailure;
 }
 
@@ -132,7 +143,8 @@ int main(int argc, char** argv)
 {
     try {
         return nRun(argc, argv);
-    } catch (const std::bad_alloc&) { // nothing is torn down: threads may be running
+    } catch (const std::bad_alloc&) {
+        // Nothing is torn down: threads may still be using it.
         std::fprintf(stderr, "%s: out of memory\n", g_szManagerServiceA);
         ::_exit(s_nFailure);
     }

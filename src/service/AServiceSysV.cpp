@@ -1,4 +1,4 @@
-// The SysV half of CService.
+// The SysV half of CService: drives the service's init script, and reads what it says about itself.
 
 #include "service/AServiceUnix.h"
 #include "service/InitScript.h"
@@ -14,40 +14,40 @@
 #include <sys/wait.h>
 
 namespace {
-constexpr std::size_t s_nMaxScript = 1U << 20;
+constexpr std::size_t s_nMaxScript = 1U << 20; ///< bytes; a larger file is no script
 
-/// A status query that takes longer has failed; without a limit, one hanging script would hold its caller for
-/// ever, and whoever waits for the service lock.
+/// Limit of a status query. Without one a script that hangs would hold its caller for ever, and with it
+/// everyone who waits for the service lock.
 constexpr unsigned int s_nStatusLimitMs = 20'000;
 
-/// Whether there is no file of a name; none can have a name that is too long.
+/// Whether the error means that no such file exists; none can have a name that is too long.
 bool bIsAbsent(int nErrno)
 {
     return nErrno == ENOENT || nErrno == ENOTDIR || nErrno == ELOOP || nErrno == ENAMETOOLONG;
 }
 
-/// Whether a file that could not be read is something else than a script, now and at the next try.
+/// Whether the error means that the file is something else than a script, so that another try is useless.
 bool bIsNoScript(int nErrno)
 {
     return nErrno == EISDIR || nErrno == EINVAL || nErrno == EFBIG || nErrno == ENXIO;
 }
 
-/// What a shell says with its exit code, as the error that a reply can tell.
+/// The errno whose text a reply shows for a shell's exit code.
 int nErrnoOfShell(int nExitCode)
 {
     switch (nExitCode) {
     case 126:
-        return EACCES;
+        return EACCES; // found, but cannot be executed
     case 127:
-        return ENOENT;
+        return ENOENT; // not found
     default:
         return ECANCELED;
     }
 }
 } // namespace
 
-bool CService::__bScriptCommand(const wchar_t* pszVerb, const wchar_t* pszArguments,
-                                const wchar_t* pszRedirection)
+bool CService::_bScriptCommand(const wchar_t* pszVerb, const wchar_t* pszArguments,
+                               const wchar_t* pszRedirection)
 {
     const std::wstring csArguments(pszArguments != nullptr ? pszArguments : L"");
     const std::wstring csPath = csScriptPath(m_clName.csText());
@@ -58,9 +58,12 @@ bool CService::__bScriptCommand(const wchar_t* pszVerb, const wchar_t* pszArgume
         errno = EINVAL;
         return false;
     }
-    // Name and arguments are inert, so the line needs no quoting; it is the shell that redirects.
+
+    // Name and arguments are inert, so the line needs no quoting. The shell is there for the redirection.
     const int nStatus = nShell(csToUTF8(csPath + L" " + pszVerb + (csArguments.empty() ? L"" : L" ") +
                                         csArguments + L" " + pszRedirection));
+
+    // Only the exit code counts: of a shell that a signal ended it is 0, and clients rely on that success.
     const int nExitCode = nStatus == -1 ? -1 : WEXITSTATUS(nStatus);
     if (nStatus != -1 && nExitCode != 0) {
         errno = nErrnoOfShell(nExitCode);
@@ -68,7 +71,7 @@ bool CService::__bScriptCommand(const wchar_t* pszVerb, const wchar_t* pszArgume
     return nExitCode == 0;
 }
 
-EServiceStatus CService::__eGetStatusByPidFile()
+EServiceStatus CService::_eGetStatusByPidFile()
 {
     switch (eReadPidFile(m_clName.csText(), csGetExecutable())) {
     case EPidFile::SERVER:
@@ -80,19 +83,23 @@ EServiceStatus CService::__eGetStatusByPidFile()
     }
 }
 
-EServiceStatus CService::__eGetStatusSysV()
+EServiceStatus CService::_eGetStatusSysV()
 {
+    const std::wstring csPath = csScriptPath(m_clName.csText());
+    if (CServiceManager::ms_eDistri == DISTRI_SLACKWARE) {
+        // Its scripts have no "status": the PID file must do.
+        return csPath.empty() || !CDiskFile::bExists(csPath) ? STATUS_UNKNOWN : _eGetStatusByPidFile();
+    }
+
+    // Through the launcher and not the shell: only the launcher can give up a script that hangs.
     CLanceProcessus clScript;
     unsigned int nExitCode = 0;
-    const std::wstring csPath = csScriptPath(m_clName.csText());
-    if (CServiceManager::ms_eDistri == DISTRI_SLACKWARE) { // its script has no "status"
-        return csPath.empty() || !CDiskFile::bExists(csPath) ? STATUS_UNKNOWN : __eGetStatusByPidFile();
-    }
-    // By the launcher and not by the shell: only it can give a hanging script up.
     if (csPath.empty() || !clScript.bLanceProcessus(csPath.c_str(), L"status", nullptr) ||
         !clScript.bAttendFinExecution(&nExitCode, s_nStatusLimitMs)) {
         return STATUS_UNKNOWN;
     }
+
+    // The convention of init scripts: 0 is running, 1 is dead with a PID file left behind, 3 is stopped.
     switch (nExitCode) {
     case 0:
         return STATUS_RUNNING;
@@ -103,17 +110,21 @@ EServiceStatus CService::__eGetStatusSysV()
     }
 }
 
-bool CService::__bRemoveSysV()
+bool CService::_bRemoveSysV()
 {
     const STSysVFamily* const pstFamily = pstFindFamily(CServiceManager::ms_eDistri);
     if (pstFamily == nullptr) {
-        return errno == ENOENT; // nothing to do on a machine of no known family
+        // No known family, so there is nothing to do. That an earlier errno decides is what clients rely on.
+        return errno == ENOENT;
     }
+
     if (!bInertName(m_clName.csText())) {
         errno = ENOENT;
         return false;
     }
-    return __bStopForRemoval() && bEndStrayProcesses(csGetExecutable(), m_clName.csText()) &&
+
+    // The script goes last: without it nobody could stop what still runs.
+    return _bStopForRemoval() && bEndStrayProcesses(csGetExecutable(), m_clName.csText()) &&
            pstFamily->pfnRemove(*pstFamily, m_clName.csText());
 }
 
@@ -125,13 +136,17 @@ bool CService::bReadScript()
         return false;
     }
     if (!CDiskFile::bReadFile(csPath, &csScript, s_nMaxScript)) {
+        // What is no script counts as a service that says nothing about itself.
         errno = bIsAbsent(errno) ? ENOENT : errno;
         return bIsNoScript(errno);
     }
+
     if (const STMarker st = stProgramInScript(csScript); st.csValue) {
         m_csBinaryPath = csFromUTF8(*st.csValue);
     }
-    if (!m_csDisplayName && !CServiceManager::bSystemd()) { // a unit has a description of its own
+
+    // Under systemd the name comes from the unit that was generated for the script.
+    if (!m_csDisplayName && !CServiceManager::bSystemd()) {
         if (const STMarker st = stDisplayNameInScript(csScript); st.csValue) {
             m_csDisplayName = csFromUTF8(*st.csValue);
         }
@@ -139,21 +154,24 @@ bool CService::bReadScript()
     return true;
 }
 
-const wchar_t* CService::__pszDisplayNameFromScript()
+const wchar_t* CService::_pszDisplayNameFromScript()
 {
     std::string csScript;
     const std::wstring csPath = csScriptPath(m_clName.csText());
     if (csPath.empty() || !CDiskFile::bReadFile(csPath, &csScript, s_nMaxScript)) {
         return nullptr;
     }
+
     const STMarker stName = stDisplayNameInScript(csScript);
     if (!stName.bFound) {
         return pszGetName();
     }
     if (!stName.csValue) {
+        // The value has no closing quote, or is too long for its reader.
         errno = EINVAL;
         return nullptr;
     }
+
     m_csDisplayName = csFromUTF8(*stName.csValue);
     return m_csDisplayName->c_str();
 }

@@ -1,4 +1,4 @@
-// The systemd half of CService.
+// The systemd half of CService: what systemctl is asked and told about one unit.
 
 #include "service/AServiceUnix.h"
 #include "service/InitScript.h"
@@ -9,14 +9,16 @@
 #include "support/Conversion.h"
 #include "support/DiskFile.h"
 
+#include <tuple>
 #include <wchar.h>
 
 namespace {
-constexpr std::size_t s_nMaxServiceFile = 1U << 20;
+constexpr std::size_t s_nMaxServiceFile = 1U << 20; ///< bytes; a larger file is neither unit nor script
 } // namespace
 
-EServiceStatus CService::__eGetStatusSystemd()
+EServiceStatus CService::_eGetStatusSystemd()
 {
+    // systemd's words. A service that reloads still serves.
     struct STState
     {
         const wchar_t* pszActiveState;
@@ -27,16 +29,18 @@ EServiceStatus CService::__eGetStatusSystemd()
         {L"inactive", STATUS_STOPPED},         {L"failed", STATUS_FAILED},
         {L"activating", STATUS_START_PENDING}, {L"deactivating", STATUS_STOP_PENDING},
     };
+
     const std::optional<std::wstring> csActiveState = m_pclManager->csAskSystemdProp("ActiveState", m_clName);
     if (!csActiveState) {
         return STATUS_UNKNOWN;
     }
+
     for (const STState& st : s_tStates) {
         if (wcscasecmp(st.pszActiveState, csActiveState->c_str()) == 0) {
             return st.eStatus;
         }
     }
-    return STATUS_STOPPED; // so does every other word, and none at all
+    return STATUS_STOPPED; // so counts every other word, and none at all; clients rely on it
 }
 
 std::optional<std::wstring> CService::csProgramOnDisk()
@@ -44,16 +48,18 @@ std::optional<std::wstring> CService::csProgramOnDisk()
     std::wstring csFile = csScriptPath(m_clName.csText());
     bool bScript = true;
     if (CServiceManager::bSystemd()) {
-        // A unit that systemd made of an init script has no file that would be anybody's.
+        // systemd generates the unit of an init script: the file that somebody wrote is then the script.
         const auto csSource = m_pclManager->csAskSystemdProp("SourcePath", m_clName);
         bScript = csSource && csSource->starts_with(g_szScriptDirectory);
         const auto csFragment = bScript ? csSource : m_pclManager->csAskSystemdProp("FragmentPath", m_clName);
         csFile = csSource && csFragment ? *csFragment : L"";
     }
+
     std::string csText;
     if (csFile.empty() || !CDiskFile::bReadFile(csFile, &csText, s_nMaxServiceFile)) {
         return std::nullopt;
     }
+
     if (!bScript) {
         return csProgramInUnit(csText);
     }
@@ -61,26 +67,27 @@ std::optional<std::wstring> CService::csProgramOnDisk()
     return stProgram.csValue ? std::optional(csFromUTF8(*stProgram.csValue)) : std::nullopt;
 }
 
-bool CService::__bRemoveSystemd()
+bool CService::_bRemoveSystemd()
 {
     const auto csFragment = m_pclManager->csAskSystemdProp("FragmentPath", m_clName);
     const auto csSource = csFragment ? m_pclManager->csAskSystemdProp("SourcePath", m_clName) : std::nullopt;
-    // Which files make up the service is not known: removed half it would come back.
     if (!csFragment || !csSource) {
+        // The service's files are not known. A service that is removed by half comes back.
         return false;
     }
-    if (!__bAsk(L"disable")) {
+
+    // Before anything is deleted: while the service is enabled or runs, its unit is needed.
+    if (!_bAsk(L"disable") || !_bStopForRemoval()) {
         return false;
     }
-    if (!__bStopForRemoval()) {
-        return false;
-    }
+
+    // Best effort from here on: the service is stopped and does not start at boot.
     for (const std::wstring& csFile : {*csFragment, *csSource}) {
-        if (!csFile.empty()) { // best effort, as all that follows
-            (void)CDiskFile::bDelete(csFile);
+        if (!csFile.empty()) {
+            std::ignore = CDiskFile::bDelete(csFile);
         }
     }
-    (void)bSystemctlDone(L"daemon-reload");
-    (void)__bAsk(L"reset-failed"); // else systemd goes on listing one that has failed
+    std::ignore = bSystemctlDone(L"daemon-reload");
+    std::ignore = _bAsk(L"reset-failed"); // otherwise systemd goes on listing a unit that has failed
     return true;
 }

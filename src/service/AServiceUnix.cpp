@@ -1,3 +1,5 @@
+// The part of CService that both kinds of init system share, and the choice between them.
+
 #include "service/AServiceUnix.h"
 
 #include "service/CommandLine.h"
@@ -5,8 +7,10 @@
 #include "service/Systemctl.h"
 
 #include <cerrno>
+#include <tuple>
 
 namespace {
+/// A text as a field of the record: a null pointer leaves it null.
 std::optional<std::wstring> csField(const wchar_t* psz)
 {
     return psz != nullptr ? std::optional<std::wstring>(psz) : std::nullopt;
@@ -29,10 +33,11 @@ CService::CService(CServiceManager* pclManager, CServiceName clName,
       m_csDisplayName(std::move(csDisplayName)), m_csExecutable(std::move(csExecutable))
 {}
 
+// Under systemd the lookup has filled both fields below from what systemctl shows, so they are final.
 const wchar_t* CService::pszGetDisplayName()
 {
     if (!m_csDisplayName && !CServiceManager::bSystemd()) {
-        return __pszDisplayNameFromScript();
+        return _pszDisplayNameFromScript();
     }
     return m_csDisplayName ? m_csDisplayName->c_str() : nullptr;
 }
@@ -54,7 +59,7 @@ std::wstring CService::csGetExecutable()
     return CProgram::s_clOf(pszCommandLine != nullptr ? pszCommandLine : L"").csPath();
 }
 
-bool CService::__bAsk(const wchar_t* pszVerb)
+bool CService::_bAsk(const wchar_t* pszVerb)
 {
     if (m_clName.csAsked().empty()) {
         errno = ENOENT;
@@ -71,41 +76,43 @@ void CService::AddMissingStep(const std::wstring& csStep)
 bool CService::bStart(const wchar_t* pszArguments)
 {
     if (CServiceManager::bSystemd()) {
-        return __bAsk(L"start");
+        return _bAsk(L"start");
     }
-    return __bScriptCommand(L"start", pszArguments, L">/dev/null");
+
+    // What a script complains about is not discarded: whoever runs the manager in the foreground sees it.
+    return _bScriptCommand(L"start", pszArguments, L">/dev/null");
 }
 
 bool CService::bStop()
 {
-    return __bCommand(L"stop");
+    return _bCommand(L"stop");
 }
 
 bool CService::bRestart()
 {
-    return __bCommand(L"restart");
+    return _bCommand(L"restart");
 }
 
-bool CService::__bReload()
+bool CService::_bReload()
 {
-    return __bCommand(L"reload");
+    return _bCommand(L"reload");
 }
 
-bool CService::__bCommand(const wchar_t* pszVerb)
+bool CService::_bCommand(const wchar_t* pszVerb)
 {
     if (CServiceManager::bSystemd()) {
-        return __bAsk(pszVerb);
+        return _bAsk(pszVerb);
     }
-    return __bScriptCommand(pszVerb, nullptr, L">/dev/null 2>/dev/null");
+    return _bScriptCommand(pszVerb, nullptr, L">/dev/null 2>/dev/null");
 }
 
 bool CService::bSendControlCommand(unsigned int nCode)
 {
-    switch (nCode) {
+    switch (nCode) { // the codes that other systems have besides run nothing
     case CONTROL_STOP:
         return bStop();
     case CONTROL_RELOAD:
-        return __bReload();
+        return _bReload();
     default:
         errno = EINVAL;
         return false;
@@ -114,7 +121,7 @@ bool CService::bSendControlCommand(unsigned int nCode)
 
 EServiceStatus CService::eGetStatus()
 {
-    return CServiceManager::bSystemd() ? __eGetStatusSystemd() : __eGetStatusSysV();
+    return CServiceManager::bSystemd() ? _eGetStatusSystemd() : _eGetStatusSysV();
 }
 
 bool CService::bActive()
@@ -123,25 +130,28 @@ bool CService::bActive()
     return eStatus == STATUS_START_PENDING || eStatus == STATUS_RUNNING;
 }
 
-bool CService::__bStopForRemoval()
+bool CService::_bStopForRemoval()
 {
-    constexpr int nAttempts = 3; // whoever else starts services may do so in between
+    // Somebody else may start the service between the stop and the look.
+    constexpr int nAttempts = 3;
 
     for (int n = 0; n < nAttempts; ++n) {
-        // systemd's rule is to stop always: that also ends an automatic restart that is about to come.
+        // Under systemd stop at once, even what does not run: that cancels an automatic restart that is due.
         if (n > 0 || CServiceManager::bSystemd()) {
-            (void)bStop();
+            std::ignore = bStop(); // the status decides
         }
+
         const EServiceStatus eStatus = eGetStatus();
         if (eStatus == STATUS_STOPPED || eStatus == STATUS_FAILED) {
             return true;
         }
     }
+
     errno = EBUSY;
     return false;
 }
 
 bool CService::bRemove()
 {
-    return CServiceManager::bSystemd() ? __bRemoveSystemd() : __bRemoveSysV();
+    return CServiceManager::bSystemd() ? _bRemoveSystemd() : _bRemoveSysV();
 }

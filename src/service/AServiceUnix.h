@@ -7,10 +7,11 @@
 
 class CServiceManager;
 
-/// Status of a service. The numbers are relied on: 5 to 7 are other systems' and never come from here.
+/// Status of a service. Clients rely on the numbers; 5 to 7 are those of other systems and never come from
+/// here.
 enum EServiceStatus : int
 {
-    STATUS_UNKNOWN = -1, ///< the system could not be asked; errno tells why
+    STATUS_UNKNOWN = -1, ///< the init system could not be asked; errno says why
     STATUS_STOPPED = 1,
     STATUS_START_PENDING = 2,
     STATUS_STOP_PENDING = 3,
@@ -27,19 +28,19 @@ enum EControlCode : unsigned int
 
 /// The manager's handle on one system service: its name, and the commands that act on it.
 ///
-/// Made by a CServiceManager for a caller who owns it. Holds no state of the service itself: every query asks
-/// the system again. Which init system it drives is CServiceManager::ms_eDistri's. Operations block while the
-/// system's tool runs; one thread uses a record, several records of one service may exist. Nothing throws
-/// but std::bad_alloc; results named b... are true on success and otherwise leave errno set.
+/// A CServiceManager makes it and its caller owns it. It holds no state of the service itself: every query
+/// asks the init system again (the one that CServiceManager::ms_eDistri names). Operations block while the
+/// system's tool runs. One thread uses a record; several records of one service may exist. Nothing throws but
+/// std::bad_alloc. Operations named b... return true on success and otherwise leave errno set.
 class CService
 {
 public:
-    /// The texts as a service manager tells them; a null argument leaves its field null. A service without a
+    /// The texts as a service manager gives them; a null argument leaves its field null. A service without a
     /// name does not exist.
     CService(CServiceManager* pclManager, const wchar_t* pszName);
     CService(CServiceManager* pclManager, const wchar_t* pszName, const wchar_t* pszDisplayName,
              const wchar_t* pszBinaryPath);
-    /// The executable where it is known beside the command line.
+    /// With the executable, where it is known apart from the command line.
     CService(CServiceManager* pclManager, CServiceName clName, std::optional<std::wstring> csDisplayName = {},
              std::optional<std::wstring> csBinaryPath = {}, std::optional<std::wstring> csExecutable = {});
 
@@ -47,64 +48,65 @@ public:
     const CServiceName& clName() const { return m_clName; }
     /// The name as it was registered, spaces included.
     std::wstring csRegisteredName() { return m_clName.csRegisteredAs(pszGetDisplayName()); }
-    /// What programs written for other systems ask for as well: fixed values. The manager asks for none.
+    /// Fixed values that programs written for other systems ask for; the manager itself does not.
     static unsigned int nGetStartType() { return 2; }    ///< automatic
     static unsigned int nGetErrorControl() { return 1; } ///< normal
     static unsigned int nGetServiceType() { return 16; } ///< a process of its own
     static const wchar_t* pszGetStartName() { return L"root"; }
 
-    /// Name for people; null when unknown. On SysV read from the script's marker line (the service name where
-    /// there is none).
+    /// Name for people; null when unknown. On SysV it is read from the script's marker line; without such a
+    /// line it is the service name.
     const wchar_t* pszGetDisplayName();
-    /// Full command line or program path; null when unknown. On SysV read from the script's marker line.
+    /// Full command line or program path; null when unknown. On SysV it is read from the script's marker
+    /// line.
     const wchar_t* pszBinaryPathName();
-    /// The executable alone; empty when unknown. Under systemd as systemctl shows it, otherwise what the
-    /// binary path says (CProgram::s_clOf).
+    /// The executable alone; empty when unknown. Under systemd it is what systemctl shows, otherwise it is
+    /// taken from the binary path (CProgram::s_clOf).
     std::wstring csGetExecutable();
-    /// The program that the service's unit file or init script says, read anew and whole; nothing when it
-    /// does not say one.
+    /// The program that the service's unit file or init script names, read again from the whole file; nothing
+    /// when it names none.
     std::optional<std::wstring> csProgramOnDisk();
 
-    /// pszArguments reach a SysV script only: a unit fixes its own command line.
+    /// pszArguments reach SysV scripts only: a unit fixes its own command line.
     bool bStart(const wchar_t* pszArguments = nullptr);
     bool bStop();
     bool bRestart(); ///< for the product's other programs, as bSendControlCommand is
     EServiceStatus eGetStatus();
     /// Whether it runs or is about to.
     bool bActive();
-    /// Unregisters the service and deletes its unit file or script. What runs is stopped before; while it
-    /// cannot be, nothing is deleted and errno is EBUSY: no process is left without a unit.
+    /// Stops and unregisters the service and deletes its unit file or script. When the service cannot be
+    /// stopped, nothing is deleted and errno is EBUSY: no process is left without a unit.
     bool bRemove();
     bool bSendControlCommand(unsigned int nCode);
 
-    /// Of an installation: the steps after the writing of the unit or script that did not take place, as
-    /// commands or words for people; empty when all did. An installation succeeds without them, too.
+    /// After an installation: the steps that were left out after the unit or script was written, as commands
+    /// or words for people; empty when none was. The installation has succeeded all the same.
     const std::wstring& csMissingSteps() const { return m_csMissingSteps; }
     void AddMissingStep(const std::wstring& csStep);
 
     /// Takes the binary path from the marker line of the service's init script; unchanged when there is none.
     void SetBinaryPathFromSysVScript();
-    /// Takes all that the marker line of the service's init script has. False, with errno, when there is no
-    /// script (ENOENT) or it cannot be read; what is not a script at all (a folder, a file beyond 1 MiB) has
-    /// no marker line.
+    /// Takes all that the marker line of the service's init script says. False, with errno, when there is no
+    /// script (ENOENT) or it cannot be read. What is not a script at all (a folder, a file beyond 1 MiB)
+    /// counts as one without a marker line.
     bool bReadScript();
 
 private:
-    bool __bReload();
-    /// Runs systemctl with a verb and the name; false (ENOENT) for a name that no unit can have.
-    bool __bAsk(const wchar_t* pszVerb);
-    /// A command whose output nobody sees, by the verb that both systems share.
-    bool __bCommand(const wchar_t* pszVerb);
-    EServiceStatus __eGetStatusSystemd();
-    bool __bRemoveSystemd();
-    /// Stops what runs, until it is seen to be stopped.
-    bool __bStopForRemoval();
+    bool _bReload();
+    /// Runs systemctl with a verb and the name; false with ENOENT for a name that no unit can have.
+    bool _bAsk(const wchar_t* pszVerb);
+    /// Runs a command that has the same verb on both kinds of init system; its output is discarded.
+    bool _bCommand(const wchar_t* pszVerb);
+    EServiceStatus _eGetStatusSystemd();
+    bool _bRemoveSystemd();
+    /// Stops the service until it is seen to be stopped, three times at most.
+    bool _bStopForRemoval();
 
-    bool __bScriptCommand(const wchar_t* pszVerb, const wchar_t* pszArguments, const wchar_t* pszRedirection);
-    EServiceStatus __eGetStatusSysV();
-    EServiceStatus __eGetStatusByPidFile();
-    bool __bRemoveSysV();
-    const wchar_t* __pszDisplayNameFromScript();
+    bool _bScriptCommand(const wchar_t* pszVerb, const wchar_t* pszArguments, const wchar_t* pszRedirection);
+    EServiceStatus _eGetStatusSysV();
+    EServiceStatus _eGetStatusByPidFile();
+    bool _bRemoveSysV();
+    const wchar_t* _pszDisplayNameFromScript();
 
     CServiceManager* m_pclManager; ///< not owned
     CServiceName m_clName;

@@ -1,9 +1,11 @@
+// How a program's path stands in a command line: with quotes and without.
+
 #include "service/CommandLine.h"
 
 #include <algorithm>
 
 namespace {
-/// The text between the double quote at the beginning and the next one.
+/// The text between the double quote at the beginning and the next one, or the end.
 std::wstring csInQuotes(const std::wstring& csText)
 {
     return csText.substr(1, csText.find(L'"', 1) - 1);
@@ -17,9 +19,12 @@ STCommandLine stSplitCommandLine(std::string_view csCommandLine)
     if (nSeparator == std::string_view::npos) {
         return {std::string(csCommandLine), {}};
     }
+
+    // Both quotes go; a quote at the end of an unquoted program goes, too: clients rely on it.
     std::string_view csProgram = csCommandLine.substr(0, nSeparator);
     csProgram.remove_prefix(bQuoted ? 1 : 0);
     csProgram.remove_suffix(csProgram.ends_with('"') ? 1 : 0);
+
     return {std::string(csProgram), std::string(csCommandLine.substr(nSeparator + 1))};
 }
 
@@ -35,6 +40,8 @@ CProgram CProgram::s_clOf(const std::wstring& csCommandLine)
     if (csCommandLine.starts_with(L'"')) {
         return CProgram(csInQuotes(csCommandLine));
     }
+
+    // Not at the first space: a path may hold spaces without being quoted.
     std::wstring csPath = csCommandLine.substr(0, csCommandLine.find(L" --"));
     csPath.erase(csPath.find_last_not_of(L' ') + 1);
     csPath.erase(0, std::min(csPath.find_first_not_of(L' '), csPath.size()));

@@ -1,3 +1,5 @@
+// Finds the family of a machine without systemd by its release files.
+
 #include "service/Distribution.h"
 
 #include "support/DiskFile.h"
@@ -7,7 +9,7 @@
 #include <initializer_list>
 
 namespace {
-/// A release file holds a line or two; whatever is larger is not one.
+/// In bytes. A release file holds a line or two; a larger file is none.
 constexpr std::size_t s_nMaxReleaseFile = 1U << 20;
 
 struct STReleaseFile
@@ -16,7 +18,8 @@ struct STReleaseFile
     EDistri eDistri;
 };
 
-/// Files whose mere existence decides, in this order.
+/// Files whose mere existence decides. The first one found counts, as some systems ship a relative's file,
+/// too.
 constexpr STReleaseFile s_tReleaseFiles[] = {
     {L"/etc/debian_version", DISTRI_DEBIAN},
     {L"/etc/mandrake-release", DISTRI_MANDRAKE},
@@ -35,13 +38,14 @@ struct STWord
     EDistri eDistri;
 };
 
-/// Family of the first word of the list, not of the text, that the text holds in any case of letters.
+/// Family of the first word of the list that the text holds anywhere, without regard to case. The order of
+/// the list decides, not the order in the text.
 EDistri eFirstWordIn(std::string csText, std::initializer_list<STWord> tWords, EDistri eOtherwise)
 {
-    std::transform(csText.begin(), csText.end(), csText.begin(), cLower);
-    const auto* const pFound = std::find_if(tWords.begin(), tWords.end(), [&](const STWord& st) {
-        return csText.find(st.pszWord) != std::string::npos;
-    });
+    std::ranges::transform(csText, csText.begin(), cLower);
+    const auto* const pFound = std::ranges::find_if(
+        tWords, [&](const char* pszWord) { return csText.find(pszWord) != std::string::npos; },
+        &STWord::pszWord);
     return pFound != tWords.end() ? pFound->eDistri : eOtherwise;
 }
 } // namespace
@@ -72,6 +76,8 @@ EDistri eFindDistribution()
             return st.eDistri;
         }
     }
+
+    // Relatives share the names of these files, so here the content decides.
     std::string csText;
     if (CDiskFile::bReadFile(L"/etc/redhat-release", &csText, s_nMaxReleaseFile)) {
         return eFamilyInRedHatRelease(std::move(csText));
@@ -81,6 +87,7 @@ EDistri eFindDistribution()
             return eDistri;
         }
     }
-    return CDiskFile::bExists(L"/etc/init.d/function") ? DISTRI_REDHAT
-                                                       : DISTRI_DEBIAN; // "function": its exact name
+
+    // "function", though such systems have a "functions": clients rely on the choice that follows.
+    return CDiskFile::bExists(L"/etc/init.d/function") ? DISTRI_REDHAT : DISTRI_DEBIAN;
 }

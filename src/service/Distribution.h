@@ -4,11 +4,11 @@
 
 #include <string>
 
-/// Family of a machine without systemd, told by the release files in "/etc"; DISTRI_DEBIAN where nothing
-/// tells.
+/// Family of a machine without systemd, found by the release files in "/etc"; DISTRI_DEBIAN when none of them
+/// decides.
 EDistri eFindDistribution();
 
-/// What the text of "/etc/redhat-release" says; DISTRI_REDHAT unless it names a relative.
+/// Family by the text of "/etc/redhat-release": DISTRI_REDHAT unless it names a relative.
 EDistri eFamilyInRedHatRelease(std::string csText);
-/// What the text of "/etc/version" says; DISTRI_UNKNOWN when it names no family that it can.
+/// Family by the text of "/etc/version": DISTRI_UNKNOWN when it names none.
 EDistri eFamilyInVersion(std::string csText);

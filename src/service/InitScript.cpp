@@ -1,3 +1,5 @@
+// Fills in init-script templates and reads scripts back. What is inserted may have been chosen by an enemy.
+
 #include "service/InitScript.h"
 
 #include "service/CommandLine.h"
@@ -7,14 +9,15 @@
 #include <array>
 
 namespace {
+/// ASCII characters that mean nothing to a shell. The slash is left out: a name must not hold it.
 constexpr char s_szOrdinary[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_-.+@:,=%";
 
-/// How a line of a template is read, which decides how values stand in it.
+/// Who reads a line of a script, which decides how values are written in it.
 enum EQuoting : int
 {
-    QUOTING_COMMENT = 0,    ///< by nobody but us: as they are
-    QUOTING_COMMAND = 1,    ///< by the shell
-    QUOTING_TWO_SHELLS = 2, ///< `daemon` hands its arguments to a shell of its own
+    QUOTING_COMMENT = 0,    ///< only we do, for the marker: unchanged
+    QUOTING_COMMAND = 1,    ///< the shell
+    QUOTING_TWO_SHELLS = 2, ///< the shell, then `daemon`'s own shell
 };
 
 bool bBeyondAscii(char c)
@@ -27,7 +30,7 @@ bool bControl(char c)
     return static_cast<unsigned char>(c) < ' ' || c == 0x7F;
 }
 
-/// Characters that mean nothing to a shell; of those beyond ASCII all but the control characters.
+/// Whether a character means nothing to a shell; of those beyond ASCII the control characters do not qualify.
 bool bOrdinary(wchar_t c)
 {
     return c > 0x9F ||
@@ -39,7 +42,7 @@ bool bNeedsBackslash(char c)
     return !bBeyondAscii(c) && c != '/' && std::string_view(s_szOrdinary).find(c) == std::string_view::npos;
 }
 
-/// Each character that means something to a shell gets a backslash.
+/// The text with a backslash before each character that means something to a shell.
 std::string csEscape(std::string_view csText)
 {
     std::string csResult;
@@ -49,14 +52,14 @@ std::string csEscape(std::string_view csText)
     return csResult;
 }
 
-/// Escapes all but the blanks between words; a quoted part is kept in its quotes. A quote without a partner
-/// is a character like any other.
+/// Escapes arguments. The spaces between them stay; a part in double quotes stays in its quotes. A quote
+/// without a partner is a character like any other.
 std::string csEscapeWords(std::string_view csText)
 {
     std::string csResult;
     for (std::size_t n = 0; n < csText.size(); ++n) {
         const std::size_t nEnd = csText[n] == '"' ? csText.find('"', n + 1) : std::string_view::npos;
-        if (nEnd != std::string_view::npos) {
+        if (nEnd != std::string_view::npos) { // inside the quotes these three still mean something
             csResult += '"';
             for (const char c : csText.substr(n + 1, nEnd - n - 1)) {
                 csResult.append(std::string_view("$`\\").find(c) != std::string_view::npos ? "\\" : "")
@@ -71,12 +74,13 @@ std::string csEscapeWords(std::string_view csText)
     return csResult;
 }
 
-/// Escapes a text that csEscapeWords made once more, so that one shell's reading yields it again.
+/// Escapes the result of csEscapeWords once more: one shell's reading undoes it.
 std::string csEscapeAgain(std::string_view csText)
 {
     std::string csResult;
     bool bQuoted = false;
     for (std::size_t n = 0; n < csText.size(); ++n) {
+        // A backslash and the character after it are one unit, so that an escaped quote opens nothing.
         const std::size_t nLength = csText[n] == '\\' ? 2 : 1;
         bQuoted = bQuoted != (csText[n] == '"');
         csResult += csText[n] == ' ' && !bQuoted ? " " : csEscape(csText.substr(n, nLength));
@@ -85,7 +89,7 @@ std::string csEscapeAgain(std::string_view csText)
     return csResult;
 }
 
-/// Told by how the line begins; templates keep to it.
+/// Judges by how the line begins; the templates are written so that this is enough.
 EQuoting eQuotingOf(std::string_view csLine)
 {
     SkipBlanks(&csLine);
@@ -95,6 +99,7 @@ EQuoting eQuotingOf(std::string_view csLine)
     return csLine.starts_with("daemon ") ? QUOTING_TWO_SHELLS : QUOTING_COMMAND;
 }
 
+/// One placeholder, and its value in the form that each kind of line needs.
 struct STPlaceholder
 {
     std::string_view csName;
@@ -108,7 +113,8 @@ CPlaceholders tMakePlaceholders(const STCommandLine& stCommand, const std::strin
 {
     const std::string csProgram = csEscape(stCommand.csProgram);
     const std::string csArguments = csEscapeWords(stCommand.csArguments);
-    // Display names stand in comments only, and nothing in a lock file's name means something to a shell.
+
+    // A display name is used in comments only, and no character of a lock file's name is special to a shell.
     const auto Same = [](const std::string& cs) { return std::array{cs, cs, cs}; };
     return {{{"%%%PROGRAM%%%", {stCommand.csProgram, csProgram, csEscape(csProgram)}},
              {"%%%ARG%%%", {stCommand.csArguments, csArguments, csEscapeAgain(csArguments)}},
@@ -116,14 +122,16 @@ CPlaceholders tMakePlaceholders(const STCommandLine& stCommand, const std::strin
              {"%%%LOCK_FILE%%%", Same(csLockFile)}}};
 }
 
-/// Appends the line with its placeholders filled. Values are not looked through for placeholders in turn.
+/// Appends the line with its placeholders filled. A value that looks like a placeholder stays what it is: the
+/// walk goes on after it, so a name cannot pull in another value.
 void AppendFilled(std::string_view csLine, const CPlaceholders& tValues, std::string* pcsResult)
 {
-    const EQuoting eQuoting = eQuotingOf(csLine);
+    const EQuoting eQuoting = eQuotingOf(csLine); // of the template's line, before any value is in it
+
     while (!csLine.empty()) {
-        const auto pFound = std::find_if(tValues.begin(), tValues.end(), [&](const STPlaceholder& st) {
-            return csLine.starts_with(st.csName);
-        });
+        const auto pFound = std::ranges::find_if(
+            tValues, [csLine](std::string_view csName) { return csLine.starts_with(csName); },
+            &STPlaceholder::csName);
         if (pFound != tValues.end()) {
             *pcsResult += pFound->tValues[static_cast<std::size_t>(eQuoting)];
             csLine.remove_prefix(pFound->csName.size());
@@ -134,11 +142,11 @@ void AppendFilled(std::string_view csLine, const CPlaceholders& tValues, std::st
     }
 }
 
-/// Made unable to end the comment's line, or the value in the marker line.
+/// The text made harmless for a comment: it can end neither the line nor its value in the marker line.
 std::string csCommentText(std::string csText)
 {
-    std::replace_if(csText.begin(), csText.end(), bControl, ' ');
-    std::replace(csText.begin(), csText.end(), '"', '\'');
+    std::ranges::replace_if(csText, bControl, ' ');
+    std::ranges::replace(csText, '"', '\'');
     return csText;
 }
 } // namespace
@@ -146,20 +154,19 @@ std::string csCommentText(std::string csText)
 bool bInertName(const std::wstring& csName)
 {
     return !csName.empty() && csName != L"." && csName != L".." && csName.front() != L'-' &&
-           std::all_of(csName.begin(), csName.end(), bOrdinary);
+           std::ranges::all_of(csName, bOrdinary);
 }
 
 bool bInertWords(const std::wstring& csText)
 {
-    return std::all_of(csText.begin(), csText.end(),
-                       [](wchar_t c) { return bOrdinary(c) || c == L' ' || c == L'/'; });
+    return std::ranges::all_of(csText, [](wchar_t c) { return bOrdinary(c) || c == L' ' || c == L'/'; });
 }
 
 bool bScriptable(const std::string& csCommandLine)
 {
     const std::string csProgram = stSplitCommandLine(csCommandLine).csProgram;
     return !csProgram.empty() && csProgram.find('"') == std::string::npos &&
-           std::none_of(csCommandLine.begin(), csCommandLine.end(), bControl);
+           std::ranges::none_of(csCommandLine, bControl);
 }
 
 void __PatchScript(CXYString<char>* pcsScript, CXYString<char>* pcsLockFile, const char* pszCommandLine,
@@ -169,8 +176,9 @@ void __PatchScript(CXYString<char>* pcsScript, CXYString<char>* pcsLockFile, con
         tMakePlaceholders(stSplitCommandLine(pszCommandLine != nullptr ? pszCommandLine : ""),
                           csCommentText(pszDisplayName != nullptr ? pszDisplayName : ""),
                           pcsLockFile != nullptr ? *pcsLockFile : std::string());
+
+    // Line by line, because the line decides how a value is quoted. Newlines are kept byte for byte.
     std::string csResult;
-    // Line by line, because how a value is quoted depends on the line; line ends are kept as they are.
     for (std::string_view csRest = *pcsScript; !csRest.empty();) {
         const std::string_view csAll = csRest;
         const std::string_view csLine = csTakeLine(&csRest);
@@ -183,13 +191,14 @@ void __PatchScript(CXYString<char>* pcsScript, CXYString<char>* pcsLockFile, con
 STMarker stReadMarker(std::string_view csScript, std::string_view csKey, std::size_t nBuffer)
 {
     while (!csScript.empty()) {
-        // A longer line is cut, as by a reader with a buffer of that size and its terminator.
+        // A longer line is cut, as by a reader with such a buffer, terminator included; clients rely on it.
         std::string_view csLine = csTakeLine(&csScript).substr(0, nBuffer - 1);
         csLine = csLine.substr(0, csLine.find('\0'));
         const std::size_t nKey = csLine.find(csKey);
         if (nKey == std::string_view::npos) {
             continue;
         }
+
         const std::string_view csValue = csLine.substr(nKey + csKey.size());
         const std::size_t nEnd = csValue.find('"');
         if (nEnd == std::string_view::npos) {

@@ -1,3 +1,6 @@
+// One child after another for one caller: pipes, the argument vector, and the pace at which the child is
+// watched.
+
 #include "service/LanceProcessus.h"
 
 #include "service/ToolEnvironment.h"
@@ -13,16 +16,19 @@
 #include <fcntl.h>
 #include <memory>
 #include <poll.h>
+#include <tuple>
 #include <unistd.h>
 
 namespace {
 constexpr int s_nMaxArguments = 50; ///< the program included
-/// Room for a child's output: what fits does not hold the child up while its reader pauses.
+/// Bytes that the output pipe holds: a child that prints no more never waits for its pausing reader.
 constexpr std::size_t s_nOutputRoom = std::size_t{1} << 20;
-constexpr std::size_t s_nBlock = 1024; ///< bytes of one read
-constexpr long s_nGoOnMs = 50;         ///< a child that waited for room in its pipe writes again within
+/// Bytes of one read; they lie on the stack, of which a worker thread has 64 KiB.
+constexpr std::size_t s_nBlock = 1024;
+constexpr long s_nGoOnMs = 50; ///< within which a child that waited for room in its pipe writes again
 
-/// Appends without doubling a large text: while it moves, both copies are in memory.
+/// Appends; a large text gets its whole room at once instead of growing by doubling: while it moves, both
+/// copies are in memory.
 void AppendWithin(std::string* pcsText, std::string_view csMore, std::size_t nMax)
 {
     const std::size_t nSize = pcsText->size() + csMore.size();
@@ -34,11 +40,11 @@ void AppendWithin(std::string* pcsText, std::string_view csMore, std::size_t nMa
 
 void Nap(int nMs)
 {
-    ::poll(nullptr, 0, nMs); // ends early when a child ends
+    ::poll(nullptr, 0, nMs); // a child's exit ends it early, by SIGCHLD
 }
 
-/// Whether the calling thread may still launch tools and wait for them; errno tells that it may not. Its tool
-/// is then left to itself.
+/// Whether the calling thread may still launch tools and wait for them; if not, errno is ECANCELED. The tool
+/// that it waits for is then left to itself.
 bool bMayGoOn()
 {
     if (!CStopping::bMayGoOn()) {
@@ -59,10 +65,13 @@ int nSplitArguments(char* psz, char** ppszArguments, int nMax) noexcept
         if (*psz == '\0') {
             break;
         }
+
         const char cEnd = *psz == '"' ? '"' : ' ';
         if (cEnd == '"') {
             ++psz;
         }
+
+        // The separator after the word becomes its terminator. A quote without a partner runs to the end.
         ppszArguments[nCount++] = psz;
         while (*psz != '\0' && *psz != cEnd) {
             ++psz;
@@ -76,7 +85,7 @@ int nSplitArguments(char* psz, char** ppszArguments, int nMax) noexcept
 
 void CLanceProcessus::sInit()
 {
-    sTerm(); // the old one restores the signal actions that the new one takes over
+    sTerm(); // the old manager restores the signal actions, which the new one then takes over
     CProcessManager::m_gpclManager = std::make_unique<CProcessManager>();
 }
 
@@ -98,14 +107,17 @@ bool CLanceProcessus::bLanceProcessus(const wchar_t* pszProgram, const wchar_t* 
         errno = ESHUTDOWN;
         return bFail(pclError, L"launch", pszProgram);
     }
-    std::string csProgram = csToUTF8(pszProgram);
     if (!bMayGoOn()) {
         return bFail(pclError, L"stop", pszProgram);
     }
+
+    // Checked before the fork: after it nothing but the child's exit status 127 would tell.
+    std::string csProgram = csToUTF8(pszProgram);
     if (::access(csProgram.c_str(), X_OK) != 0) {
         return bFail(pclError, L"access", pszProgram);
     }
-    std::string csArguments = csToUTF8(pszArguments);
+
+    std::string csArguments = csToUTF8(pszArguments); // cut into words in place
     std::array<char*, s_nMaxArguments + 1> tArguments{};
     tArguments[0] = csProgram.data();
     nSplitArguments(csArguments.data(), &tArguments[1], s_nMaxArguments - 1);
@@ -115,8 +127,9 @@ bool CLanceProcessus::bLanceProcessus(const wchar_t* pszProgram, const wchar_t* 
     if (!bOpenPipe(&stInput) || !bOpenPipe(&stOutput)) {
         return bFail(pclError, L"pipe", pszProgram);
     }
-    // Refused: the usual room does as well.
-    (void)::fcntl(stOutput.clWrite.nFd(), F_SETPIPE_SZ, static_cast<int>(s_nOutputRoom));
+    // The kernel may refuse so much: a smaller pipe works, too, only slower.
+    std::ignore = ::fcntl(stOutput.clWrite.nFd(), F_SETPIPE_SZ, static_cast<int>(s_nOutputRoom));
+
     const std::vector<char*> tEnvironment = tToolEnvironment(csProgram);
     const STChildStart stStart{csProgram.c_str(),    tArguments.data(),      tEnvironment.data(),
                                stInput.clRead.nFd(), stOutput.clWrite.nFd(), stOutput.clWrite.nFd()};
@@ -124,12 +137,15 @@ bool CLanceProcessus::bLanceProcessus(const wchar_t* pszProgram, const wchar_t* 
     if (m_pstChild == nullptr) {
         return bFail(pclError, L"fork", pszProgram);
     }
+
+    // The child has the other two ends; ours close here, or its output would never reach end of file.
     m_clInput = std::move(stInput.clWrite);
     m_clOutput = std::move(stOutput.clRead);
     return true;
 }
 
-bool CLanceProcessus::__bReadable(long nMs) const
+/// Waits for output or its end; false also when a signal (mostly a child's exit) ended the wait.
+bool CLanceProcessus::_bReadable(long nMs) const
 {
     CSelectSet clSet;
     clSet.Add(m_clOutput.nFd());
@@ -137,16 +153,17 @@ bool CLanceProcessus::__bReadable(long nMs) const
     return clSet.nSelect(&stTimeout) > 0;
 }
 
-bool CLanceProcessus::__bReadSome(CXYString<char>* pcsOutput, std::size_t* pnTotal)
+bool CLanceProcessus::_bReadSome(CXYString<char>* pcsOutput, std::size_t* pnTotal)
 {
     std::array<char, s_nBlock> tBuffer;
     const ssize_t nRead = ::read(m_clOutput.nFd(), tBuffer.data(), tBuffer.size());
-    if (nRead <= 0) {
+    if (nRead <= 0) { // end of file or an error, unless a signal interrupted the call
         if (nRead < 0 && errno != EINTR && pcsOutput != nullptr) {
-            __GiveOutputUp(errno);
+            _GiveOutputUp(errno);
         }
         return nRead < 0 && errno == EINTR;
     }
+
     *pnTotal += static_cast<std::size_t>(nRead);
     if (pcsOutput != nullptr) {
         AppendWithin(pcsOutput, {tBuffer.data(), static_cast<std::size_t>(nRead)}, m_nMaxOutput);
@@ -154,28 +171,28 @@ bool CLanceProcessus::__bReadSome(CXYString<char>* pcsOutput, std::size_t* pnTot
     return true;
 }
 
-void CLanceProcessus::__GiveOutputUp(int nError)
+void CLanceProcessus::_GiveOutputUp(int nError)
 {
     m_nOutputError = nError;
     Kill();
 }
 
-bool CLanceProcessus::__bOutputWaits(bool bWanted)
+bool CLanceProcessus::_bOutputWaits(bool bWanted)
 {
     CSelectSet clSet;
     clSet.Add(m_clOutput.nFd());
     const int nReady = nRetry([&] {
-        timeval stAtOnce{};
+        timeval stAtOnce{}; // anew for each call: select may change it
         return clSet.nSelect(&stAtOnce);
     });
     if (nReady < 0 && bWanted) {
-        __GiveOutputUp(errno);
+        _GiveOutputUp(errno);
     }
     return nReady > 0;
 }
 
-/// A tool whose work was cancelled must not do it later.
-bool CLanceProcessus::__bMayGoOn()
+/// Whether to go on. Kills a tool whose work was cancelled: it must not be done later.
+bool CLanceProcessus::_bMayGoOn()
 {
     const bool bOn = bMayGoOn();
     if (CStopping::bCancelled()) {
@@ -185,9 +202,9 @@ bool CLanceProcessus::__bMayGoOn()
     return bOn;
 }
 
-/// A child whose output is at its end is about to end itself: wait a moment for that before the long pause,
-/// which an end that came just before it would not cut short.
-void CLanceProcessus::__WaitEndAfterOutput() const
+/// Called once the child's output has reached end of file. Waits a moment for the exit, which mostly follows
+/// at once, so that the caller seldom needs the long pause.
+void CLanceProcessus::_WaitEndAfterOutput() const
 {
     for (int nMs = 1; nMs <= 16 && !bProcessusTermine(); nMs *= 2) {
         Nap(nMs);
@@ -196,25 +213,28 @@ void CLanceProcessus::__WaitEndAfterOutput() const
 
 bool CLanceProcessus::bLitSortieA(CXYString<char>* pcsOutput)
 {
-    if (!__bLaunched()) {
+    if (!_bLaunched()) {
         return false;
     }
+
+    // At most one pipeful: a process that the child has left running may go on printing for ever.
     std::size_t nTotal = 0;
     bool bOpen = true;
-    // No more than the pipe holds: something that the child has left behind may go on printing for ever.
-    while (bOpen && m_nOutputError == 0 && nTotal < s_nOutputRoom && __bOutputWaits(pcsOutput != nullptr)) {
-        bOpen = __bReadSome(pcsOutput, &nTotal);
+    while (bOpen && m_nOutputError == 0 && nTotal < s_nOutputRoom && _bOutputWaits(pcsOutput != nullptr)) {
+        bOpen = _bReadSome(pcsOutput, &nTotal);
         if (m_nOutput + nTotal > m_nMaxOutput) {
-            __GiveOutputUp(EFBIG);
+            _GiveOutputUp(EFBIG);
         }
     }
     m_nOutput += nTotal;
+
     if (!bOpen) {
-        __WaitEndAfterOutput();
+        _WaitEndAfterOutput();
     }
-    // A child that has filled its pipe before is about to go on: a long pause for each pipeful would take
+
+    // A child that has filled the pipe before goes on at once. A long pause for each pipeful would add up to
     // half a minute for what a listing may print.
-    if (nTotal == 0 && m_nOutput >= s_nOutputRoom && m_nOutputError == 0 && __bReadable(s_nGoOnMs)) {
+    if (nTotal == 0 && m_nOutput >= s_nOutputRoom && m_nOutputError == 0 && _bReadable(s_nGoOnMs)) {
         return true;
     }
     if (nTotal == 0) {
@@ -225,17 +245,21 @@ bool CLanceProcessus::bLitSortieA(CXYString<char>* pcsOutput)
 
 bool CLanceProcessus::bLitSortieEtAttendFinExecution(CXYString<char>* pcsOutput, unsigned int* pnExitCode)
 {
-    if (!__bLaunched()) {
+    if (!_bLaunched()) {
         return false;
     }
+
+    // Nobody writes to the child any more; one that reads must see the end of its input.
     m_clInput.Close();
+
     while (!bProcessusTermine()) {
-        if (!__bMayGoOn()) {
+        if (!_bMayGoOn()) {
             return false;
         }
         bLitSortieA(pcsOutput);
     }
-    bLitSortieA(pcsOutput); // what was written just before the end
+    bLitSortieA(pcsOutput); // what the child wrote just before its exit
+
     const bool bEnded = bAttendFinExecution(pnExitCode);
     if (m_nOutputError != 0) {
         errno = m_nOutputError;
@@ -246,18 +270,21 @@ bool CLanceProcessus::bLitSortieEtAttendFinExecution(CXYString<char>* pcsOutput,
 
 bool CLanceProcessus::bAttendFinExecution(unsigned int* pnExitCode, unsigned int nMaxMs)
 {
-    if (!__bLaunched()) {
+    if (!_bLaunched()) {
         return false;
     }
+
+    // Nobody writes to the child any more; one that reads must see the end of its input.
     m_clInput.Close();
-    // Rounds of 1 ms, 2 ms, 3 ms and so on up to 100 ms; output that comes meanwhile, and the child's end,
-    // cut one short.
+
+    // Look after 1 ms, 2 ms, 3 ms and so on up to 100 ms; output and the child's exit end a wait early.
+    // Output must be drained meanwhile, or a child that prints more than the pipe holds would never exit.
     const auto clEnd = std::chrono::steady_clock::now() + std::chrono::milliseconds(nMaxMs);
     int nCode = 0;
     bool bOpen = true;
     std::size_t nDiscarded = 0;
     for (int nMs = 1; !CProcessManager::m_gpclManager->bGetCode(m_pstChild, &nCode);) {
-        if (!__bMayGoOn()) {
+        if (!_bMayGoOn()) {
             return false;
         }
         if (nMaxMs != 0 && std::chrono::steady_clock::now() >= clEnd) {
@@ -265,13 +292,15 @@ bool CLanceProcessus::bAttendFinExecution(unsigned int* pnExitCode, unsigned int
             errno = ETIMEDOUT;
             return false;
         }
-        if (!bOpen) {
+
+        if (!bOpen) { // at end of file the pipe is always readable, so select would return at once
             Nap(nMs);
-        } else if (__bReadable(nMs)) {
-            bOpen = __bReadSome(nullptr, &nDiscarded);
+        } else if (_bReadable(nMs)) {
+            bOpen = _bReadSome(nullptr, &nDiscarded);
         }
         nMs = std::min(nMs + 1, 100);
     }
+
     if (pnExitCode != nullptr) {
         *pnExitCode = static_cast<unsigned int>(nCode);
     }
@@ -280,13 +309,13 @@ bool CLanceProcessus::bAttendFinExecution(unsigned int* pnExitCode, unsigned int
 
 bool CLanceProcessus::bEndedBySignal() const
 {
-    return __bLaunched() && CProcessManager::m_gpclManager->bEndedBySignal(m_pstChild);
+    return _bLaunched() && CProcessManager::m_gpclManager->bEndedBySignal(m_pstChild);
 }
 
 bool CLanceProcessus::bProcessusTermine() const
 {
     int nCode = 0;
-    return !__bLaunched() || CProcessManager::m_gpclManager->bGetCode(m_pstChild, &nCode);
+    return !_bLaunched() || CProcessManager::m_gpclManager->bGetCode(m_pstChild, &nCode);
 }
 
 bool CLanceProcessus::bEcritEntree(const void* pData, unsigned int nLength)
@@ -296,7 +325,7 @@ bool CLanceProcessus::bEcritEntree(const void* pData, unsigned int nLength)
 
 bool CLanceProcessus::Kill()
 {
-    if (__bLaunched()) {
+    if (_bLaunched()) {
         CProcessManager::m_gpclManager->Kill(m_pstChild, SIGKILL);
     }
     return true;
@@ -304,7 +333,7 @@ bool CLanceProcessus::Kill()
 
 bool CLanceProcessus::bLibere()
 {
-    if (__bLaunched()) {
+    if (_bLaunched()) {
         CProcessManager::m_gpclManager->FreePid(m_pstChild);
     }
     m_clInput.Close();

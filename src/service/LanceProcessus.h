@@ -5,22 +5,21 @@
 #include "support/XError.h"
 #include "support/XYString.h"
 
-/// Cuts psz in place at blanks; a word that begins with a double quote runs to the next one (quotes not
-/// included), nothing else is special. At most nMax entries, the rest is ignored. Returns the count.
+/// Cuts psz in place at spaces. A word that begins with a double quote runs to the next one, and loses both;
+/// nothing else is special. Stores at most nMax words, ignores the rest, and returns the count.
 int nSplitArguments(char* psz, char** ppszArguments, int nMax) noexcept;
 
 /// Runs one program without a shell and gives its merged output and exit code.
 ///
-/// Once the calling thread may not go on (CStopping::bMayGoOn), launching and waiting fail with ECANCELED.
-///
 /// One object drives one child at a time: idle -> launched -> idle, reusable after bLibere(), which a second
-/// launch implies. One thread uses an object; different objects may run in different threads. An object is
-/// launched between sInit() and sTerm() only. bLibere() and the destructor let go of the child, they never
-/// kill it; it is still reaped.
+/// launch implies. bLibere() and the destructor let go of the child, which is never killed and still reaped.
+/// One thread uses an object; different objects may run in different threads. Launches are possible between
+/// sInit() and sTerm() only. Once the calling thread may not go on (CStopping::bMayGoOn), launching and
+/// waiting fail with ECANCELED.
 class CLanceProcessus
 {
 public:
-    /// Start and end of the process-wide child table (CProcessManager); main thread, once.
+    /// Create and destroy the process-wide child table (CProcessManager); main thread.
     static void sInit();
     static void sTerm();
 
@@ -29,45 +28,44 @@ public:
     CLanceProcessus& operator=(const CLanceProcessus&) = delete;
     virtual ~CLanceProcessus();
 
-    /// Starts the program (full path, must be executable) with the arguments of pszArguments, at most 49,
-    /// split as nSplitArguments does. False on failure, with errno and the error filled; the object is idle
-    /// then.
+    /// Starts the program (full path, must be executable) with at most 49 arguments, cut from pszArguments by
+    /// nSplitArguments. False on failure, with errno and the error filled; the object is then idle.
     bool bLanceProcessus(const wchar_t* pszProgram, const wchar_t* pszArguments, CXError* pclError);
-    /// Sets how many bytes the two readers below take from one child, 1 MiB unless set; a child that prints
+    /// Sets how many bytes the two readers below take from one child (1 MiB unless set). A child that prints
     /// more is killed.
     void LimitOutput(std::size_t nMax) { m_nMaxOutput = nMax; }
-    /// Appends what the child has written so far (null: discards it). A pass that finds the child alive and
-    /// silent pauses for 2 seconds, a pause that the child's end cuts short; this pacing is intended.
+    /// Appends what the child has written so far (null: discards it). When the child is alive and silent, the
+    /// call pauses for 2 seconds, or until the child's exit; clients rely on this pace.
     bool bLitSortieA(CXYString<char>* pcsOutput);
-    /// Reads all output until the child ends, then takes its exit code. False when output is missing: the
-    /// child printed more than the limit (EFBIG), or what it printed could not be read. It is killed then.
+    /// Reads all output until the child exits, then takes its exit code. False when output is missing: the
+    /// child printed more than the limit (EFBIG), or its output could not be read. The child is then killed.
     bool bLitSortieEtAttendFinExecution(CXYString<char>* pcsOutput, unsigned int* pnExitCode);
-    /// Waits for the end; output is discarded as it comes, so that the child is never held up. The child's
-    /// input is at its end. A grandchild that keeps the output open does not prolong the wait. A child that
-    /// takes longer than nMaxMs milliseconds (0: no limit) is killed, which is a failure (ETIMEDOUT).
+    /// Waits for the child's exit. Closes its input, and discards its output as it comes, so that the child
+    /// never waits for us. A grandchild that keeps the output open does not prolong the wait. A child that
+    /// takes longer than nMaxMs milliseconds (0: no limit) is killed, and the call fails with ETIMEDOUT.
     bool bAttendFinExecution(unsigned int* pnExitCode, unsigned int nMaxMs = 0);
-    /// Whether the child was ended by a signal, whose number is then its exit code. After a wait only.
+    /// Whether a signal ended the child; its number is then the exit code. After a wait only.
     bool bEndedBySignal() const;
-    /// True when the child has ended, or nothing is launched.
+    /// True when the child has exited, or nothing is launched.
     bool bProcessusTermine() const;
     /// Writes to the child's standard input; waits while its pipe is full. True only when all was written.
     bool bEcritEntree(const void* pData, unsigned int nLength);
-    /// SIGKILL, if the child has not ended.
+    /// Sends SIGKILL if the child has not exited. Always true.
     bool Kill();
-    /// Detaches. Always true.
+    /// Lets go of the child; the object is then idle. Always true.
     bool bLibere();
 
 private:
-    bool __bLaunched() const { return m_pstChild != nullptr && CProcessManager::m_gpclManager != nullptr; }
-    bool __bReadable(long nMs) const;
-    /// Notes that output is missing, and ends the child, which nobody would read any more.
-    void __GiveOutputUp(int nError);
+    bool _bLaunched() const { return m_pstChild != nullptr && CProcessManager::m_gpclManager != nullptr; }
+    bool _bReadable(long nMs) const;
+    /// Notes that output is missing and why. Kills the child, whose output nobody would read any more.
+    void _GiveOutputUp(int nError);
     /// Whether the next read returns at once; false also when that cannot be found out.
-    bool __bOutputWaits(bool bWanted);
-    /// One read, whose bytes are added to *pnTotal; false at the end of the output.
-    bool __bReadSome(CXYString<char>* pcsOutput, std::size_t* pnTotal);
-    bool __bMayGoOn();
-    void __WaitEndAfterOutput() const;
+    bool _bOutputWaits(bool bWanted);
+    /// Reads once and adds the bytes' count to *pnTotal; false when there is nothing more to read.
+    bool _bReadSome(CXYString<char>* pcsOutput, std::size_t* pnTotal);
+    bool _bMayGoOn();
+    void _WaitEndAfterOutput() const;
 
     CProcessManager::STChild* m_pstChild = nullptr; ///< null: idle
     CDescripteur m_clInput;                         ///< write end of the child's standard input

@@ -1,3 +1,6 @@
+// The table of children, and the SIGCHLD handler that reaps them. Whatever the handler runs must be
+// async-signal-safe: no allocation, no log, no exception.
+
 #include "service/ProcessManager.h"
 
 #include "support/SignalMask.h"
@@ -12,8 +15,8 @@
 std::unique_ptr<CProcessManager> CProcessManager::m_gpclManager;
 
 namespace {
-/// Holds the child table. Blocks SIGCHLD in this thread before it takes the lock, so that the handler never
-/// waits for a lock of its own thread; the destructor undoes both in reverse. Keeps errno.
+/// Holds the child table. Blocks SIGCHLD in this thread before it takes the lock: otherwise the handler could
+/// wait for a lock that its own thread holds. The destructor undoes both in reverse. Keeps errno.
 class CChildGuard
 {
 public:
@@ -21,7 +24,7 @@ public:
     {
         const int nErrno = errno;
         const timespec st10ms{0, 10'000'000};
-        while (m_bLocked.exchange(true)) {
+        while (m_bLocked.exchange(true)) { // a mutex is not async-signal-safe
             nanosleep(&st10ms, nullptr);
         }
         errno = nErrno;
@@ -36,7 +39,7 @@ private:
     std::atomic<bool>& m_bLocked;
 };
 
-/// Exit status, or the signal's number: what the signal information calls the status.
+/// Exit status, or the number of the signal that ended the child.
 int nStatusCode(int nWaitStatus)
 {
     return WIFEXITED(nWaitStatus) ? WEXITSTATUS(nWaitStatus) : WTERMSIG(nWaitStatus);
@@ -54,13 +57,13 @@ void lance_processus_child_sigaction(int nSignal, siginfo_t* pstInfo, void* pCon
 
 CProcessManager::CProcessManager()
 {
-    struct sigaction stAction
-    {};
+    STSigAction stAction{};
     sigemptyset(&stAction.sa_mask);
     stAction.sa_sigaction = lance_processus_child_sigaction;
     stAction.sa_flags = SA_SIGINFO;
     ::sigaction(SIGCHLD, &stAction, &m_stPrevious);
-    // Writing to the input of a child that does not read must be an error, not the end of the daemon.
+
+    // Writing to a child that no longer reads must be an error, not the daemon's death.
     stAction.sa_handler = SIG_IGN;
     stAction.sa_flags = 0;
     ::sigaction(SIGPIPE, &stAction, &m_stPreviousPipe);
@@ -73,7 +76,7 @@ CProcessManager::~CProcessManager()
 }
 
 template <class TAction>
-void CProcessManager::__ForEach(TAction action)
+void CProcessManager::_ForEach(TAction action)
 {
     for (STBlock* pstBlock = &m_stFirst; pstBlock != nullptr; pstBlock = pstBlock->pstNext.get()) {
         for (STChild& stRecord : pstBlock->tChildren) {
@@ -82,10 +85,10 @@ void CProcessManager::__ForEach(TAction action)
     }
 }
 
-CProcessManager::STChild* CProcessManager::__pstFindFree()
+CProcessManager::STChild* CProcessManager::_pstFindFree()
 {
     STChild* pstFree = nullptr;
-    __ForEach([&](STChild& stRecord) {
+    _ForEach([&](STChild& stRecord) {
         if (pstFree == nullptr && stRecord.nPid == 0 && stRecord.nFlags == 0) {
             pstFree = &stRecord;
         }
@@ -93,7 +96,7 @@ CProcessManager::STChild* CProcessManager::__pstFindFree()
     return pstFree;
 }
 
-void CProcessManager::__Append(std::unique_ptr<STBlock> pstBlock)
+void CProcessManager::_Append(std::unique_ptr<STBlock> pstBlock)
 {
     std::unique_ptr<STBlock>* ppstLast = &m_stFirst.pstNext;
     while (*ppstLast != nullptr) {
@@ -102,17 +105,17 @@ void CProcessManager::__Append(std::unique_ptr<STBlock> pstBlock)
     *ppstLast = std::move(pstBlock);
 }
 
-/// Takes a record that has no child yet.
-CProcessManager::STChild* CProcessManager::__pstReserve()
+/// Takes a free record for a child that is about to be created.
+CProcessManager::STChild* CProcessManager::_pstReserve()
 {
     std::unique_ptr<STBlock> pstSpare;
-    for (;;) { // once, or once more with the block that was wanting
+    for (;;) { // again with one more block as long as no record is free
         {
             const CChildGuard clGuard(m_bLocked);
             if (pstSpare != nullptr) {
-                __Append(std::move(pstSpare));
+                _Append(std::move(pstSpare));
             }
-            if (STChild* pstFree = __pstFindFree(); pstFree != nullptr) {
+            if (STChild* pstFree = _pstFindFree(); pstFree != nullptr) {
                 *pstFree = {0, 0, FLAG_OWNED, 0};
                 return pstFree;
             }
@@ -126,10 +129,11 @@ CProcessManager::STChild* CProcessManager::__pstReserve()
 CProcessManager::STChild* CProcessManager::pstFork(const STChildStart& stStart)
 {
     CChildStarter clStarter;
-    STChild* pstChild = __pstReserve();
+    STChild* pstChild = _pstReserve();
 
-    // Without the guard, which the others need while the program is executed. The signal of a child that
-    // exits before its pid is noted may be in vain; whoever asks about the child reaps it.
+    // Without the guard: other threads need the table while this one waits for the child's exec. The signal
+    // of a child that exits before its pid is noted below finds no record; whoever asks about the child reaps
+    // it.
     const CSignalsHeld clHeld{SIGCHLD};
     const pid_t nPid = clStarter.nStart(stStart);
 
@@ -142,14 +146,15 @@ CProcessManager::STChild* CProcessManager::pstFork(const STChildStart& stStart)
     return pstChild;
 }
 
-/// Reaps a child if it has exited.
-void CProcessManager::__Reap(STChild& stRecord)
+/// Reaps a child if it has exited, and frees its record if nobody owns it. Never waits.
+void CProcessManager::_Reap(STChild& stRecord)
 {
     int nStatus = 0;
     if (stRecord.nPid == 0 || (stRecord.nFlags & FLAG_ENDED) != 0 ||
         ::waitpid(stRecord.nPid, &nStatus, WNOHANG) != stRecord.nPid) {
         return;
     }
+
     stRecord.nCode = nStatusCode(nStatus);
     stRecord.nFlags |= FLAG_ENDED | (WIFSIGNALED(nStatus) ? FLAG_SIGNAL : 0);
     if ((stRecord.nFlags & FLAG_OWNED) == 0) {
@@ -157,9 +162,9 @@ void CProcessManager::__Reap(STChild& stRecord)
     }
 }
 
-/// The kernel gives the end of a child to the thread that created it, unless a signal of another child is
-/// pending already; so whoever notes an end passes it on to the thread that pauses for it.
-void CProcessManager::__Wake(const STChild& stRecord)
+/// Wakes the thread that pauses for a child that has exited. The kernel signals a child's exit to the thread
+/// that created it, but not while another SIGCHLD is pending; so whoever reaps a child passes the signal on.
+void CProcessManager::_Wake(const STChild& stRecord)
 {
     constexpr int nWanted = FLAG_PAUSE | FLAG_ENDED;
     if ((stRecord.nFlags & nWanted) == nWanted && stRecord.nPausing != ::gettid()) {
@@ -170,23 +175,25 @@ void CProcessManager::__Wake(const STChild& stRecord)
 void CProcessManager::SigAction(int nSignal, siginfo_t* pstInfo, void* pContext)
 {
     if (pstInfo->si_code == SI_TKILL && pstInfo->si_pid == ::getpid()) {
-        return; // from __Wake: it has done its work by interrupting the pause
+        return; // from _Wake: by interrupting the pause it has done its work
     }
+
     bool bOurs = false;
     {
         const CChildGuard clGuard(m_bLocked);
-        __ForEach([&](STChild& stRecord) {
+        _ForEach([&](STChild& stRecord) {
             bOurs = bOurs || (stRecord.nPid != 0 && stRecord.nPid == pstInfo->si_pid);
-            __Reap(stRecord);
-            __Wake(stRecord);
+            _Reap(stRecord);
+            _Wake(stRecord);
         });
     }
-    if (!bOurs) {
-        __ForwardToPrevious(nSignal, pstInfo, pContext);
+
+    if (!bOurs) { // without the guard: the previous handler may take its time
+        _ForwardToPrevious(nSignal, pstInfo, pContext);
     }
 }
 
-void CProcessManager::__ForwardToPrevious(int nSignal, siginfo_t* pstInfo, void* pContext) const
+void CProcessManager::_ForwardToPrevious(int nSignal, siginfo_t* pstInfo, void* pContext) const
 {
     if ((m_stPrevious.sa_flags & SA_SIGINFO) != 0) {
         m_stPrevious.sa_sigaction(nSignal, pstInfo, pContext);
@@ -198,7 +205,7 @@ void CProcessManager::__ForwardToPrevious(int nSignal, siginfo_t* pstInfo, void*
 bool CProcessManager::bGetCode(STChild* pstChild, int* pnCode)
 {
     const CChildGuard clGuard(m_bLocked);
-    __Reap(*pstChild);
+    _Reap(*pstChild);
     if ((pstChild->nFlags & FLAG_ENDED) == 0) {
         return false;
     }
@@ -214,22 +221,26 @@ bool CProcessManager::bEndedBySignal(const STChild* pstChild)
 
 void CProcessManager::Pause(STChild* pstChild)
 {
-    // An exit that comes after the look below stays pending for the pause instead of slipping in ahead of it.
+    // Blocks SIGCHLD from before the look at the child until ppoll unblocks it: the signal of an exit in
+    // between stays pending and ends the pause at once. Otherwise it would be handled too early, and the
+    // pause be long.
     const CSignalsHeld clHeld{SIGCHLD};
     {
         const CChildGuard clGuard(m_bLocked);
-        __Reap(*pstChild);
+        _Reap(*pstChild);
         if ((pstChild->nFlags & FLAG_ENDED) != 0) {
             return;
         }
         pstChild->nFlags |= FLAG_PAUSE;
         pstChild->nPausing = ::gettid();
     }
-    // Once, not re-armed: SIGCHLD ends it, and so does the stop of the daemon.
+
+    // Not resumed after a signal: SIGCHLD is to end it. So does the daemon's stop, by its descriptor.
     const int nMs = CStopping::nPollMs(2000);
     const timespec stPause{nMs / 1000, nMs % 1000 * 1'000'000L};
     pollfd stStop{CStopping::nFdToPoll(), POLLIN, 0};
     ::ppoll(&stStop, 1, &stPause, &clHeld.stBefore());
+
     const CChildGuard clGuard(m_bLocked);
     pstChild->nFlags &= ~FLAG_PAUSE;
 }
@@ -238,7 +249,7 @@ void CProcessManager::FreePid(STChild* pstChild)
 {
     const CChildGuard clGuard(m_bLocked);
     pstChild->nFlags &= ~FLAG_OWNED;
-    __Reap(*pstChild);
+    _Reap(*pstChild);
     if ((pstChild->nFlags & FLAG_ENDED) != 0) {
         *pstChild = {};
     }
@@ -256,6 +267,6 @@ int CProcessManager::nCountRecords()
 {
     const CChildGuard clGuard(m_bLocked);
     int nCount = 0;
-    __ForEach([&](const STChild& stRecord) { nCount += stRecord.nPid != 0 || stRecord.nFlags != 0 ? 1 : 0; });
+    _ForEach([&](const STChild& stRecord) { nCount += stRecord.nPid != 0 || stRecord.nFlags != 0 ? 1 : 0; });
     return nCount;
 }

@@ -10,19 +10,21 @@
 /// Reaps the children of the launcher and keeps their exit codes until their owners take them.
 ///
 /// One instance for the process, m_gpclManager, from sInit to sTerm (main thread; no child is owned then).
-/// All other operations may be called by any thread, those on a child by its owner. SIGCHLD is not queued,
-/// and the pid of a child is known only after its creation, which may be after its exit. So each signal looks
-/// after every known child, and whoever asks about a child reaps it. Children that are not ours are never
-/// reaped here.
+/// Any thread may call the operations; those on a child are for its owner.
+///
+/// SIGCHLD is not queued: two children may exit with one signal. And a child's pid is known only after its
+/// creation, which may be after its exit. So each signal looks at every known child, and whoever asks about a
+/// child reaps it. Children that are not ours are never reaped here.
 class CProcessManager
 {
 public:
     /// Null outside sInit to sTerm.
     static std::unique_ptr<CProcessManager> m_gpclManager;
 
-    /// Installs the SIGCHLD handler; the previous action is called for children that are not ours.
+    /// Installs the SIGCHLD handler, which calls the previous one for children that are not ours. Makes the
+    /// process ignore SIGPIPE.
     CProcessManager();
-    /// Restores the previous action.
+    /// Restores the previous actions.
     ~CProcessManager();
     CProcessManager(const CProcessManager&) = delete;
     CProcessManager& operator=(const CProcessManager&) = delete;
@@ -36,54 +38,55 @@ public:
         int nPausing; ///< thread id, with FLAG_PAUSE
     };
 
-    /// Starts a child (CChildStarter tells how). Its owner gives the record back with FreePid. Null with
-    /// errno when there is no child.
+    /// Starts a child, as CChildStarter does. The caller owns it and gives the record back with FreePid. Null
+    /// with errno when no child was created.
     STChild* pstFork(const STChildStart& stStart);
-    /// True when the child has ended, and then its exit code (the signal's number for a killed one).
+    /// True when the child has exited; *pnCode is then its exit status, or the number of the signal that
+    /// ended it.
     bool bGetCode(STChild* pstChild, int* pnCode);
-    /// Whether a signal ended the child: its number and an exit status would look alike.
+    /// Whether a signal ended the child: the code alone does not say.
     bool bEndedBySignal(const STChild* pstChild);
-    /// Pauses the calling thread for 2 seconds, once; not at all when the child has ended. Its exit cuts the
-    /// pause short.
+    /// Pauses the calling thread for 2 seconds, or until the child's exit; not at all when the child has
+    /// exited. Any other signal ends the pause, too.
     void Pause(STChild* pstChild);
-    /// Its owner forgets the child: the record goes now, or when the child exits.
+    /// Gives the child up: its record is freed now, or when the child exits.
     void FreePid(STChild* pstChild);
-    /// Sends a signal to a child that has not ended. The pid cannot have been reused.
+    /// Sends a signal to a child that has not been reaped; its pid cannot have been reused.
     void Kill(const STChild* pstChild, int nSignal);
     /// Body of the SIGCHLD handler.
     void SigAction(int nSignal, siginfo_t* pstInfo, void* pContext);
-    /// Records in use; for checks that none is left over.
+    /// Number of records in use; for checks that none is left over.
     int nCountRecords();
 
 private:
+    using STSigAction = struct sigaction;
+
     enum EFlags : int
     {
         FLAG_ENDED = 1,  ///< the exit code is valid
         FLAG_OWNED = 2,  ///< a CLanceProcessus still wants it
-        FLAG_PAUSE = 4,  ///< a thread pauses until the child ends
+        FLAG_PAUSE = 4,  ///< a thread pauses until the child's exit
         FLAG_SIGNAL = 8, ///< the exit code is the number of the signal that ended it
     };
-    /// Records live in blocks that are only ever added: the handler releases a record by clearing its pid,
-    /// since it must not call free.
+    /// Blocks are added and never removed: the handler must not call free, so it releases a record by
+    /// clearing it.
     struct STBlock
     {
         STChild tChildren[64]{};
         std::unique_ptr<STBlock> pstNext;
     };
 
-    STChild* __pstReserve();
-    STChild* __pstFindFree();
-    void __Append(std::unique_ptr<STBlock> pstBlock);
-    static void __Reap(STChild& stRecord);
-    static void __Wake(const STChild& stRecord);
-    void __ForwardToPrevious(int nSignal, siginfo_t* pstInfo, void* pContext) const;
+    STChild* _pstReserve();
+    STChild* _pstFindFree();
+    void _Append(std::unique_ptr<STBlock> pstBlock);
+    static void _Reap(STChild& stRecord);
+    static void _Wake(const STChild& stRecord);
+    void _ForwardToPrevious(int nSignal, siginfo_t* pstInfo, void* pContext) const;
     template <class TAction>
-    void __ForEach(TAction action);
+    void _ForEach(TAction action);
 
     std::atomic<bool> m_bLocked{false}; ///< spin lock
     STBlock m_stFirst;
-    struct sigaction m_stPrevious
-    {};
-    struct sigaction m_stPreviousPipe
-    {};
+    STSigAction m_stPrevious{};     ///< for SIGCHLD
+    STSigAction m_stPreviousPipe{}; ///< for SIGPIPE
 };

@@ -1,3 +1,5 @@
+// Judges by /proc whether the process that a PID file names is the server.
+
 #include "service/ServerProcess.h"
 
 #include "support/Conversion.h"
@@ -10,21 +12,23 @@
 #include <string_view>
 
 namespace {
-constexpr std::size_t s_nMaxPidFile = 4096;
-constexpr std::size_t s_nMaxArguments = std::size_t{4} << 20; ///< the kernel's own limit is below
+constexpr std::size_t s_nMaxPidFile = 4096;                   ///< bytes
+constexpr std::size_t s_nMaxArguments = std::size_t{4} << 20; ///< bytes; the kernel's own limit is lower
 
-/// The first line's number; empty when it is none.
+/// The number in the first line, as text; empty when the line holds anything else.
 std::string csNumberIn(std::string_view csText)
 {
     const std::string_view csLine = csText.substr(0, csText.find('\n'));
     const std::size_t nFirst = std::min(csLine.find_first_not_of(" \t"), csLine.size());
     const std::size_t nEnd = csLine.find_last_not_of(" \t") + 1;
     const std::string_view csWord = csLine.substr(nFirst, std::max(nEnd, nFirst) - nFirst);
+
+    // Digits only: the text becomes part of a path under /proc.
     return csWord.find_first_not_of("0123456789") == std::string_view::npos ? std::string(csWord)
                                                                             : std::string();
 }
 
-/// Whether the executable of a process is a program; it may have been replaced on disk.
+/// Whether a process runs this program, whose file may have been replaced on disk since.
 bool bRuns(const std::string& csProcess, const std::wstring& csProgram)
 {
     constexpr std::string_view csDeleted = " (deleted)";
@@ -34,38 +38,47 @@ bool bRuns(const std::string& csProcess, const std::wstring& csProgram)
     if (csRunning.empty() || csProgram.empty() || clError) {
         return false;
     }
+
+    // The kernel adds this to the name of a file that is gone.
     if (csRunning.ends_with(csDeleted)) {
         csRunning.resize(csRunning.size() - csDeleted.size());
     }
     return csRunning == clProgram.string();
 }
 
+/// Whether a process is the service's server (see eReadPidFile).
 bool bIsServer(const std::string& csProcess, const std::string& csName, const std::wstring& csProgram)
 {
     std::string csArguments;
     if (!CDiskFile::bReadFile(csFromUTF8(csProcess + "/cmdline"), &csArguments, s_nMaxArguments)) {
         return false;
     }
-    bool bAnyServers = false;
+
+    // Each argument ends with a zero byte.
+    bool bNamesAServer = false;
     for (std::string_view csRest = csArguments; !csRest.empty();) {
         const std::string_view csArgument = csRest.substr(0, csRest.find('\0'));
         csRest.remove_prefix(std::min(csArgument.size() + 1, csRest.size()));
         if (csArgument == csName) {
             return true;
         }
-        bAnyServers = bAnyServers || csArgument.starts_with(g_szServerPrefixA);
+        bNamesAServer = bNamesAServer || csArgument.starts_with(g_szServerPrefixA);
     }
-    return !bAnyServers && bRuns(csProcess, csProgram);
+
+    // Another server of the same program has its own name among its arguments. A server without any name
+    // there has changed its arguments, so only the program is left to go by.
+    return !bNamesAServer && bRuns(csProcess, csProgram);
 }
 } // namespace
 
 EPidFile eReadPidFile(const std::wstring& csName, const std::wstring& csProgram)
 {
     const std::wstring csFile = L"/var/run/" + csName + L".pid";
-    std::string csText;
     if (!CDiskFile::bExists(csFile)) {
         return EPidFile::NONE;
     }
+
+    std::string csText;
     const std::string csNumber =
         CDiskFile::bReadFile(csFile, &csText, s_nMaxPidFile) ? csNumberIn(csText) : std::string();
     return !csNumber.empty() && bIsServer("/proc/" + csNumber, csToUTF8(csName), csProgram) ? EPidFile::SERVER

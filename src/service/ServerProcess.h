@@ -2,15 +2,15 @@
 
 #include <string>
 
-/// What a service's PID file says of it.
+/// What a service's PID file says about the service.
 enum class EPidFile
 {
     NONE,   ///< there is none
-    STALE,  ///< it names no process, or another one
+    STALE,  ///< it names no process, or one that is not the server
     SERVER, ///< it names a live process that is the server
 };
 
-/// Looks at "/var/run/" + name + ".pid". A process is the server when its arguments hold the name as a whole
-/// argument; or, when none of its arguments begins with "DXCS-" (it has changed them), when its executable is
-/// the program, links resolved. The init scripts judge in the same way.
+/// Reads "/var/run/" + name + ".pid" and judges the process named there, in the same way as the init scripts.
+/// A process is the server when one of its arguments is the name. When none of its arguments even begins with
+/// "DXCS-" (it has changed them), it is the server when its executable is the program, links resolved.
 EPidFile eReadPidFile(const std::wstring& csName, const std::wstring& csProgram);

@@ -1,3 +1,5 @@
+// The table of service names that somebody holds or waits for.
+
 #include "service/ServiceLocks.h"
 
 #include "service/ServiceManagerUnix.h"
@@ -5,25 +7,27 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <tuple>
 
 namespace {
 using CClock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
-/// Between two stops: the first may have come before the init system knew of the start.
+/// Time between two stops: the first may have come before the init system knew of the start.
 constexpr auto s_clStopAgain = 250ms;
-/// After which a start that no stop has ended is given up: a script may hang before there is anything that
-/// its stop could find.
+/// When a start that no stop has ended is given up: a script may hang before there is anything that its stop
+/// could find.
 constexpr auto s_clGiveUp = 2s;
 } // namespace
 
+/// State of one name; all but bGivenUp under the table's lock.
 struct CServiceLocks::STName
 {
     bool bHeld = false;
-    bool bStarting = false;
-    bool bInterrupted = false; ///< a removal has sent the stop
-    int nRemovals = 0;         ///< that wait: one of them is next
-    std::atomic<bool> bGivenUp{false};
+    bool bStarting = false;            ///< its holder is inside CHold::bStart
+    bool bInterrupted = false;         ///< a removal has sent the stop to this start
+    int nRemovals = 0;                 ///< removals that wait; one of them is next
+    std::atomic<bool> bGivenUp{false}; ///< read by the starting thread: kill the start's tool
 };
 
 CServiceLocks::CHold& CServiceLocks::CHold::operator=(CHold&& clOther) noexcept
@@ -39,11 +43,13 @@ void CServiceLocks::CHold::Release()
     if (m_tNames.empty()) {
         return;
     }
-    const int nErrno = errno; // of what was done with the names
+
+    // Kept for the caller, who may be about to report why its work with the names failed.
+    const int nErrno = errno;
     const auto clLock = m_pclLocks->m_clWait.clLock();
     for (auto& [csName, pstName] : m_tNames) {
         pstName->bHeld = false;
-        m_pclLocks->__Forget(csName, &pstName);
+        m_pclLocks->_Forget(csName, &pstName);
     }
     m_tNames.clear();
     errno = nErrno;
@@ -52,11 +58,12 @@ void CServiceLocks::CHold::Release()
 bool CServiceLocks::CHold::bStart(CService& clService)
 {
     const auto pFound = m_tNames.find(CServiceManager::csRegisteredName(clService.pszGetName()));
-    if (pFound == m_tNames.end() || !m_pclLocks->__bBeginStart(*pFound->second)) {
+    if (pFound == m_tNames.end() || !m_pclLocks->_bBeginStart(*pFound->second)) {
         errno = ECANCELED;
         return false;
     }
 
+    // Go on to the end even when out of memory: with bStarting left set, removals would wait for ever.
     bool bStarted = false;
     try {
         const CStopRight clRight(&pFound->second->bGivenUp);
@@ -66,13 +73,14 @@ bool CServiceLocks::CHold::bStart(CService& clService)
     }
     const int nErrno = errno;
 
-    // Whatever its tool said, a start that a removal has met does not last.
-    const bool bKept = m_pclLocks->__bEndStart(*pFound->second);
+    // Whatever the tool reported: a start to which a removal has sent the stop does not last.
+    const bool bKept = m_pclLocks->_bEndStart(*pFound->second);
     errno = bKept ? nErrno : ECANCELED;
     return bStarted && bKept;
 }
 
-std::shared_ptr<CServiceLocks::STName> CServiceLocks::__pstName(const std::wstring& csName)
+/// The name's entry in the table, made if there is none yet.
+std::shared_ptr<CServiceLocks::STName> CServiceLocks::_pstName(const std::wstring& csName)
 {
     auto& pstName = m_tNames[csName];
     if (pstName == nullptr) {
@@ -81,8 +89,8 @@ std::shared_ptr<CServiceLocks::STName> CServiceLocks::__pstName(const std::wstri
     return pstName;
 }
 
-/// One user less; the last one takes the name out of the table.
-void CServiceLocks::__Forget(const std::wstring& csName, std::shared_ptr<STName>* ppstName)
+/// Gives up one use of a name; the last user removes the name from the table.
+void CServiceLocks::_Forget(const std::wstring& csName, std::shared_ptr<STName>* ppstName)
 {
     constexpr long nTableAndMine = 2;
     if (ppstName->use_count() == nTableAndMine) {
@@ -91,16 +99,19 @@ void CServiceLocks::__Forget(const std::wstring& csName, std::shared_ptr<STName>
     ppstName->reset();
 }
 
-bool CServiceLocks::__bTakeOne(const std::wstring& csName, CHold* pclHold)
+bool CServiceLocks::_bTakeOne(const std::wstring& csName, CHold* pclHold)
 {
     auto clLock = m_clWait.clLock();
-    auto pstName = __pstName(csName);
+    auto pstName = _pstName(csName);
+
+    // A waiting removal goes first: otherwise a crowd of starters could keep it out.
     const bool bTaken = CStopWait::bWait(
         clLock, [&] { return !pstName->bHeld && pstName->nRemovals == 0; }, CStopping::bAsked);
     if (!bTaken) {
-        __Forget(csName, &pstName);
+        _Forget(csName, &pstName);
         return false;
     }
+
     pclHold->m_tNames[csName] = pstName;
     pstName->bHeld = true;
     return true;
@@ -110,8 +121,9 @@ CServiceLocks::CHold CServiceLocks::clTake(const std::set<std::wstring>& tNames)
 {
     CHold clHold;
     clHold.m_pclLocks = this;
+    // Everybody takes names in the set's order, so that no two callers wait for each other.
     for (const std::wstring& csName : tNames) {
-        if (!__bTakeOne(csName, &clHold)) {
+        if (!_bTakeOne(csName, &clHold)) {
             return {};
         }
     }
@@ -124,33 +136,37 @@ CServiceLocks::CHold CServiceLocks::clTakeToRemove(const std::wstring& csName,
     CHold clHold;
     clHold.m_pclLocks = this;
     auto clLock = m_clWait.clLock();
-    auto pstName = __pstName(csName);
-    clHold.m_tNames[csName]; // allocated while nothing depends on it
+    auto pstName = _pstName(csName);
+    clHold.m_tNames[csName]; // allocates now, while running out of memory changes nothing yet
 
-    ++pstName->nRemovals;
+    ++pstName->nRemovals; // from here on nobody else takes the name, and no start of it begins
     CClock::time_point clMet{};
     while (pstName->bHeld && !CStopping::bAsked()) {
-        if (!pstName->bStarting) { // and no start begins any more
-            (void)CStopWait::bWait(
+        if (!pstName->bStarting) {
+            std::ignore = CStopWait::bWait(
                 clLock, [&] { return !pstName->bHeld; }, CStopping::bAsked);
             continue;
         }
+
+        // A start is under way: send the stop, without the lock, as it runs a tool.
         clMet = clMet == CClock::time_point{} ? CClock::now() : clMet;
         pstName->bInterrupted = true;
         pstName->bGivenUp = CClock::now() - clMet >= s_clGiveUp;
         clLock.unlock();
         try {
             fnStop();
-        } catch (...) { // out of memory: sent again
+        } catch (...) { // out of memory: the next round sends it
         }
         clLock.lock();
+
         CStopWait::WaitFor(clLock, s_clStopAgain, [&] { return !pstName->bHeld; });
     }
     --pstName->nRemovals;
 
-    if (pstName->bHeld) { // the stop came first
+    if (pstName->bHeld) {
+        // The daemon is to stop: leave without the name.
         clHold.m_tNames.clear();
-        __Forget(csName, &pstName);
+        _Forget(csName, &pstName);
         return {};
     }
     pstName->bHeld = true;
@@ -165,19 +181,21 @@ bool CServiceLocks::bHeld(const std::wstring& csName)
     return pFound != m_tNames.end() && pFound->second->bHeld;
 }
 
-bool CServiceLocks::__bBeginStart(STName& stName)
+bool CServiceLocks::_bBeginStart(STName& stName)
 {
     const auto clLock = m_clWait.clLock();
     if (stName.nRemovals != 0) {
         return false;
     }
+
+    // One hold may start its service several times; each start begins unharmed.
     stName.bStarting = true;
     stName.bInterrupted = false;
     stName.bGivenUp = false;
     return true;
 }
 
-bool CServiceLocks::__bEndStart(STName& stName)
+bool CServiceLocks::_bEndStart(STName& stName)
 {
     const auto clLock = m_clWait.clLock();
     stName.bStarting = false;

@@ -10,19 +10,20 @@
 
 class CService;
 
-/// One lock for each service: what changes the same service (a start, a removal, a registration, a restart)
-/// takes turns, different services never wait for each other. The keys are registered names
-/// (CServiceManager::csRegisteredName).
+/// One lock for each service: changes of the same service (a start, a removal, a registration, a restart) run
+/// one after the other; different services never wait for each other. The keys are registered names
+/// (CServiceManager::csRegisteredName). Any thread.
 ///
-/// A removal does not wait for a start that is under way: it sends the stop, which cancels the start, and
-/// comes next; nobody else gets in between. Whoever takes names while holding one of the registry's other
-/// locks would make everybody wait for a start that hangs: names come first.
+/// A removal does not wait for a start that is under way: it sends the stop, which cancels the start, and is
+/// next; nobody else gets the name in between. Take names before any other lock of the registry: who holds
+/// one of those and waits for a name makes everybody wait for a start that hangs.
 class CServiceLocks
 {
 public:
     struct STName;
 
-    /// Names taken, until the object's end. Empty when the stop came first.
+    /// The names that one caller has taken, until Release or the destructor. Empty when the daemon's stop
+    /// came before the names were free. One thread.
     class CHold
     {
     public:
@@ -34,10 +35,10 @@ public:
         ~CHold() { Release(); }
 
         bool bTaken() const { return !m_tNames.empty(); }
-        /// Starts a service whose name is among those taken. False (ECANCELED) also when a removal waits for
-        /// the name, or came meanwhile.
+        /// Starts a service whose name is among those taken. Fails with ECANCELED also when a removal waits
+        /// for the name, or has come during the start.
         bool bStart(CService& clService);
-        /// Keeps errno.
+        /// Gives the names back. Keeps errno.
         void Release();
 
     private:
@@ -46,22 +47,22 @@ public:
         std::map<std::wstring, std::shared_ptr<STName>> m_tNames;
     };
 
-    /// Takes names in their order.
+    /// Takes the names in alphabetical order, waiting for each that somebody else has.
     CHold clTake(const std::set<std::wstring>& tNames);
     CHold clTake(const std::wstring& csName) { return clTake(std::set{csName}); }
-    /// Takes one name for a removal. fnStop, which stops the service, is called, again and again if need be,
-    /// while a start of it is under way; a start that goes on even so is given up and its tool killed.
+    /// Takes one name for a removal. While a start of the service is under way, calls fnStop, which stops the
+    /// service, every 250 ms; a start that goes on for 2 seconds even so is given up and its tool killed.
     CHold clTakeToRemove(const std::wstring& csName, const std::function<void()>& fnStop);
-    /// Whether somebody has the name now.
+    /// Whether somebody holds the name now.
     bool bHeld(const std::wstring& csName);
 
 private:
-    std::shared_ptr<STName> __pstName(const std::wstring& csName);
-    void __Forget(const std::wstring& csName, std::shared_ptr<STName>* ppstName);
-    bool __bTakeOne(const std::wstring& csName, CHold* pclHold);
-    bool __bBeginStart(STName& stName);
-    bool __bEndStart(STName& stName);
+    std::shared_ptr<STName> _pstName(const std::wstring& csName);
+    void _Forget(const std::wstring& csName, std::shared_ptr<STName>* ppstName);
+    bool _bTakeOne(const std::wstring& csName, CHold* pclHold);
+    bool _bBeginStart(STName& stName);
+    bool _bEndStart(STName& stName);
 
     CStopWait m_clWait;
-    std::map<std::wstring, std::shared_ptr<STName>> m_tNames; ///< those that anybody has or waits for
+    std::map<std::wstring, std::shared_ptr<STName>> m_tNames; ///< the names that somebody holds or waits for
 };

@@ -1,4 +1,5 @@
-// The SysV back end: init scripts, and their registration with the family's own tool.
+// The SysV back end of CServiceManager: finds, lists and writes init scripts, and registers them with the
+// family's own tool.
 
 #include "service/CommandLine.h"
 #include "service/Distribution.h"
@@ -12,19 +13,21 @@
 
 #include <cerrno>
 #include <sys/stat.h>
+#include <tuple>
 #include <unistd.h>
 #include <vector>
 
 namespace {
-/// A place where scripts are: what stands before a script's name is split at its last "/".
+/// A place where scripts lie: what precedes a script's name in its path, split at the last "/". (Slackware
+/// has its scripts in a shared folder, with names that begin with "rc.".)
 struct STScriptPlace
 {
     std::wstring csDirectory;
     std::wstring csFilePrefix;
 };
 
-/// The service whose script a file is; null when it is none that is asked for, or is listed from an earlier
-/// place already.
+/// The service whose script a file is. Nothing when the file is no script, not one that is asked for, or
+/// hidden by a script of the same name in an earlier place.
 std::optional<CServiceName> clServiceOf(const STScriptPlace& stPlace, const std::wstring& csStart,
                                         const std::string& csFile)
 {
@@ -32,6 +35,8 @@ std::optional<CServiceName> clServiceOf(const STScriptPlace& stPlace, const std:
     if (!csFile.starts_with(csPrefix)) {
         return std::nullopt;
     }
+
+    // csScriptPath names the one file that counts for this service; only that one lists it.
     CServiceName clName = CServiceName::s_clListed(csFile.substr(csPrefix.size()));
     const bool bWanted = clName.csText().starts_with(csStart) && bInertName(clName.csText()) &&
                          csToUTF8(csScriptPath(clName.csText())) == csToUTF8(stPlace.csDirectory) + csFile;
@@ -46,8 +51,10 @@ bool bListPlace(const STScriptPlace& stPlace, const std::wstring& csStart, std::
     if (pDirectory == nullptr) {
         return errno == ENOENT || errno == ENOTDIR;
     }
+
     for (;;) {
-        errno = 0; // nothing else tells the end from a failure
+        // readdir returns null at the end, too: only errno tells a failure from it.
+        errno = 0;
         const dirent* const pstEntry = ::readdir(pDirectory.get());
         if (pstEntry == nullptr) {
             return errno == 0;
@@ -58,12 +65,13 @@ bool bListPlace(const STScriptPlace& stPlace, const std::wstring& csStart, std::
     }
 }
 
-/// A listing of scripts: all were read when it was made, which costs no launch.
+/// A listing of scripts. All of them are read when it is made: reading files needs no launch of a tool, so
+/// nothing is gained by waiting.
 class CScriptListing : public CServiceEnumeration
 {
 public:
-    /// Takes one more service; null, with errno, for one that could not be read. False when that is another
-    /// reason than its absence: not known is not gone.
+    /// Adds a service; null, with errno, stands for one that could not be read. Returns false when the reason
+    /// is another than its absence: a service of which nothing is known may still exist.
     bool bAdd(std::unique_ptr<CService> pclService)
     {
         if (pclService == nullptr) {
@@ -77,12 +85,13 @@ private:
     bool _bMore() override { return false; }
 };
 
-/// Where scripts of this machine's family lie. The family's own place comes first: a script there hides one
-/// of the same name in the usual place.
+/// Where the scripts of this machine's family lie. The family's own place comes first: a script there hides
+/// one of the same name in the usual place.
 std::vector<STScriptPlace> tScriptPlaces()
 {
     const STScriptPlace stUsual{g_szScriptDirectory, L""};
     std::vector<STScriptPlace> tPlaces{stUsual};
+
     if (const STSysVFamily* const pstFamily = pstFindFamily(CServiceManager::ms_eDistri);
         pstFamily != nullptr) {
         STScriptPlace stOwn;
@@ -94,8 +103,8 @@ std::vector<STScriptPlace> tScriptPlaces()
     return tPlaces;
 }
 
-/// An existing file keeps its identity; whoever owned it, it is root's afterwards. One that cannot be made so
-/// goes: root would run what is another user's.
+/// Writes a script that only root can change. A file that exists keeps its identity but not its owner. When
+/// owner and mode cannot be set, the file is deleted: root would run what another user may change.
 bool bWriteScript(const std::wstring& csPath, const std::string& csText)
 {
     constexpr mode_t nMode = 0755;
@@ -106,13 +115,15 @@ bool bWriteScript(const std::wstring& csPath, const std::string& csText)
     if (::chown(csDisk.c_str(), 0, 0) == 0 && ::chmod(csDisk.c_str(), nMode) == 0) {
         return true;
     }
-    const int nErrno = errno;
-    (void)CDiskFile::bDelete(csPath);
+
+    const int nErrno = errno; // of the call that failed
+    std::ignore = CDiskFile::bDelete(csPath);
     errno = nErrno;
     return false;
 }
-/// Whether later lookups read from the script exactly the program that was registered. In a path a backslash
-/// counts as a slash for whoever looks for the server's settings.
+
+/// Whether later lookups read from the script exactly the program that was registered. A backslash in its
+/// path is refused: the reader of the server's settings takes it for a slash.
 bool bScriptReadsBack(const std::string& csText, const std::wstring& csCommandLine)
 {
     const std::string csBytes = csToUTF8(csCommandLine);
@@ -123,7 +134,8 @@ bool bScriptReadsBack(const std::string& csText, const std::wstring& csCommandLi
            CProgram::s_clOf(csFromUTF8(*csRead)).csPath() == csProgram;
 }
 
-/// Whether a display name that is the service's own name is read again as it was.
+/// Whether a display name that is the service's own name, spaces included, is read back unchanged. Any other
+/// display name may change.
 bool bNameReadsBack(const std::string& csText, const CServiceName& clName, const std::wstring& csDisplayName)
 {
     const std::optional<std::string> csRead = stDisplayNameInScript(csText).csValue;
@@ -140,7 +152,8 @@ EDistri CServiceManager::__eFindDistri()
 
 std::unique_ptr<CService> CServiceManager::__pclGetServiceSysV(const CServiceName& clName)
 {
-    // The script that an installation would write, then one that somebody else has called just that.
+    // First the script that an installation would write, then one that somebody else has given this very
+    // name.
     for (const CServiceName& clCandidate :
          {clName.clRegistered(), CServiceName::s_clListed(csToUTF8(clName.csText()))}) {
         auto pclService = std::make_unique<CService>(this, clCandidate);
@@ -157,6 +170,8 @@ std::unique_ptr<CService> CServiceManager::__pclGetServiceSysV(const CServiceNam
 std::unique_ptr<CServiceEnumeration> CServiceManager::__pclEnumServiceSysV(const std::wstring& csPrefix,
                                                                            const wchar_t* pszFurther)
 {
+    // A place that cannot be read fails the whole listing: a server that is not listed would count as
+    // removed.
     const std::wstring csStart = CServiceName::s_clSaid(csPrefix.c_str()).csScript();
     std::vector<CServiceName> tNames;
     for (const STScriptPlace& stPlace : tScriptPlaces()) {
@@ -172,6 +187,7 @@ std::unique_ptr<CServiceEnumeration> CServiceManager::__pclEnumServiceSysV(const
             return nullptr;
         }
     }
+
     if (pszFurther != nullptr && !pclListing->bAdd(__pclGetServiceSysV(CServiceName::s_clSaid(pszFurther)))) {
         return nullptr;
     }
@@ -184,26 +200,33 @@ std::unique_ptr<CService> CServiceManager::__pclInstallSysV(const CServiceName& 
 {
     const std::wstring csScript = clName.csRegistry();
     const std::wstring csDisplayName(pszDisplayName != nullptr ? pszDisplayName : L"");
+
     const STSysVFamily* const pstFamily = pstFindFamily(ms_eDistri);
     std::string csText;
     std::string csLockFile = csToUTF8(csScript);
     if (pstFamily != nullptr) {
-        // The script's name is that of its lock file too, and what the tools know the service by.
+        // The script's name is also its lock file's, and the one by which the family's tools know the
+        // service.
         csText = *pstFamily->pcsTemplate;
         __PatchScript(&csText, &csLockFile, csToUTF8(csBinaryPath).c_str(), csToUTF8(csDisplayName).c_str());
     }
+
+    // Refuse what could not be read back: nobody could stop or remove such a service.
     if (pstFamily == nullptr || !bScriptReadsBack(csText, csBinaryPath) ||
         !bNameReadsBack(csText, clName, csDisplayName)) {
         errno = EINVAL;
         return nullptr;
     }
+
     if (!bWriteScript(pstFamily->pszScriptPrefix + csScript, csText)) {
         return nullptr;
     }
+
     auto pclService = std::make_unique<CService>(this, csScript.c_str());
     if (bAutoStart) {
         pstFamily->pfnRegister(*pstFamily, csLockFile);
         if (!CStopping::bMayGoOn()) {
+            // The daemon's stop has kept the tool from its work.
             pclService->AddMissingStep(L"start at boot");
         }
     }

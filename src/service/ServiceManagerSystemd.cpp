@@ -1,4 +1,4 @@
-// The systemd back end: drives systemctl, reads what it prints, writes unit files.
+// The systemd back end of CServiceManager: drives systemctl, reads what it prints, writes unit files.
 
 #include "service/LanceProcessus.h"
 #include "service/ServiceManagerUnix.h"
@@ -16,24 +16,25 @@
 #include <vector>
 
 namespace {
-/// A systemctl that hangs when the daemon starts must not keep it from starting for ever.
+/// Limit of the first question to systemctl: if it hangs, the daemon must start all the same.
 constexpr unsigned int s_nDetectionLimitMs = 30'000;
 
+/// A text from systemctl as a record's field; null stays null.
 std::optional<std::wstring> csDecode(const std::optional<std::string>& csBytes)
 {
     return csBytes ? std::optional(csFromUTF8(*csBytes)) : std::nullopt;
 }
 
-/// Names in a listing that begin with the prefix, each once.
+/// The names in a listing that begin with the prefix, each once.
 std::vector<CServiceName> tReadNames(std::string_view csListing, const std::wstring& csStart)
 {
     std::vector<CServiceName> tNames;
     for (const std::string_view csListed : tReadListing(csListing)) {
         CServiceName clName = CServiceName::s_clListed(csListed);
-        // Files of templates are listed, too: their only "@" is at the end. They are no services.
+        // The files of templates, whose only "@" is at the end, are listed, too. They are no services.
         const bool bTemplate = csListed.find('@') + 1 == csListed.size();
         if (!bTemplate && clName.csText().starts_with(csStart) &&
-            std::find(tNames.begin(), tNames.end(), clName) == tNames.end()) {
+            std::ranges::find(tNames, clName) == tNames.end()) {
             tNames.push_back(std::move(clName));
         }
     }
@@ -41,8 +42,9 @@ std::vector<CServiceName> tReadNames(std::string_view csListing, const std::wstr
 }
 } // namespace
 
-bool CServiceManager::__bSystemdWorks()
+bool CServiceManager::_bSystemdWorks()
 {
+    // Any listing will do: only a systemctl that can talk to systemd exits with status 0.
     const auto bAnswers = [] {
         CLanceProcessus clLauncher;
         unsigned int nExitCode = 1;
@@ -52,8 +54,9 @@ bool CServiceManager::__bSystemdWorks()
     if (!CDiskFile::bExists(g_szSystemctl)) {
         return false;
     }
-    // Where systemd was booted a systemctl that fails is no answer: the manager would drive init scripts for
-    // the rest of its life. systemd makes this folder, by which programs recognise it.
+
+    // systemd makes this folder, by which programs recognise that it was booted. Ask again there when
+    // systemctl fails: one failure would make the manager drive init scripts for the rest of its life.
     return CDiskFile::bDirectoryExists(L"/run/systemd/system") ? bAskPersistently(bAnswers) : bAnswers();
 }
 
@@ -68,34 +71,43 @@ std::optional<std::wstring> CServiceManager::csAskSystemdProp(const char* pszPro
     if (clName.csAsked().empty()) { // such a unit has no properties
         return std::wstring();
     }
+
     const std::optional<std::string> csAnswer = csAskSystemctl(
         {L"--property=" + csFromUTF8(pszProperty) + L" show " + clName.csAsked(), pszProperty});
     if (!csAnswer) {
         return std::nullopt;
     }
+
+    // The property's line, if there is one: systemctl may mix complaints into its answer.
     const std::string_view csLine = csPropertyLine(*csAnswer, pszProperty);
     return csFromUTF8(csReadProperty(csLine.empty() ? *csAnswer : csLine));
 }
 
-std::unique_ptr<CService> CServiceManager::__pclMakeShown(const CServiceName& clName,
-                                                          std::string_view csOutput)
+std::unique_ptr<CService> CServiceManager::_pclMakeShown(const CServiceName& clName,
+                                                         std::string_view csOutput)
 {
     const STUnitShown stShown = stReadShow(csOutput);
     if (!stShown.bExists) {
         errno = ENOENT;
         return nullptr;
     }
+
+    // systemd describes a unit that has no description of its own by its file name.
     std::optional<std::wstring> csDisplayName = csDecode(stShown.csDescription);
     if (csDisplayName == clName.csUnitFile()) {
-        csDisplayName =
-            clName.csText(); // systemd describes by its file name a unit that does not describe itself
+        csDisplayName = clName.csText();
     }
+
+    // A unit that systemd has generated for an init script runs the script, which names the server's program.
     std::optional<std::wstring> csBinaryPath = csDecode(stShown.csBinaryPath);
-    // A unit that systemd made of an init script runs the script: the server's program stands inside it.
     if (csBinaryPath && csBinaryPath->starts_with(g_szScriptDirectory)) {
         auto pclService = std::make_unique<CService>(this, clName, std::move(csDisplayName));
+
+        // A script that is gone leaves the record without a program; one that cannot be read makes it
+        // unknown.
         return pclService->bReadScript() || errno == ENOENT ? std::move(pclService) : nullptr;
     }
+
     return std::make_unique<CService>(this, clName, std::move(csDisplayName), std::move(csBinaryPath),
                                       csDecode(stShown.csExecutable));
 }
@@ -106,9 +118,10 @@ std::unique_ptr<CService> CServiceManager::__pclGetServiceSystemd(const CService
         errno = ENOENT;
         return nullptr;
     }
+
     const std::optional<std::string> csAnswer =
         csAskSystemctl({L"--property=Description,ExecStart,Type show " + clName.csAsked(), "Type"});
-    return csAnswer ? __pclMakeShown(clName.clRegistered(), *csAnswer) : nullptr;
+    return csAnswer ? _pclMakeShown(clName.clRegistered(), *csAnswer) : nullptr;
 }
 
 std::unique_ptr<CServiceEnumeration> CServiceManager::__pclEnumServiceSystemd(const std::wstring& csPrefix,
@@ -118,7 +131,8 @@ std::unique_ptr<CServiceEnumeration> CServiceManager::__pclEnumServiceSystemd(co
     if (!csAnswer) {
         return nullptr;
     }
-    // All units are listed and picked here: a pattern would be read by systemctl, whatever it holds.
+
+    // All units are listed and picked here: as a pattern for systemctl the prefix could mean something else.
     const std::wstring csStart = CServiceName::s_clSaid(csPrefix.c_str()).csScript();
     std::vector<CServiceName> tNames = tReadNames(*csAnswer, csStart);
     if (pszFurther != nullptr) {
@@ -127,24 +141,25 @@ std::unique_ptr<CServiceEnumeration> CServiceManager::__pclEnumServiceSystemd(co
     return std::make_unique<CSystemdListing>(this, std::move(tNames));
 }
 
-bool CServiceManager::__bAddUnloaded(const std::wstring& csPrefix,
-                                     std::vector<std::unique_ptr<CService>>* ptServices)
+bool CServiceManager::_bAddUnloaded(const std::wstring& csPrefix,
+                                    std::vector<std::unique_ptr<CService>>* ptServices)
 {
     const std::optional<std::string> csAnswer = csAskSystemctl(stListUnitFiles());
     if (!csAnswer) {
         return false;
     }
+
+    // Ask only about those that the listing of loaded units did not have.
     std::vector<CServiceName> tNames = tReadNames(*csAnswer, csPrefix);
-    const auto bKnown = [ptServices](const CServiceName& clName) {
-        return std::any_of(ptServices->begin(), ptServices->end(),
-                           [&clName](const auto& pcl) { return pcl->clName() == clName; });
-    };
-    tNames.erase(std::remove_if(tNames.begin(), tNames.end(), bKnown), tNames.end());
+    std::erase_if(tNames, [ptServices](const CServiceName& clName) {
+        return std::ranges::any_of(*ptServices, [&](const auto& pcl) { return pcl->clName() == clName; });
+    });
 
     CSystemdListing clListing(this, std::move(tNames));
     while (auto pclService = clListing.pclNext()) {
         ptServices->push_back(std::move(pclService));
     }
+
     errno = clListing.nError();
     return clListing.nError() == 0;
 }
@@ -154,23 +169,29 @@ std::unique_ptr<CService> CServiceManager::__pclInstallSystemd(const CServiceNam
                                                                const std::wstring& csBinaryPath,
                                                                bool bAutoStart, bool bRestartOnAbnormal)
 {
+    // Refuse what a lookup would read in another way: nobody could find the server's program and settings.
     if (!bUnitReadsBack(csBinaryPath, clName)) {
         errno = EINVAL;
         return nullptr;
     }
+
     CUnitFile clFile(clName);
     if (!clFile.bWrite(csUnitText(clName, pszDisplayName != nullptr ? pszDisplayName : L"", csBinaryPath,
                                   bRestartOnAbnormal))) {
         return nullptr;
     }
+
+    // A failed reload is not judged: a start without it fails.
     auto pclService =
         std::make_unique<CService>(this, clName.csRegistry().c_str(), pszDisplayName, csBinaryPath.c_str());
-    if (!bSystemctlDone(L"daemon-reload")) { // not judged: a start that fails tells
+    if (!bSystemctlDone(L"daemon-reload")) {
         pclService->AddMissingStep(L"systemctl daemon-reload");
     }
+
     const std::wstring csEnable = L"enable " + clName.csAsked();
     if (bAutoStart && !bSystemctlDone(csEnable)) {
-        if (CStopping::bMayGoOn()) { // systemd itself refuses
+        if (CStopping::bMayGoOn()) {
+            // The daemon's stop has not cut it short: systemd itself refuses.
             clFile.TakeBack();
             return nullptr;
         }
@@ -181,15 +202,16 @@ std::unique_ptr<CService> CServiceManager::__pclInstallSystemd(const CServiceNam
 
 bool CServiceManager::bTakeBackRefused(const CService& clService)
 {
+    // With these states systemd refuses every start. Any other failed start may be the server's own fault.
     static constexpr const wchar_t* s_tRefused[] = {L"bad-setting", L"error", L"not-found", L"masked"};
     if (!bSystemd()) {
         return false; // a script can always be run
     }
-    const int nErrno = errno;
+
+    const int nErrno = errno; // why the start failed, which the caller reports
     const std::wstring csLoadState =
         csAskSystemdProp("LoadState", clService.clName()).value_or(std::wstring());
-    const bool bRefused =
-        std::find(std::begin(s_tRefused), std::end(s_tRefused), csLoadState) != std::end(s_tRefused);
+    const bool bRefused = std::ranges::find(s_tRefused, csLoadState) != std::end(s_tRefused);
     if (bRefused) {
         CUnitFile(clService.clName()).TakeBack();
     }

@@ -1,3 +1,6 @@
+// The part of CServiceManager that both back ends share: the choice between them, and the cursors of
+// listings.
+
 #include "service/ServiceManagerUnix.h"
 
 #include "service/ServiceName.h"
@@ -9,13 +12,14 @@ EDistri CServiceManager::ms_eDistri = DISTRI_UNKNOWN;
 bool CServiceManager::bInit(const wchar_t*, unsigned int)
 {
     if (ms_eDistri == DISTRI_UNKNOWN) {
-        ms_eDistri = __bSystemdWorks() ? DISTRI_SYSTEMD : __eFindDistri();
+        ms_eDistri = _bSystemdWorks() ? DISTRI_SYSTEMD : __eFindDistri();
     }
     return true;
 }
 
 CService* CServiceManager::pclGetService(const wchar_t* pszName, unsigned int)
 {
+    // Only under systemd is a lookup for another name than the one that was said; see clLookedUp.
     const CServiceName clName = CServiceName::s_clSaid(pszName);
     auto pclService = bSystemd() ? __pclGetServiceSystemd(clName.clLookedUp()) : __pclGetServiceSysV(clName);
     return pclService.release();
@@ -28,6 +32,7 @@ std::unique_ptr<CService> CServiceEnumeration::pclNext()
             return nullptr;
         }
     }
+
     std::unique_ptr<CService> pclService = std::move(m_tReady.front());
     m_tReady.pop_front();
     return pclService;
@@ -44,20 +49,23 @@ CService* CServiceManager::pclEnumServiceAnd(unsigned long* pnCursor, const wcha
             *pnCursor = s_nFailedListing;
             return nullptr;
         }
+
         const std::lock_guard<std::mutex> clGuard(m_clLock);
         *pnCursor = ++m_nLastCursor;
         m_tEnumerations[*pnCursor] = pclEnumeration;
     } else {
         const std::lock_guard<std::mutex> clGuard(m_clLock);
         const auto pFound = m_tEnumerations.find(*pnCursor);
-        if (pFound == m_tEnumerations.end()) {
+        if (pFound == m_tEnumerations.end()) { // ended, aborted or failed
             return nullptr;
         }
         pclEnumeration = pFound->second;
     }
-    // Outside the lock: it may run a tool. Shared, so that it outlives an end of the listing meanwhile.
+
+    // Without the lock, as this may run a tool. The pointer is shared: another thread may abort the listing.
     auto pclService = pclEnumeration->pclNext();
-    if (pclService == nullptr) {
+
+    if (pclService == nullptr) { // at the end, or failed: either way the cursor names nothing any more
         {
             const std::lock_guard<std::mutex> clGuard(m_clLock);
             m_tEnumerations.erase(*pnCursor);
@@ -88,6 +96,7 @@ CService* CServiceManager::pclInstall(const wchar_t* pszName, const wchar_t* psz
         errno = EINVAL;
         return nullptr;
     }
+
     auto pclService = bSystemd() ? __pclInstallSystemd(clName, pszDisplayName, csBinaryPath, bAutoStart != 0,
                                                        bRestartOnAbnormal != 0)
                                  : __pclInstallSysV(clName, pszDisplayName, csBinaryPath, bAutoStart != 0);
@@ -113,6 +122,7 @@ CServiceManager::tRegistered(const wchar_t* pszPrefix, std::initializer_list<con
         errno = clListing.nError();
         return std::nullopt;
     }
+
     for (const wchar_t* pszName : tFurther) {
         if (std::unique_ptr<CService> pclService(pclGetService(pszName)); pclService != nullptr) {
             tServices.push_back(std::move(pclService));
@@ -120,7 +130,9 @@ CServiceManager::tRegistered(const wchar_t* pszPrefix, std::initializer_list<con
             return std::nullopt;
         }
     }
-    if (bSystemd() && !__bAddUnloaded(pszPrefix, &tServices)) {
+
+    // The listing above has what systemd has loaded; a unit that neither is enabled nor runs may not be.
+    if (bSystemd() && !_bAddUnloaded(pszPrefix, &tServices)) {
         return std::nullopt;
     }
     return tServices;

@@ -27,19 +27,20 @@ enum EDistri : int
     DISTRI_UNKNOWN = 8, ///< before bInit
 };
 
-/// One listing of services; made by a back end, stepped by one thread.
+/// One listing of services. A back end makes it; one thread steps through it.
 class CServiceEnumeration
 {
 public:
     virtual ~CServiceEnumeration() = default;
-    /// Next record. Null at the end, and from the place on where the listing fails.
+    /// Next record. Null at the end, and once the listing has failed.
     std::unique_ptr<CService> pclNext();
     /// The errno of a listing that has failed; 0 otherwise.
     int nError() const { return m_nError; }
 
 protected:
     void _Add(std::unique_ptr<CService> pclService) { m_tReady.push_back(std::move(pclService)); }
-    /// What was added and not handed out yet goes: of the last batch nothing is to be used.
+    /// Makes the listing fail. Records that were added and not yet handed out are dropped: they belong to the
+    /// batch that failed.
     void _Fail(int nError)
     {
         m_nError = nError;
@@ -47,7 +48,7 @@ protected:
     }
 
 private:
-    /// Looks up what comes next and adds it; false when nothing is left. Called when all records that were
+    /// Looks up the next records and adds them; false when none is left. Called when all records that were
     /// added have been handed out.
     virtual bool _bMore() = 0;
 
@@ -56,11 +57,11 @@ private:
 };
 
 /// Entry to the machine's service registry: looks services up by name, lists those whose names begin with a
-/// prefix, installs new ones. Records returned belong to the caller.
+/// prefix, installs new ones. The caller owns the records that are returned.
 ///
-/// bInit comes first, on one thread; after that all operations may run in several threads at once, each
-/// enumeration with a cursor of its own. Absence and failure are both null; of a lookup, a listing and an
-/// installation errno tells why. Nothing throws but std::bad_alloc.
+/// bInit comes first, on one thread. After that all operations may run in several threads at once, each
+/// enumeration with a cursor of its own. Null means absent or failed; after a lookup, a listing or an
+/// installation errno says which. Nothing throws but std::bad_alloc.
 class CServiceManager
 {
 public:
@@ -68,68 +69,72 @@ public:
     static EDistri ms_eDistri;
     static bool bSystemd() { return ms_eDistri == DISTRI_SYSTEMD; }
 
-    /// Detects the init system if that has not happened yet. Always true; the arguments are not looked at.
+    /// Detects the init system if that has not happened yet. Always true; the arguments are ignored.
     bool bInit(const wchar_t* pszReserved, unsigned int nReserved);
 
-    /// Null with ENOENT when there is no such service; with any other error it is not known whether there is.
+    /// Null with ENOENT when there is no such service. With any other error it is unknown whether there is
+    /// one.
     CService* pclGetService(const wchar_t* pszName, unsigned int nReserved = 0);
-    /// Cursor of a listing that failed: it could not be made, or a service in it could not be looked up. That
-    /// is not the end of one. Services may have been handed out before.
+    /// Cursor of a listing that failed: it could not be made, or a service in it could not be looked up.
+    /// Tells a failure from the end of a listing. Services may have been handed out before.
     static constexpr unsigned long s_nFailedListing = ~0UL;
-    /// The cursor is 0 before the first call and opaque afterwards. Null at the end, and again with the
-    /// cursor of an enumeration that has ended, which may be aborted all the same.
-    CService* pclEnumService(unsigned long* pnCursor, const wchar_t* pszPrefix, unsigned int nReserved = 0)
+    /// The cursor is 0 before the first call and opaque afterwards. Null at the end, and at each call after
+    /// it; an enumeration that has ended may be aborted all the same.
+    CService* pclEnumService(unsigned long* pnCursor, const wchar_t* pszPrefix,
+                             unsigned int /*nReserved*/ = 0)
     {
-        (void)nReserved;
         return pclEnumServiceAnd(pnCursor, pszPrefix, nullptr);
     }
-    /// The same with one more service, of any name (null: none), which comes last if it exists: to ask for it
+    /// The same with one more service, of any name (null: none), which comes last if it exists. Asking for it
     /// together with the last ones listed costs next to nothing.
     CService* pclEnumServiceAnd(unsigned long* pnCursor, const wchar_t* pszPrefix, const wchar_t* pszFurther);
-    /// Ends an enumeration early and releases what it still holds. On SysV the cursor is then 0, that of a
-    /// new enumeration; under systemd it stays and gives null: intended.
+    /// Ends an enumeration early and releases what it still holds. On SysV the cursor becomes 0, that of a
+    /// new enumeration; under systemd it is unchanged and yields null from then on. Clients rely on the
+    /// difference.
     void AbortEnumService(unsigned long* pnCursor);
-    /// Registers a service under a command line; neither starts it nor checks that the name is free.
-    /// bRestartOnAbnormal is for systemd only.
+    /// Registers a service with a command line. Neither starts it nor checks that the name is free.
+    /// bRestartOnAbnormal counts under systemd only.
     CService* pclInstall(const wchar_t* pszName, const wchar_t* pszDisplayName, const wchar_t* pszBinaryPath,
                          int bAutoStart, int bRestartOnAbnormal);
-    /// The same with classic arguments; start type 2 is automatic, all others are not looked at.
+    /// The same with classic arguments: start type 2 is automatic, no other is; the reserved ones are
+    /// ignored.
     CService* pclInstallEx(const wchar_t* pszName, const wchar_t* pszDisplayName,
                            const wchar_t* pszBinaryPath, unsigned int nServiceType,
                            const wchar_t* pszReserved1, const wchar_t* pszReserved2, unsigned int nReserved,
                            unsigned int nStartType);
     /// Value of one unit property; empty when there is none (systemd only).
     CTString csGetSystemdProp(const char* pszProperty, const wchar_t* pszName);
-    /// The same; null, with errno, when systemd could not be asked.
+    /// The same, but nothing, with errno, when systemd could not be asked.
     std::optional<std::wstring> csAskSystemdProp(const char* pszProperty, const CServiceName& clName);
 
-    /// One change of one service at a time. The operations of records take no lock themselves: who changes a
-    /// service asks about it first, under the same lock.
+    /// The locks that allow one change of one service at a time. The operations of records take no lock
+    /// themselves: callers look at a service before they change it, and hold its lock for both.
     CServiceLocks& clGetLocks() { return m_clLocks; }
 
-    /// The form in which the name of a service that is said stands in the registry, for its lock.
+    /// The registry's form of a name that a caller has given; the key of the service's lock.
     static std::wstring csRegisteredName(const std::wstring& csName);
 
-    /// All services whose names begin with the prefix, and those of the further names that exist: also such
-    /// as no listing holds, being neither enabled nor running. Null, with errno, when that cannot be told.
+    /// All services whose names begin with the prefix, and those of the further names that exist. Finds also
+    /// those that no listing holds because they are neither enabled nor running. Nothing, with errno, on
+    /// failure.
     std::optional<std::vector<std::unique_ptr<CService>>>
     tRegistered(const wchar_t* pszPrefix, std::initializer_list<const wchar_t*> tFurther);
 
-    /// Takes back an installation that systemd itself refuses ("bad unit file setting" and the like): the
-    /// unit that was written, with its links. False when it does not refuse the service, which then stays.
+    /// Takes back an installation when systemd refuses its unit ("bad unit file setting" and the like):
+    /// deletes the unit file and its links. False when systemd does not refuse it; the service then stays.
     bool bTakeBackRefused(const CService& clService);
 
 private:
     friend class CSystemdListing;
 
-    static bool __bSystemdWorks();
-    /// Adds the services that only have a unit file. False, with errno, when they cannot be listed.
-    bool __bAddUnloaded(const std::wstring& csPrefix, std::vector<std::unique_ptr<CService>>* ptServices);
+    static bool _bSystemdWorks();
+    /// Adds the services that systemd has not loaded. False, with errno, when they cannot be listed.
+    bool _bAddUnloaded(const std::wstring& csPrefix, std::vector<std::unique_ptr<CService>>* ptServices);
     static EDistri __eFindDistri();
 
     std::unique_ptr<CService> __pclGetServiceSystemd(const CServiceName& clName);
-    /// The record of one unit, from what "show" printed of it; null when that is no unit.
-    std::unique_ptr<CService> __pclMakeShown(const CServiceName& clName, std::string_view csOutput);
+    /// The record of one unit, made from what "show" printed about it; null when no such unit exists.
+    std::unique_ptr<CService> _pclMakeShown(const CServiceName& clName, std::string_view csOutput);
     std::unique_ptr<CServiceEnumeration> __pclEnumServiceSystemd(const std::wstring& csPrefix,
                                                                  const wchar_t* pszFurther);
     std::unique_ptr<CService> __pclInstallSystemd(const CServiceName& clName, const wchar_t* pszDisplayName,
@@ -148,11 +153,11 @@ private:
     unsigned long m_nLastCursor = 0;
 };
 
-/// One listing of services, which ends with the object, also when it is left early or by an exception.
+/// One listing of services. The destructor ends it, also when it is left early or by an exception.
 class CServiceListing
 {
 public:
-    /// All of them must outlive the object. pszFurther: see CServiceManager::pclEnumServiceAnd.
+    /// Manager and texts must outlive the object. pszFurther: see CServiceManager::pclEnumServiceAnd.
     CServiceListing(CServiceManager* pclManager, const wchar_t* pszPrefix,
                     const wchar_t* pszFurther = nullptr)
         : m_pclManager(pclManager), m_pszPrefix(pszPrefix), m_pszFurther(pszFurther)
@@ -171,9 +176,9 @@ public:
         }
         return pclService;
     }
-    /// Whether pclNext was null because the listing failed.
+    /// Whether the last null of pclNext means that the listing failed.
     bool bFailed() const { return m_nCursor == CServiceManager::s_nFailedListing; }
-    /// Why it failed.
+    /// The errno of the failure; 0 without one.
     int nError() const { return m_nError; }
 
 private:

@@ -1,3 +1,5 @@
+// The forms of a service's name: substitutions, systemd's escapes, and which names can be installed.
+
 #include "service/ServiceName.h"
 
 #include "service/InitScript.h"
@@ -13,7 +15,8 @@ namespace {
 constexpr std::size_t s_nMaxFileName = 255; ///< bytes
 constexpr std::wstring_view s_csSuffix = L".service";
 constexpr std::wstring_view s_csPidSuffix = L".pid";
-/// What a unit's name holds as it is. A backslash, too, so that a unit whose name has one is asked unchanged.
+/// Characters that a unit's name holds unescaped. The backslash is one, so that systemctl is asked unchanged
+/// about a unit whose name has one.
 constexpr std::string_view s_csUnitCharacters =
     "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ:-_.\\@";
 
@@ -26,15 +29,14 @@ constexpr std::array<STSubstitution, 2> s_tUnitRules{{{L' ', L"_"}, {L'\t', L"__
 constexpr std::array<STSubstitution, 4> s_tScriptRules{
     {{L' ', L"_"}, {L'\t', L"__"}, {L'/', L"-"}, {L'.', L"-"}}};
 
-/// Every rule in one pass: what one puts in is not what another looks for.
+/// Applies every rule in one pass: what one rule inserts, another does not substitute again.
 template <std::size_t nCount>
 std::wstring csSubstitute(const std::wstring& csName, const std::array<STSubstitution, nCount>& tRules)
 {
     std::wstring csResult;
     csResult.reserve(csName.size());
     for (const wchar_t c : csName) {
-        const auto pRule =
-            std::find_if(tRules.begin(), tRules.end(), [c](const auto& st) { return st.cFrom == c; });
+        const auto pRule = std::ranges::find(tRules, c, &STSubstitution::cFrom);
         if (pRule != tRules.end()) {
             csResult += pRule->pszTo;
         } else {
@@ -54,7 +56,7 @@ bool bOneOf(wchar_t c, std::wstring_view csSet)
     return csSet.find(c) != std::wstring_view::npos;
 }
 
-/// What systemd takes in a unit's text: neither a surrogate nor one of the numbers that are no characters.
+/// Whether systemd takes the character in a unit's text: neither a surrogate nor a noncharacter.
 bool bCharacter(wchar_t c)
 {
     const auto n = static_cast<char32_t>(c);
@@ -62,14 +64,14 @@ bool bCharacter(wchar_t c)
            (n & 0xFFFE) != 0xFFFE;
 }
 
-/// The tool takes such a name for a whole one, of a unit that may be another than the name's own.
+/// Whether systemctl takes the name for a whole unit name, which may be another unit's.
 bool bHasUnitType(std::wstring_view csUnit)
 {
     static constexpr std::wstring_view s_tTypes[] = {L".service",   L".socket", L".device", L".mount",
                                                      L".automount", L".swap",   L".target", L".path",
                                                      L".timer",     L".slice",  L".scope"};
-    return std::any_of(std::begin(s_tTypes), std::end(s_tTypes),
-                       [csUnit](std::wstring_view csType) { return csUnit.ends_with(csType); });
+    return std::ranges::any_of(s_tTypes,
+                               [csUnit](std::wstring_view csType) { return csUnit.ends_with(csType); });
 }
 
 std::size_t nBytes(std::wstring_view csText)
@@ -85,8 +87,8 @@ std::wstring csHex(char c)
     return {tHex.begin(), tHex.begin() + 4};
 }
 
-/// A unit's name as it stands in its file's name. One whose only "@" is its last character would be a
-/// template.
+/// A unit's name as its file's name holds it. A name whose only "@" is its last character would be a
+/// template's, so that "@" is escaped.
 std::wstring csEscaped(const std::wstring& csUnit)
 {
     const std::string csBytes = csToUTF8(csUnit);
@@ -124,28 +126,29 @@ std::wstring csUnescaped(std::string_view csListed)
     return csFromUTF8(csBytes);
 }
 
-/// The escaped form of a unit's name; empty for a name that systemctl would not take for one whole name.
+/// The escaped form of a unit's name; empty for a name that systemctl would not read as one whole name.
 std::wstring csWholeName(const std::wstring& csUnit)
 {
-    const bool bForbidden = std::any_of(csUnit.begin(), csUnit.end(),
-                                        [](wchar_t c) { return bControl(c) || bOneOf(c, L"*?[\"/ "); });
+    const bool bForbidden =
+        std::ranges::any_of(csUnit, [](wchar_t c) { return bControl(c) || bOneOf(c, L"*?[\"/ "); });
     if (csUnit.empty() || bForbidden || csUnit.front() == L'-' || bHasUnitType(csUnit)) {
         return {};
     }
+
     std::wstring csAsked = csEscaped(csUnit);
     return csAsked.size() + s_csSuffix.size() > s_nMaxFileName ? std::wstring() : csAsked;
 }
 
-/// Somebody else's unit may have a name that no name of ours escapes to: it stays as it is listed, so that it
-/// is nobody's but its own.
+/// The name of a unit that systemctl lists. Somebody else's unit may have a name that is no escaped form of
+/// any name: that one is left as it is listed, so that no other unit shares it.
 std::wstring csUnitListed(const std::wstring& csListed)
 {
     const std::wstring csUnit = csUnescaped(csToUTF8(csListed));
     return csWholeName(csUnit) == csListed ? csUnit : csListed;
 }
 
-/// The form in which systemctl is asked. A backslash that somebody says may look like an escape: "R\x26D" is
-/// not the service "R&D", and names nothing.
+/// The form in which systemctl is asked about a unit. A caller's backslash may look like an escape: "R\x26D"
+/// is not the service "R&D", and names nothing.
 std::wstring csAsk(const std::wstring& csUnit)
 {
     std::wstring csAsked = csWholeName(csUnit);
@@ -192,11 +195,11 @@ std::wstring CServiceName::csScript() const
 CServiceName CServiceName::clLookedUp() const
 {
     std::wstring csWords = csRegistry();
-    std::replace_if(
-        csWords.begin(), csWords.end(), [](wchar_t c) { return bOneOf(c, L";|"); }, L' ');
+    std::ranges::replace_if(
+        csWords, [](wchar_t c) { return bOneOf(c, L";|"); }, L' ');
     csWords.erase(csWords.find_last_not_of(L' ') + 1);
     csWords.erase(0, std::min(csWords.find_first_not_of(L' '), csWords.size()));
-    return {csWords, csAsk(csWords), true}; // a space that is left has no asked form
+    return {csWords, csAsk(csWords), true}; // a name with a space in it has no asked form
 }
 
 std::wstring CServiceName::csRegisteredAs(const wchar_t* pszDisplayName) const
@@ -208,11 +211,13 @@ std::wstring CServiceName::csRegisteredAs(const wchar_t* pszDisplayName) const
 bool CServiceName::bInstallable() const
 {
     const bool bSystemd = CServiceManager::bSystemd();
-    // In a unit's text these mean something else; ";" and "|" could not be looked up.
+
+    // In a unit's text the first four have a meaning; a name with ";" or "|" could not be looked up.
     const std::wstring_view csForbidden = bSystemd ? L"\\%$';|" : L"";
-    const bool bGood = std::all_of(m_csText.begin(), m_csText.end(), [csForbidden](wchar_t c) {
+    const bool bGood = std::ranges::all_of(m_csText, [csForbidden](wchar_t c) {
         return bCharacter(c) && !bControl(c) && !bOneOf(c, csForbidden);
     });
+
     if (m_csText.empty() || !bGood || m_csText.front() == L' ' || m_csText.back() == L' ' ||
         bHasOptionWord(m_csText) || bHasUnitType(m_csText) ||
         nBytes(csRegistry()) + s_csPidSuffix.size() > s_nMaxFileName) {

@@ -3,24 +3,24 @@
 #include <string>
 #include <string_view>
 
-/// The name of one service in every form that the system has of it. No other place knows a substitution or an
-/// escape.
+/// The name of one service in each of its forms. No other place knows a substitution or an escape.
 ///
-/// A name is made from what a tool or a caller says, or from what the init system lists; both know which init
-/// system that is (CServiceManager::bSystemd). The forms:
-///  - text: as it was said or, decoded, as it is listed;
-///  - registry: what the service is called there: the unit's name without ".service", or the script's name.
-///  In
-///    a unit's name a space is "_" and a tab "__"; in a script's name "/" and "." are "-" besides;
-///  - asked: the unit's name as systemctl takes it, one word: the unit's file name without ".service". What a
-///    unit's name cannot hold is "\xNN" in it.
-/// Two names with one registry form are one service.
+/// A name is made from a caller's text or from what the init system lists; which init system that is says
+/// CServiceManager::bSystemd. The forms:
+///  - text: what the caller said, or what is listed, decoded;
+///  - registry: the unit's name without ".service", or the script's name. In a unit's name a space becomes
+///  "_"
+///    and a tab "__"; in a script's name "/" and "." become "-", too;
+///  - asked: the unit's name as one word for systemctl, which is the unit's file name without ".service". A
+///  byte
+///    that a unit's name cannot hold is "\xNN" in it.
+/// Two names with the same registry form are the same service.
 ///
 /// Plain values; nothing throws but std::bad_alloc.
 class CServiceName
 {
 public:
-    /// From a caller. A null pointer is no name at all.
+    /// From a caller. A null pointer makes the null name.
     static CServiceName s_clSaid(const wchar_t* pszName);
     /// From the init system: a unit's name in a listing, ".service" not included, or a script's file name.
     static CServiceName s_clListed(std::string_view csListed);
@@ -28,27 +28,26 @@ public:
     bool bNull() const { return m_bNull; }
     const std::wstring& csText() const { return m_csText; }
     std::wstring csRegistry() const;
-    /// Empty for a name that no unit can have, or that systemctl would not read as one whole name: it holds a
-    /// pattern character, a slash, a double quote or a control character, begins with "-", ends like a whole
-    /// unit name (".service", ".timer"...), or is longer than a file name can be.
+    /// Empty for a name that no unit can have or that systemctl would not read as one whole name. Such a name
+    /// holds a pattern character, a slash, a double quote or a control character, begins with "-", ends like
+    /// a whole unit name (".service", ".timer"...), or is longer than a file name can be.
     const std::wstring& csAsked() const { return m_csAsked; }
     std::wstring csUnitFile() const { return m_csAsked + L".service"; }
-    /// Also what a listing's prefix is compared with.
+    /// The script's name, whatever the init system. A listing's prefix is compared in this form, too.
     std::wstring csScript() const;
 
-    /// The name that a lookup under systemd is for: there, and nowhere else, ";" and "|" stand for spaces;
-    /// clients rely on it. It names nothing when that makes it more than one word.
+    /// The name that a lookup under systemd is for. There, and nowhere else, ";" and "|" stand for spaces;
+    /// clients rely on it. The result names nothing when it is then more than one word.
     CServiceName clLookedUp() const;
-    /// The name that the registry gives the service: its text is the registry form.
+    /// The same service's name with the registry form as its text.
     CServiceName clRegistered() const { return {csRegistry(), m_csAsked, true}; }
-    /// The name as it was registered: the display name when its registry form is this one.
+    /// The name as it was registered: the display name when that has the same registry form, else the text.
     std::wstring csRegisteredAs(const wchar_t* pszDisplayName) const;
 
-    /// Whether a service can be installed under the name, started with it as an argument and found by it
-    /// again.
+    /// Whether a service can be installed under the name, started with it as an argument, and found by it.
     bool bInstallable() const;
 
-    /// Whether a name that was said is the found service's own: its form, or just its text.
+    /// Whether this name, from a caller, is the found service's own: by its registry form or by its text.
     bool bNames(const CServiceName& clFound) const
     {
         return *this == clFound || m_csText == clFound.m_csText;

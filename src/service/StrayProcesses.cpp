@@ -1,3 +1,5 @@
+// Finds and ends server processes that no PID file names.
+
 #include "service/StrayProcesses.h"
 
 #include "support/Conversion.h"
@@ -16,12 +18,13 @@
 #include <vector>
 
 namespace {
-constexpr std::size_t s_nMaxArguments = std::size_t{64} * 1024; ///< bytes of a command line that are read
-constexpr int s_nLookMs = 50;
-constexpr int s_nTermLooks = 100; ///< 5 seconds, as init scripts have it
-constexpr int s_nKillLooks = 20;
+constexpr std::size_t s_nMaxArguments = std::size_t{64} * 1024; ///< bytes; a longer one is no server's
+constexpr int s_nLookMs = 50;                                   ///< between two looks
+constexpr int s_nTermLooks = 100; ///< 5 seconds from SIGTERM to SIGKILL, as init scripts have it
+constexpr int s_nKillLooks = 20;  ///< one second more for the processes that are slow to die
 
-/// Where the link at a process's "exe" leads; empty when it has none (a thread of the kernel, or gone).
+/// The executable's path of a process, read from its "exe" link; empty when it has none (a kernel thread, or
+/// one that has exited).
 std::string csExecutableOf(const std::string& csProcess)
 {
     std::array<char, PATH_MAX> tPath;
@@ -29,31 +32,36 @@ std::string csExecutableOf(const std::string& csProcess)
     return {tPath.data(), nLength > 0 ? static_cast<std::size_t>(nLength) : 0};
 }
 
+/// Whether one of a process's arguments, the program itself left out, is this one.
 bool bHasArgument(const std::string& csProcess, std::string_view csArgument)
 {
     std::string csArguments;
     if (!CDiskFile::bReadFile(csFromUTF8(csProcess + "/cmdline"), &csArguments, s_nMaxArguments)) {
         return false;
     }
-    const std::string csWord =
-        std::string(1, '\0') + std::string(csArgument) + '\0'; // never the program itself
+
+    // Each argument ends with a zero byte, so the first one has none in front and never matches.
+    const std::string csWord = std::string(1, '\0') + std::string(csArgument) + '\0';
     return csArguments.find(csWord) != std::string::npos;
 }
 
 std::vector<pid_t> tFind(const std::string& csProgram, const std::string& csService)
 {
     std::vector<pid_t> tFound;
+
     const CDirectory pDirectory(::opendir("/proc"));
     while (const dirent* const pstEntry = pDirectory != nullptr ? ::readdir(pDirectory.get()) : nullptr) {
         const pid_t nPid = std::atoi(pstEntry->d_name);
         const std::string csProcess = std::string("/proc/") + pstEntry->d_name;
         const std::string csExecutable = csExecutableOf(csProcess);
-        // The program's file may have been replaced or deleted meanwhile.
+
+        // The program's file may have been replaced or deleted since, which the kernel adds to the name.
         if (nPid > 1 && (csExecutable == csProgram || csExecutable == csProgram + " (deleted)") &&
             bHasArgument(csProcess, csService)) {
             tFound.push_back(nPid);
         }
     }
+
     return tFound;
 }
 } // namespace
@@ -66,20 +74,26 @@ bool bEndStrayProcesses(const std::wstring& csProgram, const std::wstring& csSer
     if (csReal.empty()) {
         return true;
     }
+
     for (int nLook = 0; nLook < s_nTermLooks + s_nKillLooks; ++nLook) {
         const std::vector<pid_t> tFound = tFind(csReal, csToUTF8(csService));
         if (tFound.empty()) {
             return true;
         }
+
+        // SIGTERM once, so that a server can close its files; SIGKILL at each late look, also for children
+        // that have appeared since.
         if (nLook == 0 || nLook >= s_nTermLooks) {
             for (const pid_t nPid : tFound) {
                 ::kill(nPid, nLook == 0 ? SIGTERM : SIGKILL);
             }
         }
+
         if (!CStopping::bSleep(s_nLookMs)) {
             break;
         }
     }
+
     errno = EBUSY;
     return false;
 }

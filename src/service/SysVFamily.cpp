@@ -1,3 +1,5 @@
+// The table of SysV families, and the ways in which they start a service at boot.
+
 #include "service/SysVFamily.h"
 
 #include "service/InitScript.h"
@@ -9,9 +11,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <iterator>
+#include <tuple>
 
 namespace {
-/// The shell line or text of a row, for one service.
+/// A row's shell line or text with the service's name filled in.
 std::string csFor(const std::string& csName, const char* pszRow)
 {
     return csReplaceAll<char>(pszRow, "%s", csName);
@@ -20,7 +23,7 @@ std::string csFor(const std::string& csName, const char* pszRow)
 void RegisterByTool(const STSysVFamily& stFamily, const std::string& csName)
 {
     // Not judged: an unregistered script still serves.
-    (void)nShell(csFor(csName, stFamily.pszRegister));
+    std::ignore = nShell(csFor(csName, stFamily.pszRegister));
 }
 
 struct STBootFile
@@ -29,7 +32,8 @@ struct STBootFile
     const char* pszBlock;
 };
 
-/// Exactly these bytes are intended, the start block's command and the stop block's comment included.
+/// Clients rely on exactly these bytes, also on the first block's odd command "/. etc/..." and on the second
+/// block's comment, which says "Start" where it stops.
 constexpr STBootFile s_tBootFiles[] = {
     {L"/etc/rc.d/rc.M",
      "\n# Start the %s server\nif [ -x /etc/rc.d/rc.%s ]; then\n/. etc/rc.d/rc.%s start\nfi\n"},
@@ -37,32 +41,34 @@ constexpr STBootFile s_tBootFiles[] = {
      "\n# Start the %s server\nif [ -x /etc/rc.d/rc.%s ]; then\n/etc/rc.d/rc.%s stop\nfi\n"},
 };
 
-/// Slackware has no tool for it: its boot and shutdown scripts call each service by a block of their own.
+/// Slackware has no tool: its boot and shutdown scripts call each service in a block of their own.
 void AppendBootBlocks(const STSysVFamily&, const std::string& csName)
 {
     for (const STBootFile& st : s_tBootFiles) {
         std::string csFile;
         const std::string csBlock = csFor(csName, st.pszBlock);
         if (CDiskFile::bReadFile(st.pszPath, &csFile) && csFile.find(csBlock) == std::string::npos) {
-            (void)CDiskFile::bWriteFile(st.pszPath, csFile + csBlock); // best effort, as with the tools
+            // Not judged, as with the tools of the other families.
+            std::ignore = CDiskFile::bWriteFile(st.pszPath, csFile + csBlock);
         }
     }
 }
 
-/// The tools read the script's header to find its links.
+/// In this order: the tools read the script's header to find its links.
 bool bUnregisterThenDelete(const STSysVFamily& stFamily, const std::wstring& csName)
 {
     if (stFamily.pszUnregister != nullptr) {
-        (void)nShell(csFor(csToUTF8(csName), stFamily.pszUnregister));
+        std::ignore = nShell(csFor(csToUTF8(csName), stFamily.pszUnregister));
     }
-    (void)CDiskFile::bDelete(csScriptPath(csName));
+    std::ignore = CDiskFile::bDelete(csScriptPath(csName));
     return true; // best effort
 }
 
-/// update-rc.d takes the links away only when the script is gone.
+/// In this order: update-rc.d removes the links only when the script is gone.
 bool bDeleteThenUnregister(const STSysVFamily& stFamily, const std::wstring& csName)
 {
-    (void)CDiskFile::bDelete(csScriptPath(csName));
+    std::ignore = CDiskFile::bDelete(csScriptPath(csName));
+    // Only a shell that could not be run counts as a failure; clients rely on it.
     return nShell(csFor(csToUTF8(csName), stFamily.pszUnregister)) != -1 || errno == ENOENT;
 }
 
@@ -87,9 +93,7 @@ constexpr STSysVFamily s_tFamilies[] = {
 
 const STSysVFamily* pstFindFamily(EDistri eDistri)
 {
-    const auto* const pFound =
-        std::find_if(std::begin(s_tFamilies), std::end(s_tFamilies),
-                     [eDistri](const STSysVFamily& st) { return st.eDistri == eDistri; });
+    const auto* const pFound = std::ranges::find(s_tFamilies, eDistri, &STSysVFamily::eDistri);
     return pFound != std::end(s_tFamilies) ? pFound : nullptr;
 }
 
@@ -99,6 +103,7 @@ std::wstring csScriptPath(const std::wstring& csName)
         errno = ENOENT;
         return {};
     }
+
     const STSysVFamily* const pstFamily = pstFindFamily(CServiceManager::ms_eDistri);
     const std::wstring csUsual = g_szScriptDirectory + csName;
     const std::wstring csOwn = pstFamily != nullptr ? pstFamily->pszScriptPrefix + csName : csUsual;

@@ -5,26 +5,27 @@
 #include <string>
 #include <string_view>
 
-/// Where most families have their scripts, and where every family's are looked for.
+/// Where most families have their scripts, and where those of the others are looked for, too.
 inline constexpr wchar_t g_szScriptDirectory[] = L"/etc/init.d/";
 
-/// What is particular to one family of SysV systems: one row of the table behind pstFindFamily. Every
+/// What is particular to one family of SysV systems: one row of the table that pstFindFamily searches. Every
 /// function that takes a name expects an inert one (bInertName).
 struct STSysVFamily
 {
     EDistri eDistri;
-    const wchar_t* pszScriptPrefix;      ///< where scripts are written: stands before the script name
+    const wchar_t* pszScriptPrefix;      ///< path of a written script, up to the script's name
     const std::string_view* pcsTemplate; ///< never null
-    const char* pszRegister;             ///< shell lines; "%s" is the script name, null is none
-    const char* pszUnregister;
-    /// Make the system start the script at boot, or not any more and delete it.
+    const char* pszRegister;             ///< shell line; "%s" is the script's name; null: none
+    const char* pszUnregister;           ///< the same
+    /// Makes the init system start the script at boot.
     void (*pfnRegister)(const STSysVFamily& stFamily, const std::string& csName);
+    /// Undoes that and deletes the script.
     bool (*pfnRemove)(const STSysVFamily& stFamily, const std::wstring& csName);
 };
 
 /// Row of a family; null for DISTRI_SYSTEMD and DISTRI_UNKNOWN.
 const STSysVFamily* pstFindFamily(EDistri eDistri);
 
-/// Path of a service's script: where the machine's family writes it, or in g_szScriptDirectory when it is
-/// only there. Empty (and errno ENOENT) for a name that no service can have.
+/// Path of a service's script: where the machine's family writes it, or in g_szScriptDirectory when it exists
+/// only there. Empty, with errno ENOENT, for a name that no service can have.
 std::wstring csScriptPath(const std::wstring& csName);

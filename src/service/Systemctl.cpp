@@ -1,3 +1,5 @@
+// Runs systemctl, and asks again when systemd itself is away for a moment.
+
 #include "service/Systemctl.h"
 
 #include "service/LanceProcessus.h"
@@ -6,23 +8,25 @@
 
 #include <cerrno>
 #include <chrono>
+#include <tuple>
 
 namespace {
 using CClock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-constexpr std::size_t s_nMaxListing = std::size_t{16} << 20;
+constexpr std::size_t s_nMaxListing = std::size_t{16}
+                                      << 20; ///< bytes; far more than the units of any machine
 
-/// When a question that failed is asked again, counted from its first failure. systemd needs some tenths of a
-/// second to execute itself anew, and longer on a busy machine.
+/// When a question that failed is asked again, counted from its first failure. A systemd that executes itself
+/// anew (daemon-reexec) is away for some tenths of a second, longer on a busy machine.
 constexpr milliseconds s_tAgain[] = {milliseconds(100), milliseconds(500), milliseconds(1500)};
-/// After that time no try begins any more.
+/// After this time no try begins.
 constexpr milliseconds s_clLastTry{2000};
 
-/// Tools that the stop of the daemon may end, one after the other, for one caller: systemd goes through the
-/// group until it finds no new process in it.
+/// How often a tool that the daemon's stop has ended is launched again. systemd signals the processes of the
+/// service's group until it finds no new one, so it may end more than one.
 constexpr int s_nMaxEndedByStop = 3;
-constexpr int s_nAfterStopMs = 10;
+constexpr int s_nAfterStopMs = 10; ///< before such a launch
 
 /// Whether a question that failed may be asked again.
 bool bMayAskAgain()
@@ -30,17 +34,17 @@ bool bMayAskAgain()
     return !CStopping::bAsked() && CStopping::bMayGoOn();
 }
 
-/// False when there is no more asking.
+/// Waits for the time of the next try; false when the question may not be asked again.
 bool bWaitUntilNextTry(CClock::time_point clTime)
 {
     while (bMayAskAgain() && CClock::now() < clTime) { // a child's exit ends a sleep early
-        (void)CStopping::bSleep(static_cast<int>((clTime - CClock::now()) / milliseconds(1)) + 1);
+        std::ignore = CStopping::bSleep(static_cast<int>((clTime - CClock::now()) / milliseconds(1)) + 1);
     }
     return bMayAskAgain();
 }
 
-/// Launches systemctl and waits for it, reading all that it prints (null: discarded). One that the stop of
-/// the daemon has ended is launched again for a caller that may go on.
+/// Launches systemctl, reads all that it prints (null: discards it) and waits for its exit. A systemctl that
+/// the daemon's stop has ended is launched again, for a caller that may go on.
 bool bRun(CLanceProcessus* pclTool, const std::wstring& csArguments, std::string* pcsOutput,
           unsigned int* pnExitCode)
 {
@@ -49,11 +53,14 @@ bool bRun(CLanceProcessus* pclTool, const std::wstring& csArguments, std::string
             !pclTool->bLitSortieEtAttendFinExecution(pcsOutput, pnExitCode)) {
             return false;
         }
+
         if (n == s_nMaxEndedByStop || !pclTool->bEndedBySignal() ||
             !CStopping::bToolEndedByStop(*pnExitCode)) {
             return true;
         }
-        (void)CStopping::bSleep(s_nAfterStopMs);
+
+        // What it has printed may be cut anywhere, so nothing of it counts.
+        std::ignore = CStopping::bSleep(s_nAfterStopMs);
         pclTool->bLibere();
         if (pcsOutput != nullptr) {
             pcsOutput->clear();
@@ -61,14 +68,15 @@ bool bRun(CLanceProcessus* pclTool, const std::wstring& csArguments, std::string
     }
 }
 
-/// An answer that is there counts whatever the exit status; what a tool printed before a signal ended it may
-/// be part of one only.
+/// Whether the output answers the question. When it holds the property, the exit status does not count. The
+/// output of a systemctl that a signal ended may be only part of an answer.
 bool bIsAnswer(const STSystemctlQuestion& stQuestion, const CLanceProcessus& clTool, unsigned int nExitCode,
                std::string_view csOutput)
 {
     if (clTool.bEndedBySignal()) {
         return false;
     }
+
     return nExitCode == 0 ||
            (!stQuestion.csProperty.empty() && !csPropertyLine(csOutput, stQuestion.csProperty).empty());
 }
@@ -84,6 +92,7 @@ bool bAskPersistently(const std::function<bool()>& fnAsk)
     bool bAnswered = fnAsk();
     int nErrno = errno;
 
+    // The wait may outlast its time on a busy machine, so the last limit is checked after it.
     const CClock::time_point clFailed = CClock::now();
     for (const milliseconds clAfter : s_tAgain) {
         if (bAnswered || !bWaitUntilNextTry(clFailed + clAfter) || CClock::now() >= clFailed + s_clLastTry) {
@@ -108,8 +117,10 @@ std::optional<std::string> csAskSystemctlOnce(const STSystemctlQuestion& stQuest
     clTool.LimitOutput(stQuestion.nMaxOutput);
     std::string csOutput;
     unsigned int nExitCode = 1;
+
     if (!bRun(&clTool, stQuestion.csArguments, &csOutput, &nExitCode)) {
-        errno = errno == ENOENT ? ECANCELED : errno; // the tool is missing, not what was asked for
+        // A missing systemctl must not look like a missing service.
+        errno = errno == ENOENT ? ECANCELED : errno;
         return std::nullopt;
     }
     if (!bIsAnswer(stQuestion, clTool, nExitCode, csOutput)) {
@@ -122,7 +133,7 @@ std::optional<std::string> csAskSystemctlOnce(const STSystemctlQuestion& stQuest
 std::optional<std::string> csAskSystemctl(const STSystemctlQuestion& stQuestion)
 {
     std::optional<std::string> csAnswer;
-    (void)bAskPersistently([&] {
+    std::ignore = bAskPersistently([&] {
         csAnswer = csAskSystemctlOnce(stQuestion);
         return csAnswer.has_value();
     });

@@ -1,3 +1,5 @@
+// Reads systemctl's listings and the properties that "show" prints.
+
 #include "service/SystemctlOutput.h"
 
 #include "support/TextLines.h"
@@ -8,7 +10,7 @@
 namespace {
 constexpr std::string_view s_csArgv = "argv[]=";
 constexpr std::string_view s_csSuffix = ".service";
-/// Bullets for failed, not found, reloading... units, in UTF-8 and ASCII locales.
+/// The marks in front of failed, missing, reloading... units, in UTF-8 and ASCII locales.
 constexpr std::array<std::string_view, 5> s_tMarks{"●", "○", "×", "↻", "*"};
 
 bool bSameKey(std::string_view cs1, std::string_view cs2)
@@ -21,28 +23,31 @@ std::string_view csAfterMarks(std::string_view csLine)
 {
     SkipBlanks(&csLine);
     const std::string_view csFirst = csLine.substr(0, csLine.find(' '));
-    if (std::find(s_tMarks.begin(), s_tMarks.end(), csFirst) != s_tMarks.end()) {
+    if (std::ranges::find(s_tMarks, csFirst) != s_tMarks.end()) {
         csLine.remove_prefix(csFirst.size());
         SkipBlanks(&csLine);
     }
     return csLine;
 }
 
+/// What the value of "ExecStart" says: the program's path, and the whole command line.
 struct STExecStart
 {
     std::optional<std::string> csExecutable;
     std::optional<std::string> csCommandLine;
 };
 
-/// Of "{ path=/p ; argv[]=/p --SERVICE DXCS-A ; ignore_errors=no ; ... }" the text after "path=", when the
-/// one after "argv[]=" begins with it: exact whatever the path holds. The words after "argv[]=" end at a ";".
+/// Reads "{ path=/p ; argv[]=/p --SERVICE DXCS-A ; ignore_errors=no ; ... }". The path itself may hold
+/// " ; argv[]=", so each place where the path may end is tried, until the text after "argv[]=" begins with
+/// the path before it. The command line ends at the first ";" after the program.
 STExecStart stReadExecStart(std::string_view csExecStart)
 {
     constexpr std::string_view csPathKey = "{ path=";
     constexpr std::string_view csArgvKey = " ; argv[]=";
     STExecStart st;
     std::size_t nArgv = csExecStart.find(s_csArgv, 1);
-    std::size_t nProgram = 0; // length of the program in the command line
+    std::size_t nProgram = 0; // length of the program in the command line, 0 while it is unknown
+
     for (std::size_t nKey = csExecStart.find(csArgvKey);
          csExecStart.starts_with(csPathKey) && nKey != std::string_view::npos && !st.csExecutable;
          nKey = csExecStart.find(csArgvKey, nKey + 1)) {
@@ -57,6 +62,8 @@ STExecStart stReadExecStart(std::string_view csExecStart)
     if (nArgv == std::string_view::npos) {
         return st;
     }
+
+    // Not a ";" inside the program's path. Without any the output was cut: then nothing of it is used.
     const std::size_t nStart = nArgv + s_csArgv.size();
     if (const std::size_t nEnd = csExecStart.find(';', nStart + nProgram); nEnd != std::string_view::npos) {
         st.csCommandLine = csExecStart.substr(nStart, nEnd - nStart);
@@ -68,15 +75,17 @@ STExecStart stReadExecStart(std::string_view csExecStart)
 STUnitShown stReadShow(std::string_view csOutput)
 {
     STUnitShown stShown;
-    // A unit that does not exist is shown too, but without a type.
+
     ForEachLine(csOutput, [&](std::string_view csLine) {
         const std::size_t nEqual = csLine.find('=');
         if (nEqual == std::string_view::npos) {
             return;
         }
+
         const std::string_view csKey = csLine.substr(0, nEqual);
         const std::string_view csValue = csLine.substr(nEqual + 1);
         if (bSameKey(csKey, "Type")) {
+            // A unit that does not exist is shown, too, but without a type.
             stShown.bExists = stShown.bExists || !csValue.empty();
         } else if (bSameKey(csKey, "Description")) {
             stShown.csDescription = std::string(csValue);
@@ -97,6 +106,7 @@ std::string_view csPropertyLine(std::string_view csOutput, std::string_view csPr
         const std::string_view csLine = csTakeLine(&csOutput);
         if (csLine.size() > csProperty.size() && csLine[csProperty.size()] == '=' &&
             bBeginsWith(csLine, csProperty)) {
+            // Only a whole line: of one that was cut the value may be another.
             return csLine.size() < csRest.size() ? csRest.substr(0, csLine.size() + 1) : std::string_view();
         }
     }
@@ -109,9 +119,10 @@ std::string_view csReadProperty(std::string_view csOutput)
     if (nEqual == std::string_view::npos) {
         return {};
     }
+
     std::string_view csValue = csOutput.substr(nEqual + 1);
     if (!csValue.empty()) {
-        csValue.remove_suffix(1);
+        csValue.remove_suffix(1); // the newline
     }
     return csValue;
 }
@@ -120,6 +131,7 @@ std::vector<std::string_view> tReadListing(std::string_view csOutput)
 {
     std::vector<std::string_view> tNames;
     ForEachLine(csOutput, [&](std::string_view csLine) {
+        // The first suffix ends the name; the columns after it (states, description) may hold more of them.
         const std::string_view csUnit = csAfterMarks(csLine);
         if (const std::size_t nSuffix = csUnit.find(s_csSuffix); nSuffix != std::string_view::npos) {
             tNames.push_back(csUnit.substr(0, nSuffix));
@@ -131,8 +143,10 @@ std::vector<std::string_view> tReadListing(std::string_view csOutput)
 std::vector<std::string_view> tReadBlocks(std::string_view csOutput)
 {
     std::vector<std::string_view> tBlocks;
-    std::size_t nStart = 0;
+
+    std::size_t nStart = 0; // of the block that the line belongs to
     for (std::size_t nLine = 0; nLine < csOutput.size();) {
+        // The last line may have lost its newline; then it ends with the output.
         const std::size_t nEnd = std::min(csOutput.find('\n', nLine), csOutput.size() - 1);
         if (csOutput[nLine] == '\n') {
             tBlocks.push_back(csOutput.substr(nStart, nLine - nStart));
@@ -140,6 +154,7 @@ std::vector<std::string_view> tReadBlocks(std::string_view csOutput)
         }
         nLine = nEnd + 1;
     }
+
     if (!csOutput.empty()) {
         tBlocks.push_back(csOutput.substr(nStart));
     }
@@ -152,6 +167,8 @@ std::string_view csReadId(std::string_view csBlock)
     if (csLine.empty()) {
         return {};
     }
+
+    // A second "Id" means that a value has forged a line, or that two blocks have run together.
     const auto nAfter = static_cast<std::size_t>(csLine.data() + csLine.size() - csBlock.data());
     return csPropertyLine(csBlock.substr(nAfter), "Id").empty() ? csReadProperty(csLine) : std::string_view();
 }

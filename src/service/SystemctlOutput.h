@@ -5,33 +5,34 @@
 #include <string_view>
 #include <vector>
 
-/// Readers of what systemctl prints: bytes in, records out, no I/O.
+/// Readers of what systemctl prints: bytes in, records out, no I/O. The views returned are parts of the text
+/// passed in.
 
-/// What "show" tells of one unit.
+/// What "show" prints about one unit.
 struct STUnitShown
 {
     bool bExists = false;                     ///< a "Type" with a value was seen
     std::optional<std::string> csDescription; ///< UTF-8
-    std::optional<std::string> csBinaryPath;  ///< the command line of "ExecStart"; keeps the blank behind it
-    std::optional<std::string> csExecutable;  ///< its "path=", where the command line begins with that
+    std::optional<std::string> csBinaryPath;  ///< command line of "ExecStart", with the space that follows it
+    std::optional<std::string> csExecutable;  ///< its "path=", if the command line begins with that path
 };
 STUnitShown stReadShow(std::string_view csOutput);
 
-/// The first line that gives the property, its newline included: what systemctl reports of a failure stands
-/// among the lines of its answer. Empty when there is no such line, or the output ends in the middle of it.
+/// The first line that gives the property, newline included: systemctl prints its complaints between the
+/// lines of an answer. Empty when there is no such line, or the output ends before its newline.
 std::string_view csPropertyLine(std::string_view csOutput, std::string_view csProperty);
 
-/// Value of the one property that was asked for: all behind the first "=", less the line end. Empty when
+/// Value of the one property that was asked for: all after the first "=", less the last newline. Empty when
 /// there is none.
 std::string_view csReadProperty(std::string_view csOutput);
 
-/// Unit names without ".service", in the order of the listing. The marks that current versions put before the
-/// name (two blanks, or a bullet and a blank) are passed over.
+/// Unit names without ".service", in the order of the listing. Skips what current versions print before the
+/// name: two spaces, or a bullet and a space.
 std::vector<std::string_view> tReadListing(std::string_view csOutput);
 
-/// What "show" prints of several units: one block of lines for each, with an empty line between two. An
-/// output of nothing is no block; one that begins or ends with an empty line has an empty block there.
+/// The blocks of what "show" prints about several units: one for each, with an empty line between two. No
+/// output is no block; an empty line at the beginning or end has an empty block there.
 std::vector<std::string_view> tReadBlocks(std::string_view csOutput);
 
-/// The "Id" of a block; empty when it does not give exactly one.
+/// The "Id" of a block; empty when the block does not have exactly one.
 std::string_view csReadId(std::string_view csBlock);

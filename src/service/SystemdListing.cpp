@@ -1,3 +1,5 @@
+// Asks systemctl about many units in few launches.
+
 #include "service/SystemdListing.h"
 
 #include "service/Systemctl.h"
@@ -10,8 +12,7 @@
 CSystemdListing::CSystemdListing(CServiceManager* pclManager, std::vector<CServiceName> tNames)
     : m_pclManager(pclManager), m_tNames(std::move(tNames))
 {
-    const auto bNoUnit = [](const CServiceName& clName) { return clName.csAsked().empty(); };
-    m_tNames.erase(std::remove_if(m_tNames.begin(), m_tNames.end(), bNoUnit), m_tNames.end());
+    std::erase_if(m_tNames, [](const CServiceName& clName) { return clName.csAsked().empty(); });
 }
 
 bool CSystemdListing::_bMore()
@@ -19,9 +20,11 @@ bool CSystemdListing::_bMore()
     if (m_nNext == m_tNames.size()) {
         return false;
     }
+
     const std::size_t nFirst = m_nNext;
     m_nNext = std::min(nFirst + s_nBatch, m_tNames.size());
 
+    // For one unit alone a batch saves nothing, and a lookup asks more patiently.
     const bool bAlone = m_nNext - nFirst == 1;
     if (bAlone || !_bAskTogether(nFirst, m_nNext)) {
         _AskEach(nFirst, m_nNext);
@@ -40,6 +43,7 @@ bool CSystemdListing::_bAskTogether(std::size_t nFirst, std::size_t nEnd)
         return false;
     }
 
+    // A unit's description may look like the lines of another unit: count the blocks, and compare each "Id".
     const std::vector<std::string_view> tBlocks = tReadBlocks(*csAnswer);
     const auto bIsOf = [](std::string_view csBlock, const CServiceName& clName) {
         return csReadId(csBlock) == csToUTF8(clName.csUnitFile());
@@ -50,7 +54,7 @@ bool CSystemdListing::_bAskTogether(std::size_t nFirst, std::size_t nEnd)
     }
 
     for (std::size_t n = nFirst; n < nEnd && nError() == 0; ++n) {
-        _AddOrFail(m_pclManager->__pclMakeShown(m_tNames[n].clRegistered(), tBlocks[n - nFirst]));
+        _AddOrFail(m_pclManager->_pclMakeShown(m_tNames[n].clRegistered(), tBlocks[n - nFirst]));
     }
     return true;
 }
@@ -66,7 +70,8 @@ void CSystemdListing::_AddOrFail(std::unique_ptr<CService> pclService)
 {
     if (pclService != nullptr) {
         _Add(std::move(pclService));
-    } else if (errno != ENOENT) { // not known is not gone
+    } else if (errno != ENOENT) {
+        // The unit may exist: without it the listing would say that it does not.
         _Fail(errno);
     }
 }

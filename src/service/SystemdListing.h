@@ -6,29 +6,27 @@
 #include <string_view>
 #include <vector>
 
-/// A listing of units: one launch of systemctl for as many of them as its arguments have room for, since a
-/// launch costs some milliseconds and one more name next to nothing. The units of a batch are asked for when
-/// the first of them is handed out.
+/// A listing of units, asked in batches: a launch of systemctl costs some milliseconds, one more name in its
+/// arguments next to nothing. A batch is asked when its first unit is to be handed out.
 ///
-/// What systemctl prints of several units is trusted only when it is one block for each, in the order asked.
-/// Otherwise, and when the batch fails, its units are asked one by one, as a lookup asks.
+/// What systemctl prints about a batch is trusted only when it has one block for each unit, in the order
+/// asked. Otherwise, and when systemctl fails, the units of the batch are asked one by one, as a lookup asks.
 class CSystemdListing : public CServiceEnumeration
 {
 public:
-    /// Units to a batch: the launcher has room for 50 words, of which three are the program, the properties
-    /// and "show".
+    /// Units in a batch: the launcher takes 50 words, of which three are the program, the properties and
+    /// "show".
     static constexpr std::size_t s_nBatch = 47;
 
-    /// The manager is not owned. Names that no unit can have are left out.
+    /// The manager must outlive the listing. Names that no unit can have are left out.
     CSystemdListing(CServiceManager* pclManager, std::vector<CServiceName> tNames);
 
 private:
     bool _bMore() override;
-    /// False when the output is none that can be trusted; nothing has been added then.
+    /// Asks about a batch in one launch. False, with nothing added, when the output cannot be trusted.
     bool _bAskTogether(std::size_t nFirst, std::size_t nEnd);
     void _AskEach(std::size_t nFirst, std::size_t nEnd);
-    /// Adds a unit that exists; one that does not is left out, and one of which that is not known makes the
-    /// listing failed.
+    /// Adds a unit. Null with ENOENT leaves it out; null with any other errno makes the listing fail.
     void _AddOrFail(std::unique_ptr<CService> pclService);
 
     CServiceManager* m_pclManager;

@@ -1,3 +1,5 @@
+// Which variables of the daemon's environment a tool gets.
+
 #include "service/ToolEnvironment.h"
 
 #include "service/Systemctl.h"
@@ -9,30 +11,31 @@
 #include <unistd.h>
 
 namespace {
-// Not constant only because exec asks for pointers to plain characters.
+// Not constant, only because exec takes pointers to plain characters.
 char s_szNoColours[] = "SYSTEMD_COLORS=0";
 char s_szNoPager[] = "SYSTEMD_PAGER=";
 char s_szPlainTexts[] = "LC_ALL=C.UTF-8";
 
-/// Whether systemctl reads the variable and we say what it is.
+/// Whether systemctl reads the variable and its value here is ours to choose.
 bool bOurs(std::string_view csVariable)
 {
     constexpr std::string_view tPrefixes[] = {"SYSTEMD_", "LC_ALL=", "LANGUAGE="};
-    return std::any_of(std::begin(tPrefixes), std::end(tPrefixes), [&](std::string_view csPrefix) {
-        return csVariable.substr(0, csPrefix.size()) == csPrefix;
-    });
+    return std::ranges::any_of(
+        tPrefixes, [csVariable](std::string_view csPrefix) { return csVariable.starts_with(csPrefix); });
 }
 } // namespace
 
 std::vector<char*> tToolEnvironment(const std::string& csProgram)
 {
     const bool bSystemctl = csProgram == csToUTF8(g_szSystemctl);
+
     std::vector<char*> tEnvironment;
     for (char** ppsz = environ; *ppsz != nullptr; ++ppsz) {
         if (!bSystemctl || !bOurs(*ppsz)) {
             tEnvironment.push_back(*ppsz);
         }
     }
+
     if (bSystemctl) {
         tEnvironment.insert(tEnvironment.end(), {s_szNoColours, s_szNoPager, s_szPlainTexts});
     }

@@ -3,7 +3,8 @@
 #include <string>
 #include <vector>
 
-/// The environment of a tool, null-terminated. An init script has the daemon's. systemctl, whose output is
-/// read, has no SYSTEMD_* variable of whoever started the daemon (a log level would mix debug lines in), and
-/// gets no colours, no pager and no translation. The texts are the environment's own.
+/// The environment of a tool, null-terminated. An init script gets the daemon's. systemctl, whose output is
+/// read, gets no colours, no pager, no translation, and none of the SYSTEMD_* variables of whoever started
+/// the daemon: a log level would mix debug lines into its output. The pointers are valid while nobody changes
+/// the daemon's environment.
 std::vector<char*> tToolEnvironment(const std::string& csProgram);

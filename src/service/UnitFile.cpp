@@ -1,3 +1,5 @@
+// Writes the unit of a service, and makes sure beforehand that a lookup will read the same program from it.
+
 #include "service/UnitFile.h"
 
 #include "service/CommandLine.h"
@@ -9,6 +11,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <tuple>
 
 namespace {
 std::wstring csUnitDirectory()
@@ -17,7 +20,7 @@ std::wstring csUnitDirectory()
     return CDiskFile::bExists(szUsual) ? szUsual : L"/usr/lib/systemd/system/";
 }
 
-/// As systemd shows the path of a program: doubled slashes are one, "." between slashes is dropped.
+/// A program's path as systemd shows it: doubled slashes are one, "." between slashes is dropped.
 std::string csSimplified(const std::string& csPath)
 {
     std::string csResult;
@@ -30,7 +33,8 @@ std::string csSimplified(const std::string& csPath)
     return csResult;
 }
 
-/// What systemd takes for itself in a program's path, whatever the quoting, or refuses there.
+/// Whether systemd gives the character a meaning in a program's path, whatever the quoting, or refuses it
+/// there.
 bool bForSystemd(char c)
 {
     return static_cast<unsigned char>(c) < ' ' ||
@@ -50,16 +54,18 @@ bool bUnitReadsBack(const std::wstring& csCommandLine, const CServiceName& clNam
     const std::string csBytes = csToUTF8(csCommandLine);
     const STCommandLine stCommand = stSplitCommandLine(csBytes);
     const std::wstring csProgram = csFromUTF8(stCommand.csProgram);
-    // A program in quotes ends where they end, and systemd skips all spaces after it.
+
+    // systemd reads quoted and unquoted parts side by side as one word, so a space must follow the quotes.
     const bool bEnds =
         !csBytes.starts_with('"') || stCommand.csArguments.empty() || stCommand.csArguments.starts_with(' ');
     if (csFromUTF8(csBytes) != csCommandLine || csCommandLine.find_first_of(L"\r\n") != std::wstring::npos ||
         csCommandLine.find(L'\0') != std::wstring::npos || !bEnds ||
-        !CProgram::s_clAt(csProgram).bWholePath() ||
-        std::any_of(stCommand.csProgram.begin(), stCommand.csProgram.end(), bForSystemd)) {
+        !CProgram::s_clAt(csProgram).bWholePath() || std::ranges::any_of(stCommand.csProgram, bForSystemd)) {
         return false;
     }
-    // Read as a later lookup will, and as the command line that is kept until then.
+
+    // Both readings must give this program: a later lookup's, and that of the record made by the
+    // installation.
     const STUnitShown stShown = stReadShow(csShown(stCommand, clName));
     const std::string csRead = stShown.csExecutable.value_or(
         csToUTF8(CProgram::s_clOf(csFromUTF8(stShown.csBinaryPath.value_or(""))).csPath()));
@@ -69,9 +75,10 @@ bool bUnitReadsBack(const std::wstring& csCommandLine, const CServiceName& clNam
 std::wstring csUnitText(const CServiceName& clName, std::wstring csDisplayName,
                         const std::wstring& csCommandLine, bool bRestartOnAbnormal)
 {
-    // A line end would write lines of its own into the unit.
-    std::replace(csDisplayName.begin(), csDisplayName.end(), L'\n', L' ');
-    // The install section stands ahead of the service section; clients rely on it.
+    // A newline would write lines of its own into the unit.
+    std::ranges::replace(csDisplayName, L'\n', L' ');
+
+    // The install section stands before the service section; clients rely on it.
     return L"[Unit]\n"
            L"Description=" +
            csDisplayName +
@@ -93,12 +100,15 @@ std::optional<std::wstring> csProgramInUnit(std::string_view csText)
     constexpr std::string_view csKey = "ExecStart=";
     std::optional<std::wstring> csProgram;
     int nLines = 0;
+
+    // With several lines it depends on the unit's type what runs, so none of them is taken.
     ForEachLine(csText, [&](std::string_view csLine) {
         if (csLine.starts_with(csKey)) {
             ++nLines;
             csProgram = csFromUTF8(stSplitCommandLine(csLine.substr(csKey.size())).csProgram);
         }
     });
+
     return nLines == 1 ? csProgram : std::nullopt;
 }
 
@@ -118,11 +128,11 @@ void CUnitFile::TakeBack()
 {
     const int nErrno = errno;
     if (m_csBefore) {
-        (void)CDiskFile::bWriteFile(m_csPath, *m_csBefore);
+        std::ignore = CDiskFile::bWriteFile(m_csPath, *m_csBefore);
     } else {
-        (void)bSystemctlDone(L"disable " + m_clName.csAsked());
-        (void)CDiskFile::bDelete(m_csPath);
+        std::ignore = bSystemctlDone(L"disable " + m_clName.csAsked());
+        std::ignore = CDiskFile::bDelete(m_csPath);
     }
-    (void)bSystemctlDone(L"daemon-reload");
+    std::ignore = bSystemctlDone(L"daemon-reload");
     errno = nErrno;
 }

@@ -6,28 +6,29 @@
 #include <string>
 #include <string_view>
 
-/// What an installation writes for systemd, and how it is read back.
+/// The units that an installation writes for systemd, and how they are read back.
 
-/// Whether a unit with this command line (CProgram's) starts its program, and a lookup then reads exactly
-/// that program's path: systemd neither expands nor refuses it.
+/// Whether a unit with this command line (CProgram's) starts its program and a lookup then reads exactly that
+/// program's path. False for a path that systemd would expand, refuse or show in another form.
 bool bUnitReadsBack(const std::wstring& csCommandLine, const CServiceName& clName);
 
 /// The text of a unit. The service is started with its own name as its last argument.
 std::wstring csUnitText(const CServiceName& clName, std::wstring csDisplayName,
                         const std::wstring& csCommandLine, bool bRestartOnAbnormal);
 
-/// Program of the one ExecStart line of a unit file; nothing when there is none, or more than one.
+/// Program of a unit file's only ExecStart line; nothing when it has no such line, or several.
 std::optional<std::wstring> csProgramInUnit(std::string_view csText);
 
-/// The file of one service's unit, as an installation writes it and takes it back.
+/// The unit file of one service: an installation writes it, and takes it back when systemd refuses it.
 class CUnitFile
 {
 public:
     explicit CUnitFile(CServiceName clName);
 
+    /// Writes the file; keeps what it held before for TakeBack.
     bool bWrite(const std::wstring& csText);
-    /// Puts back what the file held before bWrite. A file that was not there is deleted, its links by
-    /// systemctl before. Keeps errno.
+    /// Restores what the file held before bWrite. A file that did not exist is deleted, after systemctl has
+    /// removed its links. Keeps errno.
     void TakeBack();
 
 private:

@@ -1,3 +1,5 @@
+// Starts and ends the execution part of the language runtime.
+
 #include "vm/DLLExecution.h"
 
 #include "vm/PointEntree.h"
@@ -15,6 +17,7 @@ bool CBaseExecutionDLL::s_bInitialiseMoiMeme(void* hLibrary, CXError* pclError)
 
 void CBaseExecutionDLL::s_TermineMoiMeme(void* hLibrary)
 {
+    // Once, as the caller's clean-up may come here after a registration that failed, or twice.
     if (g_stRuntime && g_stRuntime->hLibrary == hLibrary &&
         std::exchange(g_stRuntime->bSelfInitialised, false)) {
         g_stRuntime->pfnSelfTerm();

@@ -7,8 +7,8 @@
 class CBaseExecutionDLL
 {
 public:
-    /// Has the runtime library with this handle, that of bInitVM, register its execution part. False when it
-    /// refuses (the error, when wanted, carries its reason).
+    /// Makes the runtime library with this handle, the one of bInitVM, register its execution part. False
+    /// when it refuses; the error, if wanted, then carries its reason.
     static bool s_bInitialiseMoiMeme(void* hLibrary, CXError* pclError = nullptr);
     /// Undoes a successful s_bInitialiseMoiMeme on the same library; does nothing without one.
     static void s_TermineMoiMeme(void* hLibrary);

@@ -1,3 +1,5 @@
+// The runtime that is bound, and how its operations are called.
+
 #include "vm/PointEntree.h"
 
 #include "support/Conversion.h"
@@ -13,7 +15,8 @@ bool bCallRuntime(int (*pfnOperation)(char*, unsigned int), const char* pszEntry
     if (pfnOperation(tReason.data(), static_cast<unsigned int>(tReason.size())) != 0) {
         return true;
     }
-    tReason.back() = '\0'; // whatever the library wrote
+
+    tReason.back() = '\0'; // the library may have filled the buffer to its end
     if (pclError != nullptr) {
         const std::wstring csReason = csFromUTF8(tReason.data());
         pclError->SetUserError(0, L"The language runtime refused to initialise (" + csFromUTF8(pszEntry) +

@@ -1,3 +1,5 @@
+// Loads and unloads one shared library.
+
 #include "vm/Proxy.h"
 
 #include "support/Conversion.h"
@@ -8,11 +10,13 @@
 bool CProxyDll::bLoad(const std::wstring& csPath, CXError* pclError)
 {
     Unload();
-    // A bare name would be looked for all over the system.
+
+    // dlopen searches the whole system for a bare name, and might load a library that somebody has planted.
     const bool bPlace = csPath.find(L'/') != std::wstring::npos;
     if (bPlace) {
         m_hLibrary = ::dlopen(csToUTF8(csPath).c_str(), RTLD_NOW | RTLD_LOCAL);
     }
+
     if (m_hLibrary == nullptr && pclError != nullptr) {
         const char* pszReason = bPlace ? ::dlerror() : "the directory is not known";
         pclError->SetUserError(0, L"The library \"" + csPath + L"\" cannot be loaded: " +

@@ -1,3 +1,5 @@
+// Binds the language runtime's virtual machine.
+
 #include "vm/vmload.h"
 
 #include "support/Conversion.h"
@@ -6,7 +8,7 @@
 #include <dlfcn.h>
 
 namespace {
-/// Looks an entry point up. Null, with an error that names it, when the library does not export it.
+/// Looks up an entry point. False, with an error that names it, when the library does not export it.
 template <class TEntry>
 bool bResolve(void* hLibrary, const char* pszEntry, TEntry* ppfnEntry, CXError* pclError)
 {
@@ -23,10 +25,11 @@ bool bResolve(void* hLibrary, const char* pszEntry, TEntry* ppfnEntry, CXError* 
 bool bInitVM(void* hLibrary, CXError* pclError)
 {
     g_stRuntime.reset();
+
+    // All of them, those of the execution part too: an incomplete library must be refused before it is
+    // called.
     STRuntime stRuntime{};
     stRuntime.hLibrary = hLibrary;
-    // The execution part's, too, which are called later: an incomplete library is refused before any of its
-    // code runs.
     if (!bResolve(hLibrary, VM_ENTRY_INIT, &stRuntime.pfnInit, pclError) ||
         !bResolve(hLibrary, VM_ENTRY_PATH, &stRuntime.pfnPath, pclError) ||
         !bResolve(hLibrary, VM_ENTRY_TERM, &stRuntime.pfnTerm, pclError) ||
@@ -35,6 +38,7 @@ bool bInitVM(void* hLibrary, CXError* pclError)
         !bCallRuntime(stRuntime.pfnInit, VM_ENTRY_INIT, pclError)) {
         return false;
     }
+
     g_stRuntime = stRuntime;
     return true;
 }
