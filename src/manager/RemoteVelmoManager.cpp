@@ -150,13 +150,15 @@ void CRemoteVelmoManager::UnInstall(CDialog& clDialog)
         Refuse(clDialog, ERREUR_STOP);
         return;
     }
-    if (std::wstring csMessage; bDeleteFiles && bDeleteServerFolder(m_pclManager, *pclService, &csMessage)) {
+    const bool bEnded = !bDeleteFiles || pclService->bStopForRemoval(); // before any file goes
+    if (std::wstring csMessage;
+        bEnded && bDeleteFiles && bDeleteServerFolder(m_pclManager, *pclService, &csMessage)) {
         clHold.Release();
         // A completed deletion is told with error 12 and the service stays registered; intended.
         clDialog.ACK(ERREUR_UNINSTALL_FICHIERS, csMessage);
         return;
     }
-    const bool bRemoved = pclService->bRemove();
+    const bool bRemoved = bEnded && pclService->bRemove();
     clHold.Release();
     Conclude(clDialog, bRemoved, ERREUR_UNINSTALL_SERVICE);
 }

@@ -23,9 +23,19 @@ std::optional<CPath> clPlaceOf(const CPath& clFile)
     return clError ? std::nullopt : std::optional(clFolder / clFile.filename());
 }
 
+/// Whether a file is in the folder or below it, also when another name of the folder leads there (a bind
+/// mount), or may be: a path that was cut at a space may go on there.
 bool bIsBelow(const CPath& clFile, const CPath& clFolder)
 {
-    return (clFile.string() + "/").starts_with(clFolder.string() + "/");
+    for (CPath clParent = clFile.parent_path(); clParent != clParent.parent_path();
+         clParent = clParent.parent_path()) {
+        std::error_code clNotThere;
+        if (std::filesystem::equivalent(clParent, clFolder, clNotThere)) {
+            return true;
+        }
+    }
+    return (clFile.string() + "/").starts_with(clFolder.string() + "/") ||
+           clFolder.string().starts_with(clFile.string() + " ");
 }
 
 /// Whether another service's executable is in the folder: the file itself, or what it is a link to.
@@ -48,6 +58,9 @@ std::wstring csDoubtOfExecutable(CService& clService, const std::wstring& csExec
     if (!csExecutable.starts_with(L'/') || csExecutable.find(L'\0') != std::wstring::npos) {
         return L"the path of its executable is not known";
     }
+    if (!clService.bOneProgram()) {
+        return L"it starts more than one program";
+    }
     if (::lstat(csToUTF8(csExecutable).c_str(), &stFile) == 0) {
         return S_ISREG(stFile.st_mode) ? L"" : L"its executable is not a regular file";
     }
@@ -69,10 +82,12 @@ std::wstring csDoubtOfOthers(CServiceManager* pclManager, const CService& clServ
     }
     for (const auto& pclOther : *tOthers) {
         const std::wstring csOther = pclOther->csGetExecutable();
-        if (pclOther->clName() == clService.clName() || csOther.empty()) {
+        if (pclOther->clName() == clService.clName()) {
             continue;
         }
-        const std::optional<bool> bInside = bLiesIn(csToUTF8(csOther), clFolder);
+        const bool bKnown = csOther.starts_with(L'/') && pclOther->bOneProgram();
+        const std::optional<bool> bInside =
+            bKnown ? bLiesIn(csToUTF8(csOther), clFolder) : std::optional<bool>();
         if (!bInside || *bInside) {
             return std::wstring(bInside ? L"" : L"it is not known whether ") + L"the executable of \"" +
                    pclOther->csRegisteredName() + L"\" lies in its folder";

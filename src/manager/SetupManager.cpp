@@ -226,8 +226,7 @@ void CSetupManager::__AddServeurList(const CServiceGuard&, CService& clService, 
     if (clService.pszBinaryPathName() == nullptr) {
         return;
     }
-    const wchar_t* pszDisplayName = clService.pszGetDisplayName();
-    const std::wstring csName(pszDisplayName != nullptr ? pszDisplayName : clService.pszGetName());
+    const std::wstring csName = clService.clName().csShownAs(clService.pszGetDisplayName());
     *pcsReply +=
         L"\t" + csName.substr(std::min(csName.size(), s_nPrefixLength)) + L"\t" + s_csAccessPort(clService);
 }

@@ -57,8 +57,8 @@ std::optional<std::wstring> CService::csProgramOnDisk()
     if (!bScript) {
         return csProgramInUnit(csText);
     }
-    const STMarker stProgram = stProgramInScript(csText);
-    return stProgram.csValue ? std::optional(csFromUTF8(*stProgram.csValue)) : std::nullopt;
+    const std::optional<std::string> csProgram = csProgramStarted(csText, csToUTF8(m_clName.csText()));
+    return csProgram ? std::optional(csFromUTF8(*csProgram)) : std::nullopt;
 }
 
 bool CService::__bRemoveSystemd()
@@ -72,11 +72,13 @@ bool CService::__bRemoveSystemd()
     if (!__bAsk(L"disable")) {
         return false;
     }
-    if (!__bStopForRemoval()) {
+    if (!bStopForRemoval()) {
         return false;
     }
-    for (const std::wstring& csFile : {*csFragment, *csSource}) {
-        if (!csFile.empty()) { // best effort, as all that follows
+    // A file of another name is not this unit's alone: an instance has its template's, an alias another's.
+    for (const auto& [csFile, csOwn] :
+         {std::pair{*csFragment, m_clName.csUnitFile()}, {*csSource, m_clName.csText()}}) {
+        if (csFile.ends_with(L"/" + csOwn)) { // best effort, as all that follows
             (void)CDiskFile::bDelete(csFile);
         }
     }

@@ -2,6 +2,7 @@
 
 #include "service/CommandLine.h"
 #include "service/ServiceManagerUnix.h"
+#include "service/StrayProcesses.h"
 #include "service/Systemctl.h"
 
 #include <cerrno>
@@ -123,7 +124,7 @@ bool CService::bActive()
     return eStatus == STATUS_START_PENDING || eStatus == STATUS_RUNNING;
 }
 
-bool CService::__bStopForRemoval()
+bool CService::bStopForRemoval()
 {
     constexpr int nAttempts = 3; // whoever else starts services may do so in between
 
@@ -134,7 +135,7 @@ bool CService::__bStopForRemoval()
         }
         const EServiceStatus eStatus = eGetStatus();
         if (eStatus == STATUS_STOPPED || eStatus == STATUS_FAILED) {
-            return true;
+            return CServiceManager::bSystemd() || bEndStrayProcesses(csGetExecutable(), m_clName.csText());
         }
     }
     errno = EBUSY;

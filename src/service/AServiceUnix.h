@@ -61,8 +61,11 @@ public:
     /// The executable alone; empty when unknown. Under systemd as systemctl shows it, otherwise what the
     /// binary path says (CProgram::s_clOf).
     std::wstring csGetExecutable();
+    /// Whether the executable is the only program that the service starts, as far as systemd shows it.
+    bool bOneProgram() const { return m_bOneProgram; }
+    void SetOneProgram(bool bOneProgram) { m_bOneProgram = bOneProgram; }
     /// The program that the service's unit file or init script says, read anew and whole; nothing when it
-    /// does not say one.
+    /// does not say one, or when its path may go on after a space.
     std::optional<std::wstring> csProgramOnDisk();
 
     /// pszArguments reach a SysV script only: a unit fixes its own command line.
@@ -72,6 +75,9 @@ public:
     EServiceStatus eGetStatus();
     /// Whether it runs or is about to.
     bool bActive();
+    /// Stops what runs until it is seen to be stopped, on SysV also processes that no PID file names. EBUSY
+    /// while it cannot be.
+    bool bStopForRemoval();
     /// Unregisters the service and deletes its unit file or script. What runs is stopped before; while it
     /// cannot be, nothing is deleted and errno is EBUSY: no process is left without a unit.
     bool bRemove();
@@ -97,9 +103,6 @@ private:
     bool __bCommand(const wchar_t* pszVerb);
     EServiceStatus __eGetStatusSystemd();
     bool __bRemoveSystemd();
-    /// Stops what runs, until it is seen to be stopped.
-    bool __bStopForRemoval();
-
     bool __bScriptCommand(const wchar_t* pszVerb, const wchar_t* pszArguments, const wchar_t* pszRedirection);
     EServiceStatus __eGetStatusSysV();
     EServiceStatus __eGetStatusByPidFile();
@@ -112,4 +115,5 @@ private:
     std::optional<std::wstring> m_csDisplayName;
     std::wstring m_csMissingSteps;
     std::optional<std::wstring> m_csExecutable;
+    bool m_bOneProgram = true;
 };

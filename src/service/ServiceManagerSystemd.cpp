@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <vector>
 
 namespace {
@@ -96,8 +97,10 @@ std::unique_ptr<CService> CServiceManager::__pclMakeShown(const CServiceName& cl
         auto pclService = std::make_unique<CService>(this, clName, std::move(csDisplayName));
         return pclService->bReadScript() || errno == ENOENT ? std::move(pclService) : nullptr;
     }
-    return std::make_unique<CService>(this, clName, std::move(csDisplayName), std::move(csBinaryPath),
-                                      csDecode(stShown.csExecutable));
+    auto pclService = std::make_unique<CService>(this, clName, std::move(csDisplayName),
+                                                 std::move(csBinaryPath), csDecode(stShown.csExecutable));
+    pclService->SetOneProgram(stShown.bOneProgram);
+    return pclService;
 }
 
 std::unique_ptr<CService> CServiceManager::__pclGetServiceSystemd(const CServiceName& clName)
@@ -127,23 +130,33 @@ std::unique_ptr<CServiceEnumeration> CServiceManager::__pclEnumServiceSystemd(co
     return std::make_unique<CSystemdListing>(this, std::move(tNames));
 }
 
-bool CServiceManager::__bAddUnloaded(const std::wstring& csPrefix,
+bool CServiceManager::__bAddUnloaded(std::initializer_list<const wchar_t*> tFurther, const wchar_t* pszPrefix,
                                      std::vector<std::unique_ptr<CService>>* ptServices)
 {
     const std::optional<std::string> csAnswer = csAskSystemctl(stListUnitFiles());
     if (!csAnswer) {
         return false;
     }
-    std::vector<CServiceName> tNames = tReadNames(*csAnswer, csPrefix);
+    std::vector<CServiceName> tNames = tReadNames(*csAnswer, pszPrefix);
+    for (const wchar_t* pszName : tFurther) {
+        const std::vector<CServiceName> tAlike = tReadNames(*csAnswer, pszName);
+        std::copy_if(tAlike.begin(), tAlike.end(), std::back_inserter(tNames),
+                     [pszName](const CServiceName& clName) { return clName.csText() == pszName; });
+    }
     const auto bKnown = [ptServices](const CServiceName& clName) {
         return std::any_of(ptServices->begin(), ptServices->end(),
                            [&clName](const auto& pcl) { return pcl->clName() == clName; });
     };
     tNames.erase(std::remove_if(tNames.begin(), tNames.end(), bKnown), tNames.end());
 
-    CSystemdListing clListing(this, std::move(tNames));
+    CSystemdListing clListing(this, tNames);
     while (auto pclService = clListing.pclNext()) {
         ptServices->push_back(std::move(pclService));
+    }
+    for (CServiceName& clName : tNames) { // there is a unit of that name, masked or unreadable
+        if (!bKnown(clName)) {
+            ptServices->push_back(std::make_unique<CService>(this, std::move(clName)));
+        }
     }
     errno = clListing.nError();
     return clListing.nError() == 0;

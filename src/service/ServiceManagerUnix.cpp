@@ -120,7 +120,7 @@ CServiceManager::tRegistered(const wchar_t* pszPrefix, std::initializer_list<con
             return std::nullopt;
         }
     }
-    if (bSystemd() && !__bAddUnloaded(pszPrefix, &tServices)) {
+    if (bSystemd() && !__bAddUnloaded(tFurther, pszPrefix, &tServices)) {
         return std::nullopt;
     }
     return tServices;

@@ -111,7 +111,8 @@ public:
     static std::wstring csRegisteredName(const std::wstring& csName);
 
     /// All services whose names begin with the prefix, and those of the further names that exist: also such
-    /// as no listing holds, being neither enabled nor running. Null, with errno, when that cannot be told.
+    /// as no listing holds, being neither enabled nor running, or masked: of those that systemd does not show
+    /// only the name is known. Null, with errno, when all that cannot be told.
     std::optional<std::vector<std::unique_ptr<CService>>>
     tRegistered(const wchar_t* pszPrefix, std::initializer_list<const wchar_t*> tFurther);
 
@@ -124,7 +125,8 @@ private:
 
     static bool __bSystemdWorks();
     /// Adds the services that only have a unit file. False, with errno, when they cannot be listed.
-    bool __bAddUnloaded(const std::wstring& csPrefix, std::vector<std::unique_ptr<CService>>* ptServices);
+    bool __bAddUnloaded(std::initializer_list<const wchar_t*> tFurther, const wchar_t* pszPrefix,
+                        std::vector<std::unique_ptr<CService>>* ptServices);
     static EDistri __eFindDistri();
 
     std::unique_ptr<CService> __pclGetServiceSystemd(const CServiceName& clName);

@@ -14,6 +14,7 @@ struct STUnitShown
     std::optional<std::string> csDescription; ///< UTF-8
     std::optional<std::string> csBinaryPath;  ///< the command line of "ExecStart"; keeps the blank behind it
     std::optional<std::string> csExecutable;  ///< its "path=", where the command line begins with that
+    bool bOneProgram = true;                  ///< false: several command lines, of which the last one counts
 };
 STUnitShown stReadShow(std::string_view csOutput);
 

@@ -16,7 +16,8 @@ bool bUnitReadsBack(const std::wstring& csCommandLine, const CServiceName& clNam
 std::wstring csUnitText(const CServiceName& clName, std::wstring csDisplayName,
                         const std::wstring& csCommandLine, bool bRestartOnAbnormal);
 
-/// Program of the one ExecStart line of a unit file; nothing when there is none, or more than one.
+/// Program of the one ExecStart line of a unit file; nothing when there is none, or more than one, or when
+/// its path may go on after a space: what follows it is not options without a slash.
 std::optional<std::wstring> csProgramInUnit(std::string_view csText);
 
 /// The file of one service's unit, as an installation writes it and takes it back.
