@@ -166,7 +166,10 @@ void CRemoteVelmoManager::UnInstall(CDialog& clDialog)
         return;
     }
 
-    if (std::wstring csMessage; bDeleteFiles && bDeleteServerFolder(m_pclManager, *pclService, &csMessage)) {
+    // No file is deleted while a process may still use it.
+    const bool bEnded = !bDeleteFiles || pclService->bStopForRemoval();
+    if (std::wstring csMessage;
+        bEnded && bDeleteFiles && bDeleteServerFolder(m_pclManager, *pclService, &csMessage)) {
         clHold.Release();
         // A completed deletion is answered with error 12 and leaves the service registered: clients rely on
         // it.
@@ -174,7 +177,7 @@ void CRemoteVelmoManager::UnInstall(CDialog& clDialog)
         return;
     }
 
-    const bool bRemoved = pclService->bRemove();
+    const bool bRemoved = bEnded && pclService->bRemove();
     clHold.Release();
     Conclude(clDialog, bRemoved, ERREUR_UNINSTALL_SERVICE);
 }

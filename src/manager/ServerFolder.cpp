@@ -26,10 +26,20 @@ std::optional<CPath> clPlaceOf(const CPath& clFile)
     return clError ? std::nullopt : std::optional(clFolder / clFile.filename());
 }
 
-/// Compares whole components: "/opt/a" does not hold "/opt/ab".
+/// Whether a file is in the folder or below it, also when another name of the folder (a bind mount) leads
+/// there. A path that was cut at a space may go on there, and counts as well. Whole components are compared:
+/// "/opt/a" does not hold "/opt/ab".
 bool bIsBelow(const CPath& clFile, const CPath& clFolder)
 {
-    return (clFile.string() + "/").starts_with(clFolder.string() + "/");
+    for (CPath clParent = clFile.parent_path(); clParent != clParent.parent_path();
+         clParent = clParent.parent_path()) {
+        std::error_code clNotThere;
+        if (std::filesystem::equivalent(clParent, clFolder, clNotThere)) {
+            return true;
+        }
+    }
+    return (clFile.string() + "/").starts_with(clFolder.string() + "/") ||
+           clFolder.string().starts_with(clFile.string() + " ");
 }
 
 /// Whether another service's executable lies in the folder: the file itself, or what it links to. None when
@@ -51,6 +61,9 @@ std::wstring csDoubtOfExecutable(CService& clService, const std::wstring& csExec
     STFileStatus stFile{};
     if (!csExecutable.starts_with(L'/') || csExecutable.find(L'\0') != std::wstring::npos) {
         return L"the path of its executable is not known";
+    }
+    if (!clService.bOneProgram()) {
+        return L"it starts more than one program";
     }
     if (::lstat(csToUTF8(csExecutable).c_str(), &stFile) == 0) {
         return S_ISREG(stFile.st_mode) ? L"" : L"its executable is not a regular file";
@@ -76,12 +89,14 @@ std::wstring csDoubtOfOthers(CServiceManager* pclManager, const CService& clServ
 
     for (const auto& pclOther : *tOthers) {
         const std::wstring csOther = pclOther->csGetExecutable();
-        if (pclOther->clName() == clService.clName() || csOther.empty()) {
+        if (pclOther->clName() == clService.clName()) {
             continue;
         }
 
         // What cannot be found out counts against the deletion.
-        const std::optional<bool> bInside = bLiesIn(csToUTF8(csOther), clFolder);
+        const bool bKnown = csOther.starts_with(L'/') && pclOther->bOneProgram();
+        const std::optional<bool> bInside =
+            bKnown ? bLiesIn(csToUTF8(csOther), clFolder) : std::optional<bool>();
         if (!bInside || *bInside) {
             return std::wstring(bInside ? L"" : L"it is not known whether ") + L"the executable of \"" +
                    pclOther->csRegisteredName() + L"\" lies in its folder";

@@ -239,8 +239,7 @@ void CSetupManager::__AddServeurList(const CServiceGuard&, CService& clService, 
 
     // The prefix's length is dropped from every name, the default server's included: clients rely on the
     // empty name that this leaves.
-    const wchar_t* pszDisplayName = clService.pszGetDisplayName();
-    const std::wstring csName(pszDisplayName != nullptr ? pszDisplayName : clService.pszGetName());
+    const std::wstring csName = clService.clName().csShownAs(clService.pszGetDisplayName());
     *pcsReply +=
         L"\t" + csName.substr(std::min(csName.size(), s_nPrefixLength)) + L"\t" + s_csAccessPort(clService);
 }

@@ -4,7 +4,6 @@
 #include "service/InitScript.h"
 #include "service/LanceProcessus.h"
 #include "service/ServerProcess.h"
-#include "service/StrayProcesses.h"
 #include "service/SysVFamily.h"
 #include "support/Conversion.h"
 #include "support/DiskFile.h"
@@ -124,8 +123,7 @@ bool CService::_bRemoveSysV()
     }
 
     // The script goes last: without it nobody could stop what still runs.
-    return _bStopForRemoval() && bEndStrayProcesses(csGetExecutable(), m_clName.csText()) &&
-           pstFamily->pfnRemove(*pstFamily, m_clName.csText());
+    return bStopForRemoval() && pstFamily->pfnRemove(*pstFamily, m_clName.csText());
 }
 
 bool CService::bReadScript()

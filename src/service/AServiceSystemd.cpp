@@ -63,8 +63,8 @@ std::optional<std::wstring> CService::csProgramOnDisk()
     if (!bScript) {
         return csProgramInUnit(csText);
     }
-    const STMarker stProgram = stProgramInScript(csText);
-    return stProgram.csValue ? std::optional(csFromUTF8(*stProgram.csValue)) : std::nullopt;
+    const std::optional<std::string> csProgram = csProgramStarted(csText, csToUTF8(m_clName.csText()));
+    return csProgram ? std::optional(csFromUTF8(*csProgram)) : std::nullopt;
 }
 
 bool CService::_bRemoveSystemd()
@@ -77,13 +77,15 @@ bool CService::_bRemoveSystemd()
     }
 
     // Before anything is deleted: while the service is enabled or runs, its unit is needed.
-    if (!_bAsk(L"disable") || !_bStopForRemoval()) {
+    if (!_bAsk(L"disable") || !bStopForRemoval()) {
         return false;
     }
 
-    // Best effort from here on: the service is stopped and does not start at boot.
-    for (const std::wstring& csFile : {*csFragment, *csSource}) {
-        if (!csFile.empty()) {
+    // Best effort from here on: the service is stopped and does not start at boot. A file of another name is
+    // not this unit's alone: an instance has its template's, an alias another unit's.
+    for (const auto& [csFile, csOwn] :
+         {std::pair{*csFragment, m_clName.csUnitFile()}, {*csSource, m_clName.csText()}}) {
+        if (csFile.ends_with(L"/" + csOwn)) {
             std::ignore = CDiskFile::bDelete(csFile);
         }
     }

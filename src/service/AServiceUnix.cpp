@@ -4,6 +4,7 @@
 
 #include "service/CommandLine.h"
 #include "service/ServiceManagerUnix.h"
+#include "service/StrayProcesses.h"
 #include "service/Systemctl.h"
 
 #include <cerrno>
@@ -130,7 +131,7 @@ bool CService::bActive()
     return eStatus == STATUS_START_PENDING || eStatus == STATUS_RUNNING;
 }
 
-bool CService::_bStopForRemoval()
+bool CService::bStopForRemoval()
 {
     // Somebody else may start the service between the stop and the look.
     constexpr int nAttempts = 3;
@@ -143,7 +144,7 @@ bool CService::_bStopForRemoval()
 
         const EServiceStatus eStatus = eGetStatus();
         if (eStatus == STATUS_STOPPED || eStatus == STATUS_FAILED) {
-            return true;
+            return CServiceManager::bSystemd() || bEndStrayProcesses(csGetExecutable(), m_clName.csText());
         }
     }
 

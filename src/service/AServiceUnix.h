@@ -63,8 +63,11 @@ public:
     /// The executable alone; empty when unknown. Under systemd it is what systemctl shows, otherwise it is
     /// taken from the binary path (CProgram::s_clOf).
     std::wstring csGetExecutable();
+    /// Whether the executable is the only program that the service starts, as far as systemd shows it.
+    bool bOneProgram() const { return m_bOneProgram; }
+    void SetOneProgram(bool bOneProgram) { m_bOneProgram = bOneProgram; }
     /// The program that the service's unit file or init script names, read again from the whole file; nothing
-    /// when it names none.
+    /// when it names none, or when its path may go on after a space.
     std::optional<std::wstring> csProgramOnDisk();
 
     /// pszArguments reach SysV scripts only: a unit fixes its own command line.
@@ -74,6 +77,9 @@ public:
     EServiceStatus eGetStatus();
     /// Whether it runs or is about to.
     bool bActive();
+    /// Stops the service until it is seen to be stopped, three times at most; on SysV also processes that no
+    /// PID file names. False, with EBUSY, when it cannot be stopped.
+    bool bStopForRemoval();
     /// Stops and unregisters the service and deletes its unit file or script. When the service cannot be
     /// stopped, nothing is deleted and errno is EBUSY: no process is left without a unit.
     bool bRemove();
@@ -99,8 +105,6 @@ private:
     bool _bCommand(const wchar_t* pszVerb);
     EServiceStatus _eGetStatusSystemd();
     bool _bRemoveSystemd();
-    /// Stops the service until it is seen to be stopped, three times at most.
-    bool _bStopForRemoval();
 
     bool _bScriptCommand(const wchar_t* pszVerb, const wchar_t* pszArguments, const wchar_t* pszRedirection);
     EServiceStatus _eGetStatusSysV();
@@ -114,4 +118,5 @@ private:
     std::optional<std::wstring> m_csDisplayName;
     std::wstring m_csMissingSteps;
     std::optional<std::wstring> m_csExecutable;
+    bool m_bOneProgram = true;
 };

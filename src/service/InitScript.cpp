@@ -218,3 +218,19 @@ STMarker stProgramInScript(std::string_view csScript)
 {
     return stReadMarker(csScript, "Program=\"", 150);
 }
+
+std::optional<std::string> csProgramStarted(std::string_view csScript, const std::string& csName)
+{
+    std::optional<std::string> csProgram = stProgramInScript(csScript).csValue;
+    const std::size_t nArguments = csScript.find(" --SERVICE " + csName + "\n");
+    if (!csProgram || nArguments == std::string_view::npos) {
+        return std::nullopt;
+    }
+    std::string_view csBefore = csScript.substr(0, nArguments);
+    csBefore = csBefore.substr(0, csBefore.find_last_not_of(' ') + 1);
+    // The start is a tool's, which is given the arguments after "--", or one shell's, or two shells'.
+    const std::string csWord = csEscape(*csProgram);
+    const bool bWhole =
+        csBefore.ends_with(" --") || csBefore.ends_with(csWord) || csBefore.ends_with(csEscape(csWord));
+    return bWhole ? csProgram : std::nullopt;
+}

@@ -45,3 +45,7 @@ STMarker stReadMarker(std::string_view csScript, std::string_view csKey, std::si
 /// line.
 STMarker stDisplayNameInScript(std::string_view csScript);
 STMarker stProgramInScript(std::string_view csScript);
+
+/// The marker line's program, when a line of the script starts it with a registration's arguments and the
+/// name right after it. Older releases wrote scripts in which a path with a space goes on after it.
+std::optional<std::string> csProgramStarted(std::string_view csScript, const std::string& csName);

@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <vector>
 
 namespace {
@@ -108,8 +109,10 @@ std::unique_ptr<CService> CServiceManager::_pclMakeShown(const CServiceName& clN
         return pclService->bReadScript() || errno == ENOENT ? std::move(pclService) : nullptr;
     }
 
-    return std::make_unique<CService>(this, clName, std::move(csDisplayName), std::move(csBinaryPath),
-                                      csDecode(stShown.csExecutable));
+    auto pclService = std::make_unique<CService>(this, clName, std::move(csDisplayName),
+                                                 std::move(csBinaryPath), csDecode(stShown.csExecutable));
+    pclService->SetOneProgram(stShown.bOneProgram);
+    return pclService;
 }
 
 std::unique_ptr<CService> CServiceManager::__pclGetServiceSystemd(const CServiceName& clName)
@@ -141,7 +144,7 @@ std::unique_ptr<CServiceEnumeration> CServiceManager::__pclEnumServiceSystemd(co
     return std::make_unique<CSystemdListing>(this, std::move(tNames));
 }
 
-bool CServiceManager::_bAddUnloaded(const std::wstring& csPrefix,
+bool CServiceManager::_bAddUnloaded(std::initializer_list<const wchar_t*> tFurther, const wchar_t* pszPrefix,
                                     std::vector<std::unique_ptr<CService>>* ptServices)
 {
     const std::optional<std::string> csAnswer = csAskSystemctl(stListUnitFiles());
@@ -149,15 +152,28 @@ bool CServiceManager::_bAddUnloaded(const std::wstring& csPrefix,
         return false;
     }
 
-    // Ask only about those that the listing of loaded units did not have.
-    std::vector<CServiceName> tNames = tReadNames(*csAnswer, csPrefix);
-    std::erase_if(tNames, [ptServices](const CServiceName& clName) {
-        return std::ranges::any_of(*ptServices, [&](const auto& pcl) { return pcl->clName() == clName; });
-    });
+    std::vector<CServiceName> tNames = tReadNames(*csAnswer, pszPrefix);
+    for (const wchar_t* pszName : tFurther) {
+        std::ranges::copy_if(tReadNames(*csAnswer, pszName), std::back_inserter(tNames),
+                             [pszName](const CServiceName& clName) { return clName.csText() == pszName; });
+    }
 
-    CSystemdListing clListing(this, std::move(tNames));
+    // Ask only about those that the listing of loaded units did not have.
+    const auto bKnown = [ptServices](const CServiceName& clName) {
+        return std::ranges::any_of(*ptServices, [&](const auto& pcl) { return pcl->clName() == clName; });
+    };
+    std::erase_if(tNames, bKnown);
+
+    CSystemdListing clListing(this, tNames);
     while (auto pclService = clListing.pclNext()) {
         ptServices->push_back(std::move(pclService));
+    }
+
+    // The others have a unit file, too, but a masked or unreadable one: only the name is known.
+    for (CServiceName& clName : tNames) {
+        if (!bKnown(clName)) {
+            ptServices->push_back(std::make_unique<CService>(this, std::move(clName)));
+        }
     }
 
     errno = clListing.nError();

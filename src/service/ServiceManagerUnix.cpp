@@ -132,7 +132,7 @@ CServiceManager::tRegistered(const wchar_t* pszPrefix, std::initializer_list<con
     }
 
     // The listing above has what systemd has loaded; a unit that neither is enabled nor runs may not be.
-    if (bSystemd() && !_bAddUnloaded(pszPrefix, &tServices)) {
+    if (bSystemd() && !_bAddUnloaded(tFurther, pszPrefix, &tServices)) {
         return std::nullopt;
     }
     return tServices;

@@ -115,8 +115,8 @@ public:
     static std::wstring csRegisteredName(const std::wstring& csName);
 
     /// All services whose names begin with the prefix, and those of the further names that exist. Finds also
-    /// those that no listing holds because they are neither enabled nor running. Nothing, with errno, on
-    /// failure.
+    /// those that no listing holds because they are masked, or neither enabled nor running; of those that
+    /// systemd does not show only the name is known. Nothing, with errno, on failure.
     std::optional<std::vector<std::unique_ptr<CService>>>
     tRegistered(const wchar_t* pszPrefix, std::initializer_list<const wchar_t*> tFurther);
 
@@ -129,7 +129,8 @@ private:
 
     static bool _bSystemdWorks();
     /// Adds the services that systemd has not loaded. False, with errno, when they cannot be listed.
-    bool _bAddUnloaded(const std::wstring& csPrefix, std::vector<std::unique_ptr<CService>>* ptServices);
+    bool _bAddUnloaded(std::initializer_list<const wchar_t*> tFurther, const wchar_t* pszPrefix,
+                       std::vector<std::unique_ptr<CService>>* ptServices);
     static EDistri __eFindDistri();
 
     std::unique_ptr<CService> __pclGetServiceSystemd(const CServiceName& clName);

@@ -205,7 +205,14 @@ CServiceName CServiceName::clLookedUp() const
 std::wstring CServiceName::csRegisteredAs(const wchar_t* pszDisplayName) const
 {
     const CServiceName clDisplayed = s_clSaid(pszDisplayName);
-    return !clDisplayed.bNull() && clDisplayed == *this ? clDisplayed.m_csText : m_csText;
+    return clDisplayed.bInstallable() && clDisplayed == *this ? clDisplayed.m_csText : m_csText;
+}
+
+std::wstring CServiceName::csShownAs(const wchar_t* pszDisplayName) const
+{
+    const std::wstring_view csDisplayName(pszDisplayName != nullptr ? pszDisplayName : m_csText.c_str());
+    return std::any_of(csDisplayName.begin(), csDisplayName.end(), bControl) ? m_csText
+                                                                             : std::wstring(csDisplayName);
 }
 
 bool CServiceName::bInstallable() const

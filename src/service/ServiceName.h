@@ -41,8 +41,12 @@ public:
     CServiceName clLookedUp() const;
     /// The same service's name with the registry form as its text.
     CServiceName clRegistered() const { return {csRegistry(), m_csAsked, true}; }
-    /// The name as it was registered: the display name when that has the same registry form, else the text.
+    /// The name as it was registered: the display name when it can be registered and has the same registry
+    /// form, else the text.
     std::wstring csRegisteredAs(const wchar_t* pszDisplayName) const;
+    /// The name for people: the display name, whatever it says; the service's own when there is none, or when
+    /// a control character in it could forge fields of a list.
+    std::wstring csShownAs(const wchar_t* pszDisplayName) const;
 
     /// Whether a service can be installed under the name, started with it as an argument, and found by it.
     bool bInstallable() const;

@@ -90,6 +90,7 @@ STUnitShown stReadShow(std::string_view csOutput)
         } else if (bSameKey(csKey, "Description")) {
             stShown.csDescription = std::string(csValue);
         } else if (bSameKey(csKey, "ExecStart")) {
+            stShown.bOneProgram = !stShown.csBinaryPath;
             if (STExecStart st = stReadExecStart(csValue); st.csCommandLine) {
                 stShown.csBinaryPath = std::move(st.csCommandLine);
                 stShown.csExecutable = std::move(st.csExecutable);
@@ -133,7 +134,11 @@ std::vector<std::string_view> tReadListing(std::string_view csOutput)
     ForEachLine(csOutput, [&](std::string_view csLine) {
         // The first suffix ends the name; the columns after it (states, description) may hold more of them.
         const std::string_view csUnit = csAfterMarks(csLine);
-        if (const std::size_t nSuffix = csUnit.find(s_csSuffix); nSuffix != std::string_view::npos) {
+        // A name may hold ".service" inside: the one at the end of the first word is the unit's type.
+        const std::string_view csWord = csUnit.substr(0, csUnit.find_first_of(" \t"));
+        const std::size_t nSuffix =
+            csWord.ends_with(s_csSuffix) ? csWord.size() - s_csSuffix.size() : csUnit.find(s_csSuffix);
+        if (nSuffix != std::string_view::npos) {
             tNames.push_back(csUnit.substr(0, nSuffix));
         }
     });

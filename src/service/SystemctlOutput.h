@@ -15,6 +15,7 @@ struct STUnitShown
     std::optional<std::string> csDescription; ///< UTF-8
     std::optional<std::string> csBinaryPath;  ///< command line of "ExecStart", with the space that follows it
     std::optional<std::string> csExecutable;  ///< its "path=", if the command line begins with that path
+    bool bOneProgram = true;                  ///< false: several command lines, of which the last one counts
 };
 STUnitShown stReadShow(std::string_view csOutput);
 

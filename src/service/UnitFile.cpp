@@ -41,6 +41,14 @@ bool bForSystemd(char c)
            std::string_view("\x7F%$\"'\\").find(c) != std::string_view::npos;
 }
 
+/// Whether what stands after a program is no more of its path, as in units of older releases.
+bool bOnlyOptions(std::string_view csArguments)
+{
+    SkipBlanks(&csArguments);
+    return csArguments.empty() ||
+           (csArguments.starts_with("--") && csArguments.find_first_of("/\\%") == std::string_view::npos);
+}
+
 /// The line that "show" prints for a unit with this command line.
 std::string csShown(const STCommandLine& stCommand, const CServiceName& clName)
 {
@@ -105,7 +113,8 @@ std::optional<std::wstring> csProgramInUnit(std::string_view csText)
     ForEachLine(csText, [&](std::string_view csLine) {
         if (csLine.starts_with(csKey)) {
             ++nLines;
-            csProgram = csFromUTF8(stSplitCommandLine(csLine.substr(csKey.size())).csProgram);
+            const STCommandLine st = stSplitCommandLine(csLine.substr(csKey.size()));
+            csProgram = bOnlyOptions(st.csArguments) ? std::optional(csFromUTF8(st.csProgram)) : std::nullopt;
         }
     });
 

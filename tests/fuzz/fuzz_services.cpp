@@ -52,10 +52,12 @@ void Scripts(const std::string& csText)
     Require(stLine.csProgram.size() + stLine.csArguments.size() <= csText.size());
     (void)bScriptable(csText);
     (void)csProgramInUnit(csText);
+    const std::optional<std::string> csStarted = csProgramStarted(csText, "DXCS-a");
+    Require(!csStarted || csStarted == stProgramInScript(csText).csValue);
     const CServiceName clName = CServiceName::s_clSaid(L"DXCS-a");
     if (const std::wstring csLine = csFromUTF8(csText); bUnitReadsBack(csLine, clName)) {
-        Require(csProgramInUnit(csToUTF8(csUnitText(clName, L"", csLine, false))) ==
-                CProgram::s_clOf(csLine).csPath());
+        const auto csProgram = csProgramInUnit(csToUTF8(csUnitText(clName, L"", csLine, false)));
+        Require(!csProgram || *csProgram == CProgram::s_clOf(csLine).csPath());
     }
 }
 

@@ -124,14 +124,15 @@ std::vector<std::string> tNames()
         csEuros += "€";
     }
     for (const char* psz :
-         {"Two words 2",  "two  spaces", " front",  "back ",   "a - b", "a -b",
-          "tab\tbed",     "line\nfeed",  "\x01",    "..",      "...",   "a.b",
-          "a..b",         "--",          "a--b",    "a-",      "Ä",     "äöüß",
-          "Donn\u00e9es", "𝄞",           "a𝄞b",     "𝄞 €",     "Pla",   "Plain1",
-          "Plain Plain",  "plain",       "R#D",     "R&d",     "R+D",   "R x26D",
-          "R\\x26D",      "R&D&",        "a@b@c",   "@",       "@@",    "a.service",
-          "b.timer",      "x.socket2",   "Plain;x", "Plain|",  "a=b=c", "ActiveState=active",
-          "%n",           "_",           "0",       "a b  c d"}) {
+         {"Two words 2",  "two  spaces", " front",  "back ",      "a - b",       "a -b",
+          "tab\tbed",     "line\nfeed",  "\x01",    "..",         "...",         "a.b",
+          "a..b",         "--",          "a--b",    "a-",         "Ä",           "äöüß",
+          "Donn\u00e9es", "𝄞",           "a𝄞b",     "𝄞 €",        "Pla",         "Plain1",
+          "Plain Plain",  "plain",       "R#D",     "R&d",        "R+D",         "R x26D",
+          "R\\x26D",      "R&D&",        "a@b@c",   "@",          "@@",          "a.service",
+          "b.timer",      "x.socket2",   "Plain;x", "Plain|",     "a=b=c",       "ActiveState=active",
+          "%n",           "_",           "0",       "x.serviced", "v.service.1", "a.service b",
+          "x.service-1",  "a b  c d"}) {
         tAll.emplace_back(psz);
     }
     tAll.push_back(csEuros);
@@ -362,6 +363,95 @@ TEST_F(AnyServer, LivesAtAnyPathOrIsRefusedAndNothingButItsFolderGoes)
         "| paths, %s | %zu | %d registered, uninstalled with their folder; %d registered, folder kept | %d "
         "refused |\n",
         bSystemd() ? "systemd" : "SysV", tChosen.size(), tCount[0], tCount[1], tCount[2]);
+}
+
+namespace {
+/// The server "own" of "/opt/srv/own/dxdemo", and what makes it uncertain whose the folder is.
+struct STOthers
+{
+    const char* pszWhat;
+    const char* pszMake;      ///< shell commands
+    const char* pszUninstall; ///< with files
+    bool bDeleted;
+    const char* pszOther = nullptr; ///< another server that is registered before, with its program
+    const char* pszProgram = nullptr;
+};
+
+constexpr STOthers s_tOnSystemd[] = {
+    {"a name with the type inside", ":", "own", false, "in.service.1", "/opt/srv/own/in/dxdemo"},
+    {"a masked unit", "systemctl stop DXCS-in; systemctl mask DXCS-in", "own", false, "in",
+     "/opt/srv/own/in/dxdemo"},
+    {"a program that is seen through a bind mount",
+     "mkdir -p /opt/bound; mount --bind /opt/srv/own /opt/bound; systemctl stop DXCS-in; "
+     "sed -i s:/opt/srv/own:/opt/bound: /lib/systemd/system/DXCS-in.service; systemctl daemon-reload",
+     "own", false, "in", "/opt/srv/own/in/dxdemo"},
+    {"a unit with a path that systemd cuts at its space",
+     "sed -i 's:=/opt/srv/own/dx:=/opt/srv/own/sp ace/dx:' /lib/systemd/system/DXCS-own.service; "
+     "systemctl daemon-reload",
+     "own", false},
+    {"another one whose path goes on in the folder",
+     "systemctl stop DXCS-in; sed -i 's:=/opt/srv/x:=/opt/srv/o wn/x:' /lib/systemd/system/DXCS-in.service; "
+     "mv /opt/srv/own '/opt/srv/o wn'; sed -i 's:=/opt/srv/own/dxdemo:=\"/opt/srv/o wn/dxdemo\":' "
+     "/lib/systemd/system/DXCS-own.service; systemctl daemon-reload",
+     "own", false, "in", "/opt/srv/x/dxdemo"},
+    {"several programs",
+     "sed -i 's:^Type=.*:Type=oneshot\\nExecStart=/bin/true:' /lib/systemd/system/DXCS-own.service; "
+     "systemctl daemon-reload",
+     "own", false},
+    {"an instance of a template",
+     "printf '[Service]\\nExecStart=/bin/sleep 999\\n' >/lib/systemd/system/DXCS-T@.service; "
+     "systemctl daemon-reload; systemctl start DXCS-T@x DXCS-T@y",
+     "T@x", false},
+    {"what wants a unit that is not there",
+     "ln -s /lib/systemd/system/DXCS-no.service /etc/systemd/system/multi-user.target.wants; "
+     "systemctl daemon-reload",
+     "own", true},
+};
+
+constexpr STOthers s_tOnSysV[] = {
+    {"a script without its marker line", "sed -i /Program=/d /etc/init.d/DXCS-in", "own", false, "in",
+     "/opt/srv/own/in/dxdemo"},
+    {"a script with a path that its shell cuts at a space",
+     "sed -i 's:/opt/srv/own/dxdemo:/opt/srv/own/sp:; s:-- --SERVICE:-- ace/dx --SERVICE:' "
+     "/etc/init.d/DXCS-own",
+     "own", false},
+    {"a process that no PID file names", "rm /run/DXCS-own.pid", "own", true},
+};
+} // namespace
+
+TEST_F(AnyServer, KeepsItsFilesUnlessItIsCertainWhoseTheyAre)
+{
+    const std::string csUndo =
+        "systemctl unmask DXCS-in; systemctl stop 'DXCS-T@*'; umount /opt/bound; rm -f "
+        "/etc/systemd/system/multi-user.target.wants/DXCS-no.service /lib/systemd/system/DXCS-T@.service; "
+        "systemctl daemon-reload";
+    const auto tCases = bSystemd() ? std::vector(std::begin(s_tOnSystemd), std::end(s_tOnSystemd))
+                                   : std::vector(std::begin(s_tOnSysV), std::end(s_tOnSysV));
+    for (const STOthers& st : tCases) {
+        SCOPED_TRACE(st.pszWhat);
+        AddNeighbour("own", "/opt/srv/own/dxdemo", 4921);
+        if (st.pszOther != nullptr) {
+            PutProgram(st.pszProgram, 4922);
+            std::ofstream(fs::path(st.pszProgram).parent_path() / "DXConf.ini")
+                << "[INIT]\nAccessPort=4922\n";
+            ASSERT_EQ(csRegister(st.pszOther, st.pszProgram, 4922), "");
+        }
+        stRun(st.pszMake);
+        CWorld tBefore = tLook();
+        EXPECT_EQ(csUTF8Reply(std::string("UNINSTALL\t") + st.pszUninstall + "\t1"),
+                  st.bDeleted ? s_szCompleted : "OK\r\n");
+        const std::string csGone = csDifference(tBefore, tLook());
+        EXPECT_EQ(csGone.find("/opt/srv/o") != std::string::npos, st.bDeleted) << csGone;
+        EXPECT_EQ(csGone.find("DXCS-T@.service"), std::string::npos) << "all instances have that file";
+        EXPECT_EQ(stRun("pgrep -f '/dxdemo .*DXCS-own$'").csOutput == "",
+                  csGone.find("own") != std::string::npos)
+            << "it is ended before it goes";
+        stRun(csUndo);
+        for (const std::string cs : {"own", "in", "in.service.1"}) {
+            csUTF8Reply("UNINSTALL\t" + cs + "\t0");
+        }
+        fs::remove_all("/opt/srv");
+    }
 }
 
 TEST_F(AnyServer, AndItsManagerLiveAtPathsWithASpace)

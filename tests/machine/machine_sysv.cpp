@@ -173,8 +173,8 @@ TEST_P(SysVPidFile, ADeadServersNumberIsNotMistakenForIt)
     ::kill(nDead, SIGKILL);
     ASSERT_TRUE(bGone(nDead));
     const pid_t nOther = std::stoi(stRun("sleep 1000 >/dev/null 2>&1 & echo $!").csOutput);
-    const std::string tContents[] = {std::to_string(nDead) + "\n", std::to_string(nOther) + "\n", "", "x\n",
-                                     "../1\n"};
+    const std::string tContents[] = {
+        std::to_string(nDead) + "\n", std::to_string(nOther) + "\n", "", "x\n", "../1\n", "self\n"};
     for (const std::string& csContent : tContents) {
         SCOPED_TRACE(csContent);
         std::ofstream("/run/DXCS-a.pid") << csContent;

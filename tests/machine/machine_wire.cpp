@@ -111,7 +111,11 @@ TEST_F(Wire, ToolsTextNeverBecomesAnOptionOrAPatternOfTheTool)
 TEST_F(Wire, ThisMachinesServiceManagerTellsMoreThanTheManager)
 {
     AddServer("fail", "DXCS-fail", 4903, "");
+    AddServer("z1", "DXCS-\\x21z", 4904, "", "DXCS-!z");
+    AddServer("z2", "DXCS-x\\x40", 4905, "", "DXCS-x@");
     const std::string csDropIn = "/etc/systemd/system/DXCS-fail.service.d";
+    stRun(
+        "cd /lib/systemd/system; sed -i 's/.x21/!/; s/.x40/@/' 'DXCS-\\x21z.service' 'DXCS-x\\x40.service'");
     stRun("mkdir -p " + csDropIn +
           "; printf '[Service]\nExecStartPre=/bin/sh -c \"echo no licence; exit 3\"\n' >" + csDropIn +
           "/x.conf; systemctl daemon-reload");
@@ -142,6 +146,10 @@ TEST_F(Wire, ThisMachinesServiceManagerTellsMoreThanTheManager)
         {"restart fail", 1,
          "velmoctl: \"restart\" of the server \"fail\" on this machine failed: Job for DXCS-fail"},
         {"stop 'r*'", 1, "velmoctl: there is no server \"r*\""},
+        {"restart '!z' 'x@'", 0, "\"!z\" is restarted\n\"x@\" is restarted\n"},
+        {"list --columns name,folder,state -l '!z' 'x@'", 0,
+         "NAME  FOLDER         STATE\n!z    /opt/velmo/z1  running\nx@    /opt/velmo/z2  running\n"},
+        {"stop '!z' 'x@'", 0, "\"!z\" is stopped\n\"x@\" is stopped\n"},
         {"--host 10.77.0.9 stop 'a b'", 1,
          "velmoctl: managers cannot stop servers, only the service manager of 10.77.0.9 can: ssh "
          "root@10.77.0.9 "

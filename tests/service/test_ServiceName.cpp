@@ -46,6 +46,14 @@ TEST_F(ServiceName, WhatIsSaidIsAskedInOneWordAndListedAgainAsItWas)
         EXPECT_EQ(clListed.csRegisteredAs(pszSaid), pszSaid);
         EXPECT_EQ(clListed.csRegisteredAs(L"DXCS-Other"), pszRegistry);
     }
+    // What no registration can have written is no registered name; a list is not forged by it.
+    const CServiceName clUnit = CServiceName::s_clListed("DXCS-a__b");
+    EXPECT_EQ(clUnit.csRegisteredAs(L"DXCS-a\tb"), L"DXCS-a__b");
+    for (const wchar_t* psz : {L"DXCS-a\tb", L"DXCS-a__b\tDXCS-b\t1", L"DXCS-\x1b[31m", L"\x01", L"\x9b"}) {
+        EXPECT_EQ(clUnit.csShownAs(psz), L"DXCS-a__b");
+    }
+    EXPECT_EQ(clUnit.csShownAs(L"Orders of Zürich"), L"Orders of Zürich");
+    EXPECT_EQ(clUnit.csShownAs(nullptr), L"DXCS-a__b");
     // Names of units of somebody else's that no name of ours escapes to are nobody's but their own.
     for (const char* psz : {"DXCS-a\\x41", "DXCS-a\\x3B", "DXCS-a\\x0ab", "DXCS-a\\xff", "DXCS-a\\x2fb"}) {
         const CServiceName clListed = CServiceName::s_clListed(psz);
@@ -152,5 +160,24 @@ TEST_F(ServiceName, AProgramIsQuotedOnlyForItsSpacesAndIsTheSameAgain)
     for (const auto& [pszLine, bGood] : tLines) {
         EXPECT_EQ(bUnitReadsBack(pszLine, clSaid(L"DXCS-a")), bGood)
             << ::testing::PrintToString(std::wstring(pszLine));
+    }
+}
+
+TEST_F(ServiceName, AUnitFileSaysAProgramOnlyWhenItsPathEndsThere)
+{
+    const std::pair<const char*, std::optional<std::wstring>> tLines[] = {
+        {"/opt/a/dx --SERVICE DXCS-a", L"/opt/a/dx"},
+        {"\"/opt/my db/dx\" --SERVICE DXCS-a", L"/opt/my db/dx"},
+        {"/opt/a/dx", L"/opt/a/dx"},
+        {"/opt/sp ace/dx --SERVICE DXCS-a", std::nullopt},
+        {"/opt/sp --ace/dx --SERVICE DXCS-a", std::nullopt},
+        {"/opt/a %n/dx --SERVICE DXCS-a", std::nullopt},
+        {"/opt/a/dx \\\n --x", std::nullopt},
+        {"\"/opt/a\"b/dx --SERVICE DXCS-a", std::nullopt},
+        {"/opt/a/dx --x\nExecStart=/opt/b/dx --y", std::nullopt},
+    };
+    for (const auto& [pszLine, csProgram] : tLines) {
+        EXPECT_EQ(csProgramInUnit(std::string("[Service]\nExecStart=") + pszLine + "\n"), csProgram)
+            << pszLine;
     }
 }

@@ -101,6 +101,13 @@ TEST(SysVScript, TemplatesAreCleanScriptsHoweverTheyAreFilled)
                           .csOutput,
                       "");
         }
+        // A script of an older release: the shell cuts the path that went on after a space.
+        std::string csCut = csFilled(csTemplate, "/opt/sp --SERVICE", "DXCS-a");
+        EXPECT_EQ(csProgramStarted(csCut, "DXCS-a"), "/opt/sp") << csCut;
+        csCut.replace(csCut.find(" --SERVICE DXCS-a\n"), 0, " ace/dx");
+        EXPECT_EQ(csProgramStarted(csCut, "DXCS-a"), std::nullopt) << csCut;
+        EXPECT_EQ(csProgramStarted(csFilled(csTemplate, "\"/opt/my (db)/dx\" --SERVICE", "x"), "DXCS-a"),
+                  "/opt/my (db)/dx");
         const std::string csForged =
             csFilled(csTemplate, "/opt/dx", "Program=\"/evil\" \n/evil\nProgram=\"/evil\"");
         EXPECT_EQ(stReadMarker(csForged, "Program=\"", 150).csValue, "/opt/dx") << csForged;

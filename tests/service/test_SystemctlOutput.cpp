@@ -36,6 +36,12 @@ TEST(ListUnits, EveryFormOfAListingGivesTheUnits)
         {"escaped and template names",
          "  DXCS-Donn\\xc3\\xa9es.service l a r x\n  user@0.service l a r x\n",
          {"DXCS-Donn\\xc3\\xa9es", "user@0"}},
+        {"names with the type inside, of units and of unit files",
+         "● DXCS-v.service.1.service loaded active running DXCS-v.service.1\n  DXCS-x.serviced.service l a r "
+         "A\n"
+         "DXCS-x.service-1.service enabled enabled\nDXCS-a.service_b.service\tmasked\n",
+         {"DXCS-v.service.1", "DXCS-x.serviced", "DXCS-x.service-1", "DXCS-a.service_b"}},
+        {"a first word that does not end with the type", "a b.service.service x\n", {"a b"}},
         {"lines that name no service",
          "\n  boot.mount loaded\n0 units listed.\n  DXCS-a.service x\n",
          {"DXCS-a"}},
@@ -57,6 +63,7 @@ TEST(Show, TellsExistenceDescriptionAndCommandLine)
         Text csDescription;
         Text csBinaryPath;
         Text csExecutable;
+        bool bOneProgram = true;
     } tCases[] = {
         {"a running unit",
          "Type=forking\nExecStart={ path=/opt/a/dx ; argv[]=/opt/a/dx --SERVICE DXCS-a ; pid=0 ; "
@@ -88,6 +95,13 @@ TEST(Show, TellsExistenceDescriptionAndCommandLine)
          {},
          "/opt/a/dxdemo --SERVICE N ",
          {}},
+        {"several command lines",
+         "Type=oneshot\nExecStart={ path=/a ; argv[]=/a ; }\nExecStart={ path=/b ; argv[]=/b -x ; }\n",
+         true,
+         {},
+         "/b -x ",
+         "/b",
+         false},
         {"no semicolon behind argv", "Type=simple\nExecStart={ argv[]=/x", true, {}, {}, {}},
         {"nothing", "", false, {}, {}, {}},
     };
@@ -98,6 +112,7 @@ TEST(Show, TellsExistenceDescriptionAndCommandLine)
         EXPECT_EQ(stShown.csDescription, st.csDescription);
         EXPECT_EQ(stShown.csBinaryPath, st.csBinaryPath);
         EXPECT_EQ(stShown.csExecutable, st.csExecutable);
+        EXPECT_EQ(stShown.bOneProgram, st.bOneProgram);
     }
     EXPECT_EQ(csReadProperty("P=a=b\n"), "a=b");
     EXPECT_EQ(csReadProperty("P="), "");

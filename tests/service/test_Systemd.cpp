@@ -160,21 +160,28 @@ TEST_F(FailingTool, OutOfDescriptorsAQuestionWaitsForOne)
 
 TEST_F(Systemd, RemovalStopsAtARefusedDisableAndOtherwiseDeletesBothFiles)
 {
-    CFakeTool clTool("/bin/systemctl",
-                     "case \"$*\" in *FragmentPath*) echo FragmentPath=/run/fragment;; *SourcePath*) echo "
-                     "SourcePath=/run/source;; disable*) [ -e $DIR/agree ];; stop*) exit 5;; esac");
+    CFakeTool clTool(
+        "/bin/systemctl",
+        "case \"$*\" in *FragmentPath*) echo FragmentPath=/run/DXCS-A.service;; *SourcePath*) "
+        "echo SourcePath=/run/$(cat $DIR/source);; disable*) [ -e $DIR/agree ];; stop*) exit 5;; "
+        "esac");
     const std::string csShown = "--property=FragmentPath show DXCS-A\n--property=SourcePath show DXCS-A\n";
     CService cl(&m_clManager, L"DXCS-A");
-    stRun("touch /run/fragment /run/source");
+    const std::string csFiles = "/run/DXCS-A.service /run/DXCS-A";
+    stRun("touch /run/DXCS-@.service " + csFiles);
+    clTool.Write("source", "DXCS-A\n");
     EXPECT_FALSE(cl.bRemove());
     EXPECT_EQ(clTool.csTakeJournal(), csShown + "disable DXCS-A\n");
-    EXPECT_EQ(stRun("ls /run/fragment /run/source").nStatus, 0);
+    EXPECT_EQ(stRun("ls " + csFiles).nStatus, 0);
     clTool.Write("agree", "");
     EXPECT_TRUE(cl.bRemove());
     EXPECT_EQ(clTool.csTakeJournal(),
               csShown + "disable DXCS-A\nstop DXCS-A\n--property=ActiveState show DXCS-A\ndaemon-reload\n"
                         "reset-failed DXCS-A\n");
-    EXPECT_EQ(stRun("cat /run/fragment || cat /run/source").nStatus, 1);
+    EXPECT_EQ(stRun("ls " + csFiles + " 2>/dev/null").csOutput, "");
+    clTool.Write("source", "DXCS-@.service\n"); // as an instance has its template's file
+    EXPECT_TRUE(cl.bRemove());
+    EXPECT_EQ(stRun("ls /run/DXCS-@.service").nStatus, 0) << "the other instances' too";
 }
 
 TEST_F(Systemd, AUnitGeneratedFromAScriptTakesItsProgramFromTheScript)

@@ -1,7 +1,11 @@
 #include "velmoctl/Local.h"
 
 #include "manager/ReplyCodes.h"
+#include "service/InitScript.h"
+#include "service/ServiceName.h"
+#include "support/Conversion.h"
 #include "support/ManagerNames.h"
+#include "support/Shell.h"
 #include "velmoctl/Conversation.h"
 #include "velmoctl/Interfaces.h"
 #include "velmoctl/Replies.h"
@@ -23,19 +27,22 @@ bool bSystemd()
     return s_bRuns;
 }
 
-/// Whether systemctl reads a name as one unit: no pattern, no path. Names come from the manager and are not
-/// trusted.
+CServiceName clServiceOf(const std::string& csServer)
+{
+    return CServiceName::s_clSaid(csFromUTF8("DXCS-" + csServer).c_str());
+}
+
+/// Whether a name can be a service's. Names come from the manager and are not trusted.
 bool bPlainName(const std::string& csServer)
 {
-    return !csServer.empty() && std::ranges::none_of(csServer, [](char c) {
-        return static_cast<unsigned char>(c) < ' ' ||
-               std::string_view("*?[/\"\\\x7F").find(c) != std::string_view::npos;
-    });
+    const CServiceName clService = clServiceOf(csServer);
+    return !csServer.empty() && csServer.find('\0') == std::string::npos &&
+           (bSystemd() ? !clService.csAsked().empty() : bInertName(clService.csScript()));
 }
 
 std::string csUnit(const std::string& csServer)
 {
-    return csUnitName(csServer) + ".service";
+    return csToUTF8(clServiceOf(csServer).csUnitFile());
 }
 
 /// The value of a property among the lines that systemctl prints of one unit.
@@ -144,8 +151,7 @@ std::string csJournal(const std::string& csOfUnit, Milliseconds clTime)
 /// Path of a server's init script; empty when it has none.
 std::string csScript(const std::string& csServer)
 {
-    std::string csName = csUnitName(csServer);
-    std::ranges::replace(csName, '.', '-');
+    const std::string csName = csToUTF8(clServiceOf(csServer).csScript());
     for (const char* const pszPrefix : {"/etc/init.d/", "/etc/rc.d/rc."}) {
         if (std::string csPath = pszPrefix + csName; ::access(csPath.c_str(), X_OK) == 0) {
             return csPath;

@@ -1,6 +1,7 @@
 #include "velmoctl/Prompt.h"
 
 #include "support/Conversion.h"
+#include "support/Shell.h"
 #include "support/SystemCall.h"
 #include "velmoctl/Failure.h"
 #include "velmoctl/Options.h"

@@ -1,7 +1,10 @@
 #include "velmoctl/Replies.h"
 
 #include "manager/ReplyCodes.h"
+#include "service/ServiceName.h"
+#include "support/Conversion.h"
 #include "support/ManagerNames.h"
+#include "support/Shell.h"
 
 #include <algorithm>
 #include <charconv>
@@ -185,21 +188,7 @@ std::string csRefusalWords(const STRefusal& stRefusal, const STAsked& stAsked)
 
 std::string csUnitName(const std::string& csServer)
 {
-    std::string csUnit = g_szServerPrefixA + csServer;
-    std::ranges::replace(csUnit, ' ', '_'); // as the manager names the unit when it registers a server
-    return csUnit;
-}
-
-std::string csShellWord(const std::string& csWord)
-{
-    constexpr std::string_view csPlain =
-        "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ-_./:@%+,=";
-    if (!csWord.empty() && csWord.find_first_not_of(csPlain) == std::string::npos) {
-        return csWord;
-    }
-    std::string csQuoted = "'";
-    for (const char c : csWord) {
-        csQuoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    }
-    return csQuoted + "'";
+    const std::string csPlain = g_szServerPrefixA + csServer;
+    const std::string csAsked = csToUTF8(CServiceName::s_clSaid(csFromUTF8(csPlain).c_str()).csAsked());
+    return csAsked.empty() ? csPlain : csAsked;
 }

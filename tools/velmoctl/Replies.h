@@ -51,7 +51,5 @@ struct STAsked
 /// What an error code means for a server, with the text of the reply where it helps, and what to do about it.
 std::string csRefusalWords(const STRefusal& stRefusal, const STAsked& stAsked);
 
-/// The unit of a server's service: its name without the type.
+/// The unit of a server's service as systemctl takes it: its file's name without the type.
 std::string csUnitName(const std::string& csServer);
-/// A word that a user can paste into a shell's command line, quoted where necessary.
-std::string csShellWord(const std::string& csWord);

@@ -1,5 +1,6 @@
 // The commands start (on any machine), stop and restart (on this machine).
 
+#include "support/Shell.h"
 #include "velmoctl/Fleet.h"
 #include "velmoctl/Local.h"
 #include "velmoctl/Query.h"
