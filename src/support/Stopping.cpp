@@ -63,14 +63,14 @@ void CStopping::Ask() noexcept
     errno = nErrno;
 }
 
-int CStopping::nMsSinceAsked() noexcept
+int CStopping::_nMsSinceAsked() noexcept
 {
     return static_cast<int>(std::min<long>(nMonotonicMs() - s_nAskedMs.load(), 3'600'000));
 }
 
 int CStopping::nAnswersLeftMs() noexcept
 {
-    return bAsked() ? std::max(s_nAnswersMs - nMsSinceAsked(), 0) : s_nAnswersMs;
+    return bAsked() ? std::max(s_nAnswersMs - _nMsSinceAsked(), 0) : s_nAnswersMs;
 }
 
 bool CStopping::bMayGoOn() noexcept

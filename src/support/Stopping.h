@@ -30,8 +30,8 @@ public:
     static void Ask() noexcept;
 
     static bool bAsked() noexcept { return s_nAskedMs.load() != 0; }
-    static bool bAnswersOver() noexcept { return bAsked() && nMsSinceAsked() >= s_nAnswersMs; }
-    static bool bOver() noexcept { return bAsked() && nMsSinceAsked() >= s_nWritesMs; }
+    static bool bAnswersOver() noexcept { return bAsked() && _nMsSinceAsked() >= s_nAnswersMs; }
+    static bool bOver() noexcept { return bAsked() && _nMsSinceAsked() >= s_nWritesMs; }
     /// What conversations still have for their answers, in milliseconds.
     static int nAnswersLeftMs() noexcept;
 
@@ -59,7 +59,7 @@ public:
     static bool bToolEndedByStop(unsigned int nExitCode) noexcept;
 
 private:
-    static int nMsSinceAsked() noexcept;
+    static int _nMsSinceAsked() noexcept;
 
     static std::atomic<long> s_nAskedMs; ///< monotonic; 0: not asked
 };

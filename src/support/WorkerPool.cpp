@@ -46,11 +46,11 @@ void CWorkerPool::Stop()
 
 void* CWorkerPool::s_pThread(void* pPool)
 {
-    static_cast<CWorkerPool*>(pPool)->__Run();
+    static_cast<CWorkerPool*>(pPool)->_Run();
     return nullptr;
 }
 
-void CWorkerPool::__Run()
+void CWorkerPool::_Run()
 {
     auto clLock = m_clWait.clLock();
     while (!m_tWaiting.empty()) {

@@ -27,7 +27,7 @@ public:
 
 private:
     static void* s_pThread(void* pPool);
-    void __Run();
+    void _Run();
 
     const int m_nMaxWorkers;
     CStopWait m_clWait; ///< of the members below

@@ -72,7 +72,7 @@ CZTThread::EStart CZTThread::eStart(PFNThread pfnThread, void* pParameter, int b
     if (bSuspended != 0) {
         Suspend(); // before there is a thread that could pass its Wait
     }
-    const int nError = __nStartThread();
+    const int nError = _nStartThread();
     if (nError != 0) {
         Resume();
         m_nState = STOP_REQUESTED;
@@ -243,7 +243,7 @@ CZTThread::EStart CZTThread::_eWaitStarted(CLock& clLock) const
 }
 
 /// Tries again for 0.4 seconds: want of memory or of room for threads may pass.
-int CZTThread::__nStartThread()
+int CZTThread::_nStartThread()
 {
     constexpr int nAttempts = 11;
     pthread_t hThread{};

@@ -86,7 +86,7 @@ private:
     bool _bAny(unsigned int nBits) const noexcept { return (m_nState & nBits) != 0; }
     void _WaitStopped(CClock::time_point clEnd);
     EStart _eWaitStarted(CLock& clLock) const;
-    int __nStartThread();
+    int _nStartThread();
     static void* ThreadFunc(void* pThread);
 
     /// Recursive: eStart suspends and resumes while it holds it, TakeSynchroStop lends it to the owner.
