@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <iterator>
 
 namespace {
 constexpr wchar_t s_cReplacement = L'\xFFFD';
@@ -35,7 +36,7 @@ char cTo1252(wchar_t c)
     if (n < 0x80 || (n >= 0xA0 && n <= 0xFF)) {
         return static_cast<char>(c);
     }
-    const auto it = std::find(s_t1252.begin(), s_t1252.end(), c);
+    const auto it = std::ranges::find(s_t1252, c);
     return it == s_t1252.end() ? '?' : static_cast<char>(0x80 + (it - s_t1252.begin()));
 }
 
@@ -134,7 +135,7 @@ std::wstring csWide(std::string_view csBytes, ECodePage eCodePage)
         }
         return csText;
     }
-    std::transform(csBytes.begin(), csBytes.end(), std::back_inserter(csText), cFrom1252);
+    std::ranges::transform(csBytes, std::back_inserter(csText), cFrom1252);
     return csText;
 }
 

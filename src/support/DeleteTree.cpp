@@ -14,9 +14,12 @@
 #include <string_view>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <tuple>
 #include <vector>
 
 namespace {
+using STExtendedStatus = struct statx; // a function has the structure's name
+
 /// What tells one directory from all others: the file and the mount through which it is seen.
 struct STPlace
 {
@@ -45,8 +48,7 @@ std::uint64_t qwMountByHandle(int nFd)
 /// For old kernels, and for filters that do not know the call.
 std::optional<STPlace> stPlaceWithoutStatx(int nFd)
 {
-    struct stat st
-    {};
+    STFileStatus st{};
     if (::fstat(nFd, &st) != 0) {
         return std::nullopt;
     }
@@ -57,8 +59,7 @@ std::optional<STPlace> stPlaceWithoutStatx(int nFd)
 /// Of an open directory; none with errno when the system does not tell.
 std::optional<STPlace> stPlace(int nFd)
 {
-    struct statx st
-    {};
+    STExtendedStatus st{};
     if (::statx(nFd, "", AT_EMPTY_PATH | AT_NO_AUTOMOUNT, STATX_INO | STATX_MNT_ID, &st) != 0) {
         return errno == ENOSYS || errno == EPERM ? stPlaceWithoutStatx(nFd) : std::nullopt;
     }
@@ -94,7 +95,7 @@ bool bListNames(int nFd, std::vector<std::string>* ptNames)
     if (!pDir) {
         return false;
     }
-    (void)clCopy.nRelease(); // the stream closes it
+    std::ignore = clCopy.nRelease(); // the stream closes it
     errno = 0;
     while (const dirent* pstEntry = ::readdir(pDir.get())) {
         const std::string_view csName = pstEntry->d_name;
@@ -240,8 +241,7 @@ std::string csWithoutEndSlashes(std::string csPath)
 std::string csResolveOwnFolder(const std::wstring& csDirectory)
 {
     const std::string csPath = csWithoutEndSlashes(csToUTF8(csDirectory));
-    struct stat st
-    {};
+    STFileStatus st{};
     if (csPath.empty() || csPath.front() != '/' || csPath.find('\0') != std::string::npos ||
         bHasParentName(csPath)) {
         errno = EPERM;

@@ -27,6 +27,6 @@ __attribute__((no_sanitize("thread", "address", "undefined"))) int nOriginalDesc
 __attribute__((no_sanitize("thread", "address", "undefined"))) void RestoreDescriptorLimit() noexcept
 {
     if (s_bRaised) {
-        (void)::setrlimit(RLIMIT_NOFILE, &s_stOriginal);
+        ::setrlimit(RLIMIT_NOFILE, &s_stOriginal);
     }
 }

@@ -44,10 +44,8 @@ std::wstring csNormalised(const std::wstring& csName)
 /// By device and inode; links are followed.
 bool bSameOnDisk(const std::wstring& cs1, const std::wstring& cs2, bool bDirectory)
 {
-    struct stat st1
-    {};
-    struct stat st2
-    {};
+    STFileStatus st1{};
+    STFileStatus st2{};
     return ::stat(csDiskPath(cs1).c_str(), &st1) == 0 && ::stat(csDiskPath(cs2).c_str(), &st2) == 0 &&
            st1.st_dev == st2.st_dev && st1.st_ino == st2.st_ino && (!bDirectory || S_ISDIR(st1.st_mode));
 }
@@ -83,14 +81,14 @@ std::string csNewName(const std::string& csPath)
 }
 
 /// Gives the new file the owner and mode of the one it replaces.
-bool bTakeOver(int nFd, const struct stat& stOld)
+bool bTakeOver(int nFd, const STFileStatus& stOld)
 {
     return ::fchown(nFd, stOld.st_uid, stOld.st_gid) == 0 && ::fchmod(nFd, stOld.st_mode & 07777) == 0;
 }
 
 /// Writes a new file and puts it in the place of the old: a full disk or a crash leaves the old content
 /// whole.
-bool bReplace(const std::string& csPath, const std::string& csBytes, const struct stat* pstOld,
+bool bReplace(const std::string& csPath, const std::string& csBytes, const STFileStatus* pstOld,
               bool* pbTryOver)
 {
     std::string csNew;
@@ -133,8 +131,7 @@ bool bWrite(const std::string& csPath, const std::string& csBytes)
         return false;
     }
     const std::string csFile = csResolved(csPath);
-    struct stat stOld
-    {};
+    STFileStatus stOld{};
     const bool bOld = ::lstat(csFile.c_str(), &stOld) == 0;
     // A device cannot be replaced, and a second name would keep the old content.
     if (bOld && (!S_ISREG(stOld.st_mode) || stOld.st_nlink > 1)) {
@@ -177,7 +174,7 @@ std::wstring CDiskFile::csDirectory(const std::wstring& csPath)
 
 std::wstring CDiskFile::DirectoryWithEndSlash(std::wstring csDirectory)
 {
-    std::replace(csDirectory.begin(), csDirectory.end(), L'\\', L'/');
+    std::ranges::replace(csDirectory, L'\\', L'/');
     if (!csDirectory.empty() && csDirectory.back() != L'/') {
         csDirectory += L'/';
     }
@@ -196,15 +193,13 @@ bool CDiskFile::bSameFileName(const std::wstring& cs1, const std::wstring& cs2)
 
 bool CDiskFile::bExists(const std::wstring& csPath)
 {
-    struct stat st
-    {};
+    STFileStatus st{};
     return ::stat(csDiskPath(csPath).c_str(), &st) == 0;
 }
 
 bool CDiskFile::bDirectoryExists(const std::wstring& csPath)
 {
-    struct stat st
-    {};
+    STFileStatus st{};
     return ::stat(csDiskPath(csPath).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 

@@ -111,7 +111,7 @@ bool bOwnFolder(std::string_view csRealPath)
     }
     // Below "/usr/local" only its own entries count, not that of "/usr".
     const bool bLocal = bBelow(csRealPath, "/usr/local");
-    return std::none_of(std::begin(s_tProtected), std::end(s_tProtected), [&](const STProtected& st) {
+    return std::ranges::none_of(s_tProtected, [&](const STProtected& st) {
         return bReaches(st, csRealPath) && !(bLocal && st.csPath == "/usr");
     });
 }

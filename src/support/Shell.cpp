@@ -13,6 +13,7 @@
 #include <poll.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
+#include <tuple>
 #include <unistd.h>
 
 namespace {
@@ -43,7 +44,7 @@ void KillSession(pid_t nShellPid)
 {
     const int nErrno = errno;
     ::kill(-nShellPid, SIGKILL);
-    Ignored(nRetry([&] { return ::waitpid(nShellPid, nullptr, 0); }));
+    std::ignore = nRetry([&] { return ::waitpid(nShellPid, nullptr, 0); });
     errno = nErrno;
 }
 } // namespace

@@ -54,7 +54,7 @@ public:
             ::sigemptyset(&stSignal);
             ::sigaddset(&stSignal, SIGXFSZ);
             const timespec stNow{};
-            (void)::sigtimedwait(&stSignal, nullptr, &stNow); // takes the signal back; none is as good
+            ::sigtimedwait(&stSignal, nullptr, &stNow); // takes the signal back; none is as good
         }
         errno = nErrno;
     }

@@ -1,7 +1,6 @@
 #include "support/Stopping.h"
 
 #include "support/Descripteur.h"
-#include "support/SystemCall.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -11,6 +10,7 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <system_error>
+#include <tuple>
 #include <unistd.h>
 
 std::atomic<long> CStopping::s_nAskedMs{0};
@@ -59,7 +59,7 @@ void CStopping::Ask() noexcept
     }
     const int nErrno = errno;
     constexpr std::uint64_t nOne = 1;
-    Ignored(::write(s_nWakeFd, &nOne, sizeof nOne)); // without it sleepers notice later
+    std::ignore = ::write(s_nWakeFd, &nOne, sizeof nOne); // without it sleepers notice later
     errno = nErrno;
 }
 

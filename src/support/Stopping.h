@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdint>
 #include <mutex>
+#include <tuple>
 
 /// How far the end of the process has come. A stop has three steps, counted from SIGTERM:
 ///
@@ -117,7 +118,7 @@ public:
     static void WaitFor(CLock& clLock, std::chrono::milliseconds clTime, TReady bReady)
     {
         const auto clEnd = std::chrono::steady_clock::now() + clTime;
-        (void)bWait(clLock, bReady, [clEnd] { return std::chrono::steady_clock::now() >= clEnd; });
+        std::ignore = bWait(clLock, bReady, [clEnd] { return std::chrono::steady_clock::now() >= clEnd; });
     }
 
 private:

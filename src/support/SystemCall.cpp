@@ -34,8 +34,7 @@ constexpr mode_t s_nMode = 0666;
 
 CDescripteur clIfRegular(CDescripteur clFile)
 {
-    struct stat st
-    {};
+    STFileStatus st{};
     if (!clFile.bOpen() || ::fstat(clFile.nFd(), &st) != 0) {
         return CDescripteur();
     }

@@ -12,6 +12,8 @@
 #include <sys/utsname.h>
 
 namespace {
+using STSystemInfo = struct sysinfo; // a function has the structure's name
+
 constexpr std::uint64_t s_qwUnknownMemory = 16777216;
 
 /// The record of the last reading and its second, in seconds since 1970.
@@ -30,8 +32,7 @@ void ReadMemoryStatus(tagMEMORYSTATUSEX* pst)
         ParseMemInfo(csText, pst);
         return;
     }
-    struct sysinfo stInfo
-    {};
+    STSystemInfo stInfo{};
     pst->dwMemoryLoad = 0;
     pst->qwTotalPhys = pst->qwAvailPhys = pst->qwTotalSwap = pst->qwFreeSwap = s_qwUnknownMemory;
     if (::sysinfo(&stInfo) == 0) {

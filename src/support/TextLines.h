@@ -37,7 +37,5 @@ constexpr char cLower(char c)
 /// Without regard to the case of ASCII letters.
 inline bool bBeginsWith(std::string_view csText, std::string_view csWord)
 {
-    return csText.size() >= csWord.size() &&
-           std::equal(csWord.begin(), csWord.end(), csText.begin(),
-                      [](char c1, char c2) { return cLower(c1) == cLower(c2); });
+    return std::ranges::equal(csText.substr(0, csWord.size()), csWord, {}, cLower, cLower);
 }

@@ -2,6 +2,8 @@
 
 #include "support/WorkerThread.h"
 
+#include <tuple>
+
 void CWorkerPool::Begin()
 {
     const auto clLock = m_clWait.clLock();
@@ -32,7 +34,7 @@ void CWorkerPool::WaitFree()
 {
     auto clLock = m_clWait.clLock();
     const auto bFree = [this] { return m_nWorkers < m_nMaxWorkers; };
-    (void)CStopWait::bWait(clLock, bFree, [this] { return m_bStopped || CStopping::bAsked(); });
+    std::ignore = CStopWait::bWait(clLock, bFree, [this] { return m_bStopped || CStopping::bAsked(); });
 }
 
 void CWorkerPool::Stop()
@@ -40,7 +42,7 @@ void CWorkerPool::Stop()
     auto clLock = m_clWait.clLock();
     m_bStopped = true;
     m_tWaiting.clear();
-    (void)CStopWait::bWait(
+    std::ignore = CStopWait::bWait(
         clLock, [this] { return m_nWorkers == 0; }, [] { return false; });
 }
 

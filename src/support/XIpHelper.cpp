@@ -11,6 +11,7 @@
 #include <memory>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <tuple>
 #include <unistd.h>
 
 namespace {
@@ -191,7 +192,7 @@ bool bOpenAll(const STEndpoint& stEndpoint, CEnsembleSockets* pclSet, CXError* p
 void CEnsembleSockets::Add(int nFamily, CDescripteur clSocket)
 {
     m_tSockets.push_back({nFamily, clSocket.nFd()});
-    (void)clSocket.nRelease();
+    std::ignore = clSocket.nRelease();
 }
 
 bool CEnsembleSockets::bSetsockopt(int nLevel, int nName, const void* pValue, socklen_t nLength)
@@ -216,8 +217,8 @@ int CEnsembleSockets::WaitReadable(timeval* pstTimeout)
     if (clSet.nSelect(pstTimeout) <= 0) {
         return -1;
     }
-    const auto it = std::find_if(m_tSockets.begin(), m_tSockets.end(),
-                                 [&clSet](const STSocket& st) { return clSet.bReadable(st.nSocket); });
+    const auto it = std::ranges::find_if(
+        m_tSockets, [&clSet](int nSocket) { return clSet.bReadable(nSocket); }, &STSocket::nSocket);
     return it == m_tSockets.end() ? -1 : it->nSocket;
 }
 
