@@ -4,8 +4,8 @@
 #include <unistd.h>
 #include <utility>
 
-/// Owns one file descriptor; -1 is none. Closing keeps errno, so that an early return still reports the true
-/// cause.
+/// Owns one file descriptor; -1 is none. Closing keeps errno, so that an early return still reports the cause
+/// of the failure.
 class CDescripteur
 {
 public:
@@ -26,6 +26,7 @@ public:
     bool bOpen() const noexcept { return m_nFd >= 0; }
     /// Gives the descriptor away; the caller closes it.
     int nRelease() noexcept { return std::exchange(m_nFd, -1); }
+    /// Does nothing when there is none. An error of close() is ignored: the number is free all the same.
     void Close() noexcept
     {
         if (!bOpen()) {

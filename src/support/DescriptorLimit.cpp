@@ -14,6 +14,7 @@ void RaiseDescriptorLimit()
     if (s_bRaised || ::getrlimit(RLIMIT_NOFILE, &stNow) != 0) {
         return;
     }
+
     const rlimit stRaised{stNow.rlim_max, stNow.rlim_max};
     s_stOriginal = stNow;
     s_bRaised = ::setrlimit(RLIMIT_NOFILE, &stRaised) == 0;
@@ -27,6 +28,6 @@ __attribute__((no_sanitize("thread", "address", "undefined"))) int nOriginalDesc
 __attribute__((no_sanitize("thread", "address", "undefined"))) void RestoreDescriptorLimit() noexcept
 {
     if (s_bRaised) {
-        ::setrlimit(RLIMIT_NOFILE, &s_stOriginal);
+        ::setrlimit(RLIMIT_NOFILE, &s_stOriginal); // lowering a limit is always allowed
     }
 }

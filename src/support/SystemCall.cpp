@@ -29,9 +29,11 @@ bool bWriteAll(int nFd, std::string_view csBytes)
 }
 
 namespace {
-constexpr int s_nAlways = O_CLOEXEC | O_NONBLOCK | O_NOCTTY; // not waiting makes no difference for a file
+/// Without O_NONBLOCK the open of a FIFO would wait for its other end; regular files do not mind.
+constexpr int s_nAlways = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
 constexpr mode_t s_nMode = 0666;
 
+/// Judges the open file, not its name: the name may mean another one by now.
 CDescripteur clIfRegular(CDescripteur clFile)
 {
     STFileStatus st{};
