@@ -2,6 +2,7 @@
 
 void CStoppableLock::lock()
 {
+    // The threads look at their condition at different moments; a number keeps the order of their requests.
     auto clLock = m_clWait.clLock();
     const auto pMine = m_tWaiting.insert(++m_nLastNumber).first;
     const bool bTaken = CStopWait::bWait(

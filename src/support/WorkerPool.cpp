@@ -21,9 +21,10 @@ bool CWorkerPool::bRun(std::function<void()> fnWork)
     pthread_t hThread{};
     if (m_nWorkers < m_nMaxWorkers &&
         nCreateWorker(&hThread, PTHREAD_CREATE_DETACHED, s_pThread, this) == 0) {
-        ++m_nWorkers; // the thread waits for the lock until then
+        ++m_nWorkers; // in time: the new thread first waits for the lock
     }
-    if (m_nWorkers == 0) {
+
+    if (m_nWorkers == 0) { // else one of the others will do it
         m_tWaiting.pop_back();
         return false;
     }
@@ -58,13 +59,15 @@ void CWorkerPool::_Run()
     while (!m_tWaiting.empty()) {
         std::function<void()> fnWork = std::move(m_tWaiting.front());
         m_tWaiting.pop_front();
+
         clLock.unlock();
         try {
             fnWork();
         } catch (...) { // out of memory, or the stop
         }
-        fnWork = nullptr; // what it holds goes without the lock
+        fnWork = nullptr; // destroys what it holds while the lock is free
         clLock.lock();
     }
-    --m_nWorkers; // the last thing: whoever waits may destroy the object once the lock is free
+
+    --m_nWorkers; // comes last: once the lock is free, whoever waits may destroy the object
 }
