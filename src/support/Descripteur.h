@@ -13,7 +13,7 @@ public:
     CDescripteur(CDescripteur&& clOther) noexcept : m_nFd(clOther.nRelease()) {}
     CDescripteur& operator=(CDescripteur&& clOther) noexcept
     {
-        const int nFd = clOther.nRelease();
+        const int nFd = clOther.nRelease(); // first, so that a move to itself keeps the descriptor
         Close();
         m_nFd = nFd;
         return *this;

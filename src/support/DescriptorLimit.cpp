@@ -3,6 +3,9 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+// Children that still share the daemon's memory read the old limit: it is written once, before any thread
+// runs, and the sanitizers record nothing in the functions that the children call.
+
 namespace {
 rlimit s_stOriginal{};
 bool s_bRaised = false;

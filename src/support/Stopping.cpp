@@ -45,7 +45,7 @@ long nMonotonicMs() noexcept
 void CStopping::Reset() noexcept
 {
     s_nAskedMs = 0;
-    const CDescripteur clOld(s_nWakeFd.exchange(-1));
+    const CDescripteur clOld(s_nWakeFd.exchange(-1)); // closes it
 }
 
 void CStopping::Prepare()
@@ -55,6 +55,7 @@ void CStopping::Prepare()
 
 void CStopping::Ask() noexcept
 {
+    // SIGTERM may come again: the first one's time must remain, or the stop would never be over.
     long nNever = 0;
     if (!s_nAskedMs.compare_exchange_strong(nNever, nMonotonicMs())) {
         return;
@@ -125,6 +126,7 @@ int CStopping::nPollMs(int nMs) noexcept
     if (!bAsked() && t_pbCancelled == nullptr) {
         return nMs;
     }
+
     const int nLookMs = bAsked() ? s_nLookMs : s_nCancelLookMs;
     return nMs < 0 ? nLookMs : std::min(nMs, nLookMs);
 }

@@ -19,7 +19,7 @@ bool bWriteAll(int nFd, std::string_view csBytes)
 {
     while (!csBytes.empty()) {
         const ssize_t nWritten = nRetry([&] { return ::write(nFd, csBytes.data(), csBytes.size()); });
-        if (nWritten <= 0) {
+        if (nWritten <= 0) { // 0: the next try would take none either, and so on for ever
             errno = nWritten == 0 ? EIO : errno;
             return false;
         }

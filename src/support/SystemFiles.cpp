@@ -8,6 +8,7 @@
 #include <cstdint>
 
 namespace {
+/// Bytes of a line that count. Clients have always seen a longer model name cut there.
 constexpr std::size_t s_nMaxCpuLine = 200;
 constexpr std::size_t s_nMaxMemLine = 256;
 

@@ -40,9 +40,12 @@ void CWorkerPool::WaitFree()
 
 void CWorkerPool::Stop()
 {
+    // From now on bRun refuses work, so each thread ends after what it has under way.
     auto clLock = m_clWait.clLock();
     m_bStopped = true;
     m_tWaiting.clear();
+
+    // Without a limit: the threads use this object. They notice a stop of the process by themselves.
     std::ignore = CStopWait::bWait(
         clLock, [this] { return m_nWorkers == 0; }, [] { return false; });
 }

@@ -44,7 +44,7 @@ std::wstring CXError::StringDump(unsigned int nMask) const
 
 bool bFail(CXError* pclError, const wchar_t* pszOperation, const std::wstring& csObject)
 {
-    const int nErrno = errno;
+    const int nErrno = errno; // building the texts may change it
     if (pclError != nullptr) {
         pclError->Clear();
         pclError->SetSystemError(nErrno);

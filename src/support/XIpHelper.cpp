@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 namespace {
+/// Kernels before 5.4 take no larger one unless the administrator says so.
 constexpr int s_nMaxBacklog = 128;
 
 /// The outcome for one address of the resolver.
