@@ -27,10 +27,6 @@ auto nRetry(TCall Call)
 /// "struct" before it.
 using STFileStatus = struct stat;
 
-/// For the result of a call after whose failure there is nothing better than to go on; the place says why.
-/// Where the compiler does not insist, "(void)" says the same.
-inline void Ignored(long) {}
-
 /// Both ends of a pipe, close-on-exec.
 struct STPipe
 {
