@@ -7,7 +7,7 @@
 #include <string>
 
 namespace {
-/// A file of at least so many lines and bytes, with [INIT] Name in its last line.
+/// A settings file of at least nLines lines and nBytes bytes, with [INIT] Name in its last line.
 class CFile
 {
 public:
@@ -31,10 +31,12 @@ void ReadLastKey(benchmark::State& clState)
                        static_cast<std::size_t>(clState.range(1)));
     const std::wstring csPath = clFile.csPath();
     std::array<wchar_t, 100> tBuffer{};
+
     for (auto _ : clState) {
         benchmark::DoNotOptimize(
             GetPrivateProfileString(L"INIT", L"Name", L"", tBuffer.data(), tBuffer.size(), csPath.c_str()));
     }
+
     if (tBuffer[0] != L'x') {
         clState.SkipWithError("the key was not read");
     }
@@ -42,14 +44,15 @@ void ReadLastKey(benchmark::State& clState)
 BENCHMARK(ReadLastKey)->Args({200, 0})->Unit(benchmark::kMicrosecond);
 BENCHMARK(ReadLastKey)->Args({0, 10 << 20})->Unit(benchmark::kMillisecond);
 
-/// The first key of the file grows and shrinks in turn, so that all that follows is moved. Caches are warm: a
-/// rewrite on its own takes several times as long for a large file.
+/// The first key of the file alternately grows and shrinks, so that all that follows is moved. The caches are
+/// warm: a single rewrite of a large file takes several times as long.
 void RewriteFirstKey(benchmark::State& clState)
 {
     const CFile clFile(static_cast<std::size_t>(clState.range(0)),
                        static_cast<std::size_t>(clState.range(1)));
     const std::wstring csPath = clFile.csPath();
     bool bLong = false;
+
     for (auto _ : clState) {
         bLong = !bLong;
         if (WritePrivateProfileString(L"FIRST", L"Name", bLong ? L"longer" : L"s", csPath.c_str()) == 0) {

@@ -6,7 +6,7 @@
 #include <string>
 
 namespace {
-/// Mostly ASCII with an accented letter in every tenth place, as texts on the wire are.
+/// Mostly ASCII with an accented letter in every tenth place, like the texts on the wire.
 std::wstring csText(std::int64_t nCharacters)
 {
     std::wstring cs(static_cast<std::size_t>(nCharacters), L'a');

@@ -1,6 +1,6 @@
 #pragma once
 
-/* What the stand-in's two libraries share; nobody else uses it. */
+/* The interface between the stand-in's two libraries; nobody else uses it. */
 
-/* Makes the object types of the language known. Non-zero: success. */
+/* Registers the object types of the language. Returns non-zero on success. */
 __attribute__((visibility("default"))) int bInitObjects(void);

@@ -1,5 +1,6 @@
-/* Stand-in for the product's language runtime: exports what the manager's loader resolves, and does nothing
- * but succeed. The product's own library takes its place without a rebuild of the manager. */
+/* Stand-in for the product's language runtime: exports the entries that the manager's loader looks up, each
+ * of which only reports success. The product's own library takes its place without a rebuild of the manager.
+ */
 #include "vm/RuntimeAbi.h"
 #include "zt240obj.h"
 
@@ -32,7 +33,7 @@ ENTRY int bInitialiseMoiMeme(char* pszError, unsigned int nSize)
 
 ENTRY void TermineMoiMeme(void) {}
 
-/* The compiler checks that what is exported has the types of the interface. */
+/* Checks at compile time that the exported entries have the types of the interface. */
 _Static_assert(_Generic(&bInitVM, PFN_bInitVM : 1, default : 0), VM_ENTRY_INIT);
 _Static_assert(_Generic(&bCheminDLL, PFN_bCheminDLL : 1, default : 0), VM_ENTRY_PATH);
 _Static_assert(_Generic(&TermVM, PFN_TermVM : 1, default : 0), VM_ENTRY_TERM);

@@ -1,4 +1,4 @@
-// Beside 10,000 idle conversations, and with no descriptor left.
+// The manager beside 10,000 idle conversations, and out of descriptors.
 
 #include "Measure.h"
 #include "Rows.h"
@@ -12,10 +12,12 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
+#include <tuple>
 #include <unistd.h>
 
 namespace {
-/// Holds so many greeted connections, from a process of its own: they would not fit beside ours.
+/// Holds so many greeted connections, in a process of its own: they would not fit into this one's
+/// descriptor table.
 class CHolder
 {
 public:
@@ -25,18 +27,21 @@ public:
         if (::pipe(tPipe) != 0 || (m_nPid = ::fork()) < 0) {
             Die("no holder of connections");
         }
+
         if (m_nPid == 0) {
             std::vector<CTalk> tTalks;
             tTalks.reserve(static_cast<std::size_t>(nConnections));
             for (int n = 0; n < nConnections; ++n) {
                 tTalks.emplace_back(wPort);
             }
-            (void)!::write(tPipe[1], "", 1);
-            ::pause();
+            std::ignore = ::write(tPipe[1], "", 1);
+            ::pause(); // until it is killed
         }
+
+        // A child that has died leaves cReady unchanged.
         ::close(tPipe[1]);
         char cReady = 1;
-        (void)!::read(tPipe[0], &cReady, 1);
+        std::ignore = ::read(tPipe[0], &cReady, 1);
         ::close(tPipe[0]);
         if (cReady != 0) {
             Die("the connections could not be held");
@@ -54,6 +59,7 @@ private:
     pid_t m_nPid = -1;
 };
 
+/// Time from the connect to the greeting; the median of some.
 double fGreeting(std::uint16_t wPort)
 {
     CFigures cl;
@@ -66,7 +72,7 @@ double fGreeting(std::uint16_t wPort)
 double fStatus(const CTalk& clTalk)
 {
     const std::string csLine = "STATUS\t" + csServer(0) + "\r\n";
-    return fMicroseconds([&] { (void)clTalk.csAsk(csLine); });
+    return fMicroseconds([&] { std::ignore = clTalk.csAsk(csLine); });
 }
 
 void AddStatus(const CTalk& clTalk, CFigures* pclFigures)
@@ -76,6 +82,7 @@ void AddStatus(const CTalk& clTalk, CFigures* pclFigures)
     }
 }
 
+/// Waits until the threads of the last crowd are gone: their end would disturb the measurement.
 void AwaitFewThreads(pid_t nPid)
 {
     const std::filesystem::path clTasks("/proc/" + std::to_string(nPid) + "/task");
@@ -95,23 +102,28 @@ void IdleCrowdRows()
     CProgram clManager(tManagerCommand());
     clFloor.AwaitPort(g_wFloor);
     clManager.AwaitPort(g_wOurs);
+
     const CTalk clTalk(g_wOurs);
     STComparison stStatus;
     CFigures clMemory;
     for (int n = 0; n < 5; ++n) {
         AwaitFewThreads(clManager.nPid());
         AddStatus(clTalk, &stStatus.clFloor);
+
         const long nBefore = stLook(clManager.nPid()).nResidentKiB;
         const CHolder clHolder(g_wOurs, nIdle);
-        if (n == 0) { // later ones find what the first has left
+        if (n == 0) { // later crowds use the memory that the first has left
             clMemory.Add(static_cast<double>(stLook(clManager.nPid()).nResidentKiB - nBefore) / nIdle);
         }
+
         AddStatus(clTalk, &stStatus.clOurs);
     }
+
     const double fEach = clMemory.fMedian();
     Row("10,000 idle conversations: memory of the process for each", "10 KiB", csNumber(fEach, 2) + " KiB",
         fEach / 10, "at most 1.30", fEach <= 13);
     TimeRow("the same: STATUS beside them (floor: without them)", stStatus, 1.5);
+
     const CHolder clOurHolder(g_wOurs, nIdle);
     const CHolder clFloorHolder(g_wFloor, nIdle);
     TimeRow("the same: time to greet one more",
@@ -126,7 +138,7 @@ bool bReadableNow(int nFd, int nMs)
     return ::poll(&st, 1, nMs) > 0;
 }
 
-/// Opens connections until one is not greeted; the last is the one that waits.
+/// Opens connections until one is not greeted, which is the last of the result.
 std::vector<CDescripteur> tFill()
 {
     std::vector<CDescripteur> tSockets;
@@ -146,18 +158,21 @@ void NoDescriptorRows()
     if (tSockets.size() >= 200) {
         Die("the manager did not run out of descriptors");
     }
+
     const long nTicks = stLook(clManager.nPid()).nTicks;
     ::usleep(static_cast<useconds_t>(fWatched));
     const double fShare = static_cast<double>(stLook(clManager.nPid()).nTicks - nTicks) * 100 /
                           static_cast<double>(::sysconf(_SC_CLK_TCK)) / (fWatched / 1e6);
     Row("out of descriptors: processor", "0 %", csNumber(fShare, 2) + " %", -1, "under 1 %", fShare < 1);
+
     const bool bUnharmed = clTalk.csAsk(g_szNothing) == "OK\r\n";
     Row("the same: a conversation in progress", "answers", bUnharmed ? "answers" : "does not answer", -1,
         "answers", bUnharmed);
+
     const int nWaiting = tSockets.back().nFd();
     const double fAgain = fMicroseconds([&] {
         tSockets.front().Close();
-        (void)bReadableNow(nWaiting, 5000);
+        std::ignore = bReadableNow(nWaiting, 5000);
     });
     Row("the same: accepting again after one has ended", "", csNumber(fAgain / 1000, 1) + " ms", -1,
         "within 200 ms", fAgain <= 200e3);

@@ -9,6 +9,7 @@
 #include <array>
 #include <cstdint>
 #include <fstream>
+#include <tuple>
 #include <unistd.h>
 
 namespace {
@@ -18,10 +19,11 @@ double fFirstAnswer(const std::vector<std::string>& tCommand, std::uint16_t wPor
     const double fStart = fNow();
     CProgram clProgram(tCommand);
     clProgram.AwaitPort(wPort);
-    (void)CTalk(wPort).csAsk(g_szNothing);
+    std::ignore = CTalk(wPort).csAsk(g_szNothing);
     return fNow() - fStart;
 }
 
+/// The floor also launches one tool before it serves, as the manager does.
 void StartRow()
 {
     const std::vector<std::string> tFloor{csBuilt("bench_floor"), std::to_string(g_wFloor), "/bin/systemctl",
@@ -39,12 +41,14 @@ void IdleRows()
     CProgram clManager(tManagerCommand());
     clManager.AwaitPort(g_wOurs);
     const CTalk clTalk(g_wOurs);
-    ::sleep(1);
+    ::sleep(1); // what belongs to the start is over by then
+
     const STProcess stBefore = stLook(clManager.nPid());
     ::sleep(nSeconds);
     const STProcess stAfter = stLook(clManager.nPid());
     const long nSwitches = stAfter.nSwitches - stBefore.nSwitches;
     const long nTicks = stAfter.nTicks - stBefore.nTicks;
+
     Row("idle for 20 s with one conversation: wake-ups", "0", std::to_string(nSwitches), -1, "0",
         nSwitches == 0);
     Row("the same: processor", "0 ticks", std::to_string(nTicks) + " ticks", -1, "0 ticks", nTicks == 0);
@@ -64,6 +68,7 @@ void SettingRow()
         }
         clFile << "AccessPort = 4900\n";
     }
+
     const auto fnFloor = [&] {
         return fMicroseconds([&] {
                    for (int n = 0; n < nReads; ++n) {
@@ -74,6 +79,7 @@ void SettingRow()
                }) /
                nReads;
     };
+
     const auto fnOurs = [&] {
         std::array<wchar_t, 100> tValue{};
         return fMicroseconds([&] {
@@ -86,6 +92,7 @@ void SettingRow()
                }) /
                nReads;
     };
+
     TimeRow("one INI key, the last of 200 lines", stTurnByTurn(75, fnFloor, fnOurs), 3);
 }
 } // namespace

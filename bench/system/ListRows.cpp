@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -19,7 +20,7 @@ std::string csWith(int nServers)
 
 double fInfo(const CTalk& clTalk)
 {
-    return fMicroseconds([&] { (void)clTalk.csAsk("INFO\r\n"); });
+    return fMicroseconds([&] { std::ignore = clTalk.csAsk("INFO\r\n"); });
 }
 
 double fBareInfo(int nServers)
@@ -47,6 +48,7 @@ void InfoRow(int nServers, int nRounds)
 }
 
 /// INFO with few servers as the floor of INFO with many.
+/// How INFO grows with the number of servers; both sides are ours.
 void GrowthRow(int nFew, int nMany)
 {
     const CTalk clTalk(g_wOurs);
@@ -58,6 +60,7 @@ void GrowthRow(int nFew, int nMany)
         }
         return cl.fMedian();
     };
+
     TimeRow("growth of INFO from " + std::to_string(nFew) + " servers (floor) to " + std::to_string(nMany),
             stTurnByTurn(
                 5, [&] { return fMedianWith(nFew); }, [&] { return fMedianWith(nMany); }),
@@ -73,7 +76,7 @@ void PingRow(int nServers, int nRounds)
             1.15);
 }
 
-/// Next to the launches that an INFO cost when it asked for each server by itself, and to asking systemd.
+/// INFO next to one launch for each server, and next to one plain question to systemd for all of them.
 void OtherWaysRows(int nServers, int nRounds)
 {
     const CTalk clTalk(g_wOurs);
@@ -81,6 +84,7 @@ void OtherWaysRows(int nServers, int nRounds)
     ComparisonRow("INFO" + csWith(nServers) + ", next to one launch each (what was before)",
                   stTurnByTurn(
                       nRounds, [&] { return fMicroseconds([&] { LaunchInfoOneByOne(nServers); }); }, fnInfo));
+
     std::vector<std::string> tShow{"show"};
     for (int n = 0; n < nServers; ++n) {
         tShow.push_back("DXCS-" + csServer(n));
@@ -90,6 +94,7 @@ void OtherWaysRows(int nServers, int nRounds)
                       nRounds, [&] { return fMicroseconds([&] { Launch(tShow); }); }, fnInfo));
 }
 
+/// Conversations that ask at the same time share one listing; the floor is one that asks again and again.
 void SharedInfoRow(int nServers)
 {
     constexpr int nConversations = 16;
@@ -97,19 +102,22 @@ void SharedInfoRow(int nServers)
     for (int n = 0; n < nConversations; ++n) {
         tTalks.push_back(std::make_unique<CTalk>(g_wOurs));
     }
+
     const STComparison st = stTurnByTurn(
         5, [&] { return fRateOf(1, [&](int) { LaunchInfo(nServers); }); },
         [&] {
-            return fRateOf(nConversations, [&](int n) { (void)fInfo(*tTalks[static_cast<std::size_t>(n)]); });
+            return fRateOf(nConversations,
+                           [&](int n) { std::ignore = fInfo(*tTalks[static_cast<std::size_t>(n)]); });
         });
     RateRow("INFO per second, 16 conversations," + csWith(nServers).substr(5), st, 2);
 }
 
-/// As many tools look for managers at the same moment.
+/// Many tools look for managers at the same moment; the floor is a single listing.
 void CrowdOfQuestionsRows(int nServers)
 {
     constexpr int nAskers = 300;
-    int nFewest = nAskers;
+    int nFewest = nAskers; // answered in any round
+
     const auto fnOurs = [&] {
         const std::vector<CPing> tAskers(nAskers);
         int nAnswered = 0;
@@ -124,6 +132,7 @@ void CrowdOfQuestionsRows(int nServers)
         nFewest = std::min(nFewest, nAnswered);
         return fTook;
     };
+
     const STComparison st = stTurnByTurn(
         7, [&] { return fBareInfo(nServers); }, fnOurs);
     TimeRow("300 questions at once" + csWith(nServers) + ", until the last is answered", st, 3);
@@ -150,12 +159,14 @@ void Register()
     if (!bWritePipe("/tmp/__pipe_velmomanager__", csRequest(1, 1, s_szNewName, csProgram, 5998))) {
         Die("the manager does not read its pipe");
     }
+
     const std::string csReply = clReply.csReply();
     if (!csReply.empty()) {
         Die("the registration was refused: " + csReply);
     }
 }
 
+/// The launches of one registration, and the unit file that it writes.
 void LaunchRegistration(int nServers)
 {
     LaunchList(nServers);
@@ -173,6 +184,7 @@ void RegistrationRow(int nServers, int nRounds)
         RemoveNewcomer();
         return fTook;
     };
+
     TimeRow("registration of one among " + std::to_string(nServers),
             stTurnByTurn(
                 nRounds, [&] { return fTimed([&] { LaunchRegistration(nServers); }); },
@@ -188,10 +200,12 @@ void ClientRow(int nServers, int nRounds)
     for (int n = 0; n < nServers; ++n) {
         tLines.push_back("STATUS\t" + csServer(n) + "\r\n");
     }
+
     std::vector<const char*> tAsked;
     for (const std::string& cs : tLines) {
         tAsked.push_back(cs.c_str());
     }
+
     const auto fnFloor = [&] {
         return fMicroseconds([&] {
             if (floor_ask(g_wOurs, tAsked.data(), static_cast<int>(tAsked.size()), nConversations) != 0) {
@@ -199,6 +213,7 @@ void ClientRow(int nServers, int nRounds)
             }
         });
     };
+
     const auto fnOurs = [&] {
         return fMicroseconds([&] {
             if (nLaunchProgram({csBuilt("velmoctl"), "list"}) < nServers * 10) { // a line has more
@@ -206,6 +221,7 @@ void ClientRow(int nServers, int nRounds)
             }
         });
     };
+
     TimeRow("`velmoctl list`" + csWith(nServers), stTurnByTurn(nRounds, fnFloor, fnOurs), 1.2);
 }
 } // namespace

@@ -27,6 +27,7 @@ double fRateOf(int nThreads, const std::function<void(int)>& fnAction)
     std::atomic<int> nDone{0};
     std::vector<std::thread> tThreads;
     const double fStart = fNow();
+
     for (int n = 0; n < nThreads; ++n) {
         tThreads.emplace_back([&, n] {
             for (; fNow() - fStart < fDuration; ++nDone) {
@@ -37,6 +38,8 @@ double fRateOf(int nThreads, const std::function<void(int)>& fnAction)
     for (std::thread& clThread : tThreads) {
         clThread.join();
     }
+
+    // The threads run a little longer than asked, so the time is taken again.
     return nDone * 1e6 / (fNow() - fStart);
 }
 
@@ -54,7 +57,7 @@ void Row(const std::string& csWhat, const std::string& csFloor, const std::strin
     const char* const pszReached = bReached ? "yes" : "**no**";
     std::printf("| %s | %s | %s | %s | %s | %s |\n", csWhat.c_str(), csFloor.c_str(), csOurs.c_str(),
                 csRatio.c_str(), csTarget.c_str(), csTarget.empty() ? "" : pszReached);
-    std::fflush(stdout);
+    std::fflush(stdout); // a row is seen while the next is measured
 }
 
 namespace {

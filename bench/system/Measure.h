@@ -21,8 +21,10 @@ public:
         if (m_tValues.empty()) {
             return 0;
         }
+
         std::vector<double> tSorted = m_tValues;
-        std::sort(tSorted.begin(), tSorted.end());
+        std::ranges::sort(tSorted);
+
         const double fIndex = static_cast<double>(tSorted.size()) * fPercent / 100;
         return tSorted[std::min(static_cast<std::size_t>(fIndex), tSorted.size() - 1)];
     }
@@ -31,20 +33,21 @@ private:
     std::vector<double> m_tValues;
 };
 
-/// The two sides of a row, measured turn by turn, so that a slow moment of the machine meets both.
+/// The two sides of a row. They are measured alternately, so that a slow moment of the machine affects both.
 struct STComparison
 {
     CFigures clFloor;
     CFigures clOurs;
 };
 
-/// Microseconds since some fixed moment.
+/// Microseconds on the steady clock.
 inline double fNow()
 {
     const auto clNow = std::chrono::steady_clock::now().time_since_epoch();
     return std::chrono::duration<double, std::micro>(clNow).count();
 }
 
+/// How long the action takes.
 inline double fMicroseconds(const std::function<void()>& fnAction)
 {
     const double fStart = fNow();
@@ -52,18 +55,20 @@ inline double fMicroseconds(const std::function<void()>& fnAction)
     return fNow() - fStart;
 }
 
-/// Each side yields one figure a round; who begins changes with every round.
+/// Takes one figure of each side a round. The sides begin alternately: what the first leaves in caches would
+/// otherwise always help the second.
 STComparison stTurnByTurn(int nRounds, const std::function<double()>& fnFloor,
                           const std::function<double()>& fnOurs);
 
-/// Runs the action in so many threads, each with its number, for about a second; how often it was done per
-/// second in all.
+/// Runs the action in so many threads for about a second; each passes its number. Returns how often per
+/// second all of them together ran it.
 double fRateOf(int nThreads, const std::function<void(int)>& fnAction);
 
 /// Writes one row of the table, as Markdown, to the standard output.
 void Row(const std::string& csWhat, const std::string& csFloor, const std::string& csOurs, double fRatio,
          const std::string& csTarget, bool bReached);
-/// A row of times: the ratio of ours to the floor may be at most fTarget. fPercent is which figure counts.
+/// A row of times: the ratio of ours to the floor may be at most fTarget. fPercent is the percentile that
+/// counts.
 void TimeRow(const std::string& csWhat, const STComparison& st, double fTarget, double fPercent = 50);
 /// Times side by side, without a target.
 void ComparisonRow(const std::string& csWhat, const STComparison& st);

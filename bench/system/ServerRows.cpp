@@ -13,6 +13,7 @@
 #include <sched.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <tuple>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -27,8 +28,8 @@ double fRoundTrip(const CTalk& clTalk)
     });
 }
 
-/// Keeps this program and others on one processor for its lifetime. Of several, where the system puts the two
-/// ends of a conversation is luck, and makes a round trip four times as long or not.
+/// Keeps this program and others on one processor for its lifetime. With several, it is luck where the kernel
+/// puts the two ends of a conversation, and a round trip may take four times as long.
 class COnOneProcessor
 {
 public:
@@ -39,15 +40,15 @@ public:
         cpu_set_t stFirst;
         CPU_ZERO(&stFirst);
         CPU_SET(0, &stFirst);
-        __Set(stFirst);
+        _Set(stFirst);
     }
-    ~COnOneProcessor() { __Set(m_stBefore); }
+    ~COnOneProcessor() { _Set(m_stBefore); }
     COnOneProcessor(const COnOneProcessor&) = delete;
     COnOneProcessor& operator=(const COnOneProcessor&) = delete;
 
 private:
-    /// Every thread of each.
-    void __Set(const cpu_set_t& st) const
+    /// For every thread of each process.
+    void _Set(const cpu_set_t& st) const
     {
         for (const pid_t nProcess : m_tProcesses) {
             const std::string csTasks = "/proc/" + std::to_string(nProcess) + "/task";
@@ -71,7 +72,7 @@ double fRoundTrips(const CTalk& clTalk)
     return cl.fMedian();
 }
 
-/// Requests per second over so many connections, each of which asks again as soon as it has its answer.
+/// So many connections, each of which asks again as soon as it has its answer.
 class CLoad
 {
 public:
@@ -85,12 +86,16 @@ public:
             ::epoll_ctl(m_clPoll.nFd(), EPOLL_CTL_ADD, stEvent.data.fd, &stEvent);
         }
     }
+    /// Requests per second.
     double fRate() const
     {
         constexpr double fDuration = 0.1e6;
         for (const auto& pclTalk : m_tTalks) {
-            __Ask(pclTalk->nFd());
+            _Ask(pclTalk->nFd());
         }
+
+        // After the time is over every connection still waits for its last answer: the next round begins
+        // clean.
         const double fStart = fNow();
         int nAnswers = 0;
         for (std::size_t nOpen = m_tTalks.size(); nOpen > 0;) {
@@ -104,15 +109,19 @@ public:
                 if (bOver) {
                     --nOpen;
                 } else {
-                    __Ask(nFd);
+                    _Ask(nFd);
                 }
             }
         }
+
         return nAnswers * 1e6 / (fNow() - fStart);
     }
 
 private:
-    static void __Ask(int nFd) { (void)::send(nFd, g_szNothing, sizeof g_szNothing - 1, MSG_NOSIGNAL); }
+    static void _Ask(int nFd)
+    {
+        std::ignore = ::send(nFd, g_szNothing, sizeof g_szNothing - 1, MSG_NOSIGNAL);
+    }
     CDescripteur m_clPoll;
     std::vector<std::unique_ptr<CTalk>> m_tTalks;
 };
@@ -127,6 +136,7 @@ void LoadRow(int nConnections)
             0.8);
 }
 
+/// Connect, greeting and close, one after the other.
 double fConnectsPerSecond(std::uint16_t wPort)
 {
     constexpr int nConnects = 400;
@@ -147,13 +157,14 @@ double fBurst(std::uint16_t wPort, int nConnects)
             tSockets.push_back(clConnect(wPort, false));
             tWaiting.push_back({tSockets.back().nFd(), POLLIN, 0});
         }
+
         for (int nGreeted = 0; nGreeted < nConnects;) {
             if (::poll(tWaiting.data(), tWaiting.size(), 10000) <= 0) {
                 Die("a connection of many at once was not greeted");
             }
             for (pollfd& st : tWaiting) {
                 if (st.fd >= 0 && st.revents != 0) {
-                    st.fd = -1;
+                    st.fd = -1; // poll skips it from now on
                     ++nGreeted;
                 }
             }
@@ -176,6 +187,7 @@ void ServerRows()
     CProgram clManager(tManagerCommand());
     clFloor.AwaitPort(g_wFloor);
     clManager.AwaitPort(g_wOurs);
+
     {
         const CTalk clFloorTalk(g_wFloor);
         const CTalk clOursTalk(g_wOurs);
@@ -185,13 +197,16 @@ void ServerRows()
                     15, [&] { return fRoundTrips(clFloorTalk); }, [&] { return fRoundTrips(clOursTalk); }),
                 1.25);
     }
+
     LoadRow(1);
     LoadRow(16);
     LoadRow(64);
+
     RateRow("connect, greeting, close",
             stTurnByTurn(
                 9, [] { return fConnectsPerSecond(g_wFloor); }, [] { return fConnectsPerSecond(g_wOurs); }),
             0.8);
+
     BurstRow(120, 2.0);
     BurstRow(200, 2.0);
 }

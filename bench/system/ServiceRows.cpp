@@ -6,6 +6,7 @@
 
 #include <fstream>
 #include <memory>
+#include <tuple>
 #include <unistd.h>
 
 namespace {
@@ -43,23 +44,27 @@ void StatusOf8Row()
     RateRow("STATUS per second, 8 conversations", st, 1 / 1.25);
 }
 
-/// STATUS while a thousand questions wait for their answers, which come one after the other.
+/// STATUS while a thousand questions of discovery wait for their answers, which come one after the other.
 void FloodRow()
 {
     CProgram clManager(tManagerCommand());
     clManager.AwaitPort(g_wOurs);
     const CTalk clTalk(g_wOurs);
+
     STComparison st;
     for (int n = 0; n < 60; ++n) {
         st.clFloor.Add(fStatus(clTalk));
     }
+
     const CPing clPing;
     for (int n = 0; n < 1000; ++n) {
         clPing.Ask();
     }
+
     for (int n = 0; n < 60; ++n) {
         st.clOurs.Add(fStatus(clTalk));
     }
+
     TimeRow("STATUS during a flood of 1,000 questions (floor: STATUS alone)", st, 2.0);
 }
 
@@ -87,6 +92,7 @@ double fPass()
 {
     std::ofstream("/opt/velmo/manager/DXConf.ini") << "[MANAGER]\nCheckPeriod = 0\n";
     Empty(s_szStamps);
+
     std::vector<double> tStamps;
     {
         CProgram clManager(tManagerCommand());
@@ -100,6 +106,7 @@ double fPass()
         }
     }
     Empty("/opt/velmo/manager/DXConf.ini");
+
     CFigures clFigures;
     for (std::size_t n = 1; n < tStamps.size(); ++n) {
         clFigures.Add(tStamps[n] - tStamps[n - 1]);
@@ -122,7 +129,8 @@ void PassRow(int nServers)
                 },
                 fPass),
             1.2);
-    (void)::unlink("/lib/systemd/system/DXCS-Failing.service");
+
+    std::ignore = ::unlink("/lib/systemd/system/DXCS-Failing.service");
     Launch({"reset-failed", "DXCS-Failing"});
     Launch({"daemon-reload"});
 }
@@ -137,6 +145,7 @@ void ServiceRows()
         StatusRows();
         StatusOf8Row();
     }
+
     PassRow(s_nPassServers);
     FloodRow();
 }

@@ -16,6 +16,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
+#include <tuple>
 #include <unistd.h>
 
 void Die(const std::string& csWhy)
@@ -27,13 +28,17 @@ void Die(const std::string& csWhy)
 CDescripteur clConnect(std::uint16_t wPort, bool bBlocking)
 {
     CDescripteur cl(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | (bBlocking ? 0 : SOCK_NONBLOCK), 0));
-    const linger stReset{1, 0}; // closing leaves no trace that would keep the port from the next program
-    (void)::setsockopt(cl.nFd(), SOL_SOCKET, SO_LINGER, &stReset, sizeof stReset);
+
+    // Closing resets the connection: one in TIME_WAIT would keep the port from the next program.
+    const linger stReset{1, 0};
+    std::ignore = ::setsockopt(cl.nFd(), SOL_SOCKET, SO_LINGER, &stReset, sizeof stReset);
+
     sockaddr_in stAddress{};
     stAddress.sin_family = AF_INET;
     stAddress.sin_port = htons(wPort);
     stAddress.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     const int nResult = ::connect(cl.nFd(), reinterpret_cast<const sockaddr*>(&stAddress), sizeof stAddress);
+
     if (nResult != 0 && bBlocking) {
         cl.Close();
     }
@@ -42,12 +47,12 @@ CDescripteur clConnect(std::uint16_t wPort, bool bBlocking)
 
 CTalk::CTalk(std::uint16_t wPort) : m_clSocket(clConnect(wPort))
 {
-    if (!m_clSocket.bOpen() || !__csLine().starts_with("HELLO FROM ")) {
+    if (!m_clSocket.bOpen() || !_csLine().starts_with("HELLO FROM ")) {
         Die("no greeting from port " + std::to_string(wPort));
     }
 }
 
-std::string CTalk::__csLine() const
+std::string CTalk::_csLine() const
 {
     std::string cs;
     std::array<char, 8192> tBuffer;
@@ -63,25 +68,27 @@ std::string CTalk::__csLine() const
 
 std::string CTalk::csAsk(const std::string& csLine) const
 {
-    (void)::send(m_clSocket.nFd(), csLine.data(), csLine.size(), MSG_NOSIGNAL);
-    return __csLine();
+    std::ignore = ::send(m_clSocket.nFd(), csLine.data(), csLine.size(), MSG_NOSIGNAL);
+    return _csLine();
 }
 
 CPing::CPing() : m_clSocket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0))
 {
     const timeval stLimit{10, 0};
-    (void)::setsockopt(m_clSocket.nFd(), SOL_SOCKET, SO_RCVTIMEO, &stLimit, sizeof stLimit);
+    std::ignore = ::setsockopt(m_clSocket.nFd(), SOL_SOCKET, SO_RCVTIMEO, &stLimit, sizeof stLimit);
+
     sockaddr_in stAddress{};
     stAddress.sin_family = AF_INET;
     stAddress.sin_port = htons(g_wOurs);
     stAddress.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    (void)::connect(m_clSocket.nFd(), reinterpret_cast<const sockaddr*>(&stAddress), sizeof stAddress);
+    std::ignore =
+        ::connect(m_clSocket.nFd(), reinterpret_cast<const sockaddr*>(&stAddress), sizeof stAddress);
 }
 
 void CPing::Ask() const
 {
     static constexpr char szQuestion[] = "ARE YOU A DEXARO SERVER SETUP?\r\n"; // with its NUL
-    (void)::send(m_clSocket.nFd(), szQuestion, sizeof szQuestion, 0);
+    std::ignore = ::send(m_clSocket.nFd(), szQuestion, sizeof szQuestion, 0);
 }
 
 bool CPing::bAnswered() const
@@ -90,12 +97,12 @@ bool CPing::bAnswered() const
     ssize_t n = 0;
     do {
         n = ::recv(m_clSocket.nFd(), tBuffer.data(), tBuffer.size(), 0);
-    } while (n > 2); // the line end comes last, by itself
+    } while (n > 2); // the last datagram is CR LF alone
     return n == 2;
 }
 
 namespace {
-/// For execv and the launches: pointers into the words.
+/// Pointers into the words, with a null at the end, as exec takes them.
 std::vector<char*> tPointers(std::vector<std::string>* ptWords)
 {
     std::vector<char*> tResult;
@@ -106,7 +113,7 @@ std::vector<char*> tPointers(std::vector<std::string>* ptWords)
     return tResult;
 }
 
-/// The soft limit that services are started with, whatever this program's is.
+/// The soft limit that services are started with. This program's own is higher.
 constexpr rlim_t s_nUsualDescriptors = 1024;
 } // namespace
 
@@ -114,26 +121,32 @@ CProgram::CProgram(const std::vector<std::string>& tCommand, unsigned int nDescr
 {
     std::vector<std::string> tWords = tCommand;
     const std::vector<char*> tArguments = tPointers(&tWords);
+
     m_nPid = ::fork();
     if (m_nPid == 0) {
         ::setpgid(0, 0);
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL); // Die() does not look back
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL); // Die() runs no destructors
+
         rlimit stLimit{};
         ::getrlimit(RLIMIT_NOFILE, &stLimit);
         stLimit.rlim_max = nDescriptors != 0 ? nDescriptors : stLimit.rlim_max;
         stLimit.rlim_cur = std::min<rlim_t>(stLimit.rlim_max, s_nUsualDescriptors);
         ::setrlimit(RLIMIT_NOFILE, &stLimit);
+
         ::execv(tArguments[0], tArguments.data());
         ::_exit(127);
     }
-    ::setpgid(m_nPid, m_nPid);
+
+    ::setpgid(m_nPid, m_nPid); // here as well: the group must exist before anybody kills it
 }
 
 CProgram::~CProgram()
 {
-    ::kill(-m_nPid, SIGKILL); // the children of a daemon as well
+    ::kill(-m_nPid, SIGKILL); // the whole group: a daemon's children, too
     ::waitpid(m_nPid, nullptr, 0);
-    while (::kill(-m_nPid, 0) == 0) { // they hold the port
+
+    // The children hold the port until they are gone.
+    while (::kill(-m_nPid, 0) == 0) {
         ::usleep(100);
     }
 }
@@ -147,7 +160,9 @@ void CProgram::AwaitPort(std::uint16_t wPort) const
         }
         ::usleep(100);
     }
-    const CTalk clTalk(wPort); // a start that fails on its second socket has listened on the first
+
+    // Waits for the greeting, too: a start that fails on its second socket has listened on the first.
+    const CTalk clTalk(wPort);
 }
 
 std::string csBuilt(const std::string& csName)
@@ -161,7 +176,8 @@ std::vector<std::string> tManagerCommand()
 }
 
 namespace {
-/// Sum of a field of every thread's status file; the last number of the line that starts with the name.
+/// Sums a field over the status files of all threads. The field is a number after its name at a line's
+/// beginning.
 long nSum(pid_t nPid, const std::string& csField)
 {
     long nTotal = 0;
@@ -182,11 +198,15 @@ STProcess stLook(pid_t nPid)
 {
     const std::string csFolder = "/proc/" + std::to_string(nPid) + "/";
     STProcess st{};
+
     std::ifstream clMemory(csFolder + "statm");
     long nVirtual = 0;
     clMemory >> nVirtual >> st.nResidentKiB;
     st.nResidentKiB *= ::sysconf(_SC_PAGESIZE) / 1024;
+
     st.nSwitches = nSum(nPid, "voluntary_ctxt_switches") + nSum(nPid, "nonvoluntary_ctxt_switches");
+
+    // The two times are fields 14 and 15. The name before them has no space.
     std::ifstream clStat(csFolder + "stat");
     std::string csWord;
     for (int n = 1; n <= 13; ++n) {
@@ -196,6 +216,7 @@ STProcess stLook(pid_t nPid)
     long nSystem = 0;
     clStat >> nUser >> nSystem;
     st.nTicks = nUser + nSystem;
+
     return st;
 }
 
@@ -217,7 +238,7 @@ void Launch(const std::vector<std::string>& tArguments)
 }
 
 namespace {
-/// Units that fit into the launcher's 50 words, beside the program, the properties and "show".
+/// The manager's launcher takes 50 words; beside the program, the properties and "show" so many units fit.
 constexpr std::size_t s_nBatch = 47;
 
 void LaunchShow(const std::string& csService)
@@ -233,7 +254,8 @@ void LaunchState(const std::string& csService)
     Launch({"--property=ActiveState", "show", csService});
 }
 
-/// One launch for as many units as fit. A batch of one is asked as a lookup is.
+/// One launch for as many units as fit. A batch of one uses the command of a single lookup, as the manager
+/// does.
 void LaunchBatches(const std::vector<std::string>& tServices)
 {
     for (auto it = tServices.begin(); it != tServices.end();) {
@@ -343,6 +365,7 @@ void ProvideServers(int nServers)
 {
     const auto bThere = [](int n) { return std::filesystem::exists(s_szUnits + csUnitFile(n)); };
     std::filesystem::create_directories(s_szWants);
+
     for (int n = 0; n < nServers; ++n) {
         if (!bThere(n)) {
             ProvideServer(n);
@@ -352,6 +375,7 @@ void ProvideServers(int nServers)
         std::filesystem::remove(s_szWants + csUnitFile(n));
         std::filesystem::remove(s_szUnits + csUnitFile(n));
     }
+
     Launch({"daemon-reload"});
     Launch({"start", "DXCS-" + csServer(0)});
 }

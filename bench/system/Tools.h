@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-/// The manager's port, and the one of the floor's server.
+/// The port of the manager, and that of the floor's server.
 inline constexpr std::uint16_t g_wOurs = 4999;
 inline constexpr std::uint16_t g_wFloor = 5999;
 inline constexpr char g_szNothing[] = "MODE_UTF8\r\n"; ///< a command that touches no service
@@ -24,11 +24,11 @@ public:
     int nFd() const { return m_clSocket.nFd(); }
 
 private:
-    std::string __csLine() const;
+    std::string _csLine() const;
     CDescripteur m_clSocket;
 };
 
-/// A new connection to the port, or an empty one; not greeted yet.
+/// A new connection to the port, or an empty one. The greeting has not been read.
 CDescripteur clConnect(std::uint16_t wPort, bool bBlocking = true);
 
 /// A tool that looks for managers, on a socket of its own: every one of them counts as another asker.
@@ -48,7 +48,8 @@ private:
 class CProgram
 {
 public:
-    /// nDescriptors: its hard limit of descriptors, 0 leaves that; the soft one is what services get.
+    /// nDescriptors is its hard limit of descriptors, 0 for ours; its soft limit is the one that services
+    /// get.
     explicit CProgram(const std::vector<std::string>& tCommand, unsigned int nDescriptors = 0);
     ~CProgram();
     CProgram(const CProgram&) = delete;
@@ -61,19 +62,19 @@ private:
     pid_t m_nPid;
 };
 
-/// The manager that has been put in place, in the foreground.
+/// Command line of the installed manager, in the foreground.
 std::vector<std::string> tManagerCommand();
-/// A program that was built beside this one.
+/// Path of a program that was built beside this one.
 std::string csBuilt(const std::string& csName);
 
-/// What /proc tells of a process.
+/// What /proc says of a process.
 struct STProcess
 {
     long nResidentKiB;
     long nSwitches; ///< voluntary and other, of all threads
     long nTicks;    ///< processor time, user and system, in clock ticks
 };
-STProcess stLook(pid_t nPid);
+STProcess stLook(pid_t nPid); ///< now
 
 /// A bare launch of a program; how much it has printed.
 long nLaunchProgram(const std::vector<std::string>& tCommand);

@@ -21,6 +21,7 @@ long floor_launch(char* const argv[])
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) != 0)
         return -1;
+
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
@@ -29,11 +30,13 @@ long floor_launch(char* const argv[])
     const int error = posix_spawn(&pid, argv[0], &actions, NULL, argv, environ);
     posix_spawn_file_actions_destroy(&actions);
     close(fds[1]);
+
     long total = 0;
     char buffer[16384];
     for (ssize_t n; error == 0 && (n = read(fds[0], buffer, sizeof buffer)) > 0;)
         total += n;
     close(fds[0]);
+
     if (error != 0 || waitpid(pid, NULL, 0) != pid)
         return -1;
     return total;
@@ -44,10 +47,12 @@ static void* converse(void* argument)
     static const char greeting[] = "HELLO FROM THE FLOOR 00.0.0.0.0\r\n";
     const int fd = (int)(intptr_t)argument;
     char line[1024];
+
     ssize_t n = send(fd, greeting, sizeof greeting - 1, MSG_NOSIGNAL);
     while (n > 0 && (n = recv(fd, line, sizeof line, 0)) > 0)
         if (memmem(line, (size_t)n, "\r\n", 2) != NULL)
             n = send(fd, "OK\r\n", 4, MSG_NOSIGNAL);
+
     close(fd);
     return NULL;
 }
@@ -59,19 +64,23 @@ int floor_serve(unsigned short port, char* const argv[])
     getrlimit(RLIMIT_NOFILE, &limit);
     limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);
+
     const struct sockaddr_in address = {
         .sin_family = AF_INET, .sin_port = htons(port), .sin_addr.s_addr = htonl(INADDR_LOOPBACK)};
     const int listening = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     setsockopt(listening, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     setsockopt(listening, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+
     if (argv != NULL && floor_launch(argv) < 0)
         return 1;
     if (bind(listening, (const struct sockaddr*)&address, sizeof address) != 0 || listen(listening, 128) != 0)
         return 1;
+
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-    pthread_attr_setstacksize(&attributes, 65536);
+    pthread_attr_setstacksize(&attributes, 65536); /* as the manager's */
+
     for (;;) {
         pthread_t thread;
         const int fd = accept4(listening, NULL, NULL, SOCK_CLOEXEC);
@@ -157,6 +166,7 @@ int floor_find_in_file(const char* path, const char* text)
     const int fd = open(path, O_RDONLY | O_CLOEXEC);
     const ssize_t n = read(fd, buffer, sizeof buffer);
     close(fd);
+
     const char* end = buffer + (n > 0 ? n : 0);
     for (const char* p = buffer; (p = memchr(p, text[0], (size_t)(end - p))) != NULL; ++p)
         if ((size_t)(end - p) >= length && memcmp(p, text, length) == 0)

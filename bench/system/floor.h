@@ -1,14 +1,15 @@
 #pragma once
 
-/* The floors that the manager is measured against: plain C, blocking, nothing but the necessary system calls.
+/* The floors that the manager is measured against: plain, blocking C with no system call but the necessary
+ * ones.
  */
 
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-/* Runs a program with its merged output in a pipe, reads that to its end and waits. The output's length; -1.
- */
+/* Runs a program, reads its output and error output from one pipe to the end, and waits for its exit. Returns
+ * the length of the output, or -1. */
 long floor_launch(char* const argv[]);
 
 /* The minimal line server on 127.0.0.1: one thread for each connection, which greets, then answers "OK" to

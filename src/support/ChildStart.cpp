@@ -12,29 +12,33 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-/// The C library's clone under the name that the sanitizers do not replace: theirs takes every child for a
-/// copy.
+/// The C library's clone, by the name that the sanitizers do not replace: their replacement expects that
+/// every child has a copy of the memory.
 extern "C" int __clone(int (*pfn)(void*), void* pStack, int nFlags, void* pArgument, ...) noexcept;
+
+// The child runs in the daemon's memory while the calling thread sleeps, until exec or exit gives the memory
+// back. Other threads go on meanwhile: any of them may hold the heap's lock or be closing a descriptor. What
+// the child changes in memory stays changed; what it changes of its signals, limits and identity is its own.
 
 namespace {
 /// Stack of a child between its creation and exec; a script without interpreter line makes the C library
 /// build a second argument vector on it.
 constexpr std::size_t s_nChildStack = std::size_t{32} * 1024;
 
-constexpr int s_nNotExecuted = 127; ///< exit code, as shells have it
+constexpr int s_nNotExecuted = 127; ///< exit status, as shells have it
 
-/// What the child finds on its stack.
+/// What the child gets from the thread that creates it.
 struct STChildContext
 {
     const STChildStart& stStart;
-    bool bCloseRange; ///< whether the kernel has it; then the descriptor table is the daemon's at first
+    bool bCloseRange; ///< whether the kernel has close_range; the child then shares the descriptor table, too
     int* pnExecError; ///< written by the child
 };
 
-// The child asks the kernel itself wherever a wrapper may keep books in memory that is still the daemon's, as
-// those of the sanitizers do.
+// The child makes its system calls without the C library's wrappers wherever these may keep records in
+// memory, as the sanitizers' wrappers do: until exec that memory is the daemon's.
 
-/// The kernel's form of a signal action; all zero is the default one.
+/// The kernel's form of a signal action; all zero means the default action.
 struct STKernelAction
 {
     void* pHandler;
@@ -43,6 +47,8 @@ struct STKernelAction
     unsigned long nMask;
 };
 
+/// Reports errno to the creating thread and exits. exit_group, not exit: a handler registered with atexit
+/// must not run here.
 [[noreturn]] __attribute__((no_sanitize("thread", "address", "undefined"))) void
 EndUnexecuted(const STChildContext& stContext) noexcept
 {
@@ -52,7 +58,8 @@ EndUnexecuted(const STChildContext& stContext) noexcept
     }
 }
 
-/// Makes nTo the descriptor that nFrom is.
+/// Makes nTo a copy of nFrom that stays open at exec. When both are the same number, nothing is done: 0 to 2
+/// are the daemon's standard descriptors then, which stay open already.
 __attribute__((no_sanitize("thread", "address", "undefined"))) void Duplicate(int nFrom, int nTo) noexcept
 {
     if (nFrom != nTo) {
@@ -60,9 +67,9 @@ __attribute__((no_sanitize("thread", "address", "undefined"))) void Duplicate(in
     }
 }
 
-/// Gives the child a table of descriptors of its own, which holds what it needs and little more: copying all
-/// of the daemon's would grow with its conversations. Without one it must not go on, for what it closes
-/// would be the daemon's.
+/// Unshares the part of the daemon's descriptor table up to the child's own pipes. Copying the whole table
+/// would cost more with each conversation. On failure the child must exit: it would close the daemon's
+/// descriptors.
 __attribute__((no_sanitize("thread", "address", "undefined"))) bool
 bLeaveDaemonsDescriptors(const STChildStart& stStart) noexcept
 {
@@ -73,7 +80,7 @@ bLeaveDaemonsDescriptors(const STChildStart& stStart) noexcept
     return nCloseRange(static_cast<unsigned int>(nLast) + 1, ~0U, s_nCloseRangeUnshare) == 0;
 }
 
-/// The child until exec, on a stack of its own in the daemon's memory: only async-signal-safe calls, no
+/// The child until exec. It runs on its own stack in the daemon's memory: only async-signal-safe calls, no
 /// allocation, no lock, no return.
 __attribute__((no_sanitize("thread", "address", "undefined"))) int nRunChild(void* pContext) noexcept
 {
@@ -82,19 +89,29 @@ __attribute__((no_sanitize("thread", "address", "undefined"))) int nRunChild(voi
     if (stContext.bCloseRange && !bLeaveDaemonsDescriptors(stStart)) {
         EndUnexecuted(stContext);
     }
+
+    // No copy overwrites a source that is still needed: each source is its target already, or above 2.
     Duplicate(stStart.nError, STDERR_FILENO);
     Duplicate(stStart.nOutput, STDOUT_FILENO);
     Duplicate(stStart.nInput, STDIN_FILENO);
+
+    // Without close_range and /proc only numbers below the first limit are closed. That is enough: inherited
+    // descriptors lie below it, and those that the daemon has opened close at exec.
     CloseDescriptors(STDERR_FILENO + 1, ~0U, static_cast<unsigned int>(nOriginalDescriptorLimit()));
     RestoreDescriptorLimit();
+
     if (stStart.bOwnSession) {
         ::syscall(SYS_setsid);
     }
+
+    // Actions first: a signal that waits must find the default action, not the daemon's handler, when the
+    // mask opens. The kernel refuses SIGKILL and SIGSTOP, whose actions are the default anyway.
     constexpr STKernelAction stDefault{};
     for (int nSignal = 1; nSignal < NSIG; ++nSignal) {
         ::syscall(SYS_rt_sigaction, nSignal, &stDefault, nullptr, sizeof stDefault.nMask);
     }
     ::syscall(SYS_rt_sigprocmask, SIG_SETMASK, &stDefault.nMask, nullptr, sizeof stDefault.nMask);
+
     ::execvpe(stStart.pszProgram, stStart.ppszArguments, stStart.ppszEnvironment);
     EndUnexecuted(stContext);
 }
@@ -105,10 +122,14 @@ CChildStarter::CChildStarter() : m_pStack(pMakeForOverwrite<std::byte[]>(s_nChil
 pid_t CChildStarter::nStart(const STChildStart& stStart) noexcept
 {
     m_nExecError = 0;
-    const bool bCloseRange = nCloseRange(~0U, ~0U, 0) == 0; // closes nothing: no descriptor has that number
+
+    // The probe closes nothing: no descriptor has that number. Where it succeeds, the child shares the
+    // descriptor table and unshares what it needs; elsewhere the kernel copies the whole table.
+    const bool bCloseRange = nCloseRange(~0U, ~0U, 0) == 0;
     const int nSharedTable = bCloseRange ? CLONE_FILES : 0;
     STChildContext stContext{stStart, bCloseRange, &m_nExecError};
-    const CSignalsHeld clHeld; // a child that still shares our memory must not run our handlers
+
+    const CSignalsHeld clHeld; // the child starts with this mask: in our memory it must not run our handlers
     return __clone(nRunChild, m_pStack.get() + s_nChildStack, CLONE_VM | CLONE_VFORK | nSharedTable | SIGCHLD,
                    &stContext);
 }

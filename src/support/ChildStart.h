@@ -4,22 +4,23 @@
 #include <memory>
 #include <sys/types.h>
 
-/// All that a child needs between its creation and exec, prepared before: the child shares the daemon's
-/// memory until exec and may neither allocate nor lock.
+/// All that a child needs between its creation and exec. The caller prepares it, since the child shares the
+/// daemon's memory until exec and may neither allocate nor lock.
 struct STChildStart
 {
     const char* pszProgram;
     char* const* ppszArguments;   ///< null-terminated, entry 0 is the program
     char* const* ppszEnvironment; ///< null-terminated
-    int nInput;                   ///< becomes descriptor 0
+    int nInput;                   ///< becomes descriptor 0; like the next two already that one, or above 2
     int nOutput;                  ///< becomes descriptor 1
     int nError;                   ///< becomes descriptor 2
     bool bOwnSession = false;     ///< so that it can be killed with all that it has started
 };
 
-/// Creates one child as vfork does: nothing of the daemon is copied, so the cost does not grow with it, and
-/// the calling thread goes on when the child has executed its program or ended. The child gets descriptors 0
-/// to 2 only, no blocked and no ignored signal, and the descriptor limit that the daemon was started with.
+/// Creates one child as vfork does: nothing of the daemon is copied, so the cost does not grow with the
+/// daemon's memory, and the calling thread sleeps until the child has executed its program or exited. The
+/// child gets descriptors 0 to 2 only, no blocked and no ignored signal, and the descriptor limit that the
+/// daemon was started with. One object creates one child at a time, in one thread.
 class CChildStarter
 {
 public:
@@ -32,7 +33,7 @@ public:
     /// Returns the pid, or -1 with errno. A child whose program cannot be executed exits with status 127.
     /// Neither allocates nor locks.
     pid_t nStart(const STChildStart& stStart) noexcept;
-    /// Why the program of the child could not be executed; 0 when it was.
+    /// The errno of the child's exec; 0 when its program was executed. Known when nStart returns.
     int nExecError() const noexcept { return m_nExecError; }
 
 private:

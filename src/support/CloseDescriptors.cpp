@@ -7,23 +7,24 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-// Children that still share the daemon's memory call this: the kernel is asked itself, and the sanitizers
-// keep no books.
+// Children that still share the daemon's memory call this: system calls go without the C library's wrappers,
+// and the sanitizers record nothing.
 
 namespace {
-constexpr long s_nListing = 1024; ///< bytes taken from the directory at once
+constexpr long s_nListing = 1024; ///< bytes read from the directory at once; they are on the stack
 
-/// The kernel's directory entry; a name and its terminator follow.
+/// The kernel's directory entry, linux_dirent64, which no header has; the name and its terminator end it.
 struct STKernelEntry
 {
     std::uint64_t nInode;
     std::int64_t nOffset;
     unsigned short nSize;
     unsigned char nType;
-    char cName;
+    char cName; ///< the first of the name
 };
 
-/// Closes what one block of entries names, except the directory itself. "." and ".." name nothing.
+/// Closes the descriptors that one block of entries names, except the directory's own. "." and ".." name
+/// none.
 __attribute__((no_sanitize("thread", "address", "undefined"))) void
 CloseNamed(const char* pEntries, long nSize, unsigned int nFirst, unsigned int nLast, int nDirectory) noexcept
 {
@@ -34,6 +35,8 @@ CloseNamed(const char* pEntries, long nSize, unsigned int nFirst, unsigned int n
         if (*psz == '.') {
             continue;
         }
+
+        // Read by hand: the C library's functions are not all async-signal-safe.
         unsigned int nFd = 0;
         for (; *psz != '\0'; ++psz) {
             nFd = nFd * 10 + static_cast<unsigned int>(*psz - '0');
@@ -44,23 +47,26 @@ CloseNamed(const char* pEntries, long nSize, unsigned int nFirst, unsigned int n
     }
 }
 
-/// False when the kernel does not list the process's descriptors.
+/// False when /proc does not list the process's descriptors.
 __attribute__((no_sanitize("thread", "address", "undefined"))) bool bCloseListed(unsigned int nFirst,
                                                                                  unsigned int nLast) noexcept
 {
     alignas(STKernelEntry) char tEntries[s_nListing];
-    ::syscall(SYS_close, nFirst); // one of them anyway; now the directory can be opened in a full table
+
+    // This one is to be closed anyway. Without a free number the directory could not be opened.
+    ::syscall(SYS_close, nFirst);
     const long nDirectory =
         ::syscall(SYS_openat, AT_FDCWD, "/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (nDirectory < 0) {
         return false;
     }
 
-    // The position in this directory is a descriptor's number, so closing what was read skips nothing.
+    // A position in this directory is a descriptor's number, so closing what was read skips no other entry.
     long nSize = 0;
     while ((nSize = ::syscall(SYS_getdents64, nDirectory, tEntries, s_nListing)) > 0) {
         CloseNamed(tEntries, nSize, nFirst, nLast, static_cast<int>(nDirectory));
     }
+
     ::syscall(SYS_close, nDirectory);
     return nSize == 0;
 }

@@ -7,12 +7,12 @@
 #define __NR_close_range 436 // on every architecture; headers of older kernels lack it
 #endif
 
-/// For nCloseRange: the table of descriptors becomes the caller's own first, without what is closed.
+/// For nCloseRange: the caller first gets a descriptor table of its own, without those to be closed.
 constexpr unsigned int s_nCloseRangeUnshare = 1u << 1;
 
-/// Closes the descriptors from nFirst to nLast. The kernel is asked itself: the C library has had a function
-/// for it since 2.34 only. Async-signal-safe; 0, or -1 with errno (ENOSYS: a kernel before 5.9; EPERM: a
-/// filter).
+/// Closes the descriptors from nFirst to nLast by a plain system call: the C library has had a function for
+/// it since 2.34 only. Returns 0, or -1 with errno (ENOSYS: a kernel before 5.9; EPERM: a filter).
+/// Async-signal-safe.
 inline int nCloseRange(unsigned int nFirst, unsigned int nLast, unsigned int nFlags) noexcept
 {
     return static_cast<int>(::syscall(__NR_close_range, nFirst, nLast, nFlags));

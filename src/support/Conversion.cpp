@@ -2,11 +2,12 @@
 
 #include <algorithm>
 #include <array>
+#include <iterator>
 
 namespace {
 constexpr wchar_t s_cReplacement = L'\xFFFD';
 
-/// Windows-1252, bytes 0x80 to 0x9F; all other bytes are the character of the same number.
+/// Windows-1252, bytes 0x80 to 0x9F; any other byte is the character of the same number.
 constexpr std::array<wchar_t, 32> s_t1252 = {0x20AC, 0x0081, 0x201A, 0x0192, 0x201E, 0x2026, 0x2020, 0x2021,
                                              0x02C6, 0x2030, 0x0160, 0x2039, 0x0152, 0x008D, 0x017D, 0x008F,
                                              0x0090, 0x2018, 0x2019, 0x201C, 0x201D, 0x2022, 0x2013, 0x2014,
@@ -28,19 +29,19 @@ wchar_t cFrom1252(char c)
     return n >= 0x80 && n <= 0x9F ? s_t1252[n - 0x80u] : static_cast<wchar_t>(n);
 }
 
-/// "?" for what the code page lacks.
+/// Returns "?" for a character that the code page lacks.
 char cTo1252(wchar_t c)
 {
-    const auto n = static_cast<char32_t>(c); // wchar_t has a sign on some machines and none on others
+    const auto n = static_cast<char32_t>(c); // wchar_t is signed on some machines and unsigned on others
     if (n < 0x80 || (n >= 0xA0 && n <= 0xFF)) {
         return static_cast<char>(c);
     }
-    const auto it = std::find(s_t1252.begin(), s_t1252.end(), c);
+    const auto it = std::ranges::find(s_t1252, c);
     return it == s_t1252.end() ? '?' : static_cast<char>(0x80 + (it - s_t1252.begin()));
 }
 
-/// What a lead byte promises: number of continuation bytes (0: not a lead byte of a longer character) and the
-/// range of the first of them, which is what excludes overlong forms, surrogates and values above U+10FFFF.
+/// What a lead byte promises: the number of continuation bytes (0: it is none of a longer character) and the
+/// range of the first of them. That range excludes overlong forms, surrogates and values above U+10FFFF.
 struct STLead
 {
     unsigned int nContinuations;
@@ -70,8 +71,9 @@ constexpr STLead stLead(unsigned char n)
     return {0, 0, 0};
 }
 
-/// Decodes one character at nPos and moves behind it; behind the longest ill-formed beginning of one
-/// otherwise.
+/// Decodes the character at nPos and advances past it. An ill-formed one is U+FFFD: the position then is
+/// after the longest beginning that could still have become a character, so the byte that broke it is read
+/// anew.
 wchar_t cDecodeUTF8(std::string_view csBytes, std::size_t& nPos)
 {
     const unsigned char nFirst = nByte(csBytes[nPos++]);
@@ -82,6 +84,7 @@ wchar_t cDecodeUTF8(std::string_view csBytes, std::size_t& nPos)
     if (st.nContinuations == 0) {
         return s_cReplacement;
     }
+
     char32_t nChar = nFirst & (0x3Fu >> st.nContinuations);
     unsigned char nLow = st.nLow;
     unsigned char nHigh = st.nHigh;
@@ -90,13 +93,13 @@ wchar_t cDecodeUTF8(std::string_view csBytes, std::size_t& nPos)
             return s_cReplacement;
         }
         nChar = (nChar << 6) | (nByte(csBytes[nPos++]) & 0x3Fu);
-        nLow = 0x80;
+        nLow = 0x80; // only the first continuation byte has a narrower range
         nHigh = 0xBF;
     }
     return static_cast<wchar_t>(nChar);
 }
 
-/// What is no character is written as U+FFFD.
+/// A surrogate or a value above U+10FFFF is written as U+FFFD.
 void AppendUTF8(std::string& csBytes, wchar_t c)
 {
     char32_t nChar = static_cast<char32_t>(c);
@@ -107,9 +110,9 @@ void AppendUTF8(std::string& csBytes, wchar_t c)
         csBytes += static_cast<char>(nChar);
         return;
     }
+
+    // The high bits of the lead byte give the length; each byte after it carries six bits of the character.
     const unsigned int nContinuations = nChar < 0x800 ? 1 : nChar < 0x10000 ? 2 : 3;
-    // The lead byte tells the length by its high bits; six bits of the character follow in each byte behind
-    // it.
     constexpr char32_t tMarks[] = {0, 0xC0, 0xE0, 0xF0};
     csBytes += static_cast<char>(tMarks[nContinuations] | (nChar >> (6 * nContinuations)));
     for (unsigned int n = nContinuations; n-- > 0;) {
@@ -128,13 +131,15 @@ std::wstring csWide(std::string_view csBytes, ECodePage eCodePage)
 {
     std::wstring csText;
     csText.reserve(csBytes.size());
+
     if (eCodePage == CP_UTF8) {
         for (std::size_t nPos = 0; nPos < csBytes.size();) {
             csText += cDecodeUTF8(csBytes, nPos);
         }
         return csText;
     }
-    std::transform(csBytes.begin(), csBytes.end(), std::back_inserter(csText), cFrom1252);
+
+    std::ranges::transform(csBytes, std::back_inserter(csText), cFrom1252);
     return csText;
 }
 
@@ -142,6 +147,7 @@ std::string csNarrow(std::wstring_view csText, ECodePage eCodePage)
 {
     std::string csBytes;
     csBytes.reserve(csText.size());
+
     for (const wchar_t c : csText) {
         if (eCodePage == CP_UTF8) {
             AppendUTF8(csBytes, c);
@@ -149,6 +155,7 @@ std::string csNarrow(std::wstring_view csText, ECodePage eCodePage)
             csBytes += cTo1252(c);
         }
     }
+
     return csBytes;
 }
 
@@ -158,17 +165,19 @@ std::wstring csFromUTF16(const void* pUnits, std::size_t nUnits)
     const auto nUnit = [pBytes](std::size_t n) {
         return static_cast<char32_t>(pBytes[2 * n]) | static_cast<char32_t>(pBytes[2 * n + 1]) << 8;
     };
+
     std::wstring csText;
     csText.reserve(nUnits);
     for (std::size_t n = 0; n < nUnits; ++n) {
         char32_t nChar = nUnit(n);
-        if (bSurrogate(nChar)) {
+        if (bSurrogate(nChar)) { // a high one and a low one carry ten bits each of one character
             const bool bPair = nChar < 0xDC00 && n + 1 < nUnits && (nUnit(n + 1) & 0xFC00) == 0xDC00;
             nChar = bPair ? 0x10000 + ((nChar & 0x3FF) << 10) + (nUnit(++n) & 0x3FF)
                           : static_cast<char32_t>(s_cReplacement);
         }
         csText += static_cast<wchar_t>(nChar);
     }
+
     return csText;
 }
 
@@ -176,6 +185,7 @@ std::string csToUTF16(std::wstring_view csText)
 {
     std::string csBytes;
     csBytes.reserve(2 * csText.size());
+
     for (const wchar_t c : csText) {
         char32_t nChar = static_cast<char32_t>(c);
         if (nChar > 0x10FFFF || bSurrogate(nChar)) {
@@ -187,6 +197,7 @@ std::string csToUTF16(std::wstring_view csText)
         }
         AppendUnit(csBytes, nChar);
     }
+
     return csBytes;
 }
 
@@ -195,7 +206,8 @@ std::size_t nCutUTF8(std::string_view csBytes, std::size_t nMax) noexcept
     if (csBytes.size() <= nMax) {
         return csBytes.size();
     }
-    // A character has at most three continuation bytes; more of them in a row are no character to keep whole.
+
+    // A character has at most three continuation bytes. A longer row of them is no character to keep whole.
     std::size_t nCut = nMax;
     for (int n = 0; n < 3 && nCut > 0 && (nByte(csBytes[nCut]) & 0xC0) == 0x80; ++n) {
         --nCut;

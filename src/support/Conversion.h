@@ -4,9 +4,8 @@
 #include <string>
 #include <string_view>
 
-/// Code pages that the manager's boundaries speak. CP_SYSTEM, the "system code page", is Windows-1252 on
-/// every machine: neither the locale nor installed conversion modules take part in any conversion of this
-/// file.
+/// Code pages of text that enters or leaves the manager. CP_SYSTEM, the "system code page", is Windows-1252
+/// on every machine: no conversion of this file depends on the locale or on installed conversion modules.
 enum ECodePage : unsigned int
 {
     CP_SYSTEM = 0,
@@ -14,13 +13,13 @@ enum ECodePage : unsigned int
     CP_UTF8 = 65001,
 };
 
-/// Bytes of a code page to wide text. Never fails: an undefined byte of Windows-1252 becomes the control
-/// character of the same number, each ill-formed UTF-8 sequence one U+FFFD. NULs are converted like any other
-/// character.
+/// Converts bytes of a code page to wide text. Never fails: a byte that Windows-1252 leaves undefined becomes
+/// the control character of the same number, each ill-formed UTF-8 sequence becomes one U+FFFD. A NUL is a
+/// character like any other.
 std::wstring csWide(std::string_view csBytes, ECodePage eCodePage);
 
-/// Wide text to bytes of a code page. Never fails: a character that the code page lacks becomes "?" in
-/// Windows-1252, a surrogate or a value above U+10FFFF becomes U+FFFD in UTF-8.
+/// Converts wide text to bytes of a code page. Never fails: a character that Windows-1252 lacks becomes "?";
+/// in UTF-8 a surrogate or a value above U+10FFFF becomes U+FFFD.
 std::string csNarrow(std::wstring_view csText, ECodePage eCodePage);
 
 inline std::wstring csFromUTF8(std::string_view csBytes)
@@ -32,10 +31,13 @@ inline std::string csToUTF8(std::wstring_view csText)
     return csNarrow(csText, CP_UTF8);
 }
 
-/// UTF-16 little-endian units (nUnits of them, unaligned) to wide text; an unpaired surrogate becomes U+FFFD.
+/// Converts nUnits UTF-16 little-endian units, which need not be aligned, to wide text; an unpaired surrogate
+/// becomes U+FFFD.
 std::wstring csFromUTF16(const void* pUnits, std::size_t nUnits);
-/// Wide text to UTF-16 little-endian bytes, without a mark; what is no character becomes U+FFFD.
+/// Converts wide text to UTF-16 little-endian bytes without a byte order mark; a surrogate or a value above
+/// U+10FFFF becomes U+FFFD.
 std::string csToUTF16(std::wstring_view csText);
 
-/// Length of the longest prefix of UTF-8 text, at most nMax bytes, that does not end inside a character.
+/// Length of the longest prefix of UTF-8 text that has at most nMax bytes and does not end inside a
+/// character.
 std::size_t nCutUTF8(std::string_view csBytes, std::size_t nMax) noexcept;

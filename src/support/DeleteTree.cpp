@@ -14,39 +14,46 @@
 #include <string_view>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <tuple>
 #include <vector>
 
+// Deletes as root in folders whose owners may rename, link and mount while the walk is under way. So the walk
+// resolves no path twice: each step goes from one open directory to the next by a single name, follows no
+// symbolic link, and compares where it has come to with where it has been.
+
 namespace {
-/// What tells one directory from all others: the file and the mount through which it is seen.
+using STExtendedStatus = struct statx; // a function has the structure's name
+
+/// Identifies a directory: the file, and the mount through which it is seen.
 struct STPlace
 {
     std::uint64_t qwDevice;
     std::uint64_t qwInode;
-    std::uint64_t qwMount; ///< 0 where the kernel does not tell
+    std::uint64_t qwMount; ///< 0 where the kernel does not report it
 
     bool operator==(const STPlace&) const = default;
-    /// Bind mounts have the same device: only the mount tells them apart.
+    /// A bind mount has the device of what it shows: only the mount number differs.
     bool bSameMount(const STPlace& stOther) const
     {
         return qwDevice == stOther.qwDevice && qwMount == stOther.qwMount;
     }
 };
 
-/// Mount number for kernels whose statx does not tell it.
+/// Mount number for kernels whose statx does not report it (before 5.8).
 std::uint64_t qwMountByHandle(int nFd)
 {
-    file_handle stHandle{}; // no room for the handle itself: the call fails and still gives the mount
+    // There is no room for the handle itself: the call fails with EOVERFLOW and still stores the mount.
+    file_handle stHandle{};
     int nMount = 0;
-    const bool bTold =
+    const bool bStored =
         ::name_to_handle_at(nFd, "", &stHandle, &nMount, AT_EMPTY_PATH) == 0 || errno == EOVERFLOW;
-    return bTold ? static_cast<std::uint64_t>(nMount) : 0;
+    return bStored ? static_cast<std::uint64_t>(nMount) : 0;
 }
 
-/// For old kernels, and for filters that do not know the call.
+/// For kernels before 4.11, and for system call filters that do not know statx.
 std::optional<STPlace> stPlaceWithoutStatx(int nFd)
 {
-    struct stat st
-    {};
+    STFileStatus st{};
     if (::fstat(nFd, &st) != 0) {
         return std::nullopt;
     }
@@ -54,28 +61,30 @@ std::optional<STPlace> stPlaceWithoutStatx(int nFd)
                    qwMountByHandle(nFd)};
 }
 
-/// Of an open directory; none with errno when the system does not tell.
+/// The place of an open directory; none with errno when the kernel does not report it.
 std::optional<STPlace> stPlace(int nFd)
 {
-    struct statx st
-    {};
+    STExtendedStatus st{};
     if (::statx(nFd, "", AT_EMPTY_PATH | AT_NO_AUTOMOUNT, STATX_INO | STATX_MNT_ID, &st) != 0) {
         return errno == ENOSYS || errno == EPERM ? stPlaceWithoutStatx(nFd) : std::nullopt;
     }
+
     const bool bMount = (st.stx_mask & STATX_MNT_ID) != 0;
     return STPlace{std::uint64_t{st.stx_dev_major} << 32 | st.stx_dev_minor, st.stx_ino,
                    bMount ? st.stx_mnt_id : qwMountByHandle(nFd)};
 }
 
+/// Opens a directory by a single name, which must not be a symbolic link.
 CDescripteur clOpenDirectory(int nParent, const char* pszName)
 {
     return CDescripteur(::openat(nParent, pszName, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
-/// Opens a resolved path name by name, so that a name that has become a symbolic link since is refused.
+/// Opens a resolved path name by name: a name that has been replaced by a symbolic link since is refused.
 CDescripteur clOpenResolved(const std::string& csPath)
 {
     CDescripteur clFd(::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
+
     for (std::size_t nStart = 1; clFd.bOpen() && nStart < csPath.size();) {
         const std::size_t nEnd = std::min(csPath.find('/', nStart), csPath.size());
         const std::string csName = csPath.substr(nStart, nEnd - nStart);
@@ -83,19 +92,22 @@ CDescripteur clOpenResolved(const std::string& csPath)
             CDescripteur(::openat(clFd.nFd(), csName.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         nStart = nEnd + 1;
     }
+
     return clFd;
 }
 
-/// Names in a directory but "." and ".."; false with errno when it cannot be read.
+/// Lists the names in a directory except "." and ".."; false with errno when it cannot be read.
 bool bListNames(int nFd, std::vector<std::string>* ptNames)
 {
+    // Opened anew: a duplicate of nFd would share its position, and the stream closes what it is given.
     CDescripteur clCopy(::openat(nFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     const CDirectory pDir(clCopy.bOpen() ? ::fdopendir(clCopy.nFd()) : nullptr);
     if (!pDir) {
         return false;
     }
-    (void)clCopy.nRelease(); // the stream closes it
-    errno = 0;
+    std::ignore = clCopy.nRelease(); // the stream closes it
+
+    errno = 0; // only errno tells the end of the directory from a failure
     while (const dirent* pstEntry = ::readdir(pDir.get())) {
         const std::string_view csName = pstEntry->d_name;
         if (csName != "." && csName != "..") {
@@ -106,9 +118,9 @@ bool bListNames(int nFd, std::vector<std::string>* ptNames)
     return errno == 0;
 }
 
-/// Empties one directory whatever its depth: one open directory at a time, the way back through "..", and the
-/// directories still to do on the heap, so that neither the thread's stack nor its descriptors bound the
-/// depth.
+/// Empties one directory of any depth. One directory is open at a time, the way back leads through "..", and
+/// the names of the directories still to do are on the heap: neither the thread's stack nor the number of
+/// descriptors limits the depth.
 class CTreeEraser
 {
 public:
@@ -121,9 +133,13 @@ public:
         if (!stTop) {
             return bFail(m_pclError, L"delete", csFromUTF8(csPath));
         }
+
         m_clCurrent = std::move(clTop);
         m_tLevels.push_back({csPath, *stTop, {}});
         _DeleteFiles();
+
+        // A directory that cannot be deleted is noted and left: it is taken off its level's list first, so
+        // each is tried once and the loop ends.
         while (!m_bLost && (m_tLevels.size() > 1 || !m_tLevels.back().tDirectories.empty())) {
             if (m_tLevels.back().tDirectories.empty()) {
                 _Ascend();
@@ -131,10 +147,12 @@ public:
                 _Descend();
             }
         }
+
         return !m_bFailed;
     }
 
 private:
+    /// One of the directories from the top down to the current one.
     struct STLevel
     {
         std::string csName;
@@ -142,7 +160,8 @@ private:
         std::vector<std::string> tDirectories; ///< still to be deleted in it
     };
 
-    /// Reports the first obstacle only, by its path.
+    /// Reports the first obstacle only, by its path. The name is one in the current directory; empty for the
+    /// directory itself.
     void _Failed(const std::string& csName)
     {
         if (!m_bFailed) {
@@ -157,14 +176,17 @@ private:
         m_bFailed = true;
     }
 
-    /// Deletes all in the current directory that is no directory; symbolic links are deleted, not followed.
+    /// Deletes everything in the current directory but the directories, which it lists for later. Symbolic
+    /// links are deleted, not followed.
     void _DeleteFiles()
     {
         std::vector<std::string> tNames;
         if (!bListNames(m_clCurrent.nFd(), &tNames)) {
             _Failed({});
         }
+
         for (std::string& csName : tNames) {
+            // The call itself says what is a directory: a look beforehand could be outdated.
             if (::unlinkat(m_clCurrent.nFd(), csName.c_str(), 0) == 0) {
                 continue;
             }
@@ -176,10 +198,13 @@ private:
         }
     }
 
+    /// Enters the last directory of the current level's list and deletes the files in it. Refuses a mount
+    /// point: what is mounted there is not the server's own.
     void _Descend()
     {
         std::string csName = std::move(m_tLevels.back().tDirectories.back());
         m_tLevels.back().tDirectories.pop_back();
+
         CDescripteur clBelow = clOpenDirectory(m_clCurrent.nFd(), csName.c_str());
         const std::optional<STPlace> stBelow = clBelow.bOpen() ? stPlace(clBelow.nFd()) : std::nullopt;
         if (!stBelow) {
@@ -191,12 +216,15 @@ private:
             _Failed(csName);
             return;
         }
+
         m_tLevels.push_back({std::move(csName), *stBelow, {}});
         m_clCurrent = std::move(clBelow);
         _DeleteFiles();
     }
 
-    /// Back to the parent, which must still be the directory that was left: someone may have moved the tree.
+    /// Returns to the parent and deletes the directory that was left. The parent must be the one that the
+    /// walk came from: someone may have moved the directory meanwhile, and ".." then leads to a foreign one.
+    /// The walk cannot go on from there and is lost.
     void _Ascend()
     {
         CDescripteur clParent = clOpenDirectory(m_clCurrent.nFd(), "..");
@@ -207,6 +235,7 @@ private:
             m_bLost = true;
             return;
         }
+
         const std::string csName = std::move(m_tLevels.back().csName);
         m_tLevels.pop_back();
         m_clCurrent = std::move(clParent);
@@ -219,16 +248,17 @@ private:
     CDescripteur m_clCurrent;
     std::vector<STLevel> m_tLevels;
     bool m_bFailed = false;
-    bool m_bLost = false;
+    bool m_bLost = false; ///< the way back is gone
 };
 
-/// Names of a path with ".." in them depend on what they follow: such a path is not taken.
+/// Whether ".." is one of the path's names. What such a path means depends on symbolic links before it, so it
+/// is refused.
 bool bHasParentName(const std::string& csPath)
 {
     return ("/" + csPath + "/").find("/../") != std::string::npos;
 }
 
-std::string csWithoutEndSlashes(std::string csPath)
+std::string csWithoutTrailingSlashes(std::string csPath)
 {
     while (csPath.size() > 1 && csPath.back() == '/') {
         csPath.pop_back();
@@ -239,14 +269,15 @@ std::string csWithoutEndSlashes(std::string csPath)
 /// The directory's resolved path; empty with errno when it may not be deleted by its name.
 std::string csResolveOwnFolder(const std::wstring& csDirectory)
 {
-    const std::string csPath = csWithoutEndSlashes(csToUTF8(csDirectory));
-    struct stat st
-    {};
+    // lstat follows a link whose name has a trailing slash.
+    const std::string csPath = csWithoutTrailingSlashes(csToUTF8(csDirectory));
     if (csPath.empty() || csPath.front() != '/' || csPath.find('\0') != std::string::npos ||
         bHasParentName(csPath)) {
         errno = EPERM;
         return {};
     }
+
+    STFileStatus st{};
     if (::lstat(csPath.c_str(), &st) != 0) {
         return {};
     }
@@ -255,6 +286,8 @@ std::string csResolveOwnFolder(const std::wstring& csDirectory)
     if (!pszReal) {
         return {};
     }
+
+    // The manager's own folder must stay, whatever a server claims as its own.
     std::string csReal = pszReal.get();
     const std::string csOwnExecutable = csToUTF8(GetModuleFileNameW(SIZE_MAX));
     if (!S_ISDIR(st.st_mode) || !bOwnFolder(csReal) || csOwnExecutable.starts_with(csReal + "/")) {
@@ -271,8 +304,9 @@ bool CDiskFile::bDeleteTree(const std::wstring& csDirectory, CXError* pclError)
     if (csPath.empty()) {
         return bFail(pclError, L"delete", csDirectory);
     }
-    // The parent stays open throughout: the tree's own entry is deleted in it at the end, wherever it may be
-    // by then.
+
+    // The parent stays open throughout: at the end the folder's entry is deleted in this directory, even if
+    // its path means another one by then.
     const std::size_t nName = csPath.rfind('/') + 1;
     const std::string csName = csPath.substr(nName);
     const CDescripteur clParent = clOpenResolved(csPath.substr(0, nName - 1));
@@ -282,10 +316,12 @@ bool CDiskFile::bDeleteTree(const std::wstring& csDirectory, CXError* pclError)
     if (!stTop) {
         return bFail(pclError, L"delete", csDirectory);
     }
+
     if (!stTop->bSameMount(*stParent)) {
         errno = EPERM;
         return bFail(pclError, L"delete", csDirectory);
     }
+
     if (!CTreeEraser(pclError).bEmpty(std::move(clTop), csPath)) {
         return false;
     }

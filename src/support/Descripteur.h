@@ -4,8 +4,8 @@
 #include <unistd.h>
 #include <utility>
 
-/// Owns one file descriptor; -1 is none. Closing keeps errno, so that an early return still reports the true
-/// cause.
+/// Owns one file descriptor; -1 is none. Closing keeps errno, so that an early return still reports the cause
+/// of the failure.
 class CDescripteur
 {
 public:
@@ -13,7 +13,7 @@ public:
     CDescripteur(CDescripteur&& clOther) noexcept : m_nFd(clOther.nRelease()) {}
     CDescripteur& operator=(CDescripteur&& clOther) noexcept
     {
-        const int nFd = clOther.nRelease();
+        const int nFd = clOther.nRelease(); // first, so that a move to itself keeps the descriptor
         Close();
         m_nFd = nFd;
         return *this;
@@ -26,6 +26,7 @@ public:
     bool bOpen() const noexcept { return m_nFd >= 0; }
     /// Gives the descriptor away; the caller closes it.
     int nRelease() noexcept { return std::exchange(m_nFd, -1); }
+    /// Does nothing when there is none. An error of close() is ignored: the number is free all the same.
     void Close() noexcept
     {
         if (!bOpen()) {

@@ -3,6 +3,9 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+// Children that still share the daemon's memory read the old limit: it is written once, before any thread
+// runs, and the sanitizers record nothing in the functions that the children call.
+
 namespace {
 rlimit s_stOriginal{};
 bool s_bRaised = false;
@@ -14,6 +17,7 @@ void RaiseDescriptorLimit()
     if (s_bRaised || ::getrlimit(RLIMIT_NOFILE, &stNow) != 0) {
         return;
     }
+
     const rlimit stRaised{stNow.rlim_max, stNow.rlim_max};
     s_stOriginal = stNow;
     s_bRaised = ::setrlimit(RLIMIT_NOFILE, &stRaised) == 0;
@@ -27,6 +31,6 @@ __attribute__((no_sanitize("thread", "address", "undefined"))) int nOriginalDesc
 __attribute__((no_sanitize("thread", "address", "undefined"))) void RestoreDescriptorLimit() noexcept
 {
     if (s_bRaised) {
-        (void)::setrlimit(RLIMIT_NOFILE, &s_stOriginal);
+        ::setrlimit(RLIMIT_NOFILE, &s_stOriginal); // lowering a limit is always allowed
     }
 }

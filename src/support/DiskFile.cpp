@@ -16,16 +16,16 @@
 namespace {
 constexpr mode_t s_nFileMode = 0666;
 constexpr mode_t s_nDirectoryMode = 0777;
-constexpr int s_nMaxNames = 100; ///< tried for a new file; a crash may have left some
+constexpr int s_nMaxNames = 100; ///< tried for a new file: a crash may have left files of these names
 
-/// A path as the system wants it. A name with a NUL inside names nothing: it must not reach the file whose
-/// name is the text before the NUL.
+/// A path as the kernel takes it. Empty, which names no file, for a path with a NUL: it must not reach the
+/// file whose name is the text before the NUL.
 std::string csDiskPath(const std::wstring& csPath)
 {
     return csPath.find(L'\0') == std::wstring::npos ? csToUTF8(csPath) : std::string();
 }
 
-/// Backslashes turned, doubled slashes made one, ending slashes dropped (but for "/" itself).
+/// Turns backslashes into slashes, makes doubled slashes one and drops a trailing one (except that of "/").
 std::wstring csNormalised(const std::wstring& csName)
 {
     std::wstring csResult;
@@ -35,24 +35,23 @@ std::wstring csNormalised(const std::wstring& csName)
             csResult += cTurned;
         }
     }
+
     if (csResult.size() > 1 && csResult.back() == L'/') {
         csResult.pop_back();
     }
     return csResult;
 }
 
-/// By device and inode; links are followed.
+/// Compares device and inode; links are followed.
 bool bSameOnDisk(const std::wstring& cs1, const std::wstring& cs2, bool bDirectory)
 {
-    struct stat st1
-    {};
-    struct stat st2
-    {};
+    STFileStatus st1{};
+    STFileStatus st2{};
     return ::stat(csDiskPath(cs1).c_str(), &st1) == 0 && ::stat(csDiskPath(cs2).c_str(), &st2) == 0 &&
            st1.st_dev == st2.st_dev && st1.st_ino == st2.st_ino && (!bDirectory || S_ISDIR(st1.st_mode));
 }
 
-/// By text first: neither needs to exist for that.
+/// Compares the text first: names may be equal without a file.
 bool bSameName(const std::wstring& cs1, const std::wstring& cs2, bool bDirectory)
 {
     const std::wstring csName1 = csNormalised(cs1);
@@ -63,17 +62,21 @@ bool bSameName(const std::wstring& cs1, const std::wstring& cs2, bool bDirectory
     return csName1 == csName2 || bSameOnDisk(csName1, csName2, bDirectory);
 }
 
-/// Writes over the file itself: for what cannot be replaced by a new file (a device, a directory without the
-/// right to create files).
+// There are two ways of writing. A new file that is renamed over the old one is safe against a full disk and
+// a crash, so it comes first. Writing over the file itself is for the few places where that is impossible.
+
+/// Writes over the file itself, where a new file cannot take its place: a device, or a directory in which no
+/// file can be created.
 bool bOverwrite(const std::string& csPath, const std::string& csBytes)
 {
-    constexpr int nFlags =
-        O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY | O_NONBLOCK; // a FIFO may lie there
+    // O_NONBLOCK: the file may be a FIFO, whose reader nobody should wait for.
+    constexpr int nFlags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
     const CDescripteur clFile(::open(csPath.c_str(), nFlags, s_nFileMode));
     return clFile.bOpen() && bWriteAll(clFile.nFd(), csBytes);
 }
 
-/// Name for the new content beside the file: hidden, so that no tool that reads the directory takes it.
+/// Name for the new content, in the file's directory so that rename works, and hidden so that tools which
+/// read the directory's files (init scripts, units) pass over it.
 std::string csNewName(const std::string& csPath)
 {
     static std::atomic<unsigned int> s_nCounter{0};
@@ -83,14 +86,15 @@ std::string csNewName(const std::string& csPath)
 }
 
 /// Gives the new file the owner and mode of the one it replaces.
-bool bTakeOver(int nFd, const struct stat& stOld)
+/// False when it cannot: others may then read or write what they could not before, so it must not be used.
+bool bTakeOver(int nFd, const STFileStatus& stOld)
 {
     return ::fchown(nFd, stOld.st_uid, stOld.st_gid) == 0 && ::fchmod(nFd, stOld.st_mode & 07777) == 0;
 }
 
-/// Writes a new file and puts it in the place of the old: a full disk or a crash leaves the old content
-/// whole.
-bool bReplace(const std::string& csPath, const std::string& csBytes, const struct stat* pstOld,
+/// Writes a new file and renames it over the old one, whose content therefore survives a full disk or a
+/// crash. On failure *pbTryOver says whether writing over the old file may still succeed.
+bool bReplace(const std::string& csPath, const std::string& csBytes, const STFileStatus* pstOld,
               bool* pbTryOver)
 {
     std::string csNew;
@@ -100,9 +104,11 @@ bool bReplace(const std::string& csPath, const std::string& csBytes, const struc
         clFile = CDescripteur(::open(csNew.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, s_nFileMode));
     }
     if (!clFile.bOpen()) {
-        *pbTryOver = errno == EACCES || errno == EPERM || errno == ENAMETOOLONG;
+        *pbTryOver = errno == EACCES || errno == EPERM || errno == ENAMETOOLONG; // the old name is shorter
         return false;
     }
+
+    // fsync comes before rename: after a crash the name could otherwise lead to an empty file.
     if (pstOld != nullptr && !bTakeOver(clFile.nFd(), *pstOld)) {
         *pbTryOver = true;
     } else if (bWriteAll(clFile.nFd(), csBytes) && ::fsync(clFile.nFd()) == 0) {
@@ -111,13 +117,15 @@ bool bReplace(const std::string& csPath, const std::string& csBytes, const struc
         }
         *pbTryOver = errno == EBUSY; // the file is a mount point
     }
+
     const int nErrno = errno;
     ::unlink(csNew.c_str());
     errno = nErrno;
     return false;
 }
 
-/// The file behind symbolic links, so that a link stays one; the path itself when there is no file yet.
+/// The file that symbolic links lead to, so that the link itself is kept; the path unchanged when there is no
+/// file yet.
 std::string csResolved(const std::string& csPath)
 {
     const std::unique_ptr<char, decltype(&std::free)> pszReal(::realpath(csPath.c_str(), nullptr),
@@ -125,35 +133,39 @@ std::string csResolved(const std::string& csPath)
     return pszReal ? std::string(pszReal.get()) : csPath;
 }
 
-/// Chooses between the two ways of writing by what lies at the path.
+/// Chooses between the two ways of writing by the kind of file at the path.
 bool bWrite(const std::string& csPath, const std::string& csBytes)
 {
     if (csPath.empty()) {
         errno = ENOENT;
         return false;
     }
+
+    // A device must not be replaced by a file, and a file's second name would keep the old content.
     const std::string csFile = csResolved(csPath);
-    struct stat stOld
-    {};
+    STFileStatus stOld{};
     const bool bOld = ::lstat(csFile.c_str(), &stOld) == 0;
-    // A device cannot be replaced, and a second name would keep the old content.
     if (bOld && (!S_ISREG(stOld.st_mode) || stOld.st_nlink > 1)) {
         return bOverwrite(csFile, csBytes);
     }
+
     bool bTryOver = false;
     return bReplace(csFile, csBytes, bOld ? &stOld : nullptr, &bTryOver) ||
            (bTryOver && bOverwrite(csFile, csBytes));
 }
 
-/// Reads to the end of the file, at most nMax bytes.
+/// Reads to the end of the file; false with EFBIG beyond nMax bytes. The size is not asked first: files of
+/// /proc have none.
 bool bReadAll(int nFd, std::string* pcsBytes, std::size_t nMax)
 {
+    // On the heap: a worker's stack has 64 KiB.
     auto pBuffer = std::make_unique<std::array<char, 16384>>();
     while (true) {
         const ssize_t nRead = nRetry([&] { return ::read(nFd, pBuffer->data(), pBuffer->size()); });
         if (nRead <= 0) {
             return nRead == 0;
         }
+
         if (static_cast<std::size_t>(nRead) > nMax - pcsBytes->size()) {
             errno = EFBIG;
             return false;
@@ -177,7 +189,7 @@ std::wstring CDiskFile::csDirectory(const std::wstring& csPath)
 
 std::wstring CDiskFile::DirectoryWithEndSlash(std::wstring csDirectory)
 {
-    std::replace(csDirectory.begin(), csDirectory.end(), L'\\', L'/');
+    std::ranges::replace(csDirectory, L'\\', L'/');
     if (!csDirectory.empty() && csDirectory.back() != L'/') {
         csDirectory += L'/';
     }
@@ -196,15 +208,13 @@ bool CDiskFile::bSameFileName(const std::wstring& cs1, const std::wstring& cs2)
 
 bool CDiskFile::bExists(const std::wstring& csPath)
 {
-    struct stat st
-    {};
+    STFileStatus st{};
     return ::stat(csDiskPath(csPath).c_str(), &st) == 0;
 }
 
 bool CDiskFile::bDirectoryExists(const std::wstring& csPath)
 {
-    struct stat st
-    {};
+    STFileStatus st{};
     return ::stat(csDiskPath(csPath).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
@@ -217,12 +227,13 @@ bool CDiskFile::bCreateDirectory(const std::wstring& csPath, CXError* pclError)
 {
     const std::string csBytes = csDiskPath(DirectoryWithEndSlash(csPath));
     int nError = ENOENT;
+
     for (std::size_t nEnd = csBytes.find('/'); nEnd != std::string::npos;
          nEnd = csBytes.find('/', nEnd + 1)) {
-        // A parent that cannot be created may exist all the same (EEXIST, EROFS...): only the last one
-        // counts.
+        // A parent that cannot be created may still exist (EEXIST, EROFS...): only the last result counts.
         nError = ::mkdir(csBytes.substr(0, nEnd + 1).c_str(), s_nDirectoryMode) == 0 ? 0 : errno;
     }
+
     if (bDirectoryExists(csPath.empty() ? csPath : DirectoryWithEndSlash(csPath))) {
         return true;
     }

@@ -4,19 +4,20 @@
 
 #include <string>
 
-/// Operations on disk files and directory names, all by wide path (UTF-8 on disk). Nothing here keeps state.
+/// Operations on disk files and directory names, all by wide path (UTF-8 on disk). The class has no state;
+/// any thread may call them.
 class CDiskFile
 {
 public:
-    /// Splits at the last "/": directory with its ending slash, file name. Either may be empty.
+    /// Splits at the last "/": directory with its trailing slash, file name. Either may be empty.
     static void __SplitPath(const std::wstring& csPath, std::wstring* pcsDirectory, std::wstring* pcsName);
     /// Directory part of a path, ending in "/"; empty when the path has none.
     static std::wstring csDirectory(const std::wstring& csPath);
     /// Every backslash becomes "/", then "/" is appended unless the text is empty or already ends in one.
     static std::wstring DirectoryWithEndSlash(std::wstring csDirectory);
 
-    /// Whether two names mean one directory: equal text after normalising slashes (backslashes, doubled and
-    /// ending ones), or the same directory on disk (device and inode). An empty name equals nothing.
+    /// Whether two names mean one directory: equal text once slashes are normalised (backslashes, doubled and
+    /// trailing ones), or the same directory on disk (device and inode). An empty name equals nothing.
     static bool bSameDirectoryName(const std::wstring& cs1, const std::wstring& cs2);
     /// The same for files.
     static bool bSameFileName(const std::wstring& cs1, const std::wstring& cs2);
@@ -28,9 +29,9 @@ public:
     static bool bCreateDirectory(const std::wstring& csPath, CXError* pclError = nullptr);
 
     /// Deletes one server's own folder with all that is in it. Follows no symbolic link, crosses no mount
-    /// point, and refuses (EPERM) what cannot be one server's own folder: "/", the system's directories and
-    /// what lies directly under "/" or is a mount point. True only when nothing is left; otherwise the error
-    /// tells the first obstacle, and what could be deleted before it is gone.
+    /// point, and refuses (EPERM) what cannot be one server's own folder: "/", the operating system's
+    /// directories, anything directly under "/", a mount point. True only when nothing is left; otherwise the
+    /// error names the first obstacle, and everything that could be deleted is gone.
     static bool bDeleteTree(const std::wstring& csDirectory, CXError* pclError = nullptr);
 
     /// Replaces or creates a file with the given bytes (a new one has mode 0666 less the umask, an old one

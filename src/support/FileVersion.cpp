@@ -13,19 +13,20 @@
 #include <unistd.h>
 
 namespace {
-// A note and its neighbours are a few hundred bytes; what claims to be larger is not looked at.
+// A note and its neighbours have a few hundred bytes. Larger claims are not read: anyone may name any file.
 constexpr std::size_t s_nMaxNotes = 65536;
 constexpr unsigned int s_nMaxSegments = 1024;
 constexpr std::string_view s_csOwner("Velmo\0", 6);
 constexpr std::uint32_t s_dwType = 1;
 
-/// Reads exactly nSize bytes at an offset; false when the file does not hold them.
+/// Reads exactly nSize bytes at an offset; false when the file does not have them.
 bool bReadAt(int nFd, std::uint64_t qwOffset, void* pBuffer, std::size_t nSize)
 {
     auto* pBytes = static_cast<char*>(pBuffer);
     if (qwOffset > static_cast<std::uint64_t>(INT64_MAX) - nSize) {
         return false;
     }
+
     while (nSize > 0) {
         const ssize_t nRead =
             nRetry([&] { return ::pread(nFd, pBytes, nSize, static_cast<off_t>(qwOffset)); });
@@ -39,7 +40,8 @@ bool bReadAt(int nFd, std::uint64_t qwOffset, void* pBuffer, std::size_t nSize)
     return true;
 }
 
-/// The header of a 64-bit little-endian ELF file whose program headers have the usual size.
+/// The header of a 64-bit little-endian ELF file whose program headers have the usual size. Their offset is
+/// limited so that the sums with it cannot overflow.
 std::optional<Elf64_Ehdr> stReadHeader(int nFd)
 {
     Elf64_Ehdr st{};
@@ -49,13 +51,14 @@ std::optional<Elf64_Ehdr> stReadHeader(int nFd)
     return bUsable ? std::optional(st) : std::nullopt;
 }
 
+/// The next multiple of nAlign.
 std::size_t nAligned(std::size_t nOffset, std::size_t nAlign)
 {
     return (nOffset + nAlign - 1) / nAlign * nAlign;
 }
 
-/// Content of the version note among the notes of a segment: sizes of owner and content and the type, then
-/// the owner, and the content and the next note each at the next aligned offset.
+/// Content of the version note among the notes of a segment. A note is a header with the sizes of owner and
+/// content and the type, then the owner, then the content; content and next note begin at aligned offsets.
 std::optional<std::string_view> csFindNote(std::string_view csNotes, std::size_t nAlign)
 {
     Elf64_Nhdr st{};
@@ -66,6 +69,7 @@ std::optional<std::string_view> csFindNote(std::string_view csNotes, std::size_t
         if (nContent + st.n_descsz > csNotes.size()) {
             return std::nullopt;
         }
+
         if (csNotes.substr(nOwner, st.n_namesz) == s_csOwner && st.n_type == s_dwType) {
             return csNotes.substr(nContent, st.n_descsz);
         }
@@ -79,14 +83,18 @@ std::optional<std::string> csReadNote(int nFd)
 {
     const std::optional<Elf64_Ehdr> stHeader = stReadHeader(nFd);
     const unsigned int nSegments = stHeader ? std::min<unsigned int>(stHeader->e_phnum, s_nMaxSegments) : 0;
+
     for (unsigned int n = 0; n < nSegments; ++n) {
         Elf64_Phdr st{};
         if (!bReadAt(nFd, stHeader->e_phoff + n * sizeof st, &st, sizeof st)) {
             return std::nullopt;
         }
+
         if (st.p_type != PT_NOTE || st.p_filesz > s_nMaxNotes) {
             continue;
         }
+
+        // Four bytes is the usual alignment, whatever else a segment says.
         std::string csNotes(static_cast<std::size_t>(st.p_filesz), '\0');
         if (!bReadAt(nFd, st.p_offset, csNotes.data(), csNotes.size())) {
             continue;
@@ -102,6 +110,8 @@ std::optional<std::string> csReadNote(int nFd)
 bool CFileVersion::bLoad(const std::wstring& csPath)
 {
     m_tEntries.clear();
+
+    // The file of a path with a NUL would be the one whose name ends there.
     if (csPath.find(L'\0') != std::wstring::npos) {
         return false;
     }
@@ -110,7 +120,8 @@ bool CFileVersion::bLoad(const std::wstring& csPath)
     if (!csContent) {
         return false;
     }
-    // "key=value" texts, each ended by a NUL; the first of a key counts.
+
+    // "key=value" texts, each ended by a NUL; of several with one key the first counts.
     std::string_view csRest = *csContent;
     for (std::size_t nEnd = csRest.find('\0'); nEnd != csRest.npos; nEnd = csRest.find('\0')) {
         const std::string_view csEntry = csRest.substr(0, nEnd);

@@ -4,8 +4,8 @@
 #include <memory>
 #include <type_traits>
 
-// What std::make_unique_for_overwrite does, which the libraries of the oldest supported release lack: memory
-// that its user writes before it reads.
+// Memory that its user writes before it reads, so it is not cleared. The same as
+// std::make_unique_for_overwrite, which the C++ library of the oldest supported distribution lacks.
 
 template <class T, std::enable_if_t<!std::is_array_v<T>, int> = 0>
 std::unique_ptr<T> pMakeForOverwrite()

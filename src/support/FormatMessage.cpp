@@ -15,10 +15,10 @@
 
 namespace {
 constexpr std::size_t s_nMaxNumber = 99;
-/// Bound of widths and precisions: a mistaken format must not cost memory.
+/// Limit of widths and precisions: a wrong format must not cost memory.
 constexpr int s_nMaxWidth = 1000;
 
-/// How an argument lies in the argument list and is read.
+/// The type with which an argument is taken from the list.
 enum class EArg
 {
     NONE,
@@ -28,6 +28,7 @@ enum class EArg
     NARROW,
 };
 
+/// What an insert says of its argument.
 struct STInsert
 {
     std::size_t nNumber = 0;
@@ -40,6 +41,7 @@ struct STInsert
     int nPrecision = -1;
 };
 
+/// An argument; its EArg says which member counts.
 union UArg {
     std::int32_t n32;
     std::int64_t n64;
@@ -51,7 +53,7 @@ constexpr bool bDigit(wchar_t c)
     return c >= L'0' && c <= L'9';
 }
 
-/// The text between the exclamation marks of an insert, read from its beginning.
+/// Reads the text between the exclamation marks of an insert.
 class CTypeReader
 {
 public:
@@ -65,6 +67,7 @@ public:
             }
             m_csType.remove_prefix(1);
         }
+
         pstInsert->nWidth = _nNumber();
         if (_bTake(L".")) {
             pstInsert->nPrecision = _nNumber();
@@ -73,6 +76,7 @@ public:
     }
 
 private:
+    /// Advances past a word, if it is next.
     bool _bTake(std::wstring_view csWord)
     {
         if (!m_csType.starts_with(csWord)) {
@@ -81,6 +85,7 @@ private:
         m_csType.remove_prefix(csWord.size());
         return true;
     }
+    /// Takes a number; 0 when there is none. Capped at once, so that no row of digits overflows.
     int _nNumber()
     {
         int nValue = 0;
@@ -89,23 +94,30 @@ private:
         }
         return nValue;
     }
+    /// Takes the prefix and the conversion, which must end the type.
     bool _bReadConversion(STInsert* pstInsert)
     {
+        // "l" says nothing of an integer, which has 32 bits with or without it: only strings and characters
+        // care.
         const bool b64 = _bTake(L"I64") || _bTake(L"ll");
         const bool bLong = !b64 && (_bTake(L"I32") || _bTake(L"l") || _bTake(L"w"));
         pstInsert->bShort = !b64 && !bLong && _bTake(L"h");
         if (m_csType.size() != 1) {
             return false;
         }
+
         const wchar_t c = m_csType[0];
         if (std::wstring_view(L"diuxXo").find(c) != std::wstring_view::npos) {
             pstInsert->eArg = b64 ? EArg::INT64 : EArg::INT32;
             pstInsert->cConversion = static_cast<char>(c);
             return true;
         }
+
         if (b64 || std::wstring_view(L"sScC").find(c) == std::wstring_view::npos) {
             return false;
         }
+
+        // A prefix decides the width of the characters; without one the case of the letter does.
         const bool bWide = bLong || (!pstInsert->bShort && (c == L's' || c == L'c'));
         const bool bChar = c == L'c' || c == L'C';
         pstInsert->cConversion = bChar ? 'c' : 's';
@@ -126,17 +138,19 @@ bool bReadInsert(std::wstring_view csFormat, std::size_t& nPos, STInsert* pstIns
         pstInsert->nNumber = pstInsert->nNumber * 10 + static_cast<std::size_t>(csFormat[nPos++] - L'0');
     }
     if (nPos >= csFormat.size() || csFormat[nPos] != L'!') {
-        return true;
+        return true; // "%1" alone is wide text
     }
+
     const std::size_t nEnd = csFormat.find(L'!', nPos + 1);
     if (nEnd == csFormat.npos || !CTypeReader(csFormat.substr(nPos + 1, nEnd - nPos - 1)).bRead(pstInsert)) {
         return false;
     }
+
     nPos = nEnd + 1;
     return true;
 }
 
-/// Strings and characters do not go through the C library, so they are padded here.
+/// Pads a string or a character to the width; the C library, which pads integers, does not see these.
 std::wstring csPadded(std::wstring csText, const STInsert& stInsert)
 {
     const auto nWidth = static_cast<std::size_t>(stInsert.nWidth);
@@ -147,13 +161,15 @@ std::wstring csPadded(std::wstring csText, const STInsert& stInsert)
     return csText;
 }
 
-/// At most the precision's characters of a string are looked at: it need not be terminated behind them.
+/// A string argument as wide text. With a precision no character after it is read: the string need not have a
+/// terminator then.
 std::wstring csStringArg(const void* pText, const STInsert& stInsert)
 {
     const auto nMax = stInsert.nPrecision < 0 ? SIZE_MAX : static_cast<std::size_t>(stInsert.nPrecision);
     if (pText == nullptr) {
         return std::wstring(L"(null)").substr(0, nMax);
     }
+
     if (stInsert.eArg == EArg::WIDE) {
         const auto* psz = static_cast<const wchar_t*>(pText);
         return {psz, nMax == SIZE_MAX ? std::wcslen(psz) : ::wcsnlen(psz, nMax)};
@@ -163,7 +179,7 @@ std::wstring csStringArg(const void* pText, const STInsert& stInsert)
     return csWide({psz, nLength}, CP_SYSTEM);
 }
 
-/// The value that the insert's type makes of an argument: of the shorter types only the low bits count.
+/// The value of an integer argument: of the shorter types only the low bits count.
 std::int64_t nIntegerArg(const UArg& uArg, const STInsert& stInsert)
 {
     const bool bSigned = stInsert.cConversion == 'd' || stInsert.cConversion == 'i';
@@ -177,7 +193,9 @@ std::int64_t nIntegerArg(const UArg& uArg, const STInsert& stInsert)
     return bSigned ? std::int64_t{uArg.n32} : std::int64_t{static_cast<std::uint32_t>(uArg.n32)};
 }
 
-/// By the C library, whose flags, width and precision the inserts have.
+/// Formats an integer by the C library, since inserts have its flags, width and precision. "ll" serves all
+/// sizes: the value is a 64-bit one by now. Width and precision are limited, so the buffer has room for them
+/// and for sign, prefix and digits.
 std::wstring csInteger(const UArg& uArg, const STInsert& stInsert)
 {
     const std::string csFormat = "%" + stInsert.csFlags + "*.*ll" + stInsert.cConversion;
@@ -189,21 +207,24 @@ std::wstring csInteger(const UArg& uArg, const STInsert& stInsert)
     return csFromUTF8(csText);
 }
 
+/// The text of an argument.
 std::wstring csArgument(const UArg& uArg, const STInsert& stInsert)
 {
     if (stInsert.cConversion == 's') {
         return csPadded(csStringArg(uArg.p, stInsert), stInsert);
     }
+
     if (stInsert.cConversion == 'c') {
         const char cNarrow = static_cast<char>(uArg.n32);
         return csPadded(stInsert.bWideChar ? std::wstring(1, static_cast<wchar_t>(uArg.n32))
                                            : csWide({&cNarrow, 1}, CP_SYSTEM),
                         stInsert);
     }
+
     return csInteger(uArg, stInsert);
 }
 
-/// What a "%" and this character stand for.
+/// The text that "%" and this character mean.
 std::wstring csEscape(wchar_t c)
 {
     static constexpr std::pair<wchar_t, const wchar_t*> s_tEscapes[] = {
@@ -213,7 +234,7 @@ std::wstring csEscape(wchar_t c)
             return pszText;
         }
     }
-    return {c}; // itself
+    return {c}; // "%%", "%." and "%!" mean the character
 }
 
 /// Plain text, and the insert that follows it; the last piece has none.
@@ -223,8 +244,9 @@ struct STPiece
     std::optional<STInsert> stInsert;
 };
 
-/// Fills a format in three steps: reads it into pieces, takes the arguments from their list in the order of
-/// their numbers, joins the text.
+/// Fills a format in three steps: reads it into pieces, takes the arguments from their list, joins the text.
+/// The list can only be walked from its beginning and only with each argument's type, so every insert must
+/// have been read before the first argument is taken.
 class CFormatter
 {
 public:
@@ -249,6 +271,7 @@ public:
     }
 
 private:
+    /// Reads the format into pieces. Without bInserts every insert remains text.
     void _Read(std::wstring_view csFormat, bool bInserts)
     {
         m_tPieces.emplace_back();
@@ -256,6 +279,8 @@ private:
             const std::size_t nPercent = std::min(csFormat.find(L'%', nPos), csFormat.size());
             m_tPieces.back().csText += csFormat.substr(nPos, nPercent - nPos);
             nPos = nPercent + 1;
+
+            // "%0" ends the text; a "%" at its end is dropped.
             if (nPos >= csFormat.size() || csFormat[nPos] == L'0') {
                 return;
             }
@@ -274,7 +299,7 @@ private:
         }
     }
 
-    /// The first insert of a number decides how its argument lies in the list.
+    /// Whether the insert has the type of its number's first one, which decides how the argument is taken.
     bool _bAgrees(const STInsert& stInsert)
     {
         EArg& eArg = m_tTypes[stInsert.nNumber];
@@ -285,10 +310,12 @@ private:
         return eArg == stInsert.eArg;
     }
 
+    /// Takes the arguments up to the highest number that an insert has.
     void _Fetch(va_list* pArgs)
     {
         va_list pCopy;
         va_copy(pCopy, *pArgs); // NOLINT(clang-analyzer-valist.Uninitialized): the caller started it
+
         for (std::size_t n = 1; n <= m_nHighest; ++n) {
             switch (m_tTypes[n]) {
             case EArg::INT32:
@@ -297,10 +324,11 @@ private:
             case EArg::INT64:
                 m_tArgs[n].n64 = va_arg(pCopy, std::int64_t);
                 break;
-            default:
+            default: // texts; also numbers without an insert, which are passed over as a pointer
                 m_tArgs[n].p = va_arg(pCopy, const void*);
             }
         }
+
         va_end(pCopy);
     }
 

@@ -2,7 +2,7 @@
 
 #include <string>
 
-/// UTF-8 texts; empty where unknown.
+/// How a distribution describes itself: UTF-8 texts, empty where unknown.
 struct STLinuxNameAndVersion
 {
     std::string csId;
@@ -10,5 +10,5 @@ struct STLinuxNameAndVersion
     std::string csDescription;
 };
 
-/// True when a distribution was recognised from the files in /etc.
+/// Recognises the distribution from the files in /etc; false, and an empty record, when none is recognised.
 bool GetLinuxDistributionNameAndVersion(STLinuxNameAndVersion* pstInfo);

@@ -1,6 +1,6 @@
 #pragma once
 
-/// Numbers of the manager's messages by name; texts and their inserts: Messages.h. The log and
+/// Numbers of the manager's messages by name; Messages.h has the texts and their inserts. The log and
 /// docs/operations.md name messages by these numbers, so they never change.
 enum EMessage : unsigned int
 {
@@ -19,7 +19,7 @@ enum EMessage : unsigned int
     MSG_FOLDER_KEPT = 25631,
 };
 
-/// "User errors" of the manager's module, which an error object carries to whoever reports it.
+/// "User errors" of the manager's module: what a CXError says went wrong.
 enum EUserError : unsigned int
 {
     USER_ERROR_THREAD = 1,  ///< a worker thread cannot be started

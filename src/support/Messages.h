@@ -12,9 +12,10 @@ struct STMessage
     std::wstring_view csText;
 };
 
-/// All messages, in ascending order of their ids; the last is the end mark, which clients can load as well.
-/// Texts of messages that are written to the system log or printed serve there as printf formats: they hold
-/// no "%" but that of their inserts.
+/// All messages, in ascending order of their ids. The last is the end mark, which clients can load as well.
+///
+/// Some texts serve as printf formats where they are logged or printed: no text may have a "%" other than
+/// that of its inserts.
 inline constexpr STMessage s_tMessages[] = {
     {nUserErrorMessage(USER_ERROR_THREAD),
      L"A worker thread could not be started. Check the limits on memory and on the number of threads of the "

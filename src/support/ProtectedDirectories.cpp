@@ -17,9 +17,11 @@ struct STProtected
     EReach eReach;
 };
 
-/// What belongs to the system or to all. Servers of their own live below /opt, /srv, /var/lib, /usr/local, a
-/// home...
+/// Directories of the operating system, or of many programs. A server's own folder may be anywhere else below
+/// /opt, /srv, /var/lib, /usr/local, a home...
 constexpr STProtected s_tProtected[] = {
+    // A server may have its folder in /usr/local and in its lib, share and their like, but not among its
+    // programs...
     {"/usr/local", ITSELF},
     {"/usr/local/bin", TREE},
     {"/usr/local/sbin", TREE},
@@ -32,6 +34,7 @@ constexpr STProtected s_tProtected[] = {
     {"/usr/local/games", ITSELF},
     {"/usr/local/man", TREE},
     {"/usr/local/src", ITSELF},
+    // ...while the distribution's package manager owns everything else in /usr.
     {"/usr", TREE},
     {"/bin", TREE},
     {"/sbin", TREE},
@@ -40,14 +43,17 @@ constexpr STProtected s_tProtected[] = {
     {"/lib64", TREE},
     {"/libx32", TREE},
     {"/boot", TREE},
+    // Devices, settings, the kernel's file systems.
     {"/dev", TREE},
     {"/etc", TREE},
     {"/proc", TREE},
     {"/sys", TREE},
     {"/run", TREE},
+    // Stores of other package managers.
     {"/snap", TREE},
     {"/nix", TREE},
     {"/gnu", TREE},
+    // What fsck has found; homes as a whole; the state of the system's own services.
     {"/lost+found", TREE},
     {"/home", CHILDREN},
     {"/var", CHILDREN},
@@ -68,15 +74,18 @@ constexpr STProtected s_tProtected[] = {
     {"/var/lib/pam", TREE},
     {"/var/lib/rpm", TREE},
     {"/var/lib/systemd", TREE},
+    // A server may live in root's home, but not in the place of root's keys.
     {"/root/.ssh", TREE},
     {"/root/.config", ITSELF},
 };
 
+/// Whether a path lies below another at any depth. "/optional" does not lie below "/opt".
 bool bBelow(std::string_view csPath, std::string_view csParent)
 {
     return csPath.size() > csParent.size() && csPath.starts_with(csParent) && csPath[csParent.size()] == '/';
 }
 
+/// Whether an entry protects this path.
 bool bReaches(const STProtected& st, std::string_view csPath)
 {
     if (csPath == st.csPath || st.eReach == ITSELF) {
@@ -86,12 +95,13 @@ bool bReaches(const STProtected& st, std::string_view csPath)
            (st.eReach == TREE || csPath.find('/', st.csPath.size() + 1) == csPath.npos);
 }
 
-/// Whether a path could be the system's answer to realpath.
+/// Whether a path could be a result of realpath.
 bool bResolved(std::string_view csPath)
 {
     if (!csPath.starts_with('/') || csPath.find('\0') != csPath.npos) {
         return false;
     }
+
     for (std::size_t nStart = 1; nStart <= csPath.size();) {
         const std::size_t nEnd = std::min(csPath.find('/', nStart), csPath.size());
         const std::string_view csName = csPath.substr(nStart, nEnd - nStart);
@@ -100,6 +110,7 @@ bool bResolved(std::string_view csPath)
         }
         nStart = nEnd + 1;
     }
+
     return true;
 }
 } // namespace
@@ -109,9 +120,10 @@ bool bOwnFolder(std::string_view csRealPath)
     if (!bResolved(csRealPath) || csRealPath.find('/', 1) == csRealPath.npos) {
         return false;
     }
-    // Below "/usr/local" only its own entries count, not that of "/usr".
+
+    // Below "/usr/local" the whole-tree entry of "/usr" does not count: administrators install servers there.
     const bool bLocal = bBelow(csRealPath, "/usr/local");
-    return std::none_of(std::begin(s_tProtected), std::end(s_tProtected), [&](const STProtected& st) {
+    return std::ranges::none_of(s_tProtected, [&](const STProtected& st) {
         return bReaches(st, csRealPath) && !(bLocal && st.csPath == "/usr");
     });
 }

@@ -5,8 +5,8 @@
 #include <mutex>
 #include <string>
 
-/// Lets one event a minute through for each subject, so that what happens again and again does not fill the
-/// log. Remembers a subject for that minute only. Any thread.
+/// Lets one event a minute pass for each subject, so that a repeated event does not fill the log. Remembers a
+/// subject for that minute only. Any thread.
 class CRateLimit
 {
 public:

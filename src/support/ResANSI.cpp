@@ -3,18 +3,18 @@
 #include "support/Messages.h"
 
 #include <algorithm>
+#include <functional>
 #include <iterator>
 
-static_assert(std::is_sorted(std::begin(s_tMessages), std::end(s_tMessages),
-                             [](const STMessage& st1, const STMessage& st2) { return st1.wId <= st2.wId; }),
-              "ids ascend, none is there twice");
+static_assert(std::ranges::adjacent_find(s_tMessages, std::ranges::greater_equal(), &STMessage::wId) ==
+                  std::end(s_tMessages),
+              "ids ascend, and each is there once: the search needs it");
 
 bool bGetResAnsi602(unsigned int nId, std::wstring_view& csText)
 {
     const unsigned int nWanted = nId & 0xFFFF;
-    const auto pFound =
-        std::lower_bound(std::begin(s_tMessages), std::end(s_tMessages), nWanted,
-                         [](const STMessage& st, unsigned int nNumber) { return st.wId < nNumber; });
+    const auto* const pFound =
+        std::ranges::lower_bound(s_tMessages, nWanted, std::ranges::less(), &STMessage::wId);
     if (pFound == std::end(s_tMessages) || pFound->wId != nWanted) {
         return false;
     }

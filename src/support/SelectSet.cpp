@@ -4,7 +4,8 @@
 #include <cstddef>
 
 namespace {
-// The bits are set by hand: the checked FD_SET ends the program at descriptor 1024, whatever the set's size.
+// The bits are set by hand: the C library's checked FD_SET aborts the program at descriptor 1024, however
+// large the set is.
 constexpr std::size_t s_nBits = 8 * sizeof(fd_mask);
 
 std::size_t nWord(int nFd)
@@ -34,7 +35,7 @@ int CSelectSet::nSelect(timeval* pstTimeout)
     const int nReady =
         ::select(m_nHighest + 1, reinterpret_cast<fd_set*>(m_tReady.data()), nullptr, nullptr, pstTimeout);
     if (nReady <= 0) {
-        m_tReady.clear();
+        m_tReady.clear(); // select leaves a set unchanged when it fails
     }
     return nReady;
 }

@@ -4,16 +4,17 @@
 #include <sys/time.h>
 #include <vector>
 
-/// A read set for select() that is as large as its highest descriptor needs: the fixed-size fd_set is overrun
-/// by descriptors of 1024 and more. Used by one thread.
+/// A read set for select() that is as large as its highest descriptor needs: descriptors of 1024 and more lie
+/// beyond the end of the fixed-size fd_set. Used by one thread.
 class CSelectSet
 {
 public:
     void Add(int nFd);
-    /// select() over the set; the timeout may be null (no limit). As select: above 0, some are readable; 0,
-    /// the time is over; -1 with errno (EINTR included: a signal is meant to wake some callers). Keeps the
-    /// set for the next call; bReadable tells of the last one.
+    /// Calls select() for the set; the timeout may be null (no limit). Returns the number of readable
+    /// descriptors, 0 when the time is over, -1 with errno. EINTR is returned, too: a signal is meant to wake
+    /// some callers. The set is kept for the next call.
     int nSelect(timeval* pstTimeout);
+    /// Whether the last nSelect found this descriptor readable.
     bool bReadable(int nFd) const;
 
 private:

@@ -13,37 +13,43 @@
 #include <poll.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
+#include <tuple>
 #include <unistd.h>
 
 namespace {
-/// Longest pause between two looks at a child, where the kernel has no descriptors for processes.
+/// Longest pause between two looks at a child, where the kernel has no process descriptors (before 5.3).
 constexpr int s_nMaxLookMs = 100;
 
-/// Waits for the child's exit. False with errno when that cannot be done, or the calling thread may not go
-/// on.
+/// Waits for the child's exit. False with errno when waiting fails, or the calling thread may not go on.
 bool bAwait(pid_t nPid, int* pnStatus)
 {
+    // Readable once the child has exited. The C library has had a wrapper since 2.36 only.
     const CDescripteur clChild(static_cast<int>(::syscall(SYS_pidfd_open, nPid, 0)));
+
     for (int nMs = 1;; nMs = std::min(nMs * 2, s_nMaxLookMs)) {
         const pid_t nEnded = nRetry([&] { return ::waitpid(nPid, pnStatus, WNOHANG); });
         if (nEnded != 0) {
             return nEnded > 0;
         }
+
         if (!CStopping::bMayGoOn()) {
             errno = ECANCELED;
             return false;
         }
+
+        // Sleeps until the child exits, the stop comes or the time is over; poll skips descriptors of -1.
         std::array<pollfd, 2> tWakes{{{clChild.nFd(), POLLIN, 0}, {CStopping::nFdToPoll(), POLLIN, 0}}};
         ::poll(tWakes.data(), tWakes.size(), CStopping::nPollMs(clChild.bOpen() ? -1 : nMs));
     }
 }
 
-/// With whatever a script that hangs has started and not let go of. Keeps errno.
+/// Kills a shell with its own session and all that a hanging script has started in it, and reaps the shell.
+/// Keeps errno.
 void KillSession(pid_t nShellPid)
 {
     const int nErrno = errno;
     ::kill(-nShellPid, SIGKILL);
-    Ignored(nRetry([&] { return ::waitpid(nShellPid, nullptr, 0); }));
+    std::ignore = nRetry([&] { return ::waitpid(nShellPid, nullptr, 0); });
     errno = nErrno;
 }
 } // namespace
@@ -54,6 +60,8 @@ int nShell(const std::string& csCommand)
         errno = ECANCELED;
         return -1;
     }
+
+    // exec takes arguments that it could write to, hence the copies.
     std::string csShell = "sh";
     std::string csOption = "-c";
     std::string csText = csCommand;
@@ -65,6 +73,7 @@ int nShell(const std::string& csCommand)
     if (nPid < 0) {
         return -1;
     }
+
     int nStatus = 0;
     if (!bAwait(nPid, &nStatus)) {
         if (CStopping::bCancelled()) {
@@ -72,8 +81,8 @@ int nShell(const std::string& csCommand)
         }
         return -1;
     }
-    // A child that could not become the shell looks like one that ended with 127, which a command may do,
-    // too.
+
+    // A child that could not become the shell exits with status 127, which a command may do as well.
     if (clStarter.nExecError() != 0) {
         errno = clStarter.nExecError();
         return -1;

@@ -5,20 +5,20 @@
 #include <ctime>
 #include <initializer_list>
 
-/// Holds signals back in the calling thread for the object's lifetime; then the mask is the one from before,
-/// and what came meanwhile is delivered. A thread created meanwhile has them held back for good.
-/// Async-signal-safe, allocates nothing.
+/// Blocks signals in the calling thread for the object's lifetime. The destructor restores the old mask, and
+/// signals that came meanwhile are delivered. A thread created meanwhile inherits the mask and keeps them
+/// blocked. Async-signal-safe, allocates nothing.
 class CSignalsHeld
 {
 public:
-    /// All signals.
+    /// Blocks all signals.
     CSignalsHeld() noexcept
     {
         sigset_t stAll;
         ::sigfillset(&stAll);
         ::pthread_sigmask(SIG_SETMASK, &stAll, &m_stBefore);
     }
-    /// These, beside those that are held back already.
+    /// Blocks these in addition to those that are blocked already.
     explicit CSignalsHeld(std::initializer_list<int> tSignals) noexcept
     {
         sigset_t stHeld;
@@ -38,8 +38,8 @@ private:
     sigset_t m_stBefore;
 };
 
-/// Keeps SIGXFSZ from this thread: a write past the limit on file sizes is to fail with EFBIG, not to end the
-/// process.
+/// Blocks and discards SIGXFSZ in this thread for the object's lifetime: a write past the limit on file sizes
+/// then fails with EFBIG and does not end the process.
 class CNoFileSizeSignal
 {
 public:
@@ -54,7 +54,7 @@ public:
             ::sigemptyset(&stSignal);
             ::sigaddset(&stSignal, SIGXFSZ);
             const timespec stNow{};
-            (void)::sigtimedwait(&stSignal, nullptr, &stNow); // takes the signal back; none is as good
+            ::sigtimedwait(&stSignal, nullptr, &stNow); // discards a pending one before it is unblocked
         }
         errno = nErrno;
     }

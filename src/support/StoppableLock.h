@@ -4,8 +4,8 @@
 
 #include <set>
 
-/// A lock that is handed on in the order in which it was asked for; a stop makes those who wait for it leave,
-/// but one that is free can still be taken. For std::unique_lock and its like.
+/// A lock that threads get in the order in which they asked for it. A stop ends every wait for it; a free
+/// lock can still be taken then. For std::unique_lock and its like.
 class CStoppableLock
 {
 public:

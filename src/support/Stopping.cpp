@@ -1,7 +1,6 @@
 #include "support/Stopping.h"
 
 #include "support/Descripteur.h"
-#include "support/SystemCall.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -11,27 +10,30 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <system_error>
+#include <tuple>
 #include <unistd.h>
 
+// The stop begins in a signal handler, which may neither lock nor notify. It stores the time and makes a
+// descriptor readable: the first is what everybody asks for, the second wakes those who sleep in poll.
 std::atomic<long> CStopping::s_nAskedMs{0};
 
 namespace {
 static_assert(std::atomic<long>::is_always_lock_free); // the signal handler writes it
 
-/// Between two looks of a thread that still may go on after the stop, and of one that may be cancelled.
+/// Pause between two looks of a thread that may go on after the stop, and of one that may be cancelled.
 constexpr int s_nLookMs = 20;
 constexpr int s_nCancelLookMs = 100;
 /// How much earlier than the manager a tool may get the SIGTERM that systemd sends to both.
 constexpr int s_nSignalLeadMs = 100;
 
-/// Written once by Ask and never read, so that it stays readable. Atomic, as the handler looks at it.
+/// Ask writes to it once and nobody reads it, so it stays readable. Atomic: the signal handler loads it.
 std::atomic<int> s_nWakeFd{-1};
 
-/// Of the calling thread; see CStopRight.
+/// The calling thread's right and cancel flag; see CStopRight.
 thread_local CStopRight::ERight t_eRight = CStopRight::NOTHING;
 thread_local const std::atomic<bool>* t_pbCancelled = nullptr;
 
-/// Never 0. clock_gettime is async-signal-safe.
+/// Never 0, which means "not asked". clock_gettime is async-signal-safe.
 long nMonotonicMs() noexcept
 {
     timespec stNow{};
@@ -43,7 +45,7 @@ long nMonotonicMs() noexcept
 void CStopping::Reset() noexcept
 {
     s_nAskedMs = 0;
-    const CDescripteur clOld(s_nWakeFd.exchange(-1));
+    const CDescripteur clOld(s_nWakeFd.exchange(-1)); // closes it
 }
 
 void CStopping::Prepare()
@@ -53,24 +55,27 @@ void CStopping::Prepare()
 
 void CStopping::Ask() noexcept
 {
+    // SIGTERM may come again: the first one's time must remain, or the stop would never be over.
     long nNever = 0;
     if (!s_nAskedMs.compare_exchange_strong(nNever, nMonotonicMs())) {
         return;
     }
-    const int nErrno = errno;
+
+    const int nErrno = errno; // a signal handler must not change what its thread is about to read
     constexpr std::uint64_t nOne = 1;
-    Ignored(::write(s_nWakeFd, &nOne, sizeof nOne)); // without it sleepers notice later
+    std::ignore = ::write(s_nWakeFd, &nOne, sizeof nOne); // if it fails, sleepers notice the stop later
     errno = nErrno;
 }
 
-int CStopping::nMsSinceAsked() noexcept
+int CStopping::_nMsSinceAsked() noexcept
 {
-    return static_cast<int>(std::min<long>(nMonotonicMs() - s_nAskedMs.load(), 3'600'000));
+    constexpr long nHour = 3'600'000; // more than any caller distinguishes, and fits an int
+    return static_cast<int>(std::min(nMonotonicMs() - s_nAskedMs.load(), nHour));
 }
 
 int CStopping::nAnswersLeftMs() noexcept
 {
-    return bAsked() ? std::max(s_nAnswersMs - nMsSinceAsked(), 0) : s_nAnswersMs;
+    return bAsked() ? std::max(s_nAnswersMs - _nMsSinceAsked(), 0) : s_nAnswersMs;
 }
 
 bool CStopping::bMayGoOn() noexcept
@@ -78,6 +83,7 @@ bool CStopping::bMayGoOn() noexcept
     if (bCancelled()) {
         return false;
     }
+
     switch (t_eRight) {
     case CStopRight::ANSWER:
         return !bAnswersOver();
@@ -120,6 +126,7 @@ int CStopping::nPollMs(int nMs) noexcept
     if (!bAsked() && t_pbCancelled == nullptr) {
         return nMs;
     }
+
     const int nLookMs = bAsked() ? s_nLookMs : s_nCancelLookMs;
     return nMs < 0 ? nLookMs : std::min(nMs, nLookMs);
 }
@@ -139,6 +146,8 @@ bool CStopping::bToolEndedByStop(unsigned int nExitCode) noexcept
     if (nExitCode != SIGTERM) {
         return false;
     }
+
+    // The tool's SIGTERM may come before ours: without this pause the stop would look like a failed tool.
     pollfd stWake{nFdToPoll(), POLLIN, 0};
     ::poll(&stWake, 1, bAsked() ? 0 : s_nSignalLeadMs);
     return bAsked() && bMayGoOn();
@@ -165,6 +174,6 @@ void CStopWait::s_Pause(CLock& clLock, int nMs)
 {
     clLock.unlock();
     pollfd stWake{CStopping::nFdToPoll(), POLLIN, 0};
-    ::poll(&stWake, 1, CStopping::nPollMs(nMs)); // a signal ends it early, which does no harm
+    ::poll(&stWake, 1, CStopping::nPollMs(nMs)); // a signal may end it early: the caller then looks sooner
     clLock.lock();
 }

@@ -5,66 +5,71 @@
 #include <chrono>
 #include <cstdint>
 #include <mutex>
+#include <tuple>
 
-/// How far the end of the process has come. A stop has three steps, counted from SIGTERM:
+/// How far the stop of the process has come. It has three steps, counted from SIGTERM:
 ///
 /// | step | from | what it means |
 /// |---|---|---|
-/// | asked | 0 s | no request, pass or registration begins; whoever waits for a lock leaves |
-/// | answers over | 0.5 s | conversations that had begun their answer give it up |
-/// | over | 1 s | a registration that had begun to write gives it up; nobody launches anything |
+/// | asked | 0 s | no request, pass or registration begins; threads that wait for a lock leave |
+/// | answers over | 0.5 s | conversations give up answers that they have begun |
+/// | over | 1 s | a registration that has begun to write gives up; nobody launches anything |
 ///
-/// One state for the process; every operation may be called by any thread.
+/// One state for the process; any thread may call any operation.
 class CStopping
 {
 public:
     static constexpr int s_nAnswersMs = 500;
     static constexpr int s_nWritesMs = 1000;
 
-    /// Nothing is asked (any more). For the owner of all threads, while none of them runs.
+    /// Forgets a stop. For the owner of all threads, while none of them runs.
     static void Reset() noexcept;
-    /// Makes the descriptor that wakes sleepers. Without it (no descriptor left, or never called) a stop is
-    /// noticed when the sleep is over.
+    /// Opens the descriptor that wakes sleepers. Without it (out of descriptors, or never called) a sleeper
+    /// notices the stop at the end of its sleep.
     static void Prepare();
-    /// The stop has come; only the first call counts. Async-signal-safe.
+    /// Begins the stop; only the first call counts. Async-signal-safe.
     static void Ask() noexcept;
 
     static bool bAsked() noexcept { return s_nAskedMs.load() != 0; }
-    static bool bAnswersOver() noexcept { return bAsked() && nMsSinceAsked() >= s_nAnswersMs; }
-    static bool bOver() noexcept { return bAsked() && nMsSinceAsked() >= s_nWritesMs; }
-    /// What conversations still have for their answers, in milliseconds.
+    static bool bAnswersOver() noexcept { return bAsked() && _nMsSinceAsked() >= s_nAnswersMs; }
+    static bool bOver() noexcept { return bAsked() && _nMsSinceAsked() >= s_nWritesMs; }
+    /// Milliseconds that conversations still have for their answers.
     static int nAnswersLeftMs() noexcept;
 
-    /// Whether the calling thread may still launch tools and wait for them. Without a CStopRight: until the
-    /// stop is asked.
+    /// Whether the calling thread may still launch tools and wait for them. A thread without a CStopRight may
+    /// until the stop is asked.
     static bool bMayGoOn() noexcept;
-    /// Whether what the calling thread does may be taken back before it is done.
+    /// Whether somebody may cancel the calling thread's work (see CStopRight).
     static bool bCancellable() noexcept;
-    /// Whether somebody has taken back what the calling thread does (see CStopRight).
+    /// Whether somebody has cancelled the calling thread's work.
     static bool bCancelled() noexcept;
     /// Throws std::system_error (ECANCELED).
     [[noreturn]] static void xThrowStopped();
     /// As xThrowStopped, when the calling thread may not go on.
     static void xCheck();
-    /// Sleeps; false at once when the calling thread may not go on. May end early when the stop is asked.
+    /// Sleeps; false at once when the calling thread may not go on. A stop or a signal may end the sleep
+    /// early.
     static bool bSleep(int nMs) noexcept;
-    /// For a poll beside other descriptors: becomes readable when the stop is asked, and stays so; hence -1
-    /// from then on, which poll passes over.
+    /// A descriptor to poll beside others: it becomes readable when the stop is asked. It stays readable, so
+    /// the operation returns -1 from then on, which poll skips: a thread that may go on would spin otherwise.
     static int nFdToPoll() noexcept;
-    /// Longest sleep, of at most nMs milliseconds (below 0: without limit), for a thread that polls
-    /// nFdToPoll: whoever may go on for a while after the stop, or may be cancelled, has to look again soon.
+    /// The time-out to poll nFdToPoll with, for a sleep of nMs milliseconds (below 0: without limit). It is
+    /// shorter for a thread that may be cancelled and for any thread after the stop: no descriptor tells them
+    /// that they may not go on.
     static int nPollMs(int nMs) noexcept;
-    /// Whether a tool that ended with this code was ended by the stop (systemd signals the whole group, and
-    /// its signal may reach a tool first) while the calling thread may go on: then it is asked once more.
+    /// Whether the stop ended a tool with this exit code while the calling thread may go on; the caller then
+    /// runs the tool once more. (systemd signals the whole control group: a tool may get SIGTERM, even before
+    /// the manager does.)
     static bool bToolEndedByStop(unsigned int nExitCode) noexcept;
 
 private:
-    static int nMsSinceAsked() noexcept;
+    static int _nMsSinceAsked() noexcept;
 
     static std::atomic<long> s_nAskedMs; ///< monotonic; 0: not asked
 };
 
-/// What the calling thread may finish after the stop, for the object's lifetime. They may be nested.
+/// Says, for the object's lifetime, what the calling thread may finish after the stop. Objects may be nested;
+/// the innermost counts.
 class CStopRight
 {
 public:
@@ -75,8 +80,8 @@ public:
         WRITES,  ///< a registration that has begun to write
     };
     explicit CStopRight(ERight eRight) noexcept;
-    /// The right that the thread has already, until *pbCancelled becomes true. The flag must outlive the
-    /// object.
+    /// Keeps the thread's right and lets another thread cancel it by setting *pbCancelled, which must outlive
+    /// the object.
     explicit CStopRight(const std::atomic<bool>* pbCancelled) noexcept;
     ~CStopRight();
     CStopRight(const CStopRight&) = delete;
@@ -87,8 +92,9 @@ private:
     const std::atomic<bool>* m_pbCancelledBefore;
 };
 
-/// A lock with a condition that threads wait for: they look again after 1 ms, 2 ms and so on, up to 100 ms,
-/// and at once when the stop is asked.
+/// A lock with a condition that threads wait for. They look at the condition after 1 ms, 2 ms and so on, up
+/// to 100 ms, and at once when the stop is asked. A condition variable would not do: the signal handler that
+/// begins the stop may not notify one.
 class CStopWait
 {
 public:
@@ -99,8 +105,8 @@ public:
     CStopWait& operator=(const CStopWait&) = delete;
 
     CLock clLock() { return CLock(m_clMutex); }
-    /// Waits until bReady() or bLeave() holds, and returns the former. Both are called with the lock held,
-    /// which is free between two looks.
+    /// Waits until bReady() or bLeave() holds, and returns whether bReady() does. Both are called with the
+    /// lock held; between two looks it is free.
     template <class TReady, class TLeave>
     static bool bWait(CLock& clLock, TReady bReady, TLeave bLeave)
     {
@@ -112,12 +118,12 @@ public:
         }
         return true;
     }
-    /// Waits until bReady() holds, for a time at most.
+    /// Waits until bReady() holds, but no longer than clTime.
     template <class TReady>
     static void WaitFor(CLock& clLock, std::chrono::milliseconds clTime, TReady bReady)
     {
         const auto clEnd = std::chrono::steady_clock::now() + clTime;
-        (void)bWait(clLock, bReady, [clEnd] { return std::chrono::steady_clock::now() >= clEnd; });
+        std::ignore = bWait(clLock, bReady, [clEnd] { return std::chrono::steady_clock::now() >= clEnd; });
     }
 
 private:

@@ -4,7 +4,8 @@
 #include <string_view>
 
 namespace {
-/// Letters U+00C0 to U+00FF without accent, in lower case; a character that is no letter stands for itself.
+/// U+00C0 to U+00FF without accents and in lower case. Letters without a plain form (ae, eth, thorn, sharp s)
+/// are in lower case only; the two signs among them are unchanged.
 constexpr wchar_t s_szLatin[] = L"aaaaaa\xE6"
                                 L"ceeeeiiii\xF0"
                                 L"nooooo\xD7\xF8uuuuy\xFE\xDF"
@@ -13,7 +14,8 @@ constexpr wchar_t s_szLatin[] = L"aaaaaa\xE6"
                                 L"nooooo\xF7\xF8uuuuy\xFEy";
 static_assert(std::size(s_szLatin) == 64 + 1);
 
-/// Letter without case and accent; by table and not by locale, so that it is the same on every machine.
+/// A letter without case and accent. By table, not by locale, so that the result is the same on every
+/// machine.
 wchar_t cFolded(wchar_t c)
 {
     if (c >= L'A' && c <= L'Z') {
@@ -43,7 +45,7 @@ bool bDigit(wchar_t c)
     return c >= L'0' && c <= L'9';
 }
 
-/// Takes a run of digits off the front, without its leading zeros.
+/// Takes a run of digits off the front; returns it without its leading zeros.
 std::wstring_view csTakeDigits(const wchar_t*& psz)
 {
     while (*psz == L'0') {
@@ -56,7 +58,8 @@ std::wstring_view csTakeDigits(const wchar_t*& psz)
     return {pszStart, static_cast<std::size_t>(psz - pszStart)};
 }
 
-/// Of numbers without leading zeros the longer one is larger; of equal length the texts decide.
+/// Compares numbers without leading zeros: the longer one is larger; at equal length the order of the texts
+/// is that of the numbers.
 int nCompareNumbers(std::wstring_view cs1, std::wstring_view cs2)
 {
     if (cs1.size() != cs2.size()) {
@@ -70,8 +73,9 @@ int STR_nCompareRespecteNumeriqueW(const wchar_t* psz1, const wchar_t* psz2)
 {
     psz1 = psz1 != nullptr ? psz1 : L"";
     psz2 = psz2 != nullptr ? psz2 : L"";
+
     while (*psz1 != L'\0' || *psz2 != L'\0') {
-        if (bDigit(*psz1) && bDigit(*psz2)) { // runs of digits on both sides count as two numbers
+        if (bDigit(*psz1) && bDigit(*psz2)) {
             const int nOrder = nCompareNumbers(csTakeDigits(psz1), csTakeDigits(psz2));
             if (nOrder != 0) {
                 return nOrder;
@@ -83,6 +87,7 @@ int STR_nCompareRespecteNumeriqueW(const wchar_t* psz1, const wchar_t* psz2)
             ++psz2;
         }
     }
+
     return 0;
 }
 
@@ -90,7 +95,8 @@ int STR_nNCompare(const wchar_t* psz1, const wchar_t* psz2, std::size_t nLength)
 {
     psz1 = psz1 != nullptr ? psz1 : L"";
     psz2 = psz2 != nullptr ? psz2 : L"";
-    // The end of a text folds to itself and is below every character.
+
+    // The terminator stays itself and is below every character, so the shorter text comes first.
     for (; nLength > 0; --nLength, ++psz1, ++psz2) {
         const wchar_t c1 = cFolded(*psz1);
         const wchar_t c2 = cFolded(*psz2);
@@ -101,5 +107,6 @@ int STR_nNCompare(const wchar_t* psz1, const wchar_t* psz2, std::size_t nLength)
             break;
         }
     }
+
     return 0;
 }

@@ -19,7 +19,7 @@ bool bWriteAll(int nFd, std::string_view csBytes)
 {
     while (!csBytes.empty()) {
         const ssize_t nWritten = nRetry([&] { return ::write(nFd, csBytes.data(), csBytes.size()); });
-        if (nWritten <= 0) {
+        if (nWritten <= 0) { // 0: the next try would take none either, and so on for ever
             errno = nWritten == 0 ? EIO : errno;
             return false;
         }
@@ -29,13 +29,14 @@ bool bWriteAll(int nFd, std::string_view csBytes)
 }
 
 namespace {
-constexpr int s_nAlways = O_CLOEXEC | O_NONBLOCK | O_NOCTTY; // not waiting makes no difference for a file
+/// Without O_NONBLOCK the open of a FIFO would wait for its other end; regular files do not mind.
+constexpr int s_nAlways = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
 constexpr mode_t s_nMode = 0666;
 
+/// Judges the open file, not its name: the name may mean another one by now.
 CDescripteur clIfRegular(CDescripteur clFile)
 {
-    struct stat st
-    {};
+    STFileStatus st{};
     if (!clFile.bOpen() || ::fstat(clFile.nFd(), &st) != 0) {
         return CDescripteur();
     }

@@ -9,10 +9,10 @@
 #include <string_view>
 #include <sys/stat.h>
 
-/// System calls that are made in the same way everywhere.
+// System calls that are made in the same way everywhere.
 
-/// Makes a call again as long as a signal interrupts it, and returns what it returned at last. Not for waits
-/// that a signal is meant to end.
+/// Repeats a call as long as a signal interrupts it, and returns the last result. Not for waits that a signal
+/// is meant to end.
 template <class TCall>
 auto nRetry(TCall Call)
 {
@@ -27,10 +27,6 @@ auto nRetry(TCall Call)
 /// "struct" before it.
 using STFileStatus = struct stat;
 
-/// For the result of a call after whose failure there is nothing better than to go on; the place says why.
-/// Where the compiler does not insist, "(void)" says the same.
-inline void Ignored(long) {}
-
 /// Both ends of a pipe, close-on-exec.
 struct STPipe
 {
@@ -40,18 +36,20 @@ struct STPipe
 /// False with errno when there are no descriptors left.
 bool bOpenPipe(STPipe* pstPipe);
 
-/// Writes all of the bytes; false with errno (EIO where the system just takes none) when it cannot.
+/// Writes all of the bytes. False with errno when that fails (EIO where the kernel takes none without an
+/// error).
 bool bWriteAll(int nFd, std::string_view csBytes);
 
-/// Opens a file close-on-exec. What is no regular file (a directory, a FIFO, a device) is refused with EISDIR
-/// or EINVAL and never waited for. With O_CREAT a new file has mode 0666 less the umask.
+/// Opens a regular file close-on-exec. Anything else is refused, a directory with EISDIR, a FIFO or a device
+/// with EINVAL; the call never waits for one. With O_CREAT a new file has mode 0666 less the umask.
 CDescripteur clOpenRegular(const std::string& csPath, int nFlags);
 /// The same, from an open folder (or AT_FDCWD).
 CDescripteur clOpenRegularAt(int nFolder, const std::string& csPath, int nFlags);
 
-/// An open directory; closed with its owner.
+/// Closes a directory for its owner, CDirectory.
 struct STCloseDirectory
 {
     void operator()(DIR* pDirectory) const noexcept { ::closedir(pDirectory); }
 };
+/// An open directory, or none.
 using CDirectory = std::unique_ptr<DIR, STCloseDirectory>;

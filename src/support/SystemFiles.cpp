@@ -8,10 +8,11 @@
 #include <cstdint>
 
 namespace {
+/// Bytes of a line that count. Clients have always seen a longer model name cut there.
 constexpr std::size_t s_nMaxCpuLine = 200;
 constexpr std::size_t s_nMaxMemLine = 256;
 
-/// Takes a number off the front, blanks before it skipped. Nothing when there is none or it is too large.
+/// Takes a number and the whitespace before it off the front. Nothing when there is none or it is too large.
 template <class TNumber>
 std::optional<TNumber> nTakeNumber(std::string_view& csText)
 {
@@ -25,18 +26,20 @@ std::optional<TNumber> nTakeNumber(std::string_view& csText)
     return nValue;
 }
 
-/// "processor : 3" and "model name : ..."; the names may be followed by anything in front of the colon.
+/// Reads "processor : 3" and "model name : ..."; any text may stand between the name and the colon.
 void ParseCpuLine(std::string_view csLine, STCpuInfo* pstInfo)
 {
     const std::size_t nColon = csLine.find(':');
     if (nColon == csLine.npos) {
         return;
     }
+
     std::string_view csValue = csLine.substr(nColon + 1);
     SkipBlanks(&csValue);
+
     if (bBeginsWith(csLine.substr(0, nColon), "processor")) {
         const auto nNumber = nTakeNumber<unsigned int>(csValue);
-        if (nNumber && *nNumber < UINT32_MAX) {
+        if (nNumber && *nNumber < UINT32_MAX) { // plus one must fit
             pstInfo->nCount = std::max(pstInfo->nCount, *nNumber + 1);
         }
     } else if (bBeginsWith(csLine.substr(0, nColon), "model name")) {
@@ -44,7 +47,7 @@ void ParseCpuLine(std::string_view csLine, STCpuInfo* pstInfo)
     }
 }
 
-/// Reads nCount numbers behind a word at the line's beginning; false when they are not all there.
+/// Reads nCount numbers after a word at the line's beginning; false when they are not all there.
 template <std::size_t nCount>
 bool bNumbersAfter(std::string_view csLine, std::string_view csWord,
                    std::array<std::uint64_t, nCount>* ptNumbers)
@@ -52,6 +55,7 @@ bool bNumbersAfter(std::string_view csLine, std::string_view csWord,
     if (!csLine.starts_with(csWord)) {
         return false;
     }
+
     csLine.remove_prefix(csWord.size());
     for (std::uint64_t& qw : *ptNumbers) {
         const auto qwNumber = nTakeNumber<std::uint64_t>(csLine);
@@ -60,6 +64,7 @@ bool bNumbersAfter(std::string_view csLine, std::string_view csWord,
         }
         qw = *qwNumber;
     }
+
     return true;
 }
 
@@ -79,11 +84,10 @@ void ParseMemLine(std::string_view csLine, tagMEMORYSTATUSEX* pst)
         {"Buffers:", &tagMEMORYSTATUSEX::qwAvailPhys, true},
         {"Cached:", &tagMEMORYSTATUSEX::qwAvailPhys, true},
     };
-    // Old kernels: a table of two lines, in bytes. Today's: a line for each figure, in KiB; Buffers and
-    // Cached count as free.
+
+    // Old kernels have a table of two lines, in bytes.
     std::array<std::uint64_t, 6> tMem{};  // total, used, free, shared, buffers, cached
     std::array<std::uint64_t, 3> tSwap{}; // total, used, free
-    std::array<std::uint64_t, 1> tKiB{};
     if (bNumbersAfter(csLine, "Mem:", &tMem)) {
         pst->qwTotalPhys += tMem[0];
         pst->qwAvailPhys += tMem[2] + tMem[4] + tMem[5];
@@ -92,6 +96,10 @@ void ParseMemLine(std::string_view csLine, tagMEMORYSTATUSEX* pst)
         pst->qwTotalSwap += tSwap[0];
         pst->qwFreeSwap += tSwap[2];
     }
+
+    // Today's have a line for each figure, in KiB. Buffers and Cached count as free: they are added to
+    // MemFree, whose line comes first.
+    std::array<std::uint64_t, 1> tKiB{};
     for (const STField& stField : s_tFields) {
         if (bNumbersAfter(csLine, stField.csWord, &tKiB) && tKiB[0] <= UINT64_MAX / 1024) {
             pst->*stField.pqw = tKiB[0] * 1024 + (stField.bAdd ? pst->*stField.pqw : 0);
@@ -99,7 +107,7 @@ void ParseMemLine(std::string_view csLine, tagMEMORYSTATUSEX* pst)
     }
 }
 
-/// Percent of memory and swap in use; 0 where the figures make no sense.
+/// Percent of memory and swap in use; 0 where the figures contradict each other.
 std::uint32_t dwLoad(const tagMEMORYSTATUSEX& st)
 {
     const std::uint64_t qwTotal = st.qwTotalPhys + st.qwTotalSwap;
@@ -110,7 +118,7 @@ std::uint32_t dwLoad(const tagMEMORYSTATUSEX& st)
     return static_cast<std::uint32_t>((qwTotal - qwFree) / (qwTotal / 100));
 }
 
-/// Any number of double quotes at both ends goes.
+/// Removes any number of double quotes at both ends.
 std::string csTrimQuotes(std::string_view csValue)
 {
     const std::size_t nFirst = csValue.find_first_not_of('"');
@@ -125,7 +133,7 @@ std::string csFirstLine(const std::string& csText)
     return csText.substr(0, csText.find_first_of("\r\n"));
 }
 
-/// The word behind "release ", else the first that begins with a digit.
+/// The word after "release ", else the text from the first digit to the next space.
 std::string csReleaseVersion(const std::string& csLine)
 {
     constexpr std::string_view csWord = "release ";
@@ -139,7 +147,7 @@ std::string csReleaseVersion(const std::string& csLine)
                                        : csLine.substr(nStart, csLine.find(' ', nStart) - nStart);
 }
 
-/// "/etc/WORD-release" of older systems: its first line is the description.
+/// Reads "/etc/WORD-release" of older distributions: its first line is the description.
 bool bReadReleaseFile(const CReadFile& csRead, const std::string& csWord, STLinuxNameAndVersion* pstInfo)
 {
     const std::string csLine = csFirstLine(csRead("/etc/" + csWord + "-release").value_or(""));
@@ -172,16 +180,19 @@ void ParseMemInfo(std::string_view csText, tagMEMORYSTATUSEX* pstStatus)
 bool readEtcFile(std::string_view csText, const STReleaseKeys& stKeys, STLinuxNameAndVersion* pstInfo)
 {
     *pstInfo = {};
+
     ForEachLine(csText, [&](std::string_view csLine) {
         const auto Take = [csLine](std::string_view csKey, std::string* pcsValue) {
             if (csLine.starts_with(csKey)) {
                 *pcsValue = csTrimQuotes(csLine.substr(csKey.size()));
             }
         };
+
         Take(stKeys.csId, &pstInfo->csId);
         Take(stKeys.csVersion, &pstInfo->csVersion);
         Take(stKeys.csDescription, &pstInfo->csDescription);
     });
+
     return !pstInfo->csId.empty() || !pstInfo->csDescription.empty();
 }
 
@@ -195,19 +206,23 @@ bool bRecogniseDistribution(const CReadFile& csRead, STLinuxNameAndVersion* pstI
         {"/etc/os-release", {"ID=", "VERSION_ID=", "PRETTY_NAME="}},
         {"/etc/lsb-release", {"DISTRIB_ID=", "DISTRIB_RELEASE=", "DISTRIB_DESCRIPTION="}},
     };
-    // "redhat" comes last: the distributions derived from it have its file beside their own.
+    // "redhat" comes last: distributions derived from it have its file beside their own.
     static constexpr const char* s_tWords[] = {"fedora", "centos",    "mandriva", "mandrake", "SuSE",
                                                "gentoo", "slackware", "arch",     "redhat"};
+
     for (const auto& stFile : s_tKeyFiles) {
         if (readEtcFile(csRead(stFile.pszPath).value_or(""), stFile.stKeys, pstInfo)) {
             return true;
         }
     }
+
     for (const char* pszWord : s_tWords) {
         if (bReadReleaseFile(csRead, pszWord, pstInfo)) {
             return true;
         }
     }
+
+    // Debian's file has the version only.
     const std::string csVersion = csFirstLine(csRead("/etc/debian_version").value_or(""));
     *pstInfo = {};
     if (!csVersion.empty()) {

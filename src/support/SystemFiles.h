@@ -8,32 +8,34 @@
 #include <string>
 #include <string_view>
 
-// Readers of the texts in which the system describes itself: text in, record out, no file is touched. They
-// take any text whatever; what does not have the expected form is skipped.
+// Readers of the texts in which the kernel and the distribution describe themselves: text in, record out, no
+// file is opened. They take any text; lines that do not have the expected form are skipped.
 
 struct STCpuInfo
 {
     unsigned int nCount = 0;
     std::string csModel;
 };
-/// "/proc/cpuinfo": the highest processor number plus one, and the last model name. Lines count to 200 bytes.
+/// Reads "/proc/cpuinfo": the highest processor number plus one, and the last model name. Only the first 200
+/// bytes of a line count.
 STCpuInfo stParseCpuInfo(std::string_view csText);
 
-/// "/proc/meminfo", of today's kernels and of the old ones that give a table in bytes. Lines count to 256
-/// bytes. Sets the quantities and the load, not dwLength.
+/// Reads "/proc/meminfo" of today's kernels, and of old ones, whose file has a table in bytes. Only the first
+/// 256 bytes of a line count. Sets the quantities and the load, not dwLength.
 void ParseMemInfo(std::string_view csText, tagMEMORYSTATUSEX* pstStatus);
 
-/// Keys of a file of "KEY=value" lines that describes the distribution, each with its "=".
+/// The keys, each with its "=", by which a file of "KEY=value" lines describes the distribution.
 struct STReleaseKeys
 {
     std::string_view csId;
     std::string_view csVersion;
     std::string_view csDescription;
 };
-/// True when the file names the distribution or describes it.
+/// Reads such a file; true when it has an id or a description.
 bool readEtcFile(std::string_view csText, const STReleaseKeys& stKeys, STLinuxNameAndVersion* pstInfo);
 
-/// Content of a file; nothing when it cannot be read.
+/// Returns the content of a file; nothing when it cannot be read.
 using CReadFile = std::function<std::optional<std::string>(const std::string& csPath)>;
-/// Recognises the distribution from the files that csRead finds.
+/// Recognises the distribution from the files that csRead finds. False, and an empty record, when there are
+/// none that say.
 bool bRecogniseDistribution(const CReadFile& csRead, STLinuxNameAndVersion* pstInfo);

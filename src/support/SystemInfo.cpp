@@ -12,9 +12,12 @@
 #include <sys/utsname.h>
 
 namespace {
+using STSystemInfo = struct sysinfo; // a function has the structure's name
+
+/// Reported for each quantity when neither /proc nor sysinfo() works.
 constexpr std::uint64_t s_qwUnknownMemory = 16777216;
 
-/// The record of the last reading and its second, in seconds since 1970.
+/// The record of the last reading, and the second since 1970 in which it was read.
 struct STMemoryCache
 {
     std::mutex clMutex;
@@ -22,7 +25,7 @@ struct STMemoryCache
     std::time_t nSecond = -1;
 };
 
-/// From /proc; where that is not mounted from the system call, which does not know what is only cached.
+/// Reads /proc, or where that is not mounted asks sysinfo(), which counts the page cache as used memory.
 void ReadMemoryStatus(tagMEMORYSTATUSEX* pst)
 {
     std::string csText;
@@ -30,8 +33,8 @@ void ReadMemoryStatus(tagMEMORYSTATUSEX* pst)
         ParseMemInfo(csText, pst);
         return;
     }
-    struct sysinfo stInfo
-    {};
+
+    STSystemInfo stInfo{};
     pst->dwMemoryLoad = 0;
     pst->qwTotalPhys = pst->qwAvailPhys = pst->qwTotalSwap = pst->qwFreeSwap = s_qwUnknownMemory;
     if (::sysinfo(&stInfo) == 0) {
@@ -42,7 +45,7 @@ void ReadMemoryStatus(tagMEMORYSTATUSEX* pst)
     }
 }
 
-/// The distribution's description; where there is none the kernel's name, or "?".
+/// The distribution's description; without one the kernel's name, or "?".
 std::string csSystemName(const utsname* pstName)
 {
     STLinuxNameAndVersion stInfo;
@@ -57,7 +60,8 @@ std::string csSystemName(const utsname* pstName)
 void AddOSInfo(CTString* pcsText)
 {
     utsname stName{};
-    const utsname* pstName = ::uname(&stName) == 0 ? &stName : nullptr;
+    const utsname* const pstName = ::uname(&stName) == 0 ? &stName : nullptr;
+
     *pcsText += csFromUTF8(csSystemName(pstName));
     *pcsText += L'\t';
     *pcsText += csFromUTF8(pstName != nullptr ? pstName->release : "?");
@@ -67,11 +71,13 @@ void AddCPUInfo(CTString* pcsText)
 {
     std::string csText;
     CDiskFile::bReadFile(L"/proc/cpuinfo", &csText);
-    const STCpuInfo stInfo = stParseCpuInfo(csText);
+    const STCpuInfo stInfo = stParseCpuInfo(csText); // of an empty text when there is no /proc
+
     if (stInfo.nCount == 0) {
         *pcsText += L"?";
         return;
     }
+
     if (stInfo.nCount >= 2) {
         *pcsText += std::to_wstring(stInfo.nCount) + L" x ";
     }
@@ -82,11 +88,14 @@ void GlobalMemoryStatusEx(tagMEMORYSTATUSEX* pstStatus)
 {
     static STMemoryCache s_stCache;
     const std::lock_guard<std::mutex> clLock(s_stCache.clMutex);
+
+    // "Not the same second" rather than "later": the cache must not last when somebody sets the clock back.
     const std::time_t nNow = std::time(nullptr);
     if (s_stCache.nSecond != nNow) {
         ReadMemoryStatus(&s_stCache.stStatus);
         s_stCache.nSecond = nNow;
     }
+
     const std::uint32_t dwLength = pstStatus->dwLength;
     *pstStatus = s_stCache.stStatus;
     pstStatus->dwLength = dwLength;

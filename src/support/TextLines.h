@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <string_view>
 
-/// Steps of the readers of what the system prints and keeps in text files. None copies a character.
+// Steps for readers of tools' output and of text files. None copies a character.
 
-/// Takes the first line off the front of the text; its line end is taken and not returned.
+/// Takes the first line and its newline off the front of the text; returns the line without the newline.
 inline std::string_view csTakeLine(std::string_view* pcsText)
 {
     const std::size_t nEnd = std::min(pcsText->find('\n'), pcsText->size());
@@ -14,7 +14,7 @@ inline std::string_view csTakeLine(std::string_view* pcsText)
     return csLine;
 }
 
-/// Calls Action(line) for every line, the line end not included.
+/// Calls Action(line) for every line, without its newline.
 template <class TAction>
 void ForEachLine(std::string_view csText, TAction Action)
 {
@@ -29,15 +29,14 @@ inline void SkipBlanks(std::string_view* pcsText)
     pcsText->remove_prefix(std::min(pcsText->find_first_not_of(" \t"), pcsText->size()));
 }
 
+/// Lower case of an ASCII letter, whatever the locale is.
 constexpr char cLower(char c)
 {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
-/// Without regard to the case of ASCII letters.
+/// Whether a text begins with a word; the case of ASCII letters does not count.
 inline bool bBeginsWith(std::string_view csText, std::string_view csWord)
 {
-    return csText.size() >= csWord.size() &&
-           std::equal(csWord.begin(), csWord.end(), csText.begin(),
-                      [](char c1, char c2) { return cLower(c1) == cLower(c2); });
+    return std::ranges::equal(csText.substr(0, csWord.size()), csWord, {}, cLower, cLower);
 }

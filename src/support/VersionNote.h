@@ -3,10 +3,10 @@
 #include <cstddef>
 #include <cstdint>
 
-/// The ELF note that carries an executable's version entries, in its form in the file: sizes of owner and
-/// content, type, owner padded to a multiple of 4, content. The content is a sequence of "key=value" texts,
-/// each ended by a NUL byte. CFileVersion reads it. An aggregate: only then does the compiler put it into
-/// read-only memory.
+/// The ELF note with an executable's version entries, laid out as in the file: sizes of owner and content,
+/// type, owner padded to a multiple of 4, content. The content is a sequence of "key=value" texts, each ended
+/// by a NUL byte; CFileVersion reads it. The structure must stay an aggregate: the compiler puts no other
+/// kind into read-only memory.
 template <std::size_t nSize>
 struct STVersionNote
 {
@@ -17,6 +17,7 @@ struct STVersionNote
     alignas(4) char szContent[nSize];
 };
 
+/// Makes the note of these entries; szEntries holds the NUL of the last one as its terminator.
 template <std::size_t nSize>
 consteval STVersionNote<nSize> stVersionNote(const char (&szEntries)[nSize])
 {

@@ -10,7 +10,8 @@
 namespace {
 constexpr std::size_t s_nMaxLink = 65536;
 
-/// Target of a symbolic link; empty when it cannot be read.
+/// Target of a symbolic link; empty when it cannot be read. readlink cuts silently, so a target that fills
+/// the buffer is read again into a larger one.
 std::string csReadLink(const char* pszLink)
 {
     for (std::size_t nSize = 512; nSize <= s_nMaxLink; nSize *= 2) {
@@ -19,19 +20,21 @@ std::string csReadLink(const char* pszLink)
         if (nLength < 0) {
             return {};
         }
+
         if (static_cast<std::size_t>(nLength) < nSize) {
             csTarget.resize(static_cast<std::size_t>(nLength));
             return csTarget;
         }
     }
+
     return {};
 }
-
 } // namespace
 
 std::wstring GetModuleFileNameW(std::size_t nMax)
 {
-    // The kernel appends this mark when the file was replaced or deleted while its program runs.
+    // The kernel appends this suffix when the file was replaced or deleted while its program runs. A name
+    // that really ends so has its file.
     constexpr std::string_view csDeleted = " (deleted)";
     std::string csPath = csReadLink("/proc/self/exe");
     if (csPath.ends_with(csDeleted) && ::access(csPath.c_str(), F_OK) != 0) {
@@ -52,7 +55,7 @@ std::wstring FormatMessageW(unsigned int nFlags, const wchar_t* pszSource, unsig
 
 std::string csSystemText(int nErrno)
 {
-    std::string csBuffer(256, '\0');
+    std::string csBuffer(256, '\0'); // the C library may return a static text instead of filling it
     return ::strerror_r(nErrno, csBuffer.data(), csBuffer.size());
 }
 

@@ -3,12 +3,12 @@
 #include <cstdarg>
 #include <string>
 
-/// Full path of the running executable, cut to at most nMax characters (the callers' classic limit is 260).
-/// Empty when the system does not tell.
+/// Full path of the running executable, cut to at most nMax characters (260 is the limit on Windows). Empty
+/// when /proc does not say.
 std::wstring GetModuleFileNameW(std::size_t nMax = 260);
 
-/// Flags of FormatMessageW: the buffer is always allocated by the formatter; the text comes from the caller
-/// or from the system.
+/// Flags of FormatMessageW. They say whether the text comes from the caller or from the C library; the first
+/// is accepted and changes nothing.
 enum EFormatMessage : unsigned int
 {
     FORMAT_MESSAGE_ALLOCATE_BUFFER = 0x100,
@@ -16,20 +16,21 @@ enum EFormatMessage : unsigned int
     FORMAT_MESSAGE_FROM_SYSTEM = 0x1000,
 };
 
-/// Windows-style message formatter. From a string: %1 to %99 take the arguments in the order of their
-/// numbers, each with the type in "!...!" behind the number (default "s", wide text), in any order and as
-/// often as wanted;
-/// %%, %n, %r, %t, %b, %., %! and %0 (ends the text without a line end) as usual. From the system: the C
-/// library's text of error nMessageId. The result is empty on failure. Never reads an argument that no insert
-/// names, except those that must be walked over to reach a later one (taken as pointers where no insert tells
-/// their type).
+/// Windows-style message formatter; the result is empty on failure. From a string: %1 to %99 insert
+/// arguments, in any order and any number of times; the type stands in "!...!" after the number (default "s",
+/// wide text).
+/// %%, %n, %r, %t, %b, %., %! and %0 (ends the text without a newline) mean what they mean on Windows. From
+/// the system: the C library's text of error nMessageId.
+///
+/// Takes no argument after the one of the highest number. An argument below it that no insert names is passed
+/// over as a pointer.
 std::wstring FormatMessageW(unsigned int nFlags, const wchar_t* pszSource, unsigned int nMessageId,
                             va_list* pArgs);
 
 /// The C library's text for an error number. Any thread.
 std::wstring csSystemMessage(int nErrno);
-/// The same as the C library gives it.
+/// The same text as the bytes that the C library has, without a conversion.
 std::string csSystemText(int nErrno);
 
-/// Outside text made safe for a place where it will be read as a format: every "%" doubled.
+/// Doubles every "%" of a foreign text, which makes it safe where it will be read as a format.
 std::wstring csEscapePercent(std::wstring_view csText);

@@ -2,6 +2,8 @@
 
 #include "support/WorkerThread.h"
 
+#include <tuple>
+
 void CWorkerPool::Begin()
 {
     const auto clLock = m_clWait.clLock();
@@ -19,9 +21,10 @@ bool CWorkerPool::bRun(std::function<void()> fnWork)
     pthread_t hThread{};
     if (m_nWorkers < m_nMaxWorkers &&
         nCreateWorker(&hThread, PTHREAD_CREATE_DETACHED, s_pThread, this) == 0) {
-        ++m_nWorkers; // the thread waits for the lock until then
+        ++m_nWorkers; // in time: the new thread first waits for the lock
     }
-    if (m_nWorkers == 0) {
+
+    if (m_nWorkers == 0) { // else one of the others will do it
         m_tWaiting.pop_back();
         return false;
     }
@@ -32,37 +35,42 @@ void CWorkerPool::WaitFree()
 {
     auto clLock = m_clWait.clLock();
     const auto bFree = [this] { return m_nWorkers < m_nMaxWorkers; };
-    (void)CStopWait::bWait(clLock, bFree, [this] { return m_bStopped || CStopping::bAsked(); });
+    std::ignore = CStopWait::bWait(clLock, bFree, [this] { return m_bStopped || CStopping::bAsked(); });
 }
 
 void CWorkerPool::Stop()
 {
+    // From now on bRun refuses work, so each thread ends after what it has under way.
     auto clLock = m_clWait.clLock();
     m_bStopped = true;
     m_tWaiting.clear();
-    (void)CStopWait::bWait(
+
+    // Without a limit: the threads use this object. They notice a stop of the process by themselves.
+    std::ignore = CStopWait::bWait(
         clLock, [this] { return m_nWorkers == 0; }, [] { return false; });
 }
 
 void* CWorkerPool::s_pThread(void* pPool)
 {
-    static_cast<CWorkerPool*>(pPool)->__Run();
+    static_cast<CWorkerPool*>(pPool)->_Run();
     return nullptr;
 }
 
-void CWorkerPool::__Run()
+void CWorkerPool::_Run()
 {
     auto clLock = m_clWait.clLock();
     while (!m_tWaiting.empty()) {
         std::function<void()> fnWork = std::move(m_tWaiting.front());
         m_tWaiting.pop_front();
+
         clLock.unlock();
         try {
             fnWork();
         } catch (...) { // out of memory, or the stop
         }
-        fnWork = nullptr; // what it holds goes without the lock
+        fnWork = nullptr; // destroys what it holds while the lock is free
         clLock.lock();
     }
-    --m_nWorkers; // the last thing: whoever waits may destroy the object once the lock is free
+
+    --m_nWorkers; // comes last: once the lock is free, whoever waits may destroy the object
 }

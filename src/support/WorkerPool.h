@@ -5,8 +5,8 @@
 #include <deque>
 #include <functional>
 
-/// Does several things at once, each on a worker thread (see nCreateWorker); what is too much waits for its
-/// turn. The threads end when nothing is left to do. Any thread may call the operations.
+/// Runs pieces of work on up to a number of worker threads (see nCreateWorker); more than that wait in order.
+/// The threads end when no work is left. Any thread may call the operations.
 class CWorkerPool
 {
 public:
@@ -15,22 +15,22 @@ public:
     CWorkerPool(const CWorkerPool&) = delete;
     CWorkerPool& operator=(const CWorkerPool&) = delete;
 
-    /// After a Stop: things may be given again.
+    /// Accepts work again after a Stop.
     void Begin();
-    /// Has it done, or answers false when it cannot be: no thread can be had, or the pool has been stopped.
-    /// What it throws is dropped.
+    /// Gives the pool a piece of work. False when it will not be done: no thread can be created, or the pool
+    /// is stopped. Exceptions of the work are dropped; out of memory is thrown to the caller.
     bool bRun(std::function<void()> fnWork);
-    /// Waits until a thing that is given would be begun at once, or there is a stop.
+    /// Waits until a new piece of work would begin at once, or the pool or the process stops.
     void WaitFree();
-    /// Forgets what waits; returns when what is under way is done.
+    /// Drops the work that waits; returns when the work under way is done.
     void Stop();
 
 private:
     static void* s_pThread(void* pPool);
-    void __Run();
+    void _Run();
 
     const int m_nMaxWorkers;
-    CStopWait m_clWait; ///< of the members below
+    CStopWait m_clWait; ///< the lock of the members below
     bool m_bStopped = false;
     int m_nWorkers = 0;
     std::deque<std::function<void()>> m_tWaiting;

@@ -14,7 +14,7 @@ constexpr std::size_t s_nStackSize = 1u << 20; // instrumented frames are severa
 constexpr std::size_t s_nStackSize = 65536;
 #endif
 
-/// The system refuses less than its minimum, which is 128 KiB on arm64.
+/// The C library refuses less than its minimum, which is 128 KiB on arm64.
 std::size_t nStackSize()
 {
     const long nMinimum = ::sysconf(_SC_THREAD_STACK_MIN);
@@ -29,10 +29,12 @@ int nCreateWorker(pthread_t* phThread, int nDetached, void* (*pfnThread)(void*),
     if (nError != 0) {
         return nError;
     }
+
     const std::unique_ptr<pthread_attr_t, int (*)(pthread_attr_t*)> clDestroyer(&stAttributes,
                                                                                 ::pthread_attr_destroy);
     ::pthread_attr_setdetachstate(&stAttributes, nDetached);
     nError = ::pthread_attr_setstacksize(&stAttributes, nStackSize());
-    const CSignalsHeld clHeld{SIGTERM}; // inherited by the new thread
+
+    const CSignalsHeld clHeld{SIGTERM}; // the new thread inherits the mask
     return nError != 0 ? nError : ::pthread_create(phThread, &stAttributes, pfnThread, pParameter);
 }

@@ -23,6 +23,7 @@ std::wstring CXError::StringDump(unsigned int nMask) const
         csDump += csDump.empty() ? L"" : L"\r\n";
         csDump += csLine;
     };
+
     if ((nMask & INFO_MESSAGE) != 0 && !m_csMessage.empty()) {
         AddLine(m_csMessage);
     }
@@ -37,12 +38,13 @@ std::wstring CXError::StringDump(unsigned int nMask) const
     if ((nMask & INFO_MODULE) != 0 && !m_csModule.empty()) {
         AddLine(L"Module " + m_csModule + (m_nUser != 0 ? L", message " + std::to_wstring(m_nUser) : L""));
     }
+
     return csDump;
 }
 
 bool bFail(CXError* pclError, const wchar_t* pszOperation, const std::wstring& csObject)
 {
-    const int nErrno = errno;
+    const int nErrno = errno; // building the texts may change it
     if (pclError != nullptr) {
         pclError->Clear();
         pclError->SetSystemError(nErrno);

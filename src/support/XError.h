@@ -3,9 +3,9 @@
 #include <string>
 #include <vector>
 
-/// The error object: what failed, why, and the details that help. Operations fill one passed by pointer
-/// (null: the caller does not want it); operations whose names begin with "x" throw one. A plain value,
-/// copied freely.
+/// An error: what failed, why, and details that help to find the cause. Operations fill one that is passed by
+/// pointer (null: the caller does not want it); operations whose names begin with "x" throw one. A plain
+/// value, copied freely.
 class CXError
 {
 public:
@@ -21,7 +21,7 @@ public:
     bool bIsSet() const noexcept { return m_nSystem != 0 || !m_csMessage.empty(); }
     void Clear() { *this = CXError(); }
 
-    /// The system's error number (errno) behind the failure; 0 is none.
+    /// The errno of the failure; 0 is none.
     void SetSystemError(int nErrno) noexcept { m_nSystem = nErrno; }
     int nGetSystemError() const noexcept { return m_nSystem; }
     /// The C library's text for the system error; empty when there is none.
@@ -31,10 +31,12 @@ public:
     void SetUserError(unsigned int nCode, std::wstring csMessage);
     const std::wstring& csGetMessage() const noexcept { return m_csMessage; }
 
+    /// The module whose messages the error's number belongs to.
     void SetModule(std::wstring csModule) { m_csModule = std::move(csModule); }
+    /// Appends a detail, such as the call that failed.
     void AddDebugMessage(std::wstring csText) { m_tDebug.push_back(std::move(csText)); }
 
-    /// All that the mask asks for, one item a line, lines separated by "\r\n".
+    /// The items that the mask asks for and the error has, one a line, separated by "\r\n".
     std::wstring StringDump(unsigned int nMask) const;
 
 private:
@@ -45,6 +47,6 @@ private:
     std::vector<std::wstring> m_tDebug;
 };
 
-/// Fills the error (when there is one) with the current errno and "operation object"; keeps errno. Always
-/// false, for `return bFail(...)`.
+/// Fills the error, unless it is null, with the current errno and "operation object". Keeps errno. Always
+/// returns false, for `return bFail(...)`.
 bool bFail(CXError* pclError, const wchar_t* pszOperation, const std::wstring& csObject);

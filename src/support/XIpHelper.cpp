@@ -11,12 +11,14 @@
 #include <memory>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <tuple>
 #include <unistd.h>
 
 namespace {
+/// Kernels before 5.4 take no larger one unless the administrator says so.
 constexpr int s_nMaxBacklog = 128;
 
-/// What became of one address of the resolver.
+/// The outcome for one address of the resolver.
 enum ESocketResult
 {
     SOCKET_READY = 0,
@@ -30,30 +32,36 @@ struct STFreeAddrInfo
 };
 using CAddrInfo = std::unique_ptr<addrinfo, STFreeAddrInfo>;
 
-/// Completes the error of a server socket with errno and the name of the call that failed.
+/// Completes the error of a server socket with errno and the name of the failed call. Keeps errno.
 void __CompleteErreurServeur(std::uint16_t wPort, const wchar_t* pszCall, CXError* pclError)
 {
     if (pclError == nullptr) {
         return;
     }
-    const int nErrno = errno;
+
+    const int nErrno = errno; // formatting the message may change it
     CTString csText;
     DLLRES_bFormatMessage(&g_stMyModule, MSG_PORT_NOT_OPENED, &csText, static_cast<unsigned int>(wPort));
     pclError->SetUserError(MSG_PORT_NOT_OPENED, csText);
     pclError->SetModule(g_stMyModule.pszName);
-    if (pclError->nGetSystemError() == 0) { // once: the other family's socket has failed in the same way
+
+    // The failed call is named once: the other family's socket usually fails in the same way.
+    if (pclError->nGetSystemError() == 0) {
         pclError->AddDebugMessage(pszCall);
     }
     pclError->SetSystemError(nErrno);
+
     errno = nErrno;
 }
 
-/// Completes the error of a port for which the resolver gives no address: nobody needs to have taken it.
+/// Completes the error of a port for which the resolver finds no address. It does not say that the port
+/// cannot be opened: the port itself may be free.
 void CompleteResolverError(std::uint16_t wPort, int nResult, CXError* pclError)
 {
     if (pclError == nullptr) {
         return;
     }
+
     const int nErrno = errno;
     pclError->SetSystemError(nResult == EAI_SYSTEM ? nErrno : 0);
     pclError->SetUserError(0, L"No local address for port " + std::to_wstring(wPort) + L": " +
@@ -62,20 +70,23 @@ void CompleteResolverError(std::uint16_t wPort, int nResult, CXError* pclError)
     pclError->AddDebugMessage(L"getaddrinfo");
 }
 
+/// Switches a socket option on.
 bool bSetFlag(int nSocket, int nLevel, int nName)
 {
     const int nOn = 1;
     return ::setsockopt(nSocket, nLevel, nName, &nOn, sizeof nOn) == 0;
 }
 
-/// A socket of the entry's family with the options that the flags ask for. IPv6 stays apart from IPv4, which
-/// has a socket of its own. An option that is refused does no harm that bind or a send would not tell.
+/// Creates a socket of the entry's family with the options that the flags ask for. An IPv6 socket takes no
+/// IPv4 traffic, which has a socket of its own. A refused option is ignored: if it matters, bind or send
+/// fails.
 CDescripteur clNewSocket(const addrinfo& stEntry, int nType, unsigned int nFlags)
 {
     CDescripteur clSocket(::socket(stEntry.ai_family, nType | SOCK_CLOEXEC, 0));
     if (!clSocket.bOpen()) {
         return clSocket;
     }
+
     if (stEntry.ai_family == AF_INET6) {
         bSetFlag(clSocket.nFd(), IPPROTO_IPV6, IPV6_V6ONLY);
     }
@@ -88,13 +99,15 @@ CDescripteur clNewSocket(const addrinfo& stEntry, int nType, unsigned int nFlags
     return clSocket;
 }
 
+/// Opens a listening TCP socket for one address. SOCKET_READY stores it in *pnSocket for the caller to own.
 ESocketResult eSocketListenStream(const addrinfo& stEntry, std::uint16_t wPort, unsigned int nFlags,
                                   CXError* pclError, int nBacklog, int* pnSocket)
 {
     CDescripteur clSocket = clNewSocket(stEntry, SOCK_STREAM, nFlags);
-    if (!clSocket.bOpen()) { // a family that the kernel does not have
+    if (!clSocket.bOpen()) { // the kernel does not have this family
         return SOCKET_SKIPPED;
     }
+
     if (::bind(clSocket.nFd(), stEntry.ai_addr, stEntry.ai_addrlen) != 0) {
         __CompleteErreurServeur(wPort, L"bind", pclError);
         return SOCKET_FATAL;
@@ -103,10 +116,13 @@ ESocketResult eSocketListenStream(const addrinfo& stEntry, std::uint16_t wPort, 
         __CompleteErreurServeur(wPort, L"listen", pclError);
         return SOCKET_FATAL;
     }
+
     *pnSocket = clSocket.nRelease();
     return SOCKET_READY;
 }
 
+/// Opens a bound UDP socket for one address, in the same way. Never fatal: an address of one family may be
+/// taken or missing, and the endpoint still answers on the other.
 ESocketResult eSocketBindStreamUDP(const addrinfo& stEntry, std::uint16_t wPort, unsigned int nFlags,
                                    CXError* pclError, int* pnSocket)
 {
@@ -114,15 +130,17 @@ ESocketResult eSocketBindStreamUDP(const addrinfo& stEntry, std::uint16_t wPort,
     if (!clSocket.bOpen()) {
         return SOCKET_SKIPPED;
     }
+
     if (::bind(clSocket.nFd(), stEntry.ai_addr, stEntry.ai_addrlen) != 0) {
         __CompleteErreurServeur(wPort, L"bind", pclError);
         return SOCKET_SKIPPED;
     }
+
     *pnSocket = clSocket.nRelease();
     return SOCKET_READY;
 }
 
-/// Address family that the flags leave.
+/// Address family that the flags ask for.
 int nFamily(unsigned int nFlags)
 {
     if ((nFlags & SOCKET_IPV4_ONLY) != 0) {
@@ -131,7 +149,7 @@ int nFamily(unsigned int nFlags)
     return (nFlags & SOCKET_IPV6_ONLY) != 0 ? AF_INET6 : AF_UNSPEC;
 }
 
-/// What is to be opened.
+/// What the caller wants to open.
 struct STEndpoint
 {
     int nType;     ///< SOCK_...
@@ -141,7 +159,7 @@ struct STEndpoint
     const wchar_t* pszAddress; ///< null: every local one
 };
 
-/// Local addresses to bind; null, and the error, when the resolver fails.
+/// Local addresses to bind; null, and a complete error, when the resolver fails.
 CAddrInfo tResolve(const STEndpoint& stEndpoint, CXError* pclError)
 {
     const wchar_t* const pszAddress = stEndpoint.pszAddress;
@@ -150,10 +168,12 @@ CAddrInfo tResolve(const STEndpoint& stEndpoint, CXError* pclError)
     stHints.ai_socktype = stEndpoint.nType;
     stHints.ai_protocol = stEndpoint.nProtocol;
     stHints.ai_flags = pszAddress != nullptr ? AI_PASSIVE : AI_PASSIVE | AI_NUMERICHOST;
+
     const std::string csNode = pszAddress != nullptr ? csNarrow(pszAddress, CP_1252) : std::string();
     addrinfo* pstList = nullptr;
     const int nResult = ::getaddrinfo(pszAddress != nullptr ? csNode.c_str() : nullptr,
                                       std::to_string(stEndpoint.wPort).c_str(), &stHints, &pstList);
+
     if (nResult != 0) {
         CompleteResolverError(stEndpoint.wPort, nResult, pclError);
         return nullptr;
@@ -161,8 +181,8 @@ CAddrInfo tResolve(const STEndpoint& stEndpoint, CXError* pclError)
     return CAddrInfo(pstList);
 }
 
-/// Resolves, and hands each IPv4 or IPv6 address to the worker, in the resolver's order, until one is fatal.
-/// A false always has a reason in the error, also where no worker gave one.
+/// Resolves, and calls eOpen for each IPv4 or IPv6 address in the resolver's order until one is fatal. When
+/// it returns false the error is always set, even if eOpen has set none.
 template <class TWorker>
 bool bOpenAll(const STEndpoint& stEndpoint, CEnsembleSockets* pclSet, CXError* pclError, TWorker eOpen)
 {
@@ -171,6 +191,7 @@ bool bOpenAll(const STEndpoint& stEndpoint, CEnsembleSockets* pclSet, CXError* p
         if (pst->ai_family != AF_INET && pst->ai_family != AF_INET6) {
             continue;
         }
+
         int nSocket = -1;
         const ESocketResult eResult = eOpen(*pst, &nSocket);
         if (eResult == SOCKET_FATAL) {
@@ -181,6 +202,7 @@ bool bOpenAll(const STEndpoint& stEndpoint, CEnsembleSockets* pclSet, CXError* p
             pclSet->Add(pst->ai_family, CDescripteur(nSocket));
         }
     }
+
     if (pclSet->tGetSockets().empty() && pclError != nullptr && !pclError->bIsSet()) {
         __CompleteErreurServeur(stEndpoint.wPort, L"socket", pclError);
     }
@@ -190,8 +212,8 @@ bool bOpenAll(const STEndpoint& stEndpoint, CEnsembleSockets* pclSet, CXError* p
 
 void CEnsembleSockets::Add(int nFamily, CDescripteur clSocket)
 {
-    m_tSockets.push_back({nFamily, clSocket.nFd()});
-    (void)clSocket.nRelease();
+    m_tSockets.push_back({nFamily, clSocket.nFd()}); // may throw: the socket is released only after it
+    std::ignore = clSocket.nRelease();
 }
 
 bool CEnsembleSockets::bSetsockopt(int nLevel, int nName, const void* pValue, socklen_t nLength)
@@ -208,16 +230,18 @@ int CEnsembleSockets::WaitReadable(timeval* pstTimeout)
     if (m_tSockets.empty()) {
         return -1;
     }
+
     CSelectSet clSet;
     for (const STSocket& st : m_tSockets) {
         clSet.Add(st.nSocket);
     }
-    // Of several the first one: the others are still readable at the next call.
+
+    // Of several readable sockets the first is returned: the others are still readable at the next call.
     if (clSet.nSelect(pstTimeout) <= 0) {
         return -1;
     }
-    const auto it = std::find_if(m_tSockets.begin(), m_tSockets.end(),
-                                 [&clSet](const STSocket& st) { return clSet.bReadable(st.nSocket); });
+    const auto it = std::ranges::find_if(
+        m_tSockets, [&clSet](int nSocket) { return clSet.bReadable(nSocket); }, &STSocket::nSocket);
     return it == m_tSockets.end() ? -1 : it->nSocket;
 }
 

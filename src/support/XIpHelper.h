@@ -16,8 +16,8 @@ struct STSocket
     int nSocket;
 };
 
-/// A set of listening or bound sockets, one per address family, in the resolver's order. Owns its
-/// descriptors. Filled by one thread; Shutdown may be called while another thread waits.
+/// A set of listening or bound sockets, in the resolver's order. Owns its descriptors. One thread fills it;
+/// Shutdown may be called while another thread waits.
 class CEnsembleSockets
 {
 public:
@@ -29,19 +29,21 @@ public:
     void Add(int nFamily, CDescripteur clSocket);
     const std::vector<STSocket>& tGetSockets() const noexcept { return m_tSockets; }
 
-    /// True only if the option was set on all; true for an empty set.
+    /// Sets an option of all sockets, also after one has refused it. True when none did.
     bool bSetsockopt(int nLevel, int nName, const void* pValue, socklen_t nLength);
-    /// First socket of the set that can be read; -1 when none within the time (null: no limit) or the set is
-    /// empty.
+    /// Waits for a socket that can be read (or accepted from) and returns the first; -1 when there is none
+    /// within the time (null: no limit), a signal interrupts, or the set is empty.
     int WaitReadable(timeval* pstTimeout);
+    /// Ends the wait of another thread: the sockets become readable.
     void Shutdown(int nHow);
+    /// Keeps errno.
     void Close();
 
 private:
     std::vector<STSocket> m_tSockets;
 };
 
-/// Flags of the two functions below.
+/// Flags of the two operations below.
 enum ESocketFlags : unsigned int
 {
     SOCKET_IPV4_ONLY = 1,
@@ -50,11 +52,12 @@ enum ESocketFlags : unsigned int
     SOCKET_BROADCAST = 32, ///< UDP only
 };
 
-/// Listening TCP sockets on a port for every local address (pszAddress null) or one. True when at least one
-/// was added; false leaves the set empty. A bind or listen failure is fatal for the whole set, a missing
-/// family is not.
+/// Fills the set with TCP sockets that listen on a port, for every local address (pszAddress null) or for
+/// one. True when at least one was added; false leaves the set empty. A bind or listen failure is fatal for
+/// the whole set, a family that the kernel lacks is not.
 bool bSocketListenTCP(std::uint16_t wPort, unsigned int nFlags, CEnsembleSockets* pclSet, CXError* pclError,
                       const wchar_t* pszAddress, int nBacklog);
-/// Bound UDP sockets, likewise; an address that cannot be bound is only skipped.
+/// Fills the set with bound UDP sockets in the same way, except that an address that cannot be bound is
+/// skipped.
 bool bSocketBindUDP(std::uint16_t wPort, unsigned int nFlags, CEnsembleSockets* pclSet, CXError* pclError,
                     const wchar_t* pszAddress);

@@ -4,7 +4,7 @@
 #include <cwchar>
 
 namespace {
-/// Largest text that Format makes, in characters: far above any message, and a bound for a mistaken width.
+/// Longest text that Format makes, in characters: far above any message. Limits the cost of a wrong width.
 constexpr std::size_t s_nMaxFormatted = std::size_t{1} << 24;
 } // namespace
 
@@ -18,7 +18,8 @@ void CTString::Format(const wchar_t* pszFormat, ...)
 
 void CTString::FormatV(const wchar_t* pszFormat, va_list pArgs)
 {
-    // The result goes to a new string first: an argument may point into this one.
+    // The result goes to a new string first, since an argument may point into this one. vswprintf does not
+    // say how much room it needs, hence the tries.
     std::wstring csResult;
     for (std::size_t nSize = 256; nSize <= s_nMaxFormatted; nSize *= 4) {
         csResult.resize(nSize);
@@ -28,14 +29,16 @@ void CTString::FormatV(const wchar_t* pszFormat, va_list pArgs)
         const int nWritten = std::vswprintf(csResult.data(), nSize, pszFormat, pTry);
         const int nErrno = errno;
         va_end(pTry);
+
         if (nWritten >= 0) {
             csResult.resize(static_cast<std::size_t>(nWritten));
             assign(csResult);
             return;
         }
-        if (nErrno == EILSEQ) {
+        if (nErrno == EILSEQ) { // an argument cannot be converted: more room does not help
             break;
         }
     }
+
     clear();
 }

@@ -5,7 +5,7 @@
 #include <sched.h>
 
 namespace {
-/// The moment that lies dwMs after now on the monotonic clock: setting the date must not prolong a wait.
+/// The moment dwMs from now on the monotonic clock: a change of the date must not prolong a wait.
 timespec stDeadline(unsigned int dwMs)
 {
     constexpr long nNanosecondsPerSecond = 1'000'000'000;
@@ -42,6 +42,7 @@ void CZTSemNoInit::Term()
 
 int CZTSemNoInit::Wait()
 {
+    // Looked at again after each signal: the owner may have called Term meanwhile.
     while (m_bInitialised != 0) {
         if (::sem_wait(&m_stSem) == 0) {
             return SEM_OK;
@@ -71,7 +72,8 @@ int CZTSemNoInit::WaitTimeout(unsigned int dwMs)
     if (dwMs == s_dwInfinite) {
         return Wait();
     }
-    const timespec st = stDeadline(dwMs); // one for all tries, so that signals do not prolong the wait
+
+    const timespec st = stDeadline(dwMs); // one for all tries: a signal must not prolong the wait
     while (m_bInitialised != 0) {
         if (::sem_clockwait(&m_stSem, CLOCK_MONOTONIC, &st) == 0) {
             return SEM_OK;

@@ -2,11 +2,12 @@
 
 #include <semaphore.h>
 
-/// Counting semaphore whose set-up is separate from its construction. Process-private, any thread.
+/// Counting semaphore that Init sets up, not the constructor; before Init every operation fails. Private to
+/// the process; any thread may use it between Init and Term.
 class CZTSemNoInit
 {
 public:
-    /// Results of the operations.
+    /// Results of the operations; the numbers are fixed.
     enum EResult : int
     {
         SEM_OK = 0,
@@ -21,14 +22,16 @@ public:
     CZTSemNoInit& operator=(const CZTSemNoInit&) = delete;
     ~CZTSemNoInit();
 
-    /// The maximum is not enforced.
+    /// Sets the semaphore up, anew if it was already. The maximum is ignored.
     int Init(int nInitialValue, int nMaximum);
     void Term();
+    /// Waits until the count is above 0 and takes one. Signals do not end this wait or the timed one.
     int Wait();
+    /// SEM_WOULD_BLOCK when the count is 0.
     int TryWait();
-    /// Milliseconds; s_dwInfinite waits without limit. Interruptions by signals do not end the wait.
+    /// SEM_TIMEOUT after so many milliseconds; s_dwInfinite waits without limit.
     int WaitTimeout(unsigned int dwMs);
-    /// Async-signal-safe when bYield is 0.
+    /// Adds one to the count; with bYield lets another thread run then. Async-signal-safe when bYield is 0.
     int __Post(int bYield);
     int GetValue(int* pnValue);
 

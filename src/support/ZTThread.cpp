@@ -15,7 +15,7 @@
 namespace {
 using namespace std::chrono_literals;
 
-/// Pauses between two looks at a state: 101 of 1 ms, then each 1 ms longer than the last, up to 100 ms.
+/// Pauses between two looks at a state: 101 of 1 ms, then each is 1 ms longer than the last, up to 100 ms.
 class CBackOff
 {
 public:
@@ -59,20 +59,22 @@ CZTThread::EStart CZTThread::eStart(PFNThread pfnThread, void* pParameter, int b
 {
     CLock clLock(m_clLock);
     if (_bAny(STARTING | RUNNING)) {
-        // One that was asked to stop is waited for and then started anew; any other goes on as it is.
+        // A thread that was asked to stop is waited for and then started again; any other is left alone.
         _WaitUntil(clLock, CClock::time_point::max(),
                    [this] { return !_bAny(RUNNING) || !_bAny(STOP_REQUESTED); });
         if (_bAny(STARTING | RUNNING)) {
             return bWaitStart != 0 ? _eWaitStarted(clLock) : START_OK;
         }
     }
+
     m_pParameter = pParameter;
     m_pfnThread = pfnThread;
     m_nState = (m_nState & ~STOP_REQUESTED) | STARTING;
     if (bSuspended != 0) {
-        Suspend(); // before there is a thread that could pass its Wait
+        Suspend(); // before the thread exists: it could otherwise get past its first Wait
     }
-    const int nError = __nStartThread();
+
+    const int nError = _nStartThread();
     if (nError != 0) {
         Resume();
         m_nState = STOP_REQUESTED;
@@ -80,12 +82,15 @@ CZTThread::EStart CZTThread::eStart(PFNThread pfnThread, void* pParameter, int b
         errno = nError;
         return START_FAILED;
     }
+
+    // A thread that owns this object may free it as soon as the lock is free: without bWaitStart no member
+    // may be touched from here on.
     clLock.unlock();
-    // The thread may already have freed this object, unless the caller waits for it.
     ::sched_yield();
     if (bWaitStart == 0) {
         return START_OK;
     }
+
     clLock.lock();
     return _eWaitStarted(clLock);
 }
@@ -123,7 +128,9 @@ void CZTThread::TakeSynchroStop()
     CLock clLock(m_clLock);
     m_clStopEnd = m_nStopTimeOut > 0 ? CClock::now() + std::chrono::milliseconds(m_nStopTimeOut)
                                      : CClock::time_point::max();
-    // A thread that is only starting is waited for, so that its end, too, can be waited for.
+
+    // A thread that is still starting gets time to call Started: LeaveSynchroStop can wait only for one that
+    // runs.
     _WaitUntil(clLock, m_clStopEnd, [this] { return _bAny(STOP_REQUESTED | RUNNING); });
     m_nState |= STOP_REQUESTED;
     clLock.release(); // LeaveSynchroStop adopts it
@@ -133,12 +140,13 @@ void CZTThread::LeaveSynchroStop(int bWait)
 {
     const CClock::time_point clEnd = m_clStopEnd;
     {
-        // Woken with the lock still held: once it is free, a thread that owns this object may end and free
-        // it.
+        // The thread is woken while the lock is still held: once the lock is free, a thread that owns this
+        // object may end and free it.
         const CLock clLock(m_clLock, std::adopt_lock);
         Resume();
         m_clSleep.__Post(0);
     }
+
     ::sched_yield();
     if (bWait != 0) {
         _WaitStopped(clEnd);
@@ -160,8 +168,9 @@ void CZTThread::Resume()
     if (!_bAny(SUSPENDED)) {
         return;
     }
-    // A thread that is only starting is no waiting one: it must stay a starting one, or it could be started
-    // twice.
+
+    // The three bits together mean a thread that pauses in Wait. STARTING without RUNNING means one that has
+    // not begun: were the bit cleared then, the thread could be started twice.
     if ((m_nState & nWaiting) == nWaiting) {
         m_clSuspension.__Post(1);
         m_nState &= ~STARTING;
@@ -196,7 +205,7 @@ void CZTThread::Wait()
         }
         m_nState |= STARTING | SUSPENDED;
     }
-    m_clSuspension.Wait(); // a Resume in between has posted already
+    m_clSuspension.Wait(); // without the lock; a Resume that comes before it has posted already
 }
 
 int CZTThread::Sleep(unsigned int dwMs)
@@ -217,7 +226,7 @@ int CZTThread::SleepOrStop()
 void CZTThread::Stopped()
 {
     const CLock clLock(m_clLock);
-    // A thread that ends before it reported running is no longer starting either: it can be started again.
+    // STARTING goes, too: a thread that ends without having called Started can be started again.
     m_nState = (m_nState & ~(RUNNING | STARTING)) | STOP_REQUESTED;
     if (m_pbStopped != nullptr) {
         *std::exchange(m_pbStopped, nullptr) = true;
@@ -231,7 +240,7 @@ void CZTThread::_WaitStopped(CClock::time_point clEnd)
         if (!_bAny(RUNNING)) {
             return true;
         }
-        m_nState |= STOP_REQUESTED; // again: the thread may have been started anew
+        m_nState |= STOP_REQUESTED; // again: somebody may have started the thread anew
         return false;
     });
 }
@@ -242,11 +251,11 @@ CZTThread::EStart CZTThread::_eWaitStarted(CLock& clLock) const
     return _bAny(RUNNING) ? START_OK : START_ENDED;
 }
 
-/// Tries again for 0.4 seconds: want of memory or of room for threads may pass.
-int CZTThread::__nStartThread()
+/// Tries for 0.4 seconds: being out of memory or at the limit on threads may pass.
+int CZTThread::_nStartThread()
 {
     constexpr int nAttempts = 11;
-    pthread_t hThread{};
+    pthread_t hThread{}; // not kept: the thread is detached
     int nError = nCreateWorker(&hThread, PTHREAD_CREATE_DETACHED, &ThreadFunc, this);
     for (int n = 1; n < nAttempts && nError != 0; ++n) {
         std::this_thread::sleep_for(40ms);
@@ -255,8 +264,8 @@ int CZTThread::__nStartThread()
     return nError;
 }
 
-/// Around the thread function. When that has called Stopped, the object may be gone already; when not, its
-/// owner still waits for that.
+/// Encloses the thread function and calls Stopped in its place if it did not. The flag lies on the thread's
+/// stack: after Stopped the object may be gone, and only without that call is it sure to exist.
 class CZTThread::CFrame
 {
 public:
@@ -279,7 +288,8 @@ private:
     bool m_bStopped = false;
 };
 
-/// The C library ends a thread by an exception without an object, to which the sanitizer sees a reference.
+/// pthread_exit and a cancel unwind the stack by an exception that has no object; the sanitizer objects to
+/// the reference by which it is caught.
 __attribute__((no_sanitize("undefined"))) void* CZTThread::ThreadFunc(void* pThread)
 {
     auto* pclThread = static_cast<CZTThread*>(pThread);
@@ -287,7 +297,7 @@ __attribute__((no_sanitize("undefined"))) void* CZTThread::ThreadFunc(void* pThr
     try {
         pclThread->m_pfnThread(pclThread); // may free the object
     } catch (const abi::__forced_unwind&) {
-        throw; // the C library ends this thread and insists
+        throw; // the C library aborts the process when this exception is not passed on
     } catch (...) {
         // A thread function has no one to report to.
     }

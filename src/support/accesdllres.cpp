@@ -31,11 +31,14 @@ bool DLLRES_bFormatMessageList(const _stMyModuleInfo& stModule, unsigned int nId
     if (!DLLRES_bLoadString(stModule, nId, &csFormat)) {
         return false;
     }
-    va_list pCopy; // as a parameter a va_list is a mere pointer: its address is not that of a list
+
+    // A parameter of the type va_list may be a mere pointer, whose address is not that of a list.
+    va_list pCopy;
     va_copy(pCopy, pArgs);
     *pcsText = FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_STRING, csFormat.c_str(),
                               0, &pCopy);
     va_end(pCopy);
+
     return !pcsText->empty();
 }
 
@@ -44,6 +47,7 @@ void DLLRES_SetUserError(CXError* pclError, const _stMyModuleInfo& stModule, uns
     if (pclError == nullptr) {
         return;
     }
+
     CTString csText;
     DLLRES_bLoadString(stModule, nUserErrorMessage(nCode), &csText);
     pclError->SetUserError(nUserErrorMessage(nCode), csText);

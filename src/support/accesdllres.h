@@ -7,8 +7,8 @@
 #include <cstdarg>
 #include <string_view>
 
-/// Describes a module whose messages can be loaded: its name and the routine that finds the text of
-/// a message. Static data; the manager has one, g_stMyModule.
+/// Describes a module whose messages can be loaded: its name and the routine that finds the text of a
+/// message. Static data; the manager has one, g_stMyModule.
 struct _stMyModuleInfo
 {
     const wchar_t* pszName;
@@ -18,11 +18,11 @@ extern const _stMyModuleInfo g_stMyModule;
 
 /// Text of a message; false and an empty text when there is none.
 bool DLLRES_bLoadString(const _stMyModuleInfo& stModule, unsigned int nId, CTString* pcsText);
-/// The message with its inserts filled; true when the result is not empty. Inserts are wide strings unless
-/// the message says otherwise.
+/// Fills the message's inserts with the arguments; true when the result is not empty. Arguments are wide
+/// strings unless the message gives another type.
 bool DLLRES_bFormatMessage(const _stMyModuleInfo* pstModule, unsigned int nId, CTString* pcsText, ...);
 bool DLLRES_bFormatMessageList(const _stMyModuleInfo& stModule, unsigned int nId, CTString* pcsText,
                                va_list pArgs);
 
-/// Completes an error with "user error n" of a module and a system error number (0: none).
+/// Completes an error with a "user error" of a module (nCode; see EUserError) and an errno (0: none).
 void DLLRES_SetUserError(CXError* pclError, const _stMyModuleInfo& stModule, unsigned int nCode, int nErrno);
