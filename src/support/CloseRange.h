@@ -9,6 +9,8 @@
 
 /// For nCloseRange: the caller first gets a descriptor table of its own, without those to be closed.
 constexpr unsigned int s_nCloseRangeUnshare = 1u << 1;
+/// For nCloseRange: instead of being closed, they are to close at exec.
+constexpr unsigned int s_nCloseRangeCloexec = 1u << 2;
 
 /// Closes the descriptors from nFirst to nLast by a plain system call: the C library has had a function for
 /// it since 2.34 only. Returns 0, or -1 with errno (ENOSYS: a kernel before 5.9; EPERM: a filter).

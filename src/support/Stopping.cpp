@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <ctime>
 #include <poll.h>
 #include <sys/eventfd.h>

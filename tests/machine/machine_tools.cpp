@@ -2,6 +2,7 @@
 // descriptors. What the manager then says is right, or one of the failures that its protocol defines; never a
 // short list, a wrong state or a unit written over. VELMO_LONG: longer, and every limit.
 
+#include "support/CloseRange.h"
 #include "tools/Command.h"
 #include "tools/Machine.h"
 #include "tools/PipeClient.h"
@@ -226,7 +227,7 @@ TEST_F(Tools, OutOfProcessesAnAnswerIsRightOrADefinedFailure)
 
 TEST_F(Tools, OutOfDescriptorsAnAnswerIsRightOrADefinedFailure)
 {
-    ::close_range(3, ~0U, CLOSE_RANGE_CLOEXEC); // the manager is to have what it opens itself
+    nCloseRange(3, ~0U, s_nCloseRangeCloexec); // the manager is to have what it opens itself
     for (const int nMax : s_bLong ? std::vector{16, 20, 24, 32, 48, 64} : std::vector{16, 24}) {
         ASSERT_NO_FATAL_FAILURE(Start("prlimit --nofile=" + std::to_string(nMax)));
         Ask("at most " + std::to_string(nMax) + " descriptors", s_bLong ? 20s : 4s);

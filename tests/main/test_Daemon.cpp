@@ -241,8 +241,8 @@ TEST_F(Daemon, ReadinessIsNotifiedOnceAndNobodyElseSeesTheSocket)
     for (const auto& [csName, pszSent] : tCases) {
         SCOPED_TRACE(csName);
         const CLocalReceiver clReceiver(*pszSent != 0 ? csName : "@elsewhere");
-        const auto fnPrepare = [&](CTestService& cl) {
-            ::setenv("NOTIFY_SOCKET", csName.c_str(), 1);
+        const auto fnPrepare = [pszName = csName.c_str()](CTestService& cl) { // clang 14 captures no bindings
+            ::setenv("NOTIFY_SOCKET", pszName, 1);
             cl.m_fnStart = [] {
                 CTestService::s_Note(std::getenv("NOTIFY_SOCKET") == nullptr ? "unset " : "set ");
                 return true;

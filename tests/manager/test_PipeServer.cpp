@@ -1,6 +1,7 @@
 #include "manager/PipeRecords.h"
 #include "manager/PipeServer.h"
 #include "support/Conversion.h"
+#include "support/ZTSem.h"
 #include "tools/Command.h"
 #include "tools/PipeClient.h"
 #include "tools/PrivateWorld.h"
@@ -11,7 +12,6 @@
 #include <cstring>
 #include <functional>
 #include <gtest/gtest.h>
-#include <semaphore>
 #include <sys/ioctl.h>
 #include <thread>
 #include <utility>
@@ -170,22 +170,23 @@ TEST_F(PipeServer, AFailingRequestIsAnsweredAndTheThreadLeavesSigtermToTheMainTh
 TEST_F(PipeServer, AStopLetsTheRequestInProgressFinish)
 {
     CTestPipe clServer;
-    std::binary_semaphore clEntered{0};
-    std::binary_semaphore clGoOn{0};
+    CZTSemNoInit clEntered;
+    CZTSemNoInit clGoOn;
+    ASSERT_EQ(clEntered.Init(0, 1) + clGoOn.Init(0, 1), 0);
     clServer.m_fnAnswer = [&] {
-        clEntered.release();
-        clGoOn.acquire();
+        clEntered.__Post(0);
+        clGoOn.Wait();
         return "finished";
     };
     ASSERT_TRUE(clServer.bStart());
     const CReplyPipe clReply(81);
     ASSERT_TRUE(bWritePipe(s_pszPipe, csRecord(81)));
-    clEntered.acquire();
+    clEntered.Wait();
     std::atomic<bool> bStopped = false;
     std::thread clStopper([&] { bStopped = clServer.bStop(); });
     EXPECT_EQ(clReply.csReply(100), "<nothing in time>"); // silence has to be waited out
     EXPECT_FALSE(bStopped);
-    clGoOn.release();
+    clGoOn.__Post(0);
     clStopper.join();
     EXPECT_EQ(clReply.csReply(0), "finished");
 }

@@ -6,6 +6,7 @@
 #include "support/VersionNote.h"
 #include "tools/TempDir.h"
 
+#include <cstdint>
 #include <cstring>
 #include <elf.h>
 #include <gtest/gtest.h>

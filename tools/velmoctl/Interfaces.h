@@ -1,6 +1,7 @@
 #pragma once
 
 #include <arpa/inet.h>
+#include <cstdint>
 #include <ifaddrs.h>
 #include <set>
 #include <string>

@@ -1,5 +1,7 @@
 #include "velmoctl/Inventory.h"
 
+#include <cstdint>
+
 namespace {
 /// "address:port", with an IPv6 address in brackets.
 std::string csTarget(const std::string& csAddress, std::uint16_t wPort)

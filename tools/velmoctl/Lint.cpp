@@ -9,6 +9,7 @@
 #include "velmoctl/Terminal.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <iostream>

@@ -12,6 +12,7 @@
 #include "velmoctl/Tool.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <iterator>

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <charconv>
 #include <CLI/CLI.hpp>
+#include <cstdint>
 #include <iterator>
 #include <sstream>
 
