@@ -2,9 +2,13 @@
 # What ./run, ./test and .ci/run share: installing what is missing, building, running test programs and counting.
 # Sourced, from the checkout's root, by scripts that set -euo pipefail.
 
-packages=(g++ cmake ninja-build libgtest-dev libgmock-dev libbenchmark-dev systemd-container strace
-    shellcheck busybox insserv iproute2 valgrind dpkg-dev file python3
-    libcli11-dev nlohmann-json3-dev libedit-dev libncurses-dev libbsd-dev)
+# What building takes, what booting throwaway machines does, and what the tests add to it.
+# shellcheck disable=SC2034
+readonly build_packages=(g++ cmake ninja-build libcli11-dev nlohmann-json3-dev libedit-dev libncurses-dev libbsd-dev) \
+    machine_packages=(systemd-container) \
+    test_packages=(libgtest-dev libgmock-dev libbenchmark-dev strace shellcheck busybox iproute2 valgrind dpkg-dev file
+        python3 groff)
+
 # The sourcing scripts use it.
 # shellcheck disable=SC2034
 readonly machine=$PWD/tools/machine
@@ -12,6 +16,12 @@ readonly machine=$PWD/tools/machine
 say() {
     echo "== $*"
 }
+
+# One line instead of many about what cannot be written.
+if ! mkdir -p build 2>/dev/null || [[ ! -w build ]]; then
+    echo "$PWD cannot be written (read-only, or somebody else's): copy the checkout to a folder of yours" >&2
+    exit 1
+fi
 
 as_root() {
     if [[ $EUID == 0 ]]; then
@@ -21,33 +31,52 @@ as_root() {
     fi
 }
 
+# Shown only when it fails.
+apt_quietly() { # ARGUMENT...
+    local output
+    output=$(as_root env DEBIAN_FRONTEND=noninteractive apt-get -qq -y -o Dpkg::Use-Pty=0 "$@" 2>&1 </dev/null) || {
+        echo "$output" >&2
+        return 1
+    }
+}
+
 # apt-get only runs when something is missing.
-install_missing() {
+install_missing() { # PACKAGE...
     local package
     local -a missing=()
-    for package in "${packages[@]}"; do
+    for package in "$@"; do
         [[ $(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null) == installed ]] || missing+=("$package")
     done
     ((${#missing[@]} > 0)) || return 0
     say "Installing ${missing[*]}"
-    as_root apt-get -qq update
-    as_root env DEBIAN_FRONTEND=noninteractive apt-get -qq -y -o Dpkg::Use-Pty=0 --no-install-recommends \
-        install "${missing[@]}"
+    apt_quietly update
+    apt_quietly --no-install-recommends install "${missing[@]}"
 }
 
-# OpenRC, for the tests of the init scripts: unpacked beside the programs, since installing it would replace this
-# machine's own service manager. Without it those tests are skipped.
-unpack_openrc() { # FOLDER
-    [[ ! -d $1/openrc ]] || return 0
-    local package packages_folder
-    packages_folder=$(mktemp -d)
-    say "Unpacking OpenRC for its tests"
-    if (cd "$packages_folder" && apt-get -qq download openrc librc1 libeinfo1) >/dev/null 2>&1; then
-        for package in "$packages_folder"/*.deb; do
-            dpkg -x "$package" "$1/openrc"
+# Unpacks packages into a folder instead of installing them. A library's name has a suffix from Debian 13 on.
+unpack() { # FOLDER PACKAGE...
+    local folder=$1 package place status=0
+    place=$(mktemp -d)
+    for package in "${@:2}"; do
+        (cd "$place" && { apt-get -qq download "$package" || apt-get -qq download "${package}t64"; }) >/dev/null 2>&1 ||
+            status=1
+    done
+    if ((status == 0)); then
+        for package in "$place"/*.deb; do
+            dpkg -x "$package" "$folder"
         done
     fi
-    rm -r "$packages_folder"
+    rm -r "$place"
+    return "$status"
+}
+
+# Other init systems' tools, for the tests of the init scripts: beside the programs, since installing them would replace
+# this machine's own service manager, or is refused. Without them those tests are skipped.
+unpack_init_tools() { # FOLDER
+    [[ ! -d $1/openrc || ! -d $1/insserv ]] || return 0
+    say "Unpacking OpenRC and insserv for the tests"
+    [[ -d $1/openrc ]] || unpack "$1/openrc" openrc librc1 libeinfo1 || true
+    [[ -d $1/insserv ]] || unpack "$1/insserv" insserv || true
 }
 
 # Off a terminal only every 20th step is worth a line; what is not a step always is.
@@ -55,11 +84,26 @@ build_progress() {
     awk '/^\[[0-9]+\/[0-9]+\]/ && ++n % 20 { next } { print; fflush() }'
 }
 
+# The tests are left out where nobody has asked for them and what they need is missing. A cache that another checkout,
+# compiler or release has left is thrown away.
+configure() { # PRESET
+    local -a how=(--preset "$1" --log-level=ERROR)
+    if [[ ${with_tests:-yes} == no ]]; then
+        [[ -e /usr/include/gtest/gtest.h ]] || how+=(-DVELMO_TESTS=OFF)
+    else
+        how+=(-DVELMO_TESTS=ON)
+    fi
+    if ! cmake "${how[@]}" >/dev/null 2>&1; then
+        rm -f build{,-"$1"}/.ninja_{deps,log} # they name files of the other checkout, which may be closed to us
+        cmake --fresh "${how[@]}" >/dev/null
+    fi
+}
+
 build() { # PRESET [TARGET...]
     local preset=$1
     shift
     say "Building ($preset)"
-    cmake --preset "$preset" --log-level=WARNING >/dev/null || return
+    configure "$preset" || return
     if [[ -t 1 ]]; then
         cmake --build --preset "$preset" ${1:+--target "$@"}
     else
@@ -132,7 +176,8 @@ run_program() { # PROGRAM FILTER SECONDS [WRAPPER...]
     mkdir -p "${log%/*}"
     printf '%-24s ' "$name"
     shift 3
-    timeout -k 10 "$seconds" "$@" "$program" --gtest_filter="$chosen" >"$log" 2>&1 </dev/null || status=$?
+    # Who starts us may ignore SIGPIPE (as CI agents below systemd do), which programs would inherit.
+    timeout -k 10 "$seconds" env --default-signal=PIPE "$@" "$program" --gtest_filter="$chosen" >"$log" 2>&1 </dev/null || status=$?
     count_results "$status" "$log" "$((SECONDS - started))"
 }
 

@@ -53,6 +53,10 @@ void AddStandIns()
         "stop) [ ! -f $state ] || stop && rm -f $state;;\nrestart) stop && start;;\n"
         "status) [ -f $state ] || exit 3\nread -r pid <\"/run/${1##*/}.pid\" || exit 32;;\nesac\n");
     std::filesystem::create_directories("/run/lock/subsys");
+    const std::string csInsserv = csBuildFolder() + "/insserv"; // where it cannot be installed
+    if (std::filesystem::exists(csInsserv) && !std::filesystem::exists("/sbin/insserv")) {
+        stRun("tar -C " + csInsserv + " -c . | tar -C / -x --keep-directory-symlink");
+    }
     stRun("rm -f /etc/init.d/*"); // they depend on scripts that are not there: insserv minds
 }
 
