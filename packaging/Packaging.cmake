@@ -1,17 +1,20 @@
 # What the packages hold and where it goes: .deb and .rpm put everything that is run into one folder, beside which
-# the settings lie; the .tar.gz is one folder with everything. packaging/build makes them.
+# the settings lie; the .tar.gz is one folder with everything. packaging/build makes them of what is installed here.
 #
 # Components: "system" and "folder", one for each layout, and "debian", what only a .deb has.
 
 set(VELMO_MAINTAINER "VelmoManager maintainers <velmomanager@packages.invalid>" CACHE STRING
   "Who answers for the packages: name and address")
 set(VELMO_HOME opt/velmomanager)
+if(CMAKE_INSTALL_PREFIX_INITIALIZED_TO_DEFAULT)
+  set_property(CACHE CMAKE_INSTALL_PREFIX PROPERTY VALUE /)
+endif()
 set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY ON) # packaging/build has built what is installed; tests are not
 
 set(here ${CMAKE_CURRENT_LIST_DIR})
 set(made ${PROJECT_BINARY_DIR}/packaging)
 string(TIMESTAMP VELMO_DATE "%a, %d %b %Y %H:%M:%S +0000" UTC) # of SOURCE_DATE_EPOCH, if that is set
-foreach(script IN ITEMS deb/postinst deb/prerm deb/postrm deb/changelog rpm/post rpm/preun service)
+foreach(script IN ITEMS deb/postinst deb/prerm deb/postrm deb/changelog rpm/post rpm/preun service facts)
   configure_file(${here}/${script}.in ${made}/${script} @ONLY)
 endforeach()
 
@@ -44,7 +47,7 @@ install(FILES ${here}/copyright DESTINATION usr/share/doc/velmomanager COMPONENT
 install(FILES ${PROJECT_SOURCE_DIR}/CHANGELOG.md DESTINATION usr/share/doc/velmomanager RENAME changelog
   COMPONENT system)
 foreach(manual IN LISTS manuals)
-  cmake_path(GET manual EXTENSION LAST_ONLY section)
+  get_filename_component(section ${manual} LAST_EXT)
   string(REPLACE "." "man" section ${section})
   install(FILES ${manual} DESTINATION usr/share/man/${section} COMPONENT system)
 endforeach()
@@ -54,18 +57,31 @@ install(FILES ${completions}/_velmoctl DESTINATION usr/share/zsh/vendor-completi
 install(FILES ${completions}/velmoctl.fish DESTINATION usr/share/fish/vendor_completions.d COMPONENT system)
 # Links into the folder, so that the commands are found.
 foreach(link IN ITEMS usr/sbin/VelmoManager usr/bin/velmoctl)
-  cmake_path(GET link FILENAME command)
+  get_filename_component(command ${link} NAME)
   if(command IN_LIST programs)
-    cmake_path(GET link PARENT_PATH directory)
-    file(CREATE_LINK /${VELMO_HOME}/${command} ${made}/${command} SYMBOLIC)
-    install(FILES ${made}/${command} DESTINATION ${directory} COMPONENT system)
+    set(VELMO_LINK ${link})
+    set(VELMO_LINK_TARGET ${VELMO_HOME}/${command})
+    string(CONFIGURE [[
+      set(folder "${CMAKE_INSTALL_PREFIX}/") # which has no trailing slash by now
+      set(link "$ENV{DESTDIR}${folder}@VELMO_LINK@")
+      message(STATUS "Installing: ${link}")
+      get_filename_component(parent "${link}" DIRECTORY)
+      file(MAKE_DIRECTORY "${parent}")
+      file(CREATE_LINK "${folder}@VELMO_LINK_TARGET@" "${link}" SYMBOLIC)
+    ]] make_link @ONLY)
+    install(CODE "${make_link}" COMPONENT system)
   endif()
 endforeach()
 set(compress [[
   file(GLOB pages "$ENV{DESTDIR}${CMAKE_INSTALL_PREFIX}/usr/share/man/man*/*.[1-8]"
     "$ENV{DESTDIR}${CMAKE_INSTALL_PREFIX}/usr/share/doc/velmomanager/changelo[g]"
     "$ENV{DESTDIR}${CMAKE_INSTALL_PREFIX}/usr/share/doc/velmomanager/changelog.Debia[n]")
-  execute_process(COMMAND gzip -9nf ${pages} COMMAND_ERROR_IS_FATAL ANY)
+  if(pages)
+    execute_process(COMMAND gzip -9nf ${pages} RESULT_VARIABLE status)
+    if(NOT status EQUAL 0)
+      message(FATAL_ERROR "gzip: ${status}")
+    endif()
+  endif()
 ]])
 install(CODE "${compress}" COMPONENT system)
 
@@ -85,39 +101,3 @@ install(FILES ${tmpfiles} DESTINATION tmpfiles.d COMPONENT folder EXCLUDE_FROM_A
 install(FILES ${metrics} DESTINATION metrics COMPONENT folder EXCLUDE_FROM_ALL)
 install(PROGRAMS ${here}/ansible/velmo-inventory DESTINATION . COMPONENT folder EXCLUDE_FROM_ALL)
 install(DIRECTORY ${completions} DESTINATION . COMPONENT folder EXCLUDE_FROM_ALL)
-
-set(CPACK_PACKAGE_NAME velmomanager)
-set(CPACK_PACKAGE_VERSION ${VELMO_VERSION})
-set(CPACK_PACKAGE_VENDOR "VelmoManager maintainers")
-set(CPACK_PACKAGE_CONTACT ${VELMO_MAINTAINER})
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "manager daemon for the database servers of one machine")
-set(CPACK_PACKAGE_DESCRIPTION
-  "VelmoManager starts, stops, watches and lists the database servers of a
-machine, which are system services (systemd or SysV), and answers the
-product's setup and administration tools over TCP, UDP and a local pipe.")
-set(CPACK_RESOURCE_FILE_LICENSE ${here}/copyright)
-set(CPACK_STRIP_FILES ON)
-set(CPACK_THREADS 0)
-set(CPACK_PROJECT_CONFIG_FILE ${here}/PerGenerator.cmake)
-
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
-set(CPACK_DEBIAN_PACKAGE_SECTION database)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
-set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${made}/deb/postinst ${made}/deb/prerm ${made}/deb/postrm)
-set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
-
-set(CPACK_RPM_FILE_NAME RPM-DEFAULT)
-set(CPACK_RPM_PACKAGE_RELEASE 1)
-set(CPACK_RPM_PACKAGE_LICENSE "See copyright")
-set(CPACK_RPM_PACKAGE_GROUP "Applications/Databases")
-set(CPACK_RPM_PACKAGE_DESCRIPTION "${CPACK_PACKAGE_DESCRIPTION}")
-set(CPACK_PACKAGE_RELOCATABLE OFF) # its scripts and links name the folder
-set(CPACK_RPM_POST_INSTALL_SCRIPT_FILE ${made}/rpm/post)
-set(CPACK_RPM_PRE_UNINSTALL_SCRIPT_FILE ${made}/rpm/preun)
-set(CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION /opt /usr/sbin /usr/lib/systemd /usr/lib/systemd/system /usr/lib/tmpfiles.d /usr/share/man /usr/share/man/man1
-  /usr/share/man/man5 /usr/share/man/man8
-  /usr/share/bash-completion /usr/share/bash-completion/completions
-  /usr/share/zsh /usr/share/zsh/vendor-completions /usr/share/fish /usr/share/fish/vendor_completions.d)
-include(CPack)

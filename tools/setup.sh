@@ -9,6 +9,13 @@ readonly build_packages=(g++ cmake ninja-build libcli11-dev nlohmann-json3-dev l
     test_packages=(libgtest-dev libgmock-dev libbenchmark-dev strace shellcheck busybox iproute2 valgrind dpkg-dev file
         python3 groff)
 
+# In a root of that release. The oldest has no CLI11, which is headers only: there the next one's serves.
+build_packages_in() { # SUITE
+    local -a names=("${build_packages[@]}")
+    [[ $1 != bullseye ]] || names=("${names[@]/#libcli11-dev/libcli11-dev/bookworm}")
+    echo "${names[@]}"
+}
+
 # The sourcing scripts use it.
 # shellcheck disable=SC2034
 readonly machine=$PWD/tools/machine
@@ -45,7 +52,7 @@ install_missing() { # PACKAGE...
     local package
     local -a missing=()
     for package in "$@"; do
-        [[ $(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null) == installed ]] || missing+=("$package")
+        [[ $(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null) == installed* ]] || missing+=("$package")
     done
     ((${#missing[@]} > 0)) || return 0
     say "Installing ${missing[*]}"

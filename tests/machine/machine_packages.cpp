@@ -32,12 +32,12 @@ std::string csOutput(const std::string& csCommand)
 /// Where the packages are, below the build folder; each is the only one in its folder.
 std::string csCurrent()
 {
-    return csOutput("ls " + csBuildFolder() + "/../packages/*.deb");
+    return csOutput("ls " + csBuildFolder() + "/../packages-here/velmomanager_*.deb");
 }
 
 std::string csOlder()
 {
-    return csOutput("ls " + csBuildFolder() + "/../older/packages/*.deb");
+    return csOutput("ls " + csBuildFolder() + "/../packages-here/older/velmomanager_*.deb");
 }
 
 /// The version that the manager of this machine tells; or why there is none.
@@ -46,12 +46,20 @@ std::string csRunningVersion()
     return csOutput(csBuildFolder() + "/velmoctl info | sed 's/^version *//;q'");
 }
 
-/// Whatever on the machine still has the manager's name, outside the checkout.
+/// Whatever on the machine still has the manager's name. The checkout, or a folder above it, may have it,
+/// too.
 std::string csTraces()
 {
-    return csOutput(
-        "mkdir -p /opt; find /etc /lib/systemd /opt /run /tmp /usr /var -iname '*velmo*' -not -path '" +
-        csBuildFolder() + "/*' -not -path '*/velmo-machines*'; pgrep -ax VelmoManager");
+    const std::string csCheckout = csOutput("realpath " + csBuildFolder() + "/../..");
+    std::string csFind = "mkdir -p /opt; find /etc /lib/systemd /opt /run /tmp /usr /var -path '" +
+                         csCheckout +
+                         "' -prune -o -iname '*velmo*' -not -path '*/velmo-machines*' -not -path "
+                         "'/tmp/velmo-build-*'";
+    for (std::filesystem::path clAbove(csCheckout); clAbove.has_relative_path();
+         clAbove = clAbove.parent_path()) {
+        csFind += " -not -path '" + clAbove.string() + "'";
+    }
+    return csOutput(csFind + " -print; pgrep -ax VelmoManager");
 }
 
 class Packages : public ::testing::Test
@@ -60,7 +68,7 @@ protected:
     void SetUp() override
     {
         if (!std::filesystem::exists(csCurrent()) || !std::filesystem::exists(csOlder())) {
-            GTEST_SKIP() << "the packages are not built: packaging/build deb older";
+            GTEST_SKIP() << "the packages are not built: packaging/build --here deb older";
         }
         std::filesystem::remove(s_szPolicy); // the host's: no service is to start there
     }
