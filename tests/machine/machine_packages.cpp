@@ -68,7 +68,7 @@ protected:
     void SetUp() override
     {
         if (!std::filesystem::exists(csCurrent()) || !std::filesystem::exists(csOlder())) {
-            GTEST_SKIP() << "the packages are not built: packaging/build --here deb older";
+            GTEST_SKIP() << "the packages are not built: packaging/build --here older";
         }
         std::filesystem::remove(s_szPolicy); // the host's: no service is to start there
     }
