@@ -130,8 +130,8 @@ CManagerWorld::CManagerWorld(const std::string& csSystemctl)
 {
     fs::create_directories("/run/velmo/a");
     const fs::path clPrograms = "/proc/self/fd/" + std::to_string(s_clPrograms.nFd());
-    for (const char* pszName :
-         {"VelmoManager", "zt240vm64.so", "zt240obj.so", "libvelmofaults.so", "libvelmooldkernel.so"}) {
+    for (const char* pszName : {"VelmoManager", "zt240vm64.so", "zt240obj.so", "libvelmofaults.so",
+                                "libvelmooldkernel.so", "refuse"}) {
         fs::copy_file(clPrograms / pszName, fs::path("/run/velmo") / pszName,
                       fs::copy_options::overwrite_existing);
     }

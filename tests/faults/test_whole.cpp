@@ -57,6 +57,18 @@ TEST(Whole, HasNoMemoryErrorAndNoLeak)
     EXPECT_EQ(CManagerWorld::csDamage(), "");
 }
 
+TEST(Whole, WorksOnAKernelThatRefusesWhatYoungOnesHave)
+{
+    REQUIRE_PRIVATE_WORLD();
+    for (const char* pszError : {"ENOSYS", "EPERM"}) {
+        const CManagerWorld clWorld;
+        CManagerRun clManager("/run/velmo/refuse " + std::string(pszError) + " ");
+        ASSERT_TRUE(clManager.bAnswers()) << pszError;
+        EXPECT_EQ(csPlay(true), "") << pszError;
+        EXPECT_EQ(clManager.nStop(), 0);
+    }
+}
+
 TEST(Whole, StopsPromptlyAlthoughManyWaitForASlowTool)
 {
     REQUIRE_PRIVATE_WORLD();
@@ -114,6 +126,18 @@ TEST(Whole, ASystemdThatDoesNotAnswerAtTheStartIsStillSystemd)
     EXPECT_EQ(csPlay(true), "");
     EXPECT_EQ(clManager.nStop(), 0);
     stRun("rm -r /run/systemd");
+}
+
+TEST(Whole, AForegroundManagerThatCannotStartSaysWhy)
+{
+    REQUIRE_PRIVATE_WORLD();
+    const CManagerWorld clWorld;
+    CManagerRun clManager;
+    ASSERT_TRUE(clManager.bAnswers());
+    const STCommandResult st = stRun(std::string(CManagerWorld::Manager) + " --DEBUG 2>&1 >/dev/null");
+    EXPECT_EQ(st.nStatus, 0);
+    EXPECT_NE(st.csOutput.find("4999"), std::string::npos) << st.csOutput;
+    EXPECT_EQ(clManager.nStop(), 0);
 }
 
 TEST(Whole, CommandsSayWhatCouldNotBeAskedAndWriteNothing)
