@@ -42,6 +42,7 @@ install(PROGRAMS ${made}/service DESTINATION ${VELMO_HOME} RENAME package-servic
 install(PROGRAMS ${here}/ansible/velmo-inventory DESTINATION ${VELMO_HOME} COMPONENT system)
 install(FILES ${tmpfiles} DESTINATION usr/lib/tmpfiles.d COMPONENT system)
 install(FILES ${metrics} DESTINATION usr/lib/systemd/system COMPONENT system)
+install(DIRECTORY ${here}/examples DESTINATION usr/share/doc/velmomanager COMPONENT system)
 install(FILES ${guides} DESTINATION usr/share/doc/velmomanager COMPONENT system)
 install(FILES ${here}/copyright DESTINATION usr/share/doc/velmomanager COMPONENT system)
 install(FILES ${PROJECT_SOURCE_DIR}/CHANGELOG.md DESTINATION usr/share/doc/velmomanager RENAME changelog
@@ -100,4 +101,4 @@ install(FILES ${manuals} DESTINATION man COMPONENT folder EXCLUDE_FROM_ALL)
 install(FILES ${tmpfiles} DESTINATION tmpfiles.d COMPONENT folder EXCLUDE_FROM_ALL)
 install(FILES ${metrics} DESTINATION metrics COMPONENT folder EXCLUDE_FROM_ALL)
 install(PROGRAMS ${here}/ansible/velmo-inventory DESTINATION . COMPONENT folder EXCLUDE_FROM_ALL)
-install(DIRECTORY ${completions} DESTINATION . COMPONENT folder EXCLUDE_FROM_ALL)
+install(DIRECTORY ${here}/examples ${completions} DESTINATION . COMPONENT folder EXCLUDE_FROM_ALL)

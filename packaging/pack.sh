@@ -190,7 +190,7 @@ rpm_changelog() {
 
 # Folders that belong to the package, and no system's.
 own_folders() {
-    printf '%%dir /%s\n' opt/velmomanager usr/share/doc/velmomanager
+    printf '%%dir /%s\n' opt/velmomanager usr/share/doc/velmomanager usr/share/doc/velmomanager/examples
 }
 
 rpm_spec() {

@@ -1,8 +1,11 @@
 // The Debian package in a machine with a real systemd: installed, upgraded, removed and purged as an
 // administrator does. The packages come from packaging/build.
 
+#include "support/SystemCall.h"
+#include "tools/Address.h"
 #include "tools/Command.h"
 #include "tools/Machine.h"
+#include "tools/Wait.h"
 #include "tools/WireClient.h"
 
 #include <filesystem>
@@ -10,6 +13,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/socket.h>
 
 namespace {
 using ::testing::HasSubstr;
@@ -46,20 +50,17 @@ std::string csRunningVersion()
     return csOutput(csBuildFolder() + "/velmoctl info | sed 's/^version *//;q'");
 }
 
-/// Whatever on the machine still has the manager's name. The checkout, or a folder above it, may have it,
-/// too.
+/// From the time when a test began.
+constexpr char s_szStamp[] = "/run/test-began";
+
+/// Whatever on the machine still has the manager's name and came with the test; checkouts of the host are
+/// older.
 std::string csTraces()
 {
-    const std::string csCheckout = csOutput("realpath " + csBuildFolder() + "/../..");
-    std::string csFind = "mkdir -p /opt; find /etc /lib/systemd /opt /run /tmp /usr /var -path '" +
-                         csCheckout +
-                         "' -prune -o -iname '*velmo*' -not -path '*/velmo-machines*' -not -path "
-                         "'/tmp/velmo-build-*'";
-    for (std::filesystem::path clAbove(csCheckout); clAbove.has_relative_path();
-         clAbove = clAbove.parent_path()) {
-        csFind += " -not -path '" + clAbove.string() + "'";
-    }
-    return csOutput(csFind + " -print; pgrep -ax VelmoManager");
+    return csOutput(
+        "mkdir -p /opt; find /etc /lib/systemd /opt /run /tmp /usr /var -iname '*velmo*' -cnewer " +
+        std::string(s_szStamp) + " -not -path \"$(realpath " + csBuildFolder() +
+        ")/*\" -not -path '/tmp/velmo-build-*'; pgrep -ax VelmoManager");
 }
 
 class Packages : public ::testing::Test
@@ -70,9 +71,21 @@ protected:
         if (!std::filesystem::exists(csCurrent()) || !std::filesystem::exists(csOlder())) {
             GTEST_SKIP() << "the packages are not built: packaging/build --here older";
         }
+        std::ofstream{s_szStamp};
         std::filesystem::remove(s_szPolicy); // the host's: no service is to start there
     }
-    void TearDown() override { stRun(s_csDpkg + "-P velmomanager"); }
+    void TearDown() override
+    {
+        stRun(s_csDpkg + "-P velmomanager; rm -rf /etc/systemd/system/VelmoManager.service.d; "
+                         "systemctl daemon-reload");
+    }
+
+    static void UseExample(const std::string& csFile)
+    {
+        stRun("mkdir -p /etc/systemd/system/VelmoManager.service.d && cp "
+              "/usr/share/doc/velmomanager/examples/" +
+              csFile + " /etc/systemd/system/VelmoManager.service.d/ && systemctl daemon-reload");
+    }
 
     static void Install(const std::string& csFile)
     {
@@ -160,6 +173,43 @@ TEST_F(Packages, TheServiceOfAnotherFolderIsNotTouched)
     EXPECT_EQ(stRun("cat /run/VelmoManager.pid").csOutput, csPid);
     EXPECT_EQ(csRunningVersion(), "24.0.6.0");
     stRun("/opt/velmo/other/VelmoManager --UNINSTALL; rm -r /opt/velmo");
+}
+
+TEST_F(Packages, TheHardeningThatIsShippedAsAnExampleTakesNothingAway)
+{
+    Install(csCurrent());
+    UseExample("hardening.conf");
+    ASSERT_EQ(stRun("systemctl restart VelmoManager").nStatus, 0);
+    EXPECT_LT(std::stod(csOutput("systemd-analyze security --no-pager VelmoManager | "
+                                 "sed -n 's/.*Overall exposure level.*: \\([0-9.]*\\) .*/\\1/p'")),
+              4.0);
+    PutServer("Orders", 4900, "", "Orders");
+    EXPECT_EQ(csOutput("/opt/velmo/Orders/dxdemo --REGISTER"), "") << "it is registered, and runs";
+    stRun("systemctl stop DXCS-Orders; chown -R nobody /opt/velmo/Orders; chmod 0700 /opt/velmo/Orders");
+    EXPECT_EQ(stRun("velmoctl start Orders").nStatus, 0);
+    EXPECT_THAT(csOutput("velmoctl list"), HasSubstr("Orders  4900  running"));
+    EXPECT_EQ(stRun("velmoctl uninstall Orders --delete-files --yes").nStatus, 0);
+    EXPECT_FALSE(std::filesystem::exists("/opt/velmo/Orders"));
+    EXPECT_EQ(csOutput("systemctl show --value -p LoadState DXCS-Orders"), "not-found");
+    stRun("rm -rf /opt/velmo");
+}
+
+TEST_F(Packages, WithTheExampleForItAManagerThatCannotStartIsTriedAgain)
+{
+    Install(csCurrent());
+    UseExample("restart.conf");
+    stRun("systemctl stop VelmoManager");
+    {
+        const CDescripteur clOther(::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        const sockaddr_in6 st = stAddress("::", 4999);
+        const int nYes = 1; // whatever is left of earlier conversations
+        ASSERT_EQ(::setsockopt(clOther.nFd(), SOL_SOCKET, SO_REUSEADDR, &nYes, sizeof nYes), 0);
+        ASSERT_EQ(::bind(clOther.nFd(), reinterpret_cast<const sockaddr*>(&st), sizeof st), 0);
+        ASSERT_EQ(::listen(clOther.nFd(), 1), 0);
+        stRun("systemctl start VelmoManager");
+        EXPECT_NE(csOutput("systemctl is-active VelmoManager"), "active");
+    }
+    EXPECT_TRUE(bWaitUntil([] { return csRunningVersion() == "24.0.6.0"; }, 90000));
 }
 
 TEST_F(Packages, TheClientsInTheirProtocolGuideWork)
