@@ -100,7 +100,7 @@ std::optional<CUnits<TUnit>> csValueOf(CUnitsView<TUnit> csText, std::size_t nAf
         return std::nullopt;
     }
 
-    // A CR anywhere ends the value, and so does one before the "=": the value is then empty.
+    // A CR ends the text wherever it stands: when it comes before the "=", the value is empty.
     const auto itCut = std::ranges::find_if(csText, bLineEnd<TUnit>);
     const auto nCut = static_cast<std::size_t>(itCut - csText.begin());
     const CUnitsView<TUnit> csValue = csText.substr(0, nCut).substr(std::min(nEqual + 1, nCut));
@@ -160,13 +160,12 @@ std::optional<CUnits<TUnit>> csSearchKey(CProfileFile& clFile, std::optional<CUn
             continue;
         }
 
-        // A line with the key's name but without "=" is passed over: another one may follow.
         if (!csKey.has_value()) {
             if (const auto csName = csKeyName(csText)) {
                 AppendListed(&csFound, *csName);
             }
         } else if (bLineOf(csText, *csKey) && (csFound = csValueOf(csText, csKey->size()))) {
-            break; // the first line of the key counts
+            break; // the first line with the key's name and a "=" counts
         }
     }
     return csFound;

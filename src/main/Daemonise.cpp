@@ -122,8 +122,8 @@ bool bStartAs(const wchar_t* pszUser, CDescripteur* pclPipe)
         return false;
     }
 
-    // Back to root, which alone can make the PID file. Refused: then the file cannot be made, which is
-    // logged.
+    // Back to root, which alone can make the PID file. If the kernel refuses, making the file fails, which
+    // is logged.
     if (::setregid(::getgid(), ::getgid()) == 0) {
         std::ignore = ::setreuid(::getuid(), ::getuid());
     }
@@ -171,7 +171,7 @@ void Daemon(const wchar_t* pszServiceName, CDescripteur clPipe)
     const wchar_t* pszUser = gpclServiceImp->vbGetServiceUser(tUser.data()) ? tUser.data() : nullptr;
     CPidFile clPidFile(csPidPath(pszServiceName)); // allocates, so before there is something to clean up
 
-    CTermHeld clHeld; // until the PID file can be removed again
+    CTermHeld clHeld; // until the main loop runs: a stop before that would leave the PID file behind
     if (!(pszUser != nullptr ? bStartAs(pszUser, &clPipe) : __bStart())) {
         return;
     }
@@ -198,7 +198,7 @@ bool bBecomeDaemon()
         return false;
     }
 
-    // Once more: who does not lead its session never gets a terminal by opening one.
+    // Forks once more: opening a terminal gives it to a session leader only, which the daemon then is not.
     const pid_t nDaemon = ::fork();
     if (nDaemon < 0) {
         LogCritical(L"Fork ne marche pas");

@@ -174,6 +174,7 @@ std::string_view csFittingServers(std::string_view csServers, std::size_t nMax)
         return csServers;
     }
 
+    // The loop ends: at the end of the list nEnd is more than nMax.
     std::size_t nWhole = 0;
     for (std::size_t nEnd = 0; nEnd <= nMax;) { // server by server: tab, name, tab, port
         nWhole = nEnd;
@@ -211,10 +212,10 @@ bool CPingEcho::bStart()
 
 void CPingEcho::Stop()
 {
-    m_clThread.Stop(0);
+    m_clThread.Stop(0); // asks
     // Wakes the wait, although the kernel reports an error for a socket without a connection.
     Shutdown(SHUT_RDWR);
-    m_clThread.Stop(1);
+    m_clThread.Stop(1); // waits
     m_clAnswers.Stop();
     Close();
 }
@@ -301,8 +302,10 @@ void CPingEcho::_Answer()
         {
             const std::lock_guard<std::mutex> clGuard(m_clLock);
             tQuestions.swap(m_tWaiting);
+
+            // The stop's shutdown can look like an empty datagram, which counts as a question.
             m_bAnswering = !tQuestions.empty() && !m_clThread.bMustStop();
-            if (!m_bAnswering) { // a shutdown can look like an empty datagram, which is a question
+            if (!m_bAnswering) {
                 return;
             }
         }

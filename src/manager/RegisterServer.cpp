@@ -42,7 +42,7 @@ bool bSameName(const CService& clService, const STRegistration& stServer)
     return CServiceName::s_clSaid(csServiceName(stServer).c_str()) == clService.clName();
 }
 
-/// The form of a service's name that its lock has.
+/// The name by which CServiceLocks knows a service.
 std::wstring csLockName(const std::wstring& csService)
 {
     return CServiceManager::csRegisteredName(csService);
@@ -78,7 +78,7 @@ void CSetupManager::RegisterServer(STRegistration stServer, CTString* pcsError)
         return;
     }
 
-    // The client gets the text of errno, which the start leaves from whichever step failed.
+    // The client gets the text of the errno that the failed step of the start has left.
     if (pclService->eGetStatus() == STATUS_RUNNING || clHold.bStart(*pclService)) {
         return;
     }
@@ -114,8 +114,8 @@ std::unique_ptr<CService> CSetupManager::_pclMakeService(const STRegistration& s
         const CServiceGuard clGuard = clLockServices();
         STFound stFound = _stFindServer(clGuard, stServer, pcsError);
 
-        // The executable may be registered under other names: services under them are changed, so their locks
-        // are needed, too, and everything is looked at again with them.
+        // The executable may be registered under other names. Those names go into the configuration below, so
+        // their locks are needed, too; with all locks taken, everything is looked at again.
         if (bAddNames(stFound.tOtherNames, &tNames)) {
             pcsError->clear();
             continue;
@@ -155,12 +155,14 @@ void CSetupManager::_FindUnlisted(const STRegistration& stServer, STFound* pstFo
 {
     std::unique_ptr<CService> pclUnlisted(m_clServiceManager.pclGetService(csServiceName(stServer).c_str()));
     CStopping::xCheck(); // a lookup that the stop cut short has not failed
-    if (pclUnlisted == nullptr && errno != ENOENT) {
-        _RefuseUnasked(errno, pstFound, pcsError);
+    if (pclUnlisted == nullptr) {
+        if (errno != ENOENT) { // it is unknown whether there is one
+            _RefuseUnasked(errno, pstFound, pcsError);
+        }
+        return;
     }
 
-    // The lookup may also find a service of a similar name.
-    if (pclUnlisted == nullptr || !bSameName(*pclUnlisted, stServer)) {
+    if (!bSameName(*pclUnlisted, stServer)) { // the lookup also finds services of a similar name
         return;
     }
 

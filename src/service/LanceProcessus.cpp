@@ -25,7 +25,8 @@ constexpr int s_nMaxArguments = 50; ///< the program included
 constexpr std::size_t s_nOutputRoom = std::size_t{1} << 20;
 /// Bytes of one read; they lie on the stack, of which a worker thread has 64 KiB.
 constexpr std::size_t s_nBlock = 1024;
-constexpr long s_nGoOnMs = 50; ///< within which a child that waited for room in its pipe writes again
+/// How long a child that had to wait for room in its pipe may take to write again.
+constexpr long s_nGoOnMs = 50;
 
 /// Appends; a large text gets its whole room at once instead of growing by doubling: while it moves, both
 /// copies are in memory.
@@ -43,8 +44,8 @@ void Nap(int nMs)
     ::poll(nullptr, 0, nMs); // a child's exit ends it early, by SIGCHLD
 }
 
-/// Whether the calling thread may still launch tools and wait for them; if not, errno is ECANCELED. The tool
-/// that it waits for is then left to itself.
+/// CStopping::bMayGoOn, which says whether the thread may still launch tools and wait for them. When it may
+/// not, errno is ECANCELED, and the tool that it waits for is left to itself.
 bool bMayGoOn()
 {
     if (!CStopping::bMayGoOn()) {
@@ -111,7 +112,8 @@ bool CLanceProcessus::bLanceProcessus(const wchar_t* pszProgram, const wchar_t* 
         return bFail(pclError, L"stop", pszProgram);
     }
 
-    // Checked before the fork: after it nothing but the child's exit status 127 would tell.
+    // Checked before the fork: after it the caller would learn of a missing program only by the child's exit
+    // status 127.
     std::string csProgram = csToUTF8(pszProgram);
     if (::access(csProgram.c_str(), X_OK) != 0) {
         return bFail(pclError, L"access", pszProgram);
@@ -191,7 +193,8 @@ bool CLanceProcessus::_bOutputWaits(bool bWanted)
     return nReady > 0;
 }
 
-/// Whether to go on. Kills a tool whose work was cancelled: it must not be done later.
+/// Whether to go on waiting for the tool. One whose work was cancelled is killed: that work must not be done
+/// later.
 bool CLanceProcessus::_bMayGoOn()
 {
     const bool bOn = bMayGoOn();
@@ -232,8 +235,9 @@ bool CLanceProcessus::bLitSortieA(CXYString<char>* pcsOutput)
         _WaitEndAfterOutput();
     }
 
-    // A child that has filled the pipe before goes on at once. A long pause for each pipeful would add up to
-    // half a minute for what a listing may print.
+    // A child that has printed more than a pipeful may have waited for room, and writes on as soon as it has
+    // some: give it a moment before the long pause. A long pause for each pipeful would add up to half a
+    // minute for what a listing may print.
     if (nTotal == 0 && m_nOutput >= s_nOutputRoom && m_nOutputError == 0 && _bReadable(s_nGoOnMs)) {
         return true;
     }

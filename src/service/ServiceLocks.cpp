@@ -15,8 +15,8 @@ using namespace std::chrono_literals;
 
 /// Time between two stops: the first may have come before the init system knew of the start.
 constexpr auto s_clStopAgain = 250ms;
-/// When a start that no stop has ended is given up: a script may hang before there is anything that its stop
-/// could find.
+/// After how long a start that the stops have not ended is given up (its tool is killed): a script may hang
+/// before there is anything that a stop could find.
 constexpr auto s_clGiveUp = 2s;
 } // namespace
 
@@ -27,7 +27,7 @@ struct CServiceLocks::STName
     bool bStarting = false;            ///< its holder is inside CHold::bStart
     bool bInterrupted = false;         ///< a removal has sent the stop to this start
     int nRemovals = 0;                 ///< removals that wait; one of them is next
-    std::atomic<bool> bGivenUp{false}; ///< read by the starting thread: kill the start's tool
+    std::atomic<bool> bGivenUp{false}; ///< the starting thread must kill the start's tool
 };
 
 CServiceLocks::CHold& CServiceLocks::CHold::operator=(CHold&& clOther) noexcept
@@ -139,8 +139,8 @@ CServiceLocks::CHold CServiceLocks::clTakeToRemove(const std::wstring& csName,
     auto pstName = _pstName(csName);
     clHold.m_tNames[csName]; // allocates now, while running out of memory changes nothing yet
 
-    ++pstName->nRemovals; // from here on nobody else takes the name, and no start of it begins
-    CClock::time_point clMet{};
+    ++pstName->nRemovals;       // from here on nobody else takes the name, and no start of it begins
+    CClock::time_point clMet{}; // when the start was first seen to be under way
     while (pstName->bHeld && !CStopping::bAsked()) {
         if (!pstName->bStarting) {
             std::ignore = CStopWait::bWait(

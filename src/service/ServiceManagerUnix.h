@@ -114,8 +114,8 @@ public:
     /// The registry's form of a name that a caller has given; the key of the service's lock.
     static std::wstring csRegisteredName(const std::wstring& csName);
 
-    /// All services whose names begin with the prefix, and those of the further names that exist. Finds also
-    /// those that no listing holds because they are masked, or neither enabled nor running; of those that
+    /// All services whose names begin with the prefix, and those of the further names that exist. Unlike a
+    /// listing, it also finds services that are masked, or neither enabled nor running. Of a service that
     /// systemd does not show only the name is known. Nothing, with errno, on failure.
     std::optional<std::vector<std::unique_ptr<CService>>>
     tRegistered(const wchar_t* pszPrefix, std::initializer_list<const wchar_t*> tFurther);

@@ -18,8 +18,9 @@
 #include <vector>
 
 // Deletes as root in folders whose owners may rename, link and mount while the walk is under way. So the walk
-// resolves no path twice: each step goes from one open directory to the next by a single name, follows no
-// symbolic link, and compares where it has come to with where it has been.
+// resolves no path twice: each step goes from one open directory to the next by a single name and follows no
+// symbolic link. A step down must stay on the same mount; a step up must lead to the directory that the walk
+// came from.
 
 namespace {
 using STExtendedStatus = struct statx; // a function has the structure's name
@@ -266,7 +267,7 @@ std::string csWithoutTrailingSlashes(std::string csPath)
     return csPath;
 }
 
-/// The directory's resolved path; empty with errno when it may not be deleted by its name.
+/// The directory's resolved path; empty with errno when it does not exist or must not be deleted.
 std::string csResolveOwnFolder(const std::wstring& csDirectory)
 {
     // lstat follows a link whose name has a trailing slash.

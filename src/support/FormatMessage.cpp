@@ -14,7 +14,7 @@
 #include <vector>
 
 namespace {
-constexpr std::size_t s_nMaxNumber = 99;
+constexpr std::size_t s_nMaxNumber = 99; ///< of an insert: two digits
 /// Limit of widths and precisions: a wrong format must not cost memory.
 constexpr int s_nMaxWidth = 1000;
 
@@ -97,8 +97,7 @@ private:
     /// Takes the prefix and the conversion, which must end the type.
     bool _bReadConversion(STInsert* pstInsert)
     {
-        // "l" says nothing of an integer, which has 32 bits with or without it: only strings and characters
-        // care.
+        // "l" matters for strings and characters only: an integer has 32 bits with or without it.
         const bool b64 = _bTake(L"I64") || _bTake(L"ll");
         const bool bLong = !b64 && (_bTake(L"I32") || _bTake(L"l") || _bTake(L"w"));
         pstInsert->bShort = !b64 && !bLong && _bTake(L"h");
@@ -150,7 +149,7 @@ bool bReadInsert(std::wstring_view csFormat, std::size_t& nPos, STInsert* pstIns
     return true;
 }
 
-/// Pads a string or a character to the width; the C library, which pads integers, does not see these.
+/// Pads a string or a character to the width. (The C library pads integers, see csInteger.)
 std::wstring csPadded(std::wstring csText, const STInsert& stInsert)
 {
     const auto nWidth = static_cast<std::size_t>(stInsert.nWidth);
@@ -299,7 +298,8 @@ private:
         }
     }
 
-    /// Whether the insert has the type of its number's first one, which decides how the argument is taken.
+    /// Whether the insert has the type of the first insert with its number: that one decides how the argument
+    /// is taken.
     bool _bAgrees(const STInsert& stInsert)
     {
         EArg& eArg = m_tTypes[stInsert.nNumber];
@@ -324,7 +324,7 @@ private:
             case EArg::INT64:
                 m_tArgs[n].n64 = va_arg(pCopy, std::int64_t);
                 break;
-            default: // texts; also numbers without an insert, which are passed over as a pointer
+            default: // texts; also arguments that no insert uses: each is skipped as if it were a pointer
                 m_tArgs[n].p = va_arg(pCopy, const void*);
             }
         }

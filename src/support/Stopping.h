@@ -50,8 +50,9 @@ public:
     /// Sleeps; false at once when the calling thread may not go on. A stop or a signal may end the sleep
     /// early.
     static bool bSleep(int nMs) noexcept;
-    /// A descriptor to poll beside others: it becomes readable when the stop is asked. It stays readable, so
-    /// the operation returns -1 from then on, which poll skips: a thread that may go on would spin otherwise.
+    /// A descriptor to poll beside others: it becomes readable when the stop is asked. From then on it stays
+    /// readable, so that a thread that may go on would spin; therefore the operation then returns -1, which
+    /// poll skips.
     static int nFdToPoll() noexcept;
     /// The time-out to poll nFdToPoll with, for a sleep of nMs milliseconds (below 0: without limit). It is
     /// shorter for a thread that may be cancelled and for any thread after the stop: no descriptor tells them
