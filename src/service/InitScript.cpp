@@ -30,7 +30,7 @@ bool bControl(char c)
     return static_cast<unsigned char>(c) < ' ' || c == 0x7F;
 }
 
-/// Whether a character means nothing to a shell; of those beyond ASCII the control characters do not qualify.
+/// Whether a character means nothing to a shell. Beyond ASCII all but the control characters, 0x80 to 0x9F.
 bool bOrdinary(wchar_t c)
 {
     return c > 0x9F ||
@@ -59,7 +59,8 @@ std::string csEscapeWords(std::string_view csText)
     std::string csResult;
     for (std::size_t n = 0; n < csText.size(); ++n) {
         const std::size_t nEnd = csText[n] == '"' ? csText.find('"', n + 1) : std::string_view::npos;
-        if (nEnd != std::string_view::npos) { // inside the quotes these three still mean something
+        if (nEnd != std::string_view::npos) {
+            // Between double quotes only these three still mean something to the shell.
             csResult += '"';
             for (const char c : csText.substr(n + 1, nEnd - n - 1)) {
                 csResult.append(std::string_view("$`\\").find(c) != std::string_view::npos ? "\\" : "")
@@ -74,7 +75,8 @@ std::string csEscapeWords(std::string_view csText)
     return csResult;
 }
 
-/// Escapes the result of csEscapeWords once more: one shell's reading undoes it.
+/// Escapes the result of csEscapeWords once more, for `daemon`: the first shell turns this text back into
+/// that result, which `daemon` hands to a second one.
 std::string csEscapeAgain(std::string_view csText)
 {
     std::string csResult;
@@ -82,6 +84,8 @@ std::string csEscapeAgain(std::string_view csText)
     for (std::size_t n = 0; n < csText.size(); ++n) {
         // A backslash and the character after it are one unit, so that an escaped quote opens nothing.
         const std::size_t nLength = csText[n] == '\\' ? 2 : 1;
+
+        // Only the spaces between words stay; one in quotes is part of its word for the second shell.
         bQuoted = bQuoted != (csText[n] == '"');
         csResult += csText[n] == ' ' && !bQuoted ? " " : csEscape(csText.substr(n, nLength));
         n += nLength - 1;
@@ -191,7 +195,7 @@ void __PatchScript(CXYString<char>* pcsScript, CXYString<char>* pcsLockFile, con
 STMarker stReadMarker(std::string_view csScript, std::string_view csKey, std::size_t nBuffer)
 {
     while (!csScript.empty()) {
-        // A longer line is cut, as by a reader with such a buffer, terminator included; clients rely on it.
+        // A longer line is cut to what a buffer of this size holds beside a terminator; clients rely on it.
         std::string_view csLine = csTakeLine(&csScript).substr(0, nBuffer - 1);
         csLine = csLine.substr(0, csLine.find('\0'));
         const std::size_t nKey = csLine.find(csKey);
@@ -226,9 +230,12 @@ std::optional<std::string> csProgramStarted(std::string_view csScript, const std
     if (!csProgram || nArguments == std::string_view::npos) {
         return std::nullopt;
     }
+
     std::string_view csBefore = csScript.substr(0, nArguments);
     csBefore = csBefore.substr(0, csBefore.find_last_not_of(' ') + 1);
-    // The start is a tool's, which is given the arguments after "--", or one shell's, or two shells'.
+
+    // Before the arguments stands the "--" of start-stop-daemon, whose program is an option's value, or the
+    // program itself, escaped for one shell or for `daemon`'s two.
     const std::string csWord = csEscape(*csProgram);
     const bool bWhole =
         csBefore.ends_with(" --") || csBefore.ends_with(csWord) || csBefore.ends_with(csEscape(csWord));

@@ -21,13 +21,14 @@ bool bInertWords(const std::wstring& csText);
 /// character, and no double quote in the program's path, which would end the path in the marker line.
 bool bScriptable(const std::string& csCommandLine);
 
-/// Fills the four placeholders of a template; a null text counts as an empty one. Ordinary values are
-/// inserted byte for byte.
+/// Fills the four placeholders of a template; a null text counts as an empty one. A value in which no
+/// character means anything to a shell is inserted byte for byte everywhere.
 ///
 /// In commands, every character of the program and the arguments that means something to the shell gets a
 /// backslash, and double quotes group arguments. What passes through the helper `daemon` is escaped once
-/// more, for its own shell. In comments the values are unchanged. A display name belongs in comments only;
-/// its control characters become spaces and its double quotes single ones, or it could forge the marker line.
+/// more, for the shell that `daemon` starts. In comments the values are unchanged. A display name belongs in
+/// comments only; its control characters become spaces and its double quotes single ones, or it could forge
+/// the marker line.
 void __PatchScript(CXYString<char>* pcsScript, CXYString<char>* pcsLockFile, const char* pszCommandLine,
                    const char* pszDisplayName);
 
@@ -46,6 +47,7 @@ STMarker stReadMarker(std::string_view csScript, std::string_view csKey, std::si
 STMarker stDisplayNameInScript(std::string_view csScript);
 STMarker stProgramInScript(std::string_view csScript);
 
-/// The marker line's program, when a line of the script starts it with a registration's arguments and the
-/// name right after it. Older releases wrote scripts in which a path with a space goes on after it.
+/// The marker line's program, if the script starts exactly that path with a registration's arguments and the
+/// name; else nothing. Older releases cut a path at its first space in the marker line, and the command of
+/// such a script goes on with the rest of the path.
 std::optional<std::string> csProgramStarted(std::string_view csScript, const std::string& csName);

@@ -44,7 +44,7 @@ void CServiceLocks::CHold::Release()
         return;
     }
 
-    // Kept for the caller, who may be about to report why its work with the names failed.
+    // The caller may be about to report with errno why its work with the names failed.
     const int nErrno = errno;
     const auto clLock = m_pclLocks->m_clWait.clLock();
     for (auto& [csName, pstName] : m_tNames) {
@@ -66,14 +66,14 @@ bool CServiceLocks::CHold::bStart(CService& clService)
     // Go on to the end even when out of memory: with bStarting left set, removals would wait for ever.
     bool bStarted = false;
     try {
-        const CStopRight clRight(&pFound->second->bGivenUp);
+        const CStopRight clRight(&pFound->second->bGivenUp); // through it a removal kills the tool
         bStarted = clService.bStart();
     } catch (...) { // out of memory
         errno = ENOMEM;
     }
     const int nErrno = errno;
 
-    // Whatever the tool reported: a start to which a removal has sent the stop does not last.
+    // Whatever the tool reported: a removal has stopped the service of an interrupted start.
     const bool bKept = m_pclLocks->_bEndStart(*pFound->second);
     errno = bKept ? nErrno : ECANCELED;
     return bStarted && bKept;
@@ -92,6 +92,7 @@ std::shared_ptr<CServiceLocks::STName> CServiceLocks::_pstName(const std::wstrin
 /// Gives up one use of a name; the last user removes the name from the table.
 void CServiceLocks::_Forget(const std::wstring& csName, std::shared_ptr<STName>* ppstName)
 {
+    // The count is exact: pointers to an entry are copied and dropped only with the lock held.
     constexpr long nTableAndMine = 2;
     if (ppstName->use_count() == nTableAndMine) {
         m_tNames.erase(csName);
@@ -102,7 +103,7 @@ void CServiceLocks::_Forget(const std::wstring& csName, std::shared_ptr<STName>*
 bool CServiceLocks::_bTakeOne(const std::wstring& csName, CHold* pclHold)
 {
     auto clLock = m_clWait.clLock();
-    auto pstName = _pstName(csName);
+    auto pstName = _pstName(csName); // counts as a use: the entry stays in the table during the wait
 
     // A waiting removal goes first: otherwise a crowd of starters could keep it out.
     const bool bTaken = CStopWait::bWait(
@@ -155,7 +156,7 @@ CServiceLocks::CHold CServiceLocks::clTakeToRemove(const std::wstring& csName,
         clLock.unlock();
         try {
             fnStop();
-        } catch (...) { // out of memory: the next round sends it
+        } catch (...) { // out of memory: the next round tries again
         }
         clLock.lock();
 
@@ -188,7 +189,7 @@ bool CServiceLocks::_bBeginStart(STName& stName)
         return false;
     }
 
-    // One hold may start its service several times; each start begins unharmed.
+    // One hold may start its service several times: what cancelled one start must not cancel the next.
     stName.bStarting = true;
     stName.bInterrupted = false;
     stName.bGivenUp = false;

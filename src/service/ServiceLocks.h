@@ -14,9 +14,9 @@ class CService;
 /// one after the other; different services never wait for each other. The keys are registered names
 /// (CServiceManager::csRegisteredName). Any thread.
 ///
-/// A removal does not wait for a start that is under way: it sends the stop, which cancels the start, and is
-/// next; nobody else gets the name in between. Take names before any other lock of the registry: who holds
-/// one of those and waits for a name makes everybody wait for a start that hangs.
+/// A removal does not wait out a start that is under way: it stops the service, which cancels the start, and
+/// gets the name before anybody else. Take names before any other lock of the registry: a thread that held
+/// one of those while it waits for a name would make everybody wait for a start that hangs.
 class CServiceLocks
 {
 public:
@@ -51,7 +51,7 @@ public:
     CHold clTake(const std::set<std::wstring>& tNames);
     CHold clTake(const std::wstring& csName) { return clTake(std::set{csName}); }
     /// Takes one name for a removal. While a start of the service is under way, calls fnStop, which stops the
-    /// service, every 250 ms; a start that goes on for 2 seconds even so is given up and its tool killed.
+    /// service, every 250 ms. A start still under way after 2 seconds is given up: its tool is killed.
     CHold clTakeToRemove(const std::wstring& csName, const std::function<void()>& fnStop);
     /// Whether somebody holds the name now.
     bool bHeld(const std::wstring& csName);

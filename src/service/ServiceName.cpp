@@ -15,8 +15,8 @@ namespace {
 constexpr std::size_t s_nMaxFileName = 255; ///< bytes
 constexpr std::wstring_view s_csSuffix = L".service";
 constexpr std::wstring_view s_csPidSuffix = L".pid";
-/// Characters that a unit's name holds unescaped. The backslash is one, so that systemctl is asked unchanged
-/// about a unit whose name has one.
+/// Characters that a unit's name holds unescaped. The backslash is one of them: systemctl is then asked about
+/// a unit whose name holds one with that name unchanged.
 constexpr std::string_view s_csUnitCharacters =
     "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ:-_.\\@";
 
@@ -64,7 +64,7 @@ bool bCharacter(wchar_t c)
            (n & 0xFFFE) != 0xFFFE;
 }
 
-/// Whether systemctl takes the name for a whole unit name, which may be another unit's.
+/// Whether systemctl takes the name for a whole unit name and adds no ".service": it may be another unit's.
 bool bHasUnitType(std::wstring_view csUnit)
 {
     static constexpr std::wstring_view s_tTypes[] = {L".service",   L".socket", L".device", L".mount",
@@ -84,7 +84,7 @@ std::wstring csHex(char c)
     std::array<char, 8> tHex{};
     std::snprintf(tHex.data(), tHex.size(), "\\x%02x",
                   static_cast<unsigned int>(static_cast<unsigned char>(c)));
-    return {tHex.begin(), tHex.begin() + 4};
+    return {tHex.begin(), tHex.begin() + 4}; // without the terminator
 }
 
 /// A unit's name as its file's name holds it. A name whose only "@" is its last character would be a
@@ -139,16 +139,16 @@ std::wstring csWholeName(const std::wstring& csUnit)
     return csAsked.size() + s_csSuffix.size() > s_nMaxFileName ? std::wstring() : csAsked;
 }
 
-/// The name of a unit that systemctl lists. Somebody else's unit may have a name that is no escaped form of
-/// any name: that one is left as it is listed, so that no other unit shares it.
+/// The name of a unit that systemctl lists. Somebody else's unit may have a file name that no name escapes
+/// to. Such a file name is the name itself: decoded, it would be the name of another unit, too.
 std::wstring csUnitListed(const std::wstring& csListed)
 {
     const std::wstring csUnit = csUnescaped(csToUTF8(csListed));
     return csWholeName(csUnit) == csListed ? csUnit : csListed;
 }
 
-/// The form in which systemctl is asked about a unit. A caller's backslash may look like an escape: "R\x26D"
-/// is not the service "R&D", and names nothing.
+/// The form in which systemctl is asked about a unit; empty unless a listing would turn it back into this
+/// name. A caller's backslash may look like an escape: "R\x26D" is not the service "R&D", and names nothing.
 std::wstring csAsk(const std::wstring& csUnit)
 {
     std::wstring csAsked = csWholeName(csUnit);
@@ -219,12 +219,14 @@ bool CServiceName::bInstallable() const
 {
     const bool bSystemd = CServiceManager::bSystemd();
 
-    // In a unit's text the first four have a meaning; a name with ";" or "|" could not be looked up.
+    // In a unit's text the first four have a meaning; a name with ";" or "|" could not be looked up. Of a
+    // script's name bInertName decides.
     const std::wstring_view csForbidden = bSystemd ? L"\\%$';|" : L"";
     const bool bGood = std::ranges::all_of(m_csText, [csForbidden](wchar_t c) {
         return bCharacter(c) && !bControl(c) && !bOneOf(c, csForbidden);
     });
 
+    // The PID file has the registry form as its name; the unit file's length is checked with csAsked.
     if (m_csText.empty() || !bGood || m_csText.front() == L' ' || m_csText.back() == L' ' ||
         bHasOptionWord(m_csText) || bHasUnitType(m_csText) ||
         nBytes(csRegistry()) + s_csPidSuffix.size() > s_nMaxFileName) {

@@ -8,12 +8,11 @@
 /// A name is made from a caller's text or from what the init system lists; which init system that is says
 /// CServiceManager::bSystemd. The forms:
 ///  - text: what the caller said, or what is listed, decoded;
-///  - registry: the unit's name without ".service", or the script's name. In a unit's name a space becomes
-///  "_"
-///    and a tab "__"; in a script's name "/" and "." become "-", too;
-///  - asked: the unit's name as one word for systemctl, which is the unit's file name without ".service". A
-///  byte
-///    that a unit's name cannot hold is "\xNN" in it.
+///  - registry: the unit's name without ".service", or the script's name. In both, a space becomes "_" and
+///    a tab "__"; in a script's name, "/" and "." become "-", too;
+///  - asked: the unit's file name without ".service", as one word for systemctl. A byte that a unit's name
+///    cannot hold is written "\xNN".
+///
 /// Two names with the same registry form are the same service.
 ///
 /// Plain values; nothing throws but std::bad_alloc.
@@ -36,13 +35,13 @@ public:
     /// The script's name, whatever the init system. A listing's prefix is compared in this form, too.
     std::wstring csScript() const;
 
-    /// The name that a lookup under systemd is for. There, and nowhere else, ";" and "|" stand for spaces;
-    /// clients rely on it. The result names nothing when it is then more than one word.
+    /// The name that a lookup under systemd looks for. There, and nowhere else, ";" and "|" stand for spaces;
+    /// clients rely on it. When that leaves more than one word, the result names nothing.
     CServiceName clLookedUp() const;
     /// The same service's name with the registry form as its text.
     CServiceName clRegistered() const { return {csRegistry(), m_csAsked, true}; }
-    /// The name as it was registered: the display name when it can be registered and has the same registry
-    /// form, else the text.
+    /// The name as it was said at the registration: the display name, if a registration under that name gives
+    /// this service, else the text.
     std::wstring csRegisteredAs(const wchar_t* pszDisplayName) const;
     /// The name for people: the display name, whatever it says; the service's own when there is none, or when
     /// a control character in it could forge fields of a list.

@@ -22,7 +22,7 @@ std::string csFor(const std::string& csName, const char* pszRow)
 
 void RegisterByTool(const STSysVFamily& stFamily, const std::string& csName)
 {
-    // Not judged: an unregistered script still serves.
+    // A failure is ignored: without its boot links a script still starts and stops the service.
     std::ignore = nShell(csFor(csName, stFamily.pszRegister));
 }
 
@@ -41,14 +41,16 @@ constexpr STBootFile s_tBootFiles[] = {
      "\n# Start the %s server\nif [ -x /etc/rc.d/rc.%s ]; then\n/etc/rc.d/rc.%s stop\nfi\n"},
 };
 
-/// Slackware has no tool: its boot and shutdown scripts call each service in a block of their own.
+/// Slackware has no tool: its boot and shutdown scripts call each service in a block of their own. A script
+/// that does not exist is not created. A removal leaves the blocks, which do nothing once the service's
+/// script is gone.
 void AppendBootBlocks(const STSysVFamily&, const std::string& csName)
 {
     for (const STBootFile& st : s_tBootFiles) {
         std::string csFile;
         const std::string csBlock = csFor(csName, st.pszBlock);
         if (CDiskFile::bReadFile(st.pszPath, &csFile) && csFile.find(csBlock) == std::string::npos) {
-            // Not judged, as with the tools of the other families.
+            // A failure is ignored, as with the tools of the other families.
             std::ignore = CDiskFile::bWriteFile(st.pszPath, csFile + csBlock);
         }
     }
@@ -68,11 +70,13 @@ bool bUnregisterThenDelete(const STSysVFamily& stFamily, const std::wstring& csN
 bool bDeleteThenUnregister(const STSysVFamily& stFamily, const std::wstring& csName)
 {
     std::ignore = CDiskFile::bDelete(csScriptPath(csName));
-    // Only a shell that could not be run counts as a failure; clients rely on it.
+    // Only a shell that could not be run counts as a failure, and not even that when there is no shell
+    // (ENOENT, which would say that there is no such service); clients rely on both.
     return nShell(csFor(csToUTF8(csName), stFamily.pszUnregister)) != -1 || errno == ENOENT;
 }
 
-/// One row for each SysV family. Those without a tool of their own for boot links have functions instead.
+/// One row for each SysV family. A family without a tool for boot links has no shell lines, but a function of
+/// its own.
 constexpr STSysVFamily s_tFamilies[] = {
     {DISTRI_DEBIAN, g_szScriptDirectory, &g_csDebianScript, "update-rc.d %s defaults >/dev/null",
      "update-rc.d -f %s remove >/dev/null", RegisterByTool, bDeleteThenUnregister},

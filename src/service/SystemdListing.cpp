@@ -24,7 +24,7 @@ bool CSystemdListing::_bMore()
     const std::size_t nFirst = m_nNext;
     m_nNext = std::min(nFirst + s_nBatch, m_tNames.size());
 
-    // For one unit alone a batch saves nothing, and a lookup asks more patiently.
+    // For one unit alone a batch saves nothing, while a lookup asks again when systemctl fails.
     const bool bAlone = m_nNext - nFirst == 1;
     if (bAlone || !_bAskTogether(nFirst, m_nNext)) {
         _AskEach(nFirst, m_nNext);
@@ -38,6 +38,9 @@ bool CSystemdListing::_bAskTogether(std::size_t nFirst, std::size_t nEnd)
     for (std::size_t n = nFirst; n < nEnd; ++n) {
         csArguments += L" " + m_tNames[n].csAsked();
     }
+
+    // Once only: after a failure each unit is asked about by itself. An output with an "Id" counts as an
+    // answer even when systemctl fails; whether it covers the whole batch is checked below.
     const std::optional<std::string> csAnswer = csAskSystemctlOnce({csArguments, "Id"});
     if (!csAnswer) {
         return false;
@@ -71,7 +74,7 @@ void CSystemdListing::_AddOrFail(std::unique_ptr<CService> pclService)
     if (pclService != nullptr) {
         _Add(std::move(pclService));
     } else if (errno != ENOENT) {
-        // The unit may exist: without it the listing would say that it does not.
+        // The unit may exist: a listing without it would say that it does not.
         _Fail(errno);
     }
 }

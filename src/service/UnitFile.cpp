@@ -41,7 +41,8 @@ bool bForSystemd(char c)
            std::string_view("\x7F%$\"'\\").find(c) != std::string_view::npos;
 }
 
-/// Whether what stands after a program is no more of its path, as in units of older releases.
+/// Whether the text after a program is certainly not the rest of its path. Units of older releases hold paths
+/// with spaces without quotes, where the program seems to end at the first space.
 bool bOnlyOptions(std::string_view csArguments)
 {
     SkipBlanks(&csArguments);
@@ -66,14 +67,16 @@ bool bUnitReadsBack(const std::wstring& csCommandLine, const CServiceName& clNam
     // systemd reads quoted and unquoted parts side by side as one word, so a space must follow the quotes.
     const bool bEnds =
         !csBytes.starts_with('"') || stCommand.csArguments.empty() || stCommand.csArguments.starts_with(' ');
+
+    // The command line must also survive UTF-8, stay on one line of the unit, and name a plain path.
     if (csFromUTF8(csBytes) != csCommandLine || csCommandLine.find_first_of(L"\r\n") != std::wstring::npos ||
         csCommandLine.find(L'\0') != std::wstring::npos || !bEnds ||
         !CProgram::s_clAt(csProgram).bWholePath() || std::ranges::any_of(stCommand.csProgram, bForSystemd)) {
         return false;
     }
 
-    // Both readings must give this program: a later lookup's, and that of the record made by the
-    // installation.
+    // The program is read twice, and both must give this path: by a later lookup from what "show" prints, and
+    // by the installation from the command line.
     const STUnitShown stShown = stReadShow(csShown(stCommand, clName));
     const std::string csRead = stShown.csExecutable.value_or(
         csToUTF8(CProgram::s_clOf(csFromUTF8(stShown.csBinaryPath.value_or(""))).csPath()));
@@ -109,7 +112,7 @@ std::optional<std::wstring> csProgramInUnit(std::string_view csText)
     std::optional<std::wstring> csProgram;
     int nLines = 0;
 
-    // With several lines it depends on the unit's type what runs, so none of them is taken.
+    // What runs of several lines depends on the unit's type, so none of them is taken.
     ForEachLine(csText, [&](std::string_view csLine) {
         if (csLine.starts_with(csKey)) {
             ++nLines;
@@ -135,13 +138,16 @@ bool CUnitFile::bWrite(const std::wstring& csText)
 
 void CUnitFile::TakeBack()
 {
-    const int nErrno = errno;
+    const int nErrno = errno; // says why the unit is taken back
+
     if (m_csBefore) {
         std::ignore = CDiskFile::bWriteFile(m_csPath, *m_csBefore);
     } else {
+        // First, as systemctl finds the links of a unit by the file's install section.
         std::ignore = bSystemctlDone(L"disable " + m_clName.csAsked());
         std::ignore = CDiskFile::bDelete(m_csPath);
     }
     std::ignore = bSystemctlDone(L"daemon-reload");
+
     errno = nErrno;
 }

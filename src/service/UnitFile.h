@@ -16,8 +16,8 @@ bool bUnitReadsBack(const std::wstring& csCommandLine, const CServiceName& clNam
 std::wstring csUnitText(const CServiceName& clName, std::wstring csDisplayName,
                         const std::wstring& csCommandLine, bool bRestartOnAbnormal);
 
-/// Program of a unit file's only ExecStart line. Nothing when it has no such line, or several, or when the
-/// path may go on after a space: what follows it is not options without a slash.
+/// Program of a unit file's only ExecStart line. Nothing when the file has no such line, or several, or when
+/// the text after the program may be the rest of its path: anything but options without a slash.
 std::optional<std::wstring> csProgramInUnit(std::string_view csText);
 
 /// The unit file of one service: an installation writes it, and takes it back when systemd refuses it.
