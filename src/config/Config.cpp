@@ -48,7 +48,7 @@ void ReplaceMacro(wchar_t* pszPath, std::size_t nMacro, std::wstring_view csDire
     const std::size_t nDirectory = std::min(csDirectory.size(), s_nMaxPath);
     const std::size_t nKept = std::min(csPath.size() - nRest, s_nMaxPath - nDirectory);
 
-    // The rest moves first: the directory would overwrite it.
+    // The rest moves first, as the directory may overwrite it where it stands.
     std::wmemmove(pszPath + nDirectory, pszPath + nRest, nKept);
     csDirectory.copy(pszPath, nDirectory);
     pszPath[nDirectory + nKept] = L'\0';
@@ -66,6 +66,7 @@ std::wstring csOwnDirectory(const wchar_t* pszDirectory)
     std::wstring csPath =
         pszDirectory != nullptr ? std::wstring(pszDirectory) : GetModuleFileNameW(s_nMaxPath);
     if (pszDirectory == nullptr) {
+        // csDirectory knows no backslash; EndInSlash would turn one into "/" only after the split.
         std::ranges::replace(csPath, L'\\', L'/');
         csPath = CDiskFile::csDirectory(csPath);
     }
@@ -107,6 +108,7 @@ const wchar_t* pszNullIfEmpty(const wchar_t* pszText)
 
 CConfig::CConfig(const wchar_t* pszDirectory) : m_csDirectory(csOwnDirectory(pszDirectory))
 {
+    // By the macro, so that the path is cut to a path buffer like every other one.
     CPathBuffer szFile{};
     CopyPath(L"%%EXE%%DXConf.ini", szFile.data());
     __PatchPath(szFile.data());
@@ -311,7 +313,7 @@ std::uint64_t CConfig::qwGetStatMaxFileSize() const
 void CConfig::GetAfterUpdate(wchar_t* pszBuffer) const
 {
     _Read(settings::AfterUpdateReport, pszBuffer);
-    pszBuffer[settings::AfterUpdateReport.nSize - 1] = L'\0';
+    pszBuffer[settings::AfterUpdateReport.nSize - 1] = L'\0'; // also after a shorter text: clients rely on it
 }
 
 bool CConfig::bIsInstallerNatif() const
@@ -323,7 +325,7 @@ bool CConfig::bIsInstallerNatif() const
 
 void CConfig::GetClusterManagerName(wchar_t* pszBuffer) const
 {
-    *pszBuffer = L'\0';
+    *pszBuffer = L'\0'; // whatever the read does, nothing of the buffer's old text remains
     _Read(settings::ClusterManager, pszBuffer);
 }
 

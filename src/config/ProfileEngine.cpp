@@ -198,7 +198,7 @@ off_t nFindSectionEnd(CProfileFile& clFile)
 {
     off_t nStart = clFile.nPosition();
     for (CUnits<TUnit> csLine; clFile.STRG_nGetLine(&csLine) >= 0; nStart = clFile.nPosition()) {
-        if (csLine.front() == TUnit{'['}) {
+        if (csLine.front() == TUnit{'['}) { // a line that was read has at least one character
             break;
         }
     }
@@ -269,7 +269,7 @@ bool __WritePrivateProfileString(CProfileFile& clFile, CUnitsView<TUnit> csSecti
                                  std::optional<CUnitsView<TUnit>> csKey,
                                  std::optional<CUnitsView<TUnit>> csValue)
 {
-    // First the place of the change.
+    // First the place of the change: the header's or the key's line, or the end of the file.
     const std::optional<STSpan> stHeader = stFindHeader(clFile, csSection);
     STSpan stSpan = {clFile.nPosition(), clFile.nPosition()};
     CUnits<TUnit> csText;
@@ -281,7 +281,7 @@ bool __WritePrivateProfileString(CProfileFile& clFile, CUnitsView<TUnit> csSecti
         stSpan = {stHeader->nStart, nFindSectionEnd<TUnit>(clFile)};
     }
 
-    // A failed read looks like the end of the file: a second section or key would be written.
+    // A failed read looks like the end of the file: the section or key would be written a second time.
     if (clFile.bReadFailed()) {
         return false;
     }

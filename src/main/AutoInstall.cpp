@@ -58,14 +58,14 @@ CServicePtr pclProvide(int nStyle, CServiceManager* pclManager)
         return nullptr;
     }
 
-    // After any other error one may be registered, so nothing may be overwritten.
+    // ENOENT: none is registered. After any other error one may be, so nothing may be overwritten.
     CServicePtr pclService = pclManagerService(pclManager);
     if (pclService == nullptr && errno != ENOENT) {
         ShowErrorIDSError_Service(nStyle, MSG_CANNOT_REGISTER);
         return nullptr;
     }
 
-    // Best effort: when the older one cannot be removed, registering this one overwrites it or fails.
+    // Failures are ignored: when the older one stays, registering this one overwrites it or fails.
     if (pclService != nullptr && bOlderThanThis(*pclService)) {
         std::ignore = pclService->bStop();
         std::ignore = pclService->bRemove();
@@ -97,7 +97,8 @@ bool bAutoInstall(int bInstaller, CServiceManager* pclManager)
             return true;
         }
 
-        // Does not start. Another installation's is replaced by this one; this one would fail again.
+        // Does not start. The service of another executable is replaced by this one's, but this one's own
+        // would only fail again.
         if (!bRetry || bIsThisExecutable(*pclService)) {
             ShowErrorIDS(bInstaller, MSG_CANNOT_START);
             return false;
@@ -119,6 +120,7 @@ bool bUnInstall(CServiceManager* pclManager)
         return false;
     }
 
+    // The executable goes even when the service could not be found or removed.
     pclManager->bInit(nullptr, 0);
     if (const CServicePtr pclService = pclManagerService(pclManager)) {
         if (pclService->bActive()) {

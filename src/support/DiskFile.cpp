@@ -85,8 +85,9 @@ std::string csNewName(const std::string& csPath)
            std::to_string(++s_nCounter);
 }
 
-/// Gives the new file the owner and mode of the one it replaces.
-/// False when it cannot: others may then read or write what they could not before, so it must not be used.
+/// Gives the new file the owner and mode of the one it replaces; the mode comes last, as a change of owner
+/// clears bits of it. False when that fails: others might then read or write what they could not before, so
+/// the new file must not be used.
 bool bTakeOver(int nFd, const STFileStatus& stOld)
 {
     return ::fchown(nFd, stOld.st_uid, stOld.st_gid) == 0 && ::fchmod(nFd, stOld.st_mode & 07777) == 0;
@@ -99,16 +100,20 @@ bool bReplace(const std::string& csPath, const std::string& csBytes, const STFil
 {
     std::string csNew;
     CDescripteur clFile;
+
+    // A name that is taken (EEXIST) is no obstacle, any other failure is.
     for (int n = 0; n < s_nMaxNames && !clFile.bOpen() && (n == 0 || errno == EEXIST); ++n) {
         csNew = csNewName(csPath);
         clFile = CDescripteur(::open(csNew.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, s_nFileMode));
     }
     if (!clFile.bOpen()) {
-        *pbTryOver = errno == EACCES || errno == EPERM || errno == ENAMETOOLONG; // the old name is shorter
+        // The directory takes no new file, or not this name, which may be longer than the old file's.
+        *pbTryOver = errno == EACCES || errno == EPERM || errno == ENAMETOOLONG;
         return false;
     }
 
-    // fsync comes before rename: after a crash the name could otherwise lead to an empty file.
+    // Owner and mode come before the content, which may be secret. fsync comes before rename: after a crash
+    // the name could otherwise lead to an empty file.
     if (pstOld != nullptr && !bTakeOver(clFile.nFd(), *pstOld)) {
         *pbTryOver = true;
     } else if (bWriteAll(clFile.nFd(), csBytes) && ::fsync(clFile.nFd()) == 0) {
@@ -141,7 +146,8 @@ bool bWrite(const std::string& csPath, const std::string& csBytes)
         return false;
     }
 
-    // A device must not be replaced by a file, and a file's second name would keep the old content.
+    // A device must not be replaced by a file. Of a file with several hard links only this name would get the
+    // new content.
     const std::string csFile = csResolved(csPath);
     STFileStatus stOld{};
     const bool bOld = ::lstat(csFile.c_str(), &stOld) == 0;
@@ -234,9 +240,11 @@ bool CDiskFile::bCreateDirectory(const std::wstring& csPath, CXError* pclError)
         nError = ::mkdir(csBytes.substr(0, nEnd + 1).c_str(), s_nDirectoryMode) == 0 ? 0 : errno;
     }
 
-    if (bDirectoryExists(csPath.empty() ? csPath : DirectoryWithEndSlash(csPath))) {
+    if (bDirectoryExists(DirectoryWithEndSlash(csPath))) {
         return true;
     }
+
+    // No error, and yet not there: somebody has deleted it since.
     errno = nError != 0 ? nError : ENOENT;
     return bFail(pclError, L"create directory", csPath);
 }

@@ -61,6 +61,7 @@ public:
 
     bool bRead(STInsert* pstInsert)
     {
+        // Each flag is kept once: a row of them must not make the C library's format longer and longer.
         while (!m_csType.empty() && std::wstring_view(L"-+ #0").find(m_csType[0]) != m_csType.npos) {
             if (pstInsert->csFlags.find(static_cast<char>(m_csType[0])) == std::string::npos) {
                 pstInsert->csFlags += static_cast<char>(m_csType[0]);
@@ -116,7 +117,7 @@ private:
             return false;
         }
 
-        // A prefix decides the width of the characters; without one the case of the letter does.
+        // A prefix decides whether the characters are wide; without one the case of the letter does.
         const bool bWide = bLong || (!pstInsert->bShort && (c == L's' || c == L'c'));
         const bool bChar = c == L'c' || c == L'C';
         pstInsert->cConversion = bChar ? 'c' : 's';
@@ -137,7 +138,7 @@ bool bReadInsert(std::wstring_view csFormat, std::size_t& nPos, STInsert* pstIns
         pstInsert->nNumber = pstInsert->nNumber * 10 + static_cast<std::size_t>(csFormat[nPos++] - L'0');
     }
     if (nPos >= csFormat.size() || csFormat[nPos] != L'!') {
-        return true; // "%1" alone is wide text
+        return true; // "%1" alone is a wide string
     }
 
     const std::size_t nEnd = csFormat.find(L'!', nPos + 1);
@@ -192,9 +193,9 @@ std::int64_t nIntegerArg(const UArg& uArg, const STInsert& stInsert)
     return bSigned ? std::int64_t{uArg.n32} : std::int64_t{static_cast<std::uint32_t>(uArg.n32)};
 }
 
-/// Formats an integer by the C library, since inserts have its flags, width and precision. "ll" serves all
-/// sizes: the value is a 64-bit one by now. Width and precision are limited, so the buffer has room for them
-/// and for sign, prefix and digits.
+/// Formats an integer by the C library, since inserts have its flags, width and precision (-1: none, as for
+/// the C library). "ll" serves all sizes: the value has 64 bits by now. Width and precision are limited, so
+/// the buffer has room for them and for sign, prefix and digits.
 std::wstring csInteger(const UArg& uArg, const STInsert& stInsert)
 {
     const std::string csFormat = "%" + stInsert.csFlags + "*.*ll" + stInsert.cConversion;
@@ -213,6 +214,7 @@ std::wstring csArgument(const UArg& uArg, const STInsert& stInsert)
         return csPadded(csStringArg(uArg.p, stInsert), stInsert);
     }
 
+    // An argument list passes a character as an integer.
     if (stInsert.cConversion == 'c') {
         const char cNarrow = static_cast<char>(uArg.n32);
         return csPadded(stInsert.bWideChar ? std::wstring(1, static_cast<wchar_t>(uArg.n32))

@@ -51,12 +51,13 @@ void CStopping::Reset() noexcept
 
 void CStopping::Prepare()
 {
+    // Closes the descriptor of an earlier call. A failure stores -1, which poll skips.
     const CDescripteur clOld(s_nWakeFd.exchange(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)));
 }
 
 void CStopping::Ask() noexcept
 {
-    // SIGTERM may come again: the first one's time must remain, or the stop would never be over.
+    // Only the first SIGTERM sets the time: otherwise a stop that is asked repeatedly would never be over.
     long nNever = 0;
     if (!s_nAskedMs.compare_exchange_strong(nNever, nMonotonicMs())) {
         return;
@@ -137,6 +138,7 @@ bool CStopping::bSleep(int nMs) noexcept
     if (!bMayGoOn()) {
         return false;
     }
+
     pollfd stWake{nFdToPoll(), POLLIN, 0};
     ::poll(&stWake, 1, nPollMs(nMs));
     return bMayGoOn();
@@ -144,6 +146,7 @@ bool CStopping::bSleep(int nMs) noexcept
 
 bool CStopping::bToolEndedByStop(unsigned int nExitCode) noexcept
 {
+    // The exit code of a process that a signal ended is the signal's number.
     if (nExitCode != SIGTERM) {
         return false;
     }

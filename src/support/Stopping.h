@@ -55,12 +55,12 @@ public:
     /// poll skips.
     static int nFdToPoll() noexcept;
     /// The time-out to poll nFdToPoll with, for a sleep of nMs milliseconds (below 0: without limit). It is
-    /// shorter for a thread that may be cancelled and for any thread after the stop: no descriptor tells them
-    /// that they may not go on.
+    /// cut for a thread that may be cancelled, and for any thread after the stop: no descriptor wakes these
+    /// when they may not go on any more, so they look from time to time.
     static int nPollMs(int nMs) noexcept;
     /// Whether the stop ended a tool with this exit code while the calling thread may go on; the caller then
-    /// runs the tool once more. (systemd signals the whole control group: a tool may get SIGTERM, even before
-    /// the manager does.)
+    /// runs the tool once more. systemd signals the whole control group, so a tool gets the SIGTERM as well,
+    /// perhaps before the manager does.
     static bool bToolEndedByStop(unsigned int nExitCode) noexcept;
 
 private:

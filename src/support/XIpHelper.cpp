@@ -15,7 +15,8 @@
 #include <unistd.h>
 
 namespace {
-/// Kernels before 5.4 take no larger one unless the administrator says so.
+/// Longest queue of connections that wait for accept. Kernels before 5.4 cut a longer one to this unless the
+/// administrator raises net.core.somaxconn.
 constexpr int s_nMaxBacklog = 128;
 
 /// The outcome for one address of the resolver.
@@ -203,6 +204,7 @@ bool bOpenAll(const STEndpoint& stEndpoint, CEnsembleSockets* pclSet, CXError* p
         }
     }
 
+    // All addresses skipped without an error: the kernel has no such family, and errno is still socket's.
     if (pclSet->tGetSockets().empty() && pclError != nullptr && !pclError->bIsSet()) {
         __CompleteErreurServeur(stEndpoint.wPort, L"socket", pclError);
     }
@@ -236,10 +238,11 @@ int CEnsembleSockets::WaitReadable(timeval* pstTimeout)
         clSet.Add(st.nSocket);
     }
 
-    // Of several readable sockets the first is returned: the others are still readable at the next call.
     if (clSet.nSelect(pstTimeout) <= 0) {
         return -1;
     }
+
+    // Of several readable sockets the first is returned: the others are still readable at the next call.
     const auto it = std::ranges::find_if(
         m_tSockets, [&clSet](int nSocket) { return clSet.bReadable(nSocket); }, &STSocket::nSocket);
     return it == m_tSockets.end() ? -1 : it->nSocket;
