@@ -118,8 +118,8 @@ void CDialog::_SayHello()
 void CDialog::_WaitForCommande()
 {
     while (!m_clThread.bMustStop()) {
-        // Declared in the loop: it may be as long as a whole line, and must not stay while the tool is
-        // silent.
+        // Declared in the loop: the keyword may be as long as a whole line, and its memory must not stay in
+        // use while the tool is silent.
         CTString csKeyword;
         if (!bGetCommand(&csKeyword)) {
             return;
@@ -142,6 +142,7 @@ bool CDialog::bGetCommand(CTString* pcsKeyword)
 {
     ClearCommand();
 
+    // Receives until the line is complete.
     std::array<char, s_nBlock> tBlock;
     ssize_t nReceived = 0;
     do {
@@ -169,6 +170,7 @@ bool CDialog::_bNextField(std::wstring* pcsField)
 {
     const std::wstring& csLine = m_clCommand.csText();
 
+    // Counted from the line's beginning each time: a command takes only a few fields.
     std::size_t nStart = 0;
     for (int nField = m_nNextArgument++; nField > 0; --nField) {
         nStart = csLine.find(L'\t', nStart);
@@ -199,7 +201,7 @@ std::string CDialog::_csToWire(const std::wstring& csText) const
     return csNarrow(csText, m_bUTF8 ? CP_UTF8 : CP_1252);
 }
 
-/// A single call: it waits as long as the tool does not read. A failure is ignored, as the next receive
+/// A single call, which waits as long as the tool does not read. A failure is ignored, as the next receive
 /// notices a tool that is gone.
 void CDialog::_Send(std::string_view csBytes)
 {
@@ -208,7 +210,8 @@ void CDialog::_Send(std::string_view csBytes)
 
 void CDialog::Answer(const std::wstring& csText)
 {
-    CStopping::xCheck(); // after the stop no tool is run: what a command has found out may be wrong
+    // After the stop no tool is run, so what a command has found out may be wrong.
+    CStopping::xCheck();
     _Send(_csToWire(csText));
     _Send("\r\n");
 }

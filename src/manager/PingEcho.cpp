@@ -41,8 +41,8 @@ msghdr stMessage(STPingQuestion* pstQuestion, iovec* pstText)
 
 /// Reuses the kernel's packet-info message so that the answer leaves from the address that was asked. The
 /// routes choose the interface, except for a link-local address, which means nothing without one. A multicast
-/// address cannot be a source, so the kernel then chooses. For a broadcast address the kernel has already put
-/// an address of ours beside it.
+/// address cannot be a source, so the kernel then chooses. An IPv4 broadcast address needs nothing: the
+/// source is taken from ipi_spec_dst, into which the kernel has put an address of ours.
 void AnswerFromAsked(msghdr* pst)
 {
     cmsghdr* pstAsked = CMSG_FIRSTHDR(pst);
@@ -99,6 +99,7 @@ void AnswerAll(std::map<std::string, STPingQuestion>* ptQuestions)
 {
     CTString csServers;
     gpclSetupManager->AddServeurList(&csServers);
+
     // Both are made once, however many ask.
     const std::string csSystem = csAnswer(EPingForm::SYSTEM, csServers);
     const std::string csUTF8 = csAnswer(EPingForm::UTF8, csServers);
@@ -161,7 +162,7 @@ std::string csAsker(const STPingQuestion& stQuestion)
 
 EPingForm eReadPing(std::string_view csDatagram)
 {
-    // UTF-8 first: it is what a start of both questions asks for.
+    // UTF-8 first, for a prefix of both questions.
     if (s_csUTF8Question.starts_with(csDatagram)) {
         return EPingForm::UTF8;
     }

@@ -22,12 +22,12 @@ enum class EPingForm
     SYSTEM, ///< asks for an answer in the system code page
     UTF8,   ///< asks for an answer in UTF-8
 };
-/// Recognises a question: a datagram that equals the start of one of the two questions, whose trailing NUL
-/// belongs to them. A start of both, such as an empty datagram, asks for UTF-8.
+/// Recognises a question: a datagram that is a prefix of one of the two questions, each of which ends with a
+/// NUL. A prefix of both, such as an empty datagram, asks for UTF-8.
 EPingForm eReadPing(std::string_view csDatagram);
 
-/// The longest start of a server list (for each server a tab, its name, a tab, its port) that ends with a
-/// whole server and has at most nMax bytes.
+/// The first servers of a list (for each server a tab, its name, a tab, its port): as many as fit whole into
+/// nMax bytes.
 std::string_view csFittingServers(std::string_view csServers, std::size_t nMax);
 
 /// A question that has been received, with all that is needed to answer it from the address that was asked.
@@ -67,5 +67,5 @@ private:
     CWorkerPool m_clAnswers{1}; ///< makes the lists and answers, so that the reading never waits for a list
     std::mutex m_clLock;        ///< of the members below
     std::map<std::string, STPingQuestion> m_tWaiting; ///< by asker and form
-    bool m_bAnswering = false;                        ///< somebody makes a list, and looks here again
+    bool m_bAnswering = false;                        ///< somebody is in _Answer, and will look here again
 };

@@ -35,9 +35,10 @@ bool CRestartWorkers::bHas(const std::wstring& csName)
 
 void CRestartWorkers::Restart(const std::shared_ptr<CService>& pclService)
 {
+    // Shared, as std::function copies what it holds: the note lives as long as the work, queued or running.
     const auto pclNote = std::make_shared<CNote>(this, pclService->pszGetName());
-    // The note lives as long as the work, queued or running. Without a thread for it, the monitor's next pass
-    // tries again.
+
+    // Without a thread for the work, the monitor's next pass tries again.
     std::ignore = m_clPool.bRun([this, pclService, pclNote] { _Restart(*pclService); });
 }
 
@@ -48,6 +49,6 @@ void CRestartWorkers::_Restart(CService& clService)
     auto clHold =
         m_pclManager->clGetLocks().clTake(CServiceManager::csRegisteredName(clService.pszGetName()));
     if (clHold.bTaken() && clService.eGetStatus() == STATUS_FAILED) {
-        (void)clHold.bStart(clService);
+        std::ignore = clHold.bStart(clService); // the next pass finds a service that has failed again
     }
 }

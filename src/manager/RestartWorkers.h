@@ -10,12 +10,12 @@
 class CService;
 class CServiceManager;
 
-/// Starts servers again on behalf of the restart monitor, several at once, so that one that hangs at its
-/// start holds up no other.
+/// Starts failed servers again for the restart monitor, several at once, so that one that hangs at its start
+/// delays no other.
 class CRestartWorkers
 {
 public:
-    /// Starts that run at once at most; further ones wait.
+    /// Most starts at once; further ones wait.
     static constexpr int s_nMaxWorkers = 8;
 
     /// The service manager is not owned.
@@ -25,8 +25,8 @@ public:
     void Begin() { m_clPool.Begin(); }
     /// Whether a restart of the service waits or is under way.
     bool bHas(const std::wstring& csName);
-    /// Has the service started if it is still a failed one when its turn comes. Not for a service that bHas
-    /// reports.
+    /// Has the service started, if it is still a failed one when its turn comes. Not for a service that bHas
+    /// reports: each name is noted once, and the first restart to end would drop the note of both.
     void Restart(const std::shared_ptr<CService>& pclService);
     /// Drops the restarts that wait; returns when those under way are done.
     void Stop() { m_clPool.Stop(); }

@@ -17,8 +17,8 @@
 namespace {
 using CPath = std::filesystem::path;
 
-/// Where a file really lies: links in the path of its folder are followed, the file itself is not when it is
-/// a link. None when that cannot be found out.
+/// Where a file really lies: links in the path of its folder are followed, the file itself is not, even if it
+/// is a link. None when that cannot be found out.
 std::optional<CPath> clPlaceOf(const CPath& clFile)
 {
     std::error_code clError;
@@ -27,8 +27,8 @@ std::optional<CPath> clPlaceOf(const CPath& clFile)
 }
 
 /// Whether a file is in the folder or below it, also when another name of the folder (a bind mount) leads
-/// there. A path that was cut at a space may go on there, and counts as well. Whole components are compared:
-/// "/opt/a" does not hold "/opt/ab".
+/// there. The path may have been cut at a space: "/opt/my" counts as in "/opt/my server", where its rest may
+/// lead. Whole components are compared: "/opt/a" does not hold "/opt/ab".
 bool bIsBelow(const CPath& clFile, const CPath& clFolder)
 {
     for (CPath clParent = clFile.parent_path(); clParent != clParent.parent_path();
@@ -65,6 +65,8 @@ std::wstring csDoubtOfExecutable(CService& clService, const std::wstring& csExec
     if (!clService.bOneProgram()) {
         return L"it starts more than one program";
     }
+
+    // Not stat: a link proves nothing, as it may lead to a file that lies elsewhere.
     if (::lstat(csToUTF8(csExecutable).c_str(), &stFile) == 0) {
         return S_ISREG(stFile.st_mode) ? L"" : L"its executable is not a regular file";
     }
@@ -121,6 +123,8 @@ void LogKept(CService& clService, const std::wstring& csWhy)
     CTString csText;
     DLLRES_bFormatMessage(&g_stMyModule, MSG_FOLDER_KEPT, &csText, clService.csRegisteredName().c_str(),
                           clService.csGetExecutable().c_str(), csWhy.c_str());
+
+    // The logger takes the formatted text for a format once more.
     CLogger().AddLog(ILogger::PRIORITY_ERROR, L"%1!s!", csEscapePercent(csText).c_str());
 }
 } // namespace

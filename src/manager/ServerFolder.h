@@ -11,9 +11,9 @@ class CServiceManager;
 /// - the executable is a regular file in it; or it is gone, and the unit file or init script still says
 ///   exactly its path;
 /// - no other registered service's executable lies in the folder or below it;
-/// - nothing of this had to be left open.
+/// - none of this had to be guessed: what cannot be found out counts against the deletion.
 ///
-/// True when the folder was deleted, with the text of the error as CDiskFile::bDeleteTree leaves it. False
-/// when it was not deleted, or not whole; the log then says why,
-/// unless there was no such folder.
+/// True when the folder was deleted. False when it was not, or not completely; the log then says why, unless
+/// there was no such folder. *pcsSystemMessage gets the text of CDiskFile::bDeleteTree's error, empty when
+/// that has none, and is left alone when nothing was to be deleted.
 bool bDeleteServerFolder(CServiceManager* pclManager, CService& clService, std::wstring* pcsSystemMessage);
