@@ -33,10 +33,11 @@ public:
         }
 
         for (std::size_t n = 0; n < m_tSockets.size(); ++n) {
+            // A kernel without IPv6 gives -1 here, which poll ignores.
             m_tSockets[n] =
                 CDescripteur(::socket(s_tFamilies[n], SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-            // The kernel refuses broadcasts without this. A kernel without IPv6 gives -1 here, which poll
-            // ignores.
+
+            // The kernel refuses broadcasts without this.
             const int nOne = 1;
             ::setsockopt(m_tSockets[n].nFd(), SOL_SOCKET, SO_BROADCAST, &nOne, sizeof nOne);
         }
@@ -89,7 +90,7 @@ private:
                 _Receive(st.fd);
             }
         }
-        return !clEnd.bOver(); // datagrams without end must not prolong it
+        return !clEnd.bOver(); // datagrams without end must not prolong the search
     }
 
     void _Receive(int nSocket)
@@ -103,6 +104,8 @@ private:
             return;
         }
 
+        // There and back, so that bytes that are no UTF-8 do not get further. The CR LF that follows an
+        // answer as a datagram of its own does not read as one.
         const std::string_view csBytes(tBytes.data(), static_cast<std::size_t>(nReceived));
         if (const auto stInfo = stReadInfo(csToUTF8(csFromUTF8(csBytes)))) {
             _Add(stFrom.csText(), *stInfo);

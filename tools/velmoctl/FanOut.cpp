@@ -7,7 +7,7 @@
 #include <thread>
 
 namespace {
-constexpr Milliseconds s_clLook(100);
+constexpr Milliseconds s_clLook(100); ///< longest time between two calls of the caller's function
 } // namespace
 
 CFanOut::CFanOut(STQuestions stQuestions)
@@ -24,6 +24,7 @@ std::vector<STHostAnswer> CFanOut::tAsk(const Look& fnLook)
 {
     CInterrupts::Catch(); // before any thread starts; the line of progress must be cleared on Ctrl-C
     {
+        // Joined at the end of this block, after which the answers are the caller's alone.
         std::vector<std::jthread> tWorkers;
         const std::size_t nMost = m_tAnswers.size() * s_nMostToOneHost;
         for (std::size_t n = 0; n < std::min<std::size_t>(m_stQuestions.nJobs, nMost); ++n) {
@@ -45,7 +46,9 @@ std::vector<STHostAnswer> CFanOut::tAsk(const Look& fnLook)
             if (m_bInterrupted) {
                 break;
             }
-            // The caller may block in a write to a slow reader; the workers must be able to go on meanwhile.
+
+            // Without the lock: the caller may block in a write to a slow reader, and the workers must be
+            // able to go on. Of the answers it may read only what tDone, a copy, says is done.
             const std::vector<bool> tDone = m_tDone;
             bAll = m_nDone == m_tAnswers.size();
             clLock.unlock();
@@ -178,6 +181,7 @@ void CFanOut::_AskServers(std::size_t nHost, CConversation* pclManager)
             m_stQuestions.fnQuestion(pclManager, pst);
         } catch (const CFailure& clFailure) {
             pst->clFailure = clFailure;
+            // A refusal, and a name that cannot be sent, leave the conversation in order for the next server.
             if (clFailure.eExit() != EExit::REFUSED && clFailure.eExit() != EExit::USAGE) {
                 _GiveUp(nHost, clFailure);
                 return;
@@ -211,15 +215,19 @@ void CFanOut::_Leave(std::size_t nHost)
             return;
         }
     }
+
+    // The lock is free again: the caller's last question may take its time.
     _Finish(nHost);
 }
 
-/// Completes the answers of a host. No lock for them: no other worker has the host any more.
+/// Completes the answers of a host. They need no lock: no other worker has the host any more, and none gets
+/// it again, since all its servers have been asked about or the host was given up.
 void CFanOut::_Finish(std::size_t nHost)
 {
     STHostAnswer& stAnswer = m_tAnswers[nHost];
     stAnswer.clTook =
         std::chrono::duration_cast<Milliseconds>(std::chrono::system_clock::now() - stAnswer.clAsked);
+
     if (const std::optional<CFailure>& clCause = m_tProgress[nHost].clGivenUp) {
         for (std::size_t n = m_tProgress[nHost].nNext; n < stAnswer.tServers.size(); ++n) {
             stAnswer.tServers[n].clFailure.emplace(clCause->eExit(),

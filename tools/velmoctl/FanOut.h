@@ -33,7 +33,7 @@ struct STHostAnswer
     Milliseconds clTook{0};                        ///< from then to the last answer
     std::optional<STInfo> stInfo;
     std::vector<STServerAnswer> tServers; ///< in the manager's order
-    std::optional<CFailure> clFailure;    ///< why there is no list of servers, or nobody to ask about them
+    std::optional<CFailure> clFailure;    ///< why there is no list of servers, or no conversation at all
 };
 
 /// What is asked.
@@ -42,7 +42,7 @@ struct STQuestions
     std::vector<STHost> tHosts;
     unsigned int nJobs = 16;         ///< conversations at once, in all
     Milliseconds clTimeout{0};       ///< for one answer
-    bool bWholeHostInTime = true;    ///< the timeout limits all answers of a host together
+    bool bWholeHostInTime = true;    ///< the timeout limits also all answers of a host together
     std::vector<std::string> tNames; ///< servers to ask about without the list; empty: those of the list
     std::function<bool(const STServer&)> fnWanted; ///< of the list; none: all
     std::function<void(CConversation*, STServerAnswer*)>
@@ -60,8 +60,8 @@ public:
 
     explicit CFanOut(STQuestions stQuestions);
 
-    /// Called from time to time in the thread of the caller. Answers that the second argument calls done do
-    /// not change any more; of the others only the host may be read.
+    /// Called from time to time in the thread of the caller, with the answers and, for each, whether it is
+    /// done. A done answer does not change any more; of the others only the host may be read.
     using Look = std::function<void(const std::vector<STHostAnswer>&, const std::vector<bool>&)>;
     /// Returns once all hosts are done. Throws CFailure (INTERRUPTED).
     std::vector<STHostAnswer> tAsk(const Look& fnLook);
@@ -75,7 +75,7 @@ private:
         std::size_t nNext = 0; ///< index of the first server not asked about yet
         unsigned int nConversations = 0;
         std::optional<CFailure> clGivenUp; ///< why nothing else is asked
-        std::optional<CDeadline> clEnd;
+        std::optional<CDeadline> clEnd;    ///< set by its first conversation
     };
 
     void _Work();

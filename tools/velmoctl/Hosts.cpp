@@ -37,14 +37,14 @@ bool bLetter(std::string_view cs)
 std::optional<STRange> stRange(std::string_view csInside, char cSeparator)
 {
     STRange st;
-    const std::size_t nFirst = std::min(csInside.find(cSeparator), csInside.size());
-    std::string_view csLast = csInside.substr(std::min(nFirst + 1, csInside.size()));
+    const std::size_t nSeparator = std::min(csInside.find(cSeparator), csInside.size());
+    std::string_view csLast = csInside.substr(std::min(nSeparator + 1, csInside.size()));
     if (const std::size_t nStep = csLast.find(':'); cSeparator == ':' && nStep != csLast.npos) {
-        st.nStep = nWhole(csLast.substr(nStep + 1)).value_or(0);
+        st.nStep = nWhole(csLast.substr(nStep + 1)).value_or(0); // 0 is refused below
         csLast = csLast.substr(0, nStep);
     }
 
-    const std::string_view csFirst = csInside.substr(0, nFirst);
+    const std::string_view csFirst = csInside.substr(0, nSeparator);
     if (bLetter(csFirst) && bLetter(csLast)) {
         st.nFirst = static_cast<unsigned char>(csFirst[0]);
         st.nLast = static_cast<unsigned char>(csLast[0]);
@@ -87,6 +87,7 @@ std::vector<std::string> tExpand(std::string_view csWord, std::string_view csSep
         throw clNoRange(csWord.substr(nOpen + 1));
     }
 
+    // The first separator with which the text is a range counts.
     const std::string_view csInside = csWord.substr(nOpen + 1, nClose - nOpen - 1);
     std::optional<STRange> st;
     for (const char c : csSeparators) {
@@ -102,7 +103,9 @@ std::vector<std::string> tExpand(std::string_view csWord, std::string_view csSep
 
     std::vector<std::string> tNames;
     const std::vector<std::string> tRests = tExpand(csWord.substr(nClose + 1), csSeparators);
-    for (std::uint64_t n = st->nFirst; n <= st->nLast; n += st->nStep) { // wide enough to get past the last
+
+    // The number has 64 bits: one of 32 could wrap around instead of getting past nLast.
+    for (std::uint64_t n = st->nFirst; n <= st->nLast; n += st->nStep) {
         for (const std::string& csRest : tRests) {
             tNames.push_back(std::string(csWord.substr(0, nOpen)) +
                              csMember(*st, static_cast<unsigned int>(n)) + csRest);
@@ -183,7 +186,8 @@ CHostsFile::CHostsFile(std::string_view csText, const std::string& csFileName) :
 {
     constexpr std::string_view csMark = "\xEF\xBB\xBF"; // the byte order mark that some editors write
     csText.remove_prefix(csText.starts_with(csMark) ? csMark.size() : 0);
-    m_tGroups[m_csGroup];
+
+    m_tGroups[m_csGroup]; // "ungrouped" exists even without a machine
     for (unsigned int nLine = 1; !csText.empty(); ++nLine) {
         const std::size_t nEnd = std::min(csText.find('\n'), csText.size());
         try {
@@ -263,7 +267,7 @@ void CHostsFile::_Section(std::string_view csHeader)
                  : csKind == "children" ? ESection::CHILDREN
                                         : ESection::HOSTS;
     if (m_eSection != ESection::VARIABLES) {
-        m_tGroups[m_csGroup];
+        m_tGroups[m_csGroup]; // exists even if no line follows
     }
 }
 
@@ -279,6 +283,8 @@ void CHostsFile::_Hosts(const std::vector<std::string>& tWords)
         for (auto it = tWords.begin() + 1; it != tWords.end(); ++it) {
             _Variable(*it, &m_tHosts[csName]);
         }
+
+        // Only a machine known before can be in the group already: this spares the search for all new ones.
         std::vector<std::string>& tGroup = m_tGroups[m_csGroup].tHosts;
         if (bNew || !bHolds(tGroup, csName)) {
             tGroup.push_back(csName);
@@ -306,8 +312,9 @@ void CHostsFile::_Collect(const std::string& csGroup, std::vector<std::string>* 
                           std::vector<std::string>* ptHosts) const
 {
     const auto it = m_tGroups.find(csGroup);
-    if (it == m_tGroups.end() ||
-        bHolds(*ptSeen, csGroup)) { // groups may contain each other: stop the recursion
+
+    // Groups may contain each other: one that was seen ends the recursion.
+    if (it == m_tGroups.end() || bHolds(*ptSeen, csGroup)) {
         return;
     }
 

@@ -62,6 +62,7 @@ Json clAnsibleInventory(const std::vector<STFound>& tFound)
         clVariables[st.csAddress] = cl;
     }
 
+    // With the variables of all machines under "_meta" the script is not run again for each machine.
     return {{"_meta", {{"hostvars", clVariables}}},
             {"all", {{"children", {"ungrouped", "velmo"}}}},
             {"velmo", {{"hosts", clHosts}}}};

@@ -129,9 +129,11 @@ struct STShown
 STShown stShowOne(const std::string& csServer)
 {
     for (const std::string& cs : {csUnit(csServer), csServer + ".service"}) {
-        if (cs != csUnit(csServer) && csServer != g_szDefaultServerA) { // whose service may have no prefix
+        // Only the default server's service may lack the prefix.
+        if (cs != csUnit(csServer) && csServer != g_szDefaultServerA) {
             break;
         }
+
         const std::vector<std::string> tBlock = tShow({cs});
         if (!tBlock.empty() && bLoaded(tBlock[0])) {
             return {cs, tBlock[0]};
@@ -164,8 +166,9 @@ std::string csScript(const std::string& csServer)
 /// Asks an init script: its exit status has the state; PID and folder come from the PID file and /proc.
 STFacts stAskScript(const std::string& csPath)
 {
-    constexpr int s_tFailed[] = {
-        1, 2, 32}; // LSB: dead, but its PID file (1) or lock (2) is left; OpenRC: crashed (32)
+    // LSB: dead, but its PID file (1) or lock (2) is left; OpenRC: crashed (32).
+    constexpr int s_tFailed[] = {1, 2, 32};
+
     STFacts st;
     const int nStatus = stRunTool({csPath, "status"}, s_clQuestion).nStatus;
     st.bFailed = std::ranges::find(s_tFailed, nStatus) != std::end(s_tFailed);
@@ -173,10 +176,13 @@ STFacts stAskScript(const std::string& csPath)
         return st;
     }
 
+    // cat, since a tool has a time limit: the file may be a FIFO that nobody writes to.
     const std::string csFile = "/var/run/" + fs::path(csPath).filename().string() + ".pid";
     const STToolResult stPid = stRunTool({"cat", csFile}, s_clQuestion);
     const int nPid = stPid.nStatus == 0 ? std::atoi(stPid.csOutput.c_str()) : 0; // of garbage: 0
     st.csPid = nPid > 0 ? std::to_string(nPid) : "";
+
+    // Without a PID this path does not exist; for other users' processes it cannot be read.
     std::error_code clError;
     const fs::path clProgram = fs::read_symlink("/proc/" + st.csPid + "/exe", clError);
     st.csFolder = clError ? "" : clProgram.parent_path().string();
@@ -219,6 +225,8 @@ std::map<std::string, STFacts> tAskFacts(const std::vector<std::string>& tServer
     const CDeadline clEnd(s_clQuestion); // for all log lines together; those that come later are left out
     std::vector<std::string> tUnits;
     std::ranges::transform(tNames, std::back_inserter(tUnits), csUnit);
+
+    // One launch for all. Servers without a unit of their name, or without an answer, are asked about singly.
     std::vector<std::string> tShown = tShow(tUnits);
     tShown.resize(tNames.size());
     for (std::size_t n = 0; n < tNames.size(); ++n) {
