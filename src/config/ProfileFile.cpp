@@ -198,7 +198,7 @@ bool CProfileFile::bOpenToRead(const std::string& csPath)
 bool CProfileFile::_bOpenToWrite(const std::string& csPath, int nFlags)
 {
     if (!_bTake(clOpenToWrite(csPath, nFlags)) || bHasOneName(m_clFile.nFd())) {
-        return m_clFile.bOpen();
+        return m_clFile.bOpen(); // false when the open failed
     }
     m_clFile.Close(); // keeps errno
     return false;

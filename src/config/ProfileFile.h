@@ -71,8 +71,8 @@ private:
 
     CDescripteur m_clFile;
     std::unique_ptr<CBuffer> m_pBuffer;
-    std::size_t m_nBegin =
-        0; ///< [m_nBegin, m_nEnd) of the buffer: bytes read from the file, not consumed yet
+    /// [m_nBegin, m_nEnd) of the buffer: bytes read from the file, not consumed yet.
+    std::size_t m_nBegin = 0;
     std::size_t m_nEnd = 0;
     off_t m_nPosition = 0; ///< in the file, of m_nBegin
     int m_nReadError = 0;  ///< errno of the first failure to read; 0: none

@@ -201,8 +201,8 @@ std::string CDialog::_csToWire(const std::wstring& csText) const
     return csNarrow(csText, m_bUTF8 ? CP_UTF8 : CP_1252);
 }
 
-/// A single call, which waits as long as the tool does not read. A failure is ignored, as the next receive
-/// notices a tool that is gone.
+/// A single call, which waits as long as the tool does not read; after a short write the rest is not sent. A
+/// failure is ignored, as the next receive notices a tool that is gone.
 void CDialog::_Send(std::string_view csBytes)
 {
     std::ignore = ::send(m_clSocket.nFd(), csBytes.data(), csBytes.size(), MSG_NOSIGNAL);
@@ -212,6 +212,8 @@ void CDialog::Answer(const std::wstring& csText)
 {
     // After the stop no tool is run, so what a command has found out may be wrong.
     CStopping::xCheck();
+
+    // Two calls: clients have always seen the newline sent by itself.
     _Send(_csToWire(csText));
     _Send("\r\n");
 }

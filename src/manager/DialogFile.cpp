@@ -63,6 +63,8 @@ void CDialog::xGetFile(const std::wstring& csName, unsigned int nSize, CInstallI
 {
     CTemporaryFile clFile;
     const auto pBlock = pMakeForOverwrite<char[]>(s_nBlock); // not on the stack: a thread has 64 KiB of it
+
+    // The last receive may bring more than is missing; all of that is written.
     for (std::size_t nTotal = 0; nTotal < nSize;) {
         const ssize_t nReceived = nRetry([&] { return ::recv(m_clSocket.nFd(), pBlock.get(), s_nBlock, 0); });
         if (nReceived == 0) {

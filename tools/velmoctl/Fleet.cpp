@@ -75,6 +75,8 @@ public:
         const bool bAll = std::ranges::find(tDone, false) == tDone.end();
         const Milliseconds clPassed = std::chrono::duration_cast<Milliseconds>(CClock::now() - m_clStart);
         std::vector<const STHostAnswer*> tReady;
+
+        // Until the grace is over all wait for each other, as only so their order is that of the hosts.
         for (std::size_t n = 0; n < tAnswers.size() && (bAll || (m_bAsTheyCome && clPassed >= s_clGrace));
              ++n) {
             if (tDone[n] && !m_tTaken[n]) {
@@ -84,7 +86,7 @@ public:
         }
 
         if (!tReady.empty()) {
-            pclProgress->Show("");
+            pclProgress->Show(""); // the answers take the place of the line of progress
             m_fnTake(tReady);
         }
 

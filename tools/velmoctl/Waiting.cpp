@@ -29,6 +29,7 @@ void CInterrupts::Catch()
     if (clSignals().bOpen()) {
         return;
     }
+
     sigset_t stSignals;
     sigemptyset(&stSignals);
     for (const int nSignal : {SIGINT, SIGTERM, SIGHUP}) {
@@ -58,9 +59,11 @@ bool bWaitForAny(std::span<pollfd> tWait, const CDeadline& clDeadline)
     tAll.push_back({CInterrupts::nFd(), POLLIN, 0});
     int nReady = 0;
     do {
+        // Cut to what fits an int; the loop waits for the rest.
         const auto nLeft = std::min<Milliseconds::rep>(clDeadline.clLeft().count(), 1'000'000);
         nReady = ::poll(tAll.data(), tAll.size(), static_cast<int>(nLeft));
     } while (nReady <= 0 && !clDeadline.bOver());
+
     if (nReady > 0 && tAll.back().revents != 0) {
         throw CFailure(EExit::INTERRUPTED, "interrupted");
     }
