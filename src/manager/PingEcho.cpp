@@ -218,6 +218,8 @@ void CPingEcho::Stop()
     Shutdown(SHUT_RDWR);
     m_clThread.Stop(1); // waits
     m_clAnswers.Stop();
+
+    // Last: a thread that still answered could otherwise meet another file under a socket's number.
     Close();
 }
 

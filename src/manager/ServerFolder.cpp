@@ -31,6 +31,7 @@ std::optional<CPath> clPlaceOf(const CPath& clFile)
 /// lead. Whole components are compared: "/opt/a" does not hold "/opt/ab".
 bool bIsBelow(const CPath& clFile, const CPath& clFolder)
 {
+    // Upwards to "/", the only path that is its own parent.
     for (CPath clParent = clFile.parent_path(); clParent != clParent.parent_path();
          clParent = clParent.parent_path()) {
         std::error_code clNotThere;

@@ -198,6 +198,8 @@ STMarker stReadMarker(std::string_view csScript, std::string_view csKey, std::si
         // A longer line is cut to what a buffer of this size holds beside a terminator; clients rely on it.
         std::string_view csLine = csTakeLine(&csScript).substr(0, nBuffer - 1);
         csLine = csLine.substr(0, csLine.find('\0'));
+
+        // The marker may stand anywhere in a line: both values share one.
         const std::size_t nKey = csLine.find(csKey);
         if (nKey == std::string_view::npos) {
             continue;

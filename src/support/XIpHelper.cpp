@@ -168,6 +168,8 @@ CAddrInfo tResolve(const STEndpoint& stEndpoint, CXError* pclError)
     stHints.ai_family = nFamily(stEndpoint.nFlags);
     stHints.ai_socktype = stEndpoint.nType;
     stHints.ai_protocol = stEndpoint.nProtocol;
+
+    // AI_NUMERICHOST: without an address no name is to be looked up.
     stHints.ai_flags = pszAddress != nullptr ? AI_PASSIVE : AI_PASSIVE | AI_NUMERICHOST;
 
     const std::string csNode = pszAddress != nullptr ? csNarrow(pszAddress, CP_1252) : std::string();

@@ -90,6 +90,7 @@ std::optional<std::size_t> CFanOut::_nNextHost()
 /// Prefers hosts that nobody has asked yet to a further conversation with one that answers.
 std::optional<std::size_t> CFanOut::_nOpenHost() const
 {
+    // A worker that has just picked a host counts as a conversation, but has not set bStarted yet.
     for (std::size_t n = 0; n < m_tProgress.size(); ++n) {
         if (!m_tProgress[n].bStarted && m_tProgress[n].nConversations == 0) {
             return n;
