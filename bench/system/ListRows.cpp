@@ -216,7 +216,7 @@ void ClientRow(int nServers, int nRounds)
 
     const auto fnOurs = [&] {
         return fMicroseconds([&] {
-            if (nLaunchProgram({csBuilt("velmoctl"), "list"}) < nServers * 10) { // a line has more
+            if (nLaunchProgram({csBuilt("velmoctl"), "list"}) < nServers * 10L) { // a line has more
                 Die("velmoctl lists less than there is");
             }
         });

@@ -152,7 +152,8 @@ CServiceLocks::CHold CServiceLocks::clTakeToRemove(const std::wstring& csName,
         // A start is under way: send the stop, without the lock, as it runs a tool.
         clMet = clMet == CClock::time_point{} ? CClock::now() : clMet;
         pstName->bInterrupted = true;
-        pstName->bGivenUp = CClock::now() - clMet >= s_clGiveUp;
+        // Never back to false: another removal may have waited longer for the same start.
+        pstName->bGivenUp = pstName->bGivenUp || CClock::now() - clMet >= s_clGiveUp;
         clLock.unlock();
         try {
             fnStop();

@@ -31,7 +31,7 @@ protected:
     {
         std::wstring csBuffer(1100, L'#');
         (m_clConfig.*pfnGetter)(csBuffer.data());
-        return csBuffer.c_str();
+        return csBuffer.data();
     }
     /// What a setter throws.
     static CXError clThrown(const std::function<void()>& fnSet)

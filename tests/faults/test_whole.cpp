@@ -110,7 +110,7 @@ TEST(Whole, AToolThatPrintsForEverCostsLittleMemoryAndNobodyElsesAnswer)
     tTools.clear();
     const long nPeak = nPeakMemory(clManager.nPid());
     std::printf("FIGURE peak resident memory beside a tool that prints for ever: %ld KiB\n", nPeak);
-    EXPECT_TRUE(g_bSanitized || nPeak < 32 * 1024) << nPeak;
+    EXPECT_TRUE(g_bSanitized || nPeak < 32L * 1024) << nPeak;
     clTool.Close();
     EXPECT_EQ(clManager.nStop(30'000), 0);
 }

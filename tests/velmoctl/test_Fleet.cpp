@@ -210,6 +210,7 @@ TEST(Fleet, FortyMachinesAreListedInTimeWhateverSomeOfThemDo)
     const std::tuple<const char*, int, const char*> tCases[] = {
         {"--group good status S1 --no-header --timeout 20", 0, "m01   S1    running\nm02   S1    running\n"},
         {"--timeout 1 status S1", 4, "m40   S1    running\n"},
+        {"--host m02 status S1", 0, "running\n"}, // the file only tells where it is
         {"--timeout 1 info", 4, "m31   24.0.6.0  Linux"},
         {"--host m05 --group good start S1", 3,
          "\"S1\" on m40 is started\nvelmoctl: 1 of 14 machines gave no"},

@@ -101,6 +101,7 @@ TEST(Hosts, AFileThatCannotBeReadIsToldWithItsLine)
 {
     const std::pair<const char*, const char*> tCases[] = {
         {"a\n[x:hosts]\n", "! F, line 2: [x:hosts] is not a group"},
+        {"a\n\"\" velmo_port=5\n", "! F, line 2: a machine without a name"},
         {"[]\n", "! F, line 1: [] is not a group"},
         {"\n\ndb[1:x]\n", "! F, line 3: [1:x] is not a range such as [01-40] or [a-f]"},
         {"a velmo_port=0\n", "! F, line 1: \"0\" is not a port from 1 to 65535"},

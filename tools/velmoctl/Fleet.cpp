@@ -188,7 +188,9 @@ std::vector<STHost> tHostsOf(const STOptions& stOptions)
         }
     }
 
-    if (stOptions.tGroups.empty() && !stOptions.csHostsFile.empty()) {
+    // The file alone means all its machines. With names or groups it only says what they stand for: a command that
+    // changes something must not reach more machines than were named.
+    if (stOptions.tHosts.empty() && stOptions.tGroups.empty() && !stOptions.csHostsFile.empty()) {
         for (const STHost& st : clFile.tAll()) {
             AddHost(st, stOptions, &tHosts);
         }

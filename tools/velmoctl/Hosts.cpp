@@ -242,6 +242,9 @@ void CHostsFile::_Line(std::string_view csLine)
     }
 
     const std::vector<std::string> tWords = tWordsOfLine(csLine);
+    if (tWords.empty() || tWords[0].empty()) {
+        throw CFailure(EExit::USAGE, "a machine without a name");
+    }
 
     // A name may begin with a range ("[a-c]x"), so only a bracket that closes at the end makes a section.
     if (tWords.size() == 1 && tWords[0].front() == '[' && tWords[0].find(']') == tWords[0].size() - 1) {
