@@ -76,6 +76,11 @@ bool CService::_bRemoveSystemd()
         return false;
     }
 
+    // While its state cannot be asked nobody could see it stopped: nothing is changed.
+    if (eGetStatus() == STATUS_UNKNOWN) {
+        return false;
+    }
+
     // Before anything is deleted: while the service is enabled or runs, its unit is needed.
     if (!_bAsk(L"disable") || !bStopForRemoval()) {
         return false;

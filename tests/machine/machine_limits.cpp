@@ -20,7 +20,7 @@
 namespace {
 using Clock = std::chrono::steady_clock;
 
-constexpr long s_nMaxKiB = 32 * 1024; ///< peak of resident memory
+constexpr long s_nMaxKiB = 32L * 1024; ///< peak of resident memory
 
 bool bLong()
 {

@@ -443,7 +443,7 @@ TEST_F(AnyServer, KeepsItsFilesUnlessItIsCertainWhoseTheyAre)
         const std::string csGone = csDifference(tBefore, tLook());
         EXPECT_EQ(csGone.find("/opt/srv/o") != std::string::npos, st.bDeleted) << csGone;
         EXPECT_EQ(csGone.find("DXCS-T@.service"), std::string::npos) << "all instances have that file";
-        EXPECT_EQ(stRun("pgrep -f '/dxdemo .*DXCS-own$'").csOutput == "",
+        EXPECT_EQ(stRun("pgrep -f '/dxdemo .*DXCS-own$'").csOutput.empty(),
                   csGone.find("own") != std::string::npos)
             << "it is ended before it goes";
         stRun(csUndo);

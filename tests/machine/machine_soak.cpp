@@ -46,6 +46,8 @@ constexpr char s_szNone[] = "ERROR\t1No such file or directory\r\n";
 
 struct STServer
 {
+    STServer(std::string csItsName, int nItsPort) : csName(std::move(csItsName)), nPort(nItsPort) {}
+
     std::string csName; ///< "own-...": restarted by systemd; "mon-...": by the manager's monitor only
     int nPort;
     std::mutex clClaim{};          ///< of the thread that disturbs it

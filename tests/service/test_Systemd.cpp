@@ -123,10 +123,13 @@ TEST_F(FailingTool, WhatCouldNotBeAskedIsNeitherThereNorAbsentAndIsNotChanged)
     EXPECT_EQ(errno, ECANCELED);
     EXPECT_EQ(m_clService.eGetStatus(), STATUS_UNKNOWN);
     std::ofstream("/run/fragment") << "kept";
-    // Each of its two questions.
-    for (const char* pszFault : {"exit 1", "case \"$*\" in *SourcePath*) exit 1;; esac"}) {
+    // Each of its three questions.
+    for (const char* pszFault : {"exit 1", "case \"$*\" in *SourcePath*) exit 1;; esac",
+                                 "case \"$*\" in *ActiveState*) exit 1;; esac"}) {
         Break(pszFault, s_nForGood);
+        errno = 0;
         EXPECT_FALSE(m_clService.bRemove()) << pszFault;
+        EXPECT_EQ(errno, ECANCELED) << pszFault;
         EXPECT_EQ(m_clTool.csTakeJournal().find("disable"), std::string::npos);
     }
     EXPECT_EQ(stRun("cat /run/fragment").csOutput, "kept");
@@ -165,7 +168,8 @@ TEST_F(Systemd, RemovalStopsAtARefusedDisableAndOtherwiseDeletesBothFiles)
         "case \"$*\" in *FragmentPath*) echo FragmentPath=/run/DXCS-A.service;; *SourcePath*) "
         "echo SourcePath=/run/$(cat $DIR/source);; disable*) [ -e $DIR/agree ];; stop*) exit 5;; "
         "esac");
-    const std::string csShown = "--property=FragmentPath show DXCS-A\n--property=SourcePath show DXCS-A\n";
+    const std::string csShown = "--property=FragmentPath show DXCS-A\n--property=SourcePath show DXCS-A\n"
+                                "--property=ActiveState show DXCS-A\n";
     CService cl(&m_clManager, L"DXCS-A");
     const std::string csFiles = "/run/DXCS-A.service /run/DXCS-A";
     stRun("touch /run/DXCS-@.service " + csFiles);
