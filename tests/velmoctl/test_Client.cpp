@@ -3,10 +3,12 @@
 #include "ScriptedManager.h"
 #include "support/XYString.h"
 #include "tools/PrivateWorld.h"
+#include "tools/TempDir.h"
 #include "velmoctl/Tool.h"
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <gmock/gmock.h>
 #include <optional>
@@ -250,6 +252,27 @@ TEST(Client, AListAsksAtOnceAndIsShownAsFarAsItCanBeHadInTime)
           "velmoctl: mute, mute, mute, mute, mute and 152 more: not asked: " + csSilence}) {
         EXPECT_THAT(stResult.csOutput, HasSubstr(csLine));
     }
+
+    // A name that cannot be sent is the manager's fault, and the other servers are asked about.
+    CScriptedManager clOdd({{"INFO", csInfo("\ta\nb\t1\tgood\t2")}, {"STATUS\tgood", "STATUS\tPAUSED"}});
+    const STCommandResult stOdd = stClient(clOdd.csPort(), "list --json");
+    EXPECT_EQ(stOdd.nStatus, 4);
+    EXPECT_THAT(stOdd.csOutput, HasSubstr("\"kind\":\"nonsense\""));
+    EXPECT_THAT(stOdd.csOutput, HasSubstr("\"state\":\"paused\""));
+}
+
+TEST(Client, AManagerWithManyNamesStillHasFourConversationsAtMost)
+{
+    std::atomic<int> nNow = 0, nMost = 0;
+    CScriptedServer clServer([&](const CClientSide&) {
+        nMost = std::max(nMost.load(), ++nNow);
+        ::usleep(100'000);
+        --nNow;
+    });
+    const CTempDir clFolder;
+    const std::string csHosts = clFolder.csWrite("hosts", "m[1:9] ansible_host=127.0.0.1\n");
+    EXPECT_EQ(stClient(clServer.csPort(), "info --hosts " + csHosts).nStatus, 4);
+    EXPECT_EQ(nMost, 4);
 }
 
 TEST(Client, ForgedAnswersToADiscoveryAreLeftOut)
@@ -303,6 +326,8 @@ TEST(Client, AWrongCommandLineIsToldAndNothingIsSent)
         {"list --host 'db[1-'", "is not a range such as [01-40]"},
         {"list --group '[x]'", "has no group \"[x]\""},
         {"list --columns name,colour", "there is no column \"colour\""},
+        {"list --names --state failed", "--names cannot be combined with --state"},
+        {"list --fail-if-not-running --names", "--names cannot be combined with --fail-if-not-running"},
         {"list --state up", "there is no state \"up\""},
         {"start \"$(printf 'X\\nUNINSTALL\\tY\\t1')\"", "a name cannot contain tabs, newlines"},
     };

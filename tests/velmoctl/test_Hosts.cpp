@@ -104,6 +104,8 @@ TEST(Hosts, AFileThatCannotBeReadIsToldWithItsLine)
         {"a\n\"\" velmo_port=5\n", "! F, line 2: a machine without a name"},
         {"[]\n", "! F, line 1: [] is not a group"},
         {"\n\ndb[1:x]\n", "! F, line 3: [1:x] is not a range such as [01-40] or [a-f]"},
+        {"a\nb ansible_host=\"\"\n", "! F, line 2: ansible_host= without an address"},
+        {":22\n", "! F, line 1: a machine without a name"},
         {"a velmo_port=0\n", "! F, line 1: \"0\" is not a port from 1 to 65535"},
         {"a[1:9000]\nb[1:9000]\n", "! F, line 2: more than 10000 machines"},
     };

@@ -14,9 +14,11 @@ CFanOut::CFanOut(STQuestions stQuestions)
     : m_stQuestions(std::move(stQuestions)), m_tProgress(m_stQuestions.tHosts.size()),
       m_tDone(m_stQuestions.tHosts.size())
 {
-    for (const STHost& st : m_stQuestions.tHosts) {
+    for (std::size_t n = 0; n < m_stQuestions.tHosts.size(); ++n) {
+        const STHost& st = m_stQuestions.tHosts[n];
         m_tAnswers.push_back({});
         m_tAnswers.back().stHost = st;
+        m_tProgress[n].pnAtManager = &m_tAtManager[{st.csAddress, st.wPort}];
     }
 }
 
@@ -80,6 +82,7 @@ std::optional<std::size_t> CFanOut::_nNextHost()
     while (!m_bInterrupted && m_nDone < m_tAnswers.size()) {
         if (const std::optional<std::size_t> nHost = _nOpenHost()) {
             ++m_tProgress[*nHost].nConversations;
+            ++*m_tProgress[*nHost].pnAtManager;
             return nHost;
         }
         m_clChanged.wait(clLock); // a list that another worker gets may bring more to ask
@@ -92,7 +95,8 @@ std::optional<std::size_t> CFanOut::_nOpenHost() const
 {
     // A worker that has just picked a host counts as a conversation, but has not set bStarted yet.
     for (std::size_t n = 0; n < m_tProgress.size(); ++n) {
-        if (!m_tProgress[n].bStarted && m_tProgress[n].nConversations == 0) {
+        const STProgress& st = m_tProgress[n];
+        if (!st.bStarted && st.nConversations == 0 && *st.pnAtManager < s_nMostToOneHost) {
             return n;
         }
     }
@@ -100,7 +104,7 @@ std::optional<std::size_t> CFanOut::_nOpenHost() const
     for (std::size_t n = 0; n < m_tProgress.size(); ++n) {
         const STProgress& st = m_tProgress[n];
         if (m_stQuestions.fnQuestion && st.bListed && !st.clGivenUp &&
-            st.nNext < m_tAnswers[n].tServers.size() && st.nConversations < s_nMostToOneHost) {
+            st.nNext < m_tAnswers[n].tServers.size() && *st.pnAtManager < s_nMostToOneHost) {
             return n;
         }
     }
@@ -181,9 +185,11 @@ void CFanOut::_AskServers(std::size_t nHost, CConversation* pclManager)
         try {
             m_stQuestions.fnQuestion(pclManager, pst);
         } catch (const CFailure& clFailure) {
-            pst->clFailure = clFailure;
             // A refusal, and a name that cannot be sent, leave the conversation in order for the next server.
-            if (clFailure.eExit() != EExit::REFUSED && clFailure.eExit() != EExit::USAGE) {
+            const bool bUnsent = clFailure.eExit() == EExit::USAGE;
+            const bool bListed = m_stQuestions.tNames.empty(); // then the name is the manager's fault
+            pst->clFailure = bUnsent && bListed ? CFailure(EExit::NONSENSE, clFailure.what()) : clFailure;
+            if (clFailure.eExit() != EExit::REFUSED && !bUnsent) {
                 _GiveUp(nHost, clFailure);
                 return;
             }
@@ -212,6 +218,8 @@ void CFanOut::_Leave(std::size_t nHost)
     {
         const std::lock_guard clGuard(m_clMutex);
         STProgress& st = m_tProgress[nHost];
+        --*st.pnAtManager;
+        m_clChanged.notify_all(); // another host with the same manager may have waited for this
         if (--st.nConversations > 0) {
             return;
         }

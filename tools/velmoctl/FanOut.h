@@ -5,10 +5,13 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 /// Asks many managers at once, each about its servers.
@@ -55,7 +58,7 @@ struct STQuestions
 class CFanOut
 {
 public:
-    /// Most conversations with one manager at a time.
+    /// Most conversations with one manager at a time, whatever names it goes by.
     static constexpr unsigned int s_nMostToOneHost = 4;
 
     explicit CFanOut(STQuestions stQuestions);
@@ -74,8 +77,9 @@ private:
         bool bListed = false;  ///< its servers are known
         std::size_t nNext = 0; ///< index of the first server not asked about yet
         unsigned int nConversations = 0;
-        std::optional<CFailure> clGivenUp; ///< why nothing else is asked
-        std::optional<CDeadline> clEnd;    ///< set by its first conversation
+        unsigned int* pnAtManager = nullptr; ///< those of all hosts with the same address and port
+        std::optional<CFailure> clGivenUp;   ///< why nothing else is asked
+        std::optional<CDeadline> clEnd;      ///< set by its first conversation
     };
 
     void _Work();
@@ -95,6 +99,7 @@ private:
     std::condition_variable m_clChanged;
     std::vector<STHostAnswer> m_tAnswers; ///< by host, as the next
     std::vector<STProgress> m_tProgress;
+    std::map<std::pair<std::string, std::uint16_t>, unsigned int> m_tAtManager; ///< conversations
     std::vector<bool> m_tDone;
     std::size_t m_nDone = 0;
     bool m_bInterrupted = false;

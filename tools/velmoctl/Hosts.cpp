@@ -278,6 +278,9 @@ void CHostsFile::_Hosts(const std::vector<std::string>& tWords)
 {
     for (const std::string& csExpanded : tExpand(csWithoutPort(tWords[0]), ":-")) {
         const std::string csName = csArgument(csExpanded);
+        if (csName.empty()) { // ":22", a port alone; an empty name stands for this machine
+            throw CFailure(EExit::USAGE, "a machine without a name");
+        }
         const bool bNew = !m_tHosts.contains(csName);
         if (bNew) {
             m_tOrder.push_back(csName);
@@ -305,6 +308,9 @@ void CHostsFile::_Variable(const std::string& csWord, STHost* pstHost) const
     const std::string csName = csWord.substr(0, nEqual);
     const std::string csValue = csWord.substr(std::min(nEqual + 1, csWord.size()));
     if (csName == "ansible_host") {
+        if (csValue.empty()) { // an empty address stands for this machine: what is done would be done here
+            throw CFailure(EExit::USAGE, "ansible_host= without an address");
+        }
         pstHost->csAddress = csValue;
     } else if (csName == "velmo_port") {
         pstHost->wPort = wReadPort(csValue);

@@ -120,6 +120,22 @@ EExit eNames(const STCall& stCall)
     return eTell(tAnswers, CSelection(stCall.tArguments));
 }
 
+/// Throws CFailure (USAGE) for options that names alone cannot follow: a choice that is silently not made
+/// would pass for one that is.
+void CheckNamesAlone(const STOptions& st)
+{
+    const std::pair<bool, const char*> tOthers[] = {{!st.tStates.empty(), "--state"},
+                                                    {!st.tSort.empty(), "--sort"},
+                                                    {!st.tColumns.empty(), "--columns"},
+                                                    {st.bLong, "--long"},
+                                                    {st.bFailIfNotRunning, "--fail-if-not-running"}};
+    for (const auto& [bGiven, pszName] : tOthers) {
+        if (bGiven) {
+            throw CFailure(EExit::USAGE, std::string("--names cannot be combined with ") + pszName);
+        }
+    }
+}
+
 /// Whether a listed server does not run.
 bool bAnyDown(const std::vector<STListed>& tRows)
 {
@@ -232,6 +248,7 @@ EExit eInfo(const STCall& stCall)
 EExit eList(const STCall& stCall)
 {
     if (stCall.stOptions.bNames) {
+        CheckNamesAlone(stCall.stOptions);
         return eNames(stCall);
     }
 
