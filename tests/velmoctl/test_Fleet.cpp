@@ -227,6 +227,35 @@ TEST(Fleet, FortyMachinesAreListedInTimeWhateverSomeOfThemDo)
     }
 }
 
+TEST(Fleet, AServiceManagerThatHangsIsToldInTime)
+{
+    REQUIRE_PRIVATE_WORLD();
+    const CFakeTool clSystemctl("/bin/systemctl", "exec sleep 20");
+    stRun("mkdir -p /run/systemd/system");
+    const CScriptedServer clManager(
+        [](const CClientSide& cl) {
+            cl.Recite({g_csGreeting, "OK\r\n", "STATUS\tSTOPPED\r\n", "STATUS\tSTOPPED\r\n"});
+            cl.StaySilent();
+        },
+        "127.0.0.1", 4999);
+    const std::tuple<const char*, int, const char*> tCases[] = {
+        {"status --no-header A B", 3,
+         "A     stopped\nB     stopped\nvelmoctl: warning: the service manager of this machine could not be "
+         "asked; "
+         "a "
+         "server shown as stopped may have failed\n"},
+        {"stop A", 1, "velmoctl: systemd of this machine could not be asked about the server \"A\"\n"},
+    };
+    for (const auto& [pszArguments, nStatus, pszShown] : tCases) {
+        const auto clStart = CClock::now();
+        const STCommandResult st = stRun(csClient() + " --timeout 1 " + pszArguments);
+        EXPECT_LT(CClock::now() - clStart, std::chrono::seconds(3));
+        EXPECT_EQ(st.nStatus, nStatus);
+        EXPECT_EQ(st.csOutput, pszShown);
+    }
+    stRun("rm -r /run/systemd");
+}
+
 TEST(Fleet, ChecksKeepToTheConventionsOfMonitoringPlugins)
 {
     CScriptedManager clManager({{"INFO", "YES\tv\ts\tk\tp\tm\tA\t1\tB|x\t2\tC\t3"},
@@ -244,6 +273,8 @@ TEST(Fleet, ChecksKeepToTheConventionsOfMonitoringPlugins)
         {"A", 0, "OK - 1 of 1 servers running \\| not_running=0;0;0;0;1 "},
         {"--ignore 'B*,C'", 0, "OK - 1 of 1 "},
         {"A Gone", 2, "CRITICAL - 1 of 2 servers running: Gone missing \\| "},
+        {"A Gone --host 127.0.0.1,127.1", 2,
+         "CRITICAL - 2 of 4 servers running: Gone on 127.0.0.1 missing, Gone on 127.1 missing \\| "},
         {"-c 2:1", 3, "UNKNOWN - \"2:1\" is not a range"},
         {"-w x", 3, "UNKNOWN - \"x\" is not a range"},
         {"--dry-run", 3, "UNKNOWN - "},

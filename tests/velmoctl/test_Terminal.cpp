@@ -96,6 +96,7 @@ TEST(Terminal, UninstallingHappensOnlyAfterAYes)
         SCOPED_TRACE(pszTyped);
         CScriptedManager clManager(s_tAnswers);
         CProgramOnTerminal clProgram(csOn(clManager, "uninstall Stock"));
+        clProgram.Type("y\n"); // typed ahead: no answer
         ASSERT_TRUE(clProgram.bShows(
             "\"Stock\" is stopped. Uninstall: stop it and remove its service; its files are kept? [y/N] "));
         clProgram.Type(pszTyped);
@@ -108,11 +109,9 @@ TEST(Terminal, ColoursAreForTerminalsWhoseUserWantsThem)
 {
     CScriptedManager clManager(s_tAnswers);
     const std::tuple<const char*, const char*, const char*> tCases[] = {
-        {"", "", "\033[32mrunning\033[0m"},
-        {"", "--no-color", "running\r\n"},
-        {"NO_COLOR=1", "", "running\r\n"},
-        {"NO_COLOR=", "", "\033[32mrunning\033[0m"},
-        {"TERM=dumb", "", "running\r\n"}};
+        {"", "", "\033[32mrunning\033[0m"}, {"", "--no-color", "running\r\n"},
+        {"NO_COLOR=1", "", "running\r\n"},  {"NO_COLOR=", "", "\033[32mrunning\033[0m"},
+        {"TERM=", "", "running\r\n"},       {"TERM=dumb", "", "running\r\n"}};
     for (const auto& [pszEnvironment, pszOption, pszShown] : tCases) {
         SCOPED_TRACE(std::string(pszEnvironment) + pszOption);
         CProgramOnTerminal clProgram("env " + (pszEnvironment + (" " + csOn(clManager, pszOption))) +

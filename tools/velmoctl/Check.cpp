@@ -92,18 +92,31 @@ void AddDown(const STHostAnswer& stHost, const std::string& csServer, const std:
     pst->tDown.push_back(csServer + csOn + " " + csState);
 }
 
-/// Counts a server that was named in full and that no machine has: for a watcher it does not run.
+bool bAnyOn(const STHostAnswer& stHost, const CSelection& clWord)
+{
+    return std::ranges::any_of(stHost.tServers,
+                               [&](const STServerAnswer& st) { return clWord.bHas(st.stServer.csName); });
+}
+
+/// Counts what is missing: for a watcher it does not run. A server that was named in full is expected on each
+/// machine that answered, and what a pattern stands for on any.
 void AddMissing(const std::vector<STHostAnswer>& tAnswers, const CSelection& clSelection, STFindings* pst)
 {
     for (const std::string& csWord : clSelection.tWords()) {
         const CSelection clWord({csWord});
-        const bool bSeen = std::ranges::any_of(tAnswers, [&](const STHostAnswer& stHost) {
-            return std::ranges::any_of(
-                stHost.tServers, [&](const STServerAnswer& st) { return clWord.bHas(st.stServer.csName); });
-        });
-        if (!bSeen) {
-            ++pst->nServers;
-            pst->tDown.push_back(csWord + " missing");
+        if (!clWord.bExact()) {
+            if (std::ranges::none_of(tAnswers, [&](const auto& st) { return bAnyOn(st, clWord); })) {
+                ++pst->nServers;
+                pst->tDown.push_back(csWord + " missing");
+            }
+            continue;
+        }
+
+        for (const STHostAnswer& st : tAnswers) {
+            if (!st.clFailure.has_value() && !bAnyOn(st, clWord)) {
+                ++pst->nServers;
+                AddDown(st, csWord, "missing", pst);
+            }
         }
     }
 }

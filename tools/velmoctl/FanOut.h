@@ -36,6 +36,7 @@ struct STHostAnswer
     Milliseconds clTook{0};                        ///< from then to the last answer
     std::optional<STInfo> stInfo;
     std::vector<STServerAnswer> tServers; ///< in the manager's order
+    bool bFactsMissing = false;           ///< its own service manager could not be asked about some server
     std::optional<CFailure> clFailure;    ///< why there is no list of servers, or no conversation at all
 };
 

@@ -188,8 +188,8 @@ std::vector<STHost> tHostsOf(const STOptions& stOptions)
         }
     }
 
-    // The file alone means all its machines. With names or groups it only says what they stand for: a command that
-    // changes something must not reach more machines than were named.
+    // The file alone means all its machines. With names or groups it only says what they stand for: a command
+    // that changes something must not reach more machines than were named.
     if (stOptions.tHosts.empty() && stOptions.tGroups.empty() && !stOptions.csHostsFile.empty()) {
         for (const STHost& st : clFile.tAll()) {
             AddHost(st, stOptions, &tHosts);
@@ -258,13 +258,15 @@ void AskState(CConversation* pclManager, STServerAnswer* pst)
 STQuestions stStateQuestions(const STCall& stCall)
 {
     STQuestions st = stQuestionsAbout(stCall, AskState);
-    st.fnFinish = [bLong = stCall.stOptions.bLong](STHostAnswer* pst) { AddFacts(pst, bLong); };
+    st.fnFinish = [bLong = stCall.stOptions.bLong, clTime = stCall.clTimeout](STHostAnswer* pst) {
+        AddFacts(pst, bLong, clTime);
+    };
     return st;
 }
 
 /// Managers report a failed server as stopped. Without bLong only the stopped ones are looked up: that is all
 /// the short form shows, and each lookup takes time.
-void AddFacts(STHostAnswer* pstHost, bool bLong)
+void AddFacts(STHostAnswer* pstHost, bool bLong, Milliseconds clTime)
 {
     if (!bThisMachine(pstHost->stHost)) {
         return;
@@ -277,7 +279,9 @@ void AddFacts(STHostAnswer* pstHost, bool bLong)
         }
     }
 
-    const std::map<std::string, STFacts> tFacts = tAskFacts(tNames, bLong);
+    const STLocalAnswer stLocal = stAskFacts(tNames, bLong, clTime);
+    const std::map<std::string, STFacts>& tFacts = stLocal.tFacts;
+    pstHost->bFactsMissing = !stLocal.bWhole;
     for (STServerAnswer& st : pstHost->tServers) {
         const auto it = tFacts.find(st.stServer.csName);
         if (it == tFacts.end()) {
@@ -310,6 +314,12 @@ std::vector<std::string> tTroubles(const std::vector<STHostAnswer>& tAnswers, co
     std::vector<std::string> tLines;
     for (const STHostAnswer& st : tAnswers) {
         AddServerTroubles(st, bMany, &tLines);
+        if (st.bFactsMissing) {
+            tLines.push_back(
+                (bMany ? csWhere(st.stHost) + ": " : "") +
+                "warning: the service manager of this machine could not be asked; a server shown as "
+                "stopped may have failed");
+        }
     }
 
     const auto nSilent =

@@ -43,8 +43,8 @@ STQuestions stQuestionsAbout(const STCall& stCall,
 /// at the end.
 STQuestions stStateQuestions(const STCall& stCall);
 void AskState(CConversation* pclManager, STServerAnswer* pst);
-/// Adds what the service manager of this machine knows, when the host is this machine.
-void AddFacts(STHostAnswer* pstHost, bool bLong);
+/// Adds what the service manager of this machine says in this time, when the host is this machine.
+void AddFacts(STHostAnswer* pstHost, bool bLong, Milliseconds clTime);
 
 /// Asks, with a line of progress on a terminal. fnTake gets the answers in the order of the hosts, all at
 /// once; with bAsTheyCome it does not wait for a slow host longer than two seconds, whose answers then come

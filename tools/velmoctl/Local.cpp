@@ -16,11 +16,23 @@
 #include <cstdlib>
 #include <filesystem>
 #include <iterator>
+#include <optional>
 
 namespace fs = std::filesystem;
 
 namespace {
-constexpr Milliseconds s_clQuestion(5000);
+/// When questions end: they are a small part of what a command may take.
+CDeadline clQuestions(Milliseconds clTime)
+{
+    constexpr Milliseconds clMost(5000);
+    return CDeadline(std::min(clTime, clMost));
+}
+
+/// What a tool answers; nothing when the time is over.
+STToolResult stAsk(const std::vector<std::string>& tWords, const CDeadline& clEnd)
+{
+    return clEnd.bOver() ? STToolResult() : stRunTool(tWords, clEnd.clLeft());
+}
 
 bool bSystemd()
 {
@@ -103,15 +115,16 @@ std::vector<std::string> tBlocks(const std::string& csOutput)
     return tResult;
 }
 
-/// The blocks of some units; none when systemctl printed another number of them, for then nobody knows whose
-/// they are.
-std::vector<std::string> tShow(const std::vector<std::string>& tUnits)
+/// The blocks of some units; none when systemctl failed or printed another number of them, for then nobody
+/// knows whose they are.
+std::vector<std::string> tShow(const std::vector<std::string>& tUnits, const CDeadline& clEnd)
 {
     std::vector<std::string> tWords = {
         "systemctl", "show", "--property=LoadState,ActiveState,MainPID,StateChangeTimestamp,ExecStart", "--"};
     tWords.insert(tWords.end(), tUnits.begin(), tUnits.end());
-    std::vector<std::string> tResult = tBlocks(stRunTool(tWords, s_clQuestion).csOutput);
-    return tResult.size() == tUnits.size() ? tResult : std::vector<std::string>();
+    const STToolResult st = stAsk(tWords, clEnd);
+    std::vector<std::string> tResult = tBlocks(st.csOutput);
+    return st.nStatus == 0 && tResult.size() == tUnits.size() ? tResult : std::vector<std::string>();
 }
 
 bool bLoaded(const std::string& csBlock)
@@ -124,9 +137,10 @@ struct STShown
 {
     std::string csUnit;
     std::string csBlock;
+    bool bAsked = true; ///< false: systemd could not be asked
 };
 
-STShown stShowOne(const std::string& csServer)
+STShown stShowOne(const std::string& csServer, const CDeadline& clEnd)
 {
     for (const std::string& cs : {csUnit(csServer), csServer + ".service"}) {
         // Only the default server's service may lack the prefix.
@@ -134,8 +148,11 @@ STShown stShowOne(const std::string& csServer)
             break;
         }
 
-        const std::vector<std::string> tBlock = tShow({cs});
-        if (!tBlock.empty() && bLoaded(tBlock[0])) {
+        const std::vector<std::string> tBlock = tShow({cs}, clEnd);
+        if (tBlock.empty()) {
+            return {"", "", false};
+        }
+        if (bLoaded(tBlock[0])) {
             return {cs, tBlock[0]};
         }
     }
@@ -143,11 +160,11 @@ STShown stShowOne(const std::string& csServer)
 }
 
 /// The last line that a unit's processes left in the journal.
-std::string csJournal(const std::string& csOfUnit, Milliseconds clTime)
+std::string csJournal(const std::string& csOfUnit, const CDeadline& clEnd)
 {
-    const STToolResult st = stRunTool(
+    const STToolResult st = stAsk(
         {"journalctl", "--quiet", "--no-pager", "--lines=1", "--output=cat", "_SYSTEMD_UNIT=" + csOfUnit},
-        clTime);
+        clEnd);
     return st.nStatus == 0 ? st.csOutput.substr(0, st.csOutput.find('\n')) : "";
 }
 
@@ -163,14 +180,19 @@ std::string csScript(const std::string& csServer)
     return "";
 }
 
-/// Asks an init script: its exit status has the state; PID and folder come from the PID file and /proc.
-STFacts stAskScript(const std::string& csPath)
+/// Asks an init script: its exit status has the state; PID and folder come from the PID file and /proc. None
+/// when it does not end in time.
+std::optional<STFacts> stAskScript(const std::string& csPath, const CDeadline& clEnd)
 {
     // LSB: dead, but its PID file (1) or lock (2) is left; OpenRC: crashed (32).
     constexpr int s_tFailed[] = {1, 2, 32};
 
     STFacts st;
-    const int nStatus = stRunTool({csPath, "status"}, s_clQuestion).nStatus;
+    const int nStatus = stAsk({csPath, "status"}, clEnd).nStatus;
+    if (nStatus < 0) {
+        return std::nullopt;
+    }
+
     st.bFailed = std::ranges::find(s_tFailed, nStatus) != std::end(s_tFailed);
     if (nStatus != 0) {
         return st;
@@ -178,7 +200,7 @@ STFacts stAskScript(const std::string& csPath)
 
     // cat, since a tool has a time limit: the file may be a FIFO that nobody writes to.
     const std::string csFile = "/var/run/" + fs::path(csPath).filename().string() + ".pid";
-    const STToolResult stPid = stRunTool({"cat", csFile}, s_clQuestion);
+    const STToolResult stPid = stAsk({"cat", csFile}, clEnd);
     const int nPid = stPid.nStatus == 0 ? std::atoi(stPid.csOutput.c_str()) : 0; // of garbage: 0
     st.csPid = nPid > 0 ? std::to_string(nPid) : "";
 
@@ -189,13 +211,33 @@ STFacts stAskScript(const std::string& csPath)
     return st;
 }
 
-void AskScripts(const std::vector<std::string>& tServers, std::map<std::string, STFacts>* ptFacts)
+STLocalAnswer stAskScripts(const std::vector<std::string>& tServers, const CDeadline& clEnd)
 {
+    STLocalAnswer stResult;
     for (const std::string& cs : tServers) {
-        if (const std::string csPath = csScript(cs); !csPath.empty()) {
-            (*ptFacts)[cs] = stAskScript(csPath);
+        const std::string csPath = csScript(cs);
+        if (csPath.empty()) {
+            continue;
         }
+        const std::optional<STFacts> st = stAskScript(csPath, clEnd);
+        stResult.bWhole = stResult.bWhole && st.has_value();
+        stResult.tFacts[cs] = st.value_or(STFacts());
     }
+    return stResult;
+}
+/// The unit or init script of a server; empty when it has none. Throws CFailure (REFUSED) when systemd cannot
+/// be asked.
+std::string csServiceOf(const std::string& csServer, Milliseconds clTime)
+{
+    if (!bSystemd()) {
+        return csScript(csServer);
+    }
+    const STShown st = stShowOne(csServer, clQuestions(clTime));
+    if (!st.bAsked) {
+        throw CFailure(EExit::REFUSED,
+                       "systemd of this machine could not be asked about the server \"" + csServer + "\"");
+    }
+    return st.csUnit;
 }
 } // namespace
 
@@ -209,47 +251,47 @@ bool bThisMachine(const STHost& stHost)
            CInterfaces().tOwn().contains(cs);
 }
 
-std::map<std::string, STFacts> tAskFacts(const std::vector<std::string>& tServers, bool bWithLog)
+STLocalAnswer stAskFacts(const std::vector<std::string>& tServers, bool bWithLog, Milliseconds clTime)
 {
-    std::map<std::string, STFacts> tFacts;
+    STLocalAnswer stResult;
+    const CDeadline clEnd = clQuestions(clTime);
     std::vector<std::string> tNames;
     std::ranges::copy_if(tServers, std::back_inserter(tNames), bPlainName);
     if (tNames.empty()) {
-        return tFacts;
+        return stResult;
     }
     if (!bSystemd()) {
-        AskScripts(tNames, &tFacts);
-        return tFacts;
+        return stAskScripts(tNames, clEnd);
     }
 
-    const CDeadline clEnd(s_clQuestion); // for all log lines together; those that come later are left out
     std::vector<std::string> tUnits;
     std::ranges::transform(tNames, std::back_inserter(tUnits), csUnit);
 
     // One launch for all. Servers without a unit of their name, or without an answer, are asked about singly.
-    std::vector<std::string> tShown = tShow(tUnits);
+    std::vector<std::string> tShown = tShow(tUnits, clEnd);
     tShown.resize(tNames.size());
     for (std::size_t n = 0; n < tNames.size(); ++n) {
-        const STShown st = bLoaded(tShown[n]) ? STShown{tUnits[n], tShown[n]} : stShowOne(tNames[n]);
+        const STShown st = bLoaded(tShown[n]) ? STShown{tUnits[n], tShown[n]} : stShowOne(tNames[n], clEnd);
+        stResult.bWhole = stResult.bWhole && st.bAsked;
         if (!st.csUnit.empty()) {
-            tFacts[tNames[n]] = stRead(st.csBlock);
-            tFacts[tNames[n]].csLog = bWithLog ? csJournal(st.csUnit, clEnd.clLeft()) : "";
+            STFacts& stFacts = stResult.tFacts[tNames[n]] = stRead(st.csBlock);
+            stFacts.csLog = bWithLog ? csJournal(st.csUnit, clEnd) : "";
         }
     }
 
-    return tFacts;
+    return stResult;
 }
 
-std::string csLastLogged(const std::string& csServer)
+std::string csLastLogged(const std::string& csServer, Milliseconds clTime)
 {
     const std::string csLine =
-        bSystemd() && bPlainName(csServer) ? csJournal(csUnit(csServer), s_clQuestion) : "";
+        bSystemd() && bPlainName(csServer) ? csJournal(csUnit(csServer), clQuestions(clTime)) : "";
     return csLine.empty() ? "" : ", its last line: " + csLine;
 }
 
-std::string csFolderOf(const std::string& csServer)
+std::string csFolderOf(const std::string& csServer, Milliseconds clTime)
 {
-    const auto tFacts = tAskFacts({csServer}, false);
+    const auto tFacts = stAskFacts({csServer}, false, clTime).tFacts;
     return tFacts.empty() ? "" : tFacts.begin()->second.csFolder;
 }
 
@@ -260,9 +302,8 @@ void ControlService(const std::string& csAction, const std::string& csServer, Mi
                                            " " + csShellWord(csServer));
     }
 
-    const bool bKnown = bPlainName(csServer);
-    const std::string csService =
-        !bKnown ? "" : (bSystemd() ? stShowOne(csServer).csUnit : csScript(csServer));
+    const CDeadline clEnd(clTime);
+    const std::string csService = bPlainName(csServer) ? csServiceOf(csServer, clTime) : "";
     if (csService.empty()) {
         throw CFailure(EExit::REFUSED, csRefusalWords({ERREUR_SERVICE_INCONNU, ""}, {"", csServer}));
     }
@@ -270,11 +311,12 @@ void ControlService(const std::string& csAction, const std::string& csServer, Mi
     const STToolResult st =
         stRunTool(bSystemd() ? std::vector<std::string>{"systemctl", csAction, "--", csService}
                              : std::vector<std::string>{csService, csAction},
-                  clTime);
+                  clEnd.clLeft());
     if (st.nStatus != 0) {
         throw CFailure(EExit::REFUSED,
-                       "\"" + csAction + "\" of the server \"" + csServer + "\" on this machine failed: " +
-                           st.csOutput.substr(0, st.csOutput.find('\n')) + "; \"systemctl status " +
-                           csShellWord(csUnitName(csServer)) + "\" tells why" + csLastLogged(csServer));
+                       "\"" + csAction + "\" of the server \"" + csServer +
+                           "\" on this machine failed: " + st.csOutput.substr(0, st.csOutput.find('\n')) +
+                           "; \"systemctl status " + csShellWord(csUnitName(csServer)) + "\" tells why" +
+                           csLastLogged(csServer, clEnd.clLeft()));
     }
 }

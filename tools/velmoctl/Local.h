@@ -24,13 +24,22 @@ struct STFacts
 /// elsewhere.
 bool bThisMachine(const STHost& stHost);
 
-/// Facts by the names of servers, without those of which nothing is known. Throws only CFailure
-/// (INTERRUPTED).
-std::map<std::string, STFacts> tAskFacts(const std::vector<std::string>& tServers, bool bWithLog);
-/// The end of a message: ", its last line: ..." with what the server's service logged last, or nothing.
-std::string csLastLogged(const std::string& csServer);
-/// Folder of a server's program; empty when it is not known.
-std::string csFolderOf(const std::string& csServer);
+/// What the service manager answered about some servers.
+struct STLocalAnswer
+{
+    std::map<std::string, STFacts> tFacts; ///< by name, without servers of which nothing is known
+    bool bWhole = true;                    ///< false: about some it could not be asked
+};
 
-/// Has the service manager carry out "start", "stop" or "restart". Throws CFailure (REFUSED).
+/// All questions of a call together take no longer than its time, nor than five seconds.
+
+/// Throws only CFailure (INTERRUPTED).
+STLocalAnswer stAskFacts(const std::vector<std::string>& tServers, bool bWithLog, Milliseconds clTime);
+/// The end of a message: ", its last line: ..." with what the server's service logged last, or nothing.
+std::string csLastLogged(const std::string& csServer, Milliseconds clTime);
+/// Folder of a server's program; empty when it is not known.
+std::string csFolderOf(const std::string& csServer, Milliseconds clTime);
+
+/// Has the service manager carry out "start", "stop" or "restart", in this time with all questions before and
+/// after. Throws CFailure (REFUSED).
 void ControlService(const std::string& csAction, const std::string& csServer, Milliseconds clTime);

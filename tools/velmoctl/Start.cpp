@@ -16,10 +16,11 @@ std::optional<bool> bReadDone(std::string_view csLine)
 }
 
 /// Adds the last line that the service logged: it says more than the "canceled" of the manager.
-CFailure clWithLog(const CFailure& clFailure, const STHost& stHost, const std::string& csName)
+CFailure clWithLog(const CFailure& clFailure, const STHost& stHost, const std::string& csName,
+                   Milliseconds clTime)
 {
     const bool bLog = clFailure.eExit() == EExit::REFUSED && bThisMachine(stHost);
-    return {clFailure.eExit(), clFailure.what() + (bLog ? csLastLogged(csName) : "")};
+    return {clFailure.eExit(), clFailure.what() + (bLog ? csLastLogged(csName, clTime) : "")};
 }
 
 /// The failure of a server that was started but does not run: csHow says how it is instead.
@@ -56,7 +57,7 @@ void Start(CConversation* pclManager, STServerAnswer* pst, bool bWait, Milliseco
             AwaitRunning(pclManager, pst, clDeadline);
         }
     } catch (const CFailure& clFailure) {
-        throw clWithLog(clFailure, pclManager->stHost(), csName);
+        throw clWithLog(clFailure, pclManager->stHost(), csName, clTime);
     }
 }
 
@@ -88,8 +89,11 @@ void ShowStarted(const STCall& stCall, const STHostAnswer& st, bool bMany)
         }
     }
 
+    // A machine that gave no answer has no list of servers: those that were named stand for it.
     if (stCall.stOptions.bJson && st.clFailure.has_value()) {
-        std::cout << csJsonLine(clResult(st.stHost, "", "", st.clFailure));
+        for (const std::string& csBytes : stCall.tArguments) {
+            std::cout << csJsonLine(clResult(st.stHost, csArgument(csBytes), "", st.clFailure));
+        }
     }
     std::cout.flush();
 }
@@ -136,9 +140,13 @@ EExit eControl(const STCall& stCall, const std::string& csAction, const char* ps
 /// The refusal for another machine, with the command to type instead.
 CFailure clElsewhere(const STCall& stCall, const STHost& stHost, const std::string& csAction)
 {
-    std::string csCommand = "ssh root@" + csShellWord(stHost.csAddress) + " systemctl " + csAction;
+    // Two shells read what ssh is given, here and there. This machine behind another port has no address.
+    const bool bRemote = !stHost.csAddress.empty();
+    std::string csCommand =
+        (bRemote ? "ssh root@" + csShellWord(stHost.csAddress) + " " : "") + "systemctl " + csAction;
     for (const std::string& csName : stCall.tArguments) {
-        csCommand.append(" ").append(csShellWord(csUnitName(csArgument(csName))));
+        const std::string csWord = csShellWord(csUnitName(csArgument(csName)));
+        csCommand.append(" ").append(bRemote ? csShellWord(csWord) : csWord);
     }
     return {EExit::REFUSED, "managers cannot " + csAction + " servers, only the service manager of " +
                                 csWhere(stHost) + " can: " + csCommand};

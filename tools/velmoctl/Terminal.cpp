@@ -72,7 +72,8 @@ STSize stTerminalSize()
 bool bTerminal(int nFd)
 {
     const char* const pszKind = std::getenv("TERM");
-    return ::isatty(nFd) == 1 && pszKind != nullptr && std::string_view(pszKind) != "dumb";
+    return ::isatty(nFd) == 1 && pszKind != nullptr && *pszKind != '\0' &&
+           std::string_view(pszKind) != "dumb";
 }
 
 void SetColours(bool bAllowed)
@@ -130,6 +131,7 @@ bool bConfirm(const std::string& csQuestion)
     if (::isatty(STDIN_FILENO) != 1) {
         throw CFailure(EExit::USAGE, "nobody can be asked without a terminal: add --yes");
     }
+    ::tcflush(STDIN_FILENO, TCIFLUSH); // what was typed before cannot be the answer
     std::cerr << csQuestion << " [y/N] " << std::flush;
     std::string csAnswer;
     if (!bReadLine(&csAnswer, 1024)) {

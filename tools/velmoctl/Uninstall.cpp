@@ -94,17 +94,18 @@ std::string csStateOrUnknown(CConversation* pclManager, const std::string& csNam
 }
 
 /// The folder that would be deleted, by its path where that is known: on this machine.
-std::string csFolderWords(const STHost& stHost, const std::string& csName)
+std::string csFolderWords(const STHost& stHost, const std::string& csName, Milliseconds clTime)
 {
-    const std::string csFolder = bThisMachine(stHost) ? csFolderOf(csName) : "";
+    const std::string csFolder = bThisMachine(stHost) ? csFolderOf(csName, clTime) : "";
     return csFolder.empty() ? "the folder of its program" : csFolder + ", the folder of its program,";
 }
 
 std::string csPlan(const STCall& stCall, const STHost& stHost, const std::string& csName)
 {
-    return stCall.stOptions.bDeleteFiles ? "stop it, delete " + csFolderWords(stHost, csName) +
-                                               " with all databases in it, and remove its service"
-                                         : "stop it and remove its service; its files are kept";
+    return stCall.stOptions.bDeleteFiles
+               ? "stop it, delete " + csFolderWords(stHost, csName, stCall.clTimeout) +
+                     " with all databases in it, and remove its service"
+               : "stop it and remove its service; its files are kept";
 }
 } // namespace
 
