@@ -123,7 +123,8 @@ public:
         ::el_set(pcl, EL_EDITOR, "emacs");
         ::el_set(pcl, EL_HIST, ::history, m_pclHistory.get());
         ::el_set(pcl, EL_GETCFN, s_nGetCharacter);
-        ::el_set(pcl, EL_ADDFN, "velmo-complete", "Complete the word", s_nComplete);
+        // The wide form keeps the two texts; libedit's narrow one copies them and never frees the copies.
+        ::el_wset(pcl, EL_ADDFN, L"velmo-complete", L"Complete the word", s_nComplete);
         ::el_set(pcl, EL_BIND, "^I", "velmo-complete", nullptr);
         ::el_set(pcl, EL_BIND, "^W", "ed-delete-prev-word", nullptr);
         ::el_set(pcl, EL_BIND, "^U", "vi-kill-line-prev", nullptr);
