@@ -71,15 +71,16 @@ TEST_F(FailingTool, AQuestionThatFailsIsAskedAgainAndThenHasFailed)
     const struct
     {
         const char* pszFault;
-        int nTries; ///< of a question that fails for good
+        int nLeast, nMost; ///< tries of a question that fails for good
     } tCases[] = {
-        {s_szReexecList, 4},
-        {s_szReexecShow, 4},
-        {"exit 1", 4},
-        {"echo ActiveState=failed; echo Type=; kill -KILL $$", 4}, // half an answer, perhaps
-        {"printf 'ActiveState=fai'; exit 1", 4},
-        {"exec yes '  DXCS-z.service ActiveState=failed'", 2}, // each is read after a pause of 2 s
-        {"sleep 1.2; exit 1", 3},                              // the fourth would begin too late
+        {s_szReexecList, 4, 4},
+        {s_szReexecShow, 4, 4},
+        {"exit 1", 4, 4},
+        {"echo ActiveState=failed; echo Type=; kill -KILL $$", 4, 4}, // half an answer, perhaps
+        {"printf 'ActiveState=fai'; exit 1", 4, 4},
+        // Read after a pause of 2 s, or at once where it is quick to print more than its limit.
+        {"exec yes '  DXCS-z.service ActiveState=failed'", 2, 4},
+        {"sleep 1.2; exit 1", 3, 3}, // the fourth would begin too late
     };
     for (const auto& st : tCases) {
         SCOPED_TRACE(st.pszFault);
@@ -90,7 +91,8 @@ TEST_F(FailingTool, AQuestionThatFailsIsAskedAgainAndThenHasFailed)
         EXPECT_EQ(nCalls(), 2);
         Break(st.pszFault, s_nForGood);
         EXPECT_EQ(csList(), L"failed");
-        EXPECT_EQ(nCalls(), st.nTries);
+        const auto nTries = nCalls();
+        EXPECT_TRUE(nTries >= st.nLeast && nTries <= st.nMost) << nTries;
     }
     Break("exit 1", 3);
     EXPECT_EQ(m_clService.eGetStatus(), STATUS_RUNNING) << "the last try counts";
