@@ -193,7 +193,7 @@ own_folders() {
     printf '%%dir /%s\n' opt/velmomanager usr/share/doc/velmomanager usr/share/doc/velmomanager/examples
 }
 
-rpm_spec() {
+rpm_recipe() {
     cat <<END
 Name: velmomanager
 Version: $version
@@ -231,8 +231,8 @@ pack_rpm() { # OUT
         defines+=(--define "$define")
     done
     mkdir -p "$top"
-    rpm_spec >"$top/velmomanager.spec"
-    quietly "$build_folder/packages.log" rpmbuild -bb --target "$name-linux" "${defines[@]}" "$top/velmomanager.spec"
+    rpm_recipe >"$top/velmomanager.rpm-recipe"
+    quietly "$build_folder/packages.log" rpmbuild -bb --target "$name-linux" "${defines[@]}" "$top/velmomanager.rpm-recipe"
     cp "$top/RPMS/velmomanager-$version-1.$name.rpm" "$1/"
     echo "$1/velmomanager-$version-1.$name.rpm"
 }

@@ -38,16 +38,22 @@ double fPing(const CPing& clPing)
     });
 }
 
-void InfoRow(int nServers, int nRounds)
+/// `fnOurs` times one listing of ours, whatever asks for it.
+template <class F>
+void ListingRow(const std::string& csName, int nServers, int nRounds, F fnOurs)
 {
-    const CTalk clTalk(g_wOurs);
-    TimeRow("INFO" + csWith(nServers),
+    TimeRow(csName + csWith(nServers),
             stTurnByTurn(
-                nRounds, [&] { return fBareInfo(nServers); }, [&] { return fInfo(clTalk); }),
+                nRounds, [&] { return fBareInfo(nServers); }, fnOurs),
             1.15);
 }
 
-/// INFO with few servers as the floor of INFO with many.
+void InfoRow(int nServers, int nRounds)
+{
+    const CTalk clTalk(g_wOurs);
+    ListingRow("INFO", nServers, nRounds, [&] { return fInfo(clTalk); });
+}
+
 /// How INFO grows with the number of servers; both sides are ours.
 void GrowthRow(int nFew, int nMany)
 {
@@ -70,10 +76,7 @@ void GrowthRow(int nFew, int nMany)
 void PingRow(int nServers, int nRounds)
 {
     const CPing clPing;
-    TimeRow("ping" + csWith(nServers),
-            stTurnByTurn(
-                nRounds, [&] { return fBareInfo(nServers); }, [&] { return fPing(clPing); }),
-            1.15);
+    ListingRow("ping", nServers, nRounds, [&] { return fPing(clPing); });
 }
 
 /// INFO next to one launch for each server, and next to one plain question to systemd for all of them.

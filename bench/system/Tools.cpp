@@ -25,6 +25,17 @@ void Die(const std::string& csWhy)
     std::exit(1);
 }
 
+namespace {
+sockaddr_in stLoopback(std::uint16_t wPort)
+{
+    sockaddr_in st{};
+    st.sin_family = AF_INET;
+    st.sin_port = htons(wPort);
+    st.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return st;
+}
+} // namespace
+
 CDescripteur clConnect(std::uint16_t wPort, bool bBlocking)
 {
     CDescripteur cl(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | (bBlocking ? 0 : SOCK_NONBLOCK), 0));
@@ -33,10 +44,7 @@ CDescripteur clConnect(std::uint16_t wPort, bool bBlocking)
     const linger stReset{1, 0};
     std::ignore = ::setsockopt(cl.nFd(), SOL_SOCKET, SO_LINGER, &stReset, sizeof stReset);
 
-    sockaddr_in stAddress{};
-    stAddress.sin_family = AF_INET;
-    stAddress.sin_port = htons(wPort);
-    stAddress.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const sockaddr_in stAddress = stLoopback(wPort);
     const int nResult = ::connect(cl.nFd(), reinterpret_cast<const sockaddr*>(&stAddress), sizeof stAddress);
 
     if (nResult != 0 && bBlocking) {
@@ -77,10 +85,7 @@ CPing::CPing() : m_clSocket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0))
     const timeval stLimit{10, 0};
     std::ignore = ::setsockopt(m_clSocket.nFd(), SOL_SOCKET, SO_RCVTIMEO, &stLimit, sizeof stLimit);
 
-    sockaddr_in stAddress{};
-    stAddress.sin_family = AF_INET;
-    stAddress.sin_port = htons(g_wOurs);
-    stAddress.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const sockaddr_in stAddress = stLoopback(g_wOurs);
     std::ignore =
         ::connect(m_clSocket.nFd(), reinterpret_cast<const sockaddr*>(&stAddress), sizeof stAddress);
 }

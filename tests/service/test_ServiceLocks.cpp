@@ -67,7 +67,7 @@ TEST_F(ServiceLocks, ARemovalCancelsAStartThatIsUnderWayAndNobodyStartsInBetween
             << "#!/bin/sh\n[ $1 != start ] || { sleep 31; echo >/run/late; }\n";
         stRun("chmod 755 /etc/init.d/DXCS-a");
         CServiceManager::ms_eDistri = bScript ? DISTRI_DEBIAN : DISTRI_SYSTEMD;
-        const auto bUnderWay = [&] {
+        const auto bUnderWay = [&, bScript = bScript] {
             return bScript ? stRun("pgrep -f '^sleep 31'").nStatus == 0
                            : clTool.csTakeJournal().find("start ") != std::string::npos;
         };

@@ -60,18 +60,19 @@ TEST(Show, TellsExistenceDescriptionAndCommandLine)
         const char* pszForm;
         const char* pszOutput;
         bool bExists;
+        bool bOneProgram;
         Text csDescription;
         Text csBinaryPath;
         Text csExecutable;
-        bool bOneProgram = true;
     } tCases[] = {
         {"a running unit",
          "Type=forking\nExecStart={ path=/opt/a/dx ; argv[]=/opt/a/dx --SERVICE DXCS-a ; pid=0 ; "
          "}\nDescription=a = b\n",
-         true, "a = b", "/opt/a/dx --SERVICE DXCS-a ", "/opt/a/dx"},
+         true, true, "a = b", "/opt/a/dx --SERVICE DXCS-a ", "/opt/a/dx"},
         {"a unit that does not exist",
          "Type=\nDescription=DXCS-x.service\n",
          false,
+         true,
          "DXCS-x.service",
          {},
          {}},
@@ -80,11 +81,13 @@ TEST(Show, TellsExistenceDescriptionAndCommandLine)
          "--SERVICE N ; "
          "pid=0 ; }\n",
          true,
+         true,
          {},
          "/o/a  b; c ; argv[]=x/dx --SERVICE N ",
          "/o/a  b; c ; argv[]=x/dx"},
         {"a first argument that is not the executable",
          "Type=forking\nExecStart={ path=/opt/a/dx ; argv[]=/opt//a/dx --SERVICE N ; }\n",
+         true,
          true,
          {},
          "/opt//a/dx --SERVICE N ",
@@ -92,18 +95,19 @@ TEST(Show, TellsExistenceDescriptionAndCommandLine)
         {"an executable whose name the first argument only begins with",
          "Type=forking\nExecStart={ path=/opt/a/dx ; argv[]=/opt/a/dxdemo --SERVICE N ; }\n",
          true,
+         true,
          {},
          "/opt/a/dxdemo --SERVICE N ",
          {}},
         {"several command lines",
          "Type=oneshot\nExecStart={ path=/a ; argv[]=/a ; }\nExecStart={ path=/b ; argv[]=/b -x ; }\n",
          true,
+         false,
          {},
          "/b -x ",
-         "/b",
-         false},
-        {"no semicolon behind argv", "Type=simple\nExecStart={ argv[]=/x", true, {}, {}, {}},
-        {"nothing", "", false, {}, {}, {}},
+         "/b"},
+        {"no semicolon behind argv", "Type=simple\nExecStart={ argv[]=/x", true, true, {}, {}, {}},
+        {"nothing", "", false, true, {}, {}, {}},
     };
     for (const auto& st : tCases) {
         SCOPED_TRACE(st.pszForm);

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <gtest/gtest.h>
 #include <netdb.h>
+#include <tuple>
 
 namespace {
 CDescripteur clSocket(int nType)
@@ -26,7 +27,7 @@ std::uint16_t wFreePort()
     const CDescripteur clFd = clSocket(SOCK_STREAM);
     sockaddr_in6 st = stAddress("127.0.0.1", 0);
     socklen_t nLength = sizeof st;
-    ::bind(clFd.nFd(), reinterpret_cast<sockaddr*>(&st), sizeof st);
+    std::ignore = ::bind(clFd.nFd(), reinterpret_cast<sockaddr*>(&st), sizeof st);
     ::getsockname(clFd.nFd(), reinterpret_cast<sockaddr*>(&st), &nLength);
     return ntohs(st.sin6_port);
 }
