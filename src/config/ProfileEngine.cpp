@@ -16,14 +16,33 @@ wint_t nFold(CUnicodeUnit c)
     return std::towlower(c);
 }
 
+/// Of the ASCII characters that print none is whitespace in any locale: most units need no call.
+template <class TUnit>
+bool bPrintableASCII(TUnit c)
+{
+    return c > TUnit{' '} && c < TUnit{0x7F};
+}
+
 bool bSpace(CAnsiUnit c)
 {
-    return std::isspace(static_cast<unsigned char>(c)) != 0;
+    return !bPrintableASCII(c) && std::isspace(static_cast<unsigned char>(c)) != 0;
 }
 
 bool bSpace(CUnicodeUnit c)
 {
-    return std::iswspace(c) != 0;
+    return !bPrintableASCII(c) && std::iswspace(c) != 0;
+}
+
+/// Whether two units are the same but for their case, in the current locale. Of two ASCII characters every
+/// locale says no when more than the bit between "A" and "a" differs: nearly always, and without a call.
+template <class TUnit>
+bool bSameButForCase(TUnit c1, TUnit c2)
+{
+    constexpr unsigned int nASCII = 0x7F;
+    constexpr unsigned int nCaseBit = 'A' ^ 'a';
+    const unsigned int nDifferent = static_cast<unsigned int>(c1) ^ static_cast<unsigned int>(c2);
+    const bool bASCII = ((static_cast<unsigned int>(c1) | static_cast<unsigned int>(c2)) & ~nASCII) == 0;
+    return nDifferent == 0 || (!(bASCII && (nDifferent & ~nCaseBit) != 0) && nFold(c1) == nFold(c2));
 }
 
 template <class TUnit>
@@ -48,8 +67,7 @@ template <class TUnit>
 bool bBeginsWithName(CUnitsView<TUnit> csLine, CUnitsView<TUnit> csName)
 {
     return csLine.size() >= csName.size() &&
-           std::ranges::equal(csName, csLine.substr(0, csName.size()),
-                              [](TUnit c1, TUnit c2) { return c1 == c2 || nFold(c1) == nFold(c2); });
+           std::ranges::equal(csName, csLine.substr(0, csName.size()), bSameButForCase<TUnit>);
 }
 
 /// "[", the name and "]" at the start of the line.
@@ -71,23 +89,30 @@ bool bLineOf(CUnitsView<TUnit> csLine, CUnitsView<TUnit> csKey)
     return c == TUnit{'='} || bBlank(c);
 }
 
-/// The part of a line that the reader looks at: up to a NUL, without leading whitespace.
+/// Where a line's text begins for the reader: after leading whitespace. Whoever looks further than the name
+/// that it searches cuts the text at its NUL, with csUpToNUL; this way most lines are never looked through.
 template <class TUnit>
 CUnitsView<TUnit> csReaderText(CUnitsView<TUnit> csLine)
 {
-    csLine = csLine.substr(0, csLine.find(TUnit{}));
     const auto it = std::ranges::find_if_not(csLine, [](TUnit c) { return bSpace(c); });
     return csLine.substr(static_cast<std::size_t>(it - csLine.begin()));
 }
 
+/// The text that the reader sees: a NUL ends it.
+template <class TUnit>
+CUnitsView<TUnit> csUpToNUL(CUnitsView<TUnit> csText)
+{
+    return csText.substr(0, csText.find(TUnit{}));
+}
+
 /// Name in a section's header line, as the reader understands it; none for other lines.
 template <class TUnit>
-std::optional<CUnitsView<TUnit>> csHeaderName(CUnitsView<TUnit> csText)
+inline std::optional<CUnitsView<TUnit>> csHeaderName(CUnitsView<TUnit> csText)
 {
     if (!bBeginsWith(csText, TUnit{'['})) {
         return std::nullopt;
     }
-    const std::size_t nEnd = csText.find(TUnit{']'});
+    const std::size_t nEnd = csUpToNUL(csText).find(TUnit{']'});
     return nEnd == csText.npos ? std::nullopt : std::optional(csText.substr(1, nEnd - 1));
 }
 
@@ -95,6 +120,7 @@ std::optional<CUnitsView<TUnit>> csHeaderName(CUnitsView<TUnit> csText)
 template <class TUnit>
 std::optional<CUnits<TUnit>> csValueOf(CUnitsView<TUnit> csText, std::size_t nAfterName)
 {
+    csText = csUpToNUL(csText);
     const std::size_t nEqual = csText.find(TUnit{'='}, nAfterName);
     if (nEqual == csText.npos) {
         return std::nullopt;
@@ -123,7 +149,7 @@ void AppendListed(std::optional<CUnits<TUnit>>* pcsList, CUnitsView<TUnit> csNam
 template <class TUnit>
 std::optional<CUnitsView<TUnit>> csKeyName(CUnitsView<TUnit> csText)
 {
-    std::size_t nEnd = csText.find(TUnit{'='});
+    std::size_t nEnd = csUpToNUL(csText).find(TUnit{'='});
     if (nEnd == csText.npos) {
         return std::nullopt;
     }
@@ -138,8 +164,8 @@ template <class TUnit>
 std::optional<CUnits<TUnit>> csListSections(CProfileFile& clFile)
 {
     std::optional<CUnits<TUnit>> csList;
-    for (CUnits<TUnit> csLine; clFile.STRG_nGetLine(&csLine) >= 0;) {
-        if (const auto csName = csHeaderName(csReaderText<TUnit>(csLine))) {
+    for (STProfileLine<TUnit> stLine; clFile.STRG_nGetLine(&stLine) >= 0;) {
+        if (const auto csName = csHeaderName(csReaderText(stLine.csText))) {
             AppendListed(&csList, *csName);
         }
     }
@@ -151,8 +177,8 @@ template <class TUnit>
 std::optional<CUnits<TUnit>> csSearchKey(CProfileFile& clFile, std::optional<CUnitsView<TUnit>> csKey)
 {
     std::optional<CUnits<TUnit>> csFound;
-    for (CUnits<TUnit> csLine; clFile.STRG_nGetLine(&csLine) >= 0;) {
-        const CUnitsView<TUnit> csText = csReaderText<TUnit>(csLine);
+    for (STProfileLine<TUnit> stLine; clFile.STRG_nGetLine(&stLine) >= 0;) {
+        const CUnitsView<TUnit> csText = csReaderText(stLine.csText);
         if (csHeaderName(csText).has_value()) {
             break;
         }
@@ -184,8 +210,8 @@ template <class TUnit>
 std::optional<STSpan> stFindHeader(CProfileFile& clFile, CUnitsView<TUnit> csSection)
 {
     off_t nStart = clFile.nPosition();
-    for (CUnits<TUnit> csLine; clFile.STRG_nGetLine(&csLine) >= 0; nStart = clFile.nPosition()) {
-        if (bHeaderOf<TUnit>(csLine, csSection)) {
+    for (STProfileLine<TUnit> stLine; clFile.STRG_nGetLine(&stLine) >= 0; nStart = clFile.nPosition()) {
+        if (bHeaderOf(stLine.csText, csSection)) {
             return STSpan{nStart, clFile.nPosition()};
         }
     }
@@ -197,8 +223,8 @@ template <class TUnit>
 off_t nFindSectionEnd(CProfileFile& clFile)
 {
     off_t nStart = clFile.nPosition();
-    for (CUnits<TUnit> csLine; clFile.STRG_nGetLine(&csLine) >= 0; nStart = clFile.nPosition()) {
-        if (csLine.front() == TUnit{'['}) { // a line that was read has at least one character
+    for (STProfileLine<TUnit> stLine; clFile.STRG_nGetLine(&stLine) >= 0; nStart = clFile.nPosition()) {
+        if (stLine.csText.front() == TUnit{'['}) { // a line that was read has at least one character
             break;
         }
     }
@@ -210,12 +236,12 @@ template <class TUnit>
 STSpan stFindKeyLine(CProfileFile& clFile, CUnitsView<TUnit> csKey)
 {
     off_t nStart = clFile.nPosition();
-    for (CUnits<TUnit> csLine; clFile.STRG_nGetLine(&csLine) >= 0; nStart = clFile.nPosition()) {
-        if (bLineOf<TUnit>(csLine, csKey)) {
+    for (STProfileLine<TUnit> stLine; clFile.STRG_nGetLine(&stLine) >= 0; nStart = clFile.nPosition()) {
+        if (bLineOf(stLine.csText, csKey)) {
             return {nStart, clFile.nPosition()};
         }
         // An empty line ends the section for the writer: a new key goes before it, not to the next header.
-        if (bLineEnd(csLine.front()) || csLine.front() == TUnit{'['}) {
+        if (bLineEnd(stLine.csText.front()) || stLine.csText.front() == TUnit{'['}) {
             break;
         }
     }
@@ -256,8 +282,8 @@ std::optional<CUnits<TUnit>> __GetPrivateProfileStringInterne(CProfileFile& clFi
     }
 
     // Of several sections of one name only the first is searched.
-    for (CUnits<TUnit> csLine; clFile.STRG_nGetLine(&csLine) >= 0;) {
-        if (bHeaderOf(csReaderText<TUnit>(csLine), csSection)) {
+    for (STProfileLine<TUnit> stLine; clFile.STRG_nGetLine(&stLine) >= 0;) {
+        if (bHeaderOf(csReaderText(stLine.csText), csSection)) {
             return csSearchKey(clFile, csKey);
         }
     }

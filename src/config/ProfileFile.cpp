@@ -142,7 +142,7 @@ bool bFollow(int nLink, STPlace* pstPlace)
 /// Opens the file at a path for writing, and follows only links that root has made: otherwise a server's user
 /// could put a link in the place of its settings, and root would write to the link's target. Everything is
 /// judged by what has been opened, so that a name that changes meanwhile does not matter.
-CDescripteur clOpenToWrite(const std::string& csPath, int nFlags)
+CDescripteur clOpenToWrite(const std::string& csPath, int nFlags, STFileStatus* pst)
 {
     STPlace stPlace{CDescripteur(), csPath};
     for (int n = 0; n < s_nMaxLinks; ++n) {
@@ -150,7 +150,7 @@ CDescripteur clOpenToWrite(const std::string& csPath, int nFlags)
         STFileStatus st{};
         if (!clFound.bOpen() || ::fstat(clFound.nFd(), &st) != 0 || !S_ISLNK(st.st_mode)) {
             // Not there (O_CREAT may make it), or no link. One that is put there now is refused.
-            return clOpenRegularAt(stPlace.nFolder(), stPlace.csName, nFlags | O_NOFOLLOW);
+            return clOpenRegularAt(stPlace.nFolder(), stPlace.csName, nFlags | O_NOFOLLOW, pst);
         }
         if (!bFollow(clFound.nFd(), &stPlace)) {
             return CDescripteur();
@@ -159,49 +159,34 @@ CDescripteur clOpenToWrite(const std::string& csPath, int nFlags)
     errno = ELOOP;
     return CDescripteur();
 }
-
-/// Whether the file has only this name; false with errno (EMLINK). A file with a second name may be a hard
-/// link to somebody else's file, which a write would change.
-bool bHasOneName(int nFd)
-{
-    STFileStatus st{};
-    if (::fstat(nFd, &st) != 0) {
-        return false;
-    }
-    errno = st.st_nlink > 1 ? EMLINK : errno;
-    return st.st_nlink <= 1;
-}
 } // namespace
 
 CProfileFile::CProfileFile() : m_pBuffer(pMakeForOverwrite<CBuffer>()) {}
 
-bool CProfileFile::_bTake(CDescripteur clFile)
+/// Makes an opened file this object's; refuses it where an error is given. False with errno.
+bool CProfileFile::_bTake(CDescripteur clFile, int nErrno)
 {
-    m_clFile = std::move(clFile);
-    STFileStatus st{};
-    if (!m_clFile.bOpen() || ::fstat(m_clFile.nFd(), &st) != 0) {
+    if (nErrno != 0) {
+        errno = nErrno;
         return false;
     }
-
-    if (st.st_size > g_nMaxProfileFile) {
-        m_clFile.Close();
-        errno = EFBIG;
-    }
+    m_clFile = std::move(clFile);
     return m_clFile.bOpen();
 }
 
 bool CProfileFile::bOpenToRead(const std::string& csPath)
 {
-    return _bTake(clOpenRegular(csPath, O_RDONLY));
+    STFileStatus st{};
+    CDescripteur clFile = clOpenRegular(csPath, O_RDONLY, &st);
+    return _bTake(std::move(clFile), st.st_size > g_nMaxProfileFile ? EFBIG : 0);
 }
 
 bool CProfileFile::_bOpenToWrite(const std::string& csPath, int nFlags)
 {
-    if (!_bTake(clOpenToWrite(csPath, nFlags)) || bHasOneName(m_clFile.nFd())) {
-        return m_clFile.bOpen(); // false when the open failed
-    }
-    m_clFile.Close(); // keeps errno
-    return false;
+    // A file with a second name may be a hard link to somebody else's file, which a write would change.
+    STFileStatus st{};
+    CDescripteur clFile = clOpenToWrite(csPath, nFlags, &st);
+    return _bTake(std::move(clFile), st.st_size > g_nMaxProfileFile ? EFBIG : st.st_nlink > 1 ? EMLINK : 0);
 }
 
 bool CProfileFile::bOpenToUpdate(const std::string& csPath)
@@ -217,11 +202,8 @@ bool CProfileFile::bFichierUnicode()
     while (m_nEnd < csBOM.size() && _bFill()) { // one read also brings the first lines
     }
 
-    const bool bUnicode = std::string_view(m_pBuffer->data(), m_nEnd).starts_with(csBOM);
-    if (bUnicode) {
-        m_nBegin = csBOM.size();
-        m_nPosition = static_cast<off_t>(csBOM.size());
-    }
+    const bool bUnicode = std::string_view(_pBytes(0), m_nEnd).starts_with(csBOM);
+    m_nBegin = bUnicode ? csBOM.size() : 0;
     return bUnicode;
 }
 
@@ -235,18 +217,18 @@ bool CProfileFile::bReadFailed() const noexcept
 /// on a failure, which m_nReadError keeps.
 bool CProfileFile::_bFill()
 {
-    std::memmove(m_pBuffer->data(), m_pBuffer->data() + m_nBegin, m_nEnd - m_nBegin);
-    m_nEnd -= std::exchange(m_nBegin, 0);
+    std::memmove(_pBytes(0), _pBytes(m_nBegin), m_nEnd - m_nBegin);
+    m_nEnd -= m_nBegin;
+    m_nBufferPosition += static_cast<off_t>(std::exchange(m_nBegin, 0));
 
-    const off_t nFilePosition = m_nPosition + static_cast<off_t>(m_nEnd);
+    const off_t nFilePosition = m_nBufferPosition + static_cast<off_t>(m_nEnd);
     if (nFilePosition > g_nMaxProfileFile) { // the file has grown since it was opened
         m_nReadError = EFBIG;
         return false;
     }
 
-    const ssize_t nRead = nRetry([&] {
-        return ::pread(m_clFile.nFd(), m_pBuffer->data() + m_nEnd, m_pBuffer->size() - m_nEnd, nFilePosition);
-    });
+    const ssize_t nRead = nRetry(
+        [&] { return ::pread(m_clFile.nFd(), _pBytes(m_nEnd), sizeof(CBuffer) - m_nEnd, nFilePosition); });
     if (nRead < 0) {
         m_nReadError = errno;
     }
@@ -254,48 +236,23 @@ bool CProfileFile::_bFill()
     return nRead > 0;
 }
 
-/// Consumes what the buffer holds of the line; true when it holds the line's LF.
+/// Adds what follows after the buffer to a line that does not end in it. All of the line is consumed, but
+/// only its first g_nMaxProfileLine bytes are kept.
 template <class TUnit>
-bool CProfileFile::_bTakeUntilLF(std::basic_string<TUnit>* pcsLine)
+void CProfileFile::_Join(STProfileLine<TUnit>* pstLine)
 {
-    const char* pBegin = m_pBuffer->data() + m_nBegin;
-    const std::size_t nUnits = (m_nEnd - m_nBegin) / sizeof(TUnit);
-
-    // Number of units before the LF; without one, of all. Byte by byte in UTF-16, as the units in the buffer
-    // need not be aligned.
-    std::size_t nLF = nUnits;
-    if constexpr (sizeof(TUnit) == 1) {
-        const void* pLF = std::memchr(pBegin, '\n', nUnits);
-        nLF = pLF == nullptr ? nUnits : static_cast<std::size_t>(static_cast<const char*>(pLF) - pBegin);
-    } else {
-        for (nLF = 0; nLF < nUnits && !(pBegin[2 * nLF] == '\n' && pBegin[2 * nLF + 1] == '\0'); ++nLF) {
-        }
+    std::basic_string<TUnit>& csLine = pstLine->csJoined;
+    csLine = pstLine->csText;
+    for (bool bEnded = false; !bEnded && _bFill();) {
+        std::basic_string_view<TUnit> csMore;
+        bEnded = _bTakeUntilLF(&csMore);
+        csLine += csMore.substr(0, g_nMaxProfileLine / sizeof(TUnit) - csLine.size());
     }
-    const std::size_t nTaken = std::min(nLF + 1, nUnits);
-
-    // All of the line is consumed, but only its first g_nMaxProfileLine bytes are kept.
-    const std::size_t nBefore = pcsLine->size();
-    const std::size_t nKept = std::min(nTaken, g_nMaxProfileLine / sizeof(TUnit) - nBefore);
-    pcsLine->resize(nBefore + nKept);
-    std::memcpy(pcsLine->data() + nBefore, pBegin, nKept * sizeof(TUnit));
-
-    m_nBegin += nTaken * sizeof(TUnit);
-    m_nPosition += static_cast<off_t>(nTaken * sizeof(TUnit));
-    return nLF < nUnits;
+    pstLine->csText = csLine;
 }
 
-template <class TUnit>
-ssize_t CProfileFile::STRG_nGetLine(std::basic_string<TUnit>* pcsLine)
-{
-    const off_t nStart = m_nPosition;
-    pcsLine->clear();
-    while (!_bTakeUntilLF(pcsLine) && _bFill()) {
-    }
-    return m_nPosition == nStart ? -1 : static_cast<ssize_t>(m_nPosition - nStart);
-}
-
-template ssize_t CProfileFile::STRG_nGetLine(std::basic_string<CAnsiUnit>* pcsLine);
-template ssize_t CProfileFile::STRG_nGetLine(std::basic_string<CUnicodeUnit>* pcsLine);
+template void CProfileFile::_Join(STProfileLine<CAnsiUnit>* pstLine);
+template void CProfileFile::_Join(STProfileLine<CUnicodeUnit>* pstLine);
 
 bool CProfileFile::bReplace(off_t nStart, off_t nEnd, std::string_view csBytes)
 {

@@ -19,6 +19,15 @@ using CUnicodeUnit = char16_t;
 inline constexpr off_t g_nMaxProfileFile = 16 << 20;
 inline constexpr std::size_t g_nMaxProfileLine = 64 << 10;
 
+/// One line of a profile file. The object is used for one line after the other, so that its memory is too.
+template <class TUnit>
+struct STProfileLine
+{
+    /// With its LF, if it has one. Lies in the file's buffer or in csJoined; the next read makes it invalid.
+    std::basic_string_view<TUnit> csText;
+    std::basic_string<TUnit> csJoined; ///< the line, put together, when the buffer does not hold all of it
+};
+
 /// One open profile file, read line by line from its start and changed in at most one place. Only regular
 /// files are opened: a directory, a FIFO or a device in the file's place is refused and never waited for. So
 /// is a file of more than g_nMaxProfileFile bytes (EFBIG).
@@ -45,10 +54,10 @@ public:
     /// odd last byte of a UTF-16 file is never consumed. A failed read, and a file that grows beyond
     /// g_nMaxProfileFile, look like the end of the file; see bReadFailed.
     template <class TUnit>
-    ssize_t STRG_nGetLine(std::basic_string<TUnit>* pcsLine);
+    ssize_t STRG_nGetLine(STProfileLine<TUnit>* pstLine);
 
     /// Byte position in the file of the line that the next read returns.
-    off_t nPosition() const noexcept { return m_nPosition; }
+    off_t nPosition() const noexcept { return m_nBufferPosition + static_cast<off_t>(m_nBegin); }
     /// Whether the lines ended because of a failure and not at the end of the file; sets errno then.
     bool bReadFailed() const noexcept;
 
@@ -60,20 +69,48 @@ public:
     bool bClose();
 
 private:
-    using CBuffer = std::array<char, 16384>; ///< on the heap: worker threads have 64 KiB of stack
+    /// On the heap: worker threads have 64 KiB of stack. Of the wider units, so that it may be read as both.
+    using CBuffer = std::array<CUnicodeUnit, 8192>;
 
-    /// Makes the file this object's, unless it is too large.
-    bool _bTake(CDescripteur clFile);
+    bool _bTake(CDescripteur clFile, int nErrno);
     bool _bOpenToWrite(const std::string& csPath, int nFlags);
     bool _bFill();
+    /// Byte n of the buffer.
+    char* _pBytes(std::size_t n) const { return reinterpret_cast<char*>(m_pBuffer->data()) + n; }
     template <class TUnit>
-    bool _bTakeUntilLF(std::basic_string<TUnit>* pcsLine);
+    bool _bTakeUntilLF(std::basic_string_view<TUnit>* pcsTaken);
+    template <class TUnit>
+    void _Join(STProfileLine<TUnit>* pstLine);
 
     CDescripteur m_clFile;
     std::unique_ptr<CBuffer> m_pBuffer;
-    /// [m_nBegin, m_nEnd) of the buffer: bytes read from the file, not consumed yet.
+    /// [m_nBegin, m_nEnd) of the buffer in bytes: read from the file, not consumed yet.
     std::size_t m_nBegin = 0;
     std::size_t m_nEnd = 0;
-    off_t m_nPosition = 0; ///< in the file, of m_nBegin
-    int m_nReadError = 0;  ///< errno of the first failure to read; 0: none
+    off_t m_nBufferPosition = 0; ///< in the file, of the buffer's first byte
+    int m_nReadError = 0;        ///< errno of the first failure to read; 0: none
 };
+
+/// Consumes what the buffer holds of the line: up to its LF, or, with false, all whole units.
+template <class TUnit>
+bool CProfileFile::_bTakeUntilLF(std::basic_string_view<TUnit>* pcsTaken)
+{
+    // Aligned: in a file of the wider units, all that is consumed before, the byte order mark too, is even.
+    const std::basic_string_view<TUnit> csHeld(reinterpret_cast<const TUnit*>(_pBytes(m_nBegin)),
+                                               (m_nEnd - m_nBegin) / sizeof(TUnit));
+    const std::size_t nLF = csHeld.find(TUnit{'\n'});
+    *pcsTaken = csHeld.substr(0, nLF == csHeld.npos ? nLF : nLF + 1);
+
+    m_nBegin += pcsTaken->size() * sizeof(TUnit);
+    return nLF != csHeld.npos;
+}
+
+template <class TUnit>
+ssize_t CProfileFile::STRG_nGetLine(STProfileLine<TUnit>* pstLine)
+{
+    const off_t nStart = nPosition();
+    if (!_bTakeUntilLF(&pstLine->csText)) {
+        _Join(pstLine);
+    }
+    return nPosition() == nStart ? -1 : static_cast<ssize_t>(nPosition() - nStart);
+}

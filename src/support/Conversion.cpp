@@ -148,14 +148,14 @@ std::string csNarrow(std::wstring_view csText, ECodePage eCodePage)
     std::string csBytes;
     csBytes.reserve(csText.size());
 
-    for (const wchar_t c : csText) {
-        if (eCodePage == CP_UTF8) {
+    if (eCodePage == CP_UTF8) {
+        for (const wchar_t c : csText) {
             AppendUTF8(csBytes, c);
-        } else {
-            csBytes += cTo1252(c);
         }
+        return csBytes;
     }
 
+    std::ranges::transform(csText, std::back_inserter(csBytes), cTo1252);
     return csBytes;
 }
 

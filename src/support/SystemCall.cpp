@@ -34,7 +34,7 @@ constexpr int s_nAlways = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
 constexpr mode_t s_nMode = 0666;
 
 /// Judges the open file, not its name: the name may mean another one by now.
-CDescripteur clIfRegular(CDescripteur clFile)
+CDescripteur clIfRegular(CDescripteur clFile, STFileStatus* pst)
 {
     STFileStatus st{};
     if (!clFile.bOpen() || ::fstat(clFile.nFd(), &st) != 0) {
@@ -44,18 +44,20 @@ CDescripteur clIfRegular(CDescripteur clFile)
         errno = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
         return CDescripteur();
     }
+    if (pst != nullptr) {
+        *pst = st;
+    }
     return clFile;
 }
 } // namespace
 
-CDescripteur clOpenRegular(const std::string& csPath, int nFlags)
+CDescripteur clOpenRegular(const std::string& csPath, int nFlags, STFileStatus* pst)
 {
-    return clIfRegular(
-        CDescripteur(nRetry([&] { return ::open(csPath.c_str(), nFlags | s_nAlways, s_nMode); })));
+    return clOpenRegularAt(AT_FDCWD, csPath, nFlags, pst);
 }
 
-CDescripteur clOpenRegularAt(int nFolder, const std::string& csPath, int nFlags)
+CDescripteur clOpenRegularAt(int nFolder, const std::string& csPath, int nFlags, STFileStatus* pst)
 {
-    return clIfRegular(
-        CDescripteur(nRetry([&] { return ::openat(nFolder, csPath.c_str(), nFlags | s_nAlways, s_nMode); })));
+    const auto fnOpen = [&] { return ::openat(nFolder, csPath.c_str(), nFlags | s_nAlways, s_nMode); };
+    return clIfRegular(CDescripteur(nRetry(fnOpen)), pst);
 }

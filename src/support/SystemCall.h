@@ -41,10 +41,11 @@ bool bOpenPipe(STPipe* pstPipe);
 bool bWriteAll(int nFd, std::string_view csBytes);
 
 /// Opens a regular file close-on-exec. Anything else is refused, a directory with EISDIR, a FIFO or a device
-/// with EINVAL; the call never waits for one. With O_CREAT a new file has mode 0666 less the umask.
-CDescripteur clOpenRegular(const std::string& csPath, int nFlags);
+/// with EINVAL; the call never waits for one. With O_CREAT a new file has mode 0666 less the umask. *pst,
+/// where given, is what the opened file's fstat says.
+CDescripteur clOpenRegular(const std::string& csPath, int nFlags, STFileStatus* pst = nullptr);
 /// The same, from an open folder (or AT_FDCWD).
-CDescripteur clOpenRegularAt(int nFolder, const std::string& csPath, int nFlags);
+CDescripteur clOpenRegularAt(int nFolder, const std::string& csPath, int nFlags, STFileStatus* pst = nullptr);
 
 /// Closes a directory for its owner, CDirectory.
 struct STCloseDirectory
