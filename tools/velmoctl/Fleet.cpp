@@ -5,6 +5,7 @@
 #include "velmoctl/Terminal.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <ctime>
 #include <fnmatch.h>
@@ -12,7 +13,6 @@
 #include <iostream>
 #include <iterator>
 #include <set>
-#include <sstream>
 
 namespace {
 using CClock = std::chrono::steady_clock;
@@ -151,6 +151,29 @@ std::vector<std::string> tUnmatched(const std::vector<STHostAnswer>& tAnswers, c
 
     return tWords;
 }
+
+/// Bytes of a hosts file, many times what the largest fleet needs: a device in its place may never end.
+constexpr std::size_t s_nMaxHostsFile = 4 << 20;
+
+/// What the file holds. A FIFO is read to its end, so that a shell's process substitution works.
+std::string csReadHosts(const std::string& csFile)
+{
+    std::ifstream clFile(csFile);
+    std::string csText;
+    for (std::array<char, 4096> tBuffer; csText.size() <= s_nMaxHostsFile;) {
+        clFile.read(tBuffer.data(), tBuffer.size());
+        if (clFile.gcount() == 0) {
+            break;
+        }
+        csText.append(tBuffer.data(), static_cast<std::size_t>(clFile.gcount()));
+    }
+
+    if (!clFile.is_open() || clFile.bad() || csText.size() > s_nMaxHostsFile) {
+        throw CFailure(EExit::USAGE, "the hosts file " + csArgument(csFile) + " cannot be read" +
+                                         (csText.size() > s_nMaxHostsFile ? ": it is too large" : ""));
+    }
+    return csText;
+}
 } // namespace
 
 CHostsFile clReadHostsFile(const STOptions& stOptions)
@@ -162,14 +185,7 @@ CHostsFile clReadHostsFile(const STOptions& stOptions)
         return {};
     }
 
-    std::ifstream clFile(csFile);
-    std::ostringstream clText;
-    clText << clFile.rdbuf();
-    if (!clFile.is_open() || clFile.bad()) {
-        throw CFailure(EExit::USAGE, "the hosts file " + csArgument(csFile) + " cannot be read");
-    }
-
-    return {clText.str(), csArgument(csFile)};
+    return {csReadHosts(csFile), csArgument(csFile)};
 }
 
 std::vector<STHost> tHostsOf(const STOptions& stOptions)
