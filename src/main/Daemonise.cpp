@@ -29,6 +29,7 @@ using STSigAction = struct sigaction;
 /// What the daemon writes to the launcher's pipe.
 constexpr char s_cFailed = 0;
 constexpr char s_cRunning = 1;
+/// Characters of the PID file's path; a longer one is cut, which clients rely on.
 constexpr std::size_t s_nMaxPidPath = 260;
 /// How long the launcher waits for a failed daemon's exit, in milliseconds.
 constexpr int s_nMaxEndMs = 5000;
@@ -105,7 +106,7 @@ void Detach(int nPipe)
     std::ignore = ::dup(0);
 
     ::umask(022);
-    std::ignore = ::chdir("/tmp/"); // any folder does, if only the one it was started in can be unmounted
+    std::ignore = ::chdir("/tmp/"); // lets the file system where it was started be unmounted
 }
 
 /// Starts the service under the user's effective ids and returns to root's. False when it does not run.
@@ -150,7 +151,8 @@ bool bTakePidFile(CPidFile& clPidFile)
     return false;
 }
 
-/// From the written PID file to the end of the main loop.
+/// From the written PID file to the end of the main loop. Gives the PID file to the service's user and
+/// switches to that user for good: so far bStartAs has switched only for the start.
 void RunLocked(CPidFile& clPidFile, const wchar_t* pszUser, CDescripteur* pclPipe, CTermHeld& clHeld)
 {
     if (pszUser != nullptr) {
@@ -161,7 +163,8 @@ void RunLocked(CPidFile& clPidFile, const wchar_t* pszUser, CDescripteur* pclPip
     clPidFile.Remove();
 }
 
-/// The daemon's part, from detaching to its exit. Whatever ends it early has been logged.
+/// The daemon's part, from detaching to its exit. Whatever ends it early has been logged, and closes the
+/// pipe, which the launcher takes for a failed start.
 void Daemon(const wchar_t* pszServiceName, CDescripteur clPipe)
 {
     Detach(clPipe.nFd());

@@ -88,7 +88,8 @@ void CSetupManager::RegisterServer(STRegistration stServer, CTString* pcsError)
     if (bInstalled && !CStopping::bAsked()) {
         std::ignore = m_clServiceManager.bTakeBackRefused(*pclService);
     }
-    if (bInstalled && CStopping::bAsked()) { // after the stop nothing is started
+    // Asked again, as the stop may have begun during the take-back. After the stop nothing is started.
+    if (bInstalled && CStopping::bAsked()) {
         pclService->AddMissingStep(L"start");
         *pcsError = L"The registration of \"" + stServer.csName +
                     L"\" was cut short by the stop of the manager. Not done: " +
@@ -220,7 +221,6 @@ CSetupManager::EComparison CSetupManager::_eCompare(CService& clService, const S
         return EComparison::CONFLICT;
     }
 
-    const std::wstring csShort = csShortName(clService);
     if (bSameFile) { // registered under another name
         return EComparison::SAME;
     }
@@ -232,7 +232,7 @@ CSetupManager::EComparison CSetupManager::_eCompare(CService& clService, const S
     }
 
     DLLRES_bFormatMessage(&g_stMyModule, MSG_SERVER_PORT_TAKEN, pcsError, stServer.csName.c_str(),
-                          static_cast<unsigned int>(stServer.wPort), csShort.c_str());
+                          static_cast<unsigned int>(stServer.wPort), csShortName(clService).c_str());
     return EComparison::CONFLICT;
 }
 

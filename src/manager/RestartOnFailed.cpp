@@ -40,7 +40,7 @@ void CRestartOnFailed::xStart()
 
 void CRestartOnFailed::Stop()
 {
-    CZTThread::Stop(1);
+    CZTThread::Stop(1); // first: the thread hands the workers their work
     m_clWorkers.Stop();
 }
 
@@ -83,8 +83,8 @@ void CRestartOnFailed::__Check()
 
         // A service that is being started, by us or by somebody else, is not even asked for its state: its
         // script may hang, and this thread with it.
-        const std::wstring csName = CServiceManager::csRegisteredName(pclService->pszGetName());
-        if (m_clWorkers.bHas(pclService->pszGetName()) || m_pclManager->clGetLocks().bHeld(csName)) {
+        const std::wstring csLockName = CServiceManager::csRegisteredName(pclService->pszGetName());
+        if (m_clWorkers.bHas(pclService->pszGetName()) || m_pclManager->clGetLocks().bHeld(csLockName)) {
             continue;
         }
         if (pclService->eGetStatus() == STATUS_FAILED) {

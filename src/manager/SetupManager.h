@@ -57,8 +57,8 @@ public:
     CServiceManager* pclGetServiceManager() { return &m_clServiceManager; }
     CRemoteVelmoManager& clGetRemote() { return m_clRemote; }
     /// Takes the service lock, which serialises listings and registrations, not the commands on one server.
-    /// Whoever has it must not take the lock of a service (CServiceLocks): that may wait for a start that
-    /// hangs. Throws std::system_error when the stop ends the wait.
+    /// Whoever has it must not take the lock of a service's name (CServiceLocks): that may wait for a start
+    /// that hangs. Throws std::system_error when the stop ends the wait.
     CServiceGuard clLockServices() { return CServiceGuard(m_clServiceLock); }
 
     /// Version, system, processor and memory, separated by tabs. Written once, before any endpoint runs, so
@@ -75,7 +75,7 @@ public:
     static std::wstring s_csAccessPort(CService& clService);
     /// Makes sure that a service exists for this server's executable and runs. The reason of a refusal or
     /// failure goes into pcsError and the log. A refusal installs and starts nothing; a service whose start
-    /// fails stays installed, unless systemd refuses its unit. Takes the locks of the services concerned, and
+    /// fails stays installed, unless systemd refuses its unit. Takes the locks of the names concerned, and
     /// within them, for all but the start, the service lock. Throws std::system_error when the stop ends a
     /// wait.
     void RegisterServer(STRegistration stServer, CTString* pcsError);

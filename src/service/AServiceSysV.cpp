@@ -16,7 +16,7 @@ namespace {
 constexpr std::size_t s_nMaxScript = 1U << 20; ///< bytes; a larger file is no script
 
 /// Limit of a status query. Without one a script that hangs would hold its caller for ever, and with it
-/// everyone who waits for the service lock.
+/// everyone who waits for the lock of the service's name.
 constexpr unsigned int s_nStatusLimitMs = 20'000;
 
 /// Whether the error means that no such file exists; none can have a name that is too long.
@@ -61,10 +61,14 @@ bool CService::_bScriptCommand(const wchar_t* pszVerb, const wchar_t* pszArgumen
     // Name and arguments are inert, so the line needs no quoting. The shell is there for the redirection.
     const int nStatus = nShell(csToUTF8(csPath + L" " + pszVerb + (csArguments.empty() ? L"" : L" ") +
                                         csArguments + L" " + pszRedirection));
+    if (nStatus == -1) {
+        return false;
+    }
 
-    // Only the exit code counts: of a shell that a signal ended it is 0, and clients rely on that success.
-    const int nExitCode = nStatus == -1 ? -1 : WEXITSTATUS(nStatus);
-    if (nStatus != -1 && nExitCode != 0) {
+    // Only the exit code counts. WEXITSTATUS gives 0 for a shell that a signal ended, so that is a success;
+    // clients rely on it.
+    const int nExitCode = WEXITSTATUS(nStatus);
+    if (nExitCode != 0) {
         errno = nErrnoOfShell(nExitCode);
     }
     return nExitCode == 0;
@@ -113,7 +117,8 @@ bool CService::_bRemoveSysV()
 {
     const STSysVFamily* const pstFamily = pstFindFamily(CServiceManager::ms_eDistri);
     if (pstFamily == nullptr) {
-        // No known family, so there is nothing to do. That an earlier errno decides is what clients rely on.
+        // No known family, so there is nothing to do. Whether that is a success depends on what an earlier
+        // operation left in errno; clients rely on it.
         return errno == ENOENT;
     }
 

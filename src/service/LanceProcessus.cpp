@@ -28,13 +28,13 @@ constexpr std::size_t s_nBlock = 1024;
 /// How long a child that had to wait for room in its pipe may take to write again.
 constexpr long s_nGoOnMs = 50;
 
-/// Appends; a large text gets its whole room at once instead of growing by doubling: while it moves, both
-/// copies are in memory.
-void AppendWithin(std::string* pcsText, std::string_view csMore, std::size_t nMax)
+/// Appends. Once the text is large, reserves what the limit allows: growing by doubling would have both the
+/// old and the new copy in memory while the text moves. The caller keeps the limit.
+void AppendReserving(std::string* pcsText, std::string_view csMore, std::size_t nLimit)
 {
     const std::size_t nSize = pcsText->size() + csMore.size();
-    if (nSize > pcsText->capacity() && nSize > nMax / 8) {
-        pcsText->reserve(nMax + s_nBlock);
+    if (nSize > pcsText->capacity() && nSize > nLimit / 8) {
+        pcsText->reserve(nLimit + s_nBlock);
     }
     pcsText->append(csMore);
 }
@@ -159,16 +159,19 @@ bool CLanceProcessus::_bReadSome(CXYString<char>* pcsOutput, std::size_t* pnTota
 {
     std::array<char, s_nBlock> tBuffer;
     const ssize_t nRead = ::read(m_clOutput.nFd(), tBuffer.data(), tBuffer.size());
-    if (nRead <= 0) { // end of file or an error, unless a signal interrupted the call
-        if (nRead < 0 && errno != EINTR && pcsOutput != nullptr) {
-            _GiveOutputUp(errno);
-        }
-        return nRead < 0 && errno == EINTR;
+    if (nRead < 0 && errno == EINTR) { // nothing was read, but there may be more
+        return true;
+    }
+    if (nRead < 0 && pcsOutput != nullptr) {
+        _GiveOutputUp(errno);
+    }
+    if (nRead <= 0) {
+        return false;
     }
 
     *pnTotal += static_cast<std::size_t>(nRead);
     if (pcsOutput != nullptr) {
-        AppendWithin(pcsOutput, {tBuffer.data(), static_cast<std::size_t>(nRead)}, m_nMaxOutput);
+        AppendReserving(pcsOutput, {tBuffer.data(), static_cast<std::size_t>(nRead)}, m_nMaxOutput);
     }
     return true;
 }
@@ -193,9 +196,9 @@ bool CLanceProcessus::_bOutputWaits(bool bWanted)
     return nReady > 0;
 }
 
-/// Whether to go on waiting for the tool. One whose work was cancelled is killed: that work must not be done
-/// later.
-bool CLanceProcessus::_bMayGoOn()
+/// Whether to go on waiting for the tool; if not, errno is ECANCELED. A tool whose work was cancelled is
+/// killed: that work must not be done later.
+bool CLanceProcessus::_bKeepWaiting()
 {
     const bool bOn = bMayGoOn();
     if (CStopping::bCancelled()) {
@@ -235,13 +238,15 @@ bool CLanceProcessus::bLitSortieA(CXYString<char>* pcsOutput)
         _WaitEndAfterOutput();
     }
 
+    if (nTotal != 0) {
+        return true;
+    }
+
     // A child that has printed more than a pipeful may have waited for room, and writes on as soon as it has
     // some: give it a moment before the long pause. A long pause for each pipeful would add up to half a
     // minute for what a listing may print.
-    if (nTotal == 0 && m_nOutput >= s_nOutputRoom && m_nOutputError == 0 && _bReadable(s_nGoOnMs)) {
-        return true;
-    }
-    if (nTotal == 0) {
+    const bool bMayHaveWaited = m_nOutput >= s_nOutputRoom && m_nOutputError == 0;
+    if (!bMayHaveWaited || !_bReadable(s_nGoOnMs)) {
         CProcessManager::m_gpclManager->Pause(m_pstChild);
     }
     return true;
@@ -257,7 +262,7 @@ bool CLanceProcessus::bLitSortieEtAttendFinExecution(CXYString<char>* pcsOutput,
     m_clInput.Close();
 
     while (!bProcessusTermine()) {
-        if (!_bMayGoOn()) {
+        if (!_bKeepWaiting()) {
             return false;
         }
         bLitSortieA(pcsOutput);
@@ -288,7 +293,7 @@ bool CLanceProcessus::bAttendFinExecution(unsigned int* pnExitCode, unsigned int
     bool bOpen = true;
     std::size_t nDiscarded = 0;
     for (int nMs = 1; !CProcessManager::m_gpclManager->bGetCode(m_pstChild, &nCode);) {
-        if (!_bMayGoOn()) {
+        if (!_bKeepWaiting()) {
             return false;
         }
         if (nMaxMs != 0 && std::chrono::steady_clock::now() >= clEnd) {

@@ -60,11 +60,12 @@ private:
     bool _bReadable(long nMs) const;
     /// Notes that output is missing and why. Kills the child, whose output nobody would read any more.
     void _GiveOutputUp(int nError);
-    /// Whether the next read returns at once; false also when that cannot be found out.
+    /// Whether the next read returns at once; false also when that cannot be found out. Output that the
+    /// caller wanted is then given up.
     bool _bOutputWaits(bool bWanted);
     /// Reads once and adds the bytes' count to *pnTotal; false when there is nothing more to read.
     bool _bReadSome(CXYString<char>* pcsOutput, std::size_t* pnTotal);
-    bool _bMayGoOn();
+    bool _bKeepWaiting();
     void _WaitEndAfterOutput() const;
 
     CProcessManager::STChild* m_pstChild = nullptr; ///< null: idle

@@ -131,9 +131,10 @@ CProcessManager::STChild* CProcessManager::pstFork(const STChildStart& stStart)
     CChildStarter clStarter;
     STChild* pstChild = _pstReserve();
 
-    // Without the guard: other threads need the table while this one waits for the child's exec. The signal
-    // of a child that exits before its pid is noted below finds no record; whoever asks about the child reaps
-    // it.
+    // SIGCHLD is blocked in this thread until the pid is noted, so that its handler finds the record of a
+    // child that exits at once. Another thread may get the signal earlier and find none: whoever asks about
+    // the child then reaps it. The guard comes only afterwards: other threads need the table while this one
+    // waits for the exec.
     const CSignalsHeld clHeld{SIGCHLD};
     const pid_t nPid = clStarter.nStart(stStart);
 

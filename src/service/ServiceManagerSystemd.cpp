@@ -27,14 +27,14 @@ std::optional<std::wstring> csDecode(const std::optional<std::string>& csBytes)
 }
 
 /// The names in a listing that begin with the prefix, each once.
-std::vector<CServiceName> tReadNames(std::string_view csListing, const std::wstring& csStart)
+std::vector<CServiceName> tReadNames(std::string_view csListing, const std::wstring& csPrefix)
 {
     std::vector<CServiceName> tNames;
     for (const std::string_view csListed : tReadListing(csListing)) {
         CServiceName clName = CServiceName::s_clListed(csListed);
         // The files of templates, whose only "@" is at the end, are listed, too. They are no services.
         const bool bTemplate = csListed.find('@') + 1 == csListed.size();
-        if (!bTemplate && clName.csText().starts_with(csStart) &&
+        if (!bTemplate && clName.csText().starts_with(csPrefix) &&
             std::ranges::find(tNames, clName) == tNames.end()) {
             tNames.push_back(std::move(clName));
         }
@@ -45,6 +45,10 @@ std::vector<CServiceName> tReadNames(std::string_view csListing, const std::wstr
 
 bool CServiceManager::_bSystemdWorks()
 {
+    if (!CDiskFile::bExists(g_szSystemctl)) {
+        return false;
+    }
+
     // Any listing will do: only a systemctl that can talk to systemd exits with status 0.
     const auto bAnswers = [] {
         CLanceProcessus clLauncher;
@@ -52,9 +56,6 @@ bool CServiceManager::_bSystemdWorks()
         return clLauncher.bLanceProcessus(g_szSystemctl, L"--no-pager --no-legend", nullptr) &&
                clLauncher.bAttendFinExecution(&nExitCode, s_nDetectionLimitMs) && nExitCode == 0;
     };
-    if (!CDiskFile::bExists(g_szSystemctl)) {
-        return false;
-    }
 
     // systemd makes this folder, by which programs recognise that it was booted. Ask again there when
     // systemctl fails: one failure would make the manager drive init scripts for the rest of its life.
@@ -197,9 +198,11 @@ std::unique_ptr<CService> CServiceManager::__pclInstallSystemd(const CServiceNam
         return nullptr;
     }
 
-    // A failed reload is not judged: a start without it fails.
     auto pclService =
         std::make_unique<CService>(this, clName.csRegistry().c_str(), pszDisplayName, csBinaryPath.c_str());
+
+    // A failed reload does not fail the installation: where systemd cannot do without it, the start that
+    // follows fails and is reported.
     if (!bSystemctlDone(L"daemon-reload")) {
         pclService->AddMissingStep(L"systemctl daemon-reload");
     }
