@@ -28,7 +28,7 @@ int nFindOption(int nCount, char** ppszArguments, const wchar_t* pszOption)
     return 0;
 }
 
-/// Reports on standard error: these commands exit with status 0 whatever happens.
+/// Reports on standard error, the only place: these commands exit with status 0 whatever happens.
 void SayFailure(int nError)
 {
     std::fprintf(stderr, "%s: %s\n", g_szManagerServiceA, csToUTF8(csFailedListing(nError)).c_str());
@@ -44,8 +44,8 @@ void StopIfActive(CService& clService)
     }
 }
 
-/// The manager's own service; null when it is not registered or, after a report, cannot be looked up.
-std::unique_ptr<CService> pclOwnService(CServiceManager* pclManager)
+/// As pclManagerService, but reports a service that cannot be looked up.
+std::unique_ptr<CService> pclManagerServiceOrReport(CServiceManager* pclManager)
 {
     auto pclService = pclManagerService(pclManager);
     if (pclService == nullptr && errno != ENOENT) {
@@ -90,6 +90,7 @@ void StopAllCmd()
 {
     CServiceManager* pclManager = gpclSetupManager->pclGetServiceManager();
     pclManager->bInit(nullptr, 0);
+    // This process's own lock: a running daemon holds another one and is neither waited for nor delayed.
     const CServiceGuard clGuard = gpclSetupManager->clLockServices();
 
     CServiceListing clListing(pclManager, g_szServerPrefix);
@@ -100,7 +101,7 @@ void StopAllCmd()
         SayFailure(clListing.nError());
     }
 
-    if (const auto pclService = pclOwnService(pclManager)) {
+    if (const auto pclService = pclManagerServiceOrReport(pclManager)) {
         StopIfActive(*pclService);
     }
 }
@@ -126,7 +127,7 @@ void StopOneServer(const wchar_t* pszDirectory)
     StopIfActive(*pclServer);
 
     // The product's folder may hold the manager beside the server: then both are in the way of a setup.
-    const auto pclService = pclOwnService(pclManager);
+    const auto pclService = pclManagerServiceOrReport(pclManager);
     if (pclService != nullptr && bLiesIn(*pclService, pszDirectory)) {
         StopIfActive(*pclService);
     }

@@ -16,7 +16,8 @@ bool bGetCmdLineValue(int nCount, char** ppszArguments, const wchar_t* pszOption
 /// Whether the process must run as the service: the option is present, or systemd waits for its report.
 bool bModeService(int nCount, char** ppszArguments, const wchar_t* pszOption);
 
-/// The manager's own service; null when it is not registered.
+/// The manager's own service; null with errno: ENOENT when it is not registered, anything else when it cannot
+/// be looked up.
 std::unique_ptr<CService> pclManagerService(CServiceManager* pclManager);
 /// Stops every database server that runs or is starting, then the manager's own service. A failure is
 /// reported on standard error and does not keep the others from being stopped.

@@ -44,11 +44,11 @@ CDialog::CDialog(CDescripteur clSocket) : m_clSocket(std::move(clSocket))
 
 CDialog::~CDialog()
 {
-    m_clThread.Stop(1);
+    m_clThread.Stop(1); // does not wait: the thread lets go of the object only after it has called Stopped
 
     STRegister& stAll = stConversations();
     const std::lock_guard<std::mutex> clGuard(stAll.clLock);
-    ::shutdown(m_clSocket.nFd(), SHUT_RDWR);
+    ::shutdown(m_clSocket.nFd(), SHUT_RDWR); // the tool sees the end, even if a new child has a copy
     stAll.tSockets.erase(m_clSocket.nFd());
     m_clSocket.Close(); // under the lock: s_bEndAll must not meet a number that is already somebody else's
 }

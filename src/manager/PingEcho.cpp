@@ -75,10 +75,10 @@ void Send(int nSocket, msghdr stTo, std::string_view csBytes)
 std::string csAnswer(EPingForm eForm, const std::wstring& csServers)
 {
     const ECodePage eCodePage = eForm == EPingForm::UTF8 ? CP_UTF8 : CP_SYSTEM;
-    const std::string csBytes = csNarrow(csServers, eCodePage);
+    const std::string csServerBytes = csNarrow(csServers, eCodePage);
     std::string csResult = csNarrow(L"YES\t" + gpclSetupManager->csGetHostInfo(), eCodePage);
-    return csResult.append(
-        csFittingServers(csBytes, g_nMaxDatagram - std::min(csResult.size(), g_nMaxDatagram)));
+    const std::size_t nRoom = g_nMaxDatagram - std::min(csResult.size(), g_nMaxDatagram);
+    return csResult.append(csFittingServers(csServerBytes, nRoom));
 }
 
 void Answer(STPingQuestion* pstQuestion, std::string_view csText)
@@ -244,7 +244,7 @@ void CPingEcho::_Run()
             if (errno == EINTR) { // a signal (a child's exit) is no reason to pause
                 continue;
             }
-        } catch (...) { // out of memory, or the stop: costs this answer only
+        } catch (...) { // out of memory: costs this question only
         }
 
         m_clThread.SleepOrStop(s_dwPauseMs);
@@ -273,15 +273,17 @@ void CPingEcho::_Receive()
     }
 }
 
-/// An asker that waits already is not noted twice. The first one to wait has the answering begun; whoever
-/// comes while a list is being made gets the next one.
+/// Puts the question among those that wait, unless its asker waits already. The first one to wait has the
+/// answering begun; whoever comes while a list is being made gets the next one.
 void CPingEcho::_Note(const STPingQuestion& stQuestion)
 {
     {
         const std::lock_guard<std::mutex> clGuard(m_clLock);
-        if (m_tWaiting.size() >= s_nMaxWaiting ||
-            !m_tWaiting.emplace(csAsker(stQuestion), stQuestion).second ||
-            std::exchange(m_bAnswering, true)) {
+        if (m_tWaiting.size() >= s_nMaxWaiting) {
+            return;
+        }
+        const bool bNew = m_tWaiting.emplace(csAsker(stQuestion), stQuestion).second;
+        if (!bNew || std::exchange(m_bAnswering, true)) {
             return;
         }
     }

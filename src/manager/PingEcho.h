@@ -51,7 +51,8 @@ public:
     ~CPingEcho();
     /// Binds the sockets; false, with the error, when that fails.
     bool bInit(std::uint16_t wPort, CXError* pclError);
-    /// Starts the thread; throws CXError on failure.
+    /// Starts the thread and waits until it runs. Throws CXError when it cannot be started; false when it has
+    /// ended at once.
     bool bStart();
     /// Ends the threads and closes the sockets.
     void Stop();

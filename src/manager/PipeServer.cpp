@@ -95,7 +95,7 @@ CDescripteur clCreateFifo(const char* pszName)
             return clFifo;
         }
 
-        const int nErrno = errno; // after the last attempt, why the FIFO was refused is what is reported
+        const int nErrno = errno; // after the last attempt the caller reports why the FIFO was refused
         if (!bClearName(pszName)) {
             break;
         }
@@ -108,7 +108,7 @@ CDescripteur clCreateFifo(const char* pszName)
 /// whose name is no FIFO, loses its reply.
 void SendReply(int nReply, const stRET& stReturn)
 {
-    std::array<char, 48> szName; // no allocation: a client must also be answered that memory is out
+    std::array<char, 48> szName; // no allocation: the reply may be that memory is out
     std::snprintf(szName.data(), szName.size(), "%s%d", g_szReplyPipePrefix, nReply);
     const CDescripteur clReply(::open(szName.data(), s_nOpenFlags));
     STFileStatus st{};
@@ -134,8 +134,9 @@ bool CPipeServer::bStart()
 
 bool CPipeServer::bStop()
 {
-    // The threads first: a closed descriptor's number may become another file's at once, which a thread that
-    // still runs would then read.
+    // The workers first: this also ends the reading thread's wait for a free one, in which it cannot be
+    // cancelled. The descriptor last: its number may become another file's at once, which a thread that still
+    // runs would then read.
     m_clWorkers.Stop();
     _StopThread();
 
@@ -183,10 +184,10 @@ void CPipeServer::_Run()
 
 bool CPipeServer::_bReadRequest(stSEND* pstSend) const
 {
-    // The only place where the thread can be cancelled. Cancellation unwinds the stack, so that no caller may
-    // catch everything. No signal handler may run meanwhile: cancellation would leave it halfway, with a lock
-    // held. CSignalsHeld does not serve for that: its destructor would let the signals through during the
-    // unwinding.
+    // The only place where the thread can be cancelled. Cancellation unwinds the stack like an exception, so
+    // no caller may have a catch (...). No signal handler may run meanwhile: cancellation would leave it
+    // halfway, with a lock held. The mask is set by hand: the destructor of a CSignalsHeld would let the
+    // signals through during the unwinding.
     sigset_t stAll;
     sigset_t stMask;
     sigfillset(&stAll);

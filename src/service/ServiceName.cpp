@@ -15,8 +15,8 @@ namespace {
 constexpr std::size_t s_nMaxFileName = 255; ///< bytes
 constexpr std::wstring_view s_csSuffix = L".service";
 constexpr std::wstring_view s_csPidSuffix = L".pid";
-/// Characters that a unit's name holds unescaped. The backslash is one of them: systemctl is then asked about
-/// a unit whose name holds one with that name unchanged.
+/// Characters that a unit's file name holds unescaped. The backslash is one of them: a file name that
+/// somebody else has escaped is asked about unchanged.
 constexpr std::string_view s_csUnitCharacters =
     "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ:-_.\\@";
 
@@ -126,8 +126,9 @@ std::wstring csUnescaped(std::string_view csListed)
     return csFromUTF8(csBytes);
 }
 
-/// The escaped form of a unit's name; empty for a name that systemctl would not read as one whole name.
-std::wstring csWholeName(const std::wstring& csUnit)
+/// The file name that a unit's name escapes to, without ".service"; empty for a name that systemctl would not
+/// read as one whole name.
+std::wstring csFileName(const std::wstring& csUnit)
 {
     const bool bForbidden =
         std::ranges::any_of(csUnit, [](wchar_t c) { return bControl(c) || bOneOf(c, L"*?[\"/ "); });
@@ -139,19 +140,20 @@ std::wstring csWholeName(const std::wstring& csUnit)
     return csAsked.size() + s_csSuffix.size() > s_nMaxFileName ? std::wstring() : csAsked;
 }
 
-/// The name of a unit that systemctl lists. Somebody else's unit may have a file name that no name escapes
-/// to. Such a file name is the name itself: decoded, it would be the name of another unit, too.
+/// The name of a unit that systemctl lists: decoded, when escaping the result gives the listed file name
+/// again. Somebody else's unit may have a file name that no name escapes to. That file name is then the
+/// unit's name: decoded, it could be the name of another unit, too.
 std::wstring csUnitListed(const std::wstring& csListed)
 {
     const std::wstring csUnit = csUnescaped(csToUTF8(csListed));
-    return csWholeName(csUnit) == csListed ? csUnit : csListed;
+    return csFileName(csUnit) == csListed ? csUnit : csListed;
 }
 
 /// The form in which systemctl is asked about a unit; empty unless a listing would turn it back into this
 /// name. A caller's backslash may look like an escape: "R\x26D" is not the service "R&D", and names nothing.
 std::wstring csAsk(const std::wstring& csUnit)
 {
-    std::wstring csAsked = csWholeName(csUnit);
+    std::wstring csAsked = csFileName(csUnit);
     return csUnitListed(csAsked) == csUnit ? csAsked : std::wstring();
 }
 
@@ -219,8 +221,8 @@ bool CServiceName::bInstallable() const
 {
     const bool bSystemd = CServiceManager::bSystemd();
 
-    // In a unit's text the first four have a meaning; a name with ";" or "|" could not be looked up. Of a
-    // script's name bInertName decides.
+    // In a unit's text the first four have a meaning; a name with ";" or "|" could not be looked up. A
+    // script's name is judged by bInertName below.
     const std::wstring_view csForbidden = bSystemd ? L"\\%$';|" : L"";
     const bool bGood = std::ranges::all_of(m_csText, [csForbidden](wchar_t c) {
         return bCharacter(c) && !bControl(c) && !bOneOf(c, csForbidden);

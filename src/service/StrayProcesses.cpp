@@ -18,8 +18,9 @@
 #include <vector>
 
 namespace {
-constexpr std::size_t s_nMaxArguments = std::size_t{64} * 1024; ///< bytes; a longer one is no server's
-constexpr int s_nLookMs = 50;                                   ///< between two looks
+/// Bytes of all arguments of a process; one with more is no server.
+constexpr std::size_t s_nMaxArguments = std::size_t{64} * 1024;
+constexpr int s_nLookMs = 50;     ///< between two looks
 constexpr int s_nTermLooks = 100; ///< 5 seconds from SIGTERM to SIGKILL, as init scripts have it
 constexpr int s_nKillLooks = 20;  ///< one second more for the processes that are slow to die
 
@@ -55,7 +56,7 @@ std::vector<pid_t> tFind(const std::string& csProgram, const std::string& csServ
         const std::string csProcess = std::string("/proc/") + pstEntry->d_name;
         const std::string csExecutable = csExecutableOf(csProcess);
 
-        // The program's file may have been replaced or deleted since, which the kernel adds to the name.
+        // The kernel adds " (deleted)" when the program's file has been replaced or deleted since.
         if (nPid > 1 && (csExecutable == csProgram || csExecutable == csProgram + " (deleted)") &&
             bHasArgument(csProcess, csService)) {
             tFound.push_back(nPid);
@@ -81,8 +82,8 @@ bool bEndStrayProcesses(const std::wstring& csProgram, const std::wstring& csSer
             return true;
         }
 
-        // SIGTERM once, so that a server can close its files; SIGKILL at each late look, also for children
-        // that have appeared since.
+        // SIGTERM at the first look, so that a server can close its files. After s_nTermLooks, SIGKILL at
+        // each look: a child may have appeared since the last one.
         if (nLook == 0 || nLook >= s_nTermLooks) {
             for (const pid_t nPid : tFound) {
                 ::kill(nPid, nLook == 0 ? SIGTERM : SIGKILL);

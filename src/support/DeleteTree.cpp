@@ -311,6 +311,8 @@ bool CDiskFile::bDeleteTree(const std::wstring& csDirectory, CXError* pclError)
     const std::size_t nName = csPath.rfind('/') + 1;
     const std::string csName = csPath.substr(nName);
     const CDescripteur clParent = clOpenResolved(csPath.substr(0, nName - 1));
+
+    // Each call is made only if the one before succeeded, so errno is that of the first failure.
     CDescripteur clTop = clParent.bOpen() ? clOpenDirectory(clParent.nFd(), csName.c_str()) : CDescripteur();
     const std::optional<STPlace> stParent = clTop.bOpen() ? stPlace(clParent.nFd()) : std::nullopt;
     const std::optional<STPlace> stTop = stParent ? stPlace(clTop.nFd()) : std::nullopt;

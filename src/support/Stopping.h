@@ -93,9 +93,9 @@ private:
     const std::atomic<bool>* m_pbCancelledBefore;
 };
 
-/// A lock with a condition that threads wait for. They look at the condition after 1 ms, 2 ms and so on, up
-/// to 100 ms, and at once when the stop is asked. A condition variable would not do: the signal handler that
-/// begins the stop may not notify one.
+/// A lock with a condition that threads wait for. They look at the condition again and again, with pauses of
+/// 1 ms, 2 ms and so on up to 100 ms between the looks, and at once when the stop is asked. A condition
+/// variable would not do: the signal handler that begins the stop may not notify one.
 class CStopWait
 {
 public:
