@@ -256,6 +256,7 @@ void CPingEcho::_Run()
 void CPingEcho::_Receive()
 {
     bool bAny = false;
+    bool bFailed = false;
     for (const STSocket& stSocket : tGetSockets()) {
         STPingQuestion stQuestion;
         for (std::size_t n = 0;
@@ -265,10 +266,11 @@ void CPingEcho::_Receive()
                 _Note(stQuestion);
             }
         }
+        bFailed = bFailed || errno != EAGAIN;
     }
 
     // A socket that is ready and yet fails would wake the thread again at once.
-    if (!bAny && errno != EAGAIN) {
+    if (!bAny && bFailed) {
         m_clThread.SleepOrStop(s_dwPauseMs);
     }
 }
