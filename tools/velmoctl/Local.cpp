@@ -2,7 +2,6 @@
 
 #include "manager/ReplyCodes.h"
 #include "service/InitScript.h"
-#include "service/ServiceName.h"
 #include "support/Conversion.h"
 #include "support/ManagerNames.h"
 #include "support/Shell.h"
@@ -38,11 +37,6 @@ bool bSystemd()
 {
     static const bool s_bRuns = ::access("/run/systemd/system", F_OK) == 0;
     return s_bRuns;
-}
-
-CServiceName clServiceOf(const std::string& csServer)
-{
-    return CServiceName::s_clSaid(csFromUTF8("DXCS-" + csServer).c_str());
 }
 
 /// Whether a name can be a service's. Names come from the manager and are not trusted.
@@ -225,6 +219,7 @@ STLocalAnswer stAskScripts(const std::vector<std::string>& tServers, const CDead
     }
     return stResult;
 }
+
 /// The unit or init script of a server; empty when it has none. Throws CFailure (REFUSED) when systemd cannot
 /// be asked.
 std::string csServiceOf(const std::string& csServer, Milliseconds clTime)

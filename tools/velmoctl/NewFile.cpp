@@ -11,20 +11,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace {
-bool bWriteAll(int nFd, const std::string& csText)
-{
-    for (std::size_t nDone = 0; nDone < csText.size();) {
-        const ssize_t nWritten = ::write(nFd, csText.data() + nDone, csText.size() - nDone);
-        if (nWritten < 0) {
-            return false;
-        }
-        nDone += static_cast<std::size_t>(nWritten);
-    }
-    return true;
-}
-} // namespace
-
 void ReplaceFile(const std::string& csPath, const std::string& csText)
 {
     // root's rename would put a file in the place of /dev/null or of a FIFO that somebody reads.

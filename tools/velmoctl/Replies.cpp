@@ -1,7 +1,6 @@
 #include "velmoctl/Replies.h"
 
 #include "manager/ReplyCodes.h"
-#include "service/ServiceName.h"
 #include "support/Conversion.h"
 #include "support/ManagerNames.h"
 #include "support/Shell.h"
@@ -153,6 +152,11 @@ std::optional<std::string> csReadState(std::string_view csLine)
     return pst == std::end(s_tStates) ? std::nullopt : std::optional<std::string>(pst->pszShown);
 }
 
+std::optional<bool> bReadDone(std::string_view csLine)
+{
+    return csLine == "OK" ? std::optional<bool>(true) : std::nullopt;
+}
+
 std::optional<std::string> csReadCluster(std::string_view csLine)
 {
     for (const std::string_view csStart : {"YES\t0\t", "YES\t1\t"}) {
@@ -186,9 +190,13 @@ std::string csRefusalWords(const STRefusal& stRefusal, const STAsked& stAsked)
     return csWords + (bKnown ? csCure(pst->eCure, stAsked) : "");
 }
 
+CServiceName clServiceOf(const std::string& csServer)
+{
+    return CServiceName::s_clSaid((g_szServerPrefix + csFromUTF8(csServer)).c_str());
+}
+
 std::string csUnitName(const std::string& csServer)
 {
-    const std::string csPlain = g_szServerPrefixA + csServer;
-    const std::string csAsked = csToUTF8(CServiceName::s_clSaid(csFromUTF8(csPlain).c_str()).csAsked());
-    return csAsked.empty() ? csPlain : csAsked;
+    const std::string csAsked = csToUTF8(clServiceOf(csServer).csAsked());
+    return csAsked.empty() ? g_szServerPrefixA + csServer : csAsked;
 }

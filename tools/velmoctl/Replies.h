@@ -1,5 +1,7 @@
 #pragma once
 
+#include "service/ServiceName.h"
+
 #include <optional>
 #include <string>
 #include <string_view>
@@ -37,6 +39,8 @@ std::optional<STRefusal> stReadRefusal(std::string_view csLine);
 std::optional<STInfo> stReadInfo(std::string_view csLine);
 /// The state as one lower-case word.
 std::optional<std::string> csReadState(std::string_view csLine);
+/// True for the reply of a command that has done what it was asked for.
+std::optional<bool> bReadDone(std::string_view csLine);
 /// Name of the cluster manager's machine; empty: the server is in no cluster.
 std::optional<std::string> csReadCluster(std::string_view csLine);
 
@@ -51,5 +55,7 @@ struct STAsked
 /// What an error code means for a server, with the text of the reply where it helps, and what to do about it.
 std::string csRefusalWords(const STRefusal& stRefusal, const STAsked& stAsked);
 
+/// The name of a server's service.
+CServiceName clServiceOf(const std::string& csServer);
 /// The unit of a server's service as systemctl takes it: its file's name without the type.
 std::string csUnitName(const std::string& csServer);

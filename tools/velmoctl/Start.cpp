@@ -10,11 +10,6 @@
 #include <tuple>
 
 namespace {
-std::optional<bool> bReadDone(std::string_view csLine)
-{
-    return csLine == "OK" ? std::optional<bool>(true) : std::nullopt;
-}
-
 /// Adds the last line that the service logged: it says more than the "canceled" of the manager.
 CFailure clWithLog(const CFailure& clFailure, const STHost& stHost, const std::string& csName,
                    Milliseconds clTime)

@@ -1,5 +1,6 @@
 // Uninstalls one server of one machine.
 
+#include "manager/ReplyCodes.h"
 #include "velmoctl/Fleet.h"
 #include "velmoctl/Local.h"
 #include "velmoctl/Query.h"
@@ -9,11 +10,6 @@
 #include <tuple>
 
 namespace {
-std::optional<bool> bReadDone(std::string_view csLine)
-{
-    return csLine == "OK" ? std::optional<bool>(true) : std::nullopt;
-}
-
 void Tell(const STCall& stCall, const STHost& stHost, const std::string& csName, const char* pszResult,
           const std::string& csWords)
 {
@@ -25,15 +21,13 @@ void Tell(const STCall& stCall, const STHost& stHost, const std::string& csName,
     }
 }
 
-/// With this error code the manager reports that it deleted the files of a server. The service is left then.
-constexpr unsigned int s_nFilesDeleted = 12;
-
-/// True when the manager has deleted the files and left the stopped service behind.
+/// True when the manager has deleted the files and left the stopped service behind, which it reports as an
+/// error.
 bool bFilesDeleted(CConversation* pclManager, const std::string& csName, bool bDeleteFiles)
 {
     const std::string csReply = pclManager->csAsk({"UNINSTALL", csName, bDeleteFiles ? "1" : "0"});
     const auto stRefusal = stReadRefusal(csReply);
-    if (stRefusal.has_value() && stRefusal->nCode == s_nFilesDeleted && bDeleteFiles) {
+    if (stRefusal.has_value() && stRefusal->nCode == ERREUR_UNINSTALL_FICHIERS && bDeleteFiles) {
         return true;
     }
     if (stRefusal.has_value()) {
@@ -80,10 +74,9 @@ STOutcome stRemove(CConversation* pclManager, const std::string& csName, bool bD
 /// The state for the question. A server whose state cannot be read can be uninstalled all the same.
 std::string csStateOrUnknown(CConversation* pclManager, const std::string& csName)
 {
-    constexpr unsigned int nUnreadable = 4;
     const std::string csReply = pclManager->csAsk({"STATUS", csName});
     const auto stRefusal = stReadRefusal(csReply);
-    if (stRefusal.has_value() && stRefusal->nCode != nUnreadable) {
+    if (stRefusal.has_value() && stRefusal->nCode != ERREUR_STATUS) {
         throw CFailure(EExit::REFUSED, csRefusalWords(*stRefusal, {pclManager->stHost().csName, csName}));
     }
     const auto csState = stRefusal.has_value() ? "in an unknown state" : csReadState(csReply);
