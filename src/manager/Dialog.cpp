@@ -103,7 +103,8 @@ void _WaitForCommandeThreadRoutine(CZTThread* pclThread)
     try {
         pclDialog->_WaitForCommande();
     } catch (...) {
-        // Whatever it was (most likely out of memory, or the stop) costs this conversation only.
+        // Whatever it was (most likely out of memory, or the stop) costs this conversation only. Caught here,
+        // before the conversation is released: its destructor waits for Stopped.
     }
     pclThread->Stopped();
 }

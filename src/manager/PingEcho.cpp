@@ -226,10 +226,7 @@ void CPingEcho::Stop()
 void CPingEcho::_PingThreadRoutine(CZTThread* pclThread)
 {
     pclThread->Started();
-    try {
-        static_cast<CPingEcho*>(pclThread->pGetParameter())->_Run();
-    } catch (...) { // out of memory to a degree that even the pause fails
-    }
+    static_cast<CPingEcho*>(pclThread->pGetParameter())->_Run();
     pclThread->Stopped();
 }
 

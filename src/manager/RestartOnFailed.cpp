@@ -14,11 +14,7 @@ namespace {
 void RestartOnFailedThreadFunc(CZTThread* pclThread)
 {
     pclThread->Started();
-    try {
-        static_cast<CRestartOnFailed*>(pclThread->pGetParameter())->Run();
-    } catch (...) {
-        // Ends the monitor, not the daemon.
-    }
+    static_cast<CRestartOnFailed*>(pclThread->pGetParameter())->Run();
     pclThread->Stopped();
 }
 } // namespace

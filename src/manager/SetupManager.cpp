@@ -109,11 +109,11 @@ bool CSetupManager::bStart()
 
 bool CSetupManager::_bStartPipe()
 {
-    CXError clError;
-    // bFail is always false: it only takes errno into the error.
-    if (m_clPipeServer.bStart() || bFail(&clError, L"create", csFromUTF8(g_szManagerPipe))) {
+    if (m_clPipeServer.bStart()) {
         return true;
     }
+    CXError clError;
+    std::ignore = bFail(&clError, L"create", csFromUTF8(g_szManagerPipe)); // takes errno; always false
     LogCause(m_clLogger, clError);
     return false;
 }

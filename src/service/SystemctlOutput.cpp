@@ -132,9 +132,9 @@ std::vector<std::string_view> tReadListing(std::string_view csOutput)
 {
     std::vector<std::string_view> tNames;
     ForEachLine(csOutput, [&](std::string_view csLine) {
-        // The first suffix ends the name; the columns after it (states, description) may hold more of them.
+        // The suffix that ends the first word is the unit's type; the name before it may hold ".service",
+        // too. A line of any other form is cut at its first ".service".
         const std::string_view csUnit = csAfterMarks(csLine);
-        // A name may hold ".service" inside: the one at the end of the first word is the unit's type.
         const std::string_view csWord = csUnit.substr(0, csUnit.find_first_of(" \t"));
         const std::size_t nSuffix =
             csWord.ends_with(s_csSuffix) ? csWord.size() - s_csSuffix.size() : csUnit.find(s_csSuffix);
