@@ -29,7 +29,7 @@ public:
     CFakeTool(const CFakeTool&) = delete;
     CFakeTool& operator=(const CFakeTool&) = delete;
 
-    /// The calls so far, one a line; forgets them.
+    /// The calls since the last one of this, one a line.
     std::string csTakeJournal();
     /// A file in the tool's folder, with the folders that it needs.
     void Write(const std::string& csName, const std::string& csText) { m_clFolder.csWrite(csName, csText); }
@@ -39,4 +39,5 @@ public:
 private:
     std::string m_csProgram;
     CTempDir m_clFolder;
+    std::size_t m_nTaken = 0; ///< bytes of the journal
 };
