@@ -239,7 +239,7 @@ pack_rpm() { # OUT
 
 # Prints where the packages are.
 stage_and_pack() { # BUILD_FOLDER OUT KIND...
-    build_folder=$PWD/${1#"$PWD/"}
+    build_folder=$(realpath "$1")
     version=$(fact version)
     stage
     print_needs
