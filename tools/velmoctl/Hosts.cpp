@@ -153,10 +153,11 @@ bool bHolds(const std::vector<std::string>& tNames, const std::string& csName)
     return std::ranges::find(tNames, csName) != tNames.end();
 }
 
-/// The name of an inventory's host without the port for ssh that may follow it.
+/// The name of an inventory's host without the port for ssh that may follow it. Brackets, of a range or an
+/// address, hold colons of their own.
 std::string csWithoutPort(const std::string& csName)
 {
-    const std::size_t nColon = csName.find(':');
+    const std::size_t nColon = csName.find(':', csName.rfind(']') + 1); // without any, from the beginning
     const bool bPort =
         nColon != csName.npos && nColon == csName.rfind(':') && nWhole(csName.substr(nColon + 1));
     return bPort ? csName.substr(0, nColon) : csName;
