@@ -108,7 +108,7 @@ TEST(Hosts, AFileThatCannotBeReadIsToldWithItsLine)
         {":22\n", "! F, line 1: a machine without a name"},
         {"a velmo_port=0\n", "! F, line 1: \"0\" is not a port from 1 to 65535"},
         {"a[1:9000]\nb[1:9000]\n", "! F, line 2: more than 10000 machines"},
-        {"db[1:2]:22\n[::1]:33\n", "db1 db2 ::1"}, // that can: ssh's ports
+        {"db[1:2]:22\n[::1]:33\nw#spare\n", "db1 db2 ::1 w"}, // that can: ssh's ports, a comment at once
     };
     for (const auto& [pszText, pszExpected] : tCases) {
         EXPECT_EQ(csOutcome([csText = pszText] { return CHostsFile(csText, "F").tAll(); }), pszExpected);

@@ -129,7 +129,7 @@ std::vector<std::string> tWordsOfLine(std::string_view csLine)
             bInside = false;
             continue;
         }
-        if (cQuote == 0 && c == '#' && !bInside) {
+        if (cQuote == 0 && c == '#') {
             break;
         }
         if (!bInside) {
