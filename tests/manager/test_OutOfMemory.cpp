@@ -1,6 +1,6 @@
 // An upload when each allocation in turn finds no memory: a whole file that is listed, or none.
 
-#include "manager/Dialog.h"
+#include "Conversation.h"
 #include "tools/FailingNew.h"
 #include "tools/PrivateWorld.h"
 
@@ -9,12 +9,10 @@
 #include <iterator>
 #include <new>
 #include <string>
-#include <sys/socket.h>
 
 TEST(OutOfMemory, AnUploadLeavesNoFileThatNobodyKnows)
 {
     REQUIRE_PRIVATE_WORLD();
-    const std::string csBytes(1000, 'x');
     const std::wstring csName(100, L'n'); // needs memory of its own
     const auto nFiles = [] {
         const std::filesystem::directory_iterator clAll("/tmp");
@@ -24,15 +22,12 @@ TEST(OutOfMemory, AnUploadLeavesNoFileThatNobodyKnows)
     bool bWhole = false;
     for (int nAllocations = 0; nAllocations < 100 && !bWhole; ++nAllocations) {
         SCOPED_TRACE(nAllocations);
-        int tPair[2] = {-1, -1};
-        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, tPair), 0);
-        const CDescripteur clTool(tPair[0]);
-        CDialog clDialog{CDescripteur(tPair[1])};
-        ASSERT_EQ(::send(clTool.nFd(), csBytes.data(), csBytes.size(), 0), 1000);
+        STConversation st;
+        st.Send(std::string(1000, 'x'));
         CInstallInfo clInfo;
         g_nAllocationsLeft = nAllocations;
         try {
-            clDialog.xGetFile(csName, 1000, &clInfo);
+            st.clDialog.xGetFile(csName, 1000, &clInfo);
             bWhole = true;
         } catch (const std::bad_alloc&) {
             // as it may

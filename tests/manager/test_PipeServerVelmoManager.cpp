@@ -10,7 +10,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <map>
-#include <memory>
 
 namespace {
 using ::testing::HasSubstr;
@@ -47,16 +46,12 @@ std::string csAddProgram(const std::string& csFolder, int nPort)
     return "/tmp/" + csFolder + "/srv";
 }
 
-/// All unit files, and the states that started servers have: a name each line.
-std::string csUnits()
+/// The names of a folder's files, one a line.
+std::string csFiles(const char* pszFolder)
 {
-    return stRun("ls /lib/systemd/system").csOutput;
+    return stRun(std::string("ls ") + pszFolder).csOutput;
 }
-
-std::string csStates()
-{
-    return stRun("ls /run").csOutput;
-}
+constexpr char s_szUnits[] = "/lib/systemd/system";
 
 class Registration : public CSystemdTest
 {
@@ -67,18 +62,14 @@ protected:
         if (IsSkipped()) {
             return;
         }
+
         stRun("rm -rf /lib/systemd/system/* /run/*");
-        m_pclTool = std::make_unique<CFakeTool>("/bin/systemctl", s_szRegistry);
-        m_pclManager = std::make_unique<CSetupManager>();
-        m_pclPipe = std::make_unique<CPipeServerVelmoManager>();
-        m_pclPipe->SetManager(m_pclManager.get());
-        ASSERT_TRUE(m_pclPipe->bStart());
+        m_clPipe.SetManager(&m_clSetup);
+        ASSERT_TRUE(m_clPipe.bStart());
     }
     void TearDown() override
     {
-        m_pclPipe.reset();
-        m_pclManager.reset();
-        m_pclTool.reset();
+        m_clPipe.bStop();
         CSystemdTest::TearDown();
     }
     /// The reply to a request.
@@ -88,9 +79,9 @@ protected:
         const std::string csRecord = csRequest(-4711, nForm, csName, csPath, nPort);
         return bWritePipe("/tmp/__pipe_velmomanager__", csRecord) ? clReply.csReply() : "<no manager>";
     }
-    std::unique_ptr<CFakeTool> m_pclTool;
-    std::unique_ptr<CSetupManager> m_pclManager;
-    std::unique_ptr<CPipeServerVelmoManager> m_pclPipe;
+    CFakeTool m_clTool{"/bin/systemctl", s_szRegistry};
+    CSetupManager m_clSetup;
+    CPipeServerVelmoManager m_clPipe;
 };
 } // namespace
 
@@ -134,12 +125,12 @@ TEST_F(Registration, AServerIsRecognisedOrRefusedOrGetsItsOwnUnit)
         for (const auto& [csUnit, csProgram] : st.tUnits) {
             AddUnit(csUnit, csProgram);
         }
-        const std::string csBefore = csUnits();
+        const std::string csBefore = csFiles(s_szUnits);
         const std::string csReply = csRegister(1, st.pszName, st.pszPath, st.nPort);
         EXPECT_THAT(csReply, HasSubstr(st.pszReply));
         EXPECT_EQ(csReply.empty(), *st.pszStarted != 0) << csReply;
-        EXPECT_EQ(csStates(), *st.pszStarted == 0 ? "" : st.pszStarted + std::string(".state\n"));
-        EXPECT_TRUE(csReply.empty() || csUnits() == csBefore) << "a refusal changes nothing";
+        EXPECT_EQ(csFiles("/run"), *st.pszStarted == 0 ? "" : st.pszStarted + std::string(".state\n"));
+        EXPECT_TRUE(csReply.empty() || csFiles(s_szUnits) == csBefore) << "a refusal changes nothing";
     }
 }
 
@@ -159,21 +150,19 @@ TEST_F(Registration, NothingIsWrittenWhenTheServicesCannotBeListed)
     AddUnit("DXCS-a", csAddProgram("A", 4901));
     AddUnit("DXCS-known", csAddProgram("known", 4902));
     csAddProgram("N", 5000);
-    const auto csFiles = [] {
-        return stRun("cat /lib/systemd/system/* /tmp/*/DXConf.ini; ls /run").csOutput;
-    };
-    const std::string csBefore = csFiles();
+    const auto csAll = [] { return stRun("cat /lib/systemd/system/* /tmp/*/DXConf.ini; ls /run").csOutput; };
+    const std::string csBefore = csAll();
     // Another program under the name of a; a program whose unit has another name; a new one.
     const std::tuple<const char*, const char*, int> tServers[] = {
         {"a", "/tmp/N/srv", 5000}, {"other", "/tmp/A/srv", 4901}, {"n", "/tmp/N/srv", 5000}};
     for (const char* pszBroken : {"list-units*", "*show*DXCS-known"}) {
-        m_pclTool->Write("broken", pszBroken);
+        m_clTool.Write("broken", pszBroken);
         for (const auto& [pszName, pszPath, nPort] : tServers) {
             EXPECT_THAT(csRegister(1, pszName, pszPath, nPort), HasSubstr("could not be listed"));
-            EXPECT_EQ(csFiles(), csBefore) << pszName;
+            EXPECT_EQ(csAll(), csBefore) << pszName;
         }
     }
-    m_pclTool->Write("broken", "nothing");
+    m_clTool.Write("broken", "nothing");
     EXPECT_THAT(csRegister(1, "a", "/tmp/N/srv", 5000), HasSubstr("already registered"));
     EXPECT_EQ(csRegister(1, "n", "/tmp/N/srv", 5000), "");
 }
@@ -190,7 +179,7 @@ TEST_F(Registration, TheOldFormIsUnderstoodButOnlyTheNewOneIsToldTheOutcome)
     };
     for (const auto& [nForm, nPort, pszUnits] : tCases) {
         EXPECT_EQ(csRegister(nForm, "ansi", csProgram, nPort), "UNKNOWN");
-        EXPECT_EQ(csUnits(), pszUnits);
+        EXPECT_EQ(csFiles(s_szUnits), pszUnits);
         stRun("rm -f /lib/systemd/system/DXCS-ansi.service");
     }
 }

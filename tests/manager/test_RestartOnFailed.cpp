@@ -1,60 +1,88 @@
 #include "manager/RestartOnFailed.h"
+#include "tools/Command.h"
 #include "tools/SystemdTest.h"
 #include "tools/Wait.h"
 
 #include <gtest/gtest.h>
 
 namespace {
-/// Five servers, one for each state, and another failed service. A file $DIR/broken holds the pattern of
+/// The servers of the file $DIR/servers. A word for a name is the server's state; a number is a failed one,
+/// which hangs at its start while there is a file $DIR/hang-NUMBER. A file $DIR/broken holds the pattern of
 /// calls that fail.
 constexpr char s_szStates[] = R"(for LAST; do :; done
+NAME=${LAST#DXCS-}
 if [ -e $DIR/broken ]; then eval "case \"\$*\" in $(cat $DIR/broken)) exit 1;; esac"; fi
 case "$*" in
-list-units*) for s in DXCS-failed DXCS-inactive DXCS-activating DXCS-deactivating DXCS-active other; do echo "  $s.service l a r x"; done ;;
-*ActiveState*) echo "ActiveState=${LAST#DXCS-}" ;;
+list-units*) for s in other $(cat $DIR/servers); do echo "  $s.service l a r x"; done ;;
+start*) while [ -e $DIR/hang-$NAME ]; do sleep 0.05; done; echo >$DIR/up-$NAME ;;
+*ActiveState*[0-9]) [ -e $DIR/up-$NAME ] && echo ActiveState=active || echo ActiveState=failed ;;
+*ActiveState*) echo "ActiveState=$NAME" ;;
 *Description*) printf 'Type=forking\nDescription=x\nExecStart={ argv[]=/x ; }\n' ;;
 esac)";
 
-using RestartOnFailed = CSystemdTest;
+class RestartOnFailed : public CSystemdTest
+{
+protected:
+    void Start(const std::string& csServers)
+    {
+        m_clTool.Write("servers", csServers);
+        m_clMonitor.xStart();
+    }
+    /// Waits until all calls so far have these among them.
+    bool bCalled(const std::string& csCall, int nTimes = 1)
+    {
+        return bWaitUntil([&] { return nCount(m_csJournal += m_clTool.csTakeJournal(), csCall) >= nTimes; },
+                          20'000);
+    }
+    CFakeTool m_clTool{"/bin/systemctl", s_szStates};
+    CRestartOnFailed m_clMonitor{&m_clManager, 0};
+    std::string m_csJournal;
+};
 } // namespace
 
 TEST_F(RestartOnFailed, OnlyFailedServersAreStartedAndNoneAfterAStop)
 {
-    CFakeTool clTool("/bin/systemctl", s_szStates);
-    CRestartOnFailed clMonitor(&m_clManager, 0);
-    clMonitor.xStart();
-    std::string csJournal;
-    const auto bFound = [&](const std::string& csCall) {
-        csJournal += clTool.csTakeJournal();
-        return csJournal.find(csCall) != std::string::npos;
-    };
-    EXPECT_TRUE(
-        bWaitUntil([&] { return bFound("start DXCS-failed\n") && bFound("show DXCS-active\n"); }, 20'000));
-    clMonitor.Stop();
-    for (const char* pszOther : {"inactive", "activating", "deactivating", "active"}) {
-        EXPECT_FALSE(bFound(std::string("start DXCS-") + pszOther)) << pszOther;
-    }
-    EXPECT_FALSE(bFound("other"));
-    EXPECT_FALSE(bWaitUntil([&] { return !clTool.csTakeJournal().empty(); }, 200)) << "it went on";
+    Start("DXCS-failed DXCS-inactive DXCS-activating DXCS-deactivating DXCS-active");
+    EXPECT_TRUE(bCalled("start DXCS-failed\n") && bCalled("show DXCS-active\n"));
+    m_clMonitor.Stop();
+    m_csJournal += m_clTool.csTakeJournal();
+    EXPECT_EQ(nCount(m_csJournal, "start "), nCount(m_csJournal, "start DXCS-failed\n")) << m_csJournal;
+    EXPECT_EQ(nCount(m_csJournal, "other"), 0);
+    EXPECT_FALSE(bWaitUntil([&] { return !m_clTool.csTakeJournal().empty(); }, 200)) << "it went on";
 }
 
 TEST_F(RestartOnFailed, APassThatCannotListIsSkippedAndAStateThatCannotBeAskedLeftAlone)
 {
-    CFakeTool clTool("/bin/systemctl", s_szStates);
     for (const char* pszBroken : {"*show\\ DXCS-active", "*ActiveState*DXCS-failed"}) {
-        clTool.Write("broken", pszBroken);
-        clTool.csTakeJournal();
-        CRestartOnFailed clMonitor(&m_clManager, 0);
-        clMonitor.xStart();
-        std::string csJournal;
-        EXPECT_TRUE(bWaitUntil(
-            [&] {
-                csJournal += clTool.csTakeJournal();
-                return csJournal.rfind("list-units") != csJournal.find("list-units");
-            },
-            20'000))
-            << "the next pass looks again";
-        clMonitor.Stop();
-        EXPECT_EQ((csJournal + clTool.csTakeJournal()).find("start"), std::string::npos) << pszBroken;
+        SCOPED_TRACE(pszBroken);
+        m_clTool.Write("broken", pszBroken);
+        Start("DXCS-failed DXCS-active");
+        EXPECT_TRUE(bCalled("list-units", 2)) << "the next pass looks again";
+        m_clMonitor.Stop();
+        EXPECT_EQ(nCount(m_csJournal + m_clTool.csTakeJournal(), "start"), 0);
+        m_csJournal.clear();
     }
+}
+
+TEST_F(RestartOnFailed, ServersThatHangAtTheirStartHoldUpNoOtherAndAreStartedOnce)
+{
+    std::string csServers;
+    for (int n = 1; n <= 12; ++n) {
+        csServers += "DXCS-" + std::to_string(n) + " ";
+        if (n <= 6) {
+            m_clTool.Write("hang-" + std::to_string(n), "");
+        }
+    }
+    Start(csServers);
+    EXPECT_TRUE(bWaitUntil([&] { return m_clTool.bExists("up-7") && m_clTool.bExists("up-12"); }, 10'000));
+    m_csJournal += m_clTool.csTakeJournal();
+    EXPECT_TRUE(bCalled("list-units", nCount(m_csJournal, "list-units") + 3)) << "passes go on";
+    EXPECT_FALSE(m_clTool.bExists("up-1"));
+    for (int n = 1; n <= 12; ++n) {
+        EXPECT_EQ(nCount(m_csJournal, "start DXCS-" + std::to_string(n) + "\n"), 1) << n;
+    }
+
+    stRun("rm " + m_clTool.csFolder() + "/hang-*");
+    EXPECT_TRUE(bWaitUntil([&] { return m_clTool.bExists("up-1") && m_clTool.bExists("up-6"); }, 5000));
+    m_clMonitor.Stop();
 }

@@ -1,10 +1,13 @@
-// The TCP server with its conversations, over real sockets in a network of the test's own, against a scripted
-// systemctl. Exact bytes with the real one are asked in the machine.
+// The TCP server with its conversations, and what happens at once, over real sockets in a network of the
+// test's own, against a scripted systemctl. Exact bytes with the real one are asked in the machine.
 
-#include "manager/Dialog.h"
+#include "Conversation.h"
 #include "manager/SetupManager.h"
 #include "tools/Command.h"
 #include "tools/PingClient.h"
+#include "tools/PipeClient.h"
+#include "tools/SoftLimit.h"
+#include "tools/Stopwatch.h"
 #include "tools/SystemdTest.h"
 #include "tools/Wait.h"
 #include "tools/WireClient.h"
@@ -17,19 +20,22 @@
 #include <ctime>
 #include <fcntl.h>
 #include <filesystem>
+#include <functional>
+#include <future>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <memory>
-#include <sys/resource.h>
-#include <sys/socket.h>
+#include <optional>
 #include <thread>
-#include <unistd.h>
 
 namespace {
+using ::testing::HasSubstr;
+
 /// "show" knows DXCS-a, DXCS-Café and DXCS-bad; the state of a server is in the file $DIR/state;
-/// "start DXCS-bad" and "stop DXCS-bad" are refused. A call takes as long as the file $DIR/slow says.
-/// A file $DIR/broken holds the pattern of calls that fail.
+/// "start DXCS-bad" and "stop DXCS-bad" are refused. A call takes as long as the files $DIR/slow and
+/// $DIR/slow-VERB say. A file $DIR/broken holds the pattern of calls that fail.
 constexpr char s_szSystemctl[] =
-    R"sh([ ! -e $DIR/slow ] || sleep $(cat $DIR/slow)
+    R"sh(for f in $DIR/slow $DIR/slow-$1; do [ ! -e $f ] || sleep $(cat $f); done
 if [ -e $DIR/broken ]; then eval "case \"\$*\" in $(cat $DIR/broken)) exit 1;; esac"; fi
 case "$*" in
 --no-pager*) exit 0 ;;
@@ -46,6 +52,7 @@ stop*) echo inactive >$DIR/state ;;
 *show\ 'DXCS-Caf\xc3\xa9') printf 'Type=forking\nExecStart={ argv[]=/none/dx --SERVICE x ; }\nDescription=DXCS-Café\n' ;;
 *show*) printf 'Type=\nDescription=%s\n' "$3" ;;
 esac)sh";
+constexpr char s_szGreeting[] = "HELLO FROM SERVEUR SETUP 24.0.6.0\r\n";
 constexpr char s_szUnknown[] = "ERROR\t1No such file or directory\r\n";
 
 int nCountEntries(const char* pszFolder)
@@ -59,9 +66,11 @@ class Server : public CSystemdTest
 protected:
     static void SetUpTestSuite()
     {
-        ::getrlimit(RLIMIT_NOFILE, &s_stLimit);
-        const rlimit stUsual{std::min<rlim_t>(s_stLimit.rlim_max, 1024), s_stLimit.rlim_max};
-        ::setrlimit(RLIMIT_NOFILE, &stUsual); // as services are started; the manager raises it
+        rlimit st{};
+        ::getrlimit(RLIMIT_NOFILE, &st);
+        s_nHardLimit = st.rlim_max;
+        st.rlim_cur = std::min<rlim_t>(s_nHardLimit, 1024);
+        ::setrlimit(RLIMIT_NOFILE, &st); // as services are started; the manager raises it
     }
     void SetUp() override
     {
@@ -69,6 +78,7 @@ protected:
         if (IsSkipped()) {
             return;
         }
+
         ASSERT_TRUE(bFreshNetwork());
         m_nThreads = nCountEntries("/proc/self/task");
         m_pclTool = std::make_unique<CFakeTool>("/bin/systemctl", s_szSystemctl);
@@ -82,25 +92,34 @@ protected:
         if (m_pclManager == nullptr) {
             return;
         }
-        m_pclManager->Stop();
-        if (m_clMainLoop.joinable()) {
-            m_clMainLoop.join();
-        }
+
+        StopManager();
         EXPECT_TRUE(CDialog::s_bEndAll(5000));
         EXPECT_TRUE(bWaitUntil([this] { return nCountEntries("/proc/self/task") == m_nThreads; }, 5000))
             << "a thread is left over";
         gpclSetupManager = nullptr;
         m_pclManager.reset();
+        m_pclTool.reset();
         CSystemdTest::TearDown();
+    }
+    /// As main stops it, but for its conversations.
+    void StopManager()
+    {
+        if (m_clMainLoop.joinable()) {
+            m_pclManager->Stop();
+            m_clMainLoop.join();
+            EXPECT_FALSE(std::filesystem::exists(g_szManagerPipe));
+        }
     }
     /// A conversation that has been greeted.
     static std::unique_ptr<CWireClient> pclOpen(const char* pszAddress = "127.0.0.1")
     {
         auto pclTool = std::make_unique<CWireClient>(pszAddress, g_wManagerPort);
-        EXPECT_EQ(pclTool->csLine(), "HELLO FROM SERVEUR SETUP 24.0.6.0\r\n");
+        EXPECT_EQ(pclTool->csLine(), s_szGreeting);
         return pclTool;
     }
-    static inline rlimit s_stLimit{}; ///< of descriptors, as this process was started
+
+    static inline rlim_t s_nHardLimit; ///< of descriptors
     std::unique_ptr<CFakeTool> m_pclTool;
     std::unique_ptr<CSetupManager> m_pclManager;
     std::thread m_clMainLoop;
@@ -197,18 +216,6 @@ TEST_F(Server, WhatSystemctlCannotTellIsNeverAnEmptyListOrAWrongState)
     EXPECT_TRUE(clTool.csAnswer().starts_with("127.0.0.1 YES\t"));
 }
 
-TEST_F(Server, UninstallWithFilesTellsACompletedDeletionWithErrorTwelveAndKeepsTheService)
-{
-    m_pclTool->Write("srv/data/base", "x");
-    m_pclTool->Write("srv/dx", "");
-    const auto pclTool = pclOpen();
-    (void)m_pclTool->csTakeJournal();
-    EXPECT_EQ(pclTool->csAsk("UNINSTALL\ta\t1"), "ERROR\t12\t\r\n");
-    EXPECT_FALSE(m_pclTool->bExists("srv"));
-    EXPECT_EQ(m_pclTool->csTakeJournal().find("disable"), std::string::npos);
-    EXPECT_EQ(pclTool->csAsk("UNINSTALL\ta\t1"), "OK\r\n") << "nothing to delete any more: the service goes";
-}
-
 TEST_F(Server, AFolderIsDeletedOnlyWhenItIsCertainWhoseItIs)
 {
     const auto pclTool = pclOpen();
@@ -253,11 +260,10 @@ TEST_F(Server, ALineMayComeInPiecesOrBeLongAndWhatFollowsItInOneSegmentIsLost)
     EXPECT_TRUE(pclTool->bSend("NO\targuments\r\nSTATUS\ta\r\n"));
     EXPECT_EQ(pclTool->csLine(), "ERROR\t8\r\n");
     EXPECT_TRUE(pclTool->bSilent());
-    const auto clStart = std::chrono::steady_clock::now();
+    const CStopwatch clTook;
     EXPECT_TRUE(pclTool->bSend(std::string(8'000'000, '\r') + "\r\n", std::chrono::seconds(20)));
     EXPECT_EQ(pclTool->csLine(std::chrono::seconds(20)), "ERROR\t8\r\n");
-    EXPECT_LT(std::chrono::steady_clock::now() - clStart, std::chrono::seconds(10))
-        << "the search must stay linear";
+    EXPECT_LT(clTook.nMs(), 10'000) << "the search must stay linear";
     EXPECT_EQ(pclTool->csAsk(std::string("STATUS\ta\0b", 10)), "ERROR\t1No such file or directory\r\n");
     EXPECT_EQ(pclTool->csAsk(std::string("STATUS\0\ta", 9)), "ERROR\t8\r\n") << "a NUL is no keyword's end";
 }
@@ -292,14 +298,14 @@ TEST_F(Server, AToolThatSendsAtOnceIsGreetedBeforeItsReply)
     for (int n = 0; n < 500; ++n) {
         CWireClient clTool("127.0.0.1", g_wManagerPort);
         EXPECT_TRUE(clTool.bSend("HELLO\r\n"));
-        ASSERT_EQ(clTool.csLine(), "HELLO FROM SERVEUR SETUP 24.0.6.0\r\n") << "tool " << n;
+        ASSERT_EQ(clTool.csLine(), s_szGreeting) << "tool " << n;
         ASSERT_EQ(clTool.csLine(), "ERROR\t8\r\n");
     }
 }
 
 TEST_F(Server, FifteenHundredConversationsAtOnceAreAllAnswered)
 {
-    if (s_stLimit.rlim_max < 4000) {
+    if (s_nHardLimit < 4000) {
         GTEST_SKIP() << "SKIPPED: hard descriptor limit below 4000";
     }
     std::vector<std::unique_ptr<CWireClient>> tTools;
@@ -318,15 +324,13 @@ TEST_F(Server, OutOfDescriptorsItWaitsAndThenAcceptsAgain)
     GTEST_SKIP() << "SKIPPED: the sanitizer itself needs descriptors";
 #endif
     const auto pclTool = pclOpen();
-    rlimit stBefore{};
-    ::getrlimit(RLIMIT_NOFILE, &stBefore);
     std::vector<CDescripteur> tFill; // no holes, so that the limit is a number of free descriptors
     while (tFill.size() < 64) {
         tFill.emplace_back(::fcntl(0, F_DUPFD_CLOEXEC, 0));
     }
     // Three tools' own ends and one to spare; a waiting accept may hold one more. So two are served at most.
-    const rlimit stNone{static_cast<rlim_t>(tFill.back().nFd()) + 1 + 4, stBefore.rlim_max};
-    ::setrlimit(RLIMIT_NOFILE, &stNone);
+    std::optional<CSoftLimit> clNone(std::in_place, RLIMIT_NOFILE,
+                                     static_cast<rlim_t>(tFill.back().nFd()) + 1 + 4);
     CWireClient tTools[3];
     for (CWireClient& clTool : tTools) {
         ASSERT_TRUE(clTool.bConnect("127.0.0.1", g_wManagerPort));
@@ -335,23 +339,8 @@ TEST_F(Server, OutOfDescriptorsItWaitsAndThenAcceptsAgain)
     EXPECT_TRUE(tTools[2].bSilent(std::chrono::milliseconds(500)));
     EXPECT_LT(std::clock() - nCpuBefore, CLOCKS_PER_SEC / 10);
     EXPECT_EQ(pclTool->csAsk("HELLO"), "ERROR\t8\r\n") << "those in progress are unharmed";
-    ::setrlimit(RLIMIT_NOFILE, &stBefore);
-    EXPECT_EQ(tTools[2].csLine(std::chrono::milliseconds(1000)), "HELLO FROM SERVEUR SETUP 24.0.6.0\r\n");
-}
-
-TEST_F(Server, AStopEndsIdleConversationsAndLetsABusyOneReply)
-{
-    const auto pclIdle = pclOpen();
-    const auto pclBusy = pclOpen();
-    m_pclTool->Write("slow", "0.1");
-    EXPECT_TRUE(pclBusy->bSend("STATUS\ta\r\n"));
-    ASSERT_TRUE(
-        bWaitUntil([&] { return m_pclTool->csTakeJournal().find("Type show") != std::string::npos; }, 5000));
-    m_pclManager->Stop();
-    m_clMainLoop.join();
-    EXPECT_TRUE(CDialog::s_bEndAll(5000));
-    EXPECT_TRUE(pclIdle->bClosed());
-    EXPECT_EQ(pclBusy->csLine(), "STATUS\tRUNNING\r\n");
+    clNone.reset();
+    EXPECT_EQ(tTools[2].csLine(std::chrono::milliseconds(1000)), s_szGreeting);
 }
 
 TEST_F(Server, AnotherStartTakesThePortFromWhatConversationsLeftAndFromNobodyWhoListens)
@@ -361,8 +350,7 @@ TEST_F(Server, AnotherStartTakesThePortFromWhatConversationsLeftAndFromNobodyWho
     EXPECT_TRUE(pclTimeWait->bSend("QUIT\r\n"));
     EXPECT_TRUE(pclTimeWait->bClosed());
     pclTimeWait->Close();
-    m_pclManager->Stop();
-    m_clMainLoop.join();
+    StopManager();
     EXPECT_TRUE(CDialog::s_bEndAll(5000));
     EXPECT_TRUE(pclHalfClosed->bClosed()) << "and this tool does not hang up";
 
@@ -377,6 +365,82 @@ TEST_F(Server, AnotherStartTakesThePortFromWhatConversationsLeftAndFromNobodyWho
     gpclSetupManager = m_pclManager.get();
 }
 
+TEST_F(Server, AFloodOfQuestionsNeedsAFewListingsOnlyAndAnAskerIsAnsweredOnceForEachForm)
+{
+    m_pclTool->Write("slow", "0.2");
+    CPingClient clFirst; // keeps the thread busy while the others ask
+    ASSERT_TRUE(clFirst.Ask("127.0.0.1", g_wManagerPort, ""));
+    ASSERT_TRUE(bWaitUntil([&] { return !m_pclTool->csTakeJournal().empty(); }, 5000));
+
+    std::vector<CPingClient> tAskers(300);
+    for (CPingClient& clAsker : tAskers) {
+        ASSERT_TRUE(clAsker.Ask("127.0.0.1", g_wManagerPort, ""));
+    }
+    for (const char* pszMore : {"ARE", "ARE YOU A DEXARO SERVER SETUP?\r\n", "no question"}) {
+        ASSERT_TRUE(tAskers.front().AskAgain("127.0.0.1", g_wManagerPort, pszMore));
+    }
+
+    const auto ExpectAnswer = [](const CPingClient& clAsker) {
+        EXPECT_THAT(clAsker.csAnswer(), HasSubstr("\ta\t4900"));
+        EXPECT_EQ(clAsker.csAnswer(), "127.0.0.1 \r\n");
+    };
+    std::for_each(tAskers.begin(), tAskers.end(), ExpectAnswer);
+    ExpectAnswer(tAskers.front()); // in the other form
+    EXPECT_EQ(tAskers.front().csAnswer(1000), "<nothing in time>");
+    EXPECT_LE(nCount(m_pclTool->csTakeJournal(), "list-units"), 3);
+}
+
+TEST_F(Server, AStopEndsInTimeWhateverItMeetsAndAnswersWhatCanBeAnswered)
+{
+    const std::function<std::string()> fnStart = [] { return pclOpen()->csAsk("START\ta"); };
+    const std::function<std::string()> fnRegister = [] {
+        const CReplyPipe clReply(-4711);
+        (void)bWritePipe(g_szManagerPipe, csRequest(-4711, 1, "new", "/none/new", 5000));
+        return clReply.csReply();
+    };
+    const struct
+    {
+        const char* pszWhat;
+        std::function<std::string()> fnAsk;
+        const char* pszSlow; ///< file that tells how slow
+        const char* pszTime;
+        const char* pszUntil; ///< the call in which the stop comes
+        const char* pszReply; ///< part of it
+        long nMaxMs;
+        const char* pszNever; ///< call that must not come
+    } tCases[] = {
+        {"START that can be done", fnStart, "slow", "0.1", "show DXCS-a", "OK", 1500, "none"},
+        {"registration that reads", fnRegister, "slow", "0.5", "list-units", "Operation canceled", 1000,
+         "show"},
+        {"registration that writes", fnRegister, "slow-daemon-reload", "60", "daemon-reload",
+         "Not done: systemctl daemon-reload, systemctl enable DXCS-new, start.", 1900, "start"},
+        {"registration that can be written", fnRegister, "slow-daemon-reload", "0.3", "daemon-reload",
+         "Not done: start.", 1400, "start"},
+        {"registration that starts", fnRegister, "slow-start", "60", "start", "Not done: start.", 1000,
+         "none"},
+    };
+    for (const auto& st : tCases) {
+        SCOPED_TRACE(st.pszWhat);
+        m_pclTool->Write("state", "failed\n");
+        m_pclTool->Write(st.pszSlow, st.pszTime);
+        auto clReply = std::async(std::launch::async, st.fnAsk);
+        std::string csJournal;
+        ASSERT_TRUE(bWaitUntil(
+            [&] { return (csJournal += m_pclTool->csTakeJournal()).find(st.pszUntil) != std::string::npos; },
+            5000));
+
+        const CStopwatch clTook;
+        StopManager();
+        EXPECT_TRUE(CDialog::s_bEndAll(CStopping::nAnswersLeftMs() + 150));
+        EXPECT_LE(clTook.nMs(), st.nMaxMs);
+        EXPECT_THAT(clReply.get(), HasSubstr(st.pszReply));
+        EXPECT_EQ(m_pclTool->csTakeJournal().find(st.pszNever), std::string::npos);
+        stRun("rm -f /lib/systemd/system/DXCS-new.service");
+        TearDown();
+        SetUp();
+    }
+}
+
 /// The C library's text in a locale that is not installed here: bytes that are no UTF-8.
 extern "C" char* strerror_r(int nErrno, char* pBuffer, std::size_t nSize) noexcept
 {
@@ -387,40 +451,33 @@ extern "C" char* strerror_r(int nErrno, char* pBuffer, std::size_t nSize) noexce
 
 TEST(Dialog, TheSystemsTextGoesOutAsTheCLibraryGivesIt)
 {
-    int tPair[2] = {-1, -1};
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, tPair), 0);
-    const CDescripteur clTool(tPair[0]);
-    CDialog clDialog{CDescripteur(tPair[1])};
+    STConversation st;
     errno = 4242;
-    clDialog.ACK(ERREUR_START, 1u);
+    st.clDialog.ACK(ERREUR_START, 1u);
     char tReply[64]{};
-    EXPECT_GT(::recv(clTool.nFd(), tReply, sizeof tReply - 1, 0), 0);
+    EXPECT_GT(::recv(st.clTool.nFd(), tReply, sizeof tReply - 1, 0), 0);
     EXPECT_STREQ(tReply, "ERROR\t2d\xE9j\xE0 vu\r\n");
 }
 
 TEST(Upload, ComesToAWholeFileOrToNone)
 {
     REQUIRE_PRIVATE_WORLD();
-    const std::string csBytes(100'000, 'x');
+    constexpr unsigned int nBytes = 100'000;
     const int nFiles = nCountEntries("/tmp");
     for (const unsigned int nMissing : {0u, 1u}) {
         SCOPED_TRACE(nMissing);
-        int tPair[2] = {-1, -1};
-        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, tPair), 0);
-        CDialog clDialog{CDescripteur(tPair[1])};
-        std::thread clTool([&csBytes, clSocket = CDescripteur(tPair[0])] {
-            (void)::send(clSocket.nFd(), csBytes.data(), csBytes.size(), MSG_NOSIGNAL);
-        });
+        STConversation st;
+        st.Send(std::string(nBytes, 'x'));
+        st.clTool.Close();
         CInstallInfo clInfo;
         try {
-            clDialog.xGetFile(L"name", static_cast<unsigned int>(csBytes.size()) + nMissing, &clInfo);
+            st.clDialog.xGetFile(L"name", nBytes + nMissing, &clInfo);
         } catch (const CXError&) {
             EXPECT_EQ(nMissing, 1u);
         }
-        clTool.join();
         EXPECT_EQ(clInfo.tNames.size(), 1 - nMissing);
         for (const std::filesystem::path clFile : clInfo.tTemporaryFiles) {
-            EXPECT_EQ(std::filesystem::file_size(clFile), csBytes.size());
+            EXPECT_EQ(std::filesystem::file_size(clFile), nBytes);
             std::filesystem::remove(clFile);
         }
         EXPECT_EQ(nCountEntries("/tmp"), nFiles);
