@@ -2,6 +2,7 @@
 
 #include "service/ServiceLocks.h"
 #include "tools/Command.h"
+#include "tools/Stopwatch.h"
 #include "tools/SystemdTest.h"
 #include "tools/Wait.h"
 
@@ -16,8 +17,6 @@
 #include <vector>
 
 namespace {
-using CClock = std::chrono::steady_clock;
-
 /// "start" goes on until a "stop" comes, which makes it fail, as systemd cancels the job; that of DXCS-deaf
 /// is not impressed.
 constexpr char s_szStarts[] = R"sh(case "$*" in
@@ -25,11 +24,6 @@ constexpr char s_szStarts[] = R"sh(case "$*" in
 start*) while [ ! -e $DIR/stopped ]; do sleep 0.02; done; exit 1 ;;
 stop*) echo >$DIR/stopped ;;
 esac)sh";
-
-long nMsSince(CClock::time_point clStart)
-{
-    return (CClock::now() - clStart) / std::chrono::milliseconds(1);
-}
 
 class ServiceLocks : public CSystemdTest
 {
@@ -62,11 +56,11 @@ TEST_F(ServiceLocks, ARemovalCancelsAStartThatIsUnderWayAndNobodyStartsInBetween
     };
     for (const auto& [pszName, bScript, nMaxMs] : tCases) {
         SCOPED_TRACE(bScript);
+        CServiceManager::ms_eDistri = bScript ? DISTRI_DEBIAN : DISTRI_SYSTEMD;
         CFakeTool clTool("/bin/systemctl", s_szStarts);
         std::ofstream("/etc/init.d/DXCS-a")
             << "#!/bin/sh\n[ $1 != start ] || { sleep 31; echo >/run/late; }\n";
         stRun("chmod 755 /etc/init.d/DXCS-a");
-        CServiceManager::ms_eDistri = bScript ? DISTRI_DEBIAN : DISTRI_SYSTEMD;
         const auto bUnderWay = [&, bScript = bScript] {
             return bScript ? stRun("pgrep -f '^sleep 31'").nStatus == 0
                            : clTool.csTakeJournal().find("start ") != std::string::npos;
@@ -75,12 +69,12 @@ TEST_F(ServiceLocks, ARemovalCancelsAStartThatIsUnderWayAndNobodyStartsInBetween
         auto clFirst = clStart(pszName);
         ASSERT_TRUE(bWaitUntil(bUnderWay, 5000));
         auto clSecond = clStart(pszName); // waits for the first
-        const auto clBegin = CClock::now();
+        const CStopwatch clTook;
         {
             const auto clHold = clLocks().clTakeToRemove(
                 pszName, [&, pszName = pszName] { EXPECT_TRUE(CService(&m_clManager, pszName).bStop()); });
             EXPECT_TRUE(clHold.bTaken());
-            EXPECT_LT(nMsSince(clBegin), nMaxMs);
+            EXPECT_LT(clTook.nMs(), nMaxMs);
             EXPECT_EQ(clFirst.get(), "Operation canceled");
             EXPECT_EQ(clSecond.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
             EXPECT_NE(stRun("pgrep -f '^sleep 3[01]'").nStatus, 0) << "its tool could start it later";
@@ -125,8 +119,8 @@ TEST_F(ServiceLocks, AStopMakesWhoeverWaitsLeaveAtOnce)
     auto clRemoval =
         std::async(std::launch::async, [&] { return clLocks().clTakeToRemove(L"DXCS-a", [] {}).bTaken(); });
     EXPECT_EQ(clRemoval.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
-    const auto clBegin = CClock::now();
+    const CStopwatch clTook;
     CStopping::Ask();
     EXPECT_FALSE(clOther.get() || clRemoval.get());
-    EXPECT_LT(nMsSince(clBegin), 100);
+    EXPECT_LT(clTook.nMs(), 100);
 }

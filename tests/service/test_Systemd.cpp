@@ -1,16 +1,15 @@
 // The service layer against a scripted systemctl: odd outputs, exact commands. The real one is asked in the
 // machine.
 
-#include "service/AServiceUnix.h"
 #include "tools/Command.h"
+#include "tools/SoftLimit.h"
 #include "tools/SystemdTest.h"
 
-#include <algorithm>
 #include <chrono>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <memory>
-#include <sys/resource.h>
+#include <optional>
 #include <thread>
 
 using Systemd = CSystemdTest;
@@ -39,29 +38,13 @@ protected:
         m_clTool.Write("fault", csFault + "\n");
         m_clTool.Write("left", std::to_string(nCalls) + "\n");
     }
-    long nCalls()
-    {
-        const std::string csJournal = m_clTool.csTakeJournal();
-        return std::count(csJournal.begin(), csJournal.end(), '\n');
-    }
-    /// The names of a listing; "failed" when it failed, and after it where that was too late.
-    std::wstring csList()
-    {
-        CServiceListing clListing(&m_clManager, L"DXCS-");
-        std::wstring csNames;
-        while (const auto pcl = clListing.pclNext()) {
-            csNames += pcl->pszGetName() + std::wstring(L" ");
-        }
-        EXPECT_EQ(clListing.bFailed(), clListing.nError() != 0);
-        return csNames + (clListing.bFailed() ? L"failed" : L"");
-    }
+    int nCalls() { return nCount(m_clTool.csTakeJournal(), "\n"); }
     CService m_clService{&m_clManager, L"DXCS-a"};
     CFakeTool m_clTool{"/bin/systemctl", s_szFaulty};
 };
 
-constexpr char s_szReexecList[] =
-    "echo 'Failed to list units: Transport endpoint is not connected' >&2; exit 1";
-constexpr char s_szReexecShow[] =
+/// As while systemd executes itself anew.
+constexpr char s_szReexec[] =
     "echo 'Failed to get properties: Transport endpoint is not connected' >&2; exit 1";
 constexpr int s_nForGood = 1000;
 } // namespace
@@ -73,8 +56,7 @@ TEST_F(FailingTool, AQuestionThatFailsIsAskedAgainAndThenHasFailed)
         const char* pszFault;
         int nLeast, nMost; ///< tries of a question that fails for good
     } tCases[] = {
-        {s_szReexecList, 4, 4},
-        {s_szReexecShow, 4, 4},
+        {s_szReexec, 4, 4},
         {"exit 1", 4, 4},
         {"echo ActiveState=failed; echo Type=; kill -KILL $$", 4, 4}, // half an answer, perhaps
         {"printf 'ActiveState=fai'; exit 1", 4, 4},
@@ -85,12 +67,12 @@ TEST_F(FailingTool, AQuestionThatFailsIsAskedAgainAndThenHasFailed)
     for (const auto& st : tCases) {
         SCOPED_TRACE(st.pszFault);
         Break(st.pszFault, 1);
-        EXPECT_EQ(csList(), L"DXCS-a DXCS-b ");
+        EXPECT_EQ(csListed(&m_clManager), L"DXCS-a DXCS-b ");
         Break(st.pszFault, 1);
         EXPECT_EQ(m_clService.eGetStatus(), STATUS_RUNNING);
         EXPECT_EQ(nCalls(), 2);
         Break(st.pszFault, s_nForGood);
-        EXPECT_EQ(csList(), L"failed");
+        EXPECT_EQ(csListed(&m_clManager), L"failed");
         const auto nTries = nCalls();
         EXPECT_TRUE(nTries >= st.nLeast && nTries <= st.nMost) << nTries;
     }
@@ -119,7 +101,7 @@ TEST_F(FailingTool, AnAnswerThatIsThereCountsWhateverTheStatus)
 
 TEST_F(FailingTool, WhatCouldNotBeAskedIsNeitherThereNorAbsentAndIsNotChanged)
 {
-    Break(s_szReexecShow, s_nForGood);
+    Break(s_szReexec, s_nForGood);
     errno = 0;
     EXPECT_EQ(m_clManager.pclGetService(L"DXCS-a"), nullptr);
     EXPECT_EQ(errno, ECANCELED);
@@ -136,7 +118,7 @@ TEST_F(FailingTool, WhatCouldNotBeAskedIsNeitherThereNorAbsentAndIsNotChanged)
     }
     EXPECT_EQ(stRun("cat /run/fragment").csOutput, "kept");
     Break("case \"$*\" in *show*DXCS-b) exit 1;; esac", s_nForGood);
-    EXPECT_EQ(csList(), L"failed") << "a lookup in it";
+    EXPECT_EQ(csListed(&m_clManager), L"failed") << "a lookup in it";
     Break("exit 1", s_nForGood);
     EXPECT_FALSE(m_clService.bStart());
     EXPECT_FALSE(m_clService.bStop());
@@ -148,17 +130,14 @@ TEST_F(FailingTool, OutOfDescriptorsAQuestionWaitsForOne)
 #if defined(__SANITIZE_ADDRESS__)
     GTEST_SKIP() << "SKIPPED: the sanitizer itself needs descriptors";
 #endif
-    rlimit stBefore{};
-    ::getrlimit(RLIMIT_NOFILE, &stBefore);
-    const rlimit stNone{3, stBefore.rlim_max};
     Break("", 0);
-    ::setrlimit(RLIMIT_NOFILE, &stNone);
+    std::optional<CSoftLimit> clNone(std::in_place, RLIMIT_NOFILE, 3);
     errno = 0;
     EXPECT_EQ(m_clManager.pclGetService(L"DXCS-a"), nullptr);
     EXPECT_EQ(errno, EMFILE);
-    std::jthread clLater([&] {
+    const std::jthread clLater([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        ::setrlimit(RLIMIT_NOFILE, &stBefore);
+        clNone.reset();
     });
     EXPECT_EQ(m_clService.eGetStatus(), STATUS_RUNNING);
 }
@@ -209,12 +188,11 @@ list-units*) printf '  DXCS-a.service l a r A\n● DXCS-b.service l f f B\n  ssh
 *DXCS-gone) printf 'Type=\nDescription=DXCS-gone.service\n' ;;
 *) printf 'Type=forking\n' ;;
 esac)");
+    EXPECT_EQ(csListed(&m_clManager), L"DXCS-a DXCS-b DXCS-c ");
+
     unsigned long nCursor = 0;
-    std::wstring csNames;
     while (const auto pcl = std::unique_ptr<CService>(m_clManager.pclEnumService(&nCursor, L"DXCS-"))) {
-        csNames += pcl->pszGetName() + std::wstring(L" ");
     }
-    EXPECT_EQ(csNames, L"DXCS-a DXCS-b DXCS-c ");
     EXPECT_EQ(m_clManager.pclEnumService(&nCursor, L"DXCS-"), nullptr) << "the end stays the end";
     nCursor = 0;
     const std::unique_ptr<CService> pclFirst(m_clManager.pclEnumService(&nCursor, L"DXCS-"));
@@ -236,13 +214,15 @@ TEST_F(Systemd, InstallationKeepsNamesAndCommandLinesToTheirOwnLine)
               "ExecStart=/opt/a/dx --SERVICE DXCS-my_server\nPIDFile=/var/run/DXCS-my_server.pid\n");
     EXPECT_EQ(clTool.csTakeJournal(), "daemon-reload\n") << "not to start at boot: not enabled";
     // They would not be read back as they were written.
-    for (const wchar_t* psz : {L"DXCS-*", L"DXCS-a\\", L"DXCS-5%q", L"DXCS-$HOME", L"DXCS-d'or"}) {
-        EXPECT_EQ(m_clManager.pclInstall(psz, L"x", L"/x", 1, 1), nullptr)
-            << ::testing::PrintToString(std::wstring(psz));
-    }
-    for (const wchar_t* psz : {L"/x\nExecStartPre=/evil", L"/a%b/x", L"/opt/my base/x --SERVICE"}) {
+    const std::pair<const wchar_t*, const wchar_t*> tRefused[] = {
+        {L"DXCS-*", L"/x"},
+        {L"DXCS-5%q", L"/x"},
+        {L"DXCS-n", L"/x\nExecStartPre=/evil"},
+        {L"DXCS-n", L"/opt/my base/x --SERVICE"},
+    };
+    for (const auto& [pszName, pszProgram] : tRefused) {
         errno = 0;
-        EXPECT_EQ(m_clManager.pclInstall(L"DXCS-n", L"x", psz, 1, 1), nullptr);
+        EXPECT_EQ(m_clManager.pclInstall(pszName, L"x", pszProgram, 1, 1), nullptr) << pszName;
         EXPECT_EQ(errno, EINVAL);
     }
     EXPECT_EQ(m_clManager.pclInstall(nullptr, L"x", L"/x", 1, 1), nullptr);
@@ -344,8 +324,7 @@ TEST_F(Systemd, WhateverABatchPrintsTheListingIsThatOfSingleQuestions)
         clTool.Write("batch", st.pszBatch + std::string("\n"));
         clTool.csTakeJournal();
         EXPECT_EQ(csSixty(m_clManager), csExpected) << st.pszForm;
-        const std::string csJournal = clTool.csTakeJournal();
-        EXPECT_EQ(std::count(csJournal.begin(), csJournal.end(), '\n'), st.nLaunches) << st.pszForm;
+        EXPECT_EQ(nCount(clTool.csTakeJournal(), "\n"), st.nLaunches) << st.pszForm;
     }
 
     // Of a listing that is left early only the first batch has been asked for.
