@@ -74,7 +74,12 @@ TEST(PipeRecords, ReplyIsCutAtACharacterAndAlwaysEnds)
 {
     const std::string csLong(497, 'x');
     const std::pair<std::string, std::string> tCases[] = {
-        {csLong + "1234", csLong + "123"}, {csLong + "1€", csLong + "1"}, {csLong + "€!", csLong + "€"}};
+        {csLong + "1234", csLong + "123"},
+        {csLong + "1€", csLong + "1"},
+        {csLong + "€!", csLong + "€"},
+        {csLong + "\U0001F600", csLong},
+        {csLong + "\x80\x80\x80\x80\x80", csLong + "\x80\x80\x80"},
+    };
     for (const auto& [csText, csReply] : tCases) {
         stRET stReturn;
         std::memset(&stReturn, 'R', sizeof stReturn); // what an earlier reply left

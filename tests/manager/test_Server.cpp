@@ -180,6 +180,10 @@ TEST_F(Server, InfoListsHostAndServersInTheEncodingOfTheConversation)
     const auto pclTool = pclOpen();
     const std::string csReply = pclTool->csAsk("info");
     EXPECT_TRUE(csReply.starts_with("YES\t"));
+    EXPECT_THAT(csReply, HasSubstr("inux"));
+    EXPECT_THAT(csReply, HasSubstr("\t" + stRun("uname -r | tr -d '\\n'").csOutput + "\t"));
+    const long nKiB = std::stol(stRun("grep -o '[0-9]*' /proc/meminfo").csOutput);
+    EXPECT_THAT(csReply, HasSubstr("\t" + std::to_string(nKiB / 1024) + " Mo\t"));
     EXPECT_TRUE(csReply.ends_with(" Mo\ta\t4911\tCaf\xE9\t4900\t\t4900\r\n"))
         << csReply; // dxsql: an empty name
     EXPECT_EQ(pclTool->csAsk("CLUSTERINFO\ta"), "YES\t1\tboss\r\n");

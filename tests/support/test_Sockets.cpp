@@ -10,21 +10,10 @@
 #include <tuple>
 
 namespace {
-CDescripteur clSocket(int nType)
-{
-    return CDescripteur(::socket(AF_INET, nType | SOCK_CLOEXEC, 0));
-}
-
-bool bConnect(const CDescripteur& clFd, std::uint16_t wPort)
-{
-    const sockaddr_in6 st = stAddress("127.0.0.1", wPort);
-    return ::connect(clFd.nFd(), reinterpret_cast<const sockaddr*>(&st), sizeof st) == 0;
-}
-
 /// A port that was free a moment ago.
 std::uint16_t wFreePort()
 {
-    const CDescripteur clFd = clSocket(SOCK_STREAM);
+    const CDescripteur clFd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in6 st = stAddress("127.0.0.1", 0);
     socklen_t nLength = sizeof st;
     std::ignore = ::bind(clFd.nFd(), reinterpret_cast<sockaddr*>(&st), sizeof st);
@@ -80,19 +69,4 @@ TEST(Sockets, ATakenUDPAddressIsOnlySkipped)
         EXPECT_EQ(st.nFamily, AF_INET6);
     }
     EXPECT_EQ(clError.nGetSystemError(), EADDRINUSE);
-}
-
-TEST(Sockets, WaitingGivesTheReadableSocketOfTheSet)
-{
-    CEnsembleSockets clSet;
-    EXPECT_EQ(clSet.WaitReadable(nullptr), -1); // empty: at once
-    const std::uint16_t wPort = wFreePort();
-    clSet.Add(AF_INET, clSocket(SOCK_DGRAM)); // bound to nothing: never readable
-    ASSERT_TRUE(bSocketBindUDP(wPort, SOCKET_IPV4_ONLY, &clSet, nullptr, L"127.0.0.1"));
-    timeval stShort{0, 10000};
-    EXPECT_EQ(clSet.WaitReadable(&stShort), -1);
-    const CDescripteur clSender = clSocket(SOCK_DGRAM);
-    ASSERT_TRUE(bConnect(clSender, wPort) && ::send(clSender.nFd(), "x", 1, 0) == 1);
-    timeval stLong{5, 0};
-    EXPECT_EQ(clSet.WaitReadable(&stLong), clSet.tGetSockets()[1].nSocket);
 }

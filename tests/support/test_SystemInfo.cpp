@@ -1,14 +1,9 @@
-#include "support/Conversion.h"
 #include "support/SystemFiles.h"
 
 #include <array>
 #include <cstdint>
 #include <gtest/gtest.h>
 #include <map>
-#include <sys/sysinfo.h>
-#include <sys/utsname.h>
-
-using namespace std::string_literals;
 
 TEST(SystemInfo, ProcessorsAreCountedAndTheLastModelWins)
 {
@@ -83,23 +78,4 @@ TEST(SystemInfo, TheFirstFileThatNamesADistributionDecides)
                   pszWanted);
         EXPECT_TRUE(bKnown || (stInfo.csId + stInfo.csVersion + stInfo.csDescription).empty());
     }
-}
-
-TEST(SystemInfo, ThisMachineDescribesItself)
-{
-    utsname stName{};
-    ::uname(&stName);
-    CTString csOS = std::wstring(L"+");
-    AddOSInfo(&csOS);
-    const std::string csText = csToUTF8(csOS);
-    EXPECT_TRUE(csText.starts_with("+") && csText.ends_with("\t"s + stName.release)) << csText;
-    EXPECT_NE(csText.substr(0, 7).find("inux"), csText.npos) << "the name begins with Linux";
-
-    struct sysinfo stInfo;
-    ASSERT_EQ(::sysinfo(&stInfo), 0);
-    const double dTotal = static_cast<double>(stInfo.totalram) * stInfo.mem_unit;
-    tagMEMORYSTATUSEX stStatus{};
-    GlobalMemoryStatusEx(&stStatus);
-    EXPECT_NEAR(static_cast<double>(stStatus.qwTotalPhys), dTotal, dTotal / 100);
-    EXPECT_LE(stStatus.dwMemoryLoad, 100u);
 }
