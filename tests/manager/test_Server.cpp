@@ -204,12 +204,15 @@ TEST_F(Server, WhatSystemctlCannotTellIsNeverAnEmptyListOrAWrongState)
         {"*Description*", "STATUS\ta", "ERROR\t1Operation canceled\r\n"},
         {"*Description*", "START\ta", "ERROR\t1Operation canceled\r\n"},
         {"*ActiveState*", "STATUS\ta", "ERROR\t4Operation canceled\r\n"},
+        {"*FragmentPath*", "UNINSTALL\ta\t0", "ERROR\t13Operation canceled\r\n"},
         {"*SourcePath*", "UNINSTALL\ta\t0", "ERROR\t13Operation canceled\r\n"},
+        {"*ActiveState*", "UNINSTALL\ta\t0", "ERROR\t13Operation canceled\r\n"},
     };
     for (const auto& [pszBroken, pszSent, pszReply] : tCases) {
         m_pclTool->Write("broken", pszBroken);
         EXPECT_EQ(pclOpen()->csAsk(pszSent, std::chrono::seconds(20)), pszReply) << pszBroken;
     }
+    EXPECT_EQ(nCount(m_pclTool->csTakeJournal(), "disable"), 0) << "what could not be asked is not changed";
     constexpr const char* pszQuestion = "ARE YOU A DEXARO MANAGER UTF-8?\r\n";
     CPingClient clTool;
     m_pclTool->Write("broken", "list-units*");

@@ -1,4 +1,3 @@
-#include "support/Conversion.h"
 #include "support/Descripteur.h"
 #include "support/XIpHelper.h"
 #include "tools/Address.h"
@@ -6,7 +5,6 @@
 #include <cerrno>
 #include <cstdint>
 #include <gtest/gtest.h>
-#include <netdb.h>
 #include <tuple>
 
 namespace {
@@ -29,10 +27,8 @@ bool bHasIPv6()
 }
 } // namespace
 
-TEST(Sockets, ATCPPortTakenInOneFamilyIsFatalForTheWholeSetAndSaysWhy)
+TEST(Sockets, APortTakenInOneFamilyIsFatalForTCPAndOnlySkippedForUDP)
 {
-    CXError clError;
-    CEnsembleSockets clSecond;
     for (const unsigned int nFamily : {SOCKET_IPV4_ONLY, SOCKET_IPV6_ONLY}) {
         if (nFamily == SOCKET_IPV6_ONLY && !bHasIPv6()) {
             continue;
@@ -40,33 +36,17 @@ TEST(Sockets, ATCPPortTakenInOneFamilyIsFatalForTheWholeSetAndSaysWhy)
         SCOPED_TRACE(nFamily);
         const std::uint16_t wPort = wFreePort();
         CEnsembleSockets clFirst;
-        clError.Clear();
+        CEnsembleSockets clSecond;
+        CXError clError;
         ASSERT_TRUE(bSocketListenTCP(wPort, nFamily, &clFirst, nullptr, nullptr, 5));
-        EXPECT_EQ(clFirst.tGetSockets().size(), 1u);
         EXPECT_FALSE(bSocketListenTCP(wPort, 0, &clSecond, &clError, nullptr, 5));
         EXPECT_TRUE(clSecond.tGetSockets().empty());
-        EXPECT_EQ(clError.StringDump(CXError::INFO_MODULE), L"Module VelmoManager, message 25627");
         EXPECT_EQ(clError.nGetSystemError(), EADDRINUSE);
-        EXPECT_NE(clError.csGetMessage().find(std::to_wstring(wPort)), std::wstring::npos);
-        EXPECT_EQ(clError.StringDump(CXError::INFO_DEBUG), L"Detail: bind");
-    }
-    clError.Clear();
-    EXPECT_FALSE(bSocketListenTCP(4999, 0, &clSecond, &clError, L"no such host name", 5));
-    EXPECT_EQ(clError.StringDump(CXError::INFO_DEBUG), L"Detail: getaddrinfo");
-    EXPECT_EQ(clError.StringDump(CXError::INFO_MODULE), L"Module VelmoManager") << "not the port is wrong";
-    EXPECT_NE(clError.csGetMessage().find(csFromUTF8(::gai_strerror(EAI_NONAME))), std::wstring::npos);
-}
 
-TEST(Sockets, ATakenUDPAddressIsOnlySkipped)
-{
-    const std::uint16_t wPort = wFreePort();
-    CEnsembleSockets clFirst;
-    CEnsembleSockets clSecond;
-    CXError clError;
-    ASSERT_TRUE(bSocketBindUDP(wPort, SOCKET_IPV4_ONLY, &clFirst, nullptr, L"127.0.0.1"));
-    EXPECT_EQ(bSocketBindUDP(wPort, 0, &clSecond, &clError, nullptr), bHasIPv6());
-    for (const STSocket& st : clSecond.tGetSockets()) {
-        EXPECT_EQ(st.nFamily, AF_INET6);
+        ASSERT_TRUE(bSocketBindUDP(wPort, nFamily, &clFirst, nullptr, nullptr));
+        EXPECT_EQ(bSocketBindUDP(wPort, 0, &clSecond, &clError, nullptr), bHasIPv6());
+        for (const STSocket& st : clSecond.tGetSockets()) {
+            EXPECT_NE(st.nFamily, nFamily == SOCKET_IPV4_ONLY ? AF_INET : AF_INET6);
+        }
     }
-    EXPECT_EQ(clError.nGetSystemError(), EADDRINUSE);
 }

@@ -51,26 +51,26 @@ TEST(SystemInfo, MemoryIsReadFromNewAndOldKernels)
 
 TEST(SystemInfo, TheFirstFileThatNamesADistributionDecides)
 {
-    const std::pair<std::map<std::string, std::string>, const char*> tCases[] = {
+    using CFiles = std::map<std::string, std::string>;
+    const std::pair<CFiles, const char*> tCases[] = {
         {{}, "unknown"},
-        {{{"/etc/os-release",
-           "NAME=\"X\"\nVERSION_ID=\"12\"\nID=debian\nPRETTY_NAME=\"Debian GNU/Linux 12\"\n"},
-          {"/etc/debian_version", "12.5"}},
+        {{{"os-release", "NAME=\"X\"\nVERSION_ID=\"12\"\nID=debian\nPRETTY_NAME=\"Debian GNU/Linux 12\"\n"},
+          {"debian_version", "12.5"}},
          "debian|12|Debian GNU/Linux 12"},
-        {{{"/etc/os-release", "#ID=x\n"},
-          {"/etc/lsb-release",
+        {{{"os-release", "#ID=x\n"},
+          {"lsb-release",
            "DISTRIB_ID=Ubuntu\nDISTRIB_RELEASE=8.04\nDISTRIB_DESCRIPTION=\"\"Ubuntu 8.04\"\""}},
          "Ubuntu|8.04|Ubuntu 8.04"},
-        {{{"/etc/redhat-release", "same"}, {"/etc/fedora-release", "Fedora release 38 (Thirty Eight)"}},
+        {{{"redhat-release", "same"}, {"fedora-release", "Fedora release 38 (Thirty Eight)"}},
          "fedora|38|Fedora release 38 (Thirty Eight)"},
-        {{{"/etc/SuSE-release", "SuSE Linux 9.3 (i586)\nVERSION = 9.3"}}, "SuSE|9.3|SuSE Linux 9.3 (i586)"},
-        {{{"/etc/gentoo-release", "\n"}, {"/etc/debian_version", "3.1\r\n"}}, "Debian|3.1|Debian 3.1"},
+        {{{"SuSE-release", "SuSE Linux 9.3 (i586)\nVERSION = 9.3"}}, "SuSE|9.3|SuSE Linux 9.3 (i586)"},
+        {{{"gentoo-release", "\n"}, {"debian_version", "3.1\r\n"}}, "Debian|3.1|Debian 3.1"},
     };
     for (const auto& [tFiles, pszWanted] : tCases) {
         SCOPED_TRACE(pszWanted);
         STLinuxNameAndVersion stInfo{"before", "before", "before"};
         const auto csRead = [&t = tFiles](const std::string& csPath) {
-            const auto it = t.find(csPath);
+            const auto it = t.find(csPath.substr(csPath.rfind('/') + 1));
             return it == t.end() ? std::nullopt : std::optional(it->second);
         };
         const bool bKnown = bRecogniseDistribution(csRead, &stInfo);
