@@ -14,21 +14,7 @@
 namespace {
 using ::testing::HasSubstr;
 
-/// A scripted systemctl with a memory: units are the files of the private /lib/systemd/system, their state is
-/// the file /run/UNIT.state ("inactive" without one); "start" makes a unit active unless it is named
-/// DXCS-bad.
-/// A file $DIR/broken holds the pattern of calls that fail.
-constexpr char s_szRegistry[] = R"script(for LAST; do :; done
-if [ -e $DIR/broken ]; then eval "case \"\$*\" in $(cat $DIR/broken)) exit 1;; esac"; fi
-FILE=/lib/systemd/system/$LAST.service
-case "$*" in
-list-units*) for f in /lib/systemd/system/*.service; do [ -e "$f" ] && echo "  ${f##*/} loaded x y z"; done; exit 0 ;;
-*ActiveState*) echo "ActiveState=$(cat "/run/$LAST.state" 2>/dev/null || echo inactive)" ;;
-*Description*) [ -e "$FILE" ] || { echo Type=; exit; }
-    sed -n 's/^ExecStart=\(.*\)/ExecStart={ path=x ; argv[]=\1 ; }/p; /^Description=/p; /^Type=/p' "$FILE" ;;
-"start DXCS-bad") exit 1 ;;
-start*) echo active >"/run/$LAST.state" ;;
-esac)script";
+constexpr char s_szRegistry[] = ". " VELMO_SCRIPTS "registry.sh";
 
 /// Registers a unit; without a path it has no executable.
 void AddUnit(const std::string& csUnit, const std::string& csExecutable)

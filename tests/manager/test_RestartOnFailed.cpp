@@ -6,19 +6,7 @@
 #include <gtest/gtest.h>
 
 namespace {
-/// The servers of the file $DIR/servers. A word for a name is the server's state; a number is a failed one,
-/// which hangs at its start while there is a file $DIR/hang-NUMBER. A file $DIR/broken holds the pattern of
-/// calls that fail.
-constexpr char s_szStates[] = R"(for LAST; do :; done
-NAME=${LAST#DXCS-}
-if [ -e $DIR/broken ]; then eval "case \"\$*\" in $(cat $DIR/broken)) exit 1;; esac"; fi
-case "$*" in
-list-units*) for s in other $(cat $DIR/servers); do echo "  $s.service l a r x"; done ;;
-start*) while [ -e $DIR/hang-$NAME ]; do sleep 0.05; done; echo >$DIR/up-$NAME ;;
-*ActiveState*[0-9]) [ -e $DIR/up-$NAME ] && echo ActiveState=active || echo ActiveState=failed ;;
-*ActiveState*) echo "ActiveState=$NAME" ;;
-*Description*) printf 'Type=forking\nDescription=x\nExecStart={ argv[]=/x ; }\n' ;;
-esac)";
+constexpr char s_szStates[] = ". " VELMO_SCRIPTS "states.sh";
 
 class RestartOnFailed : public CSystemdTest
 {

@@ -15,16 +15,7 @@
 using Systemd = CSystemdTest;
 
 namespace {
-/// Two running servers, and no other. While $DIR/left holds a number above 0 each call takes one off and runs
-/// $DIR/fault first.
-constexpr char s_szFaulty[] = R"sh(LEFT=$(cat $DIR/left 2>/dev/null || echo 0)
-if [ $LEFT -gt 0 ]; then echo $((LEFT - 1)) >$DIR/left; . $DIR/fault; fi
-case "$*" in
-list-units*) printf '  DXCS-a.service l a r A\n  DXCS-b.service l a r B\n' ;;
-*ActiveState*) echo ActiveState=active ;;
-*show\ DXCS-[ab]) printf 'Type=forking\nExecStart={ argv[]=/srv/dx --SERVICE x ; }\n' ;;
-*show*) printf 'Type=\nDescription=none\n' ;;
-esac)sh";
+constexpr char s_szFaulty[] = ". " VELMO_SCRIPTS "faulty.sh";
 
 class FailingTool : public CSystemdTest
 {
@@ -227,19 +218,7 @@ TEST_F(Systemd, NullTextsAreFieldsThatAreNotThere)
 }
 
 namespace {
-/// Sixty servers. Asked for several at once, $DIR/batch spoils the blocks that are right.
-constexpr char s_szSixty[] = R"sh(show() {
-    case $1 in
-    *-7 | *-60) printf 'Id=%s.service\nType=\nDescription=%s.service\n' $1 $1 ;;
-    *) printf 'Id=%s.service\nDescription=of %s\nType=forking\nExecStart={ path=/s/%s ; argv[]=/s/%s --SERVICE %s ; }\n' $1 $1 $1 $1 $1 ;;
-    esac
-}
-blocks() { first=1; for u; do [ $first ] || echo; first=; show $u; done; }
-case "$*" in
-list-units*) for n in $(seq 60); do echo "  DXCS-$n.service l a r A"; done ;;
-*=Id,*) shift 2; . $DIR/batch ;;
-*show*) show $3 | grep -v ^Id= ;;
-esac)sh";
+constexpr char s_szSixty[] = ". " VELMO_SCRIPTS "sixty.sh";
 
 std::wstring csSixty(CServiceManager& clManager)
 {
