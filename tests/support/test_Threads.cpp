@@ -79,21 +79,7 @@ TEST(Thread, ASuspendedThreadWaitsForResumeOrStopAndNeitherIsLostDuringTheStart)
     }
 }
 
-TEST(Thread, EndingEarlyIsToldAndExceptionsAreDropped)
-{
-    STSleeper clThread;
-    CXError clError;
-    const auto Early = [](CZTThread* pcl) {
-        pcl->Stopped();
-        throw 1;
-    };
-    EXPECT_EQ(clThread.eStart(Early, nullptr, 1, 0), CZTThread::START_ENDED);
-    EXPECT_FALSE(clThread.bStart(Early, nullptr, &g_stMyModule, 1, &clError, 1, 0));
-    EXPECT_FALSE(clError.bIsSet());
-    EXPECT_EQ(clThread.eRun(), CZTThread::START_OK);
-}
-
-TEST(Thread, WhatAFunctionLeavesOutIsMadeUpFor)
+TEST(Thread, WhatAFunctionLeavesOutIsMadeUpForAndAnEarlyEndIsTold)
 {
     const CZTThread::PFNThread tFunctions[] = {
         [](CZTThread*) {},
@@ -106,6 +92,10 @@ TEST(Thread, WhatAFunctionLeavesOutIsMadeUpFor)
         [](CZTThread* pcl) {
             pcl->Started();
             ::pthread_exit(nullptr);
+        },
+        [](CZTThread* pcl) {
+            pcl->Stopped();
+            throw 1;
         },
     };
     InChild([&] {
@@ -122,6 +112,10 @@ TEST(Thread, WhatAFunctionLeavesOutIsMadeUpFor)
             clStopped.Stop(1);
             EXPECT_FALSE(clStopped.bThreadRunning());
         }
+        CXError clError;
+        STSleeper clEarly;
+        EXPECT_FALSE(clEarly.bStart(tFunctions[5], nullptr, &g_stMyModule, 1, &clError, 1, 0));
+        EXPECT_FALSE(clError.bIsSet());
     });
 }
 
