@@ -3,9 +3,17 @@
 #include "manager/Dialog.h"
 
 #include <array>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <string>
 #include <sys/socket.h>
+
+/// Entries of a folder.
+inline int nEntries(const char* pszFolder)
+{
+    const std::filesystem::directory_iterator clAll(pszFolder);
+    return static_cast<int>(std::distance(begin(clAll), end(clAll)));
+}
 
 /// A conversation with a tool that the test is.
 struct STConversation

@@ -29,29 +29,19 @@
 #include <thread>
 
 namespace {
+using namespace std::string_literals;
 using ::testing::HasSubstr;
 
 constexpr char s_szSystemctl[] = ". " VELMO_SCRIPTS "conversations.sh";
 constexpr char s_szGreeting[] = "HELLO FROM SERVEUR SETUP 24.0.6.0\r\n";
 constexpr char s_szUnknown[] = "ERROR\t1No such file or directory\r\n";
 
-int nCountEntries(const char* pszFolder)
-{
-    const std::filesystem::directory_iterator clAll(pszFolder);
-    return static_cast<int>(std::distance(begin(clAll), end(clAll)));
-}
+/// Descriptors, as services are started; the manager raises it.
+const CSoftLimit s_clUsual(RLIMIT_NOFILE, 1024);
 
 class Server : public CSystemdTest
 {
 protected:
-    static void SetUpTestSuite()
-    {
-        rlimit st{};
-        ::getrlimit(RLIMIT_NOFILE, &st);
-        s_nHardLimit = st.rlim_max;
-        st.rlim_cur = std::min<rlim_t>(s_nHardLimit, 1024);
-        ::setrlimit(RLIMIT_NOFILE, &st); // as services are started; the manager raises it
-    }
     void SetUp() override
     {
         CSystemdTest::SetUp();
@@ -60,7 +50,7 @@ protected:
         }
 
         ASSERT_TRUE(bFreshNetwork());
-        m_nThreads = nCountEntries("/proc/self/task");
+        m_nThreads = nEntries("/proc/self/task");
         m_pclTool = std::make_unique<CFakeTool>("/bin/systemctl", s_szSystemctl);
         m_pclManager = std::make_unique<CSetupManager>();
         gpclSetupManager = m_pclManager.get();
@@ -75,7 +65,7 @@ protected:
 
         StopManager();
         EXPECT_TRUE(CDialog::s_bEndAll(5000));
-        EXPECT_TRUE(bWaitUntil([this] { return nCountEntries("/proc/self/task") == m_nThreads; }, 5000))
+        EXPECT_TRUE(bWaitUntil([this] { return nEntries("/proc/self/task") == m_nThreads; }, 5000))
             << "a thread is left over";
         gpclSetupManager = nullptr;
         m_pclManager.reset();
@@ -99,7 +89,6 @@ protected:
         return pclTool;
     }
 
-    static inline rlim_t s_nHardLimit; ///< of descriptors
     std::unique_ptr<CFakeTool> m_pclTool;
     std::unique_ptr<CSetupManager> m_pclManager;
     std::thread m_clMainLoop;
@@ -199,12 +188,8 @@ TEST_F(Server, WhatSystemctlCannotTellIsNeverAnEmptyListOrAWrongState)
 TEST_F(Server, AFolderIsDeletedOnlyWhenItIsCertainWhoseItIs)
 {
     const auto pclTool = pclOpen();
-    const struct
-    {
-        const char* pszCase;
-        const char* pszMake; // in $DIR, where "srv/dx" is the executable of DXCS-a
-        bool bDeleted;
-    } tCases[] = {
+    const std::tuple<const char*, const char*, bool> tCases[] = {
+        // what makes it in $DIR, where "srv/dx" is the executable of DXCS-a; whether its folder is deleted
         {"a link", "touch dx; ln -s $PWD/dx srv/dx", false},
         {"a folder", "mkdir srv/dx", false},
         {"gone, and nothing names it", "true", false},
@@ -216,15 +201,14 @@ TEST_F(Server, AFolderIsDeletedOnlyWhenItIsCertainWhoseItIs)
         {"gone, and the unit names it", "echo ExecStart=$PWD/srv/dx --SERVICE DXCS-a >unit", true},
         {"a neighbour with a longer name", "touch srv/dx; echo $PWD/srv2/dx >other", true},
     };
-    for (const auto& st : tCases) {
+    for (const auto& [pszCase, pszMake, bDeleted] : tCases) {
         const std::string csMake = "cd " + m_pclTool->csFolder() +
                                    " && rm -rf srv unit other fails here dx && "
                                    "mkdir -p srv/data && touch srv/data/base && " +
-                                   st.pszMake;
-        ASSERT_EQ(stRun(csMake).nStatus, 0) << st.pszCase;
-        EXPECT_EQ(pclTool->csAsk("UNINSTALL\ta\t1"), st.bDeleted ? "ERROR\t12\t\r\n" : "OK\r\n")
-            << st.pszCase;
-        EXPECT_EQ(m_pclTool->bExists("srv/data/base"), !st.bDeleted) << st.pszCase;
+                                   pszMake;
+        ASSERT_EQ(stRun(csMake).nStatus, 0) << pszCase;
+        EXPECT_EQ(pclTool->csAsk("UNINSTALL\ta\t1"), bDeleted ? "ERROR\t12\t\r\n" : "OK\r\n") << pszCase;
+        EXPECT_EQ(m_pclTool->bExists("srv/data/base"), !bDeleted) << pszCase;
     }
 }
 
@@ -283,7 +267,7 @@ TEST_F(Server, AToolThatSendsAtOnceIsGreetedBeforeItsReply)
 
 TEST_F(Server, FifteenHundredConversationsAtOnceAreAllAnswered)
 {
-    if (s_nHardLimit < 4000) {
+    if (s_clUsual.nHard() < 4000) {
         GTEST_SKIP() << "SKIPPED: hard descriptor limit below 4000";
     }
     std::vector<std::unique_ptr<CWireClient>> tTools;
@@ -437,27 +421,30 @@ TEST(Dialog, TheSystemsTextGoesOutAsTheCLibraryGivesIt)
     EXPECT_STREQ(tReply, "ERROR\t2d\xE9j\xE0 vu\r\n");
 }
 
-TEST(Upload, ComesToAWholeFileOrToNone)
+TEST(PingEcho, ADatagramIsAQuestionWhenAQuestionBeginsWithIt)
 {
-    REQUIRE_PRIVATE_WORLD();
-    constexpr unsigned int nBytes = 100'000;
-    const int nFiles = nCountEntries("/tmp");
-    for (const unsigned int nMissing : {0u, 1u}) {
-        SCOPED_TRACE(nMissing);
-        STConversation st;
-        st.Send(std::string(nBytes, 'x'));
-        st.clTool.Close();
-        CInstallInfo clInfo;
-        try {
-            st.clDialog.xGetFile(L"name", nBytes + nMissing, &clInfo);
-        } catch (const CXError&) {
-            EXPECT_EQ(nMissing, 1u);
-        }
-        EXPECT_EQ(clInfo.tNames.size(), 1 - nMissing);
-        for (const std::filesystem::path clFile : clInfo.tTemporaryFiles) {
-            EXPECT_EQ(std::filesystem::file_size(clFile), nBytes);
-            std::filesystem::remove(clFile);
-        }
-        EXPECT_EQ(nCountEntries("/tmp"), nFiles);
+    const std::pair<std::string, EPingForm> tCases[] = {
+        {"ARE YOU A DEXARO SERVER SETUP?\r\n", EPingForm::SYSTEM},
+        {"ARE YOU A DEXARO SERVER SETUP?\r\n\0"s, EPingForm::SYSTEM},
+        {"ARE YOU A DEXARO SERVER SETUP?\r\n\0\0"s, EPingForm::NONE},
+        {"ARE YOU A DEXARO S", EPingForm::SYSTEM},
+        {"ARE YOU A DEXARO MANAGER UTF-8?\r\n!", EPingForm::NONE},
+        {"ARE YOU A DEXARO ", EPingForm::UTF8},
+        {"", EPingForm::UTF8},
+        {"are you a dexaro", EPingForm::NONE},
+    };
+    for (const auto& [csDatagram, eForm] : tCases) {
+        EXPECT_EQ(eReadPing(csDatagram), eForm) << csDatagram;
     }
+}
+
+TEST(PingEcho, AListThatIsTooLongLosesWholeServers)
+{
+    constexpr const char* pszTwo = "\tA\t1\tBB\t22";
+    const std::pair<std::size_t, const char*> tCases[] = {
+        {10, pszTwo}, {9, "\tA\t1"}, {4, "\tA\t1"}, {3, ""}};
+    for (const auto& [nMax, pszFitting] : tCases) {
+        EXPECT_EQ(csFittingServers(pszTwo, nMax), pszFitting) << nMax;
+    }
+    EXPECT_EQ(csFittingServers("\t\t1\t\t2", 5), "\t\t1") << "empty names";
 }

@@ -6,9 +6,6 @@
 #include "support/VersionNote.h"
 #include "tools/TempDir.h"
 
-#include <array>
-#include <cstdint>
-#include <elf.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -16,12 +13,6 @@ namespace {
 // This program carries the note in the same way as the manager does.
 [[gnu::used, gnu::section(".note.velmo"), gnu::aligned(4)]] constexpr auto s_stNote =
     stVersionNote("FileVersion=" VELMO_VERSION "\0VersionVI=" VELMO_VERSION);
-
-template <class T>
-std::string csBytes(const T& st)
-{
-    return {reinterpret_cast<const char*>(&st), sizeof st};
-}
 
 int nSign(int n)
 {
@@ -42,36 +33,6 @@ TEST(FileVersion, ARealExecutableTellsItsVersion)
     EXPECT_FALSE(clVersion.bGetStringValue(L"\\StringFileInfo\\000004E4\\Other", &csValue));
     EXPECT_FALSE(clVersion.bLoad(L"/bin/sh"));
     EXPECT_FALSE(clVersion.bGetStringValue(L"FileVersion", &csValue)); // the last file's entries are gone
-}
-
-TEST(FileVersion, TheNoteIsFoundBesideOthersInBothAlignments)
-{
-    const CTempDir clDir;
-    for (const std::size_t nAlign : {std::size_t{4}, std::size_t{8}}) {
-        std::string csNotes;
-        const auto Add = [&](std::uint32_t dwType, const std::string& csOwner, const std::string& csContent) {
-            csNotes += csBytes(std::array{static_cast<std::uint32_t>(csOwner.size()),
-                                          static_cast<std::uint32_t>(csContent.size()), dwType});
-            for (const std::string& csPart : {csOwner, csContent}) {
-                csNotes += csPart;
-                csNotes.resize((csNotes.size() + nAlign - 1) / nAlign * nAlign);
-            }
-        };
-        Add(5, std::string("GNU\0", 4), "01234567");
-        Add(1, std::string("Velmo\0", 6), std::string("FileVersion=1.2\0", 16));
-        Elf64_Ehdr stHeader{{0x7F, 'E', 'L', 'F', 2, 1, 1}, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
-        stHeader.e_phoff = sizeof stHeader;
-        stHeader.e_phentsize = sizeof(Elf64_Phdr);
-        stHeader.e_phnum = 1;
-        const std::size_t nOffset = sizeof stHeader + sizeof(Elf64_Phdr);
-        const Elf64_Phdr stSegment{PT_NOTE, 0, nOffset, 0, 0, csNotes.size(), 0, nAlign};
-        clDir.csWrite("program", csBytes(stHeader) + csBytes(stSegment) + csNotes);
-        CFileVersion clVersion;
-        std::wstring csValue;
-        EXPECT_TRUE(clVersion.bLoad(clDir.csWidePath("program"))) << nAlign;
-        EXPECT_TRUE(clVersion.bGetStringValue(L"FileVersion", &csValue));
-        EXPECT_EQ(csValue, L"1.2");
-    }
 }
 
 TEST(FileVersion, ATruncatedExecutableAndNoRegularFileHaveNone)
