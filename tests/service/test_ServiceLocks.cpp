@@ -78,9 +78,9 @@ TEST_F(ServiceLocks, OneServiceIsChangedByOneAtATimeAndAnotherNeverWaits)
     for (int n = 0; n < 8; ++n) {
         tWorkers.push_back(std::async(std::launch::async, [&, n] {
             for (int nRound = 0; nRound < nRounds; ++nRound) {
-                const auto clHold = n == 0   ? clLocks().clTakeToRemove(L"DXCS-b", [] {})
-                                    : n == 1 ? clLocks().clTake(std::set<std::wstring>{L"DXCS-b", L"DXCS-a"})
-                                             : clLocks().clTake(std::set<std::wstring>{L"DXCS-b", L"DXCS-c"});
+                const std::set<std::wstring> tNames = {L"DXCS-b", n == 1 ? L"DXCS-a" : L"DXCS-c"};
+                const auto clHold =
+                    n == 0 ? clLocks().clTakeToRemove(L"DXCS-b", [] {}) : clLocks().clTake(tNames);
                 EXPECT_EQ(nInside.fetch_add(1), 0);
                 std::this_thread::yield();
                 nInside.fetch_sub(1);

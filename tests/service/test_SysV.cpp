@@ -119,32 +119,25 @@ TEST_F(SysV, LookupTakesTheScriptNameFirstAndTheUnchangedNameNext)
     }
 }
 
-TEST_F(SysV, EnumerationListsThePrefixedScriptsAndLeavesNoDirectoryOpen)
+TEST_F(SysV, EnumerationListsThePrefixedScriptsAndFailsWhereOneCannotBeRead)
 {
     for (const char* psz :
-         {"DXCS-a", "DXCS-b", "dxcs-c", "ssh", "DXCS-x;reboot", "DXCS-my base", ".hidden"}) {
+         {"DXCS-a", "dxcs-c", "ssh", "DXCS-x;reboot", "DXCS-my base", ".hidden", "DXCS-folder/x"}) {
         Write(std::string("/etc/init.d/") + psz, "");
     }
+    std::filesystem::create_symlink("nowhere", "/etc/init.d/DXCS-gone");
+    EXPECT_EQ(pclGet(L"DXCS-gone"), nullptr);
+    EXPECT_EQ(errno, ENOENT);
     const auto nHandles = [] {
         return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
     };
     const auto nBefore = nHandles();
-    EXPECT_EQ(csListed(&m_clManager), L"DXCS-a DXCS-b ");
+    EXPECT_EQ(csListed(&m_clManager), L"DXCS-a DXCS-folder ");
     unsigned long nAborted = 0;
     const std::unique_ptr<CService> pclOne(m_clManager.pclEnumService(&nAborted, L"ssh"));
     m_clManager.AbortEnumService(&nAborted);
     EXPECT_EQ(nHandles(), nBefore);
     EXPECT_EQ(nAborted, 0u) << "ready for another listing, unlike under systemd";
-}
-
-TEST_F(SysV, ScriptsThatCannotBeReadAreNotAbsent)
-{
-    Write("/etc/init.d/DXCS-a", "# Program=\"/opt/a/dx\" Name=\"A\" \n");
-    std::filesystem::create_directories("/etc/init.d/DXCS-folder");
-    std::filesystem::create_symlink("nowhere", "/etc/init.d/DXCS-gone");
-    EXPECT_EQ(csListed(&m_clManager), L"DXCS-a DXCS-folder ");
-    EXPECT_EQ(pclGet(L"DXCS-gone"), nullptr);
-    EXPECT_EQ(errno, ENOENT);
 
     // This process's own memory: a file that opens and whose first page cannot be read.
     std::filesystem::create_symlink("/proc/self/mem", "/etc/init.d/DXCS-b");

@@ -1,6 +1,5 @@
 #include "support/accesdllres.h"
 #include "support/WinApi.h"
-#include "support/XYString.h"
 
 #include <cerrno>
 #include <climits>
@@ -80,19 +79,6 @@ TEST(FormatMessage, SystemTextsAndInsertsLeftAlone)
     EXPECT_EQ(FormatMessageW(0x700, L"%1!d! %2 50%%%n", 0, nullptr), L"%1!d! %2 50%\r\n");
     EXPECT_EQ(FormatMessageW(0x400, nullptr, 0, nullptr), L"");
     EXPECT_EQ(csFormatMessage(csEscapePercent(L"%1 100% %%").c_str(), L"no"), L"%1 100% %%");
-}
-
-TEST(WideText, FormatGrowsWithItsResultAndMayUseItself)
-{
-    CTString csText;
-    csText.Format(L"%ls-%d-%s", std::wstring(100000, L'\u00E9').c_str(), 7, "x");
-    ASSERT_EQ(csText.size(), 100004u);
-    csText.erase(0, 99999);
-    csText.Format(L"<%ls>", csText.c_str());
-    csText.Format(L"%ls%ls", csText.c_str(), csText.c_str());
-    EXPECT_EQ(csText, L"<\u00E9-7-x><\u00E9-7-x>");
-    csText.Format(L"%s", "\xFF"); // not ASCII: cannot be carried out
-    EXPECT_EQ(csText, L"");
 }
 
 namespace {
