@@ -32,12 +32,7 @@ std::string csAddProgram(const std::string& csFolder, int nPort)
     return "/tmp/" + csFolder + "/srv";
 }
 
-/// The names of a folder's files, one a line.
-std::string csFiles(const char* pszFolder)
-{
-    return stRun(std::string("ls ") + pszFolder).csOutput;
-}
-constexpr char s_szUnits[] = "/lib/systemd/system";
+constexpr char s_szListUnits[] = "ls /lib/systemd/system";
 
 class Registration : public CSystemdTest
 {
@@ -52,11 +47,6 @@ protected:
         stRun("rm -rf /lib/systemd/system/* /run/*");
         m_clPipe.SetManager(&m_clSetup);
         ASSERT_TRUE(m_clPipe.bStart());
-    }
-    void TearDown() override
-    {
-        m_clPipe.bStop();
-        CSystemdTest::TearDown();
     }
     /// The reply to a request.
     static std::string csRegister(int nForm, const std::string& csName, const std::string& csPath, int nPort)
@@ -111,12 +101,14 @@ TEST_F(Registration, AServerIsRecognisedOrRefusedOrGetsItsOwnUnit)
         for (const auto& [csUnit, csProgram] : st.tUnits) {
             AddUnit(csUnit, csProgram);
         }
-        const std::string csBefore = csFiles(s_szUnits);
+        const std::string csBefore = stRun(s_szListUnits).csOutput;
         const std::string csReply = csRegister(1, st.pszName, st.pszPath, st.nPort);
         EXPECT_THAT(csReply, HasSubstr(st.pszReply));
         EXPECT_EQ(csReply.empty(), *st.pszStarted != 0) << csReply;
-        EXPECT_EQ(csFiles("/run"), *st.pszStarted == 0 ? "" : st.pszStarted + std::string(".state\n"));
-        EXPECT_TRUE(csReply.empty() || csFiles(s_szUnits) == csBefore) << "a refusal changes nothing";
+        EXPECT_EQ(stRun("ls /run").csOutput,
+                  *st.pszStarted == 0 ? "" : st.pszStarted + std::string(".state\n"));
+        EXPECT_TRUE(csReply.empty() || stRun(s_szListUnits).csOutput == csBefore)
+            << "a refusal changes nothing";
     }
 }
 
@@ -165,7 +157,7 @@ TEST_F(Registration, TheOldFormIsUnderstoodButOnlyTheNewOneIsToldTheOutcome)
     };
     for (const auto& [nForm, nPort, pszUnits] : tCases) {
         EXPECT_EQ(csRegister(nForm, "ansi", csProgram, nPort), "UNKNOWN");
-        EXPECT_EQ(csFiles(s_szUnits), pszUnits);
+        EXPECT_EQ(stRun(s_szListUnits).csOutput, pszUnits);
         stRun("rm -f /lib/systemd/system/DXCS-ansi.service");
     }
 }

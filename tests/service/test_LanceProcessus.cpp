@@ -42,6 +42,9 @@ protected:
     {
         EXPECT_TRUE(bWaitUntil([] { return CProcessManager::m_gpclManager->nCountRecords() == 0; }, 5000));
         CLanceProcessus::sTerm();
+        errno = 0;
+        EXPECT_FALSE(CLanceProcessus().bLanceProcessus(L"/bin/true", L"", nullptr)) << "without the manager";
+        EXPECT_EQ(errno, ESHUTDOWN);
         EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "a child is left over";
     }
 
@@ -217,15 +220,6 @@ TEST_F(LanceProcessus, ChildrenThatAreLetGoRunOnAndAreReapedEvenWhenTwoEndBehind
     const std::string csCountEnded = "pgrep -c -r Z -P " + std::to_string(::getpid());
     EXPECT_TRUE(bWaitUntil([&] { return stRun(csCountEnded).csOutput == "2\n"; }, 5000));
     EXPECT_EQ(clDir.csRead("mark"), "late\nlate\n");
-}
-
-TEST_F(LanceProcessus, ALaunchWithoutManagerSaysWhy)
-{
-    CLanceProcessus::sTerm();
-    errno = 0;
-    EXPECT_FALSE(CLanceProcessus().bLanceProcessus(L"/bin/true", L"", nullptr));
-    EXPECT_EQ(errno, ESHUTDOWN);
-    CLanceProcessus::sInit();
 }
 
 TEST_F(LanceProcessus, AnEndedChildIsNotMistakenForOneThatGotItsNumber)

@@ -83,8 +83,7 @@ TEST_F(ServiceName, ALookupTakesTwoCharactersForSpacesAndFindsNothingByMoreThanO
     for (const wchar_t* psz : {L"DXCS-Plain;x", L"DXCS-a|b", L"DXCS-x;-Hhost", L";", L"a;;b"}) {
         EXPECT_EQ(clSaid(psz).clLookedUp().csAsked(), L"") << ::testing::PrintToString(std::wstring(psz));
     }
-    EXPECT_EQ(CServiceName::s_clListed("DXCS-a\\x3bb").csAsked(), L"DXCS-a\\x3bb")
-        << "which is asked as it is";
+    EXPECT_EQ(CServiceName::s_clListed("DXCS-a\\x3bb").csAsked(), L"DXCS-a\\x3bb");
 }
 
 TEST_F(ServiceName, OnlyWhatIsFoundAgainIsInstallable)

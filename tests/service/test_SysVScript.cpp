@@ -74,7 +74,6 @@ TEST(SysVScript, MarkersAreReadFromWhatTheBufferHoldsOfALine)
 TEST(SysVScript, TemplatesAreCleanScriptsHoweverTheyAreFilled)
 {
     const CTempDir clDirectory;
-    const std::string csPath = clDirectory.csPath("script");
     for (const std::string_view csTemplate :
          {g_csDebianScript, g_csRedHatScript, g_csSuSEScript, g_csGentooScript, g_csSlackwareScript}) {
         ForEachLine(csTemplate, [](std::string_view csLine) { // elsewhere a shell would read them
@@ -85,7 +84,7 @@ TEST(SysVScript, TemplatesAreCleanScriptsHoweverTheyAreFilled)
             const std::string csScript = csFilled(csTemplate, pszCommandLine, "My `base` $(x)");
             SCOPED_TRACE(csScript);
             EXPECT_EQ(csScript.find("%%%"), std::string::npos);
-            clDirectory.csWrite("script", csScript);
+            const std::string csPath = clDirectory.csWrite("script", csScript);
             // 1091: the distribution's own files are not here
             EXPECT_EQ(stRun("dash -n " + csPath + " && busybox sh -n " + csPath +
                             " && shellcheck -s dash -e SC1091 " + csPath)

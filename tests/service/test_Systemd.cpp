@@ -38,11 +38,8 @@ constexpr int s_nForGood = 1000;
 
 TEST_F(FailingTool, AQuestionThatFailsIsAskedAgainAndThenHasFailed)
 {
-    const struct
-    {
-        const char* pszFault;
-        int nLeast, nMost; ///< tries of a question that fails for good
-    } tCases[] = {
+    const std::tuple<const char*, int, int> tCases[] = {
+        // the fault, least and most tries of a question that fails for good
         {"echo 'Failed to get properties: Transport endpoint is not connected' >&2; exit 1", 4, 4},
         {"echo ActiveState=failed; echo Type=; kill -KILL $$", 4, 4}, // half an answer, perhaps
         {"printf 'ActiveState=fai'; exit 1", 4, 4},
@@ -50,17 +47,17 @@ TEST_F(FailingTool, AQuestionThatFailsIsAskedAgainAndThenHasFailed)
         {"exec yes '  DXCS-z.service ActiveState=failed'", 2, 4},
         {"sleep 1.2; exit 1", 3, 3}, // the fourth would begin too late
     };
-    for (const auto& st : tCases) {
-        SCOPED_TRACE(st.pszFault);
-        Break(st.pszFault, 1);
+    for (const auto& [pszFault, nLeast, nMost] : tCases) {
+        SCOPED_TRACE(pszFault);
+        Break(pszFault, 1);
         EXPECT_EQ(csListed(&m_clManager), L"DXCS-a DXCS-b ");
-        Break(st.pszFault, 1);
+        Break(pszFault, 1);
         EXPECT_EQ(m_clService.eGetStatus(), STATUS_RUNNING);
         EXPECT_EQ(nCalls(), 2);
-        Break(st.pszFault, s_nForGood);
+        Break(pszFault, s_nForGood);
         EXPECT_EQ(csListed(&m_clManager), L"failed");
         const auto nTries = nCalls();
-        EXPECT_TRUE(nTries >= st.nLeast && nTries <= st.nMost) << nTries;
+        EXPECT_TRUE(nTries >= nLeast && nTries <= nMost) << nTries;
     }
     Break("exit 1", 3);
     EXPECT_EQ(m_clService.eGetStatus(), STATUS_RUNNING) << "the last try counts";
@@ -127,29 +124,24 @@ TEST_F(Systemd, RemovalStopsAtARefusedDisableAndOtherwiseDeletesBothFiles)
     EXPECT_EQ(stRun("ls " + csFiles + " 2>/dev/null").csOutput, "");
 }
 
-TEST_F(Systemd, AUnitGeneratedFromAScriptTakesItsProgramFromTheScript)
-{
-    std::ofstream("/etc/init.d/DXCS-old")
-        << "#!/bin/sh\n# Do not remove\n# Program=\"/opt/old/dx\" Name=\"Old\" \n";
-    const CFakeTool clTool("/bin/systemctl",
-                           "printf 'Type=forking\\nExecStart={ argv[]=/etc/init.d/DXCS-old start ; }\\n'");
-    const std::unique_ptr<CService> pclService(m_clManager.pclGetService(L"DXCS-old"));
-    ASSERT_NE(pclService, nullptr);
-    EXPECT_STREQ(pclService->pszBinaryPathName(), L"/opt/old/dx");
-}
-
-TEST_F(Systemd, EnumerationGivesThePrefixedUnitsThatExistAndToleratesStaleCursors)
+TEST_F(Systemd, EnumerationGivesUnitsThatExistWithTheirScriptsProgramsAndToleratesStaleCursors)
 {
     const CFakeTool clTool("/bin/systemctl", R"(case "$*" in
 list-units*) printf '  DXCS-a.service l a r A\n● DXCS-b.service l f f B\n  ssh.service l a r S\n'
              printf '● DXCS-gone.service not-found i d G\n  DXCS-c.service l a r C\n' ;;
 *DXCS-gone) printf 'Type=\nDescription=DXCS-gone.service\n' ;;
+*DXCS-c) printf 'Type=forking\nExecStart={ argv[]=/etc/init.d/DXCS-c start ; }\n' ;;
 *) printf 'Type=forking\n' ;;
 esac)");
+    std::ofstream("/etc/init.d/DXCS-c")
+        << "#!/bin/sh\n# Do not remove\n# Program=\"/opt/old/dx\" Name=\"Old\" \n";
+    const std::unique_ptr<CService> pclGenerated(m_clManager.pclGetService(L"DXCS-c"));
+    ASSERT_NE(pclGenerated, nullptr);
+    EXPECT_STREQ(pclGenerated->pszBinaryPathName(), L"/opt/old/dx");
     EXPECT_EQ(csListed(&m_clManager), L"DXCS-a DXCS-b DXCS-c ");
 
     unsigned long nCursor = 0;
-    while (const auto pcl = std::unique_ptr<CService>(m_clManager.pclEnumService(&nCursor, L"DXCS-"))) {
+    while (std::unique_ptr<CService>(m_clManager.pclEnumService(&nCursor, L"DXCS-")) != nullptr) {
     }
     EXPECT_EQ(m_clManager.pclEnumService(&nCursor, L"DXCS-"), nullptr) << "the end stays the end";
     nCursor = 0;

@@ -20,29 +20,24 @@ int nSign(int n)
 }
 } // namespace
 
-TEST(FileVersion, ARealExecutableTellsItsVersion)
+TEST(FileVersion, ARealExecutableTellsItsVersionAndATruncatedOneOrNoRegularFileNone)
 {
     CFileVersion clVersion;
     std::wstring csValue;
     ASSERT_TRUE(clVersion.bLoad(L"/proc/self/exe"));
-    for (const wchar_t* psz :
-         {L"\\StringFileInfo\\000004E4\\FileVersion", L"\\StringFileInfo\\000004E4\\VersionVI"}) {
-        EXPECT_TRUE(clVersion.bGetStringValue(psz, &csValue));
+    for (const std::wstring cs : {L"FileVersion", L"VersionVI"}) {
+        EXPECT_TRUE(clVersion.bGetStringValue((L"\\StringFileInfo\\000004E4\\" + cs).c_str(), &csValue));
         EXPECT_EQ(csValue, g_szVersion);
     }
     EXPECT_FALSE(clVersion.bGetStringValue(L"\\StringFileInfo\\000004E4\\Other", &csValue));
     EXPECT_FALSE(clVersion.bLoad(L"/bin/sh"));
     EXPECT_FALSE(clVersion.bGetStringValue(L"FileVersion", &csValue)); // the last file's entries are gone
-}
 
-TEST(FileVersion, ATruncatedExecutableAndNoRegularFileHaveNone)
-{
     const CTempDir clDir;
     constexpr std::size_t nMax = 1u << 28; // with a sanitizer this program is larger than any file of ours
     std::string csOwn;
     ASSERT_TRUE(CDiskFile::bReadFile(L"/proc/self/exe", &csOwn, nMax));
     const std::size_t nNote = csOwn.find("FileVersion=" VELMO_VERSION); // stands before all other texts
-    CFileVersion clVersion;
     for (const std::size_t nSize :
          {std::size_t{0}, std::size_t{63}, std::size_t{100}, nNote - 1, nNote + 5}) {
         clDir.csWrite("cut", csOwn.substr(0, nSize));
