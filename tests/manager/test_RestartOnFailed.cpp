@@ -41,10 +41,12 @@ TEST_F(RestartOnFailed, OnlyFailedServersAreStartedAndNoneAfterAStop)
 
 TEST_F(RestartOnFailed, APassThatCannotListIsSkippedAndAStateThatCannotBeAskedLeftAlone)
 {
-    for (const char* pszBroken : {"*show\\ DXCS-active", "*ActiveState*DXCS-failed"}) {
+    const std::string csMany = stRun("seq -f DXCS-%.0f 99").csOutput; // asked in more than one batch
+    for (const auto& [pszBroken, csServers] :
+         {std::pair{"*show\\ DXCS-99", csMany}, {"*ActiveState*DXCS-failed", "DXCS-failed DXCS-active"}}) {
         SCOPED_TRACE(pszBroken);
         m_clTool.Write("broken", pszBroken);
-        Start("DXCS-failed DXCS-active");
+        Start(csServers);
         EXPECT_TRUE(bCalled("list-units", 2)) << "the next pass looks again";
         m_clMonitor.Stop();
         EXPECT_EQ(nCount(m_csJournal + m_clTool.csTakeJournal(), "start"), 0);
