@@ -143,7 +143,7 @@ TEST_F(LanceProcessus, ExitCodesAndMergedOutputArriveWhenTheChildEndsWhoeverKeep
         unsigned int nCode;
         const char* pszOutput = "";
         const char* pszArguments = "";
-        long nMaxMs = 1000; ///< the end cuts a pause short
+        int nMaxMs = 1000; ///< the end cuts a pause short
         bool bRead = true;
     } tCases[] = {
         {"plain", "#!/bin/sh\necho out; echo err >&2; exit 7", 7, "out\nerr\n"},
@@ -188,7 +188,7 @@ TEST_F(LanceProcessus, AChildThatPrintsMoreThanItsLimitIsKilledAndHasFailed)
 {
     constexpr std::size_t nLimit = 3'000'000;
     for (const auto& [pszArguments, bFits] : {std::pair{L"-c \"head -c 3000000 /dev/zero\"", true},
-                                              {L"-c \"head -c 3000001 /dev/zero; sleep 60\"", false}}) {
+                                              {L"-c \"head -c 3000001 /dev/zero; sleep 5\"", false}}) {
         SCOPED_TRACE(pszArguments);
         for (const bool bRead : {true, false}) {
             CLanceProcessus cl;

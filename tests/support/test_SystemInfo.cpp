@@ -45,7 +45,6 @@ TEST(SystemInfo, MemoryIsReadFromNewAndOldKernels)
                                stStatus.qwFreeSwap, stStatus.dwMemoryLoad}),
                   tWanted)
             << pszText;
-        EXPECT_EQ(stStatus.dwLength, 7u);
     }
 }
 
