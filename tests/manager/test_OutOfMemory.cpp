@@ -1,46 +1,54 @@
-// An upload when each allocation in turn finds no memory: a whole file that is listed, or none.
+// An upload that comes to a whole file that is listed, or to none: when bytes are missing, and when each
+// allocation in turn finds no memory.
 
-#include "manager/Dialog.h"
+#include "Conversation.h"
 #include "tools/FailingNew.h"
 #include "tools/PrivateWorld.h"
 
-#include <filesystem>
 #include <gtest/gtest.h>
-#include <iterator>
 #include <new>
 #include <string>
-#include <sys/socket.h>
 
-TEST(OutOfMemory, AnUploadLeavesNoFileThatNobodyKnows)
+namespace {
+/// True when the upload, of which so many bytes are missing, comes to a whole file with so many allocations.
+bool bUpload(unsigned int nMissing, int nAllocations)
+{
+    const std::wstring csName(100, L'n'); // needs memory of its own
+    constexpr unsigned int nBytes = 100'000;
+    const int nBefore = nEntries("/tmp");
+    STConversation st;
+    st.Send(std::string(nBytes, 'x'));
+    st.clTool.Close();
+    CInstallInfo clInfo;
+    bool bWhole = false;
+    g_nAllocationsLeft = nAllocations;
+    try {
+        st.clDialog.xGetFile(csName, nBytes + nMissing, &clInfo);
+        bWhole = true;
+    } catch (const CXError&) {
+        EXPECT_EQ(nMissing, 1u);
+    } catch (const std::bad_alloc&) {
+        EXPECT_GE(nAllocations, 0);
+    }
+    g_nAllocationsLeft = -1;
+
+    EXPECT_EQ(clInfo.tNames.size(), bWhole ? 1u : 0u);
+    EXPECT_EQ(clInfo.tTemporaryFiles.size(), bWhole ? 1u : 0u);
+    EXPECT_EQ(nEntries("/tmp") - nBefore, bWhole ? 1 : 0);
+    for (const std::filesystem::path clFile : clInfo.tTemporaryFiles) {
+        EXPECT_EQ(std::filesystem::file_size(clFile), nBytes);
+    }
+    return bWhole;
+}
+} // namespace
+
+TEST(OutOfMemory, AnUploadComesToAWholeFileOrLeavesNone)
 {
     REQUIRE_PRIVATE_WORLD();
-    const std::string csBytes(1000, 'x');
-    const std::wstring csName(100, L'n'); // needs memory of its own
-    const auto nFiles = [] {
-        const std::filesystem::directory_iterator clAll("/tmp");
-        return std::distance(begin(clAll), end(clAll));
-    };
-    const auto nBefore = nFiles();
-    bool bWhole = false;
-    for (int nAllocations = 0; nAllocations < 100 && !bWhole; ++nAllocations) {
-        SCOPED_TRACE(nAllocations);
-        int tPair[2] = {-1, -1};
-        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, tPair), 0);
-        const CDescripteur clTool(tPair[0]);
-        CDialog clDialog{CDescripteur(tPair[1])};
-        ASSERT_EQ(::send(clTool.nFd(), csBytes.data(), csBytes.size(), 0), 1000);
-        CInstallInfo clInfo;
-        g_nAllocationsLeft = nAllocations;
-        try {
-            clDialog.xGetFile(csName, 1000, &clInfo);
-            bWhole = true;
-        } catch (const std::bad_alloc&) {
-            // as it may
-        }
-        g_nAllocationsLeft = -1;
-        EXPECT_EQ(clInfo.tNames.size(), bWhole ? 1u : 0u);
-        EXPECT_EQ(clInfo.tTemporaryFiles.size(), bWhole ? 1u : 0u);
-        EXPECT_EQ(nFiles() - nBefore, bWhole ? 1 : 0);
+    EXPECT_FALSE(bUpload(1, -1));
+    int nAllocations = 0;
+    while (nAllocations < 100 && !bUpload(0, nAllocations)) {
+        ++nAllocations;
     }
-    EXPECT_TRUE(bWhole);
+    EXPECT_TRUE(nAllocations > 0 && nAllocations < 100) << nAllocations;
 }

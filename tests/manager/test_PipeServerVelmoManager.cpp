@@ -10,26 +10,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <map>
-#include <memory>
 
 namespace {
 using ::testing::HasSubstr;
 
-/// A scripted systemctl with a memory: units are the files of the private /lib/systemd/system, their state is
-/// the file /run/UNIT.state ("inactive" without one); "start" makes a unit active unless it is named
-/// DXCS-bad.
-/// A file $DIR/broken holds the pattern of calls that fail.
-constexpr char s_szRegistry[] = R"script(for LAST; do :; done
-if [ -e $DIR/broken ]; then eval "case \"\$*\" in $(cat $DIR/broken)) exit 1;; esac"; fi
-FILE=/lib/systemd/system/$LAST.service
-case "$*" in
-list-units*) for f in /lib/systemd/system/*.service; do [ -e "$f" ] && echo "  ${f##*/} loaded x y z"; done; exit 0 ;;
-*ActiveState*) echo "ActiveState=$(cat "/run/$LAST.state" 2>/dev/null || echo inactive)" ;;
-*Description*) [ -e "$FILE" ] || { echo Type=; exit; }
-    sed -n 's/^ExecStart=\(.*\)/ExecStart={ path=x ; argv[]=\1 ; }/p; /^Description=/p; /^Type=/p' "$FILE" ;;
-"start DXCS-bad") exit 1 ;;
-start*) echo active >"/run/$LAST.state" ;;
-esac)script";
+constexpr char s_szRegistry[] = ". " VELMO_SCRIPTS "registry.sh";
 
 /// Registers a unit; without a path it has no executable.
 void AddUnit(const std::string& csUnit, const std::string& csExecutable)
@@ -47,16 +32,7 @@ std::string csAddProgram(const std::string& csFolder, int nPort)
     return "/tmp/" + csFolder + "/srv";
 }
 
-/// All unit files, and the states that started servers have: a name each line.
-std::string csUnits()
-{
-    return stRun("ls /lib/systemd/system").csOutput;
-}
-
-std::string csStates()
-{
-    return stRun("ls /run").csOutput;
-}
+constexpr char s_szListUnits[] = "ls /lib/systemd/system";
 
 class Registration : public CSystemdTest
 {
@@ -67,19 +43,10 @@ protected:
         if (IsSkipped()) {
             return;
         }
+
         stRun("rm -rf /lib/systemd/system/* /run/*");
-        m_pclTool = std::make_unique<CFakeTool>("/bin/systemctl", s_szRegistry);
-        m_pclManager = std::make_unique<CSetupManager>();
-        m_pclPipe = std::make_unique<CPipeServerVelmoManager>();
-        m_pclPipe->SetManager(m_pclManager.get());
-        ASSERT_TRUE(m_pclPipe->bStart());
-    }
-    void TearDown() override
-    {
-        m_pclPipe.reset();
-        m_pclManager.reset();
-        m_pclTool.reset();
-        CSystemdTest::TearDown();
+        m_clPipe.SetManager(&m_clSetup);
+        ASSERT_TRUE(m_clPipe.bStart());
     }
     /// The reply to a request.
     static std::string csRegister(int nForm, const std::string& csName, const std::string& csPath, int nPort)
@@ -88,9 +55,9 @@ protected:
         const std::string csRecord = csRequest(-4711, nForm, csName, csPath, nPort);
         return bWritePipe("/tmp/__pipe_velmomanager__", csRecord) ? clReply.csReply() : "<no manager>";
     }
-    std::unique_ptr<CFakeTool> m_pclTool;
-    std::unique_ptr<CSetupManager> m_pclManager;
-    std::unique_ptr<CPipeServerVelmoManager> m_pclPipe;
+    CFakeTool m_clTool{"/bin/systemctl", s_szRegistry};
+    CSetupManager m_clSetup;
+    CPipeServerVelmoManager m_clPipe;
 };
 } // namespace
 
@@ -134,12 +101,14 @@ TEST_F(Registration, AServerIsRecognisedOrRefusedOrGetsItsOwnUnit)
         for (const auto& [csUnit, csProgram] : st.tUnits) {
             AddUnit(csUnit, csProgram);
         }
-        const std::string csBefore = csUnits();
+        const std::string csBefore = stRun(s_szListUnits).csOutput;
         const std::string csReply = csRegister(1, st.pszName, st.pszPath, st.nPort);
         EXPECT_THAT(csReply, HasSubstr(st.pszReply));
         EXPECT_EQ(csReply.empty(), *st.pszStarted != 0) << csReply;
-        EXPECT_EQ(csStates(), *st.pszStarted == 0 ? "" : st.pszStarted + std::string(".state\n"));
-        EXPECT_TRUE(csReply.empty() || csUnits() == csBefore) << "a refusal changes nothing";
+        EXPECT_EQ(stRun("ls /run").csOutput,
+                  *st.pszStarted == 0 ? "" : st.pszStarted + std::string(".state\n"));
+        EXPECT_TRUE(csReply.empty() || stRun(s_szListUnits).csOutput == csBefore)
+            << "a refusal changes nothing";
     }
 }
 
@@ -159,21 +128,19 @@ TEST_F(Registration, NothingIsWrittenWhenTheServicesCannotBeListed)
     AddUnit("DXCS-a", csAddProgram("A", 4901));
     AddUnit("DXCS-known", csAddProgram("known", 4902));
     csAddProgram("N", 5000);
-    const auto csFiles = [] {
-        return stRun("cat /lib/systemd/system/* /tmp/*/DXConf.ini; ls /run").csOutput;
-    };
-    const std::string csBefore = csFiles();
+    const auto csAll = [] { return stRun("cat /lib/systemd/system/* /tmp/*/DXConf.ini; ls /run").csOutput; };
+    const std::string csBefore = csAll();
     // Another program under the name of a; a program whose unit has another name; a new one.
     const std::tuple<const char*, const char*, int> tServers[] = {
         {"a", "/tmp/N/srv", 5000}, {"other", "/tmp/A/srv", 4901}, {"n", "/tmp/N/srv", 5000}};
     for (const char* pszBroken : {"list-units*", "*show*DXCS-known"}) {
-        m_pclTool->Write("broken", pszBroken);
+        m_clTool.Write("broken", pszBroken);
         for (const auto& [pszName, pszPath, nPort] : tServers) {
             EXPECT_THAT(csRegister(1, pszName, pszPath, nPort), HasSubstr("could not be listed"));
-            EXPECT_EQ(csFiles(), csBefore) << pszName;
+            EXPECT_EQ(csAll(), csBefore) << pszName;
         }
     }
-    m_pclTool->Write("broken", "nothing");
+    m_clTool.Write("broken", "nothing");
     EXPECT_THAT(csRegister(1, "a", "/tmp/N/srv", 5000), HasSubstr("already registered"));
     EXPECT_EQ(csRegister(1, "n", "/tmp/N/srv", 5000), "");
 }
@@ -190,7 +157,7 @@ TEST_F(Registration, TheOldFormIsUnderstoodButOnlyTheNewOneIsToldTheOutcome)
     };
     for (const auto& [nForm, nPort, pszUnits] : tCases) {
         EXPECT_EQ(csRegister(nForm, "ansi", csProgram, nPort), "UNKNOWN");
-        EXPECT_EQ(csUnits(), pszUnits);
+        EXPECT_EQ(stRun(s_szListUnits).csOutput, pszUnits);
         stRun("rm -f /lib/systemd/system/DXCS-ansi.service");
     }
 }

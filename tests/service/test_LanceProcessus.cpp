@@ -7,6 +7,8 @@
 #include "support/SignalMask.h"
 #include "support/Stopping.h"
 #include "tools/Command.h"
+#include "tools/SoftLimit.h"
+#include "tools/Stopwatch.h"
 #include "tools/TempDir.h"
 #include "tools/Wait.h"
 
@@ -40,6 +42,9 @@ protected:
     {
         EXPECT_TRUE(bWaitUntil([] { return CProcessManager::m_gpclManager->nCountRecords() == 0; }, 5000));
         CLanceProcessus::sTerm();
+        errno = 0;
+        EXPECT_FALSE(CLanceProcessus().bLanceProcessus(L"/bin/true", L"", nullptr)) << "without the manager";
+        EXPECT_EQ(errno, ESHUTDOWN);
         EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "a child is left over";
     }
 
@@ -54,13 +59,8 @@ protected:
         }
         return nCode;
     }
-    static long nMsOf(const std::function<void()>& fnAction)
-    {
-        const auto clStart = std::chrono::steady_clock::now();
-        fnAction();
-        return (std::chrono::steady_clock::now() - clStart) / std::chrono::milliseconds(1);
-    }
 };
+
 /// What fnBody returns in a process of its own, which may give up what the tests still need. The clone flags
 /// make it the first process of a namespace.
 int nInProcess(int nCloneFlags, const std::function<int()>& fnBody)
@@ -72,6 +72,9 @@ int nInProcess(int nCloneFlags, const std::function<int()>& fnBody)
     int nStatus = 0;
     return nPid > 0 && ::waitpid(nPid, &nStatus, 0) == nPid && WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -1;
 }
+
+/// What "ls" sees of its own: 3 is the folder that it reads.
+constexpr char s_szStandardFds[] = "0\n1\n2\n3\n";
 
 /// From now on this process's kernel has no close_range, and a close from this number on is the end.
 bool bForgetCloseRange(unsigned int nFirstFatal)
@@ -102,7 +105,7 @@ TEST_F(LanceProcessus, ChildGetsOnlyTheThreeStandardDescriptorsAndNoBlockedOrIgn
     EXPECT_EQ(nRun(L"/bin/ls", L"-1 /proc/self/fd", &csFds), 0u);
     EXPECT_EQ(nRun(L"/bin/grep", L"-E Sig(Blk|Ign) /proc/self/status", &csStatus), 0u);
     ::signal(SIGHUP, SIG_DFL);
-    EXPECT_EQ(csFds, "0\n1\n2\n3\n"); // 3 is the folder that ls reads
+    EXPECT_EQ(csFds, s_szStandardFds);
     EXPECT_EQ(csStatus, "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n");
 }
 
@@ -112,114 +115,87 @@ TEST_F(LanceProcessus, WithoutCloseRangeAChildClosesWhatIsOpenAndNotEveryNumber)
         for (int n = 0; n < 300; ++n) { // more than one block of the kernel's listing
             (void)::open("/dev/null", O_RDONLY);
         }
-        rlimit stLimit{};
-        ::getrlimit(RLIMIT_NOFILE, &stLimit);
-        if (!bForgetCloseRange(static_cast<unsigned int>(stLimit.rlim_cur) - 1)) {
+        const CSoftLimit clLimit(RLIMIT_NOFILE, 1000);
+        if (!bForgetCloseRange(999)) {
             return 1;
         }
+
         std::string csFds;
         const unsigned int nCode = nRun(L"/bin/ls", L"-1 /proc/self/fd", &csFds);
-        stLimit.rlim_cur = 100; // below what is open, with room for the two pipes only
-        ::setrlimit(RLIMIT_NOFILE, &stLimit);
+        clLimit.Set(100); // below what is open, with room for the two pipes only
         for (int n = 50; n < 54; ++n) {
             ::close(n);
         }
         std::string csFdsAboveLimit;
         (void)nRun(L"/bin/ls", L"-1 /proc/self/fd", &csFdsAboveLimit);
-        const std::string csWanted = "0\n1\n2\n3\n";
-        return nCode != 0 ? 2 : csFds != csWanted || csFdsAboveLimit != csWanted ? 3 : 0;
+        return nCode != 0 ? 2 : csFds != s_szStandardFds || csFdsAboveLimit != s_szStandardFds ? 3 : 0;
     });
     EXPECT_EQ(nResult, 0) << "1: no filter, 2: numbers were tried, 3: descriptors are left open";
 }
 
-TEST_F(LanceProcessus, ExitCodesAndMergedOutputArriveWhenTheChildEnds)
+TEST_F(LanceProcessus, ExitCodesAndMergedOutputArriveWhenTheChildEndsWhoeverKeepsThePipe)
 {
     const CTempDir clDir;
     const struct
     {
         const char* pszName;
         const char* pszText;
-        const char* pszArguments;
         unsigned int nCode;
-        const char* pszOutput;
+        const char* pszOutput = "";
+        const char* pszArguments = "";
+        int nMaxMs = 1000; ///< the end cuts a pause short
+        bool bRead = true;
     } tCases[] = {
-        {"plain", "#!/bin/sh\necho out; echo err >&2; exit 7", "", 7, "out\nerr\n"},
-        {"words", "#!/bin/sh\nprintf '%s|' \"$@\"", "  a \"b  c\" ;d $e \"\" f\"g h\"i \"open end", 0,
-         "a|b  c|;d|$e||f\"g|h\"i|open end|"},
-        {"killed", "#!/bin/sh\nkill -9 $$", "", 9, ""},
-        {"no-interpreter", "#!/does/not/exist\n", "", 127, ""},
-        {"no-magic", "echo shell", "", 0, "shell\n"},
-        {"reads-input", "#!/bin/sh\ncat; echo end", "", 0, "end\n"},
-        {"closes-output", "#!/bin/sh\nexec 1>&- 2>&-; sleep 0.2; exit 3", "", 3, ""},
-        {"is-silent", "#!/bin/sh\nexec sleep 0.2", "", 0, ""},
+        {"plain", "#!/bin/sh\necho out; echo err >&2; exit 7", 7, "out\nerr\n"},
+        {"words", "#!/bin/sh\nprintf '%s|' \"$@\"", 0, "a|b  c|;d|$e||f\"g|h\"i|open end|",
+         "  a \"b  c\" ;d $e \"\" f\"g h\"i \"open end"},
+        {"killed", "#!/bin/sh\nkill -9 $$", 9},
+        {"no-interpreter", "#!/does/not/exist\n", 127},
+        {"no-magic", "echo shell", 0, "shell\n"},
+        {"reads-input", "#!/bin/sh\ncat; echo end", 0, "end\n"},
+        {"closes-output", "#!/bin/sh\nexec 1>&- 2>&-; sleep 0.2; exit 3", 3},
+        {"is-silent", "#!/bin/sh\nexec sleep 0.2", 0},
+        {"grandchild", "#!/bin/sh\nsleep 9 &\nexit 4", 4, "", "", 5000},
+        {"grandchild-unread", "#!/bin/sh\nsleep 2 &\nexit 5", 5, "", "", 1500, false},
+        {"megabyte-unread", "#!/bin/sh\nexec head -c 1048576 /dev/zero", 0, "", "", 800, false},
     };
     for (const auto& st : tCases) {
         SCOPED_TRACE(st.pszName);
-        std::string csOutput;
         const std::wstring csPath = csFromUTF8(clDir.csWrite(st.pszName, st.pszText, 0755));
-        EXPECT_LT(nMsOf([&] { EXPECT_EQ(nRun(csPath, csFromUTF8(st.pszArguments), &csOutput), st.nCode); }),
-                  1000)
-            << "the end cuts a pause short";
+        CLanceProcessus cl;
+        unsigned int nCode = 999;
+        std::string csOutput;
+        const CStopwatch clTook;
+        ASSERT_TRUE(cl.bLanceProcessus(csPath.c_str(), csFromUTF8(st.pszArguments).c_str(), nullptr));
+        EXPECT_TRUE(st.bRead ? cl.bLitSortieEtAttendFinExecution(&csOutput, &nCode)
+                             : cl.bAttendFinExecution(&nCode));
+        EXPECT_LT(clTook.nMs(), st.nMaxMs);
+        EXPECT_EQ(nCode, st.nCode);
         EXPECT_EQ(csOutput, st.pszOutput);
     }
+
+    std::string csOutput;
+    EXPECT_EQ(nRun(L"/does/not/exist", L"", &csOutput), 999u);
     std::wstring csWords;
     for (int n = 0; n < 60; ++n) {
         csWords += L"w" + std::to_wstring(n) + L" ";
     }
-    std::string csOutput;
-    EXPECT_EQ(nRun(L"/does/not/exist", L"", &csOutput), 999u);
     EXPECT_EQ(nRun(L"/bin/echo", csWords, &csOutput), 0u);
     EXPECT_TRUE(csOutput.ends_with(" w48\n")) << csOutput << "fifty with the program, the rest is ignored";
 }
 
-TEST_F(LanceProcessus, NeitherAFullPipeNorAGrandchildThatKeepsItOpenProlongsTheWait)
-{
-    const CTempDir clDir;
-    const struct
-    {
-        const char* pszName;
-        const char* pszText;
-        bool bRead;
-        unsigned int nCode;
-        long nMs;
-    } tCases[] = {{"grandchild", "#!/bin/sh\nsleep 30 &\necho $!\nexit 4", true, 4, 5000},
-                  {"grandchild-unread", "#!/bin/sh\nsleep 2 &\nexit 5", false, 5, 1500},
-                  {"megabyte-unread", "#!/bin/sh\nexec head -c 1048576 /dev/zero", false, 0, 800}};
-    for (const auto& st : tCases) {
-        SCOPED_TRACE(st.pszName);
-        CLanceProcessus cl;
-        unsigned int nCode = 999;
-        std::string csOutput;
-        const std::wstring csPath = csFromUTF8(clDir.csWrite(st.pszName, st.pszText, 0755));
-        EXPECT_LT(nMsOf([&] {
-                      ASSERT_TRUE(cl.bLanceProcessus(csPath.c_str(), L"", nullptr));
-                      EXPECT_TRUE(st.bRead ? cl.bLitSortieEtAttendFinExecution(&csOutput, &nCode)
-                                           : cl.bAttendFinExecution(&nCode));
-                  }),
-                  st.nMs);
-        EXPECT_EQ(nCode, st.nCode);
-        if (st.bRead) {
-            ::kill(std::stoi(csOutput), SIGKILL);
-        }
-    }
-}
-
 TEST_F(LanceProcessus, AChildThatPrintsMoreThanItsLimitIsKilledAndHasFailed)
 {
-    const CTempDir clDir;
     constexpr std::size_t nLimit = 3'000'000;
-    for (const auto& [pszText, bFits] : {std::pair{"exec head -c 3000000 /dev/zero", true},
-                                         {"exec head -c 3000001 /dev/zero", false},
-                                         {"exec yes", false}}) {
-        SCOPED_TRACE(pszText);
+    for (const auto& [pszArguments, bFits] : {std::pair{L"-c \"head -c 3000000 /dev/zero\"", true},
+                                              {L"-c \"head -c 3000001 /dev/zero; sleep 5\"", false}}) {
+        SCOPED_TRACE(pszArguments);
         for (const bool bRead : {true, false}) {
             CLanceProcessus cl;
             cl.LimitOutput(nLimit);
             unsigned int nCode = 999;
             std::string csOutput;
-            const std::wstring csPath =
-                csFromUTF8(clDir.csWrite("tool", std::string("#!/bin/sh\n") + pszText + "\n", 0755));
-            ASSERT_TRUE(cl.bLanceProcessus(csPath.c_str(), L"", nullptr));
+            ASSERT_TRUE(cl.bLanceProcessus(L"/bin/sh", pszArguments, nullptr));
             errno = 0;
             EXPECT_EQ(cl.bLitSortieEtAttendFinExecution(bRead ? &csOutput : nullptr, &nCode), bFits);
             EXPECT_TRUE(cl.bProcessusTermine());
@@ -233,35 +209,17 @@ TEST_F(LanceProcessus, AChildThatPrintsMoreThanItsLimitIsKilledAndHasFailed)
 TEST_F(LanceProcessus, ChildrenThatAreLetGoRunOnAndAreReapedEvenWhenTwoEndBehindOneSignal)
 {
     const CTempDir clDir;
-    const std::string csLate =
-        clDir.csWrite("late", "#!/bin/sh\nsleep 0.2\necho late >>" + clDir.csPath("mark") + "\n", 0755);
+    const std::wstring csLate = csFromUTF8(
+        clDir.csWrite("late", "#!/bin/sh\nsleep 0.2\necho late >>" + clDir.csPath("mark") + "\n", 0755));
     CLanceProcessus cl;
     const CSignalsHeld clHeld{SIGCHLD};
-    for (int n = 0; n < 2; ++n) {
-        ASSERT_TRUE(cl.bLanceProcessus(csFromUTF8(csLate).c_str(), L"", nullptr));
-        cl.bLibere();
-    }
+    ASSERT_TRUE(cl.bLanceProcessus(csLate.c_str(), L"", nullptr));
+    ASSERT_TRUE(cl.bLanceProcessus(csLate.c_str(), L"", nullptr)) << "which lets go of the first";
+    cl.bLibere();
     EXPECT_EQ(CProcessManager::m_gpclManager->nCountRecords(), 2);
     const std::string csCountEnded = "pgrep -c -r Z -P " + std::to_string(::getpid());
     EXPECT_TRUE(bWaitUntil([&] { return stRun(csCountEnded).csOutput == "2\n"; }, 5000));
     EXPECT_EQ(clDir.csRead("mark"), "late\nlate\n");
-}
-
-TEST_F(LanceProcessus, ASecondLaunchLetsGoOfTheFirstChildAndOneWithoutManagerSaysWhy)
-{
-    CLanceProcessus cl;
-    unsigned int nCode = 0;
-    EXPECT_TRUE(cl.bLanceProcessus(L"/bin/sh", L"-c \"exit 3\"", nullptr));
-    EXPECT_TRUE(cl.bLanceProcessus(L"/bin/sh", L"-c \"exit 4\"", nullptr));
-    EXPECT_TRUE(cl.bAttendFinExecution(&nCode));
-    EXPECT_EQ(nCode, 4u);
-    cl.bLibere();
-    EXPECT_TRUE(bWaitUntil([] { return CProcessManager::m_gpclManager->nCountRecords() == 0; }, 5000));
-    CLanceProcessus::sTerm();
-    errno = 0;
-    EXPECT_FALSE(cl.bLanceProcessus(L"/bin/true", L"", nullptr));
-    EXPECT_EQ(errno, ESHUTDOWN);
-    CLanceProcessus::sInit();
 }
 
 TEST_F(LanceProcessus, AnEndedChildIsNotMistakenForOneThatGotItsNumber)
@@ -269,20 +227,17 @@ TEST_F(LanceProcessus, AnEndedChildIsNotMistakenForOneThatGotItsNumber)
     const int nResult = nInProcess(CLONE_NEWPID, [] {
         CLanceProcessus clEnded;
         CLanceProcessus clNext;
-        unsigned int nCode = 0;
+        unsigned int nEnded = 0;
+        unsigned int nNext = 0;
         // The first child of this namespace is process 2; so is the next one, once it may be.
-        if (!clEnded.bLanceProcessus(L"/bin/sh", L"-c \"exit 3\"", nullptr) ||
-            !clEnded.bAttendFinExecution(&nCode)) {
-            return 1;
-        }
+        const bool bFirst = clEnded.bLanceProcessus(L"/bin/sh", L"-c \"exit 3\"", nullptr) &&
+                            clEnded.bAttendFinExecution(nullptr);
         if (!std::ofstream("/proc/sys/kernel/ns_last_pid").put('1').flush()) {
             return 77;
         }
-        if (!clNext.bLanceProcessus(L"/bin/sh", L"-c \"sleep 0.2; exit $$\"", nullptr) ||
-            !clNext.bAttendFinExecution(&nCode) || nCode != 2) {
-            return 2;
-        }
-        return clEnded.bAttendFinExecution(&nCode) && nCode == 3 ? 0 : 3;
+        const bool bSecond = clNext.bLanceProcessus(L"/bin/sh", L"-c \"sleep 0.2; exit $$\"", nullptr) &&
+                             clNext.bAttendFinExecution(&nNext);
+        return bFirst && bSecond && clEnded.bAttendFinExecution(&nEnded) && nEnded == 3 && nNext == 2 ? 0 : 1;
     });
     if (nResult < 0 || nResult == 77) {
         GTEST_SKIP() << "SKIPPED: process numbers can be chosen by root only";
@@ -292,19 +247,17 @@ TEST_F(LanceProcessus, AnEndedChildIsNotMistakenForOneThatGotItsNumber)
 
 TEST_F(LanceProcessus, ARaisedDescriptorLimitIsUsedBeyondTheSelectSetAndNotInherited)
 {
-    rlimit stBefore{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &stBefore), 0);
-    if (stBefore.rlim_max < 2000) {
+    const CSoftLimit clStartedWith(RLIMIT_NOFILE, 200);
+    if (clStartedWith.nHard() < 2000) {
         GTEST_SKIP() << "SKIPPED: hard descriptor limit below 2000";
     }
-    const rlimit stStartedWith{200, stBefore.rlim_max};
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &stStartedWith), 0);
     RaiseDescriptorLimit();
     RaiseDescriptorLimit(); // a second time it must not take the raised limit for the first one
     rlimit stRaised{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &stRaised), 0);
-    EXPECT_EQ(stRaised.rlim_cur, stBefore.rlim_max);
+    ASSERT_EQ(stRaised.rlim_cur, clStartedWith.nHard());
     EXPECT_EQ(nShell("test \"$(ulimit -Sn)\" = 200"), 0);
+
     std::vector<CDescripteur> tFill;
     while (tFill.empty() || tFill.back().nFd() < 1100) { // select() takes 1024
         tFill.emplace_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
@@ -312,8 +265,6 @@ TEST_F(LanceProcessus, ARaisedDescriptorLimitIsUsedBeyondTheSelectSetAndNotInher
     std::string csOutput;
     EXPECT_EQ(nRun(L"/bin/sh", L"-c \"ulimit -Sn\"", &csOutput), 0u);
     EXPECT_EQ(csOutput, "200\n");
-    tFill.clear();
-    ::setrlimit(RLIMIT_NOFILE, &stBefore);
 }
 
 TEST_F(LanceProcessus, ManyThreadsLaunchingAtOnceLoseNoChildNoCodeAndNoOutput)
@@ -327,8 +278,8 @@ TEST_F(LanceProcessus, ManyThreadsLaunchingAtOnceLoseNoChildNoCodeAndNoOutput)
     const CTempDir clDir;
     const std::wstring csBroken = csFromUTF8(clDir.csWrite("broken", "#!/does/not/exist\n", 0755));
     std::atomic<int> nWrong{0};
-    std::vector<std::thread> tThreads;
-    const auto clStart = std::chrono::steady_clock::now();
+    const CStopwatch clTook;
+    std::vector<std::jthread> tThreads;
     for (int n = 0; n < 16; ++n) {
         tThreads.emplace_back([&] {
             for (int nRound = 0; nRound < nRounds; ++nRound) {
@@ -340,27 +291,23 @@ TEST_F(LanceProcessus, ManyThreadsLaunchingAtOnceLoseNoChildNoCodeAndNoOutput)
             }
         });
     }
-    for (std::thread& clThread : tThreads) {
-        clThread.join();
-    }
+    tThreads.clear(); // once they have ended
     EXPECT_EQ(nWrong, 0);
-    const std::chrono::duration<double> clTook = std::chrono::steady_clock::now() - clStart;
-    std::cout << "FIGURE " << 48 * nRounds << " launches by 16 threads in " << clTook.count() << " s\n";
+    std::cout << "FIGURE " << 48 * nRounds << " launches by 16 threads in " << clTook.nMs() << " ms\n";
 }
 
 TEST_F(LanceProcessus, AStopEndsEachWaitWhenItsThreadHasNoRightToGoOn)
 {
+    const auto bRuns = [](bool bRead) {
+        CLanceProcessus cl;
+        return cl.bLanceProcessus(L"/bin/sleep", L"1.5", nullptr) &&
+               (bRead ? cl.bLitSortieEtAttendFinExecution(nullptr, nullptr)
+                      : cl.bAttendFinExecution(nullptr));
+    };
     const std::function<bool()> tWaits[] = {
         [] { return nShell("sleep 1.5") != -1; },
-        [] {
-            CLanceProcessus cl;
-            return cl.bLanceProcessus(L"/bin/sleep", L"1.5", nullptr) &&
-                   cl.bLitSortieEtAttendFinExecution(nullptr, nullptr);
-        },
-        [] {
-            CLanceProcessus cl;
-            return cl.bLanceProcessus(L"/bin/sleep", L"1.5", nullptr) && cl.bAttendFinExecution(nullptr);
-        },
+        [&] { return bRuns(true); },
+        [&] { return bRuns(false); },
     };
     const std::tuple<CStopRight::ERight, bool, long> tRights[] = {
         // right, cancelled, milliseconds after the stop
@@ -369,24 +316,26 @@ TEST_F(LanceProcessus, AStopEndsEachWaitWhenItsThreadHasNoRightToGoOn)
         {CStopRight::ANSWER, true, 0},
         {CStopRight::WRITES, false, 1000},
     };
-    for (const auto& fnWait : tWaits) {
+    for (const auto& bWait : tWaits) {
         for (const auto& [eRight, bCancelled, nMs] : tRights) {
             SCOPED_TRACE(eRight);
             CStopping::Reset();
             CStopping::Prepare();
             const std::atomic<bool> bCancel{bCancelled};
-            std::thread clStop([] {
+            const std::jthread clStop([] {
                 std::this_thread::sleep_for(std::chrono::milliseconds(100));
                 CStopping::Ask();
             });
             const CStopRight clRight(eRight);
             const CStopRight clUntilCancelled(&bCancel);
-            const long nTook = nMsOf([&] { EXPECT_FALSE(fnWait()); });
+            const CStopwatch clTook;
+            EXPECT_FALSE(bWait());
             EXPECT_EQ(errno, ECANCELED);
-            EXPECT_GE(nTook, bCancelled ? 0 : 100 + nMs - 1);
-            EXPECT_LE(nTook, 100 + nMs + 300);
-            EXPECT_LT(nMsOf([&] { EXPECT_FALSE(fnWait()); }), 100) << "nothing is launched any more";
-            clStop.join();
+            EXPECT_GE(clTook.nMs(), bCancelled ? 0 : 100 + nMs - 1);
+            EXPECT_LE(clTook.nMs(), 100 + nMs + 300);
+            const CStopwatch clAgain;
+            EXPECT_FALSE(bWait());
+            EXPECT_LT(clAgain.nMs(), 100) << "nothing is launched any more";
         }
     }
     CStopping::Reset();

@@ -83,49 +83,32 @@ TEST_F(ServiceName, ALookupTakesTwoCharactersForSpacesAndFindsNothingByMoreThanO
     for (const wchar_t* psz : {L"DXCS-Plain;x", L"DXCS-a|b", L"DXCS-x;-Hhost", L";", L"a;;b"}) {
         EXPECT_EQ(clSaid(psz).clLookedUp().csAsked(), L"") << ::testing::PrintToString(std::wstring(psz));
     }
-    EXPECT_EQ(CServiceName::s_clListed("DXCS-a\\x3bb").csAsked(), L"DXCS-a\\x3bb")
-        << "which is asked as it is";
+    EXPECT_EQ(CServiceName::s_clListed("DXCS-a\\x3bb").csAsked(), L"DXCS-a\\x3bb");
 }
 
 TEST_F(ServiceName, OnlyWhatIsFoundAgainIsInstallable)
 {
     const struct
     {
-        std::wstring csName;
         bool bSystemd;
         bool bSysV;
+        std::vector<std::wstring> tNames;
     } tCases[] = {
-        {L"DXCS-a b", true, true},
-        {L"DXCS-R&D", true, false},
-        {L"DXCS-é𝄞", true, true},
-        {L"DXCS--a-", true, true},
-        {L"DXCS-a@", true, true},
-        {L"DXCS-5%q", false, true},
-        {L"DXCS-a\\", false, false},
-        {L"DXCS-$HOME", false, false},
-        {L"DXCS-d'or", false, false},
-        {L"DXCS-a;b", false, false},
-        {L"DXCS-a|b", false, false},
-        {L"DXCS-a ", false, false},
-        {L" DXCS-a", false, false},
-        {L"DXCS-a\tb", false, false},
-        {L"DXCS-a -b", false, false},
-        {L"-a", false, false},
-        {L"DXCS-a.timer", false, false},
-        {L"DXCS-a\x01", false, false},
-        {L"DXCS-a\xFFFF", false, false},
-        {L"DXCS-a\xD800", false, false},
-        {L"", false, false},
-        {std::wstring(247, L'x'), true, true},
-        {std::wstring(251, L'x'), false, true},
-        {std::wstring(252, L'x'), false, false},
+        {true, true, {L"DXCS-a b", L"DXCS-é𝄞", L"DXCS--a-", L"DXCS-a@", std::wstring(247, L'x')}},
+        {true, false, {L"DXCS-R&D"}},
+        {false, true, {L"DXCS-5%q", std::wstring(251, L'x')}},
+        {false, false, {L"DXCS-a\\", L"DXCS-$HOME", L"DXCS-d'or", L"DXCS-a;b", L"DXCS-a|b", L"DXCS-a "}},
+        {false, false, {L" DXCS-a", L"DXCS-a\tb", L"DXCS-a -b", L"-a", L"DXCS-a.timer", L""}},
+        {false, false, {L"DXCS-a\x01", L"DXCS-a\xFFFF", L"DXCS-a\xD800", std::wstring(252, L'x')}},
     };
     for (const auto& st : tCases) {
-        SCOPED_TRACE(::testing::PrintToString(st.csName));
-        CServiceManager::ms_eDistri = DISTRI_SYSTEMD;
-        EXPECT_EQ(clSaid(st.csName).bInstallable(), st.bSystemd);
-        CServiceManager::ms_eDistri = DISTRI_DEBIAN;
-        EXPECT_EQ(clSaid(st.csName).bInstallable(), st.bSysV);
+        for (const std::wstring& csName : st.tNames) {
+            SCOPED_TRACE(::testing::PrintToString(csName));
+            CServiceManager::ms_eDistri = DISTRI_SYSTEMD;
+            EXPECT_EQ(clSaid(csName).bInstallable(), st.bSystemd);
+            CServiceManager::ms_eDistri = DISTRI_DEBIAN;
+            EXPECT_EQ(clSaid(csName).bInstallable(), st.bSysV);
+        }
     }
 }
 
@@ -135,31 +118,19 @@ TEST_F(ServiceName, AProgramIsQuotedOnlyForItsSpacesAndIsTheSameAgain)
     for (const wchar_t* psz : {L"/opt/my db/srv", L"\"/opt/my db/srv\""}) {
         EXPECT_EQ(CProgram::s_clAt(psz).csCommandLine(L"--SERVICE"), L"\"/opt/my db/srv\" --SERVICE");
     }
-    const std::pair<const wchar_t*, bool> tLines[] = {
-        {L"/opt/a/dx --SERVICE", true},
-        {L"\"/opt/my db/srv\" --SERVICE", true},
-        {L"\"/opt/ two  ; x/srv\" --SERVICE", true},
-        {L"/opt//a/./dx --SERVICE", true},
-        {L"\"/opt//a ; x/dx\" --SERVICE", false}, // shown simplified, then cut at the ";"
-        {L"/opt/my db/srv --SERVICE", false},
-        {L"\"/opt/a --b/srv\" --SERVICE", true},
-        {L"\"/opt/a\"b --SERVICE", false},
-        {L"\"/opt/x ; argv[]=/opt/x /dx\" --SERVICE", false},
-        {L"/opt/a/ --SERVICE", false},
-        {L"/opt/a/. --SERVICE", false},
-        {L"dx --SERVICE", false},
-        {L"/opt/a%b/dx", false},
-        {L"/opt/a$b/dx", false},
-        {L"/opt/a'b/dx", false},
-        {L"/opt/a\\b/dx", false},
-        {L"/opt/a\"b/dx", false},
-        {L"/opt/a\tb/dx", false},
-        {L"/opt/a\nb/dx", false},
-        {L"", false},
+    const std::pair<bool, std::vector<std::wstring>> tCases[] = {
+        {true, {L"/opt/a/dx --SERVICE", L"\"/opt/my db/srv\" --SERVICE", L"/opt//a/./dx --SERVICE"}},
+        {true, {L"\"/opt/ two  ; x/srv\" --SERVICE", L"\"/opt/a --b/srv\" --SERVICE"}},
+        {false, {L"\"/opt//a ; x/dx\" --SERVICE"}}, // shown simplified, then cut at the ";"
+        {false, {L"\"/opt/x ; argv[]=/opt/x /dx\" --SERVICE", L"\"/opt/a\"b --SERVICE"}},
+        {false, {L"/opt/my db/srv --SERVICE", L"/opt/a/ --SERVICE", L"/opt/a/. --SERVICE", L"dx --SERVICE"}},
+        {false, {L"/opt/a%b/dx", L"/opt/a$b/dx", L"/opt/a'b/dx", L"/opt/a\\b/dx", L"/opt/a\"b/dx"}},
+        {false, {L"/opt/a\tb/dx", L"/opt/a\nb/dx", L""}},
     };
-    for (const auto& [pszLine, bGood] : tLines) {
-        EXPECT_EQ(bUnitReadsBack(pszLine, clSaid(L"DXCS-a")), bGood)
-            << ::testing::PrintToString(std::wstring(pszLine));
+    for (const auto& [bGood, tLines] : tCases) {
+        for (const std::wstring& csLine : tLines) {
+            EXPECT_EQ(bUnitReadsBack(csLine, clSaid(L"DXCS-a")), bGood) << ::testing::PrintToString(csLine);
+        }
     }
 }
 

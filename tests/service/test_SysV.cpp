@@ -1,20 +1,17 @@
 // The SysV half of the service layer in a made /etc: release files, and scripts that note how they are
 // called. Real scripts and tools are at work in the machine.
 
-#include "service/AServiceUnix.h"
 #include "service/Distribution.h"
-#include "service/LanceProcessus.h"
-#include "service/ServiceManagerUnix.h"
 #include "tools/Command.h"
-#include "tools/PrivateWorld.h"
+#include "tools/SoftLimit.h"
+#include "tools/SystemdTest.h"
 
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <memory>
-#include <set>
+#include <optional>
 #include <sys/mount.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -28,13 +25,16 @@ void Write(const std::string& csPath, const std::string& csText, mode_t nMode = 
 }
 
 /// Every test has an empty /etc of its own.
-class SysV : public ::testing::Test
+class SysV : public CSystemdTest
 {
 protected:
     void SetUp() override
     {
-        REQUIRE_PRIVATE_WORLD();
-        CLanceProcessus::sInit();
+        CSystemdTest::SetUp();
+        if (IsSkipped()) {
+            return;
+        }
+
         m_bOwnEtc = bEmptyEtc();
         ASSERT_TRUE(m_bOwnEtc);
         std::filesystem::create_directories("/etc/init.d");
@@ -42,11 +42,10 @@ protected:
     }
     void TearDown() override
     {
-        CServiceManager::ms_eDistri = DISTRI_UNKNOWN;
         if (m_bOwnEtc) {
             ::umount2("/etc", MNT_DETACH);
         }
-        CLanceProcessus::sTerm();
+        CSystemdTest::TearDown();
     }
     static bool bEmptyEtc() { return ::mount("tmpfs", "/etc", "tmpfs", 0, "mode=0755") == 0; }
     /// The calls so far; forgets them.
@@ -62,16 +61,6 @@ protected:
     {
         return std::unique_ptr<CService>(m_clManager.pclInstall(pszName, L"My base", pszBinaryPath, 1, 0));
     }
-    std::multiset<std::wstring> tList(const wchar_t* pszPrefix)
-    {
-        std::multiset<std::wstring> tNames;
-        unsigned long nCursor = 0;
-        while (const auto pcl = std::unique_ptr<CService>(m_clManager.pclEnumService(&nCursor, pszPrefix))) {
-            tNames.insert(pcl->pszGetName());
-        }
-        return tNames;
-    }
-    CServiceManager m_clManager;
     bool m_bOwnEtc = false;
 };
 
@@ -130,59 +119,39 @@ TEST_F(SysV, LookupTakesTheScriptNameFirstAndTheUnchangedNameNext)
     }
 }
 
-TEST_F(SysV, EnumerationListsThePrefixedScriptsAndLeavesNoDirectoryOpen)
+TEST_F(SysV, EnumerationListsThePrefixedScriptsAndFailsWhereOneCannotBeRead)
 {
     for (const char* psz :
-         {"DXCS-a", "DXCS-b", "dxcs-c", "ssh", "DXCS-x;reboot", "DXCS-my base", ".hidden"}) {
+         {"DXCS-a", "dxcs-c", "ssh", "DXCS-x;reboot", "DXCS-my base", ".hidden", "DXCS-folder/x"}) {
         Write(std::string("/etc/init.d/") + psz, "");
     }
+    std::filesystem::create_symlink("nowhere", "/etc/init.d/DXCS-gone");
+    EXPECT_EQ(pclGet(L"DXCS-gone"), nullptr);
+    EXPECT_EQ(errno, ENOENT);
     const auto nHandles = [] {
         return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
     };
     const auto nBefore = nHandles();
-    EXPECT_EQ(tList(L"DXCS-"), (std::multiset<std::wstring>{L"DXCS-a", L"DXCS-b"}));
+    EXPECT_EQ(csListed(&m_clManager), L"DXCS-a DXCS-folder ");
     unsigned long nAborted = 0;
     const std::unique_ptr<CService> pclOne(m_clManager.pclEnumService(&nAborted, L"ssh"));
     m_clManager.AbortEnumService(&nAborted);
     EXPECT_EQ(nHandles(), nBefore);
     EXPECT_EQ(nAborted, 0u) << "ready for another listing, unlike under systemd";
-    std::filesystem::remove_all("/etc/init.d");
-    EXPECT_TRUE(tList(L"").empty());
-}
-
-TEST_F(SysV, ScriptsThatCannotBeReadAreNotAbsent)
-{
-    const auto csList = [this] {
-        CServiceListing clListing(&m_clManager, L"DXCS-");
-        std::wstring csNames;
-        while (const auto pcl = clListing.pclNext()) {
-            csNames += pcl->pszGetName() + std::wstring(L" ");
-        }
-        return csNames + (clListing.bFailed() ? L"failed" : L"");
-    };
-    Write("/etc/init.d/DXCS-a", "# Program=\"/opt/a/dx\" Name=\"A\" \n");
-    std::filesystem::create_directories("/etc/init.d/DXCS-folder");
-    std::filesystem::create_symlink("nowhere", "/etc/init.d/DXCS-gone");
-    EXPECT_EQ(csList().size(), std::wstring(L"DXCS-a DXCS-folder ").size());
-    EXPECT_EQ(pclGet(L"DXCS-gone"), nullptr);
-    EXPECT_EQ(errno, ENOENT);
 
     // This process's own memory: a file that opens and whose first page cannot be read.
     std::filesystem::create_symlink("/proc/self/mem", "/etc/init.d/DXCS-b");
-    EXPECT_EQ(csList(), L"failed");
+    EXPECT_EQ(csListed(&m_clManager), L"failed");
     EXPECT_EQ(pclGet(L"DXCS-b"), nullptr);
     EXPECT_EQ(errno, EIO);
     std::filesystem::remove("/etc/init.d/DXCS-b");
 
-    rlimit stBefore{};
-    ::getrlimit(RLIMIT_NOFILE, &stBefore);
-    const rlimit stNone{3, stBefore.rlim_max};
-    ::setrlimit(RLIMIT_NOFILE, &stNone);
-    const std::wstring csOutOfDescriptors = csList();
-    ::setrlimit(RLIMIT_NOFILE, &stBefore);
+    std::optional<CSoftLimit> clNone(std::in_place, RLIMIT_NOFILE, 3);
+    const std::wstring csOutOfDescriptors = csListed(&m_clManager);
+    clNone.reset();
     EXPECT_EQ(csOutOfDescriptors, L"failed");
     std::filesystem::remove_all("/etc/init.d");
-    EXPECT_EQ(csList(), L"") << "no folder, no scripts";
+    EXPECT_EQ(csListed(&m_clManager), L"") << "no folder, no scripts";
 }
 
 TEST_F(SysV, WhatCannotBeDoneIsAFailureWithItsCauseAndNothingElseIsRun)
@@ -191,12 +160,8 @@ TEST_F(SysV, WhatCannotBeDoneIsAFailureWithItsCauseAndNothingElseIsRun)
     Write("/etc/init.d/plain", "#!/bin/sh\n", 0644);
     Write("/etc/init.d/killed", "#!/bin/sh\nkill -KILL $PPID\n");
     Write("/etc/init.d/x;touch", s_szRecorder);
-    const struct
-    {
-        const wchar_t* pszName;
-        const wchar_t* pszArguments;
-        int nErrno;
-    } tCases[] = {
+    const std::tuple<const wchar_t*, const wchar_t*, int> tCases[] = {
+        // script, arguments, cause
         {L"refuses", L"", ECANCELED},
         {L"plain", L"", EACCES},
         {L"missing", L"", ENOENT},
@@ -207,13 +172,12 @@ TEST_F(SysV, WhatCannotBeDoneIsAFailureWithItsCauseAndNothingElseIsRun)
         {L"killed", L"$(touch /tmp/ran)", EINVAL},
         {L"killed", L"a\ntouch /tmp/ran", EINVAL},
     };
-    for (const auto& st : tCases) {
+    for (const auto& [pszName, pszArguments, nErrno] : tCases) {
         errno = 0;
-        EXPECT_FALSE(CService(&m_clManager, st.pszName).bStart(st.pszArguments)) << st.pszName;
-        EXPECT_EQ(errno, st.nErrno) << st.pszName;
+        EXPECT_FALSE(CService(&m_clManager, pszName).bStart(pszArguments)) << pszName;
+        EXPECT_EQ(errno, nErrno) << pszName;
     }
-    EXPECT_TRUE(CService(&m_clManager, L"killed").bStop())
-        << "a shell that a signal ended has no exit status: success, as intended";
+    EXPECT_TRUE(CService(&m_clManager, L"killed").bStop()); // no exit status: clients rely on a success
     EXPECT_FALSE(CService(&m_clManager, L"x;touch").bRemove());
     for (const wchar_t* psz : {L"plain", L"missing", L"x;touch"}) {
         EXPECT_EQ(CService(&m_clManager, psz).eGetStatus(), STATUS_UNKNOWN) << psz;
@@ -224,17 +188,11 @@ TEST_F(SysV, WhatCannotBeDoneIsAFailureWithItsCauseAndNothingElseIsRun)
 
 TEST_F(SysV, InstallationsThatCannotBeMadeLeaveNothing)
 {
-    std::vector<std::pair<std::wstring, const wchar_t*>> tCases = {
-        {L"", L"/opt/dx"},
-        {L"-a", L"/opt/dx"},
-        {L"DXCS-a", L""},
-        {L"DXCS-a", L" /opt/dx"},
-        {L"DXCS-a", L"\"\" a"},
-        {L"DXCS-a", L"\"/opt/dx a"},
-        {L"DXCS-a", L"/opt/a\"b c"},
-        {L"DXCS-a", L"/opt/dx a\nreboot"},
-        {L"DXCS-a", L"/opt/dx\ta"},
-    };
+    std::vector<std::pair<std::wstring, const wchar_t*>> tCases = {{L"", L"/opt/dx"}, {L"-a", L"/opt/dx"}};
+    for (const wchar_t* psz :
+         {L"", L" /opt/dx", L"\"\" a", L"\"/opt/dx a", L"/opt/a\"b c", L"/opt/dx a\nreboot", L"/opt/dx\ta"}) {
+        tCases.emplace_back(L"DXCS-a", psz);
+    }
     for (const wchar_t c : std::wstring(L";$`|&><('\"\\*?[~#!{\n\x7f\u0085")) {
         tCases.emplace_back(std::wstring(L"DXCS-a") + c + L"reboot", L"/opt/dx");
     }
@@ -277,7 +235,7 @@ TEST_F(SysV, SlackwareKeepsItsScriptsInItsOwnPlaceForEveryOperation)
     EXPECT_EQ(stRun("cat /etc/rc.d/rc.K").csOutput, csBoot + "/etc/rc.d/rc.DXCS-a-b stop\nfi\n");
     Write("/etc/init.d/DXCS-second", s_szRecorder);
     Write("/etc/init.d/DXCS-a-b", "#!/bin/sh\nexit 9\n"); // hidden by the one in the family's own place
-    EXPECT_EQ(tList(L"DXCS-"), (std::multiset<std::wstring>{L"DXCS-a-b", L"DXCS-second"}));
+    EXPECT_EQ(csListed(&m_clManager), L"DXCS-a-b DXCS-second ");
     Write("/etc/rc.d/rc.DXCS-a-b", s_szRecorder);
     const auto pcl = pclGet(L"DXCS-a.b");
     EXPECT_TRUE(pcl->bStart(L"-v --port=1") && pclGet(L"DXCS-second")->bRestart());

@@ -23,11 +23,7 @@ std::string csFilled(std::string_view csTemplate, const std::string& csCommandLi
 TEST(SysVScript, ShellsPassHostileValuesOnInsteadOfRunningThem)
 {
     const CTempDir clDirectory;
-    const struct
-    {
-        const char* pszCommandLine;
-        const char* pszWords;
-    } tCases[] = {
+    const std::pair<const char*, const char*> tCases[] = {
         {"/opt/dx --a -b", "[/opt/dx][--a][-b][DXCS-a]"},
         {"\"/opt/my  base/dx\" --d=\"a  $b;c`d\"", "[/opt/my  base/dx][--d=a  $b;c`d][DXCS-a]"},
         {"/opt/$(touch ran)`touch", "[/opt/$(touch][ran)`touch][DXCS-a]"},
@@ -44,12 +40,12 @@ TEST(SysVScript, ShellsPassHostileValuesOnInsteadOfRunningThem)
         "printf '[%s]' %%%PROGRAM%%% %%%ARG%%% %%%LOCK_FILE%%%; echo\n"
         "  daemon printf \"'[%s]'\" %%%PROGRAM%%% %%%ARG%%% %%%LOCK_FILE%%%; echo\n";
     for (const char* pszShell : {"dash", "busybox sh", "bash"}) {
-        for (const auto& st : tCases) {
-            SCOPED_TRACE(std::string(pszShell) + ": " + st.pszCommandLine);
-            clDirectory.csWrite("script", csFilled(szTemplate, st.pszCommandLine, ""));
+        for (const auto& [pszCommandLine, pszWords] : tCases) {
+            SCOPED_TRACE(std::string(pszShell) + ": " + pszCommandLine);
+            clDirectory.csWrite("script", csFilled(szTemplate, pszCommandLine, ""));
             const STCommandResult stResult = stRun("cd " + clDirectory.csPath() + " && SHELL_USED='" +
                                                    pszShell + "' " + pszShell + " ./script");
-            EXPECT_EQ(stResult.csOutput, std::string(st.pszWords) + "\n" + st.pszWords + "\n");
+            EXPECT_EQ(stResult.csOutput, std::string(pszWords) + "\n" + pszWords + "\n");
             EXPECT_FALSE(clDirectory.bExists("ran"));
         }
     }
@@ -78,14 +74,8 @@ TEST(SysVScript, MarkersAreReadFromWhatTheBufferHoldsOfALine)
 TEST(SysVScript, TemplatesAreCleanScriptsHoweverTheyAreFilled)
 {
     const CTempDir clDirectory;
-    const std::string csPath = clDirectory.csPath("script");
-    const std::pair<std::string_view, std::size_t> tTemplates[] = {{g_csDebianScript, 1644},
-                                                                   {g_csRedHatScript, 2904},
-                                                                   {g_csSuSEScript, 2153},
-                                                                   {g_csGentooScript, 477},
-                                                                   {g_csSlackwareScript, 1956}};
-    for (const auto& [csTemplate, nLength] : tTemplates) {
-        EXPECT_EQ(csTemplate.size(), nLength);
+    for (const std::string_view csTemplate :
+         {g_csDebianScript, g_csRedHatScript, g_csSuSEScript, g_csGentooScript, g_csSlackwareScript}) {
         ForEachLine(csTemplate, [](std::string_view csLine) { // elsewhere a shell would read them
             EXPECT_TRUE(csLine.starts_with('#') || csLine.find("%%%DISPLAY") == csLine.npos) << csLine;
         });
@@ -94,7 +84,7 @@ TEST(SysVScript, TemplatesAreCleanScriptsHoweverTheyAreFilled)
             const std::string csScript = csFilled(csTemplate, pszCommandLine, "My `base` $(x)");
             SCOPED_TRACE(csScript);
             EXPECT_EQ(csScript.find("%%%"), std::string::npos);
-            clDirectory.csWrite("script", csScript);
+            const std::string csPath = clDirectory.csWrite("script", csScript);
             // 1091: the distribution's own files are not here
             EXPECT_EQ(stRun("dash -n " + csPath + " && busybox sh -n " + csPath +
                             " && shellcheck -s dash -e SC1091 " + csPath)

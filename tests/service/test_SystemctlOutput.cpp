@@ -10,113 +10,82 @@ std::string csRecorded(const std::string& csFile)
     std::ifstream clFile(VELMO_RECORDED + csFile);
     return {std::istreambuf_iterator<char>(clFile), {}};
 }
+
+std::string csJoined(const std::vector<std::string_view>& tWords)
+{
+    std::string cs;
+    for (const std::string_view csWord : tWords) {
+        cs += std::string(csWord) + "|";
+    }
+    return cs;
+}
+
+/// What an output of "show" tells: the description, the command line with its program, "-" for what it does
+/// not tell.
+std::string csShown(const char* pszOutput)
+{
+    const STUnitShown st = stReadShow(pszOutput);
+    return std::string(st.bExists ? "" : "absent: ") + (st.bOneProgram ? "" : "several: ") +
+           st.csDescription.value_or("-") + "|" + st.csBinaryPath.value_or("-") + "|" +
+           st.csExecutable.value_or("-");
+}
 } // namespace
 
 TEST(ListUnits, EveryFormOfAListingGivesTheUnits)
 {
-    const struct
-    {
-        const char* pszForm;
-        const char* pszOutput;
-        std::vector<std::string_view> tExpected;
-    } tCases[] = {
-        {"without marks, as before 246",
-         "DXCS-a.service loaded active running A\nssh.service   loaded active x S\n",
-         {"DXCS-a", "ssh"}},
-        {"a bullet without indentation, as in 219",
-         "● DXCS-f.service loaded failed failed F\nDXCS-a.service l a r A\n",
-         {"DXCS-f", "DXCS-a"}},
-        {"two blanks before every line",
-         "  DXCS-a.service loaded active   running A\n  DXCS-b.service l i d B\n",
-         {"DXCS-a", "DXCS-b"}},
-        {"every mark",
-         "● DXCS-1.service n\n○ DXCS-2.service m\n× DXCS-3.service l\n↻ DXCS-4.service l\n* DXCS-5.service "
-         "l\n",
-         {"DXCS-1", "DXCS-2", "DXCS-3", "DXCS-4", "DXCS-5"}},
-        {"escaped and template names",
-         "  DXCS-Donn\\xc3\\xa9es.service l a r x\n  user@0.service l a r x\n",
-         {"DXCS-Donn\\xc3\\xa9es", "user@0"}},
-        {"names with the type inside, of units and of unit files",
-         "● DXCS-v.service.1.service loaded active running DXCS-v.service.1\n  DXCS-x.serviced.service l a r "
-         "A\n"
-         "DXCS-x.service-1.service enabled enabled\nDXCS-a.service_b.service\tmasked\n",
-         {"DXCS-v.service.1", "DXCS-x.serviced", "DXCS-x.service-1", "DXCS-a.service_b"}},
-        {"a first word that does not end with the type", "a b.service.service x\n", {"a b"}},
-        {"lines that name no service",
-         "\n  boot.mount loaded\n0 units listed.\n  DXCS-a.service x\n",
-         {"DXCS-a"}},
+    const std::pair<const char*, const char*> tCases[] = {
+        // without marks, as before 246
+        {"DXCS-a.service loaded active running A\nssh.service   loaded active x S\n", "DXCS-a|ssh|"},
+        // a bullet without indentation, as in 219
+        {"● DXCS-f.service loaded failed failed F\nDXCS-a.service l a r A\n", "DXCS-f|DXCS-a|"},
+        // two spaces before every line
+        {"  DXCS-a.service loaded active   running A\n  DXCS-b.service l i d B\n", "DXCS-a|DXCS-b|"},
+        // every mark
+        {"● D-1.service n\n○ D-2.service m\n× D-3.service l\n↻ D-4.service l\n* D-5.service l\n",
+         "D-1|D-2|D-3|D-4|D-5|"},
+        // escaped and template names
+        {"  DXCS-Donn\\xc3\\xa9es.service l a r x\n  user@0.service l a r x\n",
+         "DXCS-Donn\\xc3\\xa9es|user@0|"},
+        // names with the type inside, of units and of unit files
+        {"● D-v.service.1.service loaded active running D-v\n  D-x.serviced.service l a r A\n"
+         "D-x.service-1.service enabled enabled\nD-a.service_b.service\tmasked\n",
+         "D-v.service.1|D-x.serviced|D-x.service-1|D-a.service_b|"},
+        // a first word that does not end with the type
+        {"a b.service.service x\n", "a b|"},
+        // lines that name no service
+        {"\n  boot.mount loaded\n0 units listed.\n  DXCS-a.service x\n", "DXCS-a|"},
     };
-    for (const auto& st : tCases) {
-        const auto tUnits = tReadListing(st.pszOutput);
-        EXPECT_EQ(std::vector<std::string_view>(tUnits.begin(), tUnits.end()), st.tExpected) << st.pszForm;
+    for (const auto& [pszOutput, pszUnits] : tCases) {
+        const auto tUnits = tReadListing(pszOutput);
+        EXPECT_EQ(csJoined({tUnits.begin(), tUnits.end()}), pszUnits);
     }
 }
 
 TEST(Show, TellsExistenceDescriptionAndCommandLine)
 {
-    using Text = std::optional<std::string>;
-    const struct
-    {
-        const char* pszForm;
-        const char* pszOutput;
-        bool bExists;
-        bool bOneProgram;
-        Text csDescription;
-        Text csBinaryPath;
-        Text csExecutable;
-    } tCases[] = {
-        {"a running unit",
-         "Type=forking\nExecStart={ path=/opt/a/dx ; argv[]=/opt/a/dx --SERVICE DXCS-a ; pid=0 ; "
-         "}\nDescription=a = b\n",
-         true, true, "a = b", "/opt/a/dx --SERVICE DXCS-a ", "/opt/a/dx"},
-        {"a unit that does not exist",
-         "Type=\nDescription=DXCS-x.service\n",
-         false,
-         true,
-         "DXCS-x.service",
-         {},
-         {}},
-        {"an executable with spaces, a semicolon and what looks like the next key",
-         "Type=forking\nExecStart={ path=/o/a  b; c ; argv[]=x/dx ; argv[]=/o/a  b; c ; argv[]=x/dx "
-         "--SERVICE N ; "
-         "pid=0 ; }\n",
-         true,
-         true,
-         {},
-         "/o/a  b; c ; argv[]=x/dx --SERVICE N ",
-         "/o/a  b; c ; argv[]=x/dx"},
-        {"a first argument that is not the executable",
-         "Type=forking\nExecStart={ path=/opt/a/dx ; argv[]=/opt//a/dx --SERVICE N ; }\n",
-         true,
-         true,
-         {},
-         "/opt//a/dx --SERVICE N ",
-         {}},
-        {"an executable whose name the first argument only begins with",
-         "Type=forking\nExecStart={ path=/opt/a/dx ; argv[]=/opt/a/dxdemo --SERVICE N ; }\n",
-         true,
-         true,
-         {},
-         "/opt/a/dxdemo --SERVICE N ",
-         {}},
-        {"several command lines",
-         "Type=oneshot\nExecStart={ path=/a ; argv[]=/a ; }\nExecStart={ path=/b ; argv[]=/b -x ; }\n",
-         true,
-         false,
-         {},
-         "/b -x ",
-         "/b"},
-        {"no semicolon behind argv", "Type=simple\nExecStart={ argv[]=/x", true, true, {}, {}, {}},
-        {"nothing", "", false, true, {}, {}, {}},
+    const std::pair<const char*, const char*> tCases[] = {
+        {"Type=forking\nExecStart={ path=/opt/a/dx ; argv[]=/opt/a/dx --SERVICE DXCS-a ; pid=0 ; }\n"
+         "Description=a = b\n",
+         "a = b|/opt/a/dx --SERVICE DXCS-a |/opt/a/dx"},
+        {"Type=\nDescription=DXCS-x.service\n", "absent: DXCS-x.service|-|-"},
+        // an executable with spaces, a semicolon and what looks like the next key
+        {"Type=forking\nExecStart={ path=/o/a  b; c ; argv[]=x/dx ; argv[]=/o/a  b; c ; argv[]=x/dx "
+         "--SERVICE N ; pid=0 ; }\n",
+         "-|/o/a  b; c ; argv[]=x/dx --SERVICE N |/o/a  b; c ; argv[]=x/dx"},
+        // a first argument that is not the executable
+        {"Type=forking\nExecStart={ path=/opt/a/dx ; argv[]=/opt//a/dx --SERVICE N ; }\n",
+         "-|/opt//a/dx --SERVICE N |-"},
+        // an executable whose name the first argument only begins with
+        {"Type=forking\nExecStart={ path=/opt/a/dx ; argv[]=/opt/a/dxdemo --SERVICE N ; }\n",
+         "-|/opt/a/dxdemo --SERVICE N |-"},
+        {"Type=oneshot\nExecStart={ path=/a ; argv[]=/a ; }\nExecStart={ path=/b ; argv[]=/b -x ; }\n",
+         "several: -|/b -x |/b"},
+        // no semicolon after argv
+        {"Type=simple\nExecStart={ argv[]=/x", "-|-|-"},
+        {"", "absent: -|-|-"},
     };
-    for (const auto& st : tCases) {
-        SCOPED_TRACE(st.pszForm);
-        const STUnitShown stShown = stReadShow(st.pszOutput);
-        EXPECT_EQ(stShown.bExists, st.bExists);
-        EXPECT_EQ(stShown.csDescription, st.csDescription);
-        EXPECT_EQ(stShown.csBinaryPath, st.csBinaryPath);
-        EXPECT_EQ(stShown.csExecutable, st.csExecutable);
-        EXPECT_EQ(stShown.bOneProgram, st.bOneProgram);
+    for (const auto& [pszOutput, pszShown] : tCases) {
+        EXPECT_EQ(csShown(pszOutput), pszShown);
     }
     EXPECT_EQ(csReadProperty("P=a=b\n"), "a=b");
     EXPECT_EQ(csReadProperty("P="), "");
@@ -125,48 +94,41 @@ TEST(Show, TellsExistenceDescriptionAndCommandLine)
 
 TEST(Blocks, EverySystemdPrintsOneForEachNameInTheOrderAsked)
 {
-    const struct
-    {
-        const char* pszFile;
-        std::vector<bool> tExists;
-        const char* pszIdOfSecond;
-    } tCases[] = {
-        {"show6.txt", {true, false, true, true, true, true}, ""},
-        {"show3.A-nonexistent-C.txt", {true, false, true}, ""},
-        {"show3.invalidname.txt", {true, false, true}, "DXCS-bad\\x20name.service"},
+    const std::tuple<const char*, const char*, const char*> tCases[] = {
+        // the file, which of the units exist, the second one's Id
+        {"show6.txt", "+-++++", ""},
+        {"show3.A-nonexistent-C.txt", "+-+", ""},
+        {"show3.invalidname.txt", "+-+", "DXCS-bad\\x20name.service"},
     };
     for (const std::string csSuite : {"bullseye.", "bookworm.", "sid."}) {
-        for (const auto& st : tCases) {
-            const std::string csOutput = csRecorded(csSuite + st.pszFile);
+        for (const auto& [pszFile, pszExist, pszId] : tCases) {
+            SCOPED_TRACE(csSuite + pszFile);
+            const std::string csOutput = csRecorded(csSuite + pszFile);
             const std::vector<std::string_view> tBlocks = tReadBlocks(csOutput);
-            ASSERT_EQ(tBlocks.size(), st.tExists.size()) << csSuite << st.pszFile;
-            EXPECT_EQ(csReadId(tBlocks[1]), st.pszIdOfSecond) << csSuite << st.pszFile;
-            for (std::size_t n = 0; n < tBlocks.size(); ++n) {
-                EXPECT_EQ(stReadShow(tBlocks[n]).bExists, st.tExists[n]) << csSuite << st.pszFile << n;
+            std::string csExist;
+            for (const std::string_view csBlock : tBlocks) {
+                csExist += stReadShow(csBlock).bExists ? "+" : "-";
             }
-            EXPECT_EQ(stReadShow(tBlocks[0]).csExecutable, "/bin/sleep") << csSuite << st.pszFile;
+            ASSERT_EQ(csExist, pszExist);
+            EXPECT_EQ(csReadId(tBlocks[1]), pszId);
+            EXPECT_EQ(stReadShow(tBlocks[0]).csExecutable, "/bin/sleep");
         }
     }
 }
 
 TEST(Blocks, WhatIsNoneIsNotTakenForOne)
 {
-    using Blocks = std::vector<std::string_view>;
-    const struct
-    {
-        std::string_view csOutput;
-        Blocks tExpected;
-    } tCases[] = {
-        {"", {}},
-        {"\n", {"", ""}},
-        {"Id=a\n\nId=b\n", {"Id=a\n", "Id=b\n"}},
-        {"Id=a\n\n\nId=b\n", {"Id=a\n", "", "Id=b\n"}},
-        {"Id=a\n\nId=b\n\n", {"Id=a\n", "Id=b\n", ""}},
-        {"Id=a\r\n\r\nId=b\r\n", {"Id=a\r\n\r\nId=b\r\n"}},
-        {"Id=a\n\nId=b", {"Id=a\n", "Id=b"}},
+    const std::pair<const char*, const char*> tCases[] = {
+        {"", ""},
+        {"\n", "||"},
+        {"Id=a\n\nId=b\n", "Id=a\n|Id=b\n|"},
+        {"Id=a\n\n\nId=b\n", "Id=a\n||Id=b\n|"},
+        {"Id=a\n\nId=b\n\n", "Id=a\n|Id=b\n||"},
+        {"Id=a\r\n\r\nId=b\r\n", "Id=a\r\n\r\nId=b\r\n|"},
+        {"Id=a\n\nId=b", "Id=a\n|Id=b|"},
     };
-    for (const auto& st : tCases) {
-        EXPECT_EQ(tReadBlocks(st.csOutput), st.tExpected) << st.csOutput;
+    for (const auto& [pszOutput, pszBlocks] : tCases) {
+        EXPECT_EQ(csJoined(tReadBlocks(pszOutput)), pszBlocks);
     }
     EXPECT_EQ(csReadId("noise\nid=a.service\n"), "a.service");
     EXPECT_EQ(csReadId("Description=Id=b\nId=a\n"), "a");

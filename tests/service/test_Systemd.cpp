@@ -1,8 +1,8 @@
 // The service layer against a scripted systemctl: odd outputs, exact commands. The real one is asked in the
 // machine.
 
-#include "service/AServiceUnix.h"
 #include "tools/Command.h"
+#include "tools/SoftLimit.h"
 #include "tools/SystemdTest.h"
 
 #include <algorithm>
@@ -10,24 +10,13 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <memory>
-#include <sys/resource.h>
+#include <optional>
 #include <thread>
 
 using Systemd = CSystemdTest;
 
 namespace {
-/// Two running servers, and no other. While $DIR/left holds a number above 0 each call takes one off and runs
-/// $DIR/fault first.
-constexpr char s_szFaulty[] = R"sh(LEFT=$(cat $DIR/left 2>/dev/null || echo 0)
-if [ $LEFT -gt 0 ]; then echo $((LEFT - 1)) >$DIR/left; . $DIR/fault; fi
-case "$*" in
-list-units*) printf '  DXCS-a.service l a r A\n  DXCS-b.service l a r B\n' ;;
-*ActiveState*) echo ActiveState=active ;;
-*FragmentPath*) echo FragmentPath=/run/fragment ;;
-*SourcePath*) echo SourcePath= ;;
-*show\ DXCS-[ab]) printf 'Type=forking\nExecStart={ argv[]=/srv/dx --SERVICE x ; }\n' ;;
-*show*) printf 'Type=\nDescription=none\n' ;;
-esac)sh";
+constexpr char s_szFaulty[] = ". " VELMO_SCRIPTS "faulty.sh";
 
 class FailingTool : public CSystemdTest
 {
@@ -39,63 +28,42 @@ protected:
         m_clTool.Write("fault", csFault + "\n");
         m_clTool.Write("left", std::to_string(nCalls) + "\n");
     }
-    long nCalls()
-    {
-        const std::string csJournal = m_clTool.csTakeJournal();
-        return std::count(csJournal.begin(), csJournal.end(), '\n');
-    }
-    /// The names of a listing; "failed" when it failed, and after it where that was too late.
-    std::wstring csList()
-    {
-        CServiceListing clListing(&m_clManager, L"DXCS-");
-        std::wstring csNames;
-        while (const auto pcl = clListing.pclNext()) {
-            csNames += pcl->pszGetName() + std::wstring(L" ");
-        }
-        EXPECT_EQ(clListing.bFailed(), clListing.nError() != 0);
-        return csNames + (clListing.bFailed() ? L"failed" : L"");
-    }
+    int nCalls() { return nCount(m_clTool.csTakeJournal(), "\n"); }
     CService m_clService{&m_clManager, L"DXCS-a"};
     CFakeTool m_clTool{"/bin/systemctl", s_szFaulty};
 };
 
-constexpr char s_szReexecList[] =
-    "echo 'Failed to list units: Transport endpoint is not connected' >&2; exit 1";
-constexpr char s_szReexecShow[] =
-    "echo 'Failed to get properties: Transport endpoint is not connected' >&2; exit 1";
 constexpr int s_nForGood = 1000;
 } // namespace
 
 TEST_F(FailingTool, AQuestionThatFailsIsAskedAgainAndThenHasFailed)
 {
-    const struct
-    {
-        const char* pszFault;
-        int nLeast, nMost; ///< tries of a question that fails for good
-    } tCases[] = {
-        {s_szReexecList, 4, 4},
-        {s_szReexecShow, 4, 4},
-        {"exit 1", 4, 4},
+    const std::tuple<const char*, int, int> tCases[] = {
+        // the fault, least and most tries of a question that fails for good
+        {"echo 'Failed to get properties: Transport endpoint is not connected' >&2; exit 1", 4, 4},
         {"echo ActiveState=failed; echo Type=; kill -KILL $$", 4, 4}, // half an answer, perhaps
         {"printf 'ActiveState=fai'; exit 1", 4, 4},
         // Read after a pause of 2 s, or at once where it is quick to print more than its limit.
         {"exec yes '  DXCS-z.service ActiveState=failed'", 2, 4},
         {"sleep 1.2; exit 1", 3, 3}, // the fourth would begin too late
     };
-    for (const auto& st : tCases) {
-        SCOPED_TRACE(st.pszFault);
-        Break(st.pszFault, 1);
-        EXPECT_EQ(csList(), L"DXCS-a DXCS-b ");
-        Break(st.pszFault, 1);
+    for (const auto& [pszFault, nLeast, nMost] : tCases) {
+        SCOPED_TRACE(pszFault);
+        Break(pszFault, 1);
+        EXPECT_EQ(csListed(&m_clManager), L"DXCS-a DXCS-b ");
+        Break(pszFault, 1);
         EXPECT_EQ(m_clService.eGetStatus(), STATUS_RUNNING);
         EXPECT_EQ(nCalls(), 2);
-        Break(st.pszFault, s_nForGood);
-        EXPECT_EQ(csList(), L"failed");
+        Break(pszFault, s_nForGood);
+        EXPECT_EQ(csListed(&m_clManager), L"failed");
         const auto nTries = nCalls();
-        EXPECT_TRUE(nTries >= st.nLeast && nTries <= st.nMost) << nTries;
+        EXPECT_TRUE(nTries >= nLeast && nTries <= nMost) << nTries;
     }
     Break("exit 1", 3);
     EXPECT_EQ(m_clService.eGetStatus(), STATUS_RUNNING) << "the last try counts";
+    Break("exit 1", s_nForGood);
+    EXPECT_FALSE(m_clService.bStart() || m_clService.bStop());
+    EXPECT_EQ(nCalls(), 2) << "no question: done once";
 }
 
 TEST_F(FailingTool, AnAnswerThatIsThereCountsWhateverTheStatus)
@@ -117,65 +85,34 @@ TEST_F(FailingTool, AnAnswerThatIsThereCountsWhateverTheStatus)
     EXPECT_EQ(errno, ENOENT) << "systemd says that there is none";
 }
 
-TEST_F(FailingTool, WhatCouldNotBeAskedIsNeitherThereNorAbsentAndIsNotChanged)
-{
-    Break(s_szReexecShow, s_nForGood);
-    errno = 0;
-    EXPECT_EQ(m_clManager.pclGetService(L"DXCS-a"), nullptr);
-    EXPECT_EQ(errno, ECANCELED);
-    EXPECT_EQ(m_clService.eGetStatus(), STATUS_UNKNOWN);
-    std::ofstream("/run/fragment") << "kept";
-    // Each of its three questions.
-    for (const char* pszFault : {"exit 1", "case \"$*\" in *SourcePath*) exit 1;; esac",
-                                 "case \"$*\" in *ActiveState*) exit 1;; esac"}) {
-        Break(pszFault, s_nForGood);
-        errno = 0;
-        EXPECT_FALSE(m_clService.bRemove()) << pszFault;
-        EXPECT_EQ(errno, ECANCELED) << pszFault;
-        EXPECT_EQ(m_clTool.csTakeJournal().find("disable"), std::string::npos);
-    }
-    EXPECT_EQ(stRun("cat /run/fragment").csOutput, "kept");
-    Break("case \"$*\" in *show*DXCS-b) exit 1;; esac", s_nForGood);
-    EXPECT_EQ(csList(), L"failed") << "a lookup in it";
-    Break("exit 1", s_nForGood);
-    EXPECT_FALSE(m_clService.bStart());
-    EXPECT_FALSE(m_clService.bStop());
-    EXPECT_EQ(nCalls(), 2) << "no question: done once";
-}
-
 TEST_F(FailingTool, OutOfDescriptorsAQuestionWaitsForOne)
 {
 #if defined(__SANITIZE_ADDRESS__)
     GTEST_SKIP() << "SKIPPED: the sanitizer itself needs descriptors";
 #endif
-    rlimit stBefore{};
-    ::getrlimit(RLIMIT_NOFILE, &stBefore);
-    const rlimit stNone{3, stBefore.rlim_max};
     Break("", 0);
-    ::setrlimit(RLIMIT_NOFILE, &stNone);
+    std::optional<CSoftLimit> clNone(std::in_place, RLIMIT_NOFILE, 3);
     errno = 0;
     EXPECT_EQ(m_clManager.pclGetService(L"DXCS-a"), nullptr);
     EXPECT_EQ(errno, EMFILE);
-    std::jthread clLater([&] {
+    const std::jthread clLater([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        ::setrlimit(RLIMIT_NOFILE, &stBefore);
+        clNone.reset();
     });
     EXPECT_EQ(m_clService.eGetStatus(), STATUS_RUNNING);
 }
 
 TEST_F(Systemd, RemovalStopsAtARefusedDisableAndOtherwiseDeletesBothFiles)
 {
-    CFakeTool clTool(
-        "/bin/systemctl",
-        "case \"$*\" in *FragmentPath*) echo FragmentPath=/run/DXCS-A.service;; *SourcePath*) "
-        "echo SourcePath=/run/$(cat $DIR/source);; disable*) [ -e $DIR/agree ];; stop*) exit 5;; "
-        "esac");
+    CFakeTool clTool("/bin/systemctl",
+                     "case \"$*\" in *FragmentPath*) echo FragmentPath=/run/DXCS-A.service;; *SourcePath*) "
+                     "echo SourcePath=/run/DXCS-A;; disable*) [ -e $DIR/agree ];; stop*) exit 5;; "
+                     "esac");
     const std::string csShown = "--property=FragmentPath show DXCS-A\n--property=SourcePath show DXCS-A\n"
                                 "--property=ActiveState show DXCS-A\n";
     CService cl(&m_clManager, L"DXCS-A");
     const std::string csFiles = "/run/DXCS-A.service /run/DXCS-A";
-    stRun("touch /run/DXCS-@.service " + csFiles);
-    clTool.Write("source", "DXCS-A\n");
+    stRun("touch " + csFiles);
     EXPECT_FALSE(cl.bRemove());
     EXPECT_EQ(clTool.csTakeJournal(), csShown + "disable DXCS-A\n");
     EXPECT_EQ(stRun("ls " + csFiles).nStatus, 0);
@@ -185,36 +122,27 @@ TEST_F(Systemd, RemovalStopsAtARefusedDisableAndOtherwiseDeletesBothFiles)
               csShown + "disable DXCS-A\nstop DXCS-A\n--property=ActiveState show DXCS-A\ndaemon-reload\n"
                         "reset-failed DXCS-A\n");
     EXPECT_EQ(stRun("ls " + csFiles + " 2>/dev/null").csOutput, "");
-    clTool.Write("source", "DXCS-@.service\n"); // as an instance has its template's file
-    EXPECT_TRUE(cl.bRemove());
-    EXPECT_EQ(stRun("ls /run/DXCS-@.service").nStatus, 0) << "the other instances' too";
 }
 
-TEST_F(Systemd, AUnitGeneratedFromAScriptTakesItsProgramFromTheScript)
-{
-    std::ofstream("/etc/init.d/DXCS-old")
-        << "#!/bin/sh\n# Do not remove\n# Program=\"/opt/old/dx\" Name=\"Old\" \n";
-    const CFakeTool clTool("/bin/systemctl",
-                           "printf 'Type=forking\\nExecStart={ argv[]=/etc/init.d/DXCS-old start ; }\\n'");
-    const std::unique_ptr<CService> pclService(m_clManager.pclGetService(L"DXCS-old"));
-    ASSERT_NE(pclService, nullptr);
-    EXPECT_STREQ(pclService->pszBinaryPathName(), L"/opt/old/dx");
-}
-
-TEST_F(Systemd, EnumerationGivesThePrefixedUnitsThatExistAndToleratesStaleCursors)
+TEST_F(Systemd, EnumerationGivesUnitsThatExistWithTheirScriptsProgramsAndToleratesStaleCursors)
 {
     const CFakeTool clTool("/bin/systemctl", R"(case "$*" in
 list-units*) printf '  DXCS-a.service l a r A\n● DXCS-b.service l f f B\n  ssh.service l a r S\n'
              printf '● DXCS-gone.service not-found i d G\n  DXCS-c.service l a r C\n' ;;
 *DXCS-gone) printf 'Type=\nDescription=DXCS-gone.service\n' ;;
+*DXCS-c) printf 'Type=forking\nExecStart={ argv[]=/etc/init.d/DXCS-c start ; }\n' ;;
 *) printf 'Type=forking\n' ;;
 esac)");
+    std::ofstream("/etc/init.d/DXCS-c")
+        << "#!/bin/sh\n# Do not remove\n# Program=\"/opt/old/dx\" Name=\"Old\" \n";
+    const std::unique_ptr<CService> pclGenerated(m_clManager.pclGetService(L"DXCS-c"));
+    ASSERT_NE(pclGenerated, nullptr);
+    EXPECT_STREQ(pclGenerated->pszBinaryPathName(), L"/opt/old/dx");
+    EXPECT_EQ(csListed(&m_clManager), L"DXCS-a DXCS-b DXCS-c ");
+
     unsigned long nCursor = 0;
-    std::wstring csNames;
-    while (const auto pcl = std::unique_ptr<CService>(m_clManager.pclEnumService(&nCursor, L"DXCS-"))) {
-        csNames += pcl->pszGetName() + std::wstring(L" ");
+    while (std::unique_ptr<CService>(m_clManager.pclEnumService(&nCursor, L"DXCS-")) != nullptr) {
     }
-    EXPECT_EQ(csNames, L"DXCS-a DXCS-b DXCS-c ");
     EXPECT_EQ(m_clManager.pclEnumService(&nCursor, L"DXCS-"), nullptr) << "the end stays the end";
     nCursor = 0;
     const std::unique_ptr<CService> pclFirst(m_clManager.pclEnumService(&nCursor, L"DXCS-"));
@@ -236,13 +164,15 @@ TEST_F(Systemd, InstallationKeepsNamesAndCommandLinesToTheirOwnLine)
               "ExecStart=/opt/a/dx --SERVICE DXCS-my_server\nPIDFile=/var/run/DXCS-my_server.pid\n");
     EXPECT_EQ(clTool.csTakeJournal(), "daemon-reload\n") << "not to start at boot: not enabled";
     // They would not be read back as they were written.
-    for (const wchar_t* psz : {L"DXCS-*", L"DXCS-a\\", L"DXCS-5%q", L"DXCS-$HOME", L"DXCS-d'or"}) {
-        EXPECT_EQ(m_clManager.pclInstall(psz, L"x", L"/x", 1, 1), nullptr)
-            << ::testing::PrintToString(std::wstring(psz));
-    }
-    for (const wchar_t* psz : {L"/x\nExecStartPre=/evil", L"/a%b/x", L"/opt/my base/x --SERVICE"}) {
+    const std::pair<const wchar_t*, const wchar_t*> tRefused[] = {
+        {L"DXCS-*", L"/x"},
+        {L"DXCS-5%q", L"/x"},
+        {L"DXCS-n", L"/x\nExecStartPre=/evil"},
+        {L"DXCS-n", L"/opt/my base/x --SERVICE"},
+    };
+    for (const auto& [pszName, pszProgram] : tRefused) {
         errno = 0;
-        EXPECT_EQ(m_clManager.pclInstall(L"DXCS-n", L"x", psz, 1, 1), nullptr);
+        EXPECT_EQ(m_clManager.pclInstall(pszName, L"x", pszProgram, 1, 1), nullptr) << pszName;
         EXPECT_EQ(errno, EINVAL);
     }
     EXPECT_EQ(m_clManager.pclInstall(nullptr, L"x", L"/x", 1, 1), nullptr);
@@ -267,33 +197,16 @@ TEST_F(Systemd, NullTextsAreFieldsThatAreNotThere)
 {
     CFakeTool clTool("/bin/systemctl", "exit 0");
     CService clService(&m_clManager, nullptr, nullptr, nullptr);
-    EXPECT_EQ(clService.pszGetName(), nullptr);
-    EXPECT_EQ(clService.pszGetDisplayName(), nullptr);
+    EXPECT_TRUE(clService.pszGetName() == nullptr && clService.pszGetDisplayName() == nullptr);
     EXPECT_EQ(clService.pszBinaryPathName(), nullptr);
     EXPECT_FALSE(clService.bStart() || clService.bRemove());
     EXPECT_EQ(clService.eGetStatus(), STATUS_STOPPED);
     EXPECT_EQ(m_clManager.pclGetService(nullptr), nullptr);
     EXPECT_EQ(clTool.csTakeJournal(), "") << "nothing is asked without a name";
-    const std::unique_ptr<CService> pclService(m_clManager.pclInstall(L"DXCS-a", nullptr, L"/x", 0, 0));
-    ASSERT_NE(pclService, nullptr);
-    EXPECT_EQ(pclService->pszGetDisplayName(), nullptr);
-    EXPECT_EQ(stRun("head -n 2 /lib/systemd/system/DXCS-a.service").csOutput, "[Unit]\nDescription=\n");
 }
 
 namespace {
-/// Sixty servers. Asked for several at once, $DIR/batch spoils the blocks that are right.
-constexpr char s_szSixty[] = R"sh(show() {
-    case $1 in
-    *-7 | *-60) printf 'Id=%s.service\nType=\nDescription=%s.service\n' $1 $1 ;;
-    *) printf 'Id=%s.service\nDescription=of %s\nType=forking\nExecStart={ path=/s/%s ; argv[]=/s/%s --SERVICE %s ; }\n' $1 $1 $1 $1 $1 ;;
-    esac
-}
-blocks() { first=1; for u; do [ $first ] || echo; first=; show $u; done; }
-case "$*" in
-list-units*) for n in $(seq 60); do echo "  DXCS-$n.service l a r A"; done ;;
-*=Id,*) shift 2; . $DIR/batch ;;
-*show*) show $3 | grep -v ^Id= ;;
-esac)sh";
+constexpr char s_szSixty[] = ". " VELMO_SCRIPTS "sixty.sh";
 
 std::wstring csSixty(CServiceManager& clManager)
 {
@@ -309,48 +222,39 @@ std::wstring csSixty(CServiceManager& clManager)
 
 TEST_F(Systemd, WhateverABatchPrintsTheListingIsThatOfSingleQuestions)
 {
-    const struct
-    {
-        const char* pszForm;
-        const char* pszBatch; ///< with the names as its arguments
-        int nLaunches;        ///< the listing's own, two batches, and the names that were asked again
-    } tCases[] = {
-        {"right", "blocks \"$@\"", 3},
-        {"right, with a bad exit status", "blocks \"$@\"; exit 1", 3},
-        {"noise of standard error in it", "echo 'Warning: reload' >&2; blocks \"$@\"", 3},
-        {"one too few", "shift; blocks \"$@\"", 64},
-        {"one too many", "blocks DXCS-1 \"$@\"", 64},
-        {"another order", "a=$1; shift; blocks \"$@\" $a", 64},
-        {"another unit's", "a=$1; shift; blocks DXCS-x \"$@\"", 64},
-        {"empty blocks", "for u; do echo; done", 64},
-        {"an empty line more", "blocks \"$@\"; echo; echo", 64},
-        {"lines that end in CR LF", "blocks \"$@\" | sed 's/$/\\r/'", 64},
-        {"an empty line inside", "blocks \"$@\" | sed 's/^Type=forking/&\\n/'", 64},
-        {"nothing", ":", 64},
-        {"noise", "echo noise; echo; echo =; exit 1", 64},
-        {"a failure", "exit 1", 64},
-        {"killed", "blocks \"$@\"; kill -9 $$", 64},
-        {"cut off", "blocks \"$@\" | head -c 1500", 64},
+    const std::pair<const char*, int> tCases[] = {
+        // What answers, with the names as its arguments. The launches: the listing's own, two batches, and
+        // the names that were asked again.
+        {"exit 1", 64},
+        {"blocks \"$@\"", 3},
+        {"blocks \"$@\"; exit 1", 3},
+        {"echo 'Warning: reload' >&2; blocks \"$@\"", 3},
+        {"shift; blocks \"$@\"", 64},
+        {"blocks DXCS-1 \"$@\"", 64},
+        {"a=$1; shift; blocks \"$@\" $a", 64},
+        {"a=$1; shift; blocks DXCS-x \"$@\"", 64},
+        {"for u; do echo; done", 64},
+        {"blocks \"$@\"; echo; echo", 64},
+        {"blocks \"$@\" | sed 's/$/\\r/'", 64},
+        {"blocks \"$@\" | sed 's/^Type=forking/&\\n/'", 64},
+        {":", 64},
+        {"echo noise; echo; echo =; exit 1", 64},
+        {"blocks \"$@\"; kill -9 $$", 64},
+        {"blocks \"$@\" | head -c 1500", 64},
     };
     CFakeTool clTool("/bin/systemctl", s_szSixty);
-    std::wstring csExpected;
-    for (int n = 1; n < 60; ++n) {
-        const std::wstring cs = L"DXCS-" + std::to_wstring(n);
-        csExpected +=
-            n == 7 ? L"" : cs + L"|of " + cs + L"|/s/" + cs + L" --SERVICE " + cs + L" |/s/" + cs + L"\n";
-    }
-    csExpected += L"dxsql|of dxsql|/s/dxsql --SERVICE dxsql |/s/dxsql\n";
-    for (const auto& st : tCases) {
-        clTool.Write("batch", st.pszBatch + std::string("\n"));
+    clTool.Write("batch", "exit 1\n");
+    const std::wstring csSingly = csSixty(m_clManager);
+    EXPECT_EQ(std::count(csSingly.begin(), csSingly.end(), L'\n'), 59) << "two are not there";
+    EXPECT_TRUE(csSingly.ends_with(L"\ndxsql|of dxsql|/s/dxsql --SERVICE dxsql |/s/dxsql\n"));
+    for (const auto& [pszBatch, nLaunches] : tCases) {
+        clTool.Write("batch", pszBatch + std::string("\n"));
         clTool.csTakeJournal();
-        EXPECT_EQ(csSixty(m_clManager), csExpected) << st.pszForm;
-        const std::string csJournal = clTool.csTakeJournal();
-        EXPECT_EQ(std::count(csJournal.begin(), csJournal.end(), '\n'), st.nLaunches) << st.pszForm;
+        EXPECT_EQ(csSixty(m_clManager), csSingly) << pszBatch;
+        EXPECT_EQ(nCount(clTool.csTakeJournal(), "\n"), nLaunches) << pszBatch;
     }
 
-    // Of a listing that is left early only the first batch has been asked for.
-    CServiceListing clListing(&m_clManager, L"DXCS-");
-    EXPECT_NE(clListing.pclNext(), nullptr);
-    const std::string csJournal = clTool.csTakeJournal();
-    EXPECT_EQ(csJournal.find("DXCS-48"), std::string::npos) << csJournal;
+    CServiceListing clLeftEarly(&m_clManager, L"DXCS-");
+    EXPECT_NE(clLeftEarly.pclNext(), nullptr);
+    EXPECT_EQ(nCount(clTool.csTakeJournal(), "DXCS-48"), 0) << "only the first batch has been asked for";
 }

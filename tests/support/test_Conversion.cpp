@@ -82,19 +82,3 @@ TEST(Conversion, EveryCharacterSurvivesUTF8AndUTF16)
     const std::string cs16 = csToUTF16(csAll);
     EXPECT_TRUE(csFromUTF16(cs16.data(), cs16.size() / 2) == csAll);
 }
-
-TEST(Conversion, CuttingKeepsCharactersWhole)
-{
-    const std::tuple<const char*, std::size_t, std::size_t> tCases[] = {
-        {"abc", 5, 3},
-        {"abc", 2, 2},
-        {"a\u20ACb", 3, 1},
-        {"a\u20ACb", 4, 4},
-        {"a\U0001F600", 4, 1},
-        {"\U0001F600", 3, 0},
-        {"\x80\x80\x80\x80\x80", 4, 4},
-    };
-    for (const auto& [pszText, nMax, nWanted] : tCases) {
-        EXPECT_EQ(nCutUTF8(pszText, nMax), nWanted) << pszText << " to " << nMax;
-    }
-}

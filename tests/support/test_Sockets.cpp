@@ -1,98 +1,26 @@
-#include "support/Conversion.h"
-#include "support/Descripteur.h"
 #include "support/XIpHelper.h"
-#include "tools/Address.h"
+#include "tools/PrivateWorld.h"
 
 #include <cerrno>
-#include <cstdint>
 #include <gtest/gtest.h>
-#include <netdb.h>
-#include <tuple>
 
-namespace {
-CDescripteur clSocket(int nType)
+TEST(Sockets, APortTakenInOneFamilyIsFatalForTCPAndOnlySkippedForUDP)
 {
-    return CDescripteur(::socket(AF_INET, nType | SOCK_CLOEXEC, 0));
-}
-
-bool bConnect(const CDescripteur& clFd, std::uint16_t wPort)
-{
-    const sockaddr_in6 st = stAddress("127.0.0.1", wPort);
-    return ::connect(clFd.nFd(), reinterpret_cast<const sockaddr*>(&st), sizeof st) == 0;
-}
-
-/// A port that was free a moment ago.
-std::uint16_t wFreePort()
-{
-    const CDescripteur clFd = clSocket(SOCK_STREAM);
-    sockaddr_in6 st = stAddress("127.0.0.1", 0);
-    socklen_t nLength = sizeof st;
-    std::ignore = ::bind(clFd.nFd(), reinterpret_cast<sockaddr*>(&st), sizeof st);
-    ::getsockname(clFd.nFd(), reinterpret_cast<sockaddr*>(&st), &nLength);
-    return ntohs(st.sin6_port);
-}
-
-bool bHasIPv6()
-{
-    const CDescripteur clFd(::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const sockaddr_in6 st = stAddress("::", 0);
-    return ::bind(clFd.nFd(), reinterpret_cast<const sockaddr*>(&st), sizeof st) == 0;
-}
-} // namespace
-
-TEST(Sockets, ATCPPortTakenInOneFamilyIsFatalForTheWholeSetAndSaysWhy)
-{
-    CXError clError;
-    CEnsembleSockets clSecond;
+    REQUIRE_PRIVATE_WORLD();
     for (const unsigned int nFamily : {SOCKET_IPV4_ONLY, SOCKET_IPV6_ONLY}) {
-        if (nFamily == SOCKET_IPV6_ONLY && !bHasIPv6()) {
-            continue;
-        }
         SCOPED_TRACE(nFamily);
-        const std::uint16_t wPort = wFreePort();
+        ASSERT_TRUE(bFreshNetwork());
         CEnsembleSockets clFirst;
-        clError.Clear();
-        ASSERT_TRUE(bSocketListenTCP(wPort, nFamily, &clFirst, nullptr, nullptr, 5));
-        EXPECT_EQ(clFirst.tGetSockets().size(), 1u);
-        EXPECT_FALSE(bSocketListenTCP(wPort, 0, &clSecond, &clError, nullptr, 5));
+        CEnsembleSockets clSecond;
+        CXError clError;
+        ASSERT_TRUE(bSocketListenTCP(4999, nFamily, &clFirst, nullptr, nullptr, 5));
+        EXPECT_FALSE(bSocketListenTCP(4999, 0, &clSecond, &clError, nullptr, 5));
         EXPECT_TRUE(clSecond.tGetSockets().empty());
-        EXPECT_EQ(clError.StringDump(CXError::INFO_MODULE), L"Module VelmoManager, message 25627");
         EXPECT_EQ(clError.nGetSystemError(), EADDRINUSE);
-        EXPECT_NE(clError.csGetMessage().find(std::to_wstring(wPort)), std::wstring::npos);
-        EXPECT_EQ(clError.StringDump(CXError::INFO_DEBUG), L"Detail: bind");
-    }
-    clError.Clear();
-    EXPECT_FALSE(bSocketListenTCP(4999, 0, &clSecond, &clError, L"no such host name", 5));
-    EXPECT_EQ(clError.StringDump(CXError::INFO_DEBUG), L"Detail: getaddrinfo");
-    EXPECT_EQ(clError.StringDump(CXError::INFO_MODULE), L"Module VelmoManager") << "not the port is wrong";
-    EXPECT_NE(clError.csGetMessage().find(csFromUTF8(::gai_strerror(EAI_NONAME))), std::wstring::npos);
-}
 
-TEST(Sockets, ATakenUDPAddressIsOnlySkipped)
-{
-    const std::uint16_t wPort = wFreePort();
-    CEnsembleSockets clFirst;
-    CEnsembleSockets clSecond;
-    CXError clError;
-    ASSERT_TRUE(bSocketBindUDP(wPort, SOCKET_IPV4_ONLY, &clFirst, nullptr, L"127.0.0.1"));
-    EXPECT_EQ(bSocketBindUDP(wPort, 0, &clSecond, &clError, nullptr), bHasIPv6());
-    for (const STSocket& st : clSecond.tGetSockets()) {
-        EXPECT_EQ(st.nFamily, AF_INET6);
+        ASSERT_TRUE(bSocketBindUDP(4999, nFamily, &clFirst, nullptr, nullptr));
+        EXPECT_TRUE(bSocketBindUDP(4999, 0, &clSecond, &clError, nullptr));
+        ASSERT_EQ(clSecond.tGetSockets().size(), 1u);
+        EXPECT_EQ(clSecond.tGetSockets()[0].nFamily, nFamily == SOCKET_IPV4_ONLY ? AF_INET6 : AF_INET);
     }
-    EXPECT_EQ(clError.nGetSystemError(), EADDRINUSE);
-}
-
-TEST(Sockets, WaitingGivesTheReadableSocketOfTheSet)
-{
-    CEnsembleSockets clSet;
-    EXPECT_EQ(clSet.WaitReadable(nullptr), -1); // empty: at once
-    const std::uint16_t wPort = wFreePort();
-    clSet.Add(AF_INET, clSocket(SOCK_DGRAM)); // bound to nothing: never readable
-    ASSERT_TRUE(bSocketBindUDP(wPort, SOCKET_IPV4_ONLY, &clSet, nullptr, L"127.0.0.1"));
-    timeval stShort{0, 10000};
-    EXPECT_EQ(clSet.WaitReadable(&stShort), -1);
-    const CDescripteur clSender = clSocket(SOCK_DGRAM);
-    ASSERT_TRUE(bConnect(clSender, wPort) && ::send(clSender.nFd(), "x", 1, 0) == 1);
-    timeval stLong{5, 0};
-    EXPECT_EQ(clSet.WaitReadable(&stLong), clSet.tGetSockets()[1].nSocket);
 }

@@ -62,6 +62,10 @@ bool bFreshNetwork()
 
 CFakeTool::CFakeTool(std::string csProgram, const std::string& csBody) : m_csProgram(std::move(csProgram))
 {
+    if (!bPrivateWorld()) { // a fixture's member is made before its SetUp has asked
+        return;
+    }
+
     const std::string csScript =
         m_clFolder.csWrite("tool",
                            "#!/bin/sh\nDIR=" + m_clFolder.csPath() +
@@ -72,7 +76,9 @@ CFakeTool::CFakeTool(std::string csProgram, const std::string& csBody) : m_csPro
 
 CFakeTool::~CFakeTool()
 {
-    ::umount2(m_csProgram.c_str(), MNT_DETACH);
+    if (bPrivateWorld()) {
+        ::umount2(m_csProgram.c_str(), MNT_DETACH);
+    }
 }
 
 std::string CFakeTool::csTakeJournal()
