@@ -6,6 +6,9 @@
 #include "support/VersionNote.h"
 #include "tools/TempDir.h"
 
+#include <cstring>
+#include <elf.h>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -48,6 +51,32 @@ TEST(FileVersion, ARealExecutableTellsItsVersionAndATruncatedOneOrNoRegularFileN
                                    std::wstring(L"/dev/zero"), std::wstring(L"/proc/self/exe\0x", 16)}) {
         EXPECT_FALSE(clVersion.bLoad(cs)) << csToUTF8(cs);
     }
+}
+
+TEST(FileVersion, ANoteAlignedToEightIsFoundBesideAnother)
+{
+    constexpr std::string_view csNotes("\4\0\0\0\10\0\0\0\5\0\0\0GNU\0"
+                                       "01234567"
+                                       "\6\0\0\0\20\0\0\0\1\0\0\0Velmo\0\0\0\0\0\0\0"
+                                       "FileVersion=1.2\0",
+                                       64);
+    Elf64_Ehdr stHeader{};
+    std::memcpy(stHeader.e_ident, "\177ELF\2\1\1", 7);
+    stHeader.e_phoff = sizeof stHeader;
+    stHeader.e_phentsize = sizeof(Elf64_Phdr);
+    stHeader.e_phnum = 1;
+    const Elf64_Phdr stSegment{PT_NOTE, 0, sizeof stHeader + sizeof stSegment, 0, 0, csNotes.size(), 0, 8};
+
+    const CTempDir clDir;
+    std::ofstream(clDir.csPath("program"), std::ios::binary)
+            .write(reinterpret_cast<const char*>(&stHeader), sizeof stHeader)
+            .write(reinterpret_cast<const char*>(&stSegment), sizeof stSegment)
+        << csNotes;
+    CFileVersion clVersion;
+    std::wstring csValue;
+    EXPECT_TRUE(clVersion.bLoad(clDir.csWidePath("program")));
+    EXPECT_TRUE(clVersion.bGetStringValue(L"FileVersion", &csValue));
+    EXPECT_EQ(csValue, L"1.2");
 }
 
 TEST(FileVersion, VersionsCompareByTheirNumbers)
