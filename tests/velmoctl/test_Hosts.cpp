@@ -6,31 +6,27 @@
 #include <gtest/gtest.h>
 
 namespace {
-std::string csJoined(const std::vector<std::string>& tWords)
+std::string csShown(const std::string& csName)
 {
-    std::string cs;
-    for (const std::string& csWord : tWords) {
-        cs += (cs.empty() ? "" : " ") + csWord;
-    }
-    return cs;
+    return csName;
 }
 
-std::string csJoined(const std::vector<STHost>& tHosts)
+std::string csShown(const STHost& st)
 {
-    std::vector<std::string> tWords;
-    for (const STHost& st : tHosts) {
-        tWords.push_back(st.csName + (st.csAddress != st.csName ? "=" + st.csAddress : "") +
-                         (st.wPort != 0 ? ":" + std::to_string(st.wPort) : ""));
-    }
-    return csJoined(tWords);
+    return st.csName + (st.csAddress != st.csName ? "=" + st.csAddress : "") +
+           (st.wPort != 0 ? ":" + std::to_string(st.wPort) : "");
 }
 
-/// What a function gives, or the words of its failure.
+/// The names or machines that a function gives, or the words of its failure.
 template <class TFunction>
 std::string csOutcome(const TFunction& fn)
 {
     try {
-        return csJoined(fn());
+        std::string cs;
+        for (const auto& cl : fn()) {
+            cs += (cs.empty() ? "" : " ") + csShown(cl);
+        }
+        return cs;
     } catch (const CFailure& clFailure) {
         EXPECT_EQ(clFailure.eExit(), EExit::USAGE);
         return std::string("! ") + clFailure.what();
@@ -64,22 +60,24 @@ TEST(Hosts, ListsCountAsTheyAreWritten)
 
 TEST(Hosts, AnInventoryIsAHostsFile)
 {
-    const CHostsFile clFile("\xEF\xBB\xBF# the fleet\r\n"
-                            "lonely  # spare\n"
-                            "; old style\n"
-                            "[db]\n"
-                            "db[01:03] ansible_user=root ansible_host=\"10.0.0.9\"\n"
-                            "db02:2222 velmo_port=5000 'ansible_host=10.0.0.2'\n"
-                            "[db:vars]\n"
-                            "ansible_port=22\n"
-                            "[all_of_it:children]\n"
-                            "db\n"
-                            "late\n"
-                            "all_of_it\n"
-                            "[late]\n"
-                            "w[1-2]  db01\n"
-                            "[9:10:1]x\n"
-                            "[8:9:4294967295]x\n",
+    const CHostsFile clFile("\xEF\xBB\xBF"
+                            R"(# the fleet
+lonely  # spare
+; old style
+[db]
+db[01:03] ansible_user=root ansible_host="10.0.0.9"
+db02:2222 velmo_port=5000 'ansible_host=10.0.0.2'
+[db:vars]
+ansible_port=22
+[all_of_it:children]
+db
+late
+all_of_it
+[late]
+w[1-2]  db01
+[9:10:1]x
+[8:9:4294967295]x
+)",
                             "F");
     const std::string csDb = "db01=10.0.0.9 db02=10.0.0.2:5000 db03=10.0.0.9";
     const std::pair<const char*, std::string> tCases[] = {
@@ -94,7 +92,8 @@ TEST(Hosts, AnInventoryIsAHostsFile)
         EXPECT_EQ(csOutcome([&clFile, csGroup = pszGroup] { return clFile.tGroup(csGroup); }), csExpected)
             << pszGroup;
     }
-    EXPECT_EQ(csJoined({clFile.stFind("db02"), clFile.stFind("other")}), "db02=10.0.0.2:5000 other");
+    EXPECT_EQ(csShown(clFile.stFind("db02")) + " " + csShown(clFile.stFind("other")),
+              "db02=10.0.0.2:5000 other");
 }
 
 TEST(Hosts, AFileThatCannotBeReadIsToldWithItsLine)
