@@ -3,13 +3,13 @@
 
 #include "config/Config.h"
 #include "config/WinApi.h"
+#include "support/XYString.h"
 #include "tools/FailingNew.h"
 #include "tools/TempDir.h"
 
 #include <cerrno>
 #include <functional>
 #include <gtest/gtest.h>
-#include <new>
 
 namespace {
 using CGetter = std::function<void(const CConfig&, wchar_t*)>;
@@ -48,24 +48,14 @@ TEST(OutOfMemory, AGetterGivesTheValueOrTheDefault)
     };
     for (const CGetter& fnGet : tGetters) {
         SCOPED_TRACE(&fnGet - tGetters);
-        wchar_t szValue[1100];
-        wchar_t szDefault[1100];
         wchar_t szGot[1100];
-        fnGet(clConfig, szValue);
-        fnGet(clDefaults, szDefault);
-        std::wstring csDefault(szDefault); // of the full directory
-        if (const std::size_t n = csDefault.find(clEmpty.csWidePath()); n != std::wstring::npos) {
-            csDefault.replace(n, clEmpty.csWidePath().size(), clFull.csWidePath());
-        }
-        bool bValue = false;
-        for (int nAllocations = 0; nAllocations < 100 && !bValue; ++nAllocations) {
-            g_nAllocationsLeft = nAllocations;
-            EXPECT_NO_THROW(fnGet(clConfig, szGot));
-            bValue = g_nAllocationsLeft != 0; // nothing was refused
-            g_nAllocationsLeft = -1;
-            EXPECT_TRUE(szGot == std::wstring(szValue) || (!bValue && szGot == csDefault)) << nAllocations;
-        }
-        EXPECT_TRUE(bValue);
+        fnGet(clConfig, szGot);
+        const std::wstring csValue = szGot;
+        fnGet(clDefaults, szGot);
+        const std::wstring csDefault =
+            csReplaceAll<wchar_t>(szGot, clEmpty.csWidePath(), clFull.csWidePath());
+        StarveInTurn([&] { fnGet(clConfig, szGot); },
+                     [&](bool bFed) { EXPECT_TRUE(szGot == csValue || (!bFed && szGot == csDefault)); });
     }
 }
 
@@ -77,19 +67,13 @@ TEST(OutOfMemory, AWriteFailsAndThrowsNothing)
     // Stops at the first allocation: the file in the home of whoever runs this is not for tests.
     const auto nWriteHome = [] { return g_nAllocationsLeft == 0 ? WriteProfileString(L"s", L"k", L"v") : 1; };
     for (const std::function<int()>& fnWrite : {std::function<int()>(nWrite), {nWriteHome}}) {
-        bool bDone = false;
-        for (int nAllocations = 0; nAllocations < 100 && !bDone; ++nAllocations) {
-            g_nAllocationsLeft = nAllocations;
+        int nResult = 0;
+        int nErrno = 0;
+        const auto fnDo = [&] {
             errno = 0;
-            bool bThrown = false;
-            try {
-                bDone = fnWrite() != 0;
-            } catch (const std::bad_alloc&) {
-                bThrown = true;
-            }
-            g_nAllocationsLeft = -1; // what gtest says takes memory, too
-            EXPECT_TRUE(!bThrown && (bDone || errno == ENOMEM)) << nAllocations;
-        }
-        EXPECT_TRUE(bDone);
+            nResult = fnWrite();
+            nErrno = errno;
+        };
+        StarveInTurn(fnDo, [&](bool bFed) { EXPECT_TRUE(nResult != 0 || (!bFed && nErrno == ENOMEM)); });
     }
 }
