@@ -5,7 +5,7 @@
 #include "tools/Command.h"
 #include "tools/Machine.h"
 
-#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
 #include <map>
@@ -117,10 +117,9 @@ class CScriptedManager
 public:
     using Answers = std::map<std::string, std::string>;
 
-    explicit CScriptedManager(Answers tAnswers, const std::string& csAddress = "127.0.0.1",
-                              unsigned short wPort = 0)
+    explicit CScriptedManager(Answers tAnswers)
         : m_tAnswers(std::move(tAnswers)),
-          m_clServer([this](const CClientSide& clClient) { _Serve(clClient); }, csAddress, wPort)
+          m_clServer([this](const CClientSide& clClient) { _Serve(clClient); })
     {}
     const std::string& csPort() const { return m_clServer.csPort(); }
     /// What clients have sent beyond the agreement on UTF-8, one line each with a "|".
@@ -166,7 +165,8 @@ inline std::string csSource()
 
 inline std::string csReadSource(const std::string& csFile)
 {
-    return stRun("cat " + csSource() + "/" + csFile).csOutput;
+    std::ifstream clFile(csSource() + "/" + csFile);
+    return {std::istreambuf_iterator<char>(clFile), {}};
 }
 
 inline std::string csClient()

@@ -1,13 +1,17 @@
-// Many machines in one command: forty managers at addresses of their own, some of which are no good, and what
+// Many machines in one command: forty managers in networks of their own, some of which are no good, and what
 // monitoring systems are told.
 
 #include "ScriptedManager.h"
 #include "tools/PrivateWorld.h"
+#include "tools/Wait.h"
+#include "tools/WireClient.h"
 #include "velmoctl/Json.h"
 
 #include <chrono>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <list>
+#include <sched.h>
 #include <sys/stat.h>
 
 using ::testing::HasSubstr;
@@ -17,11 +21,18 @@ using CClock = std::chrono::steady_clock;
 constexpr int s_nMachines = 40;
 
 /// Machine numbers of those that are no good, and of the one with many servers.
-constexpr int s_nRefuses = 5, s_nHangs = 11, s_nForeign = 23, s_nCrowded = 31;
+constexpr int s_nRefuses = 5, s_nHangs = 11, s_nHalf = 17, s_nForeign = 23, s_nCrowded = 31;
 
-std::string csMachine(int nMachine)
+/// What those send that answer, but not as a manager does.
+const std::map<int, std::vector<std::string>> s_tScripts = {
+    {s_nHangs, {g_csGreeting}},
+    {s_nHalf, {g_csGreeting, "OK\r\n", "YES\t24.0.6.0\tLinux"}},
+    {s_nForeign, {"220 mail ready\r\n"}},
+};
+
+std::string csNumber(int nMachine)
 {
-    return (nMachine < 10 ? "m0" : "m") + std::to_string(nMachine);
+    return (nMachine < 10 ? "0" : "") + std::to_string(nMachine);
 }
 
 int nServers(int nMachine)
@@ -29,51 +40,61 @@ int nServers(int nMachine)
     return nMachine == s_nCrowded ? 50 : 1;
 }
 
-/// Forty addresses of the loopback with a manager at each, unless told otherwise.
+/// Forty machines, a manager in each unless told otherwise.
 class CFleetWorld
 {
 public:
-    CFleetWorld()
+    CFleetWorld() : m_clSystemctl("/bin/systemctl", csReadSource("tests/velmoctl/systemctl"))
     {
-        std::string csHosts;
+        const STCommandResult st = stRun(csReadSource("tests/velmoctl/forty"));
+        EXPECT_EQ(st.nStatus, 0) << st.csOutput;
+        m_csHosts = m_clFolder.csWrite("hosts", st.csOutput);
         for (int n = 1; n <= s_nMachines; ++n) {
-            const std::string csAddress = "127.0.0." + std::to_string(100 + n);
-            csHosts += csMachine(n) + " ansible_host=" + csAddress + "\n";
-            _Populate(n, csAddress);
+            _Populate(n);
         }
-        m_csHosts = m_clFolder.csWrite("hosts", csHosts + "[good]\nm[01:04]\nm[32:40]\n");
+        for (int n = 1; n <= s_nMachines; ++n) {
+            EXPECT_TRUE(n == s_nRefuses || bWaitUntil([n] { return _bTalks(n); }, 10'000)) << n;
+        }
+    }
+    ~CFleetWorld()
+    {
+        m_tManagers.clear();
+        stRun("ip -all netns del; ip link del br0");
     }
     const std::string& csHosts() const { return m_csHosts; }
 
 private:
-    void _Populate(int nMachine, const std::string& csAddress)
+    static bool _bTalks(int nMachine)
     {
-        if (nMachine == s_nHangs || nMachine == s_nForeign) {
-            const auto fnServe = [csHello = nMachine == s_nHangs ? g_csGreeting : "220 mail ready\r\n"](
-                                     const CClientSide& cl) {
-                cl.bSend(csHello);
+        return CWireClient(("10.99.0.1" + csNumber(nMachine)).c_str(), 4999).csLine().ends_with("\r\n");
+    }
+    void _Populate(int nMachine)
+    {
+        if (const auto it = s_tScripts.find(nMachine); it != s_tScripts.end()) {
+            _Script(nMachine, [&tTexts = it->second](const CClientSide& cl) {
+                cl.Recite(tTexts);
                 cl.StaySilent();
-            };
-            m_tScripted.emplace_back(fnServe, csAddress, 4999);
+            });
         } else if (nMachine != s_nRefuses) {
-            m_tManagers.emplace_back(_tAnswers(nServers(nMachine)), csAddress, 4999);
+            m_tManagers.emplace_back("ip netns exec m" + csNumber(nMachine) +
+                                     " env SERVERS=" + std::to_string(nServers(nMachine)) + " " +
+                                     csBuildFolder() + "/VelmoManager");
         }
     }
-    static CScriptedManager::Answers _tAnswers(int nServers)
+    void _Script(int nMachine, const CScriptedServer::Serve& fnServe)
     {
-        CScriptedManager::Answers tAnswers = {{"START\tS1", "OK"}};
-        std::string csServers;
-        for (int n = 1; n <= nServers; ++n) {
-            csServers += "\tS" + std::to_string(n) + "\t4900";
-            tAnswers["STATUS\tS" + std::to_string(n)] = "STATUS\tRUNNING";
-        }
-        tAnswers["INFO"] = csInfo(csServers);
-        return tAnswers;
+        std::jthread([&] { // sockets belong to the network of the thread that makes them
+            const CDescripteur clNetwork(
+                ::open(("/run/netns/m" + csNumber(nMachine)).c_str(), O_RDONLY | O_CLOEXEC));
+            ASSERT_EQ(::setns(clNetwork.nFd(), CLONE_NEWNET), 0);
+            m_tScripted.emplace_back(fnServe, "0.0.0.0", 4999);
+        });
     }
 
     CTempDir m_clFolder;
+    CFakeTool m_clSystemctl;
     std::string m_csHosts;
-    std::list<CScriptedManager> m_tManagers;
+    std::list<CManagerProcess> m_tManagers;
     std::list<CScriptedServer> m_tScripted;
 };
 
@@ -82,9 +103,9 @@ std::string csExpectedTable()
 {
     std::string cs = "HOST  NAME  PORT  STATE\n";
     for (int n = 1; n <= s_nMachines; ++n) {
-        const bool bGood = n != s_nRefuses && n != s_nHangs && n != s_nForeign;
+        const bool bGood = n != s_nRefuses && !s_tScripts.contains(n);
         for (int nServer = 1; bGood && nServer <= nServers(n); ++nServer) {
-            cs += csMachine(n) + "   S" + std::to_string(nServer) + (nServer < 10 ? " " : "") +
+            cs += "m" + csNumber(n) + "   S" + std::to_string(nServer) + (nServer < 10 ? " " : "") +
                   "   4900  running\n";
         }
     }
@@ -105,9 +126,10 @@ TEST(Fleet, FortyMachinesAreListedInTimeWhateverSomeOfThemDo)
     EXPECT_EQ(stTold.nStatus, 4);
     EXPECT_EQ(stRun("cat " + clFolder.csPath("table")).csOutput, csExpectedTable());
     EXPECT_EQ(stTold.csOutput,
-              "velmoctl: 3 of 40 machines gave no answer:\n"
+              "velmoctl: 4 of 40 machines gave no answer:\n"
               "velmoctl: m05: no manager can be reached on m05, port 4999: Connection refused\n"
               "velmoctl: m11: the manager on m11, port 4999 did not answer within 2 s\n"
+              "velmoctl: m17: the manager on m17, port 4999 did not answer within 2 s\n"
               "velmoctl: m23: what listens on m23, port 4999 is not a manager\n");
 
     // Those that hang do not hold up the lines of the others.
@@ -129,7 +151,7 @@ TEST(Fleet, FortyMachinesAreListedInTimeWhateverSomeOfThemDo)
                         cl["error"]["status"].dump() + ";";
         }
     }
-    EXPECT_EQ(csErrors, "m05 unreachable 3;m11 unreachable 3;m23 nonsense 4;");
+    EXPECT_EQ(csErrors, "m05 unreachable 3;m11 unreachable 3;m17 unreachable 3;m23 nonsense 4;");
 
     const std::tuple<const char*, int, const char*> tCases[] = {
         {"--group good status S1 --no-header --timeout 20", 0, "m01   S1    running\nm02   S1    running\n"},
@@ -140,7 +162,7 @@ TEST(Fleet, FortyMachinesAreListedInTimeWhateverSomeOfThemDo)
          "\"S1\" on m40 is started\nvelmoctl: 1 of 14 machines gave no"},
         {"--group good check", 0,
          "VELMO OK - 13 of 13 servers running | not_running=0;0;0;0;13 running=13;;;0;13 "},
-        {"--timeout 1 check", 2, "VELMO CRITICAL - 3 silent: no manager can be reached on m05, port 4999"},
+        {"--timeout 1 check", 2, "VELMO CRITICAL - 4 silent: no manager can be reached on m05, port 4999"},
         {"--group good --host m05,m23 metrics", 4, "velmo_manager_up{host=\"m05\"} 0\n"},
     };
     for (const auto& [pszArguments, nStatus, pszShown] : tCases) {
