@@ -6,13 +6,11 @@
 #include "tools/PrivateWorld.h"
 #include "tools/TempDir.h"
 
-#include <array>
 #include <cerrno>
 #include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <type_traits>
-#include <unistd.h>
 
 namespace {
 using namespace std::string_literals;
@@ -23,7 +21,7 @@ template <auto pfnGetter>
 std::wstring csGot(const CConfig& clConfig)
 {
     if constexpr (std::is_invocable_v<decltype(pfnGetter), const CConfig&>) {
-        return std::to_wstring(static_cast<int>((clConfig.*pfnGetter)()));
+        return std::to_wstring(static_cast<long long>((clConfig.*pfnGetter)()));
     } else {
         std::wstring csBuffer(1100, L'#');
         (clConfig.*pfnGetter)(csBuffer.data());
@@ -59,40 +57,23 @@ protected:
 };
 } // namespace
 
-TEST_F(Config, NumbersAreOfTheirTypeOrHaveTheirOwnRule)
-{
-    const struct
-    {
-        const char *pszSection, *pszKey;
-        std::function<long(const CConfig&)> fnGet;
-        long nDefault;
-        std::array<long, 4> tExpected; // for "2", "-1", "4294967295" and "0x10"
-    } tCases[] = {
-        {"INIT", "AccessPort", &CConfig::nGetPort, 4900, {2, -1, -1, 0}},
-        {"MANAGER", "RestartOnFailed", &CConfig::bRestartOnFailed, 1, {2, -1, -1, 0}},
-        {"MANAGER", "CheckPeriod", &CConfig::dwCheckPeriod, 600, {2, 4294967295, 4294967295, 0}},
-        {"AUTOANALYSE", "ENABLE", &CConfig::bGetAutoAnalyseEnable, 1, {1, 1, 1, 0}},
-        {"ClusterNode", "Cluster", &CConfig::bClusterNode, 0, {0, 0, 0, 0}}, // only 1 makes one
-        {"INIT", "ActivityStatisticPeriod", &CConfig::wGetStatPeriod, 0, {2, 65535, 65535, 0}},
-    };
-    for (const auto& st : tCases) {
-        SCOPED_TRACE(st.pszKey);
-        ::unlink(m_clDirectory.csPath("DXConf.ini").c_str());
-        EXPECT_EQ(st.fnGet(m_clConfig), st.nDefault);
-        const auto nGet = [&](const char* pszValue) {
-            SetFile("[Other]\n"s + st.pszKey + "=9\n[" + st.pszSection + "]\n" + st.pszKey + " = " +
-                    pszValue + "\n");
-            return st.fnGet(m_clConfig);
-        };
-        EXPECT_THAT((std::array{nGet("2"), nGet("-1"), nGet("4294967295"), nGet("0x10")}),
-                    testing::ElementsAreArray(st.tExpected));
-    }
-}
-
-TEST_F(Config, TextsAndKeywordsFollowTheFile)
+TEST_F(Config, NumbersTextsAndKeywordsFollowTheFileByTheirOwnRules)
 {
     const std::tuple<const char*, CGetter, const char*> tCases[] = {
-        // a line of the section INIT, and the text, with <D> for the directory
+        // a line of the section INIT, and what is got, with <D> for the directory
+        {"", csGot<&CConfig::nGetPort>, "4900"},
+        {"AccessPort=-1", csGot<&CConfig::nGetPort>, "-1"},
+        {"AccessPort=4294967295", csGot<&CConfig::nGetPort>, "-1"},
+        {"AccessPort=0x10\n[Other]\nAccessPort=9", csGot<&CConfig::nGetPort>, "0"},
+        {"", csGot<&CConfig::bRestartOnFailed>, "1"},
+        {"[MANAGER]\nRestartOnFailed=2", csGot<&CConfig::bRestartOnFailed>, "2"},
+        {"", csGot<&CConfig::dwCheckPeriod>, "600"},
+        {"[MANAGER]\nCheckPeriod=-1", csGot<&CConfig::dwCheckPeriod>, "4294967295"},
+        {"[AUTOANALYSE]\nENABLE=-1", csGot<&CConfig::bGetAutoAnalyseEnable>, "1"},
+        {"[ClusterNode]\nCluster=1", csGot<&CConfig::bClusterNode>, "1"},
+        {"[ClusterNode]\nCluster=2", csGot<&CConfig::bClusterNode>, "0"},
+        {"ActivityStatisticPeriod=-1", csGot<&CConfig::wGetStatPeriod>, "65535"},
+        {"ActivityStatisticMaxFileSize=4097", csGot<&CConfig::qwGetStatMaxFileSize>, "1048576"}, // wraps
         {"", csGot<&CConfig::GetLogFileName>, "<D>/EventLog.txt"},
         {"ErrorLogFile=%%EXE%%//a\\b", csGot<&CConfig::GetLogFileName>, "<D>/a\\b"},
         {"", csGot<&CConfig::GetRootDBPath>, "<D>/DB/"},
@@ -122,8 +103,6 @@ TEST_F(Config, TextsAndKeywordsFollowTheFile)
         {"SocketOptions=IPV6_ONLY, IPV4_ONLY", csGot<&CConfig::nGetsocketOptions>, "2"}, // as " IPV4_ONLY"
         {"Installer=NatiF", csGot<&CConfig::bIsInstallerNatif>, "1"},
         {"Installer=natif2", csGot<&CConfig::bIsInstallerNatif>, "0"},
-        {"[ClusterNode]\nCluster=1", csGot<&CConfig::bClusterNode>, "1"},
-        {"ActivityStatisticMaxFileSize=4097", csGot<&CConfig::qwGetStatMaxFileSize>, "1048576"}, // wraps
         {"DaemonUser=", csDaemonUser, "<none>"},
         {"DaemonUser=dbuser", csDaemonUser, "dbuser"},
     };
@@ -160,26 +139,21 @@ TEST_F(Config, ANamelessServerKeepsTheNameItIsGiven)
 
 TEST_F(Config, SettersChangeTheirLineOnly)
 {
-    const struct
-    {
-        const char *pszSection, *pszBefore, *pszAfter; // the line of the key
-        std::function<void(CConfig&)> fnSet;
-    } tCases[] = {
-        {"INIT", "AccessPort=2\n", "AccessPort = 65535\n", [](CConfig& cl) { cl.SetPort(65535); }},
-        {"INIT", "", "NdxCacheSize = 4294967295\n", [](CConfig& cl) { cl.SetCacheSizeMo(4294967295u); }},
-        {"INIT", "", "WindowsFileCacheSize = -2\n", [](CConfig& cl) { cl.SetWindowsFileCacheSize(-2); }},
-        {"INIT", "DaemonUser = x\n", "", [](CConfig& cl) { cl.SetUserDaemon(nullptr); }},
-        {"INIT", "JNLRootPath = x\n", "", [](CConfig& cl) { EXPECT_NE(cl.SetJNLPath(L""), 0); }},
-        {"INIT", "", "DBRootPath = %%EXE%%x\\y\n", [](CConfig& cl) { cl.SetDBRootPath(L"%%EXE%%x\\y"); }},
-        {"AUTOANALYSE", "ENABLE=1\n", "ENABLE = 0\n", [](CConfig& cl) { cl.SetAutoAnalyseEnable(false); }},
+    const std::tuple<const char*, const char*, std::function<void(CConfig&)>> tCases[] = {
+        // the line before and after
+        {"AccessPort=2\n", "AccessPort = 65535\n", [](CConfig& cl) { cl.SetPort(65535); }},
+        {"", "NdxCacheSize = 4294967295\n", [](CConfig& cl) { cl.SetCacheSizeMo(4294967295u); }},
+        {"", "WindowsFileCacheSize = -2\n", [](CConfig& cl) { cl.SetWindowsFileCacheSize(-2); }},
+        {"DaemonUser = x\n", "", [](CConfig& cl) { cl.SetUserDaemon(nullptr); }},
+        {"JNLRootPath = x\n", "", [](CConfig& cl) { EXPECT_NE(cl.SetJNLPath(L""), 0); }},
+        {"", "DBRootPath = %%EXE%%x\\y\n", [](CConfig& cl) { cl.SetDBRootPath(L"%%EXE%%x\\y"); }},
     };
-    for (const auto& st : tCases) {
-        SCOPED_TRACE(st.pszAfter);
-        const std::string csHead = ":note\r\n[ZZ]\nAccessPort=1\n["s + st.pszSection + "]\r\n; kept \r\n";
+    for (const auto& [pszBefore, pszAfter, fnSet] : tCases) {
+        const std::string csHead = ":note\r\n[ZZ]\nAccessPort=1\n[INIT]\r\n; kept \r\n";
         const std::string csTail = "\r\nlast line";
-        SetFile(csHead + st.pszBefore + csTail);
-        st.fnSet(m_clConfig);
-        EXPECT_EQ(csFile(), csHead + st.pszAfter + csTail);
+        SetFile(csHead + pszBefore + csTail);
+        fnSet(m_clConfig);
+        EXPECT_EQ(csFile(), csHead + pszAfter + csTail);
     }
     EXPECT_TRUE(m_clDirectory.bExists("x/y"));
 }

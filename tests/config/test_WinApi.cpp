@@ -120,27 +120,6 @@ TEST_F(ProfileFile, AWriteReplacesOrInsertsItsLineOnly)
     EXPECT_EQ(csGet(L"INIT", L"Name"), L"\xD83D\xDE00"); // unit by unit, which can be written again
 }
 
-TEST_F(ProfileFile, ABufferGetsWhatFitsOfTheValueOrTheDefault)
-{
-    const std::tuple<const wchar_t*, const wchar_t*, unsigned int, std::wstring> tCases[] = {
-        // key, default, size, what the buffer holds then
-        {L"Name", nullptr, 8, L"value\0##"s}, {L"Name", L"d", 5, L"valu\0###"s},
-        {L"Name", L"d", 1, L"\0#######"s},    {L"Name", L"d", 0, L"########"},
-        {L"None", L"def", 3, L"de\0#####"s},  {L"None", nullptr, 8, L"\0#######"s},
-    };
-    SetFile("[INIT]\nName=value\n");
-    for (const auto& [pszKey, pszDefault, nSize, csExpected] : tCases) {
-        std::wstring csBuffer(8, L'#');
-        EXPECT_EQ(
-            GetPrivateProfileString(L"INIT", pszKey, pszDefault, csBuffer.data(), nSize, m_csPath.c_str()),
-            nSize == 0 ? 0 : csExpected.find(L'\0'));
-        EXPECT_EQ(csBuffer, csExpected);
-    }
-    wchar_t szUntouched[] = L"#";
-    EXPECT_EQ(GetPrivateProfileString(L"INIT", L"Name", nullptr, szUntouched, 2, L"/no/file"), 0u);
-    EXPECT_STREQ(szUntouched, L"#");
-}
-
 TEST_F(ProfileFile, NarrowFunctionsAreInTheSystemsCodePageWhateverTheFileIsIn)
 {
     SetText("[INIT]\n", true);

@@ -4,30 +4,23 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 
 namespace fs = std::filesystem;
 
-namespace {
-int nEntries(const std::string& csFolder)
-{
-    std::error_code clIgnored;
-    return static_cast<int>(
-        std::distance(fs::directory_iterator(csFolder, clIgnored), fs::directory_iterator()));
-}
-} // namespace
-
 STFigures stFiguresOf(pid_t nProcess)
 {
     const std::string csProcess = "/proc/" + std::to_string(nProcess);
-    STFigures st{nEntries(csProcess + "/fd"), nEntries(csProcess + "/task"), 0};
+    STFigures st;
     std::error_code clIgnored;
     for (const auto& clTask : fs::directory_iterator(csProcess + "/task", clIgnored)) {
+        ++st.nThreads;
         std::ifstream clChildren(clTask.path() / "children");
-        for (std::string cs; clChildren >> cs;) {
-            ++st.nChildren;
-        }
+        st.nChildren += static_cast<int>(std::distance(std::istream_iterator<pid_t>(clChildren), {}));
     }
+    const fs::directory_iterator clDescriptors(csProcess + "/fd", clIgnored);
+    st.nDescriptors = static_cast<int>(std::distance(clDescriptors, {}));
     return st;
 }
 

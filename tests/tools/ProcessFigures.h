@@ -14,8 +14,7 @@ STFigures stFiguresOf(pid_t nProcess);
 /// What the manager holds in memory, in KiB. Its threads' stacks are known by their size.
 struct STMemory
 {
-    long nStacks =
-        0; ///< with those that the C library keeps for later threads (of 40 MiB in addresses at most)
+    long nStacks = 0;  ///< with those that the C library keeps for later threads
     long nDeepest = 0; ///< stack: a page of it is resident from its first use until the thread ends
     long nElse = 0;    ///< the programs and the heap
 };
