@@ -5,8 +5,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <functional>
-#include <gtest/gtest.h>
 #include <new>
 
 /// Allocations that this thread still gets; below 0: all.
@@ -29,26 +27,4 @@ inline thread_local int g_nAllocationsLeft = -1;
 [[gnu::visibility("default")]] void operator delete(void* p, std::size_t) noexcept
 {
     std::free(p);
-}
-
-/// Does something with no memory, then with one allocation more each time, until nothing is refused, which
-/// the judge is told. Nothing may be thrown.
-inline void StarveInTurn(const std::function<void()>& fnDo, const std::function<void(bool)>& fnJudge)
-{
-    bool bFed = false;
-    for (int nAllocations = 0; nAllocations < 100 && !bFed; ++nAllocations) {
-        SCOPED_TRACE(nAllocations);
-        bool bThrown = false;
-        g_nAllocationsLeft = nAllocations;
-        try {
-            fnDo();
-            bFed = g_nAllocationsLeft != 0;
-        } catch (const std::bad_alloc&) {
-            bThrown = true;
-        }
-        g_nAllocationsLeft = -1; // what gtest says takes memory, too
-        EXPECT_FALSE(bThrown);
-        fnJudge(bFed);
-    }
-    EXPECT_TRUE(bFed);
 }

@@ -180,20 +180,25 @@ inline STCommandResult stClient(const std::string& csPort, const std::string& cs
     return stRun("TERM=xterm " + csClient() + " --port " + csPort + " " + csArguments);
 }
 
-/// Runs the commands of a file of this folder: "$" and the arguments, what is shown, "=" and the status. A
-/// time is shown as T.
-inline void ExpectTranscript(const CScriptedManager& clManager, const std::string& csFile)
+/// Runs the commands of a file of this folder, with options before them: "$" and the arguments, what is
+/// shown, "=" and the status. A time is shown as T.
+inline void ExpectTranscript(const std::string& csOptions, const std::string& csFile)
 {
     const std::string csExpected = csReadSource("tests/velmoctl/" + csFile);
     std::string csShown;
     std::istringstream clLines(csExpected);
     for (std::string cs; std::getline(clLines, cs);) {
         if (cs.starts_with("$ ")) {
-            const STCommandResult st = stClient(clManager.csPort(), cs.substr(2));
+            const STCommandResult st = stRun("TERM=xterm " + csClient() + " " + csOptions + cs.substr(1));
             csShown += cs + "\n" + st.csOutput + "= " + std::to_string(st.nStatus) + "\n";
         }
     }
     csShown = std::regex_replace(csShown, std::regex("(time=|_seconds[^ ]* )[0-9.]+"), "$1T");
     EXPECT_FALSE(csExpected.empty());
     EXPECT_EQ(csShown, csExpected);
+}
+
+inline void ExpectTranscript(const CScriptedManager& clManager, const std::string& csFile)
+{
+    ExpectTranscript("--port " + clManager.csPort(), csFile);
 }

@@ -68,47 +68,24 @@ TEST(Client, ShowsWhatTheManagerAnswersForReadersAndForPrograms)
 
 TEST(Client, UninstallingFollowsTheManagersAnswers)
 {
-    const struct
-    {
-        const char* pszOptions;
-        const char* pszDeleting; ///< answer to the request with the files; null: it is not to come
-        const char* pszKeeping;  ///< answer to the one without them, which comes last
-        int nStatus;
-        const char* pszOutput;
-    } tCases[] = {
-        {"--yes --delete-files", "ERROR\t12\tSuccess", "OK", 0,
-         "\"X\" is uninstalled, its files are deleted"},
-        {"--yes --delete-files", "OK", nullptr, 1,
-         "\"X\" is uninstalled, but its files could not all be deleted"},
-        {"--yes --delete-files", "ERROR\t12\tSuccess", "ERROR\t13Read-only", 1,
-         "velmoctl: the files of \"X\" are deleted, its service is still registered: the server \"X\" on"},
-        {"--yes", nullptr, "ERROR\t3Canceled", 1,
-         "\"X\" on this machine could not be stopped, so nothing was removed (Canceled); \"systemctl status"},
-        {"--yes", nullptr, "ERROR\t11", 1,
-         "there is no server \"X\" on this machine that can be uninstalled; \"velmoctl list\""},
-        {"--yes", nullptr, "ERROR\t77\tnew", 1, "answered with error 77 about \"X\" (new)"},
-        {"--dry-run --delete-files", nullptr, nullptr, 0,
-         "\"X\" is running. Uninstalling would stop it, delete the folder of its program"},
-        {"", nullptr, nullptr, 2, "velmoctl: nobody can be asked without a terminal: add --yes"},
-    };
-    for (const auto& st : tCases) {
-        SCOPED_TRACE(st.pszOutput);
-        CScriptedManager::Answers tAnswers = {{"STATUS\tX", "STATUS\tRUNNING"}};
-        std::string csAsked = "STATUS\tX|";
-        for (const auto& [csRequest, pszAnswer] : {std::pair{std::string("UNINSTALL\tX\t1"), st.pszDeleting},
-                                                   {"UNINSTALL\tX\t0", st.pszKeeping}}) {
-            if (pszAnswer != nullptr) {
-                tAnswers[csRequest] = pszAnswer;
-                csAsked += csRequest + "|";
-            }
-        }
-        CScriptedManager clManager(tAnswers);
-        const STCommandResult stResult =
-            stClient(clManager.csPort(), std::string("uninstall X ") + st.pszOptions);
-        EXPECT_EQ(stResult.nStatus, st.nStatus);
-        EXPECT_THAT(stResult.csOutput, HasSubstr(st.pszOutput));
-        EXPECT_EQ(clManager.csAsked(), csAsked);
+    CScriptedManager::Answers tAnswers = {{"UNINSTALL\tall\t1", "ERROR\t12\tSuccess"},
+                                          {"UNINSTALL\tall\t0", "OK"},
+                                          {"UNINSTALL\tpart\t1", "OK"},
+                                          {"UNINSTALL\tstays\t1", "ERROR\t12\tSuccess"},
+                                          {"UNINSTALL\tstays\t0", "ERROR\t13Read-only"},
+                                          {"UNINSTALL\truns\t0", "ERROR\t3Canceled"},
+                                          {"UNINSTALL\tgone\t0", "ERROR\t11"},
+                                          {"UNINSTALL\tnew\t0", "ERROR\t77\tnew"}};
+    for (const std::string csName : {"all", "part", "stays", "runs", "gone", "new", "X"}) {
+        tAnswers["STATUS\t" + csName] = "STATUS\tRUNNING";
     }
+    CScriptedManager clManager(tAnswers);
+    ExpectTranscript(clManager, "uninstall.txt");
+    EXPECT_EQ(clManager.csAsked(), "STATUS\tall|UNINSTALL\tall\t1|UNINSTALL\tall\t0|"
+                                   "STATUS\tpart|UNINSTALL\tpart\t1|"
+                                   "STATUS\tstays|UNINSTALL\tstays\t1|UNINSTALL\tstays\t0|"
+                                   "STATUS\truns|UNINSTALL\truns\t0|STATUS\tgone|UNINSTALL\tgone\t0|"
+                                   "STATUS\tnew|UNINSTALL\tnew\t0|STATUS\tX|STATUS\tX|");
 }
 
 TEST(Client, AnAbsentSlowOrHostileManagerIsAClearErrorInTime)
