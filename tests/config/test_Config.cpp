@@ -1,6 +1,5 @@
 #include "config/Config.h"
 #include "support/Conversion.h"
-#include "support/WinApi.h"
 #include "support/XError.h"
 #include "support/XYString.h"
 #include "tools/PrivateWorld.h"
@@ -178,12 +177,4 @@ TEST_F(Config, ADatabaseRootThatCannotBeMadeLeavesTheFileAlone)
         EXPECT_EQ(nThrown([&, psz = pszPath] { m_clConfig.SetDBRootPath(psz); }), nErrno);
     }
     EXPECT_EQ(csFile(), "[INIT]\nDBRootPath = /old\n");
-}
-
-TEST_F(Config, WithoutADirectoryTheExecutablesCounts)
-{
-    const std::wstring csOwn = GetModuleFileNameW();
-    EXPECT_EQ(csGot<&CConfig::GetLogFileName>(CConfig(nullptr)),
-              csOwn.substr(0, csOwn.rfind(L'/') + 1) + L"EventLog.txt");
-    EXPECT_EQ(csGot<&CConfig::GetLogFileName>(CConfig(L"\\a\\b")), L"/a/b/EventLog.txt");
 }

@@ -11,7 +11,6 @@
 #include <new>
 #include <pwd.h>
 #include <sys/prctl.h>
-#include <thread>
 
 namespace {
 using ::testing::MatchesRegex;
@@ -100,23 +99,6 @@ TEST_F(Daemon, IsCutOffFromWhoeverStartedIt)
     EXPECT_EQ(nStop(), 0);
     EXPECT_FALSE(std::filesystem::exists(s_szPidFile));
     EXPECT_EQ(csEvents(), "started stop ended ");
-}
-
-TEST_F(Daemon, TheLauncherWaitsUntilTheServiceIsUpOrGone)
-{
-    const auto fnLate = [](const char* pszWord) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        CTestService::s_Note(pszWord);
-        return true;
-    };
-    EXPECT_EQ(nRun([&](CTestService& cl) { cl.m_fnStart = [&] { return fnLate("up "); }; }), 0);
-    EXPECT_EQ(csEvents(), "started up ");
-    EXPECT_EQ(nStop(), 0);
-    const auto fnSlowEnd = [&, nSession = ::getsid(0)] {
-        return bServiceMain(L"velmotest") && (::getsid(0) == nSession || fnLate("gone "));
-    };
-    EXPECT_EQ(nEndOf(nLaunch(FailStart, fnSlowEnd)), 0);
-    EXPECT_EQ(csEvents(), "started gone ");
 }
 
 TEST_F(Daemon, AFailedStartIsLoggedAndLeavesNothing)

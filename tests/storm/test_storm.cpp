@@ -21,6 +21,7 @@
 #include <gtest/gtest.h>
 #include <random>
 #include <regex>
+#include <sstream>
 #include <thread>
 
 namespace {
@@ -29,18 +30,7 @@ constexpr unsigned short s_wPort = 4999;
 constexpr std::chrono::seconds s_clLimit{3};
 constexpr char s_szWeather[] = "/run/velmo/weather";
 
-/// What precedes the usual systemctl: one line in /run/velmo/weather says how it behaves.
-constexpr char s_szSystemctl[] = R"(
-read -r weather </run/velmo/weather
-case $weather in
-slow) [ $(($$ % 4)) != 0 ] || sleep $(cat /run/velmo/slow) ;;
-fails) echo "Failed to connect to bus" >&2; exit 1 ;;
-garbage) head -c 20000 /dev/urandom; exit 0 ;;
-megabytes) head -c 4000000 /dev/zero | tr '\0' '='; exit 0 ;;
-killed) kill -9 $$ ;;
-dead) case "$*" in *ActiveState*) echo ActiveState=failed; exit 0 ;; esac ;;
-esac
-)";
+/// How systemctl behaves (see the script beside this file).
 constexpr const char* s_tWeathers[] = {"fine", "slow",      "fails",  "garbage",
                                        "fine", "megabytes", "killed", "dead"};
 
@@ -177,7 +167,9 @@ TEST(Storm, LeavesEverythingWhereItWas)
     REQUIRE_PRIVATE_WORLD();
     const char* const pszSeconds = std::getenv("VELMO_STORM_SECONDS");
     const int nSeconds = pszSeconds != nullptr ? std::atoi(pszSeconds) : 60;
-    const CManagerWorld clWorld(s_szSystemctl);
+    std::stringstream clScript;
+    clScript << std::ifstream(VELMO_STORM_SYSTEMCTL).rdbuf();
+    const CManagerWorld clWorld(clScript.str());
     std::ofstream(s_szWeather) << "fine\n";
     std::ofstream("/run/velmo/slow") << (nSeconds > 600 ? 30 : 3) << "\n";
     CManagerRun clManager;

@@ -19,14 +19,14 @@ namespace {
 using CClock = std::chrono::steady_clock;
 constexpr int s_nMachines = 40;
 
-/// Machine numbers of those that are no good, and of the one with many servers.
-constexpr int s_nRefuses = 5, s_nHangs = 11, s_nHalf = 17, s_nForeign = 23, s_nCrowded = 31;
+constexpr int s_nRefuses = 5, s_nCrowded = 31;
 
-/// What those send that answer, but not as a manager does.
+/// What those machines send that answer, but not as a manager does: one hangs, one stops halfway, one is
+/// something else.
 const std::map<int, std::vector<std::string>> s_tScripts = {
-    {s_nHangs, {g_csGreeting}},
-    {s_nHalf, {g_csGreeting, "OK\r\n", "YES\t24.0.6.0\tLinux"}},
-    {s_nForeign, {"220 mail ready\r\n"}},
+    {11, {g_csGreeting}},
+    {17, {g_csGreeting, "OK\r\n", "YES\t24.0.6.0\tLinux"}},
+    {23, {"220 mail ready\r\n"}},
 };
 
 std::string csNumber(int nMachine)
@@ -115,19 +115,9 @@ TEST(Fleet, AServiceManagerThatHangsIsToldInTime)
             cl.StaySilent();
         },
         "127.0.0.1", 4999);
-    const std::tuple<const char*, int, const char*> tCases[] = {
-        {"status --no-header A B", 3,
-         "A     stopped\nB     stopped\nvelmoctl: warning: the service manager of this machine could not be "
-         "asked; a server shown as stopped may have failed\n"},
-        {"stop A", 1, "velmoctl: systemd of this machine could not be asked about the server \"A\"\n"},
-    };
-    for (const auto& [pszArguments, nStatus, pszShown] : tCases) {
-        const auto clStart = CClock::now();
-        const STCommandResult st = stRun(csClient() + " --timeout 1 " + pszArguments);
-        EXPECT_LT(CClock::now() - clStart, std::chrono::seconds(3));
-        EXPECT_EQ(st.nStatus, nStatus);
-        EXPECT_EQ(st.csOutput, pszShown);
-    }
+    const auto clStart = CClock::now();
+    ExpectTranscript("--timeout 1", "hangs.txt");
+    EXPECT_LT(CClock::now() - clStart, std::chrono::seconds(5));
     stRun("rm -r /run/systemd");
 }
 
