@@ -188,27 +188,26 @@ TEST(Client, ForgedAnswersToADiscoveryAreLeftOut)
     const CDescripteur clSocket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     sockaddr_in6 st = stAddress("127.0.0.1", 4999);
     ASSERT_EQ(::bind(clSocket.nFd(), reinterpret_cast<sockaddr*>(&st), sizeof st), 0);
-    std::string csQuestions;
+    const std::string tAnswers[] = {
+        "", "\r\n", "YES\tv", std::string(60'000, '\xFF'), csInfo("\t\033[2Jx\t1"), csInfo("\tagain\t2")};
+    int nQuestions = 0;
     std::thread clAnswers([&] {
         std::array<char, 100> tBytes{};
         socklen_t nLength = sizeof st;
-        for (ssize_t nRead = 0; (nRead = ::recvfrom(clSocket.nFd(), tBytes.data(), tBytes.size(), 0,
-                                                    reinterpret_cast<sockaddr*>(&st), &nLength)) > 0;) {
-            csQuestions.append(tBytes.data(), static_cast<std::size_t>(nRead));
-            for (const std::string& cs :
-                 {std::string(), std::string("\r\n"), std::string("YES\tv"), std::string(60'000, '\xFF'),
-                  csInfo("\t\033[2Jx\t1"), csInfo("\tagain\t2")}) {
-                ::sendto(clSocket.nFd(), cs.data(), cs.size(), 0, reinterpret_cast<sockaddr*>(&st), nLength);
+        auto* const pst = reinterpret_cast<sockaddr*>(&st);
+        while (::recvfrom(clSocket.nFd(), tBytes.data(), tBytes.size(), 0, pst, &nLength) > 0) {
+            ++nQuestions;
+            for (const std::string& cs : tAnswers) {
+                ::sendto(clSocket.nFd(), cs.data(), cs.size(), 0, pst, nLength);
             }
         }
     });
-    const STCommandResult stResult = stRun(csClient() + " discover --timeout 0.4 2>&1");
+    EXPECT_EQ(stRun(csClient() + " discover --timeout 0.4 2>&1").csOutput,
+              "ADDRESS                   VERSION   SYSTEM   SERVERS\n"
+              "127.0.0.1 (this machine)  24.0.6.0  Linux X  �[2Jx:1\n");
     ::shutdown(clSocket.nFd(), SHUT_RDWR);
     clAnswers.join();
-    EXPECT_EQ(stResult.csOutput, "ADDRESS                   VERSION   SYSTEM   SERVERS\n"
-                                 "127.0.0.1 (this machine)  24.0.6.0  Linux X  �[2Jx:1\n");
-    const std::string csQuestion = "ARE YOU A DEXARO MANAGER UTF-8?\r\n";
-    EXPECT_EQ(csQuestions, csQuestion + csQuestion + csQuestion);
+    EXPECT_EQ(nQuestions, 3);
 }
 
 TEST(Client, AWrongCommandLineIsToldAndNothingIsSent)

@@ -118,8 +118,8 @@ TEST(Terminal, ColoursAreForTerminalsWhoseUserWantsThem)
 
 TEST(Terminal, AWatchGoesOnUntilTheUserEndsItAndBringsTheCursorBack)
 {
+    CScriptedManager clManager(s_tAnswers);
     for (const char* pszKey : {"q", "\x03"}) {
-        CScriptedManager clManager(s_tAnswers);
         CProgramOnTerminal clProgram(csOn(clManager, "watch --interval 0.05"));
         ASSERT_TRUE(clProgram.bShows("\033[?25l"));
         EXPECT_TRUE(clProgram.bShows("Orders"));
@@ -226,10 +226,7 @@ TEST(Terminal, TheShellEditsKeepsAHistoryAndOutlivesAnInterruptedCommand)
 
     CProgramOnTerminal clSecond(csShell);
     ASSERT_TRUE(clSecond.bShows("velmo> "));
-    for (int n = 0; n < 20; ++n) {
-        clSecond.Type("\033[A"); // up to the first line of the first shell
-    }
-    clSecond.Type("\r");
+    clSecond.Type("\033[A\033[A\033[A\033[A\033[A\033[A\033[A\033[A\033[A\r"); // the first shell's first line
     EXPECT_TRUE(clSecond.bShows("running\r\n"));
     clSecond.Type("quit\r");
     EXPECT_EQ(clSecond.nEnd(), 0);
