@@ -277,14 +277,11 @@ TEST_F(ProfileFile, AWriteGoesThroughALinkOnlyWhenRootMadeItAndNeverIntoAFileOfT
     if (::geteuid() != 0) {
         GTEST_SKIP() << "SKIPPED: only root can give files away";
     }
+    const std::string csMake = " && rm -rf * && mkdir root nobody && touch root/b.ini nobody/b.ini && "
+                               "chown -R nobody nobody && ";
     for (const auto& st : tCases) {
         SCOPED_TRACE(st.pszMake);
-        ASSERT_EQ(stRun("cd " + m_clDirectory.csPath() +
-                        " && rm -rf * && mkdir root nobody && touch root/b.ini nobody/b.ini && "
-                        "chown -R nobody nobody && " +
-                        st.pszMake)
-                      .nStatus,
-                  0);
+        ASSERT_EQ(stRun("cd " + m_clDirectory.csPath() + csMake + st.pszMake).nStatus, 0);
         EXPECT_EQ(nErrnoOfSet(m_csPath, L"v"), st.nErrno);
         EXPECT_EQ(m_clDirectory.csRead(st.pszFile), st.nErrno == 0 ? "[INIT]\nName = v\n" : "");
     }

@@ -1,30 +1,8 @@
 #include "main/GestionServiceLigneCmd.h"
-#include "main/ServiceUnix.h"
 
-#include <array>
-#include <cstring>
 #include <gtest/gtest.h>
 #include <tuple>
 #include <wordexp.h>
-
-namespace {
-/// Place of a virtual operation in its class's table, from 1 on; a pointer to it holds its offset there.
-template <class TOperation>
-std::size_t nSlot(TOperation pfnOperation)
-{
-    std::size_t nOffset = 0;
-    std::memcpy(&nOffset, &pfnOperation, sizeof nOffset);
-    return nOffset / sizeof(void*) + 1;
-}
-} // namespace
-
-TEST(Service, OperationsHaveTheSlotsThatServicesAreBuiltWith)
-{
-    const std::array tSlots = {nSlot(&CServiceImp::MainLoop), nSlot(&CServiceImp::pclGetLogger),
-                               nSlot(&CServiceImp::bStart), nSlot(&CServiceImp::Stop),
-                               nSlot(&CServiceImp::vbLogStartOK)};
-    EXPECT_EQ(tSlots, (std::array<std::size_t, 5>{1, 2, 3, 4, 8}));
-}
 
 TEST(CommandLine, AnOptionIsAWholeArgumentInAnyCaseAtAnyPlace)
 {
