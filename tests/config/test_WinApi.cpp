@@ -1,6 +1,8 @@
 #include "config/WinApi.h"
 #include "support/Conversion.h"
+#include "support/Descripteur.h"
 #include "support/RateLimit.h"
+#include "tools/Command.h"
 #include "tools/PrivateWorld.h"
 #include "tools/TempDir.h"
 
@@ -8,7 +10,6 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <sys/mount.h>
@@ -34,9 +35,16 @@ protected:
             GetPrivateProfileString(pszSection, pszKey, L"<none>", csBuffer.data(), nSize, m_csPath.c_str()));
         return csBuffer;
     }
-    int nSet(const wchar_t* pszSection, const wchar_t* pszKey, const wchar_t* pszValue)
+    bool bSet(const wchar_t* pszSection, const wchar_t* pszKey, const wchar_t* pszValue)
     {
-        return WritePrivateProfileString(pszSection, pszKey, pszValue, m_csPath.c_str());
+        return WritePrivateProfileString(pszSection, pszKey, pszValue, m_csPath.c_str()) != 0;
+    }
+    /// The errno of a write into the section INIT; 0 when it succeeds.
+    static int nErrnoOfSet(const std::wstring& csPath, const std::wstring& csValue)
+    {
+        errno = 0;
+        const bool bDone = WritePrivateProfileString(L"INIT", L"Name", csValue.c_str(), csPath.c_str()) != 0;
+        return bDone ? 0 : errno;
     }
     std::string csFile() const { return m_clDirectory.csRead("a.ini"); }
     void SetFile(const std::string& csBytes) const { m_clDirectory.csWrite("a.ini", csBytes); }
@@ -102,35 +110,14 @@ TEST_F(ProfileFile, AWriteReplacesOrInsertsItsLineOnly)
     for (const auto& [pszBefore, pszKey, pszValue, pszAfter] : tCases) {
         for (const bool bUnicode : {false, true}) {
             SetText(pszBefore, bUnicode);
-            EXPECT_NE(nSet(L"INIT", pszKey, pszValue), 0);
+            EXPECT_TRUE(bSet(L"INIT", pszKey, pszValue));
             EXPECT_EQ(csFile(), csEncoded(pszAfter, bUnicode)) << pszBefore;
         }
     }
     SetText("", true);
-    EXPECT_NE(nSet(L"INIT", L"Name", L"\x1F600"), 0);
+    EXPECT_TRUE(bSet(L"INIT", L"Name", L"\x1F600"));
     EXPECT_EQ(csFile(), "\xFF\xFE" + csToUTF16(L"[INIT]\nName = \x1F600\n"));
     EXPECT_EQ(csGet(L"INIT", L"Name"), L"\xD83D\xDE00"); // unit by unit, which can be written again
-}
-
-TEST_F(ProfileFile, ABufferGetsWhatFitsOfTheValueOrTheDefault)
-{
-    const std::tuple<const wchar_t*, const wchar_t*, unsigned int, std::wstring> tCases[] = {
-        // key, default, size, what the buffer holds then
-        {L"Name", nullptr, 8, L"value\0##"s}, {L"Name", L"d", 5, L"valu\0###"s},
-        {L"Name", L"d", 1, L"\0#######"s},    {L"Name", L"d", 0, L"########"},
-        {L"None", L"def", 3, L"de\0#####"s},  {L"None", nullptr, 8, L"\0#######"s},
-    };
-    SetFile("[INIT]\nName=value\n");
-    for (const auto& [pszKey, pszDefault, nSize, csExpected] : tCases) {
-        std::wstring csBuffer(8, L'#');
-        EXPECT_EQ(
-            GetPrivateProfileString(L"INIT", pszKey, pszDefault, csBuffer.data(), nSize, m_csPath.c_str()),
-            nSize == 0 ? 0 : csExpected.find(L'\0'));
-        EXPECT_EQ(csBuffer, csExpected);
-    }
-    wchar_t szUntouched[] = L"#";
-    EXPECT_EQ(GetPrivateProfileString(L"INIT", L"Name", nullptr, szUntouched, 2, L"/no/file"), 0u);
-    EXPECT_STREQ(szUntouched, L"#");
 }
 
 TEST_F(ProfileFile, NarrowFunctionsAreInTheSystemsCodePageWhateverTheFileIsIn)
@@ -142,25 +129,19 @@ TEST_F(ProfileFile, NarrowFunctionsAreInTheSystemsCodePageWhateverTheFileIsIn)
     EXPECT_EQ(csGet(L"INIT", L"Name"), L"\x20ACuro");
     EXPECT_EQ(GetPrivateProfileStringA("init", "name", "d", szNarrow, 4, csPath.c_str()), 3u);
     EXPECT_STREQ(szNarrow, "\x80ur");
-    EXPECT_EQ(GetPrivateProfileStringA("init", "none", "\x81", szNarrow, 4, csPath.c_str()), 1u);
-    EXPECT_STREQ(szNarrow, "\x81");
 }
 
 TEST_F(ProfileFile, AFirstWriteCreatesAnAnsiFileWithoutLeakingDescriptors)
 {
     const mode_t nMask = ::umask(027);
-    const int nFree = ::dup(0);
-    ::close(nFree);
-    EXPECT_NE(nSet(L"INIT", L"Name", L"x"), 0);
-    EXPECT_EQ(nSet(nullptr, L"Name", L"x"), 0);
+    const int nFree = CDescripteur(::dup(0)).nFd();
+    EXPECT_TRUE(bSet(L"INIT", L"Name", L"x"));
+    EXPECT_FALSE(bSet(nullptr, L"Name", L"x"));
     EXPECT_EQ(csGet(L"INIT", L"Name"), L"x");
-    const int nFreeAfter = ::dup(0);
-    ::close(nFreeAfter);
+    EXPECT_EQ(CDescripteur(::dup(0)).nFd(), nFree);
     ::umask(nMask);
-    EXPECT_EQ(std::filesystem::status(m_clDirectory.csPath("a.ini")).permissions(),
-              std::filesystem::perms(0640));
+    EXPECT_EQ(std::filesystem::status(csToUTF8(m_csPath)).permissions(), std::filesystem::perms(0640));
     EXPECT_EQ(csFile(), "[INIT]\nName = x\n");
-    EXPECT_EQ(nFree, nFreeAfter);
 }
 
 TEST_F(ProfileFile, WhatIsNoRegularFileIsRefusedAtOnce)
@@ -176,63 +157,36 @@ TEST_F(ProfileFile, WhatIsNoRegularFileIsRefusedAtOnce)
     };
     for (const auto& [csPath, nErrno] : tCases) {
         SCOPED_TRACE(csToUTF8(csPath));
-        EXPECT_EQ(GetPrivateProfileInt(L"INIT", L"N", 77, csPath.c_str()), 77);
-        errno = 0;
-        EXPECT_EQ(WritePrivateProfileString(L"INIT", L"N", L"1", csPath.c_str()), 0);
-        EXPECT_EQ(errno, nErrno);
+        EXPECT_EQ(GetPrivateProfileInt(L"INIT", L"Name", 77, csPath.c_str()), 77);
+        EXPECT_EQ(nErrnoOfSet(csPath, L"1"), nErrno);
     }
 }
 
-TEST_F(ProfileFile, AFileThatCannotGrowStaysAsItWas)
+TEST_F(ProfileFile, AFileThatCannotGrowStaysAsItWasAndTheProcessIsSpared)
 {
     REQUIRE_PRIVATE_WORLD();
-    ASSERT_EQ(::mount("tmpfs", m_clDirectory.csPath().c_str(), "tmpfs", 0, "size=16k"), 0);
+    const auto fnMount = [this](unsigned long nFlags) {
+        return ::mount("tmpfs", m_clDirectory.csPath().c_str(), "tmpfs", nFlags, "size=16k");
+    };
+    ASSERT_EQ(fnMount(0), 0);
     const std::string csBefore = "[INIT]\nName = x\n" + std::string(4096 - 18, '.') + "\n";
+    const std::wstring csLong(500, L'v');
     SetFile(csBefore);
-    std::ofstream clRest(m_clDirectory.csPath("rest"));
-    for (int n = 0; n < 32 && clRest << std::string(1024, 'r') << std::flush; ++n) { // twice the disk at most
-    }
-    ASSERT_FALSE(clRest.good());
-    clRest.close();
-    errno = 0;
-    EXPECT_EQ(nSet(L"INIT", L"Name", std::wstring(500, L'v').c_str()), 0);
-    EXPECT_EQ(errno, ENOSPC);
-    EXPECT_EQ(csFile(), csBefore);
-    EXPECT_NE(nSet(L"INIT", L"Name", L"y"), 0); // as long as before: needs no space
-    ASSERT_EQ(::mount("tmpfs", m_clDirectory.csPath().c_str(), "tmpfs", MS_REMOUNT | MS_RDONLY, nullptr), 0);
-    errno = 0;
-    EXPECT_EQ(nSet(L"INIT", L"Name", L"z"), 0);
-    EXPECT_EQ(errno, EROFS);
-    EXPECT_EQ(csGet(L"INIT", L"Name"), L"y");
-}
-
-TEST_F(ProfileFile, AWritePastTheFileSizeLimitFailsAndSparesTheProcess)
-{
-    SetFile("[INIT]\nName = x\n");
     rlimit stOld{};
     ::getrlimit(RLIMIT_FSIZE, &stOld);
-    const rlimit stLimit{20, stOld.rlim_max};
-    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &stLimit), 0);
-    errno = 0;
-    EXPECT_EQ(nSet(L"INIT", L"Other", L"much more than fits"), 0);
-    EXPECT_EQ(errno, EFBIG);
+    const rlimit stLimit{4100, stOld.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &stLimit), 0); // whose signal ends a process
+    EXPECT_EQ(nErrnoOfSet(m_csPath, csLong), EFBIG);
     ::setrlimit(RLIMIT_FSIZE, &stOld);
-    EXPECT_EQ(csFile(), "[INIT]\nName = x\n");
-}
+    EXPECT_EQ(csFile(), csBefore);
 
-TEST_F(ProfileFile, LargeFilesAreReadAndWrittenInBlocks)
-{
-    std::string csBytes = "[FIRST]\nName = 1\n[INIT]\n";
-    while (csBytes.size() < 9u << 20) {
-        csBytes += "Key" + std::to_string(csBytes.size()) + " = some value\n";
-    }
-    csBytes += std::string(1 << 20, 'l') + "\nName = " + std::string(1 << 20, 'v') + "\n";
-    SetFile(csBytes);
-    const auto clStart = std::chrono::steady_clock::now();
-    EXPECT_EQ(csGet(L"INIT", L"Name", 100), std::wstring(99, L'v'));
-    EXPECT_NE(nSet(L"FIRST", L"Name", L"longer"), 0);
-    EXPECT_LT(std::chrono::steady_clock::now() - clStart, std::chrono::seconds(2)); // sanitizers included
-    EXPECT_EQ(csFile(), csBytes.replace(8, 8, "Name = longer"));
+    ASSERT_NE(stRun("head -c 32768 /dev/zero >" + m_clDirectory.csPath("rest")).nStatus, 0); // all there is
+    EXPECT_EQ(nErrnoOfSet(m_csPath, csLong), ENOSPC);
+    EXPECT_EQ(csFile(), csBefore);
+    EXPECT_EQ(nErrnoOfSet(m_csPath, L"y"), 0) << "as long as before: needs no space";
+    ASSERT_EQ(fnMount(MS_REMOUNT | MS_RDONLY), 0);
+    EXPECT_EQ(nErrnoOfSet(m_csPath, L"z"), EROFS);
+    EXPECT_EQ(csGet(L"INIT", L"Name"), L"y");
 }
 
 TEST_F(ProfileFile, OfALineItsBeginIsReadAndAWriteKeepsItByteForByte)
@@ -245,10 +199,10 @@ TEST_F(ProfileFile, OfALineItsBeginIsReadAndAWriteKeepsItByteForByte)
         SetText(csText, bUnicode);
         EXPECT_EQ(csGet(L"FIRST", L"Name"), L"1");
         EXPECT_EQ(csGet(L"FIRST", L"Long", 1025), std::wstring(1024, L'x'));
-        EXPECT_NE(nSet(L"FIRST", L"Name", L"longer"), 0);
+        EXPECT_TRUE(bSet(L"FIRST", L"Name", L"longer"));
         csText.replace(csText.find("Name = 1"), 8, "Name = longer");
         EXPECT_EQ(csFile(), csEncoded(csText, bUnicode));
-        EXPECT_NE(nSet(L"FIRST", L"Long", nullptr), 0);
+        EXPECT_TRUE(bSet(L"FIRST", L"Long", nullptr));
         csText.erase(csText.find("Long="), 5 + csLong.size() + 2);
         EXPECT_EQ(csFile(), csEncoded(csText, bUnicode));
     }
@@ -267,11 +221,8 @@ TEST_F(ProfileFile, AFileBeyondSixteenMiBIsNeitherReadNorEditedAndToldOnce)
         const bool bRead = nSize <= nMax;
         const auto clStart = std::chrono::steady_clock::now();
         EXPECT_EQ(csGet(L"INIT", L"Name"), bRead ? L"value" : L"<none>");
-        EXPECT_EQ(GetPrivateProfileInt(L"INIT", L"None", 5, m_csPath.c_str()), 5);
-        errno = 0;
-        EXPECT_EQ(nSet(L"INIT", L"Name", L"value too long to fit"), 0) << "it would not be read any more";
-        EXPECT_EQ(errno, EFBIG);
-        EXPECT_EQ(nSet(L"INIT", L"Name", L"other"), bRead ? 1 : 0);
+        EXPECT_EQ(nErrnoOfSet(m_csPath, L"too long to fit"), EFBIG) << "it would not be read any more";
+        EXPECT_EQ(nErrnoOfSet(m_csPath, L"other"), bRead ? 0 : EFBIG);
         EXPECT_LT(std::chrono::steady_clock::now() - clStart, std::chrono::seconds(2));
         EXPECT_EQ(std::filesystem::file_size(m_clDirectory.csPath("a.ini")), nSize);
         EXPECT_EQ(nTold, bRead ? 0 : 1) << "once a minute";
@@ -295,17 +246,13 @@ TEST(RateLimit, LetsOneThroughAMinuteForEachSubject)
 TEST_F(ProfileFile, ABareNameLiesInTheHomeDirectoryOfThePasswordDatabase)
 {
     REQUIRE_PRIVATE_WORLD();
-    const passwd* pst = ::getpwuid(::getuid());
-    ASSERT_NE(pst, nullptr);
-    const std::string csHome = pst->pw_dir;
+    const std::string csHome = ::getpwuid(::getuid())->pw_dir;
     ASSERT_EQ(::mount("tmpfs", csHome.c_str(), "tmpfs", 0, nullptr), 0); // for this program only
     EXPECT_NE(WritePrivateProfileString(L"INIT", L"Name", L"bare", L"some.ini"), 0);
-    EXPECT_EQ(::access((csHome + "/some.ini").c_str(), F_OK), 0);
+    EXPECT_TRUE(std::filesystem::exists(csHome + "/some.ini"));
     EXPECT_EQ(GetProfileInt(L"INIT", L"N", 5), 5);
     EXPECT_NE(WriteProfileString(L"INIT", L"N", L"12"), 0);
     EXPECT_EQ(GetProfileInt(L"INIT", L"N", 5), 12);
-    wchar_t szValue[4];
-    EXPECT_EQ(GetProfileString(L"INIT", L"N", L"", szValue, 4), 2u);
     EXPECT_EQ(GetPrivateProfileInt(L"INIT", L"N", 5, (csFromUTF8(csHome) + L"\\.NVS.conf").c_str()), 12);
 }
 
@@ -330,18 +277,12 @@ TEST_F(ProfileFile, AWriteGoesThroughALinkOnlyWhenRootMadeItAndNeverIntoAFileOfT
     if (::geteuid() != 0) {
         GTEST_SKIP() << "SKIPPED: only root can give files away";
     }
+    const std::string csMake = " && rm -rf * && mkdir root nobody && touch root/b.ini nobody/b.ini && "
+                               "chown -R nobody nobody && ";
     for (const auto& st : tCases) {
         SCOPED_TRACE(st.pszMake);
-        const std::string csMake = "cd " + m_clDirectory.csPath() +
-                                   " && rm -rf * && mkdir root nobody && touch root/b.ini nobody/b.ini && "
-                                   "chown -R nobody nobody && " +
-                                   st.pszMake;
-        ASSERT_EQ(std::system(csMake.c_str()), 0);
-        errno = 0;
-        EXPECT_EQ(nSet(L"INIT", L"Name", L"v") != 0, st.nErrno == 0);
-        EXPECT_TRUE(st.nErrno == 0 || errno == st.nErrno) << errno;
-        EXPECT_EQ(m_clDirectory.bExists(st.pszFile) &&
-                      m_clDirectory.csRead(st.pszFile).find("v") != std::string::npos,
-                  st.nErrno == 0);
+        ASSERT_EQ(stRun("cd " + m_clDirectory.csPath() + csMake + st.pszMake).nStatus, 0);
+        EXPECT_EQ(nErrnoOfSet(m_csPath, L"v"), st.nErrno);
+        EXPECT_EQ(m_clDirectory.csRead(st.pszFile), st.nErrno == 0 ? "[INIT]\nName = v\n" : "");
     }
 }

@@ -26,12 +26,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* pBytes, std::size_t nB
     csBytes.copy(reinterpret_cast<char*>(pstSend.get()), sizeof(stSEND));
     const STRegistration stAnsi = stReadAnsi(*pstSend);
     Require(stAnsi.csName.size() <= 261 && stAnsi.csPath.size() <= 261);
-    Require(stAnsi.csName.find(L'\0') == std::wstring::npos &&
-            stAnsi.csPath.find(L'\0') == std::wstring::npos);
     const STRegistration stWide = stReadUTF16(*pstSend);
     Require(stWide.csName.size() <= 129 && stWide.csPath.size() <= 262);
-    Require(stWide.csName.find(L'\0') == std::wstring::npos &&
-            stWide.csPath.find(L'\0') == std::wstring::npos);
+    for (const std::wstring& cs : {stAnsi.csName, stAnsi.csPath, stWide.csName, stWide.csPath}) {
+        Require(cs.find(L'\0') == std::wstring::npos);
+    }
 
     const auto pstReturn = std::make_unique<stRET>();
     const std::string csText = csToUTF8(csFromUTF8(csBytes)); // what a reply is made of is well-formed

@@ -6,7 +6,6 @@
 #include "tools/Wait.h"
 
 #include <array>
-#include <cerrno>
 #include <cstddef>
 #include <gtest/gtest.h>
 #include <string>
@@ -66,11 +65,11 @@ public:
     /// The next entry as "<priority>text", without date and program; empty when none comes in time.
     std::string csNext(int nMs = 5000) const
     {
-        const std::string csEntry = m_clReceiver.csNext(nMs);
-        const std::string csProgram = std::string(" ") + program_invocation_short_name + ": ";
-        return csEntry.empty() ? ""
-                               : csEntry.substr(0, csEntry.find('>') + 1) +
-                                     csEntry.substr(csEntry.find(csProgram) + csProgram.size());
+        std::string csEntry = m_clReceiver.csNext(nMs);
+        if (const std::size_t nText = csEntry.find(": "); nText != csEntry.npos) {
+            csEntry.erase(csEntry.find('>') + 1, nText + 1 - csEntry.find('>'));
+        }
+        return csEntry;
     }
     bool bSilent() const { return csNext(50).empty(); }
 

@@ -4,6 +4,7 @@
 #include "support/ZTSem.h"
 #include "tools/Wait.h"
 
+#include <cwchar>
 #include <fcntl.h>
 #include <fstream>
 #include <functional>
@@ -44,8 +45,14 @@ public:
         m_clEnd.__Post(0);
     }
     bool vbWithCoreDump() override { return m_bCoreDump; }
-    bool vbGetServiceUser(wchar_t* pszUser) override { return bCopy(m_csUser, pszUser); }
-    bool vbGetOwnDirectory(wchar_t* pszDirectory) override { return bCopy(m_csDirectory, pszDirectory); }
+    bool vbGetServiceUser(wchar_t* pszUser) override
+    {
+        return std::wcscpy(pszUser, m_csUser.c_str())[0] != 0;
+    }
+    bool vbGetOwnDirectory(wchar_t* pszDirectory) override
+    {
+        return std::wcscpy(pszDirectory, m_csDirectory.c_str())[0] != 0;
+    }
 
     /// Async-signal-safe.
     static void s_Note(const char* pszWord)
@@ -61,12 +68,6 @@ public:
     bool m_bCoreDump = false;
 
 private:
-    static bool bCopy(const std::wstring& cs, wchar_t* psz)
-    {
-        cs.copy(psz, 260);
-        psz[cs.size()] = L'\0';
-        return !cs.empty();
-    }
     CLogger m_clLogger;
     CZTSemNoInit m_clEnd;
 };

@@ -1,32 +1,8 @@
-#include "main/ErrorMsg.h"
 #include "main/GestionServiceLigneCmd.h"
-#include "main/ServiceUnix.h"
 
-#include <cerrno>
-#include <cstring>
 #include <gtest/gtest.h>
 #include <tuple>
 #include <wordexp.h>
-
-namespace {
-/// Place of a virtual operation in its class's table, from 1 on; a pointer to it holds its offset there.
-template <class TOperation>
-std::size_t nSlot(TOperation pfnOperation)
-{
-    std::size_t nOffset = 0;
-    std::memcpy(&nOffset, &pfnOperation, sizeof nOffset);
-    return nOffset / sizeof(void*) + 1;
-}
-} // namespace
-
-TEST(Service, OperationsHaveTheSlotsThatServicesAreBuiltWith)
-{
-    EXPECT_EQ(nSlot(&CServiceImp::MainLoop), 1u);
-    EXPECT_EQ(nSlot(&CServiceImp::pclGetLogger), 2u);
-    EXPECT_EQ(nSlot(&CServiceImp::bStart), 3u);
-    EXPECT_EQ(nSlot(&CServiceImp::Stop), 4u);
-    EXPECT_EQ(nSlot(&CServiceImp::vbLogStartOK), 8u);
-}
 
 TEST(CommandLine, AnOptionIsAWholeArgumentInAnyCaseAtAnyPlace)
 {
@@ -52,14 +28,4 @@ TEST(CommandLine, AnOptionIsAWholeArgumentInAnyCaseAtAnyPlace)
         EXPECT_STREQ(csValue.c_str(), pszValue);
         ::wordfree(&stWords);
     }
-}
-
-TEST(CommandLine, AServiceManagerThatRefusesIsToldWithTheSystemsReason)
-{
-    ::testing::internal::CaptureStdout();
-    errno = EACCES;
-    ShowErrorIDSError_Service(0, 4003);
-    EXPECT_TRUE(::testing::internal::GetCapturedStdout().starts_with(
-        "The service \"VelmoManager\" cannot be registered or looked up with the system's service manager: "
-        "Permission denied."));
 }

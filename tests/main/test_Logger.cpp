@@ -20,5 +20,4 @@ TEST(Logger, WritesFormattedTextToTheSystemLogAtItsPriority)
     errno = ENOENT;
     clLogger.AddLogSystemError(L"open of %ls failed, try %d", L"/etc/x", 3);
     EXPECT_EQ(clLog.csNext(), "<11>open of /etc/x failed, try 3 , error 2, No such file or directory");
-    EXPECT_TRUE(clLog.bSilent());
 }

@@ -12,6 +12,7 @@
 #include <tuple>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 std::string csBuildFolder()
 {
@@ -44,30 +45,31 @@ std::string csFileName(const std::string& csUnit)
     }
     return csName;
 }
+
+void Put(const std::string& csFolder, const std::vector<std::string>& tPrograms,
+         const std::string& csSettings)
+{
+    const std::string csHome = "/opt/velmo/" + csFolder + "/";
+    std::filesystem::create_directories(csHome);
+    for (const std::string& csFile : tPrograms) {
+        std::filesystem::copy_file(csBuildFolder() + "/" + csFile, csHome + csFile,
+                                   std::filesystem::copy_options::overwrite_existing);
+    }
+    std::ofstream(csHome + "DXConf.ini") << csSettings;
+}
 } // namespace
 
 void PutManager(const std::string& csFolder, const std::string& csSettings)
 {
-    const std::string csHome = "/opt/velmo/" + csFolder + "/";
-    std::filesystem::create_directories(csHome);
-    for (const char* pszFile : {"VelmoManager", "zt240obj.so", "zt240vm64.so"}) {
-        std::filesystem::copy_file(csBuildFolder() + "/" + pszFile, csHome + pszFile,
-                                   std::filesystem::copy_options::overwrite_existing);
-    }
-    std::ofstream(csHome + "DXConf.ini") << "[MANAGER]\n" << csSettings;
+    Put(csFolder, {"VelmoManager", "zt240obj.so", "zt240vm64.so"}, "[MANAGER]\n" + csSettings);
 }
 
 void PutServer(const std::string& csFolder, int nPort, const std::string& csSettings,
                const std::string& csName)
 {
-    const std::string csHome = "/opt/velmo/" + csFolder + "/";
-    std::filesystem::create_directories(csHome);
-    std::filesystem::copy_file(csBuildFolder() + "/dxdemo", csHome + "dxdemo",
-                               std::filesystem::copy_options::overwrite_existing);
-    std::ofstream(csHome + "DXConf.ini")
-        << "[INIT]\n"
-        << (csName.empty() ? "" : "Name=" + csName + "\n") << "AccessPort=" << nPort << "\n[DEMO]\n"
-        << csSettings;
+    Put(csFolder, {"dxdemo"},
+        "[INIT]\n" + (csName.empty() ? "" : "Name=" + csName + "\n") + "AccessPort=" + std::to_string(nPort) +
+            "\n[DEMO]\n" + csSettings);
 }
 
 void AddServer(const std::string& csFolder, const std::string& csUnit, int nPort,
@@ -76,10 +78,9 @@ void AddServer(const std::string& csFolder, const std::string& csUnit, int nPort
     PutServer(csFolder, nPort, csSettings);
     std::ofstream("/lib/systemd/system/" + csFileName(csUnit) + ".service")
         << "[Unit]\nDescription=" << (csDisplayName.empty() ? csUnit : csDisplayName)
-        << "\nAfter=network.target\n[Install]\nWantedBy=multi-user.target\n[Service]\nType="
-           "forking\nExecStart="
-        << "/opt/velmo/" << csFolder << "/dxdemo --SERVICE " << csUnit << "\nPIDFile=/var/run/" << csUnit
-        << ".pid\n";
+        << "\nAfter=network.target\n[Install]\nWantedBy=multi-user.target\n[Service]\nType=forking\n"
+        << "ExecStart=/opt/velmo/" << csFolder << "/dxdemo --SERVICE " << csUnit << "\n"
+        << "PIDFile=/var/run/" << csUnit << ".pid\n";
 }
 
 void RemoveServices()
@@ -100,9 +101,7 @@ CManagerProcess::CManagerProcess(const std::string& csCommand) : m_nPid(::fork()
 
 CManagerProcess::~CManagerProcess()
 {
-    if (m_nPid > 0) {
-        std::ignore = nEndOf(m_nPid, 0);
-    }
+    std::ignore = m_nPid > 0 ? nEndOf(m_nPid, 0) : 0;
 }
 
 bool CManagerProcess::bAnswers() const

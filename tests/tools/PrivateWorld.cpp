@@ -28,17 +28,14 @@ bool bMakeWorld()
         return false;
     }
 
-    for (const char* pszFolder : {"/etc/init.d", "/lib/systemd/system", "/tmp", "/run"}) {
+    // Among them what the real tools write when a script is registered, which not every system has.
+    for (const std::string csFolder :
+         {"/etc/init.d", "/lib/systemd/system", "/tmp", "/run", "/etc/rc0.d", "/etc/rc1.d", "/etc/rc2.d",
+          "/etc/rc3.d", "/etc/rc4.d", "/etc/rc5.d", "/etc/rc6.d", "/etc/rcS.d"}) {
         std::error_code clIgnored;
-        std::filesystem::create_directories(pszFolder, clIgnored);
-        if (::mount("tmpfs", pszFolder, "tmpfs", 0, "mode=0755") != 0) {
-            return false;
+        if (!csFolder.starts_with("/etc/rc")) {
+            std::filesystem::create_directories(csFolder, clIgnored);
         }
-    }
-
-    // What the real tools write when a script is registered. Not every system has these folders.
-    for (const char c : {'0', '1', '2', '3', '4', '5', '6', 'S'}) {
-        const std::string csFolder = std::string("/etc/rc") + c + ".d";
         if (std::filesystem::exists(csFolder) &&
             ::mount("tmpfs", csFolder.c_str(), "tmpfs", 0, "mode=0755") != 0) {
             return false;

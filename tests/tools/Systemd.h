@@ -19,19 +19,14 @@ struct STUnit
 
 inline STUnit stUnit(const std::string& csUnit)
 {
-    std::istringstream clLines(
-        stRun("systemctl show -p ActiveState,MainPID,ActiveEnterTimestampMonotonic " + csUnit).csOutput);
+    std::istringstream clValues( // in the order of their names
+        stRun("systemctl show -p ActiveEnterTimestampMonotonic,ActiveState,MainPID " + csUnit +
+              " | LC_ALL=C sort | cut -d= -f2")
+            .csOutput);
+    long long nMicroseconds = 0;
     STUnit st;
-    for (std::string csKey, csValue; std::getline(clLines, csKey, '=') && std::getline(clLines, csValue);) {
-        if (csKey == "ActiveState") {
-            st.csState = csValue;
-        } else if (csKey == "MainPID") {
-            st.nPid = std::atoi(csValue.c_str());
-        } else {
-            st.clActive = decltype(st.clActive)(std::chrono::microseconds(std::atoll(csValue.c_str())));
-        }
-    }
-
+    clValues >> nMicroseconds >> st.csState >> st.nPid;
+    st.clActive = decltype(st.clActive)(std::chrono::microseconds(nMicroseconds));
     return st;
 }
 

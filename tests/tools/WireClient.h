@@ -67,10 +67,9 @@ public:
                 return std::exchange(m_csReceived, {}) + csWhy;
             }
         }
-        const std::size_t nEnd = m_csReceived.find("\r\n") + 2;
-        const std::string csResult = m_csReceived.substr(0, nEnd);
-        m_csReceived.erase(0, nEnd);
-        return csResult;
+        const std::string csRest = m_csReceived.substr(m_csReceived.find("\r\n") + 2);
+        m_csReceived.resize(m_csReceived.size() - csRest.size());
+        return std::exchange(m_csReceived, csRest);
     }
     /// Sends a line (its "\r\n" is added) and returns the reply line with its "\r\n".
     std::string csAsk(std::string_view csLineOut, Duration clLimit = Limit)
@@ -115,11 +114,7 @@ private:
             m_csReceived.append(tBuffer.data(), static_cast<std::size_t>(nCount));
             return "";
         }
-        if (nCount == 0 || !bConnected()) {
-            return "<closed>";
-        }
-
-        return errno == EAGAIN ? "<nothing in time>" : "<reset>";
+        return nCount == 0 || !bConnected() ? "<closed>" : errno == EAGAIN ? "<nothing in time>" : "<reset>";
     }
 
     CDescripteur m_clSocket;

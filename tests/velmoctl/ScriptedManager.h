@@ -5,12 +5,15 @@
 #include "tools/Command.h"
 #include "tools/Machine.h"
 
-#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <gtest/gtest.h>
 #include <map>
 #include <mutex>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <regex>
+#include <sstream>
 #include <string>
 #include <sys/socket.h>
 #include <thread>
@@ -52,11 +55,11 @@ public:
     /// Sends texts: the first at once, each other one after a line of the client.
     void Recite(const std::vector<std::string>& tTexts) const
     {
-        for (std::size_t n = 0; n < tTexts.size(); ++n) {
-            if (n > 0) {
+        for (const std::string& cs : tTexts) {
+            if (&cs != &tTexts.front()) {
                 csLine();
             }
-            bSend(tTexts[n]);
+            bSend(cs);
         }
     }
     void HangUp() const { ::shutdown(m_clSocket.nFd(), SHUT_WR); }
@@ -133,8 +136,7 @@ private:
         for (std::string cs; !(cs = clClient.csLine()).empty();) {
             const std::string csAnswer = cs == "MODE_UTF8" ? "OK" : _csAnswer(cs);
             if (csAnswer.empty()) {
-                clClient.StaySilent();
-                return;
+                return clClient.StaySilent();
             }
             clClient.bSend(csAnswer + "\r");
             ::usleep(1000);
@@ -161,6 +163,12 @@ inline std::string csSource()
     return VELMO_SOURCE_FOLDER;
 }
 
+inline std::string csReadSource(const std::string& csFile)
+{
+    std::ifstream clFile(csSource() + "/" + csFile);
+    return {std::istreambuf_iterator<char>(clFile), {}};
+}
+
 inline std::string csClient()
 {
     return csBuildFolder() + "/velmoctl";
@@ -170,4 +178,27 @@ inline std::string csClient()
 inline STCommandResult stClient(const std::string& csPort, const std::string& csArguments)
 {
     return stRun("TERM=xterm " + csClient() + " --port " + csPort + " " + csArguments);
+}
+
+/// Runs the commands of a file of this folder, with options before them: "$" and the arguments, what is
+/// shown, "=" and the status. A time is shown as T.
+inline void ExpectTranscript(const std::string& csOptions, const std::string& csFile)
+{
+    const std::string csExpected = csReadSource("tests/velmoctl/" + csFile);
+    std::string csShown;
+    std::istringstream clLines(csExpected);
+    for (std::string cs; std::getline(clLines, cs);) {
+        if (cs.starts_with("$ ")) {
+            const STCommandResult st = stRun("TERM=xterm " + csClient() + " " + csOptions + cs.substr(1));
+            csShown += cs + "\n" + st.csOutput + "= " + std::to_string(st.nStatus) + "\n";
+        }
+    }
+    csShown = std::regex_replace(csShown, std::regex("(time=|_seconds[^ ]* )[0-9.]+"), "$1T");
+    EXPECT_FALSE(csExpected.empty());
+    EXPECT_EQ(csShown, csExpected);
+}
+
+inline void ExpectTranscript(const CScriptedManager& clManager, const std::string& csFile)
+{
+    ExpectTranscript("--port " + clManager.csPort(), csFile);
 }

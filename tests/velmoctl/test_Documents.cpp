@@ -7,7 +7,6 @@
 #include "velmoctl/Commands.h"
 
 #include <gtest/gtest.h>
-#include <set>
 
 namespace {
 const std::string s_csPage = csSource() + "/docs/man/velmoctl.1";
@@ -21,20 +20,11 @@ std::string csCompletions(const std::string& csWords)
                  "| LC_ALL=C sort | paste -sd\" \"'")
         .csOutput;
 }
-
-std::string csSorted(const std::vector<std::string>& tWords)
-{
-    std::string cs;
-    for (const std::string& csWord : std::set(tWords.begin(), tWords.end())) {
-        cs += (cs.empty() ? "" : " ") + csWord;
-    }
-    return cs + "\n";
-}
 } // namespace
 
 TEST(Documents, TheManPageHasEveryCommandAndOptionAndNoFault)
 {
-    const std::string csPage = csReplaceAll<char>(stRun("cat " + s_csPage).csOutput, "\\-", "-");
+    const std::string csPage = csReplaceAll<char>(csReadSource("docs/man/velmoctl.1"), "\\-", "-");
     for (const std::string& csCommand : tCommandNames()) {
         EXPECT_TRUE(csPage.find("\n.B " + csCommand + "\n") != csPage.npos ||
                     csPage.find("\n.BI " + csCommand + " ") != csPage.npos)
@@ -51,18 +41,14 @@ TEST(Documents, TheManPageHasEveryCommandAndOptionAndNoFault)
 
 TEST(Documents, TheCompletionOffersWhatCanStandThereAndAsksTheManagerForNames)
 {
-    std::vector<std::string> tCommands = tCommandNames();
-    tCommands.emplace_back("help");
     CScriptedManager clManager(
-        CScriptedManager::Answers{{"INFO", "YES\tv\ts\tk\tp\tm\tOrders\t1\tOr der\t2\tStock\t3"}});
+        CScriptedManager::Answers{{"INFO", csInfo("\tOrders\t1\tOr der\t2\tStock\t3")}});
     const CTempDir clFolder;
     const std::string csFile = clFolder.csWrite("hosts", "db[1:2] ansible_host=127.0.0.1\n[web]\nw1\n");
     const std::string csOn = "velmoctl --port " + clManager.csPort() + " ";
     const std::pair<std::string, std::string> tCases[] = {
-        {"velmoctl \"\"", csSorted(tCommands)},
         {"velmoctl --host x li", "lint list\n"},
         {"velmoctl help wa", "watch\n"},
-        {"velmoctl list --", csSorted(tOptionsOf("list"))},
         {"velmoctl uninstall --d", "--delete-files --dry-run\n"},
         {"velmoctl list --state running,st", "running,starting running,stopped running,stopping\n"},
         {"velmoctl list --columns = na", "name\n"},
@@ -70,11 +56,10 @@ TEST(Documents, TheCompletionOffersWhatCanStandThereAndAsksTheManagerForNames)
         {csOn + "start Stock S", "Stock\n"},
         {csOn + "register S", "\n"},
         {"velmoctl --hosts " + csFile + " list --host db", "db1 db2\n"},
-        {"velmoctl --hosts " + csFile + " --group ", csSorted({"all", "ungrouped", "web"})},
+        {"velmoctl --hosts " + csFile + " --group \"\"", "all ungrouped web\n"},
         {"velmoctl --port " + clManager.csPort() + " --hosts " + csFile + " --host db1 status S", "Stock\n"},
     };
     for (const auto& [csWords, csExpected] : tCases) {
-        const bool bNew = csWords.back() == ' ';
-        EXPECT_EQ(csCompletions(csWords + (bNew ? "\"\"" : "")), csExpected) << csWords;
+        EXPECT_EQ(csCompletions(csWords), csExpected) << csWords;
     }
 }
