@@ -58,9 +58,11 @@ inline void LiveAtAPathWithASpace(bool bRestartedWhenKilled)
     }
     EXPECT_EQ(stRun("'/opt/velmo/my manager/VelmoManager' --STOP-SERVER '/opt/my db/srv'").nStatus, 0);
     EXPECT_EQ(csAsk("STATUS\tdb"), "STATUS\tSTOPPED\r\n");
-    EXPECT_FALSE(bServes(4950));
+    EXPECT_FALSE(bWaitUntil([] { return bServes(4950); }, 2000)) << "the monitor leaves what was stopped";
     EXPECT_EQ(csAsk("START\tdb"), "OK\r\n");
     EXPECT_TRUE(bServes(4950));
+    EXPECT_EQ(stRun("'/opt/velmo/my manager/VelmoManager' --STOPALL").nStatus, 0);
+    EXPECT_FALSE(bServes(4950));
     EXPECT_EQ(csAsk("UNINSTALL\tdb\t1"), "ERROR\t12\t\r\n");
     EXPECT_FALSE(fs::exists("/opt/my db/srv"));
     EXPECT_TRUE(fs::exists("/opt/my")) << "what the path begins with is somebody else's";

@@ -10,52 +10,10 @@
 #include <map>
 
 namespace {
-void Write(const std::string& csPath, const std::string& csText)
-{
-    fs::create_directories(fs::path(csPath).parent_path());
-    fs::remove(csPath); // it may be a link to a real tool
-    std::ofstream(csPath) << csText;
-    fs::permissions(csPath, fs::perms(0755));
-}
-
 /// Stand-ins note their calls; this forgets them.
 std::string csTakeJournal()
 {
     return stRun("cat /tmp/journal; rm -f /tmp/journal").csOutput;
-}
-
-/// What "daemon", "checkproc"... do on the distributions that have them, as far as the scripts need it.
-void AddStandIns()
-{
-    Write("/etc/rc.d/init.d/functions", "daemon() { echo \"daemon $*\" >>/tmp/journal; shift; /bin/bash -c "
-                                        "\"ulimit -S -c 0 >/dev/null 2>&1; $*\"; }\n"
-                                        "success() { echo \"success $*\" >>/tmp/journal; }\nfailure() { echo "
-                                        "\"failure $*\" >>/tmp/journal; }\n");
-    Write("/etc/sysconfig/network", "NETWORKING=yes\n");
-    Write("/etc/rc.status",
-          "rc_reset() { rc=0; }\nrc_status() { last=$?; [ $last -eq 0 ] || rc=$last; return $last; }\n"
-          "rc_exit() { exit $rc; }\n");
-    constexpr char szOurs[] = "#!/bin/sh\nread -r pid 2>/dev/null <\"$2\"\nfor prog; do :; done\n"
-                              "ours() { [ -n \"$pid\" ] && [ \"/proc/$pid/exe\" -ef \"$prog\" ]; }\n";
-    Write("/sbin/checkproc", std::string(szOurs) + "ours || { [ -f \"$2\" ] && exit 1; exit 3; }\n");
-    Write("/sbin/killproc", std::string(szOurs) +
-                                "echo \"killproc $*\" >>/tmp/journal\nours || exit 7\nkill \"$pid\"\n"
-                                "for n in 1 2 3 4 5 6 7 8 9; do ours || exit 0; sleep 0.1; done\n"
-                                "kill -KILL \"$pid\"\n");
-    Write("/sbin/chkconfig", "#!/bin/sh\necho \"chkconfig $*\" >>/tmp/journal\n");
-    Write("/sbin/rc-update", "#!/bin/sh\necho \"rc-update $*\" >>/tmp/journal\n");
-    Write(
-        "/sbin/runscript",
-        "#!/bin/sh\nebegin() { echo \"$*\" >>/tmp/journal; }\neend() { return $1; }\n"
-        "state=/run/started-${1##*/}\n. \"$1\"\ncase $2 in\nstart) [ -f $state ] || start && touch $state;;\n"
-        "stop) [ ! -f $state ] || stop && rm -f $state;;\nrestart) stop && start;;\n"
-        "status) [ -f $state ] || exit 3\nread -r pid <\"/run/${1##*/}.pid\" || exit 32;;\nesac\n");
-    fs::create_directories("/run/lock/subsys");
-    const std::string csInsserv = csBuildFolder() + "/insserv"; // where it cannot be installed
-    if (fs::exists(csInsserv) && !fs::exists("/sbin/insserv")) {
-        stRun("tar -C " + csInsserv + " -c . | tar -C / -x --keep-directory-symlink");
-    }
-    stRun("rm -f /etc/init.d/*"); // they depend on scripts that are not there: insserv minds
 }
 
 /// One sample server "DXCS-a", installed for a family.
@@ -65,7 +23,7 @@ protected:
     void SetUp() override
     {
         CLanceProcessus::sInit();
-        AddStandIns();
+        ASSERT_EQ(stRun(VELMO_STANDINS " " + csBuildFolder() + "/insserv").csOutput, "");
     }
     void TearDown() override
     {
@@ -120,22 +78,6 @@ protected:
     std::unique_ptr<CService> m_pclService;
 };
 
-/// The machine counts as one of another family while the object lives.
-class CRelease
-{
-public:
-    explicit CRelease(const std::string& csFile) : m_csFile("/etc/" + csFile)
-    {
-        stRun("mv /etc/debian_version /etc/debian_version.kept; mkdir -p /etc/rc.d; touch " + m_csFile);
-    }
-    ~CRelease() { stRun("rm " + m_csFile + "; mv /etc/debian_version.kept /etc/debian_version"); }
-    CRelease(const CRelease&) = delete;
-    CRelease& operator=(const CRelease&) = delete;
-
-private:
-    std::string m_csFile;
-};
-
 /// A family, with what tells it.
 struct STFamily
 {
@@ -146,6 +88,12 @@ struct STFamily
 class SysVFamily : public SysV, public ::testing::WithParamInterface<STFamily>
 {
 protected:
+    void TearDown() override
+    {
+        SysV::TearDown();
+        stRun("cd /etc; [ ! -e debian_version.kept ] || { rm -f " + std::string(GetParam().pszRelease) +
+              "; mv debian_version.kept debian_version; }");
+    }
     EDistri m_eDistri = GetParam().eDistri;
 };
 class SysVPidFile : public SysVFamily
@@ -237,32 +185,12 @@ TEST_P(SysVFamily, AStubbornServerThatChangesItsArgumentsIsKnownByItsProgramAndK
 
 TEST_P(SysVFamily, AManagerAndItsServersLiveAtPathsWithASpace)
 {
-    const CRelease clRelease(GetParam().pszRelease);
+    // The machine counts as one of this family; the fixture undoes it.
+    stRun("mv /etc/debian_version /etc/debian_version.kept; mkdir -p /etc/rc.d; touch /etc/" +
+          std::string(GetParam().pszRelease));
     StartManager("CheckPeriod=1\n");
     // Gentoo's own framework tells the status; for it a killed server is no failed one.
     LiveAtAPathWithASpace(m_eDistri != DISTRI_GENTOO);
-}
-
-TEST_F(SysV, OnSlackwareStatesAreToldTheKilledComesBackAndAllAreStopped)
-{
-    const CRelease clRelease("slackware-version");
-    StartManager("RestartOnFailed=0\n");
-    for (const auto& [csName, nPort] : {std::pair{std::string("a"), 4950}, {"b", 4951}}) {
-        PutServer(csName, nPort, "", csName);
-        ASSERT_EQ(csRegisterItself(csName), "");
-        EXPECT_EQ(csAsk("STATUS\t" + csName), "STATUS\tRUNNING\r\n");
-    }
-    ASSERT_EQ(::kill(nServer(), SIGKILL), 0);
-    EXPECT_TRUE(bWaitUntil([] { return csAsk("STATUS\ta") == "STATUS\tSTOPPED\r\n"; }, 5000));
-    EXPECT_EQ(stRun("/etc/rc.d/rc.DXCS-b stop").nStatus, 0);
-    EXPECT_EQ(csAsk("STATUS\tb"), "STATUS\tSTOPPED\r\n");
-    StartManager("CheckPeriod=1\n");
-    EXPECT_TRUE(bWaitUntil([] { return bServes(4950); }, 10'000)) << "the monitor starts the killed one";
-    EXPECT_EQ(csAsk("STATUS\tb"), "STATUS\tSTOPPED\r\n") << "and not the stopped one";
-    EXPECT_EQ(csAsk("START\tb"), "OK\r\n");
-    EXPECT_EQ(stRun("'/opt/velmo/my manager/VelmoManager' --STOPALL").nStatus, 0);
-    EXPECT_TRUE(bWaitUntil([] { return csOutput("pgrep -x dxdemo").empty(); }, 3000));
-    stRun("rm -rf /etc/rc.d/rc.DXCS-*");
 }
 
 TEST_F(SysV, RunLevelLinksComeAndGo)
@@ -300,7 +228,8 @@ TEST_F(SysV, HelpersAreCalledAsTheirFamiliesExpect)
 TEST_F(SysV, AStatusScriptThatHangsIsUnknownInTheEnd)
 {
     CServiceManager::ms_eDistri = DISTRI_DEBIAN;
-    Write("/etc/init.d/DXCS-hangs", "#!/bin/sh\nexec sleep 600\n");
+    std::ofstream("/etc/init.d/DXCS-hangs") << "#!/bin/sh\nexec sleep 600\n";
+    fs::permissions("/etc/init.d/DXCS-hangs", fs::perms(0755));
     const auto clStart = CClock::now();
     EXPECT_EQ(CService(&m_clManager, L"DXCS-hangs").eGetStatus(), STATUS_UNKNOWN);
     EXPECT_EQ(errno, ETIMEDOUT);
