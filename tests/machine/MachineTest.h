@@ -7,10 +7,10 @@
 #include "tools/Wait.h"
 #include "tools/WireClient.h"
 
-#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <fnmatch.h>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -98,18 +98,28 @@ inline std::string csRegisterItself(const std::string& csFolder)
     return csOutput("/opt/velmo/" + csFolder + "/dxdemo --REGISTER");
 }
 
-/// The manager's answer to a registration through the pipe. A name that is longer than the field of form 1
-/// goes by form 0, which always says "UNKNOWN".
-inline std::string csRegister(const std::string& csName, const std::string& csProgram, int nPort,
-                              int nForm = 1)
+/// Plays a transcript. "[status] command" begins a step; the lines up to the next are what it prints, "*" for
+/// anything.
+inline void Play(const char* pszTranscript)
 {
-    static std::atomic<int> s_nReplies{5000};
-    const int nReply = ++s_nReplies;
-    const CReplyPipe clReply(nReply);
-    const bool bShort = csFromUTF8(csName).size() <= 128;
-    return bWritePipe(g_szFifo, csRequest(nReply, bShort ? nForm : 0, csName, csProgram, nPort))
-               ? clReply.csReply(60'000)
-               : "<no pipe>";
+    const std::string csPath = "cd /opt/velmo 2>/dev/null || cd /; PATH=$PATH:" + csBuildFolder() + "; ";
+    std::ifstream clFile(VELMO_TRANSCRIPTS + std::string(pszTranscript));
+    std::string csLine;
+    std::getline(clFile, csLine); // what it is about
+    for (std::getline(clFile, csLine); clFile;) {
+        SCOPED_TRACE(csLine);
+        const std::size_t nCommand = csLine.find(' ');
+        const STCommandResult st = stRun(csPath + csLine.substr(nCommand));
+        EXPECT_EQ("[" + std::to_string(st.nStatus) + "]", csLine.substr(0, nCommand));
+
+        std::string csExpected;
+        while (std::getline(clFile, csLine) && csLine.front() != '[') {
+            csExpected += csLine + "\n";
+        }
+        EXPECT_EQ(::fnmatch(csExpected.c_str(), st.csOutput.c_str(), 0), 0)
+            << csExpected << "was expected, and this came:\n"
+            << st.csOutput;
+    }
 }
 
 /// A manager in the foreground, in a folder with a space, and the servers of a test.

@@ -6,7 +6,6 @@
 namespace {
 const std::string s_csHome = "/opt/velmomanager/";
 const std::string s_csSettings = s_csHome + "DXConf.ini";
-constexpr char s_szUnit[] = "/lib/systemd/system/VelmoManager.service";
 constexpr char s_szPolicy[] = "/usr/sbin/policy-rc.d";
 /// As below a service that reports its readiness, which the manager must not take itself for; without the
 /// triggers of other packages, which take their time.
@@ -45,6 +44,9 @@ protected:
         if (!fs::exists(m_csCurrent) || !fs::exists(m_csOlder)) {
             GTEST_SKIP() << "the packages are not built: packaging/build --here older";
         }
+        ::setenv("DPKG", s_csDpkg.c_str(), 1); // for the transcripts
+        ::setenv("CURRENT", m_csCurrent.c_str(), 1);
+        ::setenv("OLDER", m_csOlder.c_str(), 1);
         std::ofstream{s_szStamp};
         fs::remove(s_szPolicy); // the host's: no service is to start there
     }
@@ -73,26 +75,12 @@ protected:
 
 TEST_F(Packages, AFreshInstallationRunsAndStartsAtBoot)
 {
-    Install(m_csCurrent);
-    EXPECT_EQ(csRunningVersion(), "24.0.6.0");
-    EXPECT_EQ(csOutput("systemctl is-enabled VelmoManager"), "enabled");
-    EXPECT_EQ(csOutput("dpkg -V velmomanager"), "") << "files of the package are missing or changed";
-    EXPECT_EQ(stRun("VelmoManager").nStatus, 0) << "found by its name, and content with what runs";
-    EXPECT_THAT(csOutput("systemd-tmpfiles --cat-config"), HasSubstr("\nx /tmp/__pipe_velmomanager_*\n"));
+    Play("packages-fresh.txt");
 }
 
 TEST_F(Packages, AnUpgradeKeepsTheSettingsAndRunsTheNewVersionOfWhatRan)
 {
-    const std::string csText = "[MANAGER]\nCheckPeriod = 7\n";
-    Install(m_csOlder);
-    ASSERT_EQ(csRunningVersion(), "23.0.0.0");
-    std::ofstream(s_csSettings) << csText;
-    Install(m_csCurrent);
-    EXPECT_EQ(csRunningVersion(), "24.0.6.0");
-    EXPECT_EQ(stRun("cat " + s_csSettings).csOutput, csText);
-    stRun("systemctl stop VelmoManager");
-    Install(m_csCurrent);
-    EXPECT_EQ(csOutput("systemctl is-active VelmoManager"), "inactive") << "what was stopped is not started";
+    Play("packages-upgrade.txt");
 }
 
 TEST_F(Packages, AnUpgradeWaitsForThePortOfAnOlderReleaseOnly)
@@ -127,16 +115,7 @@ TEST_F(Packages, ARemovalLeavesTheSettingsAndAPurgeNothing)
 
 TEST_F(Packages, WhereNoServiceMayStartTheyAreInstalledAndRegisterNothing)
 {
-    ASSERT_EQ(stRun("mount --bind / /mnt").nStatus, 0);
-    EXPECT_EQ(stRun("chroot /mnt " + s_csDpkg + "-i " + m_csCurrent).nStatus, 0);
-    EXPECT_FALSE(fs::exists(s_szUnit));
-    EXPECT_EQ(stRun("chroot /mnt " + s_csDpkg + "-P velmomanager").nStatus, 0);
-    stRun("umount /mnt");
-    std::ofstream(s_szPolicy) << "#!/bin/sh\nexit 101\n";
-    fs::permissions(s_szPolicy, fs::perms(0755));
-    Install(m_csCurrent);
-    EXPECT_FALSE(fs::exists(s_szUnit));
-    EXPECT_FALSE(fs::exists("/etc/init.d/VelmoManager"));
+    Play("packages-no-start.txt");
 }
 
 TEST_F(Packages, TheServiceOfAnotherFolderIsNotTouched)
@@ -154,18 +133,11 @@ TEST_F(Packages, TheHardeningThatIsShippedAsAnExampleTakesNothingAway)
 {
     Install(m_csCurrent);
     UseExample("hardening.conf");
-    ASSERT_EQ(stRun("systemctl restart VelmoManager").nStatus, 0);
+    PutServer("Orders", 4900, "", "Orders");
+    Play("packages-hardening.txt");
     EXPECT_LT(std::stod(csOutput("systemd-analyze security --no-pager VelmoManager | "
                                  "sed -n 's/.*Overall exposure level.*: \\([0-9.]*\\) .*/\\1/p'")),
               4.0);
-    PutServer("Orders", 4900, "", "Orders");
-    EXPECT_EQ(csOutput("/opt/velmo/Orders/dxdemo --REGISTER"), "") << "it is registered, and runs";
-    stRun("systemctl stop DXCS-Orders; chown -R nobody /opt/velmo/Orders; chmod 0700 /opt/velmo/Orders");
-    EXPECT_EQ(stRun("velmoctl start Orders").nStatus, 0);
-    EXPECT_THAT(csOutput("velmoctl list"), HasSubstr("Orders  4900  running"));
-    EXPECT_EQ(stRun("velmoctl uninstall Orders --delete-files --yes").nStatus, 0);
-    EXPECT_FALSE(fs::exists("/opt/velmo/Orders"));
-    EXPECT_EQ(csShow("LoadState", "DXCS-Orders"), "not-found");
 }
 
 TEST_F(Packages, WithTheExampleForItAManagerThatCannotStartIsTriedAgain)

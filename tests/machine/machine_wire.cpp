@@ -4,33 +4,8 @@
 #include "MachineTest.h"
 
 #include <csignal>
-#include <fnmatch.h>
 
 namespace {
-/// Plays a transcript. "[status] command" begins a step; the lines up to the next are what it prints, "*" for
-/// anything.
-void Play(const char* pszTranscript)
-{
-    const std::string csPath = "cd /opt/velmo; PATH=" + csBuildFolder() + ":$PATH; ";
-    std::ifstream clFile(VELMO_TRANSCRIPTS + std::string(pszTranscript));
-    std::string csLine;
-    std::getline(clFile, csLine); // what it is about
-    for (std::getline(clFile, csLine); clFile;) {
-        SCOPED_TRACE(csLine);
-        const std::size_t nCommand = csLine.find(' ');
-        const STCommandResult st = stRun(csPath + csLine.substr(nCommand));
-        EXPECT_EQ("[" + std::to_string(st.nStatus) + "]", csLine.substr(0, nCommand));
-
-        std::string csExpected;
-        while (std::getline(clFile, csLine) && csLine.front() != '[') {
-            csExpected += csLine + "\n";
-        }
-        EXPECT_EQ(::fnmatch(csExpected.c_str(), st.csOutput.c_str(), 0), 0)
-            << csExpected << "was expected, and this came:\n"
-            << st.csOutput;
-    }
-}
-
 class Wire : public CMachineTest
 {
 protected:
