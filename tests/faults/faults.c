@@ -121,9 +121,10 @@ FAIL(pthread_create, s_errno, int,
      (thread, attributes, routine, argument))
 FAIL(dlopen, NULL, void*, (const char* path, int flags), (path, flags))
 
-SEEN int clone(int (*routine)(void*), void* stack, int flags, void* argument, ...)
+int __clone(int (*routine)(void*), void* stack, int flags, void* argument, ...);
+SEEN int __clone(int (*routine)(void*), void* stack, int flags, void* argument, ...)
 {
-    NEXT(clone)
+    NEXT(__clone)
     va_list rest;
     va_start(rest, argument);
     pid_t* parent = va_arg(rest, pid_t*); /* all that the manager passes */

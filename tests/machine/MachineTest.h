@@ -110,13 +110,13 @@ inline void Play(const char* pszTranscript)
         SCOPED_TRACE(csLine);
         const std::size_t nCommand = csLine.find(' ');
         const STCommandResult st = stRun(csPath + csLine.substr(nCommand));
-        EXPECT_EQ("[" + std::to_string(st.nStatus) + "]", csLine.substr(0, nCommand));
+        EXPECT_EQ("[" + std::to_string(st.nStatus) + "]", csLine.substr(0, nCommand)) << st.csOutput;
 
         std::string csExpected;
         while (std::getline(clFile, csLine) && csLine.front() != '[') {
             csExpected += csLine + "\n";
         }
-        EXPECT_EQ(::fnmatch(csExpected.c_str(), st.csOutput.c_str(), 0), 0)
+        EXPECT_EQ(::fnmatch(csExpected.c_str(), st.csOutput.c_str(), FNM_NOESCAPE), 0)
             << csExpected << "was expected, and this came:\n"
             << st.csOutput;
     }

@@ -241,53 +241,28 @@ TEST_F(Lifecycle, SystemdSeesTheRightStateAfterARestartAndAKill)
 TEST_F(Lifecycle, SystemdIsNotifiedWhenTheEndpointsAnswer)
 {
     Put("first");
-    const std::string csRun =
-        "systemd-run --quiet --unit=VelmoManager -p Type=notify " + csHome("first") + "VelmoManager";
-    EXPECT_EQ(stRun(csRun).nStatus, 0);
-    EXPECT_TRUE(bAnswers());
-    EXPECT_TRUE(fs::exists(g_szFifo));
-    EXPECT_FALSE(fs::exists(s_szPidFile));
-    EXPECT_EQ(csShow("ActiveState"), "active");
-    EXPECT_EQ(stRun("systemctl stop VelmoManager").nStatus, 0);
+    Play("lifecycle-notified.txt");
     EXPECT_EQ(csLeftovers(), "");
-    const CDescripteur clTaken = clTakePort();
-    EXPECT_EQ(stRun(csRun).nStatus, 1) << "systemd is told of the failure";
 }
 
 TEST_F(Lifecycle, StopAllStopsWhatRunsOrStartsAndTheManagerLast)
 {
-    const std::tuple<const char*, const char*, const char*> tServers[] = {
-        // name, settings, state afterwards
-        {"run", "", "inactive"},
-        {"starts", "StartDelay=60000\n", "inactive"},
-        {"ends", "IgnoreTerm=1\n", "deactivating"},
-        {"failed", "FailAtStart=1\n", "failed"},
-        {"rests", "", "inactive"},
-        {"refuses", "", "active"},
-    };
     int nPort = 4901;
-    for (const auto& [pszName, pszSettings, pszState] : tServers) {
-        AddServer(pszName, std::string("DXCS-") + pszName, nPort++, pszSettings);
+    for (const auto& [csName, pszSettings] : {std::pair{std::string("DXCS-run"), ""},
+                                              {"DXCS-starts", "StartDelay=60000\n"},
+                                              {"DXCS-ends", "IgnoreTerm=1\n"},
+                                              {"DXCS-failed", "FailAtStart=1\n"},
+                                              {"DXCS-rests", ""},
+                                              {"DXCS-refuses", ""},
+                                              {"other", ""}}) {
+        AddServer(csName, csName, nPort++, pszSettings);
     }
-    AddServer("other", "other", 4950, "");
-    stRun("sed -i 's/^After=.*/RefuseManualStop=yes/' /lib/systemd/system/DXCS-refuses.service; systemctl "
-          "daemon-reload; systemctl start DXCS-run DXCS-ends DXCS-failed DXCS-refuses other;"
-          "systemctl start --no-block DXCS-starts; systemctl stop --no-block DXCS-ends");
+    stRun("sed -i 's/^After=.*/RefuseManualStop=yes/' /lib/systemd/system/DXCS-refuses.service");
     Put("manager");
-    ASSERT_EQ(csManager("manager"), "0 ");
-    ASSERT_EQ(csShow("ActiveState", "DXCS-starts DXCS-ends"), "activating\n\ndeactivating");
-    EXPECT_EQ(csManager("manager", "--STOPALL"), "0 ");
-    for (const auto& [pszName, pszSettings, pszState] : tServers) {
-        EXPECT_EQ(csShow("ActiveState", std::string("DXCS-") + pszName), pszState) << pszName;
-    }
-    EXPECT_EQ(csShow("ActiveState", "other VelmoManager"), "active\n\ninactive");
+    Play("lifecycle-stopall.txt");
     EXPECT_LT(nWhen("InactiveEnter", "DXCS-run"), nWhen("ActiveExit"));
     EXPECT_EQ(csLeftovers(), "");
-
-    stRun(s_szForget + std::string("; systemctl start DXCS-run"));
-    EXPECT_EQ(csManager("manager", "--stopall"), "0 ") << "no manager registered";
-    EXPECT_EQ(csShow("ActiveState", "DXCS-run"), "inactive");
-    stRun("systemctl stop other");
+    Play("lifecycle-stopall-again.txt");
 }
 
 TEST_F(Lifecycle, StopServerStopsTheServerOfTheDirectoryAndTheManagerThatLiesThere)
@@ -387,16 +362,8 @@ TEST_F(Lifecycle, WithoutTheRuntimeLibraryEveryUseEndsAtOnceAndIsLogged)
     AddServer("server", "DXCS-server", 4901, "");
     stRun("systemctl daemon-reload; systemctl start DXCS-server");
     Put("first");
-    fs::remove(csHome("first") + "zt240vm64.so");
     const std::string csSince = csTimeOfJournal();
-    for (const char* pszOptions : {"", "--SERVICE VelmoManager", "--DEBUG", "--UNINSTALL", "--STOPALL",
-                                   "--STOP-SERVER /opt/velmo/server"}) {
-        SCOPED_TRACE(pszOptions);
-        EXPECT_EQ(csManager("first", pszOptions), "255 ");
-    }
+    Play("lifecycle-no-library.txt");
     EXPECT_THAT(csLog(csSince), HasSubstr(csHome("first") + "zt240vm64.so"));
-    EXPECT_EQ(csShow("ActiveState", "DXCS-server"), "active");
-    EXPECT_TRUE(fs::exists(csHome("first") + "VelmoManager"));
-    EXPECT_FALSE(fs::exists(s_szUnit));
     EXPECT_EQ(csLeftovers(), "");
 }

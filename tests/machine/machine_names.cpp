@@ -93,7 +93,7 @@ std::vector<std::string> tNames()
 template <class T>
 std::vector<T> tSample(std::vector<T> tAll, std::size_t nSample)
 {
-    if (std::getenv("VELMO_LONG") != nullptr || tAll.size() <= nSample) {
+    if (bLong() || tAll.size() <= nSample) {
         return tAll;
     }
     std::vector<T> tPart;
@@ -400,14 +400,6 @@ TEST_F(AnyServer, AndItsManagerLiveAtPathsWithASpace)
     if (bSystemd()) { // without it the families of init scripts are tried by themselves
         LiveAtAPathWithASpace(true);
     }
-    m_pclManager.reset(); // it installs itself
-    const std::string csManager = "'/opt/velmo/my manager/VelmoManager'";
-    std::ofstream("/opt/my") << "not a folder"; // nor is what its path begins with its own
-    EXPECT_EQ(stRun(csManager).nStatus, 0);
-    EXPECT_EQ(csAsk("INFO").substr(0, 4), "YES\t");
-    EXPECT_EQ(stRun(csManager).nStatus, 0) << "registered already";
-    EXPECT_EQ(stRun(csManager + " --UNINSTALL").nStatus, 0);
-    EXPECT_EQ(stRun("pgrep -x VelmoManager; ls /lib/systemd/system /etc/init.d | grep Velmo").csOutput, "");
-    EXPECT_FALSE(fs::exists("/opt/velmo/my manager/VelmoManager"));
-    fs::remove("/opt/my");
+    m_pclManager.reset();
+    Play("names-manager.txt");
 }

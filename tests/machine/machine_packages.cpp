@@ -158,17 +158,7 @@ TEST_F(Packages, TheClientsInTheirProtocolGuideWork)
     if (stRun("command -v python3").nStatus != 0) {
         GTEST_SKIP() << "no python3 here";
     }
-    Install(m_csCurrent);
-    stRun("awk '/^```python/ { file = \"/tmp/client\" n++; next } /^```/ { file = \"\" } file { print >file "
-          "}' " +
-          csBuildFolder() + "/../../docs/protocol.md");
+    ::setenv("GUIDE", (csBuildFolder() + "/../../docs/protocol.md").c_str(), 1);
     PutServer("Orders", 4900);
-    EXPECT_EQ(csOutput("python3 /tmp/client1 Orders /opt/velmo/Orders/dxdemo 4900"), "registered, and runs");
-    EXPECT_EQ(csOutput("python3 /tmp/client1 Third Third/dxdemo 4902"), "Invalid argument");
-    const std::string csSaid = csOutput("python3 /tmp/client0");
-    EXPECT_THAT(csSaid, HasSubstr(" Mo\\tOrders\\t4900\\r\\n'\n"));
-    EXPECT_THAT(csSaid, HasSubstr("STATUS\\tRUNNING\\r\\n'\nb'ERROR\\t1No such file or directory\\r\\n'"));
-    stRun("sed -i s/255.255.255.255/127.0.0.1/ /tmp/client2"); // a machine has no other network
-    EXPECT_THAT(csOutput("python3 /tmp/client2"),
-                HasSubstr("Orders\\t4900', ('127.0.0.1', 4999))\n(b'\\r\\n', ('127.0.0.1', 4999))"));
+    Play("packages-guide.txt");
 }

@@ -259,15 +259,5 @@ TEST_F(SysV, TheRealOpenRCRunsTheScript)
 TEST_F(SysV, TheManagerInstallsItselfServesAndRemovesItself)
 {
     PutManager("m");
-    EXPECT_EQ(stRun("/opt/velmo/m/VelmoManager").nStatus, 0);
-    EXPECT_EQ(stRun("grep '^# Program=\"/opt/velmo/m/VelmoManager\" Name=\"VelmoManager\" $' "
-                    "/etc/rc3.d/S01VelmoManager")
-                  .nStatus,
-              0);
-    EXPECT_TRUE(bServes(4999));
-    EXPECT_EQ(stRun("/etc/init.d/VelmoManager stop; /etc/init.d/VelmoManager status").nStatus, 3);
-    EXPECT_EQ(stRun("/opt/velmo/m/VelmoManager").nStatus, 0) << "registered already: it is started again";
-    EXPECT_EQ(stRun("/etc/init.d/VelmoManager status").nStatus, 0);
-    EXPECT_EQ(stRun("/opt/velmo/m/VelmoManager --UNINSTALL").nStatus, 0);
-    EXPECT_EQ(stRun("pgrep -x VelmoManager; ls /etc/rc?.d /etc/init.d | grep Velmo").csOutput, "");
+    Play("sysv-manager.txt");
 }

@@ -118,16 +118,16 @@ protected:
     std::string m_csUnits;
 };
 
-/// A control group that limits the number of processes and threads in it. It lies beside the machine's own:
-/// the kernel has one hierarchy of them.
+/// Limits the number of processes and threads of a process, by a control group. It lies beside the machine's
+/// own: the kernel has one hierarchy of them.
 class CProcessLimit
 {
 public:
-    CProcessLimit()
-    {
-        stRun("mkdir -p /tmp/pids && mount -t cgroup -o pids none /tmp/pids");
-        m_bMade = stRun("mkdir " + m_csFolder).nStatus == 0;
-    }
+    explicit CProcessLimit(pid_t nPid)
+        : m_bMade(stRun("mkdir -p /tmp/pids && mount -t cgroup -o pids none /tmp/pids && mkdir " +
+                        m_csFolder + " && echo " + std::to_string(nPid) + " >" + m_csFolder + "/cgroup.procs")
+                      .nStatus == 0)
+    {}
     ~CProcessLimit()
     {
         // Whoever is still in it goes to the group of the test.
@@ -139,12 +139,11 @@ public:
     CProcessLimit& operator=(const CProcessLimit&) = delete;
 
     bool bMade() const { return m_bMade; }
-    void Take(pid_t nPid) const { std::ofstream(m_csFolder + "/cgroup.procs") << nPid; }
     void Limit(const std::string& csMax) const { std::ofstream(m_csFolder + "/pids.max") << csMax; }
 
 private:
-    std::string m_csFolder = "/tmp/pids/velmo-test-tools-" + std::to_string(::getpid());
-    bool m_bMade = false;
+    const std::string m_csFolder = "/tmp/pids/velmo-test-tools-" + std::to_string(::getpid());
+    const bool m_bMade;
 };
 } // namespace
 
@@ -167,12 +166,11 @@ TEST_F(Tools, ASystemdThatExecutesItselfAnewHidesNothing)
 
 TEST_F(Tools, OutOfProcessesAnAnswerIsRightOrADefinedFailure)
 {
-    const CProcessLimit clLimit;
+    Start();
+    const CProcessLimit clLimit(m_pclManager->nPid());
     if (!clLimit.bMade()) {
         GTEST_SKIP() << "SKIPPED: needs the pids controller in a hierarchy of its own";
     }
-    Start();
-    clLimit.Take(m_pclManager->nPid());
     long nFailed = 0;
     for (const int nMax : bLong() ? std::vector{10, 12, 14, 16, 18, 20} : std::vector{10, 14}) {
         clLimit.Limit(std::to_string(nMax));
