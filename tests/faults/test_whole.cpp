@@ -75,29 +75,6 @@ TEST_F(Whole, WorksOnAKernelThatRefusesWhatYoungOnesHave)
     ExpectAllRight("", "/run/velmo/refuse EPERM ");
 }
 
-TEST_F(Whole, AToolThatPrintsForEverCostsLittleMemoryAndNobodyElsesAnswer)
-{
-    const CManagerWorld clWorld(
-        "case \"$*\" in list-units*) exec yes '  DXCS-A.service loaded active running DXCS-A' ;; esac\n");
-    RestartNothing();
-    CManagerRun clManager;
-    ASSERT_TRUE(clManager.bAnswers());
-    std::vector<std::jthread> tTools;
-    for (int n = 0; n < 3; ++n) {
-        tTools.emplace_back([] { EXPECT_EQ(csAskManager("INFO", std::chrono::seconds(60)), "<closed>"); });
-    }
-    for (int n = 0; n < 20; ++n) {
-        EXPECT_EQ(csAskManager("STATUS\tA", std::chrono::seconds(2)), "STATUS\tRUNNING\r\n");
-        ::usleep(200'000);
-    }
-    tTools.clear();
-    const std::string csStatus = "/proc/" + std::to_string(clManager.nPid()) + "/status";
-    const long nPeak = std::stol(stRun("awk '/VmHWM/ { print $2 }' " + csStatus).csOutput);
-    std::printf("FIGURE peak resident memory beside a tool that prints for ever: %ld KiB\n", nPeak);
-    EXPECT_TRUE(g_bSanitized || nPeak < 32L * 1024) << nPeak;
-    EXPECT_EQ(clManager.nStop(30'000), 0);
-}
-
 TEST_F(Whole, ASystemdThatDoesNotAnswerAtTheStartIsStillSystemd)
 {
     stRun("mkdir -p /run/systemd/system"); // which tells that systemd was booted

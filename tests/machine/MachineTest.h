@@ -103,7 +103,7 @@ inline std::string csRegisterItself(const std::string& csFolder)
 inline void Play(const char* pszTranscript)
 {
     const std::string csPath = "cd /opt/velmo 2>/dev/null || cd /; PATH=$PATH:" + csBuildFolder() + "; ";
-    std::ifstream clFile(VELMO_TRANSCRIPTS + std::string(pszTranscript));
+    std::ifstream clFile(VELMO_FOLDER "transcripts/" + std::string(pszTranscript));
     std::string csLine;
     std::getline(clFile, csLine); // what it is about
     for (std::getline(clFile, csLine); clFile;) {

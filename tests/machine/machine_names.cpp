@@ -6,6 +6,7 @@
 #include "Paths.h"
 
 #include <algorithm>
+#include <map>
 #include <vector>
 
 namespace {
@@ -207,31 +208,17 @@ std::vector<STPath> tPaths()
         tAll.push_back({"/opt/srv/pp/d" + cs + "x", eSystemd, eSysV});
     }
     const std::string csLong = "/opt/srv/" + std::string(100, 'l');
-    for (const STPath& st : std::initializer_list<STPath>{
-             {"/opt/srv/sp ace/dxdemo", D, D},
-             {"\"/opt/srv/in quotes/dx\"", D, D},
-             {"/opt/srv/end /dx", D, D},
-             {"/opt/srv/(a) & b/dx", D, D},
-             {"/opt/srv/a --b/dx", D, R},
-             {"/opt/srv/a/dx --b", D, R},
-             {"/opt/srv/a/dx ", D, R},
-             {"/opt/srv//double/dx", D, D},
-             {"/opt/srv//semi;colon/dx", R, D},
-             {"/opt/srv/./dot/dx", D, D},
-             {"/opt/srv/slash/dx/", R, R},
-             {"/opt/srv/slash/dx/.", R, R},
-             {"opt/srv/relative/dx", R, R},
-             {"/opt/srv/x ; argv[]=/opt/srv/x /dx", R, D},
-             {csLong + "/" + std::string(25, 'm') + "/d", D, D},
-             {csLong + "/" + std::string(26, 'm') + "/d", D, R},
-             {"/opt/srv/link/dx", K, K, "mkdir -p /opt/srv/real; ln -s real /opt/srv/link"},
-             {"/opt/srv/dxdemo", K, K},
-             {"/opt/srv/plain/inner/dx", D, D},
-             {"/opt/srv/outer/dx", K, K},
-             {"/opt/srv/pair/second", K, K, "systemctl stop DXCS-pair || /etc/init.d/DXCS-pair stop"},
-         }) {
-        tAll.push_back(st);
+    std::ifstream clFile(VELMO_FOLDER "paths.txt");
+    const std::map<std::string, EPath> tWords = {{"deleted", D}, {"kept", K}, {"refused", R}};
+    for (std::string csSystemd, csSysV, csPath; clFile >> csSystemd >> csSysV && clFile.ignore();) {
+        std::getline(clFile, csPath);
+        tAll.push_back({csPath, tWords.at(csSystemd), tWords.at(csSysV)});
     }
+    tAll.push_back({"/opt/srv/a/dx ", D, R});
+    tAll.push_back({csLong + "/" + std::string(25, 'm') + "/d", D, D});
+    tAll.push_back({csLong + "/" + std::string(26, 'm') + "/d", D, R});
+    tAll.push_back({"/opt/srv/link/dx", K, K, "mkdir -p /opt/srv/real; ln -s real /opt/srv/link"});
+    tAll.push_back({"/opt/srv/pair/second", K, K, "systemctl stop DXCS-pair || /etc/init.d/DXCS-pair stop"});
     return tAll;
 }
 
@@ -313,70 +300,39 @@ namespace {
 struct STOthers
 {
     const char* pszWhat;
-    const char* pszMake;      ///< shell commands
-    const char* pszUninstall; ///< with files
+    const char* pszMake; ///< a case of the script "uncertain"
     bool bDeleted;
     const char* pszOther = nullptr; ///< another server that is registered before, with its program
-    const char* pszProgram = nullptr;
+    const char* pszProgram = "/opt/srv/own/in/dxdemo";
+    const char* pszUninstall = "own"; ///< with files
 };
 
-constexpr STOthers s_tOnSystemd[] = {
-    {"a name with the type inside", ":", "own", false, "in.service.1", "/opt/srv/own/in/dxdemo"},
-    {"a masked unit", "systemctl stop DXCS-in; systemctl mask DXCS-in", "own", false, "in",
-     "/opt/srv/own/in/dxdemo"},
-    {"a program that is seen through a bind mount",
-     "mkdir -p /opt/bound; mount --bind /opt/srv/own /opt/bound; systemctl stop DXCS-in; "
-     "sed -i s:/opt/srv/own:/opt/bound: /lib/systemd/system/DXCS-in.service; systemctl daemon-reload",
-     "own", false, "in", "/opt/srv/own/in/dxdemo"},
-    {"a unit with a path that systemd cuts at its space",
-     "sed -i 's:=/opt/srv/own/dx:=/opt/srv/own/sp ace/dx:' /lib/systemd/system/DXCS-own.service; "
-     "systemctl daemon-reload",
-     "own", false},
-    {"another one whose path goes on in the folder",
-     "systemctl stop DXCS-in; sed -i 's:=/opt/srv/x:=/opt/srv/o wn/x:' /lib/systemd/system/DXCS-in.service; "
-     "mv /opt/srv/own '/opt/srv/o wn'; sed -i 's:=/opt/srv/own/dxdemo:=\"/opt/srv/o wn/dxdemo\":' "
-     "/lib/systemd/system/DXCS-own.service; systemctl daemon-reload",
-     "own", false, "in", "/opt/srv/x/dxdemo"},
-    {"several programs",
-     "sed -i 's:^Type=.*:Type=oneshot\\nExecStart=/bin/true:' /lib/systemd/system/DXCS-own.service; "
-     "systemctl daemon-reload",
-     "own", false},
-    {"an instance of a template",
-     "printf '[Service]\\nExecStart=/bin/sleep 999\\n' >/lib/systemd/system/DXCS-T@.service; "
-     "systemctl daemon-reload; systemctl start DXCS-T@x DXCS-T@y",
-     "T@x", false},
-    {"what wants a unit that is not there",
-     "ln -s /lib/systemd/system/DXCS-no.service /etc/systemd/system/multi-user.target.wants; "
-     "systemctl daemon-reload",
-     "own", true},
+const std::vector<STOthers> s_tOnSystemd = {
+    {"a name with the type inside", "nothing", false, "in.service.1"},
+    {"a masked unit", "masked", false, "in"},
+    {"a program that is seen through a bind mount", "bound", false, "in"},
+    {"a unit with a path that systemd cuts at its space", "cut", false},
+    {"another one whose path goes on in the folder", "goes-on", false, "in", "/opt/srv/x/dxdemo"},
+    {"several programs", "several", false},
+    {"an instance of a template", "instance", false, nullptr, nullptr, "T@x"},
+    {"what wants a unit that is not there", "wanted", true},
 };
-
-constexpr STOthers s_tOnSysV[] = {
-    {"a script without its marker line", "sed -i /Program=/d /etc/init.d/DXCS-in", "own", false, "in",
-     "/opt/srv/own/in/dxdemo"},
-    {"a script with a path that its shell cuts at a space",
-     "sed -i 's:/opt/srv/own/dxdemo:/opt/srv/own/sp:; s:-- --SERVICE:-- ace/dx --SERVICE:' "
-     "/etc/init.d/DXCS-own",
-     "own", false},
-    {"a process that no PID file names", "rm /run/DXCS-own.pid", "own", true},
+const std::vector<STOthers> s_tOnSysV = {
+    {"a script without its marker line", "no-marker", false, "in"},
+    {"a script with a path that its shell cuts at a space", "cut-by-shell", false},
+    {"a process that no PID file names", "no-pid-file", true},
 };
 } // namespace
 
 TEST_F(AnyServer, KeepsItsFilesUnlessItIsCertainWhoseTheyAre)
 {
-    const std::string csUndo =
-        "systemctl unmask DXCS-in; systemctl stop 'DXCS-T@*'; umount /opt/bound; rm -f "
-        "/etc/systemd/system/multi-user.target.wants/DXCS-no.service /lib/systemd/system/DXCS-T@.service; "
-        "systemctl daemon-reload";
-    const auto tCases = bSystemd() ? std::vector(std::begin(s_tOnSystemd), std::end(s_tOnSystemd))
-                                   : std::vector(std::begin(s_tOnSysV), std::end(s_tOnSysV));
-    for (const STOthers& st : tCases) {
+    for (const STOthers& st : bSystemd() ? s_tOnSystemd : s_tOnSysV) {
         SCOPED_TRACE(st.pszWhat);
         AddServerAt("own", "/opt/srv/own/dxdemo", 4921);
         if (st.pszOther != nullptr) {
             AddServerAt(st.pszOther, st.pszProgram, 4922);
         }
-        stRun(st.pszMake);
+        stRun(VELMO_FOLDER "uncertain " + std::string(st.pszMake));
         const auto csFiles = [] { return csOutput("find /opt/srv/o* -type f | sort"); };
         const std::string csBefore = csFiles();
         EXPECT_EQ(csUTF8Reply(std::string("UNINSTALL\t") + st.pszUninstall + "\t1"),
@@ -387,7 +343,7 @@ TEST_F(AnyServer, KeepsItsFilesUnlessItIsCertainWhoseTheyAre)
         EXPECT_EQ(stRun("pgrep -f '/dxdemo .*DXCS-own$'").csOutput.empty(),
                   st.pszUninstall == std::string("own") || st.bDeleted)
             << "it is ended before it goes";
-        stRun(csUndo);
+        stRun(VELMO_FOLDER "uncertain undo");
         for (const std::string cs : {"own", "in", "in.service.1"}) {
             csUTF8Reply("UNINSTALL\t" + cs + "\t0");
         }
