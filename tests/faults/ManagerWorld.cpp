@@ -26,21 +26,14 @@ constexpr char s_szServerText[] = "; kept\n[INIT]\nName=old\nAccessPort=4900\n[O
 constexpr char s_szRegisteredText[] = "; kept\n[INIT]\nName = A\nAccessPort=4900\n[OTHER]\nKey=value\n";
 
 constexpr char s_szSystemctl[] = R"(
+unit='Type=forking
+ExecStart={ path=/run/velmo/a/dxsrv ; argv[]=/run/velmo/a/dxsrv --SERVICE DXCS-A ; ignore_errors=no }
+Description=DXCS-A'
 case "$*" in
 *list-units*) echo "  DXCS-A.service loaded active running DXCS-A" ;;
 *ActiveState*DXCS-A) echo ActiveState=active ;;
-*"show DXCS-A dxsql")
-    echo Id=DXCS-A.service
-    echo Type=forking
-    echo "ExecStart={ path=/run/velmo/a/dxsrv ; argv[]=/run/velmo/a/dxsrv --SERVICE DXCS-A ; ignore_errors=no }"
-    echo Description=DXCS-A
-    echo
-    echo Id=dxsql.service
-    echo Type= ;;
-*Description*DXCS-A)
-    echo Type=forking
-    echo "ExecStart={ path=/run/velmo/a/dxsrv ; argv[]=/run/velmo/a/dxsrv --SERVICE DXCS-A ; ignore_errors=no }"
-    echo Description=DXCS-A ;;
+*"show DXCS-A dxsql") printf '%s\n' Id=DXCS-A.service "$unit" "" Id=dxsql.service Type= ;;
+*Description*DXCS-A) echo "$unit" ;;
 *Description*) echo Description=none ;;
 esac
 exit 0)";
@@ -61,37 +54,34 @@ std::string csOfConversation(CWireClient::Duration clLimit)
         {"START\tA", "OK\r\n"},
         {"CLUSTERINFO\tA", "YES\t0\t\r\n"},
         {"HELP", "ERROR\t8\r\n"},
+        {"QUIT", "<closed>"},
     };
     CWireClient clTool;
     if (!clTool.bConnect("127.0.0.1", s_wPort) && !clTool.bConnect("::1", s_wPort)) {
         return "no connection\n";
     }
-    std::string csAll;
     if (const std::string cs = clTool.csLine(clLimit); !cs.starts_with("HELLO")) {
         return csWrong("greeting", cs);
     }
+    std::string csAll;
     for (const auto& [csSent, pszReply] : tSteps) {
         const std::string cs = clTool.csAsk(csSent, clLimit);
         if (!cs.starts_with(pszReply) || (csSent == "INFO" && !cs.ends_with("\tA\t4900\r\n"))) {
             csAll += csWrong(csSent, cs);
         }
         if (cs.find('<') != std::string::npos) {
-            return csAll; // closed or late: what follows would be out of step
+            break; // closed or late: what follows would be out of step
         }
-    }
-    if (!clTool.bSend("QUIT\r\n") || !clTool.bClosed(clLimit)) {
-        csAll += "QUIT does not close\n";
     }
     return csAll;
 }
 
 std::string csOfPing(int nMs)
 {
-    CPingClient tTools[2]; // one family is enough
-    (void)tTools[0].Ask("127.0.0.1", s_wPort, "ARE YOU A DEXARO MANAGER UTF-8?\r\n");
-    (void)tTools[1].Ask("::1", s_wPort, "ARE YOU A DEXARO MANAGER UTF-8?\r\n");
     std::string csSeen;
-    for (const CPingClient& clTool : tTools) {
+    for (const char* pszAddress : {"127.0.0.1", "::1"}) { // one family is enough
+        CPingClient clTool;
+        (void)clTool.Ask(pszAddress, s_wPort, "ARE YOU A DEXARO MANAGER UTF-8?\r\n");
         csSeen = clTool.csAnswer(nMs);
         if (csSeen.find(" YES\t") != std::string::npos && csSeen.ends_with("\tA\t4900")) {
             return "";
@@ -102,11 +92,7 @@ std::string csOfPing(int nMs)
 
 std::string csOfRegistration(int nMs)
 {
-    const CReplyPipe clReply(::getpid());
-    if (!bWritePipe(CManagerWorld::Pipe, csRequest(::getpid(), 1, "B", CManagerWorld::Server, 4901))) {
-        return "the pipe takes no request\n";
-    }
-    const std::string cs = clReply.csReply(nMs);
+    const std::string cs = csRegister("B", CManagerWorld::Server, 4901, 1, nMs);
     return cs.empty() ? "" : csWrong("registration", cs);
 }
 } // namespace

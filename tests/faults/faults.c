@@ -3,11 +3,9 @@
  * VELMO_FAULT is "<function> <N> <error>": N counts from 1 (0: none fails), an error of 0 makes a transfer of
  * one byte. VELMO_FAULT_REPORT is a file of two 32-bit numbers, the calls so far and the fault's turn (0
  * until it has come). The library takes itself out of the environment: children run without it. Calls that
- * the C library makes inside itself are not seen, except those of the heap. With VELMO_FAULT_TURN the turn's
- * call stack goes to the standard error. */
+ * the C library makes inside itself are not seen, except those of the heap. */
 #include <dlfcn.h>
 #include <errno.h>
-#include <execinfo.h>
 #include <fcntl.h>
 #include <netdb.h>
 #include <pthread.h>
@@ -36,7 +34,6 @@ struct report
 static char s_function[40];
 static unsigned int s_turn;
 static int s_errno;
-static int s_trace;
 static struct report* s_report;
 
 __attribute__((constructor)) static void begin(void)
@@ -47,7 +44,6 @@ __attribute__((constructor)) static void begin(void)
     if (fault == NULL || name == NULL || sscanf(fault, "%39s %u %d", s_function, &s_turn, &s_errno) != 3) {
         return;
     }
-    s_trace = getenv("VELMO_FAULT_TURN") != NULL;
     const int file = open(name, O_RDWR | O_CLOEXEC);
     void* shared = mmap(NULL, sizeof(struct report), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
     close(file);
@@ -64,26 +60,16 @@ static int turn(const char* function)
         return 0;
     }
     atomic_store(&s_report->fired, s_turn);
-    if (s_trace) {
-        void* stack[60];
-        backtrace_symbols_fd(stack, backtrace(stack, 60), STDERR_FILENO);
-    }
     errno = s_errno;
     return 1;
 }
 
-/* ISO C has no conversion from an object's address to a function's. */
-static void find(void* function, const char* name)
-{
-    void* found = dlsym(RTLD_NEXT, name);
-    memcpy(function, &found, sizeof found);
-}
-
-/* The function that this one stands in front of. */
+/* The function that this one stands in front of; ISO C has no conversion from an object's address to it. */
 #define NEXT(name)                                                                                           \
     static __typeof__(&(name)) next;                                                                         \
     if (next == NULL) {                                                                                      \
-        find(&next, #name);                                                                                  \
+        void* found = dlsym(RTLD_NEXT, #name);                                                               \
+        memcpy(&next, &found, sizeof found);                                                                 \
     }
 
 /* An interposed function: fails with -1, or the value given. */
@@ -135,41 +121,31 @@ FAIL(pthread_create, s_errno, int,
      (thread, attributes, routine, argument))
 FAIL(dlopen, NULL, void*, (const char* path, int flags), (path, flags))
 
+int __clone(int (*routine)(void*), void* stack, int flags, void* argument, ...);
 SEEN int __clone(int (*routine)(void*), void* stack, int flags, void* argument, ...)
 {
-    static int (*next)(int (*)(void*), void*, int, void*, ...);
+    NEXT(__clone)
     va_list rest;
     va_start(rest, argument);
     pid_t* parent = va_arg(rest, pid_t*); /* all that the manager passes */
     va_end(rest);
-    if (next == NULL) {
-        find(&next, "__clone");
-    }
     return turn("clone") ? -1 : next(routine, stack, flags, argument, parent);
 }
 
-SEEN int clone(int (*routine)(void*), void* stack, int flags, void* argument, ...)
-    __attribute__((alias("__clone")));
+/* A function whose last parameter, the mode, is there when a file may be created. */
+#define OPEN(name, parameters, arguments)                                                                    \
+    SEEN int name parameters                                                                                 \
+    {                                                                                                        \
+        NEXT(name)                                                                                           \
+        va_list rest;                                                                                        \
+        va_start(rest, flags);                                                                               \
+        const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(rest, mode_t) : 0;                               \
+        va_end(rest);                                                                                        \
+        return turn(#name) ? -1 : next arguments;                                                            \
+    }
 
-SEEN int open(const char* path, int flags, ...)
-{
-    NEXT(open)
-    va_list rest;
-    va_start(rest, flags);
-    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(rest, mode_t) : 0;
-    va_end(rest);
-    return turn("open") ? -1 : next(path, flags, mode);
-}
-
-SEEN int openat(int folder, const char* path, int flags, ...)
-{
-    NEXT(openat)
-    va_list rest;
-    va_start(rest, flags);
-    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(rest, mode_t) : 0;
-    va_end(rest);
-    return turn("openat") ? -1 : next(folder, path, flags, mode);
-}
+OPEN(open, (const char* path, int flags, ...), (path, flags, mode))
+OPEN(openat, (int folder, const char* path, int flags, ...), (folder, path, flags, mode))
 
 /* The heap by its inner names: looking the outer ones up would allocate. */
 void* __libc_malloc(size_t n);

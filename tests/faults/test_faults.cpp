@@ -1,7 +1,7 @@
 // The built manager while one call of one function fails, or falls short, once; for every function, swept
 // over the calls that a start, a conversation, a ping, a registration and a stop make. It may refuse, never
 // more. VELMO_FAULT_TURNS is how many calls of a function are swept (evenly spread); "all" takes every one.
-// VELMO_FAULT_TURN=<its number> repeats a failed one and shows its call stack.
+// VELMO_FAULT_TURN=<its number> repeats a failed one.
 
 #include "ManagerWorld.h"
 
@@ -72,27 +72,22 @@ unsigned int nLive(const STFault& st, unsigned int nTurn)
 /// The turns to be swept: evenly spread over the calls, or the one that VELMO_FAULT_TURN tells.
 std::set<unsigned int> tTurns(unsigned int nCalls)
 {
-    if (const char* pszOne = std::getenv("VELMO_FAULT_TURN"); pszOne != nullptr) {
-        return {static_cast<unsigned int>(std::stoul(pszOne))};
+    const auto nSetting = [](const char* pszName, unsigned int nDefault) {
+        const char* psz = std::getenv(pszName);
+        return psz == nullptr              ? nDefault
+               : psz == std::string("all") ? ~0u
+                                           : static_cast<unsigned int>(std::stoul(psz));
+    };
+    if (const unsigned int nOne = nSetting("VELMO_FAULT_TURN", 0); nOne != 0) {
+        return {nOne};
     }
-    const char* pszTurns = std::getenv("VELMO_FAULT_TURNS");
-    const std::string csTurns = pszTurns != nullptr ? pszTurns : "8";
-    const unsigned int nTurns =
-        csTurns == "all" ? nCalls : std::min(nCalls, static_cast<unsigned int>(std::stoul(csTurns)));
+
+    const unsigned int nTurns = std::min(nCalls, nSetting("VELMO_FAULT_TURNS", 8));
     std::set<unsigned int> tSet;
     for (unsigned int n = 0; n < nTurns; ++n) {
         tSet.insert(1 + n * nCalls / nTurns);
     }
     return tSet;
-}
-
-/// "open_EMFILE", "read_Short"; the resolver's errors are negative.
-std::string csName(const STFault& st)
-{
-    return st.csFunction + "_" +
-           (st.nError == 0  ? "Short"
-            : st.nError > 0 ? ::strerrorname_np(st.nError)
-                            : "EAI");
 }
 
 class Faults : public ::testing::TestWithParam<STFault>
@@ -128,4 +123,10 @@ INSTANTIATE_TEST_SUITE_P(
                       STFault{"setsockopt", ENOPROTOOPT}, STFault{"select", ENOMEM}, STFault{"select", EINTR},
                       STFault{"mkfifo", ENOSPC}, STFault{"access", EACCES}, STFault{"stat", EACCES},
                       STFault{"fstat", EIO}, STFault{"dlopen", ENOMEM}),
-    [](const auto& st) { return csName(st.param); });
+    [](const auto& st) { // "open_EMFILE", "read_Short"; the resolver's errors are negative
+        const int nError = st.param.nError;
+        return st.param.csFunction + "_" +
+               (nError == 0  ? "Short"
+                : nError < 0 ? "EAI"
+                             : ::strerrorname_np(nError));
+    });

@@ -3,7 +3,6 @@
 #include "ManagerWorld.h"
 #include "support/CloseRange.h"
 #include "tools/Command.h"
-#include "tools/PingClient.h"
 #include "tools/Wait.h"
 #include "tools/WireClient.h"
 
@@ -23,17 +22,30 @@ constexpr char s_szKnown[] = "{\n vectors\n Memcheck:Addr32\n fun:__wmemcmp*\n}\
                              "{\n vectors2\n Memcheck:Cond\n fun:__wmemcmp*\n}\n"
                              "{\n vectors3\n Memcheck:Addr8\n fun:strncmp\n fun:is_dst\n}\n";
 
-/// Kibibytes that the process had in memory at most.
-long nPeakMemory(pid_t nProcess)
+class Whole : public ::testing::Test
 {
-    return std::stol(
-        "0" + stRun("awk '/VmHWM/ { print $2 }' /proc/" + std::to_string(nProcess) + "/status").csOutput);
-}
+protected:
+    void SetUp() override { REQUIRE_PRIVATE_WORLD(); }
+    /// A manager in the world of that systemctl plays right, and ends.
+    static void ExpectAllRight(const std::string& csSystemctl, const std::string& csWrapper = "")
+    {
+        SCOPED_TRACE(csWrapper);
+        const CManagerWorld clWorld(csSystemctl);
+        CManagerRun clManager(csWrapper);
+        ASSERT_TRUE(clManager.bAnswers());
+        EXPECT_EQ(csPlay(true), "");
+        EXPECT_EQ(clManager.nStop(), 0);
+    }
+    /// Questions one at a time: the monitor asks nothing.
+    static void RestartNothing()
+    {
+        std::ofstream("/run/velmo/DXConf.ini") << "[MANAGER]\nRestartOnFailed=0\n";
+    }
+};
 } // namespace
 
-TEST(Whole, HasNoMemoryErrorAndNoLeak)
+TEST_F(Whole, HasNoMemoryErrorAndNoLeak)
 {
-    REQUIRE_PRIVATE_WORLD();
     if (g_bSanitized || !std::filesystem::exists("/usr/bin/valgrind")) {
         GTEST_SKIP() << "SKIPPED: needs valgrind and a build without sanitizers";
     }
@@ -57,92 +69,21 @@ TEST(Whole, HasNoMemoryErrorAndNoLeak)
     EXPECT_EQ(CManagerWorld::csDamage(), "");
 }
 
-TEST(Whole, WorksOnAKernelThatRefusesWhatYoungOnesHave)
+TEST_F(Whole, WorksOnAKernelThatRefusesWhatYoungOnesHave)
 {
-    REQUIRE_PRIVATE_WORLD();
-    for (const char* pszError : {"ENOSYS", "EPERM"}) {
-        const CManagerWorld clWorld;
-        CManagerRun clManager("/run/velmo/refuse " + std::string(pszError) + " ");
-        ASSERT_TRUE(clManager.bAnswers()) << pszError;
-        EXPECT_EQ(csPlay(true), "") << pszError;
-        EXPECT_EQ(clManager.nStop(), 0);
-    }
+    ExpectAllRight("", "/run/velmo/refuse ENOSYS ");
+    ExpectAllRight("", "/run/velmo/refuse EPERM ");
 }
 
-TEST(Whole, StopsPromptlyAlthoughManyWaitForASlowTool)
+TEST_F(Whole, ASystemdThatDoesNotAnswerAtTheStartIsStillSystemd)
 {
-    REQUIRE_PRIVATE_WORLD();
-    const CManagerWorld clWorld("sleep 1\n");
-    CManagerRun clManager;
-    ASSERT_TRUE(clManager.bAnswers());
-    std::vector<CWireClient> tTools(30);
-    for (CWireClient& clTool : tTools) {
-        EXPECT_TRUE(clTool.bConnect("127.0.0.1", 4999) && clTool.bSend("INFO\r\n"));
-    }
-    ::usleep(500'000); // so that the discovery thread, which the stop waits for, comes last
-    EXPECT_TRUE(CPingClient().Ask("127.0.0.1", 4999, "ARE YOU A DEXARO MANAGER UTF-8?\r\n"));
-    ::usleep(500'000);
-    EXPECT_EQ(clManager.nStop(), 0);
-}
-
-TEST(Whole, AToolThatPrintsForEverCostsLittleMemoryAndNobodyElsesAnswer)
-{
-    REQUIRE_PRIVATE_WORLD();
-    const CManagerWorld clWorld(
-        "case \"$*\" in list-units*) exec yes '  DXCS-A.service loaded active running DXCS-A' ;; esac\n");
-    std::ofstream("/run/velmo/DXConf.ini") << "[MANAGER]\nRestartOnFailed=0\n"; // one listing at a time
-    CManagerRun clManager;
-    ASSERT_TRUE(clManager.bAnswers());
-    std::vector<std::jthread> tTools;
-    for (int n = 0; n < 3; ++n) {
-        tTools.emplace_back([] {
-            CWireClient clTool("127.0.0.1", 4999);
-            (void)clTool.csLine();
-            EXPECT_EQ(clTool.csAsk("INFO", std::chrono::seconds(60)), "<closed>");
-        });
-    }
-    CWireClient clTool("127.0.0.1", 4999);
-    (void)clTool.csLine();
-    for (int n = 0; n < 20; ++n) {
-        EXPECT_EQ(clTool.csAsk("STATUS\tA", std::chrono::seconds(2)), "STATUS\tRUNNING\r\n");
-        ::usleep(200'000);
-    }
-    tTools.clear();
-    const long nPeak = nPeakMemory(clManager.nPid());
-    std::printf("FIGURE peak resident memory beside a tool that prints for ever: %ld KiB\n", nPeak);
-    EXPECT_TRUE(g_bSanitized || nPeak < 32L * 1024) << nPeak;
-    clTool.Close();
-    EXPECT_EQ(clManager.nStop(30'000), 0);
-}
-
-TEST(Whole, ASystemdThatDoesNotAnswerAtTheStartIsStillSystemd)
-{
-    REQUIRE_PRIVATE_WORLD();
-    const CManagerWorld clWorld(
-        "if [ $1 = --no-pager ] && ! [ -e $DIR/tried ]; then touch $DIR/tried; exit 1; fi\n");
     stRun("mkdir -p /run/systemd/system"); // which tells that systemd was booted
-    CManagerRun clManager;
-    ASSERT_TRUE(clManager.bAnswers());
-    EXPECT_EQ(csPlay(true), "");
-    EXPECT_EQ(clManager.nStop(), 0);
+    ExpectAllRight("if [ $1 = --no-pager ] && ! [ -e $DIR/tried ]; then touch $DIR/tried; exit 1; fi\n");
     stRun("rm -r /run/systemd");
 }
 
-TEST(Whole, AForegroundManagerThatCannotStartSaysWhy)
+TEST_F(Whole, CommandsSayWhatCouldNotBeAskedAndWriteNothing)
 {
-    REQUIRE_PRIVATE_WORLD();
-    const CManagerWorld clWorld;
-    CManagerRun clManager;
-    ASSERT_TRUE(clManager.bAnswers());
-    const STCommandResult st = stRun(std::string(CManagerWorld::Manager) + " --DEBUG 2>&1 >/dev/null");
-    EXPECT_EQ(st.nStatus, 0);
-    EXPECT_NE(st.csOutput.find("4999"), std::string::npos) << st.csOutput;
-    EXPECT_EQ(clManager.nStop(), 0);
-}
-
-TEST(Whole, CommandsSayWhatCouldNotBeAskedAndWriteNothing)
-{
-    REQUIRE_PRIVATE_WORLD();
     const CManagerWorld clWorld("case \"$*\" in --no-pager*) exit 0 ;; *) exit 1 ;; esac\n");
     const std::string csManager = CManagerWorld::Manager;
     for (const char* pszOptions : {" --STOPALL", " --STOP-SERVER /run/velmo/a"}) {
@@ -157,9 +98,8 @@ TEST(Whole, CommandsSayWhatCouldNotBeAskedAndWriteNothing)
     EXPECT_EQ(stRun("ls /lib/systemd/system").csOutput, "") << "it may be registered already";
 }
 
-TEST(Whole, WorksWhateverItIsStartedWith)
+TEST_F(Whole, WorksWhateverItIsStartedWith)
 {
-    REQUIRE_PRIVATE_WORLD();
     const CManagerWorld clWorld(
         "[ \"$SYSTEMD_LOG_LEVEL$SYSTEMD_COLORS$SYSTEMD_PAGER$LC_ALL\" = 0C.UTF-8 ] || exit 1\n"
         "sleep 0.01\n");
@@ -184,7 +124,7 @@ TEST(Whole, WorksWhateverItIsStartedWith)
     for (const std::string& csWrapper : tWrappers) {
         SCOPED_TRACE(csWrapper);
         CManagerWorld::Reset();
-        std::ofstream("/run/velmo/DXConf.ini") << "[MANAGER]\nRestartOnFailed=0\n"; // one listing at a time
+        RestartNothing();
         CManagerRun clManager(csWrapper);
         ASSERT_TRUE(clManager.bAnswers());
         const auto clStart = std::chrono::steady_clock::now();

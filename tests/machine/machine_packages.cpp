@@ -1,47 +1,20 @@
 // The Debian package in a machine with a real systemd: installed, upgraded, removed and purged as an
 // administrator does. The packages come from packaging/build.
 
-#include "support/SystemCall.h"
-#include "tools/Address.h"
-#include "tools/Command.h"
-#include "tools/Machine.h"
-#include "tools/Wait.h"
-#include "tools/WireClient.h"
-
-#include <filesystem>
-#include <fstream>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <string>
-#include <sys/socket.h>
+#include "MachineTest.h"
 
 namespace {
-using ::testing::HasSubstr;
-
-constexpr char s_szHome[] = "/opt/velmomanager";
-constexpr char s_szSettings[] = "/opt/velmomanager/DXConf.ini";
-constexpr char s_szUnit[] = "/lib/systemd/system/VelmoManager.service";
+const std::string s_csHome = "/opt/velmomanager/";
+const std::string s_csSettings = s_csHome + "DXConf.ini";
 constexpr char s_szPolicy[] = "/usr/sbin/policy-rc.d";
 /// As below a service that reports its readiness, which the manager must not take itself for; without the
 /// triggers of other packages, which take their time.
 const std::string s_csDpkg = "env NOTIFY_SOCKET=@nobody dpkg --no-triggers ";
 
-std::string csOutput(const std::string& csCommand)
+/// Where a package is, below the build folder; it is the only one in its folder.
+std::string csPackage(const std::string& csFolder)
 {
-    std::string cs = stRun(csCommand).csOutput;
-    cs.erase(cs.find_last_not_of('\n') + 1);
-    return cs;
-}
-
-/// Where the packages are, below the build folder; each is the only one in its folder.
-std::string csCurrent()
-{
-    return csOutput("ls " + csBuildFolder() + "/../packages-here/velmomanager_*.deb");
-}
-
-std::string csOlder()
-{
-    return csOutput("ls " + csBuildFolder() + "/../packages-here/older/velmomanager_*.deb");
+    return csOutput("ls " + csBuildFolder() + "/../packages-here/" + csFolder + "velmomanager_*.deb");
 }
 
 /// The version that the manager of this machine tells; or why there is none.
@@ -63,22 +36,28 @@ std::string csTraces()
         ")/*\" -not -path '/tmp/velmo-build-*'; pgrep -ax VelmoManager");
 }
 
-class Packages : public ::testing::Test
+class Packages : public CMachineTest
 {
 protected:
     void SetUp() override
     {
-        if (!std::filesystem::exists(csCurrent()) || !std::filesystem::exists(csOlder())) {
+        if (!fs::exists(m_csCurrent) || !fs::exists(m_csOlder)) {
             GTEST_SKIP() << "the packages are not built: packaging/build --here older";
         }
+        ::setenv("DPKG", s_csDpkg.c_str(), 1); // for the transcripts
+        ::setenv("CURRENT", m_csCurrent.c_str(), 1);
+        ::setenv("OLDER", m_csOlder.c_str(), 1);
         std::ofstream{s_szStamp};
-        std::filesystem::remove(s_szPolicy); // the host's: no service is to start there
+        fs::remove(s_szPolicy); // the host's: no service is to start there
     }
     void TearDown() override
     {
         stRun(s_csDpkg + "-P velmomanager; rm -rf /etc/systemd/system/VelmoManager.service.d; "
                          "systemctl daemon-reload");
+        CMachineTest::TearDown();
     }
+    const std::string m_csCurrent = csPackage("");
+    const std::string m_csOlder = csPackage("older/");
 
     static void UseExample(const std::string& csFile)
     {
@@ -86,7 +65,6 @@ protected:
               "/usr/share/doc/velmomanager/examples/" +
               csFile + " /etc/systemd/system/VelmoManager.service.d/ && systemctl daemon-reload");
     }
-
     static void Install(const std::string& csFile)
     {
         const STCommandResult st = stRun(s_csDpkg + "-i " + csFile);
@@ -97,36 +75,22 @@ protected:
 
 TEST_F(Packages, AFreshInstallationRunsAndStartsAtBoot)
 {
-    Install(csCurrent());
-    EXPECT_EQ(csRunningVersion(), "24.0.6.0");
-    EXPECT_EQ(csOutput("systemctl is-enabled VelmoManager"), "enabled");
-    EXPECT_EQ(csOutput("dpkg -V velmomanager"), "") << "files of the package are missing or changed";
-    EXPECT_EQ(stRun("VelmoManager").nStatus, 0) << "found by its name, and content with what runs";
-    EXPECT_THAT(csOutput("systemd-tmpfiles --cat-config"), HasSubstr("\nx /tmp/__pipe_velmomanager_*\n"));
+    Play("packages-fresh.txt");
 }
 
 TEST_F(Packages, AnUpgradeKeepsTheSettingsAndRunsTheNewVersionOfWhatRan)
 {
-    const std::string csText = "[MANAGER]\nCheckPeriod = 7\n";
-    Install(csOlder());
-    ASSERT_EQ(csRunningVersion(), "23.0.0.0");
-    std::ofstream(s_szSettings) << csText;
-    Install(csCurrent());
-    EXPECT_EQ(csRunningVersion(), "24.0.6.0");
-    EXPECT_EQ(stRun("cat " + std::string(s_szSettings)).csOutput, csText);
-    stRun("systemctl stop VelmoManager");
-    Install(csCurrent());
-    EXPECT_EQ(csOutput("systemctl is-active VelmoManager"), "inactive") << "what was stopped is not started";
+    Play("packages-upgrade.txt");
 }
 
 TEST_F(Packages, AnUpgradeWaitsForThePortOfAnOlderReleaseOnly)
 {
     stRun("mount -o remount,rw /proc/sys; sysctl -w net.ipv4.tcp_fin_timeout=3"); // seconds, instead of 60
-    Install(csOlder());
+    Install(m_csOlder);
     for (const bool bOlder : {true, false}) {
         CWireClient clTool("127.0.0.1", 4999);
         ASSERT_TRUE(clTool.csLine().starts_with("HELLO")); // and it does not hang up
-        const STCommandResult st = stRun(s_csDpkg + "-i " + csCurrent());
+        const STCommandResult st = stRun(s_csDpkg + "-i " + m_csCurrent);
         EXPECT_EQ(st.csOutput.find("seconds until the system gives port 4999 back") != std::string::npos,
                   bOlder)
             << st.csOutput;
@@ -136,31 +100,22 @@ TEST_F(Packages, AnUpgradeWaitsForThePortOfAnOlderReleaseOnly)
 
 TEST_F(Packages, ARemovalLeavesTheSettingsAndAPurgeNothing)
 {
-    Install(csCurrent());
-    std::ofstream(s_szSettings) << "[MANAGER]\n";
+    Install(m_csCurrent);
+    std::ofstream(s_csSettings) << "[MANAGER]\n";
     EXPECT_EQ(stRun(s_csDpkg + "-r velmomanager").nStatus, 0);
-    EXPECT_EQ(csOutput("systemctl show --value -p LoadState VelmoManager"), "not-found");
-    EXPECT_EQ(csOutput("ls -A " + std::string(s_szHome)), "DXConf.ini");
+    EXPECT_EQ(csShow("LoadState"), "not-found");
+    EXPECT_EQ(csOutput("ls -A " + s_csHome), "DXConf.ini");
     EXPECT_EQ(stRun(s_csDpkg + "-P velmomanager").nStatus, 0);
     EXPECT_EQ(csTraces(), "");
-    Install(csCurrent());
-    std::filesystem::remove(std::string(s_szHome) + "/zt240obj.so");
+    Install(m_csCurrent);
+    fs::remove(s_csHome + "zt240obj.so");
     EXPECT_EQ(stRun(s_csDpkg + "-P velmomanager").nStatus, 0) << "a manager that cannot run any more";
     EXPECT_EQ(csTraces(), "");
 }
 
 TEST_F(Packages, WhereNoServiceMayStartTheyAreInstalledAndRegisterNothing)
 {
-    ASSERT_EQ(stRun("mount --bind / /mnt").nStatus, 0);
-    EXPECT_EQ(stRun("chroot /mnt " + s_csDpkg + "-i " + csCurrent()).nStatus, 0);
-    EXPECT_FALSE(std::filesystem::exists(s_szUnit));
-    EXPECT_EQ(stRun("chroot /mnt " + s_csDpkg + "-P velmomanager").nStatus, 0);
-    stRun("umount /mnt");
-    std::ofstream(s_szPolicy) << "#!/bin/sh\nexit 101\n";
-    std::filesystem::permissions(s_szPolicy, std::filesystem::perms(0755));
-    Install(csCurrent());
-    EXPECT_FALSE(std::filesystem::exists(s_szUnit));
-    EXPECT_FALSE(std::filesystem::exists("/etc/init.d/VelmoManager"));
+    Play("packages-no-start.txt");
 }
 
 TEST_F(Packages, TheServiceOfAnotherFolderIsNotTouched)
@@ -168,44 +123,30 @@ TEST_F(Packages, TheServiceOfAnotherFolderIsNotTouched)
     PutManager("other");
     ASSERT_EQ(stRun("/opt/velmo/other/VelmoManager").nStatus, 0);
     const std::string csPid = stRun("cat /run/VelmoManager.pid").csOutput;
-    Install(csCurrent());
+    Install(m_csCurrent);
     EXPECT_EQ(stRun(s_csDpkg + "-P velmomanager").nStatus, 0);
     EXPECT_EQ(stRun("cat /run/VelmoManager.pid").csOutput, csPid);
     EXPECT_EQ(csRunningVersion(), "24.0.6.0");
-    stRun("/opt/velmo/other/VelmoManager --UNINSTALL; rm -r /opt/velmo");
 }
 
 TEST_F(Packages, TheHardeningThatIsShippedAsAnExampleTakesNothingAway)
 {
-    Install(csCurrent());
+    Install(m_csCurrent);
     UseExample("hardening.conf");
-    ASSERT_EQ(stRun("systemctl restart VelmoManager").nStatus, 0);
+    PutServer("Orders", 4900, "", "Orders");
+    Play("packages-hardening.txt");
     EXPECT_LT(std::stod(csOutput("systemd-analyze security --no-pager VelmoManager | "
                                  "sed -n 's/.*Overall exposure level.*: \\([0-9.]*\\) .*/\\1/p'")),
               4.0);
-    PutServer("Orders", 4900, "", "Orders");
-    EXPECT_EQ(csOutput("/opt/velmo/Orders/dxdemo --REGISTER"), "") << "it is registered, and runs";
-    stRun("systemctl stop DXCS-Orders; chown -R nobody /opt/velmo/Orders; chmod 0700 /opt/velmo/Orders");
-    EXPECT_EQ(stRun("velmoctl start Orders").nStatus, 0);
-    EXPECT_THAT(csOutput("velmoctl list"), HasSubstr("Orders  4900  running"));
-    EXPECT_EQ(stRun("velmoctl uninstall Orders --delete-files --yes").nStatus, 0);
-    EXPECT_FALSE(std::filesystem::exists("/opt/velmo/Orders"));
-    EXPECT_EQ(csOutput("systemctl show --value -p LoadState DXCS-Orders"), "not-found");
-    stRun("rm -rf /opt/velmo");
 }
 
 TEST_F(Packages, WithTheExampleForItAManagerThatCannotStartIsTriedAgain)
 {
-    Install(csCurrent());
+    Install(m_csCurrent);
     UseExample("restart.conf");
     stRun("systemctl stop VelmoManager");
     {
-        const CDescripteur clOther(::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        const sockaddr_in6 st = stAddress("::", 4999);
-        const int nYes = 1; // whatever is left of earlier conversations
-        ASSERT_EQ(::setsockopt(clOther.nFd(), SOL_SOCKET, SO_REUSEADDR, &nYes, sizeof nYes), 0);
-        ASSERT_EQ(::bind(clOther.nFd(), reinterpret_cast<const sockaddr*>(&st), sizeof st), 0);
-        ASSERT_EQ(::listen(clOther.nFd(), 1), 0);
+        const CDescripteur clOther = clTakePort();
         stRun("systemctl start VelmoManager");
         EXPECT_NE(csOutput("systemctl is-active VelmoManager"), "active");
     }
@@ -217,18 +158,7 @@ TEST_F(Packages, TheClientsInTheirProtocolGuideWork)
     if (stRun("command -v python3").nStatus != 0) {
         GTEST_SKIP() << "no python3 here";
     }
-    Install(csCurrent());
-    stRun("awk '/^```python/ { file = \"/tmp/client\" n++; next } /^```/ { file = \"\" } file { print >file "
-          "}' " +
-          csBuildFolder() + "/../../docs/protocol.md");
+    ::setenv("GUIDE", (csBuildFolder() + "/../../docs/protocol.md").c_str(), 1);
     PutServer("Orders", 4900);
-    EXPECT_EQ(csOutput("python3 /tmp/client1 Orders /opt/velmo/Orders/dxdemo 4900"), "registered, and runs");
-    EXPECT_EQ(csOutput("python3 /tmp/client1 Third Third/dxdemo 4902"), "Invalid argument");
-    const std::string csSaid = csOutput("python3 /tmp/client0");
-    EXPECT_THAT(csSaid, HasSubstr(" Mo\\tOrders\\t4900\\r\\n'\n"));
-    EXPECT_THAT(csSaid, HasSubstr("STATUS\\tRUNNING\\r\\n'\nb'ERROR\\t1No such file or directory\\r\\n'"));
-    stRun("sed -i s/255.255.255.255/127.0.0.1/ /tmp/client2"); // a machine has no other network
-    EXPECT_THAT(csOutput("python3 /tmp/client2"),
-                HasSubstr("Orders\\t4900', ('127.0.0.1', 4999))\n(b'\\r\\n', ('127.0.0.1', 4999))"));
-    stRun("systemctl disable --now DXCS-Orders; rm -rf /lib/systemd/system/DXCS-Orders.service /opt/velmo");
+    Play("packages-guide.txt");
 }

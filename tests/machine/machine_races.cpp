@@ -2,50 +2,17 @@
 // a real systemd and in one without any service manager. Another server that is killed meanwhile, and one
 // that hangs at its start, show that nobody is held up.
 
-#include "tools/Command.h"
-#include "tools/Machine.h"
-#include "tools/PipeClient.h"
-#include "tools/Wait.h"
-#include "tools/WireClient.h"
+#include "MachineTest.h"
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
+#include <functional>
 #include <future>
-#include <gtest/gtest.h>
 #include <iostream>
 #include <map>
-#include <memory>
 #include <random>
 #include <thread>
 
 namespace {
-using CClock = std::chrono::steady_clock;
-using namespace std::chrono_literals;
-
-bool bSystemd()
-{
-    return std::filesystem::exists("/run/systemd/system");
-}
-
-long nMsSince(CClock::time_point clStart)
-{
-    return (CClock::now() - clStart) / 1ms;
-}
-
-std::string csAsk(const std::string& csLine)
-{
-    return csAskManager(csLine, 60s);
-}
-
-std::string csRegister(const std::string& csFolder)
-{
-    return stRun("/opt/velmo/" + csFolder + "/dxdemo --REGISTER | tr -d '\\n'").csOutput;
-}
-
 /// From its next start on.
 void HangAtStart(const std::string& csFolder)
 {
@@ -57,33 +24,23 @@ void KillServer(const std::string& csName)
     stRun("kill -9 $(cat /run/DXCS-" + csName + ".pid)");
 }
 
-std::string csPid(const std::string& csName)
-{
-    return stRun("cat /run/DXCS-" + csName + ".pid").csOutput;
-}
-
-bool bServes(unsigned short wPort)
-{
-    return CWireClient("127.0.0.1", wPort).csLine(500ms).starts_with("HELLO");
-}
-
 bool bRegistered(const std::string& csName)
 {
-    return std::filesystem::exists("/lib/systemd/system/DXCS-" + csName + ".service") ||
-           std::filesystem::exists("/etc/init.d/DXCS-" + csName);
+    return fs::exists("/lib/systemd/system/DXCS-" + csName + ".service") ||
+           fs::exists("/etc/init.d/DXCS-" + csName);
 }
 
 /// Processes of a server, and tools that act on it.
 std::string csProcesses(const std::string& csName)
 {
-    return stRun("pgrep -af '(dxdemo --SERVICE|systemctl .*) DXCS-" + csName + "( |$)'").csOutput;
+    return csOutput("pgrep -af '(dxdemo --SERVICE|systemctl .*) DXCS-" + csName + "( |$)'");
 }
 
 /// Kills a server every few seconds and notes how long it takes until it serves again.
 class CBystander
 {
 public:
-    CBystander() : m_clThread([this] { __Run(); }) {}
+    CBystander() : m_clThread([this] { _Run(); }) {}
     ~CBystander()
     {
         m_bEnd = true;
@@ -93,14 +50,15 @@ public:
     int nKills() const { return m_nKills; }
 
 private:
-    void __Run()
+    void _Run()
     {
         while (!m_bEnd) {
-            const std::string csBefore = csPid("bystander"); // another one may serve before we look
+            const pid_t nBefore = nPidOf("DXCS-bystander"); // another one may serve before we look
             KillServer("bystander");
             ++m_nKills;
             const auto clKilled = CClock::now();
-            EXPECT_TRUE(bWaitUntil([&] { return csPid("bystander") != csBefore && bServes(4912); }, 20'000));
+            EXPECT_TRUE(
+                bWaitUntil([&] { return nPidOf("DXCS-bystander") != nBefore && bServes(4912); }, 20'000));
             m_nSlowestMs = std::max<long>(m_nSlowestMs, nMsSince(clKilled));
             std::this_thread::sleep_for(1s);
         }
@@ -111,86 +69,81 @@ private:
     std::thread m_clThread;
 };
 
-} // namespace
-
-class Races : public ::testing::Test
+class Races : public CMachineTest
 {
 protected:
     void SetUp() override
     {
         if (bSystemd()) { // its limit on starts is not what is tried here
-            std::filesystem::create_directories("/etc/systemd/system.conf.d");
+            fs::create_directories("/etc/systemd/system.conf.d");
             std::ofstream("/etc/systemd/system.conf.d/x.conf")
                 << "[Manager]\nDefaultStartLimitBurst=1000000\n";
             stRun("systemctl daemon-reexec");
         }
-        PutManager("manager", "CheckPeriod=1\n");
-        m_pclManager = std::make_unique<CManagerProcess>("/opt/velmo/manager/VelmoManager");
-        ASSERT_TRUE(m_pclManager->bAnswers());
-        ASSERT_TRUE(bWaitUntil([] { return bWritePipe("/tmp/__pipe_velmomanager__", ""); }, 5000));
+        ASSERT_NO_FATAL_FAILURE(StartManager("CheckPeriod=1\n"));
         for (const auto& [pszName, nPort] : {std::pair{"bystander", 4912}, {"hangs", 4913}}) {
             PutServer(pszName, nPort, "", pszName);
-            ASSERT_EQ(csRegister(pszName), "");
+            ASSERT_EQ(csRegisterItself(pszName), "");
         }
         PutServer("victim", 4911, "", "victim");
         // The manager is to bring them back, not systemd; the next start of one hangs.
         stRun("sed -i /^Restart/d /lib/systemd/system/DXCS-*; systemctl daemon-reload");
         HangAtStart("hangs");
         KillServer("hangs");
-        ASSERT_TRUE(bWaitUntil(
-            [] { return stRun("pgrep -cf 'dxdemo --SERVICE DXCS-hangs'").csOutput >= "1\n"; }, 10'000));
+        ASSERT_TRUE(bWaitUntil([] { return !csProcesses("hangs").empty(); }, 10'000));
     }
     void TearDown() override
     {
         m_pclManager.reset();
         stRun("pkill -9 dxdemo");
-        RemoveServices();
+        CMachineTest::TearDown();
     }
-    std::unique_ptr<CManagerProcess> m_pclManager;
-    std::mt19937 m_clRandom{20261121};
 };
+
+/// What happens to the server all at once, and what each may be answered: which of them comes first is open,
+/// and a start may meet the kill or the removal.
+struct STRacer
+{
+    const char* pszWhat;
+    std::function<std::string()> fnRace;
+    std::vector<std::string> tMay;
+};
+const STRacer s_tRacers[] = {
+    {"kill", [] { return KillServer("victim"), std::string(); }, {""}},
+    {"UNINSTALL", [] { return csAsk("UNINSTALL\tvictim\t0"); }, {"OK\r\n", "ERROR\t11\r\n"}},
+    {"START", [] { return csAsk("START\tvictim"); }, {"OK\r\n", g_szNone, "ERROR\t2Operation canceled\r\n"}},
+    {"REGISTER", [] { return csRegisterItself("victim"); }, {"", "Operation canceled"}},
+};
+} // namespace
+
 TEST_F(Races, NoProcessWithoutAServiceNoHangingToolAndNoWrongAnswer)
 {
-    const int nRounds = std::getenv("VELMO_LONG") != nullptr ? 500 : 25;
-    const std::pair<const char*, std::function<std::string()>> tRacers[] = {
-        {"kill", [] { return KillServer("victim"), std::string(); }},
-        {"UNINSTALL", [] { return csAsk("UNINSTALL\tvictim\t0"); }},
-        {"START", [] { return csAsk("START\tvictim"); }},
-        {"REGISTER", [] { return csRegister("victim"); }},
-    };
-    /// What each may be answered: which of them comes first is open, and a start may meet the kill or the
-    /// removal.
-    const std::map<std::string, std::vector<std::string>> tRight = {
-        {"kill", {""}},
-        {"UNINSTALL", {"OK\r\n", "ERROR\t11\r\n"}},
-        {"START", {"OK\r\n", "ERROR\t1No such file or directory\r\n", "ERROR\t2Operation canceled\r\n"}},
-        {"REGISTER", {"", "Operation canceled"}},
-    };
+    const int nRounds = bLong() ? 500 : 25;
+    std::mt19937 clRandom{20261121};
     std::map<std::string, int> tAnswers;
     long nSlowestMs = 0;
     const CBystander clBystander;
 
     for (int nRound = 0; nRound < nRounds; ++nRound) {
+        SCOPED_TRACE(nRound);
         const auto clBegin = CClock::now();
-        std::vector<std::pair<std::string, std::future<std::string>>> tUnderWay;
-        for (const auto& [pszWhat, fnRace] : tRacers) {
-            const auto clDelay = std::chrono::milliseconds(m_clRandom() % 150);
-            tUnderWay.emplace_back(pszWhat, std::async(std::launch::async, [clDelay, fnRace = fnRace] {
-                                       std::this_thread::sleep_for(clDelay);
-                                       return fnRace();
-                                   }));
+        std::vector<std::future<std::string>> tUnderWay;
+        for (const STRacer& st : s_tRacers) {
+            tUnderWay.push_back(std::async(std::launch::async, [&st, clDelay = clRandom() % 150 * 1ms] {
+                std::this_thread::sleep_for(clDelay);
+                return st.fnRace();
+            }));
         }
-        for (auto& [csWhat, clAnswer] : tUnderWay) {
-            const std::string csAnswer = clAnswer.get();
-            const auto& tAllowed = tRight.at(csWhat);
-            EXPECT_NE(std::find(tAllowed.begin(), tAllowed.end(), csAnswer), tAllowed.end())
-                << csWhat << ": " << csAnswer;
-            ++tAnswers[csWhat + " " + csAnswer.substr(0, csAnswer.find('\r'))];
+        for (std::size_t n = 0; n < tUnderWay.size(); ++n) {
+            const STRacer& st = s_tRacers[n];
+            const std::string csAnswer = tUnderWay[n].get();
+            EXPECT_THAT(st.tMay, ::testing::Contains(csAnswer)) << st.pszWhat;
+            ++tAnswers[st.pszWhat + (" " + csAnswer.substr(0, csAnswer.find('\r')))];
         }
         nSlowestMs = std::max(nSlowestMs, nMsSince(clBegin));
         if (!bRegistered("victim")) {
             EXPECT_TRUE(bWaitUntil([] { return csProcesses("victim").empty(); }, 2000))
-                << "round " << nRound << ": " << csProcesses("victim");
+                << csProcesses("victim");
         }
     }
 
@@ -209,11 +162,8 @@ TEST_F(Races, NoProcessWithoutAServiceNoHangingToolAndNoWrongAnswer)
 
 TEST_F(Races, ARemovalDoesNotWaitForAStartThatHangs)
 {
-    PutServer("victim", 4911, "", "victim");
-    ASSERT_EQ(csRegister("victim"), "");
-    ASSERT_EQ(bSystemd() ? stRun("systemctl stop DXCS-victim").nStatus
-                         : stRun("/etc/init.d/DXCS-victim stop").nStatus,
-              0);
+    ASSERT_EQ(csRegisterItself("victim"), "");
+    ASSERT_EQ(stRun(bSystemd() ? "systemctl stop DXCS-victim" : "/etc/init.d/DXCS-victim stop").nStatus, 0);
     HangAtStart("victim");
     auto clStart = std::async(std::launch::async, [] { return csAsk("START\tvictim"); });
     ASSERT_TRUE(bWaitUntil([] { return !csProcesses("victim").empty(); }, 5000));

@@ -1,30 +1,13 @@
 // Servers that come and go, with the sample server, in a machine with a real systemd and in one without any
 // service manager: registration through the pipe, discovery over a network, restart on failure.
 
-#include "tools/Command.h"
-#include "tools/Machine.h"
+#include "MachineTest.h"
 #include "tools/PingClient.h"
-#include "tools/PipeClient.h"
-#include "tools/Wait.h"
-#include "tools/WireClient.h"
 
-#include <chrono>
-#include <filesystem>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <memory>
 #include <sched.h>
 #include <thread>
 
 namespace {
-using ::testing::HasSubstr;
-using ::testing::MatchesRegex;
-
-bool bSystemd()
-{
-    return std::filesystem::exists("/run/systemd/system");
-}
-
 /// Runs "start", "stop" and so on of a service in the machine's own way.
 STCommandResult stService(const std::string& csVerb, const std::string& csService)
 {
@@ -38,74 +21,37 @@ std::string csRegistry()
     return stRun("head -n 100 /lib/systemd/system/DXCS-* /etc/init.d/DXCS-* 2>/dev/null").csOutput;
 }
 
-/// The server's own words about its registration; empty when it went well.
-std::string csRegisters(const std::string& csFolder)
-{
-    std::string csAnswer = stRun("/opt/velmo/" + csFolder + "/dxdemo --REGISTER").csOutput;
-    csAnswer.pop_back(); // line end
-    return csAnswer;
-}
+constexpr char s_szQuiet[] = "RestartOnFailed=0\n";
 
+using Servers = CMachineTest;
 } // namespace
-
-class Servers : public ::testing::Test
-{
-protected:
-    void TearDown() override
-    {
-        m_pclManager.reset();
-        RemoveServices();
-    }
-    /// A manager with settings of its own in section MANAGER.
-    void Start(const std::string& csSettings = "RestartOnFailed=0\n")
-    {
-        m_pclManager.reset(); // the port is free
-        PutManager("manager", csSettings);
-        m_pclManager = std::make_unique<CManagerProcess>("/opt/velmo/manager/VelmoManager");
-        ASSERT_TRUE(m_pclManager->bAnswers());
-        ASSERT_TRUE(
-            bWaitUntil([] { return bWritePipe("/tmp/__pipe_velmomanager__", ""); }, 5000)); // it is read
-    }
-    static std::string csAsk(const std::string& csLine)
-    {
-        CWireClient clTool("127.0.0.1", 4999);
-        clTool.csLine();
-        return clTool.csAsk(csLine, std::chrono::seconds(20));
-    }
-    std::unique_ptr<CManagerProcess> m_pclManager;
-};
 
 TEST_F(Servers, AFreshServerRegistersItselfAndRunsAndIsListed)
 {
-    Start();
-    const auto csPids = [] { return stRun("cat /var/run/DXCS-*.pid").csOutput; };
-    for (const auto& [pszFolder, csName, nPort] : {std::tuple{"first", std::string("first"), 4911},
-                                                   {"generated", "Velmo_20261121 083000", 4912},
-                                                   {"accent", "Donn\xE9", 4913}}) {
+    StartManager(s_szQuiet);
+    for (const auto& [pszFolder, csName, nPort] :
+         {std::tuple{"generated", std::string("Velmo_20261121 083000"), 4912},
+          {"accent", "Donn\xE9", 4913}}) {
         SCOPED_TRACE(pszFolder);
         PutServer(pszFolder, nPort, "Register=1\n", csName); // and once more when it is started
-        EXPECT_EQ(csRegisters(pszFolder), "");
+        EXPECT_EQ(csRegisterItself(pszFolder), "");
         EXPECT_EQ(csAsk("STATUS\t" + csName), "STATUS\tRUNNING\r\n");
         EXPECT_THAT(csAsk("INFO"), HasSubstr("\t" + csName + "\t" + std::to_string(nPort)));
-        EXPECT_TRUE(CWireClient("127.0.0.1", static_cast<unsigned short>(nPort)).bConnected());
-        const std::string csBefore = csRegistry() + csPids();
-        EXPECT_EQ(csRegisters(pszFolder), "") << "again";
-        EXPECT_EQ(csRegistry() + csPids(), csBefore) << "a running server is left alone";
+        EXPECT_TRUE(bServes(static_cast<unsigned short>(nPort)));
     }
-    EXPECT_EQ(stRun("ls /lib/systemd/system/DXCS-* /etc/init.d/DXCS-* 2>/dev/null | wc -l").csOutput, "3\n");
 }
 
 TEST_F(Servers, APortOfAnotherIsRefusedAKnownProgramIsAdoptedAFailedStartTold)
 {
-    Start();
+    StartManager(s_szQuiet);
     PutServer("orders", 4911, "", "orders");
-    ASSERT_EQ(csRegisters("orders"), "");
+    ASSERT_EQ(csRegisterItself("orders"), "");
     PutServer("port", 4911, "", "port 100%s %1!d!");
     const std::string csBefore = csRegistry();
     const std::string csRefusal =
         "The server \"port 100%s %1!d!\" was not registered: its port 4911 is already used by the "
         "server \"orders\". Set another AccessPort in its DXConf.ini, then register it again.";
-    EXPECT_EQ(csRegisters("port"), csRefusal);
+    EXPECT_EQ(csRegisterItself("port"), csRefusal);
     EXPECT_EQ(csRegistry(), csBefore);
     if (bSystemd()) {
         EXPECT_TRUE(bWaitUntil(
@@ -114,88 +60,78 @@ TEST_F(Servers, APortOfAnotherIsRefusedAKnownProgramIsAdoptedAFailedStartTold)
 
     ASSERT_EQ(stService("stop", "DXCS-orders").nStatus, 0);
     PutServer("orders", 4911, "", "renamed");
-    EXPECT_EQ(csRegisters("orders"), "");
+    EXPECT_EQ(csRegisterItself("orders"), "");
     EXPECT_EQ(csRegistry(), csBefore);
-    EXPECT_EQ(stRun("sed -n 's/^Name *= *//p' /opt/velmo/orders/DXConf.ini").csOutput, "orders\n");
+    EXPECT_EQ(csOutput("sed -n 's/^Name *= *//p' /opt/velmo/orders/DXConf.ini"), "orders");
     EXPECT_EQ(csAsk("STATUS\torders"), "STATUS\tRUNNING\r\n");
 
     PutServer("fails", 4920, "FailAtStart=1\n", "fails");
-    EXPECT_EQ(csRegisters("fails"), "Operation canceled");
+    EXPECT_EQ(csRegisterItself("fails"), "Operation canceled");
     EXPECT_EQ(csAsk("STATUS\tfails"), "STATUS\tSTOPPED\r\n");
 }
 
 TEST_F(Servers, AKilledServerComesBackUnlessTheSettingForbidsItAndAStoppedOneDoesNot)
 {
-    Start("RestartOnFailed=0\nCheckPeriod=1\n");
+    StartManager("RestartOnFailed=0\nCheckPeriod=1\n");
     for (const auto& [pszName, nPort] : {std::pair{"dies", 4911}, {"rests", 4912}}) {
         PutServer(pszName, nPort, "", pszName);
-        ASSERT_EQ(csRegisters(pszName), "");
+        ASSERT_EQ(csRegisterItself(pszName), "");
     }
     ASSERT_EQ(stService("stop", "DXCS-rests").nStatus, 0);
     if (bSystemd()) { // which would bring it back itself
         stRun("sed -i /^Restart/d /lib/systemd/system/DXCS-dies.service; systemctl daemon-reload");
     }
-    ASSERT_EQ(stRun("kill -9 $(cat /var/run/DXCS-dies.pid)").nStatus, 0);
-    const auto fnServes = [] { return CWireClient("127.0.0.1", 4911).csLine().starts_with("HELLO"); };
+    ASSERT_EQ(::kill(nPidOf("DXCS-dies"), SIGKILL), 0);
+    const auto fnServes = [] { return bServes(4911); };
     ASSERT_TRUE(bWaitUntil([&] { return !fnServes(); }, 5000));
     EXPECT_FALSE(bWaitUntil(fnServes, 2500));
-    Start("CheckPeriod=1\n");
+    StartManager("CheckPeriod=1\n");
     EXPECT_TRUE(bWaitUntil(fnServes, 10'000));
     EXPECT_EQ(csAsk("STATUS\tdies"), "STATUS\tRUNNING\r\n");
     EXPECT_EQ(csAsk("STATUS\trests"), "STATUS\tSTOPPED\r\n")
         << "the pass that found the other one left it alone";
 }
 
+namespace {
+/// Asks the manager in both encodings, at each address that leads to it.
+void DiscoverFromTheOtherHost()
+{
+    const CDescripteur clNetwork(::open("/run/netns/tools", O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(::setns(clNetwork.nFd(), CLONE_NEWNET), 0);
+    const std::pair<std::string, std::string> tAddresses[] = {// asked, answered from
+                                                              {"10.77.0.2", "10.77.0.2"},
+                                                              {"10.77.0.255", "10.77.0.1"},
+                                                              {"255.255.255.255", "10.77.0.1"},
+                                                              {"fd77::1", "fd77::1"},
+                                                              {"fd77::2", "fd77::2"}};
+    for (const auto& [csAsked, csFrom] : tAddresses) {
+        for (const auto& [pszQuestion, pszName] :
+             {std::pair{"ARE YOU A DEXARO SERVER SETUP?\r\n", "\tCaf\xE9\t4911"},
+              {"ARE YOU A DEXARO MANAGER UTF-8?\r\n", "\tCafé\t4911"}}) {
+            SCOPED_TRACE(csAsked);
+            CPingClient clTool;
+            ASSERT_TRUE(clTool.Ask(csAsked, 4999, pszQuestion));
+            const std::string csAnswer = clTool.csAnswer();
+            EXPECT_TRUE(csAnswer.starts_with(csFrom + " YES\t")) << csAnswer;
+            EXPECT_TRUE(csAnswer.ends_with(pszName)) << csAnswer;
+            EXPECT_EQ(clTool.csAnswer(), csFrom + " \r\n");
+        }
+    }
+}
+} // namespace
+
 TEST_F(Servers, ToolsOfAnotherHostDiscoverTheManager)
 {
-    ASSERT_EQ(
-        stRun(
-            "ip netns add tools && ip link add here type veth peer name there netns tools && ip link set "
-            "here up && ip addr add 10.77.0.1/24 brd + dev here && ip addr add 10.77.0.2/24 dev here"
-            " && ip addr add fd77::1/64 dev here nodad && ip addr add fd77::2/64 dev here nodad"
-            " && ip -n tools link set lo up && ip -n tools link set there up"
-            " && ip -n tools addr add 10.77.0.9/24 brd + dev there"
-            " && ip -n tools addr add fd77::9/64 dev there nodad && ip -n tools route add default dev there")
-            .csOutput,
-        "");
-    Start();
+    Play("servers-other-host.txt");
+    StartManager(s_szQuiet);
     PutServer("found", 4911, "", "Caf\xE9");
-    ASSERT_EQ(csRegisters("found"), "");
-    std::thread clOtherHost([] {
-        const CDescripteur clNetwork(::open("/run/netns/tools", O_RDONLY | O_CLOEXEC));
-        ASSERT_EQ(::setns(clNetwork.nFd(), CLONE_NEWNET), 0);
-        const std::pair<std::string, std::string> tAddresses[] = {// asked, answered from
-                                                                  {"10.77.0.2", "10.77.0.2"},
-                                                                  {"10.77.0.255", "10.77.0.1"},
-                                                                  {"255.255.255.255", "10.77.0.1"},
-                                                                  {"fd77::1", "fd77::1"},
-                                                                  {"fd77::2", "fd77::2"}};
-        for (const auto& [csAsked, csFrom] : tAddresses) {
-            for (const auto& [pszQuestion, pszName] :
-                 {std::pair{"ARE YOU A DEXARO SERVER SETUP?\r\n", "\tCaf\xE9\t4911"},
-                  {"ARE YOU A DEXARO MANAGER UTF-8?\r\n", "\tCafé\t4911"}}) {
-                SCOPED_TRACE(csAsked);
-                CPingClient clTool;
-                ASSERT_TRUE(clTool.Ask(csAsked, 4999, pszQuestion));
-                const std::string csAnswer = clTool.csAnswer();
-                EXPECT_TRUE(csAnswer.starts_with(csFrom + " YES\t")) << csAnswer;
-                EXPECT_TRUE(csAnswer.ends_with(pszName)) << csAnswer;
-                EXPECT_EQ(clTool.csAnswer(), csFrom + " \r\n");
-            }
-        }
-    });
-    clOtherHost.join();
-    const std::string csElsewhere =
-        "ip netns exec tools " + csBuildFolder() + "/velmoctl discover --timeout 1 ";
-    EXPECT_THAT(stRun(csElsewhere).csOutput,
-                MatchesRegex("ADDRESS    VERSION [^\n]*\n10.77.0.1  24.0.6.0 [^\n]* Café:4911\n"))
-        << "once, though it has two addresses";
-    EXPECT_THAT(stRun(csElsewhere + "--host fd77::1 --json").csOutput,
-                HasSubstr("\"address\":\"fd77::1\",\"this_machine\":false"));
-    EXPECT_THAT(stRun(csBuildFolder() + "/velmoctl discover --timeout 1").csOutput,
-                MatchesRegex("ADDRESS [^\n]*\n[^\n]* \\(this machine\\)  24.0.6.0 [^\n]*\n"));
+    ASSERT_EQ(csRegisterItself("found"), "");
+    std::thread(DiscoverFromTheOtherHost).join();
+
+    Play("servers-discovery.txt");
     EXPECT_EQ(m_pclManager->nStop(), 0);
-    const STCommandResult stNone = stRun(csElsewhere);
+    const STCommandResult stNone =
+        stRun("ip netns exec tools " + csBuildFolder() + "/velmoctl discover --timeout 1");
     EXPECT_EQ(stNone.nStatus, 3);
     EXPECT_EQ(stNone.csOutput, "velmoctl: no manager answered\n");
     stRun("ip link del here; ip netns del tools");

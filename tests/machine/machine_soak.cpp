@@ -5,44 +5,28 @@
 // With VELMO_LONG set: 40 servers for VELMO_SOAK_SECONDS (3600 unless set). Otherwise: a sample of some
 // seconds.
 
-#include "tools/Command.h"
-#include "tools/Machine.h"
+#include "MachineTest.h"
 #include "tools/PingClient.h"
-#include "tools/PipeClient.h"
 #include "tools/ProcessFigures.h"
 #include "tools/Systemd.h"
 #include "tools/Tally.h"
-#include "tools/Wait.h"
-#include "tools/WireClient.h"
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <deque>
-#include <filesystem>
-#include <fstream>
-#include <gmock/gmock.h>
-#include <memory>
 #include <mutex>
 #include <random>
 #include <set>
 #include <thread>
 
 namespace {
-namespace fs = std::filesystem;
-using CClock = std::chrono::steady_clock; // the one of systemd's monotonic time stamps
 using CRandom = std::minstd_rand;
 using CTurns = std::atomic<unsigned int>;
 
-constexpr unsigned short s_wPort = 4999;
 constexpr std::chrono::seconds s_clLimit{60};   ///< for any answer
 constexpr std::chrono::seconds s_clRestart{30}; ///< for a killed server to run again
 constexpr int s_nLimitMs = 60'000;
-constexpr char s_szPipe[] = "/tmp/__pipe_velmomanager__";
 constexpr char s_szIntruder[] = "/opt/velmo/intruder/dxdemo"; ///< a program that no server is registered for
-constexpr char s_szNone[] = "ERROR\t1No such file or directory\r\n";
 
 struct STServer
 {
@@ -87,7 +71,7 @@ void Judge(const std::string& csWhat, const std::vector<std::string>& tMay, cons
 bool bGreeted(CWireClient& clTool, CRandom& clRandom)
 {
     g_clTally.Count("conversation");
-    if (!clTool.bConnect(clRandom() % 2 == 0 ? "127.0.0.1" : "::1", s_wPort)) {
+    if (!clTool.bConnect(clRandom() % 2 == 0 ? "127.0.0.1" : "::1", 4999)) {
         g_clTally.Wrong("connection", "one", "none");
         return false;
     }
@@ -97,9 +81,7 @@ bool bGreeted(CWireClient& clTool, CRandom& clRandom)
     if (bEager) {
         cs += clTool.csLine(s_clLimit);
     }
-    const char szHello[] = "HELLO FROM SERVEUR SETUP 24.0.6.0\r\n";
-    Judge(bEager ? "hello to an eager tool" : "hello", {bEager ? szHello + std::string("OK\r\n") : szHello},
-          cs);
+    Judge(bEager ? "hello to an eager tool" : "hello", {g_szHello + std::string(bEager ? "OK\r\n" : "")}, cs);
     return cs.find('<') == cs.npos;
 }
 
@@ -131,10 +113,10 @@ struct STCommand
 };
 const STCommand s_stStatus{"STATUS\t",
                            {"STATUS\tRUNNING\r\n", "STATUS\tSTOPPED\r\n", "STATUS\tSTART_PENDING\r\n",
-                            "STATUS\tSTOP_PENDING\r\n", s_szNone},
+                            "STATUS\tSTOP_PENDING\r\n", g_szNone},
                            {1, 4, 5}};
-const STCommand s_stStart{"START\t", {"OK\r\n", s_szNone, "ERROR\t2*"}, {1, 1, 3}};
-const STCommand s_stCluster{"CLUSTERINFO\t", {"YES\t0\t\r\n", s_szNone}, {1, 1, 2}};
+const STCommand s_stStart{"START\t", {"OK\r\n", g_szNone, "ERROR\t2*"}, {1, 1, 3}};
+const STCommand s_stCluster{"CLUSTERINFO\t", {"YES\t0\t\r\n", g_szNone}, {1, 1, 2}};
 
 bool bSteady(const CTurns& nNow, unsigned int nBefore)
 {
@@ -183,8 +165,8 @@ void JudgeList(const std::string& csWhat, FN fnAsk)
 void AskInfo(CWireClient& clTool)
 {
     JudgeList("INFO", [&] {
-        const std::string cs = csAsk(clTool, "INFO");
-        return cs.ends_with("\r\n") ? cs.substr(0, cs.size() - 2) : cs;
+        std::string cs = csAsk(clTool, "INFO");
+        return cs.erase(cs.find_last_not_of("\r\n") + 1);
     });
 }
 
@@ -212,7 +194,7 @@ void Discover(CRandom& clRandom)
     const std::string csAddress = clRandom() % 2 == 0 ? "127.0.0.1" : "::1";
     CPingClient clTool;
     JudgeList("discovery", [&] {
-        (void)clTool.Ask(csAddress, s_wPort, s_tQuestions[clRandom() % 2]);
+        (void)clTool.Ask(csAddress, 4999, s_tQuestions[clRandom() % 2]);
         const std::string cs = clTool.csAnswer(s_nLimitMs);
         return cs.starts_with(csAddress + " ") ? cs.substr(csAddress.size() + 1) : cs;
     });
@@ -227,7 +209,7 @@ void Disturb(CRandom& clRandom)
                                                 std::string(100'000, 'x')};
     CWireClient clTool;
     if (clRandom() % 3 != 0) {
-        (void)clTool.bConnect("127.0.0.1", s_wPort);
+        (void)clTool.bConnect("127.0.0.1", 4999);
         (void)clTool.bSend(s_tBeginnings[clRandom() % std::size(s_tBeginnings)]);
         clTool.Reset();
     } else if (bGreeted(clTool, clRandom)) {
@@ -254,21 +236,20 @@ void Kill(STServer& st)
 void ExpectRestart(const STServer& st)
 {
     STUnit stNow;
-    const auto bRuns = [&] { return stNow.csState == "active" && stNow.clActive > st.clKilled; };
-    bWaitUntil(
-        [&] {
-            ::usleep(100'000);
-            stNow = stUnit(st.csUnit());
-            return bRuns() || CClock::now() > st.clKilled + s_clRestart;
-        },
-        s_nLimitMs);
-    if (!bRuns()) {
-        g_clTally.Wrong("state of the killed " + st.csName, "active", stNow.csState);
-        stRun("timeout 20 systemctl restart " + st.csUnit()); // for those who come next
-    } else {
-        g_clTally.Took("restarts of " + st.csName.substr(0, 3) + "-...",
-                       std::chrono::duration<double>(stNow.clActive - st.clKilled).count());
+    const auto bRuns = [&] {
+        ::usleep(100'000);
+        stNow = stUnit(st.csUnit());
+        return stNow.csState == "active" && stNow.clActive > st.clKilled;
+    };
+    while (!bRuns()) {
+        if (CClock::now() > st.clKilled + s_clRestart) {
+            g_clTally.Wrong("state of the killed " + st.csName, "active", stNow.csState);
+            stRun("timeout 20 systemctl restart " + st.csUnit()); // for those who come next
+            return;
+        }
     }
+    g_clTally.Took("restarts of " + st.csName.substr(0, 3) + "-...",
+                   std::chrono::duration<double>(stNow.clActive - st.clKilled).count());
 }
 
 /// One server, or several at once as when the machine is out of memory.
@@ -305,17 +286,6 @@ void Rest(CRandom& clRandom)
     AskAbout(clTool, s_stStatus, *pst);
 }
 
-std::string csRegister(const std::string& csName, const std::string& csProgram, int nPort, int nForm = 1)
-{
-    static std::atomic<int> s_nReplies{1000};
-    const int nReply = ++s_nReplies;
-    const CReplyPipe clReply(nReply);
-    g_clTally.Count("registration");
-    return bWritePipe(s_szPipe, csRequest(nReply, nForm, csName, csProgram, nPort))
-               ? clReply.csReply(s_nLimitMs)
-               : "<not sent>";
-}
-
 /// Registrations that change nothing: of a taken name, of a taken port, of a server that runs.
 void Intrude(CRandom& clRandom)
 {
@@ -345,7 +315,7 @@ void JudgeAbsence(CWireClient& clTool, const STServer& st)
         g_clTally.Wrong("processes of the uninstalled " + st.csName, "none", std::to_string(nPid));
         ::kill(nPid, SIGKILL); // it has the port
     }
-    (void)bAsk(clTool, "STATUS\t" + st.csName, s_szNone, " uninstalled");
+    (void)bAsk(clTool, "STATUS\t" + st.csName, g_szNone, " uninstalled");
     if (csAsk(clTool, "INFO").find("\t" + st.csName + "\t") != std::string::npos) {
         g_clTally.Wrong("INFO without the uninstalled " + st.csName, "nothing of it", "its entry");
     }
@@ -455,12 +425,12 @@ void ExpectGoodEnd()
     EXPECT_TRUE(bWaitUntil([&] { return std::ranges::none_of(tTools(), bOld); }, 5000)) << "one hangs";
     const auto clStop = CClock::now();
     EXPECT_EQ(stRun("systemctl stop VelmoManager").nStatus, 0);
-    EXPECT_LT(CClock::now() - clStop, std::chrono::seconds(2));
+    EXPECT_LT(CClock::now() - clStop, 2s);
     EXPECT_TRUE(tTools().empty());
-    EXPECT_FALSE(fs::exists(s_szPipe) || fs::exists("/run/VelmoManager.pid"));
+    EXPECT_FALSE(fs::exists(g_szFifo) || fs::exists("/run/VelmoManager.pid"));
 }
 
-class SoakTest : public ::testing::Test
+class SoakTest : public CMachineTest
 {
 protected:
     void SetUp() override
@@ -474,12 +444,10 @@ protected:
         }
         PutManager("manager", "RestartOnFailed=1\nCheckPeriod=1\n");
         ASSERT_EQ(stRun("cd / && /opt/velmo/manager/VelmoManager").nStatus, 0);
-        CWireClient clTool("127.0.0.1", s_wPort);
-        clTool.csLine();
-        g_csHostInfo = clTool.csAsk("INFO");
+        g_csHostInfo = ::csAsk("INFO");
         g_csHostInfo.erase(g_csHostInfo.find_last_not_of("\r\n") + 1);
         PutServer("intruder", 4899);
-        for (int n = 0; n < (m_bLong ? 40 : 4); ++n) {
+        for (int n = 0; n < (bLong() ? 40 : 4); ++n) {
             STServer& st =
                 g_tServers.emplace_back((n % 2 == 0 ? "own-" : "mon-") + std::to_string(n), 4910 + n);
             PutServer(st.csName, st.nPort, "StartDelay=" + std::to_string(n % 4 * 100) + "\n");
@@ -490,16 +458,15 @@ protected:
     void TearDown() override
     {
         stRun("rm -r /etc/systemd/system/DXCS-*.service.d");
-        RemoveServices();
+        CMachineTest::TearDown();
     }
-    const bool m_bLong = std::getenv("VELMO_LONG") != nullptr;
 };
 } // namespace
 
 TEST_F(SoakTest, NoAnswerIsWrongEveryServerRunsAgainAndNothingGrows)
 {
     const char* const pszSeconds = std::getenv("VELMO_SOAK_SECONDS");
-    const int nSeconds = !m_bLong ? 2 : pszSeconds != nullptr ? std::atoi(pszSeconds) : 3600;
+    const int nSeconds = !bLong() ? 2 : pszSeconds != nullptr ? std::atoi(pszSeconds) : 3600;
     const unsigned int nSeed = std::random_device()();
     std::printf(
         "FIGURE %d seconds, %zu servers, seed %u\n| | descriptors | threads | children | resident beside the "
@@ -508,9 +475,9 @@ TEST_F(SoakTest, NoAnswerIsWrongEveryServerRunsAgainAndNothingGrows)
     const pid_t nManager = stUnit("VelmoManager").nPid;
     CRandom clRandom(nSeed);
     Intrude(clRandom); // what is opened once only, the log for instance, is open now
-    const STFigures stStart = stMeasure("start", nManager, m_bLong ? 5000 : 300, {}).first;
+    const STFigures stStart = stMeasure("start", nManager, bLong() ? 5000 : 300, {}).first;
     const std::vector<const char*> tLater =
-        m_bLong ? decltype(tLater){"after a third", "after two thirds", "end"} : decltype(tLater){"end"};
+        bLong() ? decltype(tLater){"after a third", "after two thirds", "end"} : decltype(tLater){"end"};
     std::vector<long> tMemoryKb;
     for (const char* pszWhen : tLater) {
         Soak(std::chrono::seconds(nSeconds) / tLater.size(), static_cast<unsigned int>(clRandom()));

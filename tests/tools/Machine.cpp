@@ -1,6 +1,7 @@
 #include "tools/Machine.h"
 
 #include "tools/Command.h"
+#include "tools/PipeClient.h"
 #include "tools/Wait.h"
 #include "tools/WireClient.h"
 
@@ -106,7 +107,9 @@ CManagerProcess::~CManagerProcess()
 
 bool CManagerProcess::bAnswers() const
 {
-    return bWaitUntil([] { return CWireClient("127.0.0.1", 4999).csLine().starts_with("HELLO"); }, 10'000);
+    // The pipe comes last in the start.
+    return bWaitUntil([] { return CWireClient("127.0.0.1", 4999).csLine().starts_with("HELLO"); }, 10'000) &&
+           bWaitUntil([] { return bWritePipe("/tmp/__pipe_velmomanager__", ""); }, 5000);
 }
 
 int CManagerProcess::nStop(int nMs)

@@ -38,7 +38,7 @@ public:
     CManagerProcess& operator=(const CManagerProcess&) = delete;
 
     pid_t nPid() const { return m_nPid; }
-    /// Waits until it greets on 127.0.0.1; false after 10 seconds.
+    /// Waits until it greets on 127.0.0.1 and reads its pipe; false after 15 seconds.
     bool bAnswers() const;
     /// SIGTERM, then how it ended (see nEndOf).
     int nStop(int nMs = 10'000);

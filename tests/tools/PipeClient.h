@@ -5,6 +5,7 @@
 #include "tools/Wait.h"
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <fcntl.h>
@@ -77,4 +78,17 @@ inline std::string csRequest(std::int32_t nReply, std::int32_t nForm, const std:
     const std::string csWideName = csToUTF16(csFromUTF8(csName));
     const std::string csWidePath = csToUTF16(csFromUTF8(csPath));
     return cs.replace(10, csWideName.size(), csWideName).replace(268, csWidePath.size(), csWidePath);
+}
+
+/// The manager's answer to a registration. A name that is longer than the field of form 1 goes by form 0,
+/// which always says "UNKNOWN".
+inline std::string csRegister(const std::string& csName, const std::string& csProgram, int nPort,
+                              int nForm = 1, int nMs = 60'000)
+{
+    static std::atomic<int> s_nReplies{5000};
+    const int nReply = ++s_nReplies;
+    const CReplyPipe clReply(nReply);
+    const bool bShort = csFromUTF8(csName).size() <= 128;
+    const std::string csBytes = csRequest(nReply, bShort ? nForm : 0, csName, csProgram, nPort);
+    return bWritePipe("/tmp/__pipe_velmomanager__", csBytes) ? clReply.csReply(nMs) : "<no pipe>";
 }

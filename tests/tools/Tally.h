@@ -52,6 +52,7 @@ public:
         }
     }
     const std::string& csWrong() const { return m_csWrong; }
+    long nCount(const std::string& csWhat) { return m_tCounts[csWhat]; }
     /// Prints the figures.
     void Print()
     {
