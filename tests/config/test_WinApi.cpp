@@ -72,7 +72,7 @@ TEST_F(ProfileFile, AReadTakesTheFirstLineOfItsKeyInTheFirstSectionOfItsName)
         {"[INIT]\nName==\"v\"\n", L"=\"v\""},
         {"[INIT]\nName \r=v\n", L""}, // ends before its "="
         {"[INIT]\nName=\xE9\x80\x81\n", L"\xE9\x20AC\x81"},
-        {"[INIT]\nx\0Name=w\nName=v\0w\n"s, L"v"},
+        {"[INIT]\nx\0Name=w\n[\0]\nName=v\0w\n"s, L"v"},
     };
     for (const auto& [csText, pszValue] : tCases) {
         for (const bool bUnicode : {false, true}) {
@@ -80,7 +80,7 @@ TEST_F(ProfileFile, AReadTakesTheFirstLineOfItsKeyInTheFirstSectionOfItsName)
             EXPECT_EQ(csGet(L"INIT", L"Name"), pszValue) << csText << (bUnicode ? " in UTF-16" : "");
         }
     }
-    SetFile("x=1\n [INIT]y\n:c=1\nA =1\nbare\n\tName x=2\n[\n[Other]\n");
+    SetFile("x=1\n [INIT]y\n:c=1\nA =1\nbare\nN\0=1\n\tName x=2\n[\n[Other]\n"s);
     EXPECT_EQ(csGet(nullptr, L"Name"), L"INIT\r\nOther\r\n"); // as for an empty name: the sections
     EXPECT_EQ(csGet(L"INIT", nullptr), L"A\r\nName x\r\n");
     EXPECT_EQ(csGet(L"Other", nullptr), L"<none>");

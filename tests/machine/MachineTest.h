@@ -113,7 +113,7 @@ inline void Play(const char* pszTranscript)
         EXPECT_EQ("[" + std::to_string(st.nStatus) + "]", csLine.substr(0, nCommand)) << st.csOutput;
 
         std::string csExpected;
-        while (std::getline(clFile, csLine) && csLine.front() != '[') {
+        while (std::getline(clFile, csLine) && !csLine.starts_with('[')) {
             csExpected += csLine + "\n";
         }
         EXPECT_EQ(::fnmatch(csExpected.c_str(), st.csOutput.c_str(), FNM_NOESCAPE), 0)

@@ -12,7 +12,6 @@
 #include <mutex>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <sys/socket.h>
@@ -184,16 +183,16 @@ inline STCommandResult stClient(const std::string& csPort, const std::string& cs
 /// shown, "=" and the status. A time is shown as T.
 inline void ExpectTranscript(const std::string& csOptions, const std::string& csFile)
 {
+    const std::string csHideTimes = "sed -E 's/(time=|_seconds[^ ]* )[0-9.]+/\\1T/g'";
     const std::string csExpected = csReadSource("tests/velmoctl/" + csFile);
     std::string csShown;
     std::istringstream clLines(csExpected);
     for (std::string cs; std::getline(clLines, cs);) {
         if (cs.starts_with("$ ")) {
-            const STCommandResult st = stRun("TERM=xterm " + csClient() + " " + csOptions + cs.substr(1));
-            csShown += cs + "\n" + st.csOutput + "= " + std::to_string(st.nStatus) + "\n";
+            const std::string csCommand = "TERM=xterm " + csClient() + " " + csOptions + cs.substr(1);
+            csShown += cs + "\n" + stRun("{ " + csCommand + "; echo = $?; } 2>&1 | " + csHideTimes).csOutput;
         }
     }
-    csShown = std::regex_replace(csShown, std::regex("(time=|_seconds[^ ]* )[0-9.]+"), "$1T");
     EXPECT_FALSE(csExpected.empty());
     EXPECT_EQ(csShown, csExpected);
 }
