@@ -218,7 +218,10 @@ std::vector<STHost> tHostsOf(const STOptions& stOptions)
         throw CFailure(EExit::USAGE, "no machine is named");
     }
 
-    return bNamed ? tHosts : std::vector<STHost>{{"", "", stOptions.wPort}};
+    if (!bNamed) {
+        tHosts.push_back({"", "", stOptions.wPort});
+    }
+    return tHosts;
 }
 
 STHost stOnlyHost(const STOptions& stOptions)
