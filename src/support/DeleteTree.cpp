@@ -70,7 +70,8 @@ std::optional<STPlace> stPlace(int nFd)
         return errno == ENOSYS || errno == EPERM ? stPlaceWithoutStatx(nFd) : std::nullopt;
     }
 
-    const bool bMount = (st.stx_mask & STATX_MNT_ID) != 0;
+    // qemu's emulation of programs announces the mount number and does not hand it over.
+    const bool bMount = (st.stx_mask & STATX_MNT_ID) != 0 && st.stx_mnt_id != 0;
     return STPlace{std::uint64_t{st.stx_dev_major} << 32 | st.stx_dev_minor, st.stx_ino,
                    bMount ? st.stx_mnt_id : qwMountByHandle(nFd)};
 }
