@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <sys/types.h>
@@ -53,7 +53,9 @@ public:
     std::string csRead(std::string_view csName) const
     {
         std::ifstream clStream(csPath(csName), std::ios::binary);
-        return {std::istreambuf_iterator<char>(clStream), std::istreambuf_iterator<char>()};
+        std::ostringstream clBytes; // in blocks: one by one they take minutes under an emulator
+        clBytes << clStream.rdbuf();
+        return clBytes.str();
     }
     /// Creates a directory with missing parents.
     std::string csMakeDirectory(std::string_view csName) const
