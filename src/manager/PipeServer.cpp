@@ -1,13 +1,11 @@
 #include "manager/PipeServer.h"
 
 #include "support/ManagerNames.h"
-#include "support/SignalMask.h"
 #include "support/SystemCall.h"
 #include "support/WorkerThread.h"
 
 #include <array>
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -134,9 +132,9 @@ bool CPipeServer::bStart()
 
 bool CPipeServer::bStop()
 {
-    // The workers first: this also ends the reading thread's wait for a free one, in which it cannot be
-    // cancelled. The descriptor last: its number may become another file's at once, which a thread that still
-    // runs would then read.
+    // The workers first: this also ends the reading thread's wait for a free one, in which nothing wakes it.
+    // The descriptor last: its number may become another file's at once, which a thread that still runs would
+    // then read.
     m_clWorkers.Stop();
     _StopThread();
 
@@ -149,6 +147,7 @@ bool CPipeServer::bStop()
 
 bool CPipeServer::_bStartThread()
 {
+    m_bEnding = false;
     errno = nCreateWorker(&m_hThread, PTHREAD_CREATE_JOINABLE, ThreadPipe, this);
     m_bThread = errno == 0;
     return m_bThread;
@@ -156,24 +155,28 @@ bool CPipeServer::_bStartThread()
 
 void CPipeServer::_StopThread()
 {
-    if (m_bThread) {
-        m_bThread = false;
-        std::ignore = ::pthread_cancel(m_hThread); // accepted only in _bReadRequest
-        std::ignore = ::pthread_join(m_hThread, nullptr);
+    if (!m_bThread) {
+        return;
     }
+    m_bThread = false;
+    m_bEnding = true;
+
+    // A byte is no request, but wakes the thread. A FIFO too full for it has kept the thread awake, so this
+    // must not wait for room.
+    std::ignore = ::fcntl(m_clFifo.nFd(), F_SETFL, O_RDWR | O_NONBLOCK);
+    std::ignore = ::write(m_clFifo.nFd(), "", 1);
+    std::ignore = ::pthread_join(m_hThread, nullptr);
 }
 
 void* CPipeServer::ThreadPipe(void* pServer)
 {
-    int nBefore = 0;
-    std::ignore = ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &nBefore);
     static_cast<CPipeServer*>(pServer)->_Run();
     return nullptr;
 }
 
 void CPipeServer::_Run()
 {
-    for (;;) {
+    while (!m_bEnding) {
         stSEND stSend;
         if (_bReadRequest(&stSend)) {
             _Give(stSend);
@@ -184,24 +187,7 @@ void CPipeServer::_Run()
 
 bool CPipeServer::_bReadRequest(stSEND* pstSend) const
 {
-    // The only place where the thread can be cancelled. Cancellation unwinds the stack like an exception, so
-    // no caller may have a catch (...). No signal handler may run meanwhile: cancellation would leave it
-    // halfway, with a lock held. The mask is set by hand: the destructor of a CSignalsHeld would let the
-    // signals through during the unwinding.
-    sigset_t stAll;
-    sigset_t stMask;
-    sigfillset(&stAll);
-    std::ignore = ::pthread_sigmask(SIG_SETMASK, &stAll, &stMask);
-    int nBefore = 0;
-    std::ignore = ::pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &nBefore);
-
-    ::pthread_testcancel(); // for a cancellation that came while it was disabled
-    const ssize_t nRead = ::read(m_clFifo.nFd(), pstSend, sizeof *pstSend);
-
-    // In reverse order: no handler runs before cancellation is off again.
-    std::ignore = ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &nBefore);
-    std::ignore = ::pthread_sigmask(SIG_SETMASK, &stMask, nullptr);
-
+    const ssize_t nRead = nRetry([&] { return ::read(m_clFifo.nFd(), pstSend, sizeof *pstSend); });
     if (nRead < 0) {
         ::usleep(s_nPauseMicroseconds);
     }

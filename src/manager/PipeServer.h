@@ -4,6 +4,7 @@
 #include "support/Descripteur.h"
 #include "support/WorkerPool.h"
 
+#include <atomic>
 #include <pthread.h>
 #include <string>
 
@@ -11,7 +12,7 @@
 /// requests are handled at once, each on a thread of its own; they begin in the order of their arrival. The
 /// derived class says the FIFO's name and what a request means. Its owner's thread starts and stops it.
 ///
-/// The reading thread is ended by cancellation, which it accepts only while it waits for a request. The FIFO
+/// The stop wakes the reading thread while it waits for a request, never while it handles one. The FIFO
 /// exists while the server is started. When somebody else removes the FIFO, no request arrives until the next
 /// start: the daemon does not wake up only to look after the file (the packages keep systemd-tmpfiles away
 /// from it). A file that somebody else has put at the name is left alone by the stop.
@@ -35,7 +36,7 @@ public:
     bool bStop();
 
 protected:
-    /// The thread's loop; never returns.
+    /// The thread's loop, until the stop.
     virtual void _Run();
     /// Handles one request; several threads call it at once. The reply is all NUL at the call. The text of a
     /// std::exception that is thrown becomes the reply.
@@ -57,4 +58,5 @@ private:
     CWorkerPool m_clWorkers{s_nMaxRequests};
     pthread_t m_hThread{};
     bool m_bThread = false;
+    std::atomic<bool> m_bEnding{false}; ///< the thread is to end
 };

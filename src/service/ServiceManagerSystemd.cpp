@@ -57,9 +57,10 @@ bool CServiceManager::_bSystemdWorks()
                clLauncher.bAttendFinExecution(&nExitCode, s_nDetectionLimitMs) && nExitCode == 0;
     };
 
-    // systemd makes this folder, by which programs recognise that it was booted. Ask again there when
-    // systemctl fails: one failure would make the manager drive init scripts for the rest of its life.
-    return CDiskFile::bDirectoryExists(L"/run/systemd/system") ? bAskPersistently(bAnswers) : bAnswers();
+    // systemd makes this folder, by which programs recognise that it was booted. A systemctl that fails there
+    // must not make the manager drive init scripts for the rest of its life: questions fail, as they do
+    // later.
+    return bAnswers() || CDiskFile::bDirectoryExists(L"/run/systemd/system");
 }
 
 CTString CServiceManager::csGetSystemdProp(const char* pszProperty, const wchar_t* pszName)

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <functional>
 #include <tuple>
 
 namespace {
@@ -80,13 +81,10 @@ bool bIsAnswer(const STSystemctlQuestion& stQuestion, const CLanceProcessus& clT
     return nExitCode == 0 ||
            (!stQuestion.csProperty.empty() && !csPropertyLine(csOutput, stQuestion.csProperty).empty());
 }
-} // namespace
 
-STSystemctlQuestion stListUnits()
-{
-    return {L"list-units --all --type=service --full --no-pager --no-legend", {}, s_nMaxListing};
-}
-
+/// Calls fnAsk until it returns true: up to three times more, begun within two seconds of the first failure,
+/// and not once the daemon is to stop. While systemd executes itself anew it answers no tool. When all calls
+/// fail, errno is the last one's.
 bool bAskPersistently(const std::function<bool()>& fnAsk)
 {
     bool bAnswered = fnAsk();
@@ -104,6 +102,12 @@ bool bAskPersistently(const std::function<bool()>& fnAsk)
 
     errno = nErrno;
     return bAnswered;
+}
+} // namespace
+
+STSystemctlQuestion stListUnits()
+{
+    return {L"list-units --all --type=service --full --no-pager --no-legend", {}, s_nMaxListing};
 }
 
 STSystemctlQuestion stListUnitFiles()

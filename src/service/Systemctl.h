@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstddef>
-#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -23,11 +22,6 @@ struct STSystemctlQuestion
 STSystemctlQuestion stListUnits();
 /// All unit files of services, whether systemd has loaded them or not.
 STSystemctlQuestion stListUnitFiles();
-
-/// Calls fnAsk until it returns true: up to three times more, begun within two seconds of the first failure,
-/// and not once the daemon is to stop. While systemd executes itself anew it answers no tool. When all calls
-/// fail, errno is the last one's.
-bool bAskPersistently(const std::function<bool()>& fnAsk);
 
 /// Asks systemctl, persistently, and returns what it printed; nothing on failure. errno is then never ENOENT,
 /// which stands for a service that does not exist.

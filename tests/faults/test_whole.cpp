@@ -78,7 +78,7 @@ TEST_F(Whole, WorksOnAKernelThatRefusesWhatYoungOnesHave)
 TEST_F(Whole, ASystemdThatDoesNotAnswerAtTheStartIsStillSystemd)
 {
     stRun("mkdir -p /run/systemd/system"); // which tells that systemd was booted
-    ExpectAllRight("if [ $1 = --no-pager ] && ! [ -e $DIR/tried ]; then touch $DIR/tried; exit 1; fi\n");
+    ExpectAllRight("[ $1 != --no-pager ] || exit 1\n");
     stRun("rm -r /run/systemd");
 }
 
@@ -115,6 +115,7 @@ TEST_F(Whole, WorksWhateverItIsStartedWith)
         "prlimit --nofile=16 ",
         g_bSanitized ? "" : "prlimit --stack=65536 ",
         "prlimit --stack=unlimited ",
+        "prlimit --sigpending=0 ",
         csShell("umask 077; "),
         "env LC_ALL=tr_TR.UTF-8 LANGUAGE=fr ",
         "env SYSTEMD_LOG_LEVEL=debug SYSTEMD_COLORS=1 SYSTEMD_URLIFY=1 ",
