@@ -164,12 +164,22 @@ template <class TUnit>
 std::optional<CUnits<TUnit>> csListSections(CProfileFile& clFile)
 {
     std::optional<CUnits<TUnit>> csList;
-    for (STProfileLine<TUnit> stLine; clFile.STRG_nGetLine(&stLine) >= 0;) {
-        if (const auto csName = csHeaderName(csReaderText(stLine.csText))) {
+    clFile.ForEachLine<TUnit>([&](CUnitsView<TUnit> csLine) {
+        if (const auto csName = csHeaderName(csReaderText(csLine))) {
             AppendListed(&csList, *csName);
         }
-    }
+        return true;
+    });
     return csList;
+}
+
+/// Whether a line's first unit alone tells that it is neither a header nor the line of the key. It does of
+/// most lines.
+template <class TUnit>
+bool bSurelyAnother(CUnitsView<TUnit> csLine, CUnitsView<TUnit> csKey)
+{
+    const TUnit c = csLine.front(); // a line that was read has at least one
+    return bPrintableASCII(c) && c != TUnit{'['} && !csKey.empty() && !bSameButForCase(c, csKey.front());
 }
 
 /// Searches a section from the line after its header: the value of a key, or without a key the names of all.
@@ -177,13 +187,17 @@ template <class TUnit>
 std::optional<CUnits<TUnit>> csSearchKey(CProfileFile& clFile, std::optional<CUnitsView<TUnit>> csKey)
 {
     std::optional<CUnits<TUnit>> csFound;
-    for (STProfileLine<TUnit> stLine; clFile.STRG_nGetLine(&stLine) >= 0;) {
-        const CUnitsView<TUnit> csText = csReaderText(stLine.csText);
+    clFile.ForEachLine<TUnit>([&](CUnitsView<TUnit> csLine) {
+        if (csKey.has_value() && bSurelyAnother(csLine, *csKey)) {
+            return true;
+        }
+
+        const CUnitsView<TUnit> csText = csReaderText(csLine);
         if (csHeaderName(csText).has_value()) {
-            break;
+            return false;
         }
         if (bBeginsWith(csText, TUnit{':'})) { // a comment
-            continue;
+            return true;
         }
 
         if (!csKey.has_value()) {
@@ -191,9 +205,10 @@ std::optional<CUnits<TUnit>> csSearchKey(CProfileFile& clFile, std::optional<CUn
                 AppendListed(&csFound, *csName);
             }
         } else if (bLineOf(csText, *csKey) && (csFound = csValueOf(csText, csKey->size()))) {
-            break; // the first line with the key's name and a "=" counts
+            return false; // the first line with the key's name and a "=" counts
         }
-    }
+        return true;
+    });
     return csFound;
 }
 

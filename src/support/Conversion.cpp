@@ -120,6 +120,12 @@ void AppendUTF8(std::string& csBytes, wchar_t c)
     }
 }
 
+/// Whether all characters are ASCII, which is the same in both code pages.
+bool bASCII(std::wstring_view csText)
+{
+    return std::ranges::all_of(csText, [](wchar_t c) { return static_cast<char32_t>(c) < 0x80; });
+}
+
 void AppendUnit(std::string& csBytes, char32_t nUnit)
 {
     csBytes += static_cast<char>(nUnit & 0xFF);
@@ -145,9 +151,12 @@ std::wstring csWide(std::string_view csBytes, ECodePage eCodePage)
 
 std::string csNarrow(std::wstring_view csText, ECodePage eCodePage)
 {
+    if (bASCII(csText)) {
+        return {csText.begin(), csText.end()};
+    }
+
     std::string csBytes;
     csBytes.reserve(csText.size());
-
     if (eCodePage == CP_UTF8) {
         for (const wchar_t c : csText) {
             AppendUTF8(csBytes, c);

@@ -84,7 +84,8 @@ TEST_F(ProfileFile, AReadTakesTheFirstLineOfItsKeyInTheFirstSectionOfItsName)
     EXPECT_EQ(csGet(nullptr, L"Name"), L"INIT\r\nOther\r\n"); // as for an empty name: the sections
     EXPECT_EQ(csGet(L"INIT", nullptr), L"A\r\nName x\r\n");
     EXPECT_EQ(csGet(L"Other", nullptr), L"<none>");
-    SetFile("[INIT]\nName=00000000000000000017\n");
+    SetFile("[INIT]\n=v\nName=00000000000000000017\n");
+    EXPECT_EQ(csGet(L"INIT", L""), L"v");
     EXPECT_EQ(GetPrivateProfileInt(L"INIT", L"Name", 77, m_csPath.c_str()), 1); // of nineteen characters
 }
 

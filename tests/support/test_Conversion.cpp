@@ -48,6 +48,7 @@ TEST(Conversion, WideCharactersThatAreNoneBecomeReplacements)
 {
     const std::wstring cs = {L'a', wchar_t(0xD800), wchar_t(0xDFFF), wchar_t(0x110000), wchar_t(-1), L'\0',
                              L'z'};
+    EXPECT_EQ(csToUTF8(L"\u00E9"), "\xC3\xA9");
     EXPECT_EQ(csToUTF8(cs), "a\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\0z"s);
     EXPECT_EQ(csToUTF16(cs), "a\0\xFD\xFF\xFD\xFF\xFD\xFF\xFD\xFF\0\0z\0"s);
 }
