@@ -38,11 +38,16 @@ bool bSpace(CUnicodeUnit c)
 template <class TUnit>
 bool bSameButForCase(TUnit c1, TUnit c2)
 {
-    constexpr unsigned int nASCII = 0x7F;
     constexpr unsigned int nCaseBit = 'A' ^ 'a';
-    const unsigned int nDifferent = static_cast<unsigned int>(c1) ^ static_cast<unsigned int>(c2);
-    const bool bASCII = ((static_cast<unsigned int>(c1) | static_cast<unsigned int>(c2)) & ~nASCII) == 0;
-    return nDifferent == 0 || (!(bASCII && (nDifferent & ~nCaseBit) != 0) && nFold(c1) == nFold(c2));
+    const auto n1 = static_cast<unsigned int>(c1);
+    const auto n2 = static_cast<unsigned int>(c2);
+    if (n1 == n2) {
+        return true;
+    }
+
+    const bool bASCII = (n1 | n2) < 0x80;
+    const bool bMoreThanCase = ((n1 ^ n2) & ~nCaseBit) != 0;
+    return !(bASCII && bMoreThanCase) && nFold(c1) == nFold(c2);
 }
 
 template <class TUnit>
@@ -107,7 +112,7 @@ CUnitsView<TUnit> csUpToNUL(CUnitsView<TUnit> csText)
 
 /// Name in a section's header line, as the reader understands it; none for other lines.
 template <class TUnit>
-inline std::optional<CUnitsView<TUnit>> csHeaderName(CUnitsView<TUnit> csText)
+std::optional<CUnitsView<TUnit>> csHeaderName(CUnitsView<TUnit> csText)
 {
     if (!bBeginsWith(csText, TUnit{'['})) {
         return std::nullopt;
