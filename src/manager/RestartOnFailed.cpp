@@ -14,7 +14,11 @@ namespace {
 void RestartOnFailedThreadFunc(CZTThread* pclThread)
 {
     pclThread->Started();
-    static_cast<CRestartOnFailed*>(pclThread->pGetParameter())->Run();
+    try {
+        static_cast<CRestartOnFailed*>(pclThread->pGetParameter())->Run();
+    } catch (...) {
+        // Ends the monitor, not the daemon.
+    }
     pclThread->Stopped();
 }
 } // namespace
