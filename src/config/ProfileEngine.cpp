@@ -4,6 +4,7 @@
 #include <cctype>
 #include <cwctype>
 #include <iterator>
+#include <type_traits>
 
 namespace {
 int nFold(CAnsiUnit c)
@@ -38,9 +39,9 @@ bool bSpace(CUnicodeUnit c)
 template <class TUnit>
 bool bSameButForCase(TUnit c1, TUnit c2)
 {
-    constexpr unsigned int nCaseBit = 'A' ^ 'a';
-    const auto n1 = static_cast<unsigned int>(c1);
-    const auto n2 = static_cast<unsigned int>(c2);
+    constexpr int nCaseBit = 'A' ^ 'a';
+    const auto n1 = static_cast<std::make_unsigned_t<TUnit>>(c1);
+    const auto n2 = static_cast<std::make_unsigned_t<TUnit>>(c2);
     if (n1 == n2) {
         return true;
     }
