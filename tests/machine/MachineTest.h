@@ -4,13 +4,13 @@
 #include "tools/Command.h"
 #include "tools/Machine.h"
 #include "tools/PipeClient.h"
+#include "tools/Transcript.h"
 #include "tools/Wait.h"
 #include "tools/WireClient.h"
 
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
-#include <fnmatch.h>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -98,28 +98,11 @@ inline std::string csRegisterItself(const std::string& csFolder)
     return csOutput("/opt/velmo/" + csFolder + "/dxdemo --REGISTER");
 }
 
-/// Plays a transcript. "[status] command" begins a step; the lines up to the next are what it prints, "*" for
-/// anything.
-inline void Play(const char* pszTranscript)
+/// Plays a transcript of this folder where the servers of a test are, with the client within reach.
+inline void Play(const std::string& csTranscript)
 {
-    const std::string csPath = "cd /opt/velmo 2>/dev/null || cd /; PATH=$PATH:" + csBuildFolder() + "; ";
-    std::ifstream clFile(VELMO_FOLDER "transcripts/" + std::string(pszTranscript));
-    std::string csLine;
-    std::getline(clFile, csLine); // what it is about
-    for (std::getline(clFile, csLine); clFile;) {
-        SCOPED_TRACE(csLine);
-        const std::size_t nCommand = csLine.find(' ');
-        const STCommandResult st = stRun(csPath + csLine.substr(nCommand));
-        EXPECT_EQ("[" + std::to_string(st.nStatus) + "]", csLine.substr(0, nCommand)) << st.csOutput;
-
-        std::string csExpected;
-        while (std::getline(clFile, csLine) && !csLine.starts_with('[')) {
-            csExpected += csLine + "\n";
-        }
-        EXPECT_EQ(::fnmatch(csExpected.c_str(), st.csOutput.c_str(), FNM_NOESCAPE), 0)
-            << csExpected << "was expected, and this came:\n"
-            << st.csOutput;
-    }
+    PlayTranscript(VELMO_FOLDER "transcripts/" + csTranscript,
+                   "cd /opt/velmo 2>/dev/null || cd /; PATH=$PATH:" + csBuildFolder() + "; ");
 }
 
 /// A manager in the foreground, in a folder with a space, and the servers of a test.

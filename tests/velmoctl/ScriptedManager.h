@@ -4,6 +4,7 @@
 #include "tools/Address.h"
 #include "tools/Command.h"
 #include "tools/Machine.h"
+#include "tools/Transcript.h"
 
 #include <fstream>
 #include <functional>
@@ -12,7 +13,6 @@
 #include <mutex>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <sstream>
 #include <string>
 #include <sys/socket.h>
 #include <thread>
@@ -179,25 +179,14 @@ inline STCommandResult stClient(const std::string& csPort, const std::string& cs
     return stRun("TERM=xterm " + csClient() + " --port " + csPort + " " + csArguments);
 }
 
-/// Runs the commands of a file of this folder, with options before them: "$" and the arguments, what is
-/// shown, "=" and the status. A time is shown as T.
-inline void ExpectTranscript(const std::string& csOptions, const std::string& csFile)
+/// Plays a transcript of this folder, with the client and options before each step.
+inline void Play(const std::string& csOptions, const std::string& csTranscript)
 {
-    const std::string csHideTimes = "sed -E 's/(time=|_seconds[^ ]* )[0-9.]+/\\1T/g'";
-    const std::string csExpected = csReadSource("tests/velmoctl/" + csFile);
-    std::string csShown;
-    std::istringstream clLines(csExpected);
-    for (std::string cs; std::getline(clLines, cs);) {
-        if (cs.starts_with("$ ")) {
-            const std::string csCommand = "TERM=xterm " + csClient() + " " + csOptions + cs.substr(1);
-            csShown += cs + "\n" + stRun("{ " + csCommand + "; echo = $?; } 2>&1 | " + csHideTimes).csOutput;
-        }
-    }
-    EXPECT_FALSE(csExpected.empty());
-    EXPECT_EQ(csShown, csExpected);
+    PlayTranscript(csSource() + "/tests/velmoctl/" + csTranscript,
+                   "TERM=xterm " + csClient() + " " + csOptions);
 }
 
-inline void ExpectTranscript(const CScriptedManager& clManager, const std::string& csFile)
+inline void Play(const CScriptedManager& clManager, const std::string& csTranscript)
 {
-    ExpectTranscript("--port " + clManager.csPort(), csFile);
+    Play("--port " + clManager.csPort(), csTranscript);
 }

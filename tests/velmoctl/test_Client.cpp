@@ -61,7 +61,7 @@ TEST(Client, ShowsWhatTheManagerAnswersForReadersAndForPrograms)
     for (const char* pszLocale : {"C", "C.UTF-8", "fr_FR.ISO-8859-1"}) {
         SCOPED_TRACE(pszLocale);
         ::setenv("LC_ALL", pszLocale, 1);
-        ExpectTranscript(clManager, "commands.txt");
+        Play(clManager, "commands.txt");
     }
     ::unsetenv("LC_ALL");
 }
@@ -80,7 +80,7 @@ TEST(Client, UninstallingFollowsTheManagersAnswers)
         tAnswers["STATUS\t" + csName] = "STATUS\tRUNNING";
     }
     CScriptedManager clManager(tAnswers);
-    ExpectTranscript(clManager, "uninstall.txt");
+    Play(clManager, "uninstall.txt");
     EXPECT_EQ(clManager.csAsked(), "STATUS\tall|UNINSTALL\tall\t1|UNINSTALL\tall\t0|"
                                    "STATUS\tpart|UNINSTALL\tpart\t1|"
                                    "STATUS\tstays|UNINSTALL\tstays\t1|UNINSTALL\tstays\t0|"
@@ -213,7 +213,7 @@ TEST(Client, ForgedAnswersToADiscoveryAreLeftOut)
 TEST(Client, AWrongCommandLineIsToldAndNothingIsSent)
 {
     CScriptedManager clManager(CScriptedManager::Answers{});
-    ExpectTranscript(clManager, "refused.txt");
+    Play(clManager, "refused.txt");
     EXPECT_EQ(stClient(clManager.csPort(), "list --port 70000").nStatus, 2);
     EXPECT_EQ(clManager.csAsked(), "");
 }

@@ -101,7 +101,7 @@ TEST(Fleet, FortyMachinesAreListedInTimeWhateverSomeOfThemDo)
     const auto clStart = CClock::now();
     EXPECT_EQ(stRun(csClient() + " " + csHosts + " list --timeout 2").nStatus, 4);
     EXPECT_LT(CClock::now() - clStart, std::chrono::seconds(3));
-    ExpectTranscript(csHosts, "fleet.txt");
+    Play(csHosts, "fleet.txt");
 }
 
 TEST(Fleet, AServiceManagerThatHangsIsToldInTime)
@@ -116,7 +116,7 @@ TEST(Fleet, AServiceManagerThatHangsIsToldInTime)
         },
         "127.0.0.1", 4999);
     const auto clStart = CClock::now();
-    ExpectTranscript("--timeout 1", "hangs.txt");
+    Play("--timeout 1", "hangs.txt");
     EXPECT_LT(CClock::now() - clStart, std::chrono::seconds(5));
     stRun("rm -r /run/systemd");
 }
@@ -127,7 +127,7 @@ TEST(Fleet, ChecksKeepToTheConventionsOfMonitoringPlugins)
                                 {"STATUS\tA", "STATUS\tRUNNING"},
                                 {"STATUS\tB|x", "STATUS\tSTOPPED"},
                                 {"STATUS\tC", "STATUS\tSTART_PENDING"}});
-    ExpectTranscript(clManager, "checks.txt");
+    Play(clManager, "checks.txt");
     EXPECT_EQ(stClient(clManager.csPort(), "check --dry-run").nStatus, 3);
 }
 
@@ -137,7 +137,7 @@ TEST(Fleet, MetricsAreWholeAndEscaped)
                                 {"STATUS\tA", "STATUS\tRUNNING"},
                                 {"STATUS\tB\"", "STATUS\tSTOPPED"},
                                 {"STATUS\tC", "ERROR\t4"}});
-    ExpectTranscript(clManager, "metrics.txt");
+    Play(clManager, "metrics.txt");
 }
 
 TEST(Fleet, AMetricsFileIsReplacedAtOnceByAWholeOne)

@@ -6,6 +6,7 @@
 #include "velmoctl/Hosts.h"
 
 #include <gtest/gtest.h>
+#include <sstream>
 
 namespace {
 std::string csShown(const std::string& csName)
