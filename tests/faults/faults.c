@@ -72,13 +72,15 @@ static int turn(const char* function)
         memcpy(&next, &found, sizeof found);                                                                 \
     }
 
-/* An interposed function: fails with -1, or the value given. */
-#define FAIL(name, failed, result, parameters, arguments)                                                    \
+/* An interposed function: fails with -1, or the value given. It counts as the function "called". */
+#define FAIL_AS(called, name, failed, result, parameters, arguments)                                         \
     SEEN result name parameters                                                                              \
     {                                                                                                        \
         NEXT(name)                                                                                           \
-        return turn(#name) ? (failed) : next arguments;                                                      \
+        return turn(called) ? (failed) : next arguments;                                                     \
     }
+#define FAIL(name, failed, result, parameters, arguments)                                                    \
+    FAIL_AS(#name, name, failed, result, parameters, arguments)
 
 /* A transfer: falls short instead when that is asked for. */
 #define TRANSFER(name, parameters, arguments, size)                                                          \
@@ -110,8 +112,13 @@ FAIL(setsockopt, -1, int, (int fd, int level, int name, const void* p, socklen_t
 FAIL(accept4, -1, int, (int fd, struct sockaddr* a, socklen_t* n, int flags), (fd, a, n, flags))
 FAIL(mkfifo, -1, int, (const char* path, mode_t mode), (path, mode))
 FAIL(access, -1, int, (const char* path, int mode), (path, mode))
+#if __GLIBC_PREREQ(2, 33)
 FAIL(stat, -1, int, (const char* path, struct stat* st), (path, st))
 FAIL(fstat, -1, int, (int fd, struct stat* st), (fd, st))
+#else /* where stat and fstat are inline, by these names */
+FAIL_AS("stat", __xstat, -1, int, (int version, const char* path, struct stat* st), (version, path, st))
+FAIL_AS("fstat", __fxstat, -1, int, (int version, int fd, struct stat* st), (version, fd, st))
+#endif
 FAIL(select, -1, int, (int n, fd_set* r, fd_set* w, fd_set* e, struct timeval* t), (n, r, w, e, t))
 FAIL(getaddrinfo, s_errno, int,
      (const char* node, const char* service, const struct addrinfo* hints, struct addrinfo** list),
@@ -121,15 +128,20 @@ FAIL(pthread_create, s_errno, int,
      (thread, attributes, routine, argument))
 FAIL(dlopen, NULL, void*, (const char* path, int flags), (path, flags))
 
+/* The thread library of older C libraries creates its threads by it, too; those are not counted. */
 int __clone(int (*routine)(void*), void* stack, int flags, void* argument, ...);
 SEEN int __clone(int (*routine)(void*), void* stack, int flags, void* argument, ...)
 {
     NEXT(__clone)
     va_list rest;
     va_start(rest, argument);
-    pid_t* parent = va_arg(rest, pid_t*); /* all that the manager passes */
+    pid_t* parent = va_arg(rest, pid_t*);
+    void* storage = va_arg(rest, void*);
+    pid_t* child = va_arg(rest, pid_t*);
     va_end(rest);
-    return turn("clone") ? -1 : next(routine, stack, flags, argument, parent);
+    return (flags & CLONE_THREAD) == 0 && turn("clone")
+               ? -1
+               : next(routine, stack, flags, argument, parent, storage, child);
 }
 
 /* A function whose last parameter, the mode, is there when a file may be created. */
