@@ -245,9 +245,12 @@ TEST(Client, OutOfThreadsFewerAskAndAnUnknownHostIsStillAClearError)
         GTEST_SKIP() << "SKIPPED: needs root, to be a user with a limit";
     }
     CScriptedManager clManager(CScriptedManager::Answers{{"INFO", csInfo("")}});
+    const CTempDir clDir; // the other user may not see the checkout
+    stRun("cp " + csClient() + " " + clDir.csPath() + " && chmod 0755 " + clDir.csPath());
     const auto stLimited = [&](int nThreads, const char* pszHosts) {
         return stRun("setpriv --reuid=64321 --clear-groups prlimit --nproc=" + std::to_string(nThreads) +
-                     " " + csClient() + " --port " + clManager.csPort() + " list --names --host " + pszHosts);
+                     " " + clDir.csPath("velmoctl") + " --port " + clManager.csPort() +
+                     " list --names --host " + pszHosts);
     };
     EXPECT_EQ(stLimited(2, "127.0.0.1,127.1").nStatus, 0);
     EXPECT_EQ(stLimited(1, "127.0.0.1").csOutput, "velmoctl: no thread can be started to ask with\n");
