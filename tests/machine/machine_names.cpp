@@ -332,7 +332,7 @@ TEST_F(AnyServer, KeepsItsFilesUnlessItIsCertainWhoseTheyAre)
         if (st.pszOther != nullptr) {
             AddServerAt(st.pszOther, st.pszProgram, 4922);
         }
-        stRun(VELMO_FOLDER "uncertain " + std::string(st.pszMake));
+        stRun("'" VELMO_FOLDER "uncertain' " + std::string(st.pszMake));
         const auto csFiles = [] { return csOutput("find /opt/srv/o* -type f | sort"); };
         const std::string csBefore = csFiles();
         EXPECT_EQ(csUTF8Reply(std::string("UNINSTALL\t") + st.pszUninstall + "\t1"),
@@ -343,7 +343,7 @@ TEST_F(AnyServer, KeepsItsFilesUnlessItIsCertainWhoseTheyAre)
         EXPECT_EQ(stRun("pgrep -f '/dxdemo .*DXCS-own$'").csOutput.empty(),
                   st.pszUninstall == std::string("own") || st.bDeleted)
             << "it is ended before it goes";
-        stRun(VELMO_FOLDER "uncertain undo");
+        stRun("'" VELMO_FOLDER "uncertain' undo");
         for (const std::string cs : {"own", "in", "in.service.1"}) {
             csUTF8Reply("UNINSTALL\t" + cs + "\t0");
         }

@@ -23,7 +23,7 @@ protected:
     void SetUp() override
     {
         CLanceProcessus::sInit();
-        ASSERT_EQ(stRun(VELMO_FOLDER "standins " + csBuildFolder() + "/insserv").csOutput, "");
+        ASSERT_EQ(stRun("'" VELMO_FOLDER "standins' " + csBuildFolder() + "/insserv").csOutput, "");
     }
     void TearDown() override
     {

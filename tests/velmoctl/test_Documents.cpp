@@ -9,13 +9,11 @@
 #include <gtest/gtest.h>
 
 namespace {
-const std::string s_csPage = csSource() + "/docs/man/velmoctl.1";
-
 /// What bash offers for the last of the words, sorted, with spaces between.
 std::string csCompletions(const std::string& csWords)
 {
-    return stRun("bash -c 'velmoctl() { " + csClient() + " \"$@\"; }; source " + csSource() +
-                 "/tools/velmoctl/completion/velmoctl.bash; COMP_WORDS=(" + csWords +
+    return stRun("bash -c 'velmoctl() { " + csClient() + " \"$@\"; }; source \"" + csSource() +
+                 "/tools/velmoctl/completion/velmoctl.bash\"; COMP_WORDS=(" + csWords +
                  "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _velmoctl; printf \"%s\\n\" \"${COMPREPLY[@]}\" "
                  "| LC_ALL=C sort | paste -sd\" \"'")
         .csOutput;
@@ -36,7 +34,7 @@ TEST(Documents, TheManPageHasEveryCommandAndOptionAndNoFault)
     if (stRun("command -v groff").nStatus != 0) {
         GTEST_SKIP() << "SKIPPED: no groff to check the page with";
     }
-    EXPECT_EQ(stRun("groff -man -Tutf8 -ww -z " + s_csPage).csOutput, "");
+    EXPECT_EQ(stRun("groff -man -Tutf8 -ww -z '" + csSource() + "/docs/man/velmoctl.1'").csOutput, "");
 }
 
 TEST(Documents, TheCompletionOffersWhatCanStandThereAndAsksTheManagerForNames)
