@@ -17,7 +17,7 @@ bool CBaseExecutionDLL::s_bInitialiseMoiMeme(void* hLibrary, CXError* pclError)
 
 void CBaseExecutionDLL::s_TermineMoiMeme(void* hLibrary)
 {
-    // Once, as the caller's clean-up may come here after a registration that failed, or twice.
+    // The caller's clean-up also comes here when the registration failed: then there is nothing to undo.
     if (g_stRuntime && g_stRuntime->hLibrary == hLibrary &&
         std::exchange(g_stRuntime->bSelfInitialised, false)) {
         g_stRuntime->pfnSelfTerm();

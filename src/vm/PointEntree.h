@@ -5,7 +5,7 @@
 
 #include <optional>
 
-/// What the two sides of the loader share; private to this folder.
+/// What vmload and CBaseExecutionDLL share; private to this folder.
 
 /// The entry points of the runtime library, and how far it is started.
 struct STRuntime
@@ -22,6 +22,6 @@ struct STRuntime
 /// Set between a successful bInitVM and TermVM; main thread only.
 extern std::optional<STRuntime> g_stRuntime;
 
-/// Calls one of the runtime's operations that can fail, with a buffer for its reason. On failure the error
-/// names the operation and carries the reason.
+/// Calls one of the runtime's operations that can fail, with a buffer for its reason. On failure the error,
+/// if wanted (it may be null), names the operation by pszEntry and carries the reason.
 bool bCallRuntime(int (*pfnOperation)(char*, unsigned int), const char* pszEntry, CXError* pclError);

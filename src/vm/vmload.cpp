@@ -12,7 +12,9 @@ namespace {
 template <class TEntry>
 bool bResolve(void* hLibrary, const char* pszEntry, TEntry* ppfnEntry, CXError* pclError)
 {
+    // For a null handle dlsym would search the manager itself and all of its libraries.
     *ppfnEntry = reinterpret_cast<TEntry>(hLibrary != nullptr ? ::dlsym(hLibrary, pszEntry) : nullptr);
+
     if (*ppfnEntry == nullptr && pclError != nullptr) {
         pclError->SetUserError(0, L"The language runtime library lacks the entry point \"" +
                                       csFromUTF8(pszEntry) +
@@ -26,8 +28,8 @@ bool bInitVM(void* hLibrary, CXError* pclError)
 {
     g_stRuntime.reset();
 
-    // All of them, those of the execution part too: an incomplete library must be refused before it is
-    // called.
+    // All entry points first, also those that only CBaseExecutionDLL calls: an incomplete library must be
+    // refused before any of its operations runs.
     STRuntime stRuntime{};
     stRuntime.hLibrary = hLibrary;
     if (!bResolve(hLibrary, VM_ENTRY_INIT, &stRuntime.pfnInit, pclError) ||
