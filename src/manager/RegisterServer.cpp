@@ -45,7 +45,7 @@ bool bSameName(const CService& clService, const STRegistration& stServer)
 /// The name by which CServiceLocks knows a service.
 std::wstring csLockName(const std::wstring& csService)
 {
-    return CServiceManager::csRegisteredName(csService);
+    return CServiceManager::csLockName(csService);
 }
 
 /// Adds the services' names; false when the set had all of them already.

@@ -76,7 +76,7 @@ std::unique_ptr<CService> CRemoteVelmoManager::_pclFind(CDialog& clDialog, CServ
     const auto pclFind = [&](const std::wstring& csService) {
         if (pclHold != nullptr) { // before the lookup: until it is taken, somebody may remove the service
             pclHold->Release();
-            *pclHold = m_pclManager->clGetLocks().clTake(CServiceManager::csRegisteredName(csService));
+            *pclHold = m_pclManager->clGetLocks().clTake(CServiceManager::csLockName(csService));
             if (!pclHold->bTaken()) {
                 return std::unique_ptr<CService>();
             }

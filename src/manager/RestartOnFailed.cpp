@@ -83,7 +83,7 @@ void CRestartOnFailed::__Check()
 
         // A service that is being started, by us or by somebody else, is not even asked for its state: its
         // script may hang, and this thread with it.
-        const std::wstring csLockName = CServiceManager::csRegisteredName(pclService->pszGetName());
+        const std::wstring csLockName = CServiceManager::csLockName(pclService->pszGetName());
         if (m_clWorkers.bHas(pclService->pszGetName()) || m_pclManager->clGetLocks().bHeld(csLockName)) {
             continue;
         }

@@ -46,8 +46,7 @@ void CRestartWorkers::Restart(const std::shared_ptr<CService>& pclService)
 /// since.
 void CRestartWorkers::_Restart(CService& clService)
 {
-    auto clHold =
-        m_pclManager->clGetLocks().clTake(CServiceManager::csRegisteredName(clService.pszGetName()));
+    auto clHold = m_pclManager->clGetLocks().clTake(CServiceManager::csLockName(clService.pszGetName()));
     if (clHold.bTaken() && clService.eGetStatus() == STATUS_FAILED) {
         std::ignore = clHold.bStart(clService); // the next pass finds a service that has failed again
     }

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <optional>
 #include <tuple>
 
 namespace {
@@ -25,7 +26,7 @@ struct CServiceLocks::STName
 {
     bool bHeld = false;
     bool bStarting = false;            ///< its holder is inside CHold::bStart
-    bool bInterrupted = false;         ///< a removal has sent the stop to this start
+    bool bInterrupted = false;         ///< a removal sends the stop to this start
     int nRemovals = 0;                 ///< removals that wait; one of them is next
     std::atomic<bool> bGivenUp{false}; ///< the starting thread must kill the start's tool
 };
@@ -57,13 +58,13 @@ void CServiceLocks::CHold::Release()
 
 bool CServiceLocks::CHold::bStart(CService& clService)
 {
-    const auto pFound = m_tNames.find(CServiceManager::csRegisteredName(clService.pszGetName()));
+    const auto pFound = m_tNames.find(CServiceManager::csLockName(clService.pszGetName()));
     if (pFound == m_tNames.end() || !m_pclLocks->_bBeginStart(*pFound->second)) {
         errno = ECANCELED;
         return false;
     }
 
-    // Go on to the end even when out of memory: with bStarting left set, removals would wait for ever.
+    // Go on to _bEndStart even when out of memory: with bStarting left set, removals would wait for ever.
     bool bStarted = false;
     try {
         const CStopRight clRight(&pFound->second->bGivenUp); // through it a removal kills the tool
@@ -73,10 +74,11 @@ bool CServiceLocks::CHold::bStart(CService& clService)
     }
     const int nErrno = errno;
 
-    // Whatever the tool reported: a removal has stopped the service of an interrupted start.
-    const bool bKept = m_pclLocks->_bEndStart(*pFound->second);
-    errno = bKept ? nErrno : ECANCELED;
-    return bStarted && bKept;
+    // The service of an interrupted start is being stopped, so the start has failed even when the tool
+    // succeeded.
+    const bool bUndisturbed = m_pclLocks->_bEndStart(*pFound->second);
+    errno = bUndisturbed ? nErrno : ECANCELED;
+    return bStarted && bUndisturbed;
 }
 
 /// The name's entry in the table, made if there is none yet.
@@ -113,7 +115,7 @@ bool CServiceLocks::_bTakeOne(const std::wstring& csName, CHold* pclHold)
         return false;
     }
 
-    pclHold->m_tNames[csName] = pstName;
+    pclHold->m_tNames[csName] = pstName; // first: this may throw, and nobody would give the name back
     pstName->bHeld = true;
     return true;
 }
@@ -131,6 +133,26 @@ CServiceLocks::CHold CServiceLocks::clTake(const std::set<std::wstring>& tNames)
     return clHold;
 }
 
+/// A removal's answer to a start that is under way: sends the stop, and waits a moment for the name. With
+/// bGiveUp, also has the start's tool killed.
+void CServiceLocks::_CancelStart(CStopWait::CLock& clLock, STName& stName, bool bGiveUp,
+                                 const std::function<void()>& fnStop)
+{
+    stName.bInterrupted = true;
+    // Never back to false: another removal may have waited longer for the same start.
+    stName.bGivenUp = stName.bGivenUp || bGiveUp;
+
+    // Without the lock, as the stop runs a tool.
+    clLock.unlock();
+    try {
+        fnStop();
+    } catch (...) { // out of memory: the next round tries again
+    }
+    clLock.lock();
+
+    CStopWait::WaitFor(clLock, s_clStopAgain, [&] { return !stName.bHeld; });
+}
+
 CServiceLocks::CHold CServiceLocks::clTakeToRemove(const std::wstring& csName,
                                                    const std::function<void()>& fnStop)
 {
@@ -140,33 +162,23 @@ CServiceLocks::CHold CServiceLocks::clTakeToRemove(const std::wstring& csName,
     auto pstName = _pstName(csName);
     clHold.m_tNames[csName]; // allocates now, while running out of memory changes nothing yet
 
-    ++pstName->nRemovals;       // from here on nobody else takes the name, and no start of it begins
-    CClock::time_point clMet{}; // when the start was first seen to be under way
+    // From here on only removals take the name, and no start of it begins: at most one is under way.
+    ++pstName->nRemovals;
+    std::optional<CClock::time_point> clStartSeen;
     while (pstName->bHeld && !CStopping::bAsked()) {
-        if (!pstName->bStarting) {
+        if (pstName->bStarting) {
+            clStartSeen = clStartSeen.value_or(CClock::now());
+            _CancelStart(clLock, *pstName, CClock::now() - *clStartSeen >= s_clGiveUp, fnStop);
+        } else {
             std::ignore = CStopWait::bWait(
                 clLock, [&] { return !pstName->bHeld; }, CStopping::bAsked);
-            continue;
         }
-
-        // A start is under way: send the stop, without the lock, as it runs a tool.
-        clMet = clMet == CClock::time_point{} ? CClock::now() : clMet;
-        pstName->bInterrupted = true;
-        // Never back to false: another removal may have waited longer for the same start.
-        pstName->bGivenUp = pstName->bGivenUp || CClock::now() - clMet >= s_clGiveUp;
-        clLock.unlock();
-        try {
-            fnStop();
-        } catch (...) { // out of memory: the next round tries again
-        }
-        clLock.lock();
-
-        CStopWait::WaitFor(clLock, s_clStopAgain, [&] { return !pstName->bHeld; });
     }
     --pstName->nRemovals;
 
+    // The stop of the daemon came before the name was free. clHold has no name yet, only an empty entry,
+    // which its destructor would take for a name to give back.
     if (pstName->bHeld) {
-        // The daemon is to stop: leave without the name.
         clHold.m_tNames.clear();
         _Forget(csName, &pstName);
         return {};

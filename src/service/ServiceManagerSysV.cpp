@@ -36,7 +36,8 @@ std::optional<CServiceName> clServiceOf(const STScriptPlace& stPlace, const std:
         return std::nullopt;
     }
 
-    // csScriptPath names the one file that counts for this service; only that one lists it.
+    // csScriptPath names the one file that counts for this service; only that one lists it. The comparison of
+    // bytes also leaves out a file name that is not UTF-8, which no path of ours would find again.
     CServiceName clName = CServiceName::s_clListed(csFile.substr(csPrefix.size()));
     const bool bWanted = clName.csText().starts_with(csStart) && bInertName(clName.csText()) &&
                          csToUTF8(csScriptPath(clName.csText())) == csToUTF8(stPlace.csDirectory) + csFile;
@@ -65,13 +66,13 @@ bool bListPlace(const STScriptPlace& stPlace, const std::wstring& csStart, std::
     }
 }
 
-/// A listing of scripts. All of them are read when it is made: reading files needs no launch of a tool, so
-/// nothing is gained by waiting.
+/// A listing of scripts. All of them are read when the listing is made: reading files needs no launch of a
+/// tool, so nothing is gained by waiting.
 class CScriptListing : public CServiceEnumeration
 {
 public:
-    /// Adds a service; null, with errno, stands for one that could not be read. Returns false when the reason
-    /// is another than its absence: a service of which nothing is known may still exist.
+    /// Adds a service; null, with errno, stands for one that could not be read. Leaves out one that is absent
+    /// (ENOENT). Returns false for any other errno: a service of which nothing is known may still exist.
     bool bAdd(std::unique_ptr<CService> pclService)
     {
         if (pclService == nullptr) {
@@ -103,15 +104,16 @@ std::vector<STScriptPlace> tScriptPlaces()
     return tPlaces;
 }
 
-/// Writes a script that only root can change. A file that exists keeps its identity but not its owner. When
-/// owner and mode cannot be set, the file is deleted: root would run what another user may change.
+/// Writes a script that only root can change. A file that exists is replaced and gets that owner and mode,
+/// too. When owner and mode cannot be set, the file is deleted: root would run what another user may change.
 bool bWriteScript(const std::wstring& csPath, const std::string& csText)
 {
-    constexpr mode_t nMode = 0755;
-    const std::string csDisk = csToUTF8(csPath);
     if (!CDiskFile::bWriteFile(csPath, csText)) {
         return false;
     }
+
+    constexpr mode_t nMode = 0755;
+    const std::string csDisk = csToUTF8(csPath);
     if (::chown(csDisk.c_str(), 0, 0) == 0 && ::chmod(csDisk.c_str(), nMode) == 0) {
         return true;
     }
@@ -122,26 +124,37 @@ bool bWriteScript(const std::wstring& csPath, const std::string& csText)
     return false;
 }
 
-/// Whether later lookups read from the script exactly the program that was registered. A backslash in its
-/// path is refused: the reader of the server's settings takes it for a slash.
+/// Whether later lookups read from the script exactly the program that was registered.
 bool bScriptReadsBack(const std::string& csText, const std::wstring& csCommandLine)
 {
+    // What is no text (a surrogate, say) does not survive the way through UTF-8.
     const std::string csBytes = csToUTF8(csCommandLine);
+    if (!bScriptable(csBytes) || csFromUTF8(csBytes) != csCommandLine) {
+        return false;
+    }
+
+    // The reader of the server's settings takes a backslash in the path for a slash.
     const std::wstring csProgram = csFromUTF8(stSplitCommandLine(csBytes).csProgram);
+    if (csProgram.find(L'\\') != std::wstring::npos) {
+        return false;
+    }
+
     const std::optional<std::string> csRead = stProgramInScript(csText).csValue;
-    return bScriptable(csBytes) && csFromUTF8(csBytes) == csCommandLine &&
-           csProgram.find(L'\\') == std::wstring::npos && csRead &&
-           CProgram::s_clOf(csFromUTF8(*csRead)).csPath() == csProgram;
+    return csRead && CProgram::s_clOf(csFromUTF8(*csRead)).csPath() == csProgram;
 }
 
-/// Whether a display name that is the service's own name, spaces included, is read back unchanged. Any other
-/// display name may change.
+/// Whether a display name that is the service's own name, spaces included, is read back unchanged: nothing
+/// else in the script says what the registry form has substituted. Any other display name may change.
 bool bNameReadsBack(const std::string& csText, const CServiceName& clName, const std::wstring& csDisplayName)
 {
+    const bool bOwnName = CServiceName::s_clSaid(csDisplayName.c_str()) == clName;
+    const bool bNothingSubstituted = clName.csRegisteredAs(csDisplayName.c_str()) == clName.csRegistry();
+    if (!bOwnName || bNothingSubstituted) {
+        return true;
+    }
+
     const std::optional<std::string> csRead = stDisplayNameInScript(csText).csValue;
-    return clName.csRegisteredAs(csDisplayName.c_str()) == clName.csRegistry() ||
-           !(CServiceName::s_clSaid(csDisplayName.c_str()) == clName) ||
-           (csRead && csFromUTF8(*csRead) == csDisplayName);
+    return csRead && csFromUTF8(*csRead) == csDisplayName;
 }
 } // namespace
 
@@ -198,22 +211,21 @@ std::unique_ptr<CService> CServiceManager::__pclInstallSysV(const CServiceName& 
                                                             const wchar_t* pszDisplayName,
                                                             const std::wstring& csBinaryPath, bool bAutoStart)
 {
-    const std::wstring csScript = clName.csRegistry();
-    const std::wstring csDisplayName(pszDisplayName != nullptr ? pszDisplayName : L"");
-
     const STSysVFamily* const pstFamily = pstFindFamily(ms_eDistri);
-    std::string csText;
-    std::string csLockFile = csToUTF8(csScript);
-    if (pstFamily != nullptr) {
-        // The script's name is also its lock file's, and the one by which the family's tools know the
-        // service.
-        csText = *pstFamily->pcsTemplate;
-        __PatchScript(&csText, &csLockFile, csToUTF8(csBinaryPath).c_str(), csToUTF8(csDisplayName).c_str());
+    if (pstFamily == nullptr) {
+        errno = EINVAL;
+        return nullptr;
     }
 
+    // The script's name is also its lock file's, and the one by which the family's tools know the service.
+    const std::wstring csScript = clName.csRegistry();
+    const std::wstring csDisplayName(pszDisplayName != nullptr ? pszDisplayName : L"");
+    std::string csScriptBytes = csToUTF8(csScript);
+    std::string csText(*pstFamily->pcsTemplate);
+    __PatchScript(&csText, &csScriptBytes, csToUTF8(csBinaryPath).c_str(), csToUTF8(csDisplayName).c_str());
+
     // Refuse what could not be read back: nobody could stop or remove such a service.
-    if (pstFamily == nullptr || !bScriptReadsBack(csText, csBinaryPath) ||
-        !bNameReadsBack(csText, clName, csDisplayName)) {
+    if (!bScriptReadsBack(csText, csBinaryPath) || !bNameReadsBack(csText, clName, csDisplayName)) {
         errno = EINVAL;
         return nullptr;
     }
@@ -224,9 +236,9 @@ std::unique_ptr<CService> CServiceManager::__pclInstallSysV(const CServiceName& 
 
     auto pclService = std::make_unique<CService>(this, csScript.c_str());
     if (bAutoStart) {
-        pstFamily->pfnRegister(*pstFamily, csLockFile);
+        pstFamily->pfnRegister(*pstFamily, csScriptBytes);
         if (!CStopping::bMayGoOn()) {
-            // The daemon's stop has kept the tool from its work.
+            // The daemon's stop may have kept the tool from its work.
             pclService->AddMissingStep(L"start at boot");
         }
     }

@@ -26,12 +26,13 @@ std::optional<std::wstring> csDecode(const std::optional<std::string>& csBytes)
     return csBytes ? std::optional(csFromUTF8(*csBytes)) : std::nullopt;
 }
 
-/// The names in a listing that begin with the prefix, each once.
+/// The names of services in a listing that begin with the prefix, each once.
 std::vector<CServiceName> tReadNames(std::string_view csListing, const std::wstring& csPrefix)
 {
     std::vector<CServiceName> tNames;
     for (const std::string_view csListed : tReadListing(csListing)) {
         CServiceName clName = CServiceName::s_clListed(csListed);
+
         // The files of templates, whose only "@" is at the end, are listed, too. They are no services.
         const bool bTemplate = csListed.find('@') + 1 == csListed.size();
         if (!bTemplate && clName.csText().starts_with(csPrefix) &&
@@ -57,9 +58,9 @@ bool CServiceManager::_bSystemdWorks()
                clLauncher.bAttendFinExecution(&nExitCode, s_nDetectionLimitMs) && nExitCode == 0;
     };
 
-    // systemd makes this folder, by which programs recognise that it was booted. A systemctl that fails there
-    // must not make the manager drive init scripts for the rest of its life: questions fail, as they do
-    // later.
+    // systemd makes this folder, by which programs recognise that it was booted. A systemctl that fails on
+    // such a machine must not make the manager drive init scripts for the rest of its life. The machine
+    // counts as one with systemd, and each question fails until systemctl answers again.
     return bAnswers() || CDiskFile::bDirectoryExists(L"/run/systemd/system");
 }
 
@@ -81,7 +82,8 @@ std::optional<std::wstring> CServiceManager::csAskSystemdProp(const char* pszPro
         return std::nullopt;
     }
 
-    // The property's line, if there is one: systemctl may mix complaints into its answer.
+    // The property's line, as systemctl may mix complaints into its answer. An answer without such a line is
+    // read from its first "=" on; clients rely on it.
     const std::string_view csLine = csPropertyLine(*csAnswer, pszProperty);
     return csFromUTF8(csReadProperty(csLine.empty() ? *csAnswer : csLine));
 }
@@ -106,8 +108,8 @@ std::unique_ptr<CService> CServiceManager::_pclMakeShown(const CServiceName& clN
     if (csBinaryPath && csBinaryPath->starts_with(g_szScriptDirectory)) {
         auto pclService = std::make_unique<CService>(this, clName, std::move(csDisplayName));
 
-        // A script that is gone leaves the record without a program; one that cannot be read makes it
-        // unknown.
+        // A script that is gone leaves the record without a program. One that cannot be read makes the lookup
+        // fail.
         return pclService->bReadScript() || errno == ENOENT ? std::move(pclService) : nullptr;
     }
 
@@ -146,7 +148,7 @@ std::unique_ptr<CServiceEnumeration> CServiceManager::__pclEnumServiceSystemd(co
     return std::make_unique<CSystemdListing>(this, std::move(tNames));
 }
 
-bool CServiceManager::_bAddUnloaded(std::initializer_list<const wchar_t*> tFurther, const wchar_t* pszPrefix,
+bool CServiceManager::_bAddUnloaded(const wchar_t* pszPrefix, std::initializer_list<const wchar_t*> tFurther,
                                     std::vector<std::unique_ptr<CService>>* ptServices)
 {
     const std::optional<std::string> csAnswer = csAskSystemctl(stListUnitFiles());
@@ -154,13 +156,14 @@ bool CServiceManager::_bAddUnloaded(std::initializer_list<const wchar_t*> tFurth
         return false;
     }
 
+    // Names that begin with the prefix, then those that are exactly a further name.
     std::vector<CServiceName> tNames = tReadNames(*csAnswer, pszPrefix);
     for (const wchar_t* pszName : tFurther) {
         std::ranges::copy_if(tReadNames(*csAnswer, pszName), std::back_inserter(tNames),
                              [pszName](const CServiceName& clName) { return clName.csText() == pszName; });
     }
 
-    // Ask only about those that the listing of loaded units did not have.
+    // Ask only about those that the caller does not have from the listing of loaded units.
     const auto bKnown = [ptServices](const CServiceName& clName) {
         return std::ranges::any_of(*ptServices, [&](const auto& pcl) { return pcl->clName() == clName; });
     };
@@ -171,7 +174,8 @@ bool CServiceManager::_bAddUnloaded(std::initializer_list<const wchar_t*> tFurth
         ptServices->push_back(std::move(pclService));
     }
 
-    // The others have a unit file, too, but a masked or unreadable one: only the name is known.
+    // Those that systemd did not show have a unit file, too, but a masked or unreadable one: only the name is
+    // known.
     for (CServiceName& clName : tNames) {
         if (!bKnown(clName)) {
             ptServices->push_back(std::make_unique<CService>(this, std::move(clName)));
@@ -187,7 +191,7 @@ std::unique_ptr<CService> CServiceManager::__pclInstallSystemd(const CServiceNam
                                                                const std::wstring& csBinaryPath,
                                                                bool bAutoStart, bool bRestartOnAbnormal)
 {
-    // Refuse what a lookup would read in another way: nobody could find the server's program and settings.
+    // Refuse what a lookup would read differently: nobody could find the server's program and settings.
     if (!bUnitReadsBack(csBinaryPath, clName)) {
         errno = EINVAL;
         return nullptr;
@@ -210,11 +214,12 @@ std::unique_ptr<CService> CServiceManager::__pclInstallSystemd(const CServiceNam
 
     const std::wstring csEnable = L"enable " + clName.csAsked();
     if (bAutoStart && !bSystemctlDone(csEnable)) {
-        if (CStopping::bMayGoOn()) {
-            // The daemon's stop has not cut it short: systemd itself refuses.
+        if (CStopping::bMayGoOn()) { // systemd itself refuses
             clFile.TakeBack();
             return nullptr;
         }
+
+        // The daemon's stop has cut systemctl short: the unit is good, and somebody can still enable it.
         pclService->AddMissingStep(L"systemctl " + csEnable);
     }
     return pclService;
@@ -225,7 +230,7 @@ bool CServiceManager::bTakeBackRefused(const CService& clService)
     // With these states systemd refuses every start. Any other failed start may be the server's own fault.
     static constexpr const wchar_t* s_tRefused[] = {L"bad-setting", L"error", L"not-found", L"masked"};
     if (!bSystemd()) {
-        return false; // a script can always be run
+        return false; // nobody refuses a script
     }
 
     const int nErrno = errno; // why the start failed, which the caller reports

@@ -9,22 +9,6 @@
 
 EDistri CServiceManager::ms_eDistri = DISTRI_UNKNOWN;
 
-bool CServiceManager::bInit(const wchar_t*, unsigned int)
-{
-    if (ms_eDistri == DISTRI_UNKNOWN) {
-        ms_eDistri = _bSystemdWorks() ? DISTRI_SYSTEMD : __eFindDistri();
-    }
-    return true;
-}
-
-CService* CServiceManager::pclGetService(const wchar_t* pszName, unsigned int)
-{
-    // Only under systemd is a lookup for another name than the one that was said; see clLookedUp.
-    const CServiceName clName = CServiceName::s_clSaid(pszName);
-    auto pclService = bSystemd() ? __pclGetServiceSystemd(clName.clLookedUp()) : __pclGetServiceSysV(clName);
-    return pclService.release();
-}
-
 std::unique_ptr<CService> CServiceEnumeration::pclNext()
 {
     while (m_tReady.empty()) {
@@ -38,36 +22,60 @@ std::unique_ptr<CService> CServiceEnumeration::pclNext()
     return pclService;
 }
 
+bool CServiceManager::bInit(const wchar_t*, unsigned int)
+{
+    if (ms_eDistri == DISTRI_UNKNOWN) {
+        ms_eDistri = _bSystemdWorks() ? DISTRI_SYSTEMD : __eFindDistri();
+    }
+    return true;
+}
+
+CService* CServiceManager::pclGetService(const wchar_t* pszName, unsigned int)
+{
+    // A lookup under systemd replaces some characters of the name that was said; see clLookedUp.
+    const CServiceName clName = CServiceName::s_clSaid(pszName);
+    auto pclService = bSystemd() ? __pclGetServiceSystemd(clName.clLookedUp()) : __pclGetServiceSysV(clName);
+    return pclService.release();
+}
+
+std::shared_ptr<CServiceEnumeration>
+CServiceManager::_pclEnumeration(unsigned long* pnCursor, const wchar_t* pszPrefix, const wchar_t* pszFurther)
+{
+    if (*pnCursor != 0) {
+        const std::lock_guard<std::mutex> clGuard(m_clMutex);
+        const auto pFound = m_tEnumerations.find(*pnCursor);
+        return pFound != m_tEnumerations.end() ? pFound->second : nullptr; // null: ended, aborted or failed
+    }
+
+    std::shared_ptr<CServiceEnumeration> pclMade = bSystemd() ? __pclEnumServiceSystemd(pszPrefix, pszFurther)
+                                                              : __pclEnumServiceSysV(pszPrefix, pszFurther);
+    if (pclMade == nullptr) {
+        *pnCursor = s_nFailedListing;
+        return nullptr;
+    }
+
+    const std::lock_guard<std::mutex> clGuard(m_clMutex);
+    *pnCursor = ++m_nLastCursor;
+    m_tEnumerations[*pnCursor] = pclMade;
+    return pclMade;
+}
+
 CService* CServiceManager::pclEnumServiceAnd(unsigned long* pnCursor, const wchar_t* pszPrefix,
                                              const wchar_t* pszFurther)
 {
-    std::shared_ptr<CServiceEnumeration> pclEnumeration;
-    if (*pnCursor == 0) {
-        pclEnumeration = bSystemd() ? __pclEnumServiceSystemd(pszPrefix, pszFurther)
-                                    : __pclEnumServiceSysV(pszPrefix, pszFurther);
-        if (pclEnumeration == nullptr) {
-            *pnCursor = s_nFailedListing;
-            return nullptr;
-        }
-
-        const std::lock_guard<std::mutex> clGuard(m_clLock);
-        *pnCursor = ++m_nLastCursor;
-        m_tEnumerations[*pnCursor] = pclEnumeration;
-    } else {
-        const std::lock_guard<std::mutex> clGuard(m_clLock);
-        const auto pFound = m_tEnumerations.find(*pnCursor);
-        if (pFound == m_tEnumerations.end()) { // ended, aborted or failed
-            return nullptr;
-        }
-        pclEnumeration = pFound->second;
+    const std::shared_ptr<CServiceEnumeration> pclEnumeration =
+        _pclEnumeration(pnCursor, pszPrefix, pszFurther);
+    if (pclEnumeration == nullptr) {
+        return nullptr;
     }
 
-    // Without the lock, as this may run a tool. The pointer is shared: another thread may abort the listing.
+    // Without the mutex, as this may run a tool. The pointer is shared: another thread may abort the
+    // enumeration.
     auto pclService = pclEnumeration->pclNext();
 
     if (pclService == nullptr) { // at the end, or failed: either way the cursor names nothing any more
         {
-            const std::lock_guard<std::mutex> clGuard(m_clLock);
+            const std::lock_guard<std::mutex> clGuard(m_clMutex);
             m_tEnumerations.erase(*pnCursor);
         }
         if (pclEnumeration->nError() != 0) {
@@ -80,7 +88,7 @@ CService* CServiceManager::pclEnumServiceAnd(unsigned long* pnCursor, const wcha
 
 void CServiceManager::AbortEnumService(unsigned long* pnCursor)
 {
-    const std::lock_guard<std::mutex> clGuard(m_clLock);
+    const std::lock_guard<std::mutex> clGuard(m_clMutex);
     m_tEnumerations.erase(*pnCursor);
     if (!bSystemd()) {
         *pnCursor = 0;
@@ -131,14 +139,15 @@ CServiceManager::tRegistered(const wchar_t* pszPrefix, std::initializer_list<con
         }
     }
 
-    // The listing above has what systemd has loaded; a unit that neither is enabled nor runs may not be.
-    if (bSystemd() && !_bAddUnloaded(tFurther, pszPrefix, &tServices)) {
+    // The listing above has only what systemd has loaded; a unit that neither is enabled nor runs may be
+    // missing.
+    if (bSystemd() && !_bAddUnloaded(pszPrefix, tFurther, &tServices)) {
         return std::nullopt;
     }
     return tServices;
 }
 
-std::wstring CServiceManager::csRegisteredName(const std::wstring& csName)
+std::wstring CServiceManager::csLockName(const std::wstring& csName)
 {
     const CServiceName clName = CServiceName::s_clSaid(csName.c_str());
     return bSystemd() ? clName.clLookedUp().csRegistry() : clName.csRegistry();

@@ -46,6 +46,7 @@ std::wstring csSubstitute(const std::wstring& csName, const std::array<STSubstit
     return csResult;
 }
 
+/// Control characters of ASCII and of Latin-1.
 bool bControl(wchar_t c)
 {
     return c < L' ' || (c >= 0x7F && c <= 0x9F);
@@ -84,7 +85,7 @@ std::wstring csHex(char c)
     std::array<char, 8> tHex{};
     std::snprintf(tHex.data(), tHex.size(), "\\x%02x",
                   static_cast<unsigned int>(static_cast<unsigned char>(c)));
-    return {tHex.begin(), tHex.begin() + 4}; // without the terminator
+    return {tHex.begin(), tHex.begin() + 4}; // "\xNN", without the terminator
 }
 
 /// A unit's name as its file's name holds it. A name whose only "@" is its last character would be a
@@ -127,7 +128,8 @@ std::wstring csUnescaped(std::string_view csListed)
 }
 
 /// The file name that a unit's name escapes to, without ".service"; empty for a name that systemctl would not
-/// read as one whole name.
+/// read as one whole name: as a pattern, as a path, as several words, as an option, as a unit of another
+/// type.
 std::wstring csFileName(const std::wstring& csUnit)
 {
     const bool bForbidden =
@@ -151,12 +153,13 @@ std::wstring csUnitListed(const std::wstring& csListed)
 
 /// The form in which systemctl is asked about a unit; empty unless a listing would turn it back into this
 /// name. A caller's backslash may look like an escape: "R\x26D" is not the service "R&D", and names nothing.
-std::wstring csAsk(const std::wstring& csUnit)
+std::wstring csAskedForm(const std::wstring& csUnit)
 {
     std::wstring csAsked = csFileName(csUnit);
     return csUnitListed(csAsked) == csUnit ? csAsked : std::wstring();
 }
 
+/// Whether a program that gets the name as its arguments would take a word of it for an option.
 bool bHasOptionWord(const std::wstring& csText)
 {
     return csText.starts_with(L'-') || csText.find(L" -") != std::wstring::npos;
@@ -169,7 +172,7 @@ CServiceName CServiceName::s_clSaid(const wchar_t* pszName)
         return {};
     }
     const std::wstring csText(pszName);
-    return {csText, csAsk(csSubstitute(csText, s_tUnitRules)), false};
+    return {csText, csAskedForm(csSubstitute(csText, s_tUnitRules)), false};
 }
 
 CServiceName CServiceName::s_clListed(std::string_view csListed)
@@ -201,7 +204,7 @@ CServiceName CServiceName::clLookedUp() const
         csWords, [](wchar_t c) { return bOneOf(c, L";|"); }, L' ');
     csWords.erase(csWords.find_last_not_of(L' ') + 1);
     csWords.erase(0, std::min(csWords.find_first_not_of(L' '), csWords.size()));
-    return {csWords, csAsk(csWords), true}; // a name with a space in it has no asked form
+    return {csWords, csAskedForm(csWords), true};
 }
 
 std::wstring CServiceName::csRegisteredAs(const wchar_t* pszDisplayName) const
@@ -212,9 +215,8 @@ std::wstring CServiceName::csRegisteredAs(const wchar_t* pszDisplayName) const
 
 std::wstring CServiceName::csShownAs(const wchar_t* pszDisplayName) const
 {
-    const std::wstring_view csDisplayName(pszDisplayName != nullptr ? pszDisplayName : m_csText.c_str());
-    return std::any_of(csDisplayName.begin(), csDisplayName.end(), bControl) ? m_csText
-                                                                             : std::wstring(csDisplayName);
+    const std::wstring csShown = pszDisplayName != nullptr ? pszDisplayName : m_csText;
+    return std::ranges::any_of(csShown, bControl) ? m_csText : csShown;
 }
 
 bool CServiceName::bInstallable() const
@@ -224,14 +226,21 @@ bool CServiceName::bInstallable() const
     // In a unit's text the first four have a meaning; a name with ";" or "|" could not be looked up. A
     // script's name is judged by bInertName below.
     const std::wstring_view csForbidden = bSystemd ? L"\\%$';|" : L"";
-    const bool bGood = std::ranges::all_of(m_csText, [csForbidden](wchar_t c) {
+    const bool bGoodCharacters = std::ranges::all_of(m_csText, [csForbidden](wchar_t c) {
         return bCharacter(c) && !bControl(c) && !bOneOf(c, csForbidden);
     });
+    if (m_csText.empty() || !bGoodCharacters) {
+        return false;
+    }
+
+    // Refuse what the server, which gets the name as an argument, or systemctl would read as something else.
+    if (m_csText.front() == L' ' || m_csText.back() == L' ' || bHasOptionWord(m_csText) ||
+        bHasUnitType(m_csText)) {
+        return false;
+    }
 
     // The PID file has the registry form as its name; the unit file's length is checked with csAsked.
-    if (m_csText.empty() || !bGood || m_csText.front() == L' ' || m_csText.back() == L' ' ||
-        bHasOptionWord(m_csText) || bHasUnitType(m_csText) ||
-        nBytes(csRegistry()) + s_csPidSuffix.size() > s_nMaxFileName) {
+    if (nBytes(csRegistry()) + s_csPidSuffix.size() > s_nMaxFileName) {
         return false;
     }
     return bSystemd ? !m_csAsked.empty() : bInertName(csRegistry());

@@ -5,8 +5,8 @@
 
 /// The name of one service in each of its forms. No other place knows a substitution or an escape.
 ///
-/// A name is made from a caller's text or from what the init system lists; which init system that is says
-/// CServiceManager::bSystemd. The forms:
+/// A name is made from a caller's text or from what the init system lists. CServiceManager::bSystemd says
+/// which init system. The forms:
 ///  - text: what the caller said, or what is listed, decoded;
 ///  - registry: the unit's name without ".service", or the script's name. In both, a space becomes "_" and
 ///    a tab "__"; in a script's name, "/" and "." become "-", too;
@@ -28,20 +28,22 @@ public:
     const std::wstring& csText() const { return m_csText; }
     std::wstring csRegistry() const;
     /// Empty for a name that no unit can have or that systemctl would not read as one whole name. Such a name
-    /// holds a pattern character, a slash, a double quote or a control character, begins with "-", ends like
-    /// a whole unit name (".service", ".timer"...), or is longer than a file name can be.
+    /// holds a pattern character, a slash, a double quote, a space or a control character, begins with "-",
+    /// ends like a whole unit name (".service", ".timer"...), holds what looks like an escape, or is longer
+    /// than a file name can be. A script that is listed has no asked form either.
     const std::wstring& csAsked() const { return m_csAsked; }
     std::wstring csUnitFile() const { return m_csAsked + L".service"; }
     /// The script's name, whatever the init system. A listing's prefix is compared in this form, too.
     std::wstring csScript() const;
 
-    /// The name that a lookup under systemd looks for. There, and nowhere else, ";" and "|" stand for spaces;
-    /// clients rely on it. When that leaves more than one word, the result names nothing.
+    /// The name that a lookup under systemd looks for: the registry form, in which ";" and "|" stand for
+    /// spaces, without the spaces around it. Only a lookup replaces these two; clients rely on it. A name
+    /// with a space left inside has no asked form and so is not found.
     CServiceName clLookedUp() const;
-    /// The same service's name with the registry form as its text.
+    /// The same service's name with the registry form as its text, as if it had been listed.
     CServiceName clRegistered() const { return {csRegistry(), m_csAsked, true}; }
-    /// The name as it was said at the registration: the display name, if a registration under that name gives
-    /// this service, else the text.
+    /// The name that was said at the registration, before the substitutions: the display name, if a
+    /// registration under that name gives this service, else the text.
     std::wstring csRegisteredAs(const wchar_t* pszDisplayName) const;
     /// The name for people: the display name, whatever it says; the service's own when there is none, or when
     /// a control character in it could forge fields of a list.
