@@ -8,21 +8,20 @@
 
 #include <cerrno>
 #include <chrono>
-#include <functional>
 #include <tuple>
 
 namespace {
 using CClock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-constexpr std::size_t s_nMaxListing = std::size_t{16}
-                                      << 20; ///< bytes; far more than the units of any machine
+/// Bytes of a listing; far more than the units of any machine need.
+constexpr std::size_t s_nMaxListing = std::size_t{16} << 20;
 
 /// When a question that failed is asked again, counted from its first failure. A systemd that executes itself
 /// anew (daemon-reexec) is away for some tenths of a second, longer on a busy machine.
 constexpr milliseconds s_tAgain[] = {milliseconds(100), milliseconds(500), milliseconds(1500)};
 /// After this time no try begins.
-constexpr milliseconds s_clLastTry{2000};
+constexpr milliseconds s_clLastTry(2000);
 
 /// How often a tool that the daemon's stop has ended is launched again. systemd signals the processes of the
 /// service's group until it finds no new one, so it may end more than one.
@@ -82,27 +81,6 @@ bool bIsAnswer(const STSystemctlQuestion& stQuestion, const CLanceProcessus& clT
            (!stQuestion.csProperty.empty() && !csPropertyLine(csOutput, stQuestion.csProperty).empty());
 }
 
-/// Calls fnAsk until it returns true: up to three times more, begun within two seconds of the first failure,
-/// and not once the daemon is to stop. While systemd executes itself anew it answers no tool. When all calls
-/// fail, errno is the last one's.
-bool bAskPersistently(const std::function<bool()>& fnAsk)
-{
-    bool bAnswered = fnAsk();
-    int nErrno = errno;
-
-    // The wait may outlast its time on a busy machine, so the last limit is checked after it.
-    const CClock::time_point clFailed = CClock::now();
-    for (const milliseconds clAfter : s_tAgain) {
-        if (bAnswered || !bWaitUntilNextTry(clFailed + clAfter) || CClock::now() >= clFailed + s_clLastTry) {
-            break;
-        }
-        bAnswered = fnAsk();
-        nErrno = errno;
-    }
-
-    errno = nErrno;
-    return bAnswered;
-}
 } // namespace
 
 STSystemctlQuestion stListUnits()
@@ -136,11 +114,20 @@ std::optional<std::string> csAskSystemctlOnce(const STSystemctlQuestion& stQuest
 
 std::optional<std::string> csAskSystemctl(const STSystemctlQuestion& stQuestion)
 {
-    std::optional<std::string> csAnswer;
-    std::ignore = bAskPersistently([&] {
+    std::optional<std::string> csAnswer = csAskSystemctlOnce(stQuestion);
+    int nErrno = errno;
+
+    // The wait may outlast its time on a busy machine, so the last limit is checked after it.
+    const CClock::time_point clFailed = CClock::now();
+    for (const milliseconds clAfter : s_tAgain) {
+        if (csAnswer || !bWaitUntilNextTry(clFailed + clAfter) || CClock::now() >= clFailed + s_clLastTry) {
+            break;
+        }
         csAnswer = csAskSystemctlOnce(stQuestion);
-        return csAnswer.has_value();
-    });
+        nErrno = errno;
+    }
+
+    errno = nErrno; // the last question's, not the wait's
     return csAnswer;
 }
 

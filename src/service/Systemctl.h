@@ -23,13 +23,15 @@ STSystemctlQuestion stListUnits();
 /// All unit files of services, whether systemd has loaded them or not.
 STSystemctlQuestion stListUnitFiles();
 
-/// Asks systemctl, persistently, and returns what it printed; nothing on failure. errno is then never ENOENT,
-/// which stands for a service that does not exist.
+/// Asks systemctl and returns what it printed; nothing, with errno, on failure. Asks again up to three times,
+/// within two seconds of the first failure: a systemd that executes itself anew answers nobody for a moment.
+/// errno is never ENOENT, which stands for a service that does not exist. Blocks while systemctl runs.
 std::optional<std::string> csAskSystemctl(const STSystemctlQuestion& stQuestion);
 
 /// The same, asked once: for a caller that asks in another way when this fails.
 std::optional<std::string> csAskSystemctlOnce(const STSystemctlQuestion& stQuestion);
 
 /// Runs systemctl for its effect, once; true when it exits with status 0. Any other status sets errno to
-/// ECANCELED, so that the text in a reply says that the operation did not take place.
+/// ECANCELED, so that the text in a reply says that the operation did not take place. False, with errno, also
+/// when systemctl cannot be run. Blocks until systemctl exits or the calling thread may not go on.
 bool bSystemctlDone(const std::wstring& csArguments);

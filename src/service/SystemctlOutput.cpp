@@ -8,9 +8,11 @@
 #include <array>
 
 namespace {
-constexpr std::string_view s_csArgv = "argv[]=";
+constexpr std::string_view s_csPathKey = "{ path=";
+constexpr std::string_view s_csArgvKey = "argv[]=";
+constexpr std::string_view s_csArgvAfterPath = " ; argv[]=";
 constexpr std::string_view s_csSuffix = ".service";
-/// The marks in front of failed, missing, reloading... units, in UTF-8 and ASCII locales.
+/// The marks that systemctl prints before failed, missing, reloading... units, in UTF-8 and ASCII locales.
 constexpr std::array<std::string_view, 5> s_tMarks{"●", "○", "×", "↻", "*"};
 
 bool bSameKey(std::string_view cs1, std::string_view cs2)
@@ -30,45 +32,64 @@ std::string_view csAfterMarks(std::string_view csLine)
     return csLine;
 }
 
-/// What the value of "ExecStart" says: the program's path, and the whole command line.
-struct STExecStart
+/// The program's path in "{ path=/p ; argv[]=/p --SERVICE DXCS-A ; ignore_errors=no ; ... }". The path itself
+/// may hold " ; argv[]=", so each place where the path may end is tried, until the text after "argv[]="
+/// begins with the path before it. Nothing when there is no such place.
+std::optional<std::string_view> csPathIn(std::string_view csExecStart)
 {
-    std::optional<std::string> csExecutable;
-    std::optional<std::string> csCommandLine;
-};
+    if (!csExecStart.starts_with(s_csPathKey)) {
+        return std::nullopt;
+    }
 
-/// Reads "{ path=/p ; argv[]=/p --SERVICE DXCS-A ; ignore_errors=no ; ... }". The path itself may hold
-/// " ; argv[]=", so each place where the path may end is tried, until the text after "argv[]=" begins with
-/// the path before it. The command line ends at the first ";" after the program.
-STExecStart stReadExecStart(std::string_view csExecStart)
-{
-    constexpr std::string_view csPathKey = "{ path=";
-    constexpr std::string_view csArgvKey = " ; argv[]=";
-    STExecStart st;
-    std::size_t nArgv = csExecStart.find(s_csArgv, 1);
-    std::size_t nProgram = 0; // length of the program in the command line, 0 while it is unknown
-
-    for (std::size_t nKey = csExecStart.find(csArgvKey);
-         csExecStart.starts_with(csPathKey) && nKey != std::string_view::npos && !st.csExecutable;
-         nKey = csExecStart.find(csArgvKey, nKey + 1)) {
-        const std::string_view csPath = csExecStart.substr(csPathKey.size(), nKey - csPathKey.size());
-        const std::string_view csWords = csExecStart.substr(nKey + csArgvKey.size());
+    for (std::size_t nEnd = csExecStart.find(s_csArgvAfterPath); nEnd != std::string_view::npos;
+         nEnd = csExecStart.find(s_csArgvAfterPath, nEnd + 1)) {
+        const std::string_view csPath = csExecStart.substr(s_csPathKey.size(), nEnd - s_csPathKey.size());
+        const std::string_view csWords = csExecStart.substr(nEnd + s_csArgvAfterPath.size());
         if (csWords.starts_with(csPath) && csWords.substr(csPath.size()).starts_with(' ')) {
-            st.csExecutable = csPath;
-            nArgv = nKey + csArgvKey.size() - s_csArgv.size();
-            nProgram = csPath.size();
+            return csPath;
         }
     }
-    if (nArgv == std::string_view::npos) {
-        return st;
+    return std::nullopt;
+}
+
+/// The command line in the value of "ExecStart"; csPath is what csPathIn has found there. Nothing when there
+/// is no command line, or the value was cut before its end.
+std::optional<std::string> csCommandLineIn(std::string_view csExecStart,
+                                           std::optional<std::string_view> csPath)
+{
+    std::size_t nStart = 0;
+    std::size_t nEndOfProgram = 0;
+    if (csPath) {
+        nStart = s_csPathKey.size() + csPath->size() + s_csArgvAfterPath.size();
+        nEndOfProgram = nStart + csPath->size();
+    } else {
+        // An "argv[]=" at the very beginning does not count; clients rely on it.
+        const std::size_t nArgv = csExecStart.find(s_csArgvKey, 1);
+        if (nArgv == std::string_view::npos) {
+            return std::nullopt;
+        }
+        nStart = nArgv + s_csArgvKey.size();
+        nEndOfProgram = nStart; // unknown
     }
 
-    // Not a ";" inside the program's path. Without any the output was cut: then nothing of it is used.
-    const std::size_t nStart = nArgv + s_csArgv.size();
-    if (const std::size_t nEnd = csExecStart.find(';', nStart + nProgram); nEnd != std::string_view::npos) {
-        st.csCommandLine = csExecStart.substr(nStart, nEnd - nStart);
+    // The command line ends at the first ";" after the program, whose path may hold one, too.
+    const std::size_t nEnd = csExecStart.find(';', nEndOfProgram);
+    if (nEnd == std::string_view::npos) {
+        return std::nullopt;
     }
-    return st;
+    return std::string(csExecStart.substr(nStart, nEnd - nStart));
+}
+
+/// Takes the value of one "ExecStart" into what is shown of the unit.
+void ReadExecStart(std::string_view csValue, STUnitShown* pstShown)
+{
+    pstShown->bOneProgram = !pstShown->csBinaryPath; // unless another "ExecStart" came before
+
+    const std::optional<std::string_view> csPath = csPathIn(csValue);
+    if (std::optional<std::string> csCommandLine = csCommandLineIn(csValue, csPath)) {
+        pstShown->csBinaryPath = std::move(csCommandLine);
+        pstShown->csExecutable = csPath ? std::optional<std::string>(*csPath) : std::nullopt;
+    }
 }
 } // namespace
 
@@ -90,11 +111,7 @@ STUnitShown stReadShow(std::string_view csOutput)
         } else if (bSameKey(csKey, "Description")) {
             stShown.csDescription = std::string(csValue);
         } else if (bSameKey(csKey, "ExecStart")) {
-            stShown.bOneProgram = !stShown.csBinaryPath;
-            if (STExecStart st = stReadExecStart(csValue); st.csCommandLine) {
-                stShown.csBinaryPath = std::move(st.csCommandLine);
-                stShown.csExecutable = std::move(st.csExecutable);
-            }
+            ReadExecStart(csValue, &stShown);
         }
     });
     return stShown;
@@ -107,7 +124,7 @@ std::string_view csPropertyLine(std::string_view csOutput, std::string_view csPr
         const std::string_view csLine = csTakeLine(&csOutput);
         if (csLine.size() > csProperty.size() && csLine[csProperty.size()] == '=' &&
             bBeginsWith(csLine, csProperty)) {
-            // Only a whole line: of one that was cut the value may be another.
+            // Only a whole line: without its newline the line was cut, and perhaps its value, too.
             return csLine.size() < csRest.size() ? csRest.substr(0, csLine.size() + 1) : std::string_view();
         }
     }
@@ -175,5 +192,6 @@ std::string_view csReadId(std::string_view csBlock)
 
     // A second "Id" means that a value has forged a line, or that two blocks have run together.
     const auto nAfter = static_cast<std::size_t>(csLine.data() + csLine.size() - csBlock.data());
-    return csPropertyLine(csBlock.substr(nAfter), "Id").empty() ? csReadProperty(csLine) : std::string_view();
+    const bool bOnlyOne = csPropertyLine(csBlock.substr(nAfter), "Id").empty();
+    return bOnlyOne ? csReadProperty(csLine) : std::string_view();
 }

@@ -12,19 +12,21 @@
 struct STUnitShown
 {
     bool bExists = false;                     ///< a "Type" with a value was seen
-    std::optional<std::string> csDescription; ///< UTF-8
+    std::optional<std::string> csDescription; ///< UTF-8, like the next two
     std::optional<std::string> csBinaryPath;  ///< command line of "ExecStart", with the space that follows it
-    std::optional<std::string> csExecutable;  ///< its "path=", if the command line begins with that path
-    bool bOneProgram = true;                  ///< false: several command lines, of which the last one counts
+    std::optional<std::string> csExecutable;  ///< its "path=", if csBinaryPath begins with that path
+    bool bOneProgram = true;                  ///< false: several "ExecStart", of which the last one counts
 };
+/// Case does not count in the names of properties.
 STUnitShown stReadShow(std::string_view csOutput);
 
-/// The first line that gives the property, newline included: systemctl prints its complaints between the
-/// lines of an answer. Empty when there is no such line, or the output ends before its newline.
+/// The first line that gives the property (case does not count in its name), newline included: systemctl
+/// prints its complaints between the lines of an answer. Empty when there is no such line, or the output ends
+/// before its newline.
 std::string_view csPropertyLine(std::string_view csOutput, std::string_view csProperty);
 
-/// Value of the one property that was asked for: all after the first "=", less the last newline. Empty when
-/// there is none.
+/// Value of the one property that was asked for: all after the first "=" but the last byte, which is the
+/// newline. Empty when there is no "=".
 std::string_view csReadProperty(std::string_view csOutput);
 
 /// Unit names without ".service", in the order of the listing. Skips what current versions print before the
