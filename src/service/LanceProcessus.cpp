@@ -23,7 +23,7 @@ namespace {
 constexpr int s_nMaxArguments = 50; ///< the program included
 /// Bytes that the output pipe holds: a child that prints no more never waits for its pausing reader.
 constexpr std::size_t s_nOutputRoom = std::size_t{1} << 20;
-/// Bytes of one read; they lie on the stack, of which a worker thread has 64 KiB.
+/// Bytes of one read. They lie on the stack, and a worker thread has only 64 KiB of stack.
 constexpr std::size_t s_nBlock = 1024;
 /// How long a child that had to wait for room in its pipe may take to write again.
 constexpr long s_nGoOnMs = 50;
@@ -39,14 +39,15 @@ void AppendReserving(std::string* pcsText, std::string_view csMore, std::size_t 
     pcsText->append(csMore);
 }
 
+/// For short pauses only: a child's exit ends one early, by SIGCHLD, but the daemon's stop does not.
 void Nap(int nMs)
 {
-    ::poll(nullptr, 0, nMs); // a child's exit ends it early, by SIGCHLD
+    ::poll(nullptr, 0, nMs);
 }
 
-/// CStopping::bMayGoOn, which says whether the thread may still launch tools and wait for them. When it may
-/// not, errno is ECANCELED, and the tool that it waits for is left to itself.
-bool bMayGoOn()
+/// CStopping::bMayGoOn, with errno ECANCELED when the calling thread may no longer launch tools or wait for
+/// them.
+bool bCheckMayGoOn()
 {
     if (!CStopping::bMayGoOn()) {
         errno = ECANCELED;
@@ -108,18 +109,23 @@ bool CLanceProcessus::bLanceProcessus(const wchar_t* pszProgram, const wchar_t* 
         errno = ESHUTDOWN;
         return bFail(pclError, L"launch", pszProgram);
     }
-    if (!bMayGoOn()) {
+    if (!bCheckMayGoOn()) {
         return bFail(pclError, L"stop", pszProgram);
     }
 
-    // Checked before the fork: after it the caller would learn of a missing program only by the child's exit
-    // status 127.
-    std::string csProgram = csToUTF8(pszProgram);
-    if (::access(csProgram.c_str(), X_OK) != 0) {
+    // Checked here, because pstFork succeeds without a program, too: the caller would learn of a missing one
+    // only by the child's exit status 127.
+    if (::access(csToUTF8(pszProgram).c_str(), X_OK) != 0) {
         return bFail(pclError, L"access", pszProgram);
     }
+    return _bCreateChild(pszProgram, pszArguments, pclError);
+}
 
-    std::string csArguments = csToUTF8(pszArguments); // cut into words in place
+bool CLanceProcessus::_bCreateChild(const wchar_t* pszProgram, const wchar_t* pszArguments, CXError* pclError)
+{
+    // The words are parts of csArguments; the null after the last one ends the list.
+    std::string csProgram = csToUTF8(pszProgram);
+    std::string csArguments = csToUTF8(pszArguments);
     std::array<char*, s_nMaxArguments + 1> tArguments{};
     tArguments[0] = csProgram.data();
     nSplitArguments(csArguments.data(), &tArguments[1], s_nMaxArguments - 1);
@@ -132,6 +138,7 @@ bool CLanceProcessus::bLanceProcessus(const wchar_t* pszProgram, const wchar_t* 
     // The kernel may refuse so much: a smaller pipe works, too, only slower.
     std::ignore = ::fcntl(stOutput.clWrite.nFd(), F_SETPIPE_SZ, static_cast<int>(s_nOutputRoom));
 
+    // The child's standard output and standard error share one pipe.
     const std::vector<char*> tEnvironment = tToolEnvironment(csProgram);
     const STChildStart stStart{csProgram.c_str(),    tArguments.data(),      tEnvironment.data(),
                                stInput.clRead.nFd(), stOutput.clWrite.nFd(), stOutput.clWrite.nFd()};
@@ -140,13 +147,14 @@ bool CLanceProcessus::bLanceProcessus(const wchar_t* pszProgram, const wchar_t* 
         return bFail(pclError, L"fork", pszProgram);
     }
 
-    // The child has the other two ends; ours close here, or its output would never reach end of file.
+    // Our copies of the child's two ends close on return: its output would otherwise never reach end of file.
     m_clInput = std::move(stInput.clWrite);
     m_clOutput = std::move(stOutput.clRead);
     return true;
 }
 
-/// Waits for output or its end; false also when a signal (mostly a child's exit) ended the wait.
+/// Waits for output or its end of file; false when the time is over, and when a signal (mostly a child's
+/// exit) ended the wait.
 bool CLanceProcessus::_bReadable(long nMs) const
 {
     CSelectSet clSet;
@@ -157,7 +165,7 @@ bool CLanceProcessus::_bReadable(long nMs) const
 
 bool CLanceProcessus::_bReadSome(CXYString<char>* pcsOutput, std::size_t* pnTotal)
 {
-    std::array<char, s_nBlock> tBuffer;
+    std::array<char, s_nBlock> tBuffer; // not cleared: read fills what is used
     const ssize_t nRead = ::read(m_clOutput.nFd(), tBuffer.data(), tBuffer.size());
     if (nRead < 0 && errno == EINTR) { // nothing was read, but there may be more
         return true;
@@ -200,17 +208,19 @@ bool CLanceProcessus::_bOutputWaits(bool bWanted)
 /// killed: that work must not be done later.
 bool CLanceProcessus::_bKeepWaiting()
 {
-    const bool bOn = bMayGoOn();
+    const bool bGoOn = bCheckMayGoOn();
+
+    // After the check: a wait that the check ends because of a cancel must not leave the tool alive.
     if (CStopping::bCancelled()) {
         Kill();
         errno = ECANCELED;
     }
-    return bOn;
+    return bGoOn;
 }
 
-/// Called once the child's output has reached end of file. Waits a moment for the exit, which mostly follows
-/// at once, so that the caller seldom needs the long pause.
-void CLanceProcessus::_WaitEndAfterOutput() const
+/// Called once the child's output has reached end of file. Waits up to 31 ms for the exit, which mostly
+/// follows at once, so that the caller seldom needs the long pause.
+void CLanceProcessus::_WaitForExitAfterOutput() const
 {
     for (int nMs = 1; nMs <= 16 && !bProcessusTermine(); nMs *= 2) {
         Nap(nMs);
@@ -223,7 +233,7 @@ bool CLanceProcessus::bLitSortieA(CXYString<char>* pcsOutput)
         return false;
     }
 
-    // At most one pipeful: a process that the child has left running may go on printing for ever.
+    // At most one pipeful a call: a process that the child has left running may go on printing for ever.
     std::size_t nTotal = 0;
     bool bOpen = true;
     while (bOpen && m_nOutputError == 0 && nTotal < s_nOutputRoom && _bOutputWaits(pcsOutput != nullptr)) {
@@ -235,7 +245,7 @@ bool CLanceProcessus::bLitSortieA(CXYString<char>* pcsOutput)
     m_nOutput += nTotal;
 
     if (!bOpen) {
-        _WaitEndAfterOutput();
+        _WaitForExitAfterOutput();
     }
 
     if (nTotal != 0) {
@@ -244,9 +254,9 @@ bool CLanceProcessus::bLitSortieA(CXYString<char>* pcsOutput)
 
     // A child that has printed more than a pipeful may have waited for room, and writes on as soon as it has
     // some: give it a moment before the long pause. A long pause for each pipeful would add up to half a
-    // minute for what a listing may print.
-    const bool bMayHaveWaited = m_nOutput >= s_nOutputRoom && m_nOutputError == 0;
-    if (!bMayHaveWaited || !_bReadable(s_nGoOnMs)) {
+    // minute for what a listing may print (16 MiB).
+    const bool bMayHaveWaitedForRoom = m_nOutput >= s_nOutputRoom && m_nOutputError == 0;
+    if (!bMayHaveWaitedForRoom || !_bReadable(s_nGoOnMs)) {
         CProcessManager::m_gpclManager->Pause(m_pstChild);
     }
     return true;
@@ -269,12 +279,13 @@ bool CLanceProcessus::bLitSortieEtAttendFinExecution(CXYString<char>* pcsOutput,
     }
     bLitSortieA(pcsOutput); // what the child wrote just before its exit
 
-    const bool bEnded = bAttendFinExecution(pnExitCode);
+    // The child has exited: this only takes its exit code.
+    const bool bHasCode = bAttendFinExecution(pnExitCode);
     if (m_nOutputError != 0) {
         errno = m_nOutputError;
         return false;
     }
-    return bEnded;
+    return bHasCode;
 }
 
 bool CLanceProcessus::bAttendFinExecution(unsigned int* pnExitCode, unsigned int nMaxMs)
@@ -290,9 +301,10 @@ bool CLanceProcessus::bAttendFinExecution(unsigned int* pnExitCode, unsigned int
     // Output must be drained meanwhile, or a child that prints more than the pipe holds would never exit.
     const auto clEnd = std::chrono::steady_clock::now() + std::chrono::milliseconds(nMaxMs);
     int nCode = 0;
-    bool bOpen = true;
-    std::size_t nDiscarded = 0;
-    for (int nMs = 1; !CProcessManager::m_gpclManager->bGetCode(m_pstChild, &nCode);) {
+    bool bOpen = true;          // until the output reaches end of file
+    std::size_t nDiscarded = 0; // of no use here: _bReadSome counts
+    for (int nMs = 1; !CProcessManager::m_gpclManager->bGetCode(m_pstChild, &nCode);
+         nMs = std::min(nMs + 1, 100)) {
         if (!_bKeepWaiting()) {
             return false;
         }
@@ -307,7 +319,6 @@ bool CLanceProcessus::bAttendFinExecution(unsigned int* pnExitCode, unsigned int
         } else if (_bReadable(nMs)) {
             bOpen = _bReadSome(nullptr, &nDiscarded);
         }
-        nMs = std::min(nMs + 1, 100);
     }
 
     if (pnExitCode != nullptr) {

@@ -6,7 +6,8 @@
 #include "support/XYString.h"
 
 /// Cuts psz in place at spaces. A word that begins with a double quote runs to the next one, and loses both;
-/// nothing else is special. Stores at most nMax words, ignores the rest, and returns the count.
+/// nothing else is special. Stores at most nMax words, which are parts of psz, ignores the rest, and returns
+/// the count.
 int nSplitArguments(char* psz, char** ppszArguments, int nMax) noexcept;
 
 /// Runs one program without a shell and gives its merged output and exit code.
@@ -15,7 +16,7 @@ int nSplitArguments(char* psz, char** ppszArguments, int nMax) noexcept;
 /// launch implies. bLibere() and the destructor let go of the child, which is never killed and still reaped.
 /// One thread uses an object; different objects may run in different threads. Launches are possible between
 /// sInit() and sTerm() only. Once the calling thread may not go on (CStopping::bMayGoOn), launching and
-/// waiting fail with ECANCELED.
+/// waiting fail with ECANCELED: a stop leaves the child to itself, a cancel kills it.
 class CLanceProcessus
 {
 public:
@@ -35,7 +36,8 @@ public:
     /// more is killed.
     void LimitOutput(std::size_t nMax) { m_nMaxOutput = nMax; }
     /// Appends what the child has written so far (null: discards it). When the child is alive and silent, the
-    /// call pauses for 2 seconds, or until the child's exit; clients rely on this pace.
+    /// call pauses for 2 seconds, or until the child's exit; clients rely on this pace. False only when
+    /// nothing is launched.
     bool bLitSortieA(CXYString<char>* pcsOutput);
     /// Reads all output until the child exits, then takes its exit code. False when output is missing: the
     /// child printed more than the limit (EFBIG), or its output could not be read. The child is then killed.
@@ -48,7 +50,8 @@ public:
     bool bEndedBySignal() const;
     /// True when the child has exited, or nothing is launched.
     bool bProcessusTermine() const;
-    /// Writes to the child's standard input; waits while its pipe is full. True only when all was written.
+    /// Writes to the child's standard input; waits while its pipe is full. True only when all was written; a
+    /// child that has closed its input is an error (EPIPE).
     bool bEcritEntree(const void* pData, unsigned int nLength);
     /// Sends SIGKILL if the child has not exited. Always true.
     bool Kill();
@@ -57,21 +60,22 @@ public:
 
 private:
     bool _bLaunched() const { return m_pstChild != nullptr && CProcessManager::m_gpclManager != nullptr; }
+    /// Creates the child and keeps our ends of its pipes. False on failure, with errno and the error filled.
+    bool _bCreateChild(const wchar_t* pszProgram, const wchar_t* pszArguments, CXError* pclError);
     bool _bReadable(long nMs) const;
     /// Notes that output is missing and why. Kills the child, whose output nobody would read any more.
     void _GiveOutputUp(int nError);
-    /// Whether the next read returns at once; false also when that cannot be found out. Output that the
-    /// caller wanted is then given up.
+    /// Whether the next read returns at once. False also when select fails; wanted output is then given up.
     bool _bOutputWaits(bool bWanted);
-    /// Reads once and adds the bytes' count to *pnTotal; false when there is nothing more to read.
+    /// Reads once and adds the count of bytes to *pnTotal; false when there is nothing more to read.
     bool _bReadSome(CXYString<char>* pcsOutput, std::size_t* pnTotal);
     bool _bKeepWaiting();
-    void _WaitEndAfterOutput() const;
+    void _WaitForExitAfterOutput() const;
 
     CProcessManager::STChild* m_pstChild = nullptr; ///< null: idle
     CDescripteur m_clInput;                         ///< write end of the child's standard input
     CDescripteur m_clOutput;                        ///< read end of its output
     std::size_t m_nMaxOutput = std::size_t{1} << 20;
-    std::size_t m_nOutput = 0; ///< bytes read by bLitSortieA
-    int m_nOutputError = 0;    ///< why output is missing
+    std::size_t m_nOutput = 0; ///< bytes that bLitSortieA has read from this child
+    int m_nOutputError = 0;    ///< errno: why output is missing; 0: none is
 };

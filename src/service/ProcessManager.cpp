@@ -16,7 +16,8 @@ std::unique_ptr<CProcessManager> CProcessManager::m_gpclManager;
 
 namespace {
 /// Holds the child table. Blocks SIGCHLD in this thread before it takes the lock: otherwise the handler could
-/// wait for a lock that its own thread holds. The destructor undoes both in reverse. Keeps errno.
+/// wait for a lock that its own thread holds. The destructor first gives the lock back, then unblocks the
+/// signal: so the mask is a member, not a local of the constructor. Keeps errno.
 class CChildGuard
 {
 public:
@@ -24,7 +25,7 @@ public:
     {
         const int nErrno = errno;
         const timespec st10ms{0, 10'000'000};
-        while (m_bLocked.exchange(true)) { // a mutex is not async-signal-safe
+        while (m_bLocked.exchange(true)) { // no mutex: the handler takes the lock, too, and may not lock one
             nanosleep(&st10ms, nullptr);
         }
         errno = nErrno;
@@ -87,7 +88,7 @@ void CProcessManager::_ForEach(TAction action)
 
 CProcessManager::STChild* CProcessManager::_pstFindFree()
 {
-    STChild* pstFree = nullptr;
+    STChild* pstFree = nullptr; // the first one
     _ForEach([&](STChild& stRecord) {
         if (pstFree == nullptr && stRecord.nPid == 0 && stRecord.nFlags == 0) {
             pstFree = &stRecord;
@@ -105,7 +106,8 @@ void CProcessManager::_Append(std::unique_ptr<STBlock> pstBlock)
     *ppstLast = std::move(pstBlock);
 }
 
-/// Takes a free record for a child that is about to be created.
+/// Takes a free record for a child that is about to be created. Until its pid is noted nobody else touches
+/// the record: it is neither free nor reaped.
 CProcessManager::STChild* CProcessManager::_pstReserve()
 {
     std::unique_ptr<STBlock> pstSpare;
@@ -128,19 +130,19 @@ CProcessManager::STChild* CProcessManager::_pstReserve()
 
 CProcessManager::STChild* CProcessManager::pstFork(const STChildStart& stStart)
 {
-    CChildStarter clStarter;
+    CChildStarter clStarter; // first: it allocates, and when that throws, no record may be reserved
     STChild* pstChild = _pstReserve();
 
     // SIGCHLD is blocked in this thread until the pid is noted, so that its handler finds the record of a
     // child that exits at once. Another thread may get the signal earlier and find none: whoever asks about
-    // the child then reaps it. The guard comes only afterwards: other threads need the table while this one
-    // waits for the exec.
+    // the child then reaps it. The guard comes only after the creation: other threads need the table while
+    // this one waits for the exec.
     const CSignalsHeld clHeld{SIGCHLD};
     const pid_t nPid = clStarter.nStart(stStart);
 
     const CChildGuard clGuard(m_bLocked);
     if (nPid < 0) {
-        *pstChild = {};
+        *pstChild = {}; // free again
         return nullptr;
     }
     pstChild->nPid = nPid;
@@ -163,8 +165,9 @@ void CProcessManager::_Reap(STChild& stRecord)
     }
 }
 
-/// Wakes the thread that pauses for a child that has exited. The kernel signals a child's exit to the thread
-/// that created it, but not while another SIGCHLD is pending; so whoever reaps a child passes the signal on.
+/// Wakes the thread that pauses for a child that has exited. The kernel prefers the thread that created the
+/// child for the signal of its exit. But that signal merges with a pending one, and goes to another thread
+/// while this one blocks it. So the handler passes it on, in whichever thread it runs.
 void CProcessManager::_Wake(const STChild& stRecord)
 {
     constexpr int nWanted = FLAG_PAUSE | FLAG_ENDED;
@@ -176,13 +179,14 @@ void CProcessManager::_Wake(const STChild& stRecord)
 void CProcessManager::SigAction(int nSignal, siginfo_t* pstInfo, void* pContext)
 {
     if (pstInfo->si_code == SI_TKILL && pstInfo->si_pid == ::getpid()) {
-        return; // from _Wake: by interrupting the pause it has done its work
+        return; // from _Wake: the signal has done its work by ending the pause
     }
 
     bool bOurs = false;
     {
         const CChildGuard clGuard(m_bLocked);
         _ForEach([&](STChild& stRecord) {
+            // Asked before _Reap, which may clear the record.
             bOurs = bOurs || (stRecord.nPid != 0 && stRecord.nPid == pstInfo->si_pid);
             _Reap(stRecord);
             _Wake(stRecord);
@@ -222,9 +226,9 @@ bool CProcessManager::bEndedBySignal(const STChild* pstChild)
 
 void CProcessManager::Pause(STChild* pstChild)
 {
-    // Blocks SIGCHLD from before the look at the child until ppoll unblocks it: the signal of an exit in
-    // between stays pending and ends the pause at once. Otherwise it would be handled too early, and the
-    // pause be long.
+    // SIGCHLD is blocked from before the look at the child until ppoll unblocks it. The signal of an exit in
+    // between, or the one that _Wake then sends, stays pending and ends the pause at once. Unblocked, it
+    // would be handled before the pause, which would then last its 2 seconds.
     const CSignalsHeld clHeld{SIGCHLD};
     {
         const CChildGuard clGuard(m_bLocked);
@@ -236,7 +240,8 @@ void CProcessManager::Pause(STChild* pstChild)
         pstChild->nPausing = ::gettid();
     }
 
-    // Not resumed after a signal: SIGCHLD is to end it. So does the daemon's stop, by its descriptor.
+    // Not resumed after a signal, because SIGCHLD is to end the pause. The daemon's stop ends it, too: it
+    // makes the polled descriptor readable.
     const int nMs = CStopping::nPollMs(2000);
     const timespec stPause{nMs / 1000, nMs % 1000 * 1'000'000L};
     pollfd stStop{CStopping::nFdToPoll(), POLLIN, 0};
@@ -250,9 +255,9 @@ void CProcessManager::FreePid(STChild* pstChild)
 {
     const CChildGuard clGuard(m_bLocked);
     pstChild->nFlags &= ~FLAG_OWNED;
-    _Reap(*pstChild);
+    _Reap(*pstChild); // frees the record of a child that has just exited
     if ((pstChild->nFlags & FLAG_ENDED) != 0) {
-        *pstChild = {};
+        *pstChild = {}; // the child was reaped earlier, while its record was still owned
     }
 }
 

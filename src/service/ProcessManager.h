@@ -12,9 +12,9 @@
 /// One instance for the process, m_gpclManager, from sInit to sTerm (main thread; no child is owned then).
 /// Any thread may call the operations; those on a child are for its owner.
 ///
-/// SIGCHLD is not queued: two children may exit with one signal. And a child's pid is known only after its
-/// creation, which may be after its exit. So each signal looks at every known child, and whoever asks about a
-/// child reaps it. Children that are not ours are never reaped here.
+/// SIGCHLD is not queued: two exits may raise only one signal. So the handler looks at every child of the
+/// table. And a child may have exited before its pid was noted, when the handler cannot find it. So whoever
+/// asks about a child reaps it. Children that are not in the table are never reaped here.
 class CProcessManager
 {
 public:
@@ -35,7 +35,7 @@ public:
         pid_t nPid;   ///< 0 until the child is created
         int nCode;    ///< with FLAG_ENDED: the exit status, or the signal's number
         int nFlags;   ///< 0 with pid 0: the record is free
-        int nPausing; ///< thread id, with FLAG_PAUSE
+        int nPausing; ///< with FLAG_PAUSE: kernel's id of the thread that pauses
     };
 
     /// Starts a child, as CChildStarter does. The caller owns it and gives the record back with FreePid. Null
@@ -47,7 +47,7 @@ public:
     /// Whether a signal ended the child: the code alone does not say.
     bool bEndedBySignal(const STChild* pstChild);
     /// Pauses the calling thread for 2 seconds, or until the child's exit; not at all when the child has
-    /// exited. Any other signal ends the pause, too.
+    /// exited. Any other signal ends the pause, too, and so does the daemon's stop.
     void Pause(STChild* pstChild);
     /// Gives the child up: its record is freed now, or when the child exits.
     void FreePid(STChild* pstChild);
@@ -64,7 +64,7 @@ private:
     enum EFlags : int
     {
         FLAG_ENDED = 1,  ///< the exit code is valid
-        FLAG_OWNED = 2,  ///< a CLanceProcessus still wants it
+        FLAG_OWNED = 2,  ///< a CLanceProcessus still wants the record
         FLAG_PAUSE = 4,  ///< a thread pauses until the child's exit
         FLAG_SIGNAL = 8, ///< the exit code is the number of the signal that ended it
     };
@@ -77,6 +77,7 @@ private:
     };
 
     STChild* _pstReserve();
+    // The next four, and _ForEach, are called with the child table held (CChildGuard).
     STChild* _pstFindFree();
     void _Append(std::unique_ptr<STBlock> pstBlock);
     static void _Reap(STChild& stRecord);
@@ -85,7 +86,7 @@ private:
     template <class TAction>
     void _ForEach(TAction action);
 
-    std::atomic<bool> m_bLocked{false}; ///< spin lock
+    std::atomic<bool> m_bLocked{false}; ///< spin lock of the child table
     STBlock m_stFirst;
     STSigAction m_stPrevious{};     ///< for SIGCHLD
     STSigAction m_stPreviousPipe{}; ///< for SIGPIPE
