@@ -19,13 +19,15 @@ constexpr std::size_t s_nMaxScript = 1U << 20; ///< bytes; a larger file is no s
 /// everyone who waits for the lock of the service's name.
 constexpr unsigned int s_nStatusLimitMs = 20'000;
 
-/// Whether the error means that no such file exists; none can have a name that is too long.
+/// Whether the error means that no such file exists: none can have a path that is too long or goes in
+/// circles.
 bool bIsAbsent(int nErrno)
 {
     return nErrno == ENOENT || nErrno == ENOTDIR || nErrno == ELOOP || nErrno == ENAMETOOLONG;
 }
 
-/// Whether the error means that the file is something else than a script, so that another try is useless.
+/// Whether the error means that the file is something else than a script, so that another try is useless: a
+/// folder, a FIFO or device, a file beyond s_nMaxScript, a socket.
 bool bIsNoScript(int nErrno)
 {
     return nErrno == EISDIR || nErrno == EINVAL || nErrno == EFBIG || nErrno == ENXIO;
@@ -59,8 +61,9 @@ bool CService::_bScriptCommand(const wchar_t* pszVerb, const wchar_t* pszArgumen
     }
 
     // Name and arguments are inert, so the line needs no quoting. The shell is there for the redirection.
-    const int nStatus = nShell(csToUTF8(csPath + L" " + pszVerb + (csArguments.empty() ? L"" : L" ") +
-                                        csArguments + L" " + pszRedirection));
+    const std::wstring csLine =
+        csPath + L" " + pszVerb + (csArguments.empty() ? L"" : L" ") + csArguments + L" " + pszRedirection;
+    const int nStatus = nShell(csToUTF8(csLine));
     if (nStatus == -1) {
         return false;
     }
@@ -94,7 +97,7 @@ EServiceStatus CService::_eGetStatusSysV()
         return csPath.empty() || !CDiskFile::bExists(csPath) ? STATUS_UNKNOWN : _eGetStatusByPidFile();
     }
 
-    // Through the launcher and not the shell: only the launcher can give up a script that hangs.
+    // Through the launcher and not the shell: only the launcher gives a script up that takes too long.
     CLanceProcessus clScript;
     unsigned int nExitCode = 0;
     if (csPath.empty() || !clScript.bLanceProcessus(csPath.c_str(), L"status", nullptr) ||
@@ -103,6 +106,7 @@ EServiceStatus CService::_eGetStatusSysV()
     }
 
     // The convention of init scripts: 0 is running, 1 is dead with a PID file left behind, 3 is stopped.
+    // Every other code counts as stopped, too; clients rely on it.
     switch (nExitCode) {
     case 0:
         return STATUS_RUNNING;
@@ -117,8 +121,8 @@ bool CService::_bRemoveSysV()
 {
     const STSysVFamily* const pstFamily = pstFindFamily(CServiceManager::ms_eDistri);
     if (pstFamily == nullptr) {
-        // No known family, so there is nothing to do. Whether that is a success depends on what an earlier
-        // operation left in errno; clients rely on it.
+        // An unknown family has nothing to remove. Whether this counts as a success depends on what an
+        // earlier operation has left in errno; clients rely on it.
         return errno == ENOENT;
     }
 
@@ -131,46 +135,59 @@ bool CService::_bRemoveSysV()
     return bStopForRemoval() && pstFamily->pfnRemove(*pstFamily, m_clName.csText());
 }
 
-bool CService::bReadScript()
+std::optional<std::string> CService::_csReadScriptFile() const
 {
     std::string csScript;
     const std::wstring csPath = csScriptPath(m_clName.csText());
-    if (csPath.empty()) {
-        return false;
+    if (csPath.empty() || !CDiskFile::bReadFile(csPath, &csScript, s_nMaxScript)) {
+        return std::nullopt;
     }
-    if (!CDiskFile::bReadFile(csPath, &csScript, s_nMaxScript)) {
-        // What is no script counts as a service that says nothing about itself.
+    return csScript;
+}
+
+bool CService::bReadScript()
+{
+    const std::optional<std::string> csScript = _csReadScriptFile();
+    if (!csScript) {
         errno = bIsAbsent(errno) ? ENOENT : errno;
-        return bIsNoScript(errno);
+        return bIsNoScript(errno); // what is no script counts as a service that says nothing about itself
     }
 
-    if (const STMarker st = stProgramInScript(csScript); st.csValue) {
+    if (const STMarker st = stProgramInScript(*csScript); st.csValue) {
         m_csBinaryPath = csFromUTF8(*st.csValue);
     }
 
     // Under systemd the name comes from the unit that was generated for the script.
     if (!m_csDisplayName && !CServiceManager::bSystemd()) {
-        if (const STMarker st = stDisplayNameInScript(csScript); st.csValue) {
+        if (const STMarker st = stDisplayNameInScript(*csScript); st.csValue) {
             m_csDisplayName = csFromUTF8(*st.csValue);
         }
     }
     return true;
 }
 
+std::optional<std::wstring> CService::_csProgramInScriptFile(const std::wstring& csPath) const
+{
+    std::string csText;
+    if (csPath.empty() || !CDiskFile::bReadFile(csPath, &csText, s_nMaxScript)) {
+        return std::nullopt;
+    }
+    const std::optional<std::string> csProgram = csProgramStarted(csText, csToUTF8(m_clName.csText()));
+    return csProgram ? std::optional(csFromUTF8(*csProgram)) : std::nullopt;
+}
+
 const wchar_t* CService::_pszDisplayNameFromScript()
 {
-    std::string csScript;
-    const std::wstring csPath = csScriptPath(m_clName.csText());
-    if (csPath.empty() || !CDiskFile::bReadFile(csPath, &csScript, s_nMaxScript)) {
+    const std::optional<std::string> csScript = _csReadScriptFile();
+    if (!csScript) {
         return nullptr;
     }
 
-    const STMarker stName = stDisplayNameInScript(csScript);
+    const STMarker stName = stDisplayNameInScript(*csScript);
     if (!stName.bFound) {
         return pszGetName();
     }
-    if (!stName.csValue) {
-        // The value has no closing quote, or is too long for its reader.
+    if (!stName.csValue) { // it has no closing quote, or only after the bytes that count
         errno = EINVAL;
         return nullptr;
     }
@@ -181,12 +198,11 @@ const wchar_t* CService::_pszDisplayNameFromScript()
 
 void CService::SetBinaryPathFromSysVScript()
 {
-    std::string csScript;
-    const std::wstring csPath = csScriptPath(m_clName.csText());
-    if (csPath.empty() || !CDiskFile::bReadFile(csPath, &csScript, s_nMaxScript)) {
+    const std::optional<std::string> csScript = _csReadScriptFile();
+    if (!csScript) {
         return;
     }
-    if (const STMarker stProgram = stProgramInScript(csScript); stProgram.csValue) {
+    if (const STMarker stProgram = stProgramInScript(*csScript); stProgram.csValue) {
         m_csBinaryPath = csFromUTF8(*stProgram.csValue);
     }
 }

@@ -1,19 +1,26 @@
 // The systemd half of CService: what systemctl is asked and told about one unit.
 
 #include "service/AServiceUnix.h"
-#include "service/InitScript.h"
 #include "service/ServiceManagerUnix.h"
 #include "service/Systemctl.h"
 #include "service/SysVFamily.h"
 #include "service/UnitFile.h"
-#include "support/Conversion.h"
 #include "support/DiskFile.h"
 
 #include <tuple>
 #include <wchar.h>
 
 namespace {
-constexpr std::size_t s_nMaxServiceFile = 1U << 20; ///< bytes; a larger file is neither unit nor script
+constexpr std::size_t s_nMaxUnitFile = 1U << 20; ///< bytes; a larger file is no unit
+
+/// Deletes a file of the service that has the service's own name. A file of another name is not this unit's
+/// alone: an instance has its template's file, an alias another unit's. An empty path means no file.
+void DeleteOwnFile(const std::wstring& csFile, const std::wstring& csOwnName)
+{
+    if (csFile.ends_with(L"/" + csOwnName)) {
+        std::ignore = CDiskFile::bDelete(csFile); // best effort: the caller has stopped the service already
+    }
+}
 } // namespace
 
 EServiceStatus CService::_eGetStatusSystemd()
@@ -40,61 +47,48 @@ EServiceStatus CService::_eGetStatusSystemd()
             return st.eStatus;
         }
     }
-    return STATUS_STOPPED; // so counts every other word, and none at all; clients rely on it
+    return STATUS_STOPPED; // any other word, and no word at all, count as stopped; clients rely on it
 }
 
-std::optional<std::wstring> CService::csProgramOnDisk()
+std::optional<std::wstring> CService::_csProgramOnDiskSystemd()
 {
-    std::wstring csFile = csScriptPath(m_clName.csText());
-    bool bScript = true;
-    if (CServiceManager::bSystemd()) {
-        // systemd generates the unit of an init script: the file that somebody wrote is then the script.
-        const auto csSource = m_pclManager->csAskSystemdProp("SourcePath", m_clName);
-        bScript = csSource && csSource->starts_with(g_szScriptDirectory);
-        const auto csFragment = bScript ? csSource : m_pclManager->csAskSystemdProp("FragmentPath", m_clName);
-        csFile = csSource && csFragment ? *csFragment : L"";
+    // systemd generates the unit of an init script: the file that somebody wrote is then the script.
+    const std::optional<std::wstring> csSource = m_pclManager->csAskSystemdProp("SourcePath", m_clName);
+    if (csSource && csSource->starts_with(g_szScriptDirectory)) {
+        return _csProgramInScriptFile(*csSource);
     }
 
+    const std::optional<std::wstring> csUnit =
+        csSource ? m_pclManager->csAskSystemdProp("FragmentPath", m_clName) : std::nullopt;
     std::string csText;
-    if (csFile.empty() || !CDiskFile::bReadFile(csFile, &csText, s_nMaxServiceFile)) {
+    if (!csUnit || csUnit->empty() || !CDiskFile::bReadFile(*csUnit, &csText, s_nMaxUnitFile)) {
         return std::nullopt;
     }
-
-    if (!bScript) {
-        return csProgramInUnit(csText);
-    }
-    const std::optional<std::string> csProgram = csProgramStarted(csText, csToUTF8(m_clName.csText()));
-    return csProgram ? std::optional(csFromUTF8(*csProgram)) : std::nullopt;
+    return csProgramInUnit(csText);
 }
 
 bool CService::_bRemoveSystemd()
 {
     const auto csFragment = m_pclManager->csAskSystemdProp("FragmentPath", m_clName);
     const auto csSource = csFragment ? m_pclManager->csAskSystemdProp("SourcePath", m_clName) : std::nullopt;
-    if (!csFragment || !csSource) {
-        // The service's files are not known. A service that is removed by half comes back.
+    if (!csFragment || !csSource) { // a service that is removed while its files are unknown would come back
         return false;
     }
 
-    // While its state cannot be asked nobody could see it stopped: nothing is changed.
+    // Change nothing while the state cannot be asked: nobody could see that the service has stopped.
     if (eGetStatus() == STATUS_UNKNOWN) {
         return false;
     }
 
     // Before anything is deleted: while the service is enabled or runs, its unit is needed.
-    if (!_bAsk(L"disable") || !bStopForRemoval()) {
+    if (!_bUnitCommand(L"disable") || !bStopForRemoval()) {
         return false;
     }
 
-    // Best effort from here on: the service is stopped and does not start at boot. A file of another name is
-    // not this unit's alone: an instance has its template's, an alias another unit's.
-    for (const auto& [csFile, csOwn] :
-         {std::pair{*csFragment, m_clName.csUnitFile()}, {*csSource, m_clName.csText()}}) {
-        if (csFile.ends_with(L"/" + csOwn)) {
-            std::ignore = CDiskFile::bDelete(csFile);
-        }
-    }
+    // Best effort from here on: the service is stopped and does not start at boot.
+    DeleteOwnFile(*csFragment, m_clName.csUnitFile());
+    DeleteOwnFile(*csSource, m_clName.csText()); // the init script, if systemd generated the unit from one
     std::ignore = bSystemctlDone(L"daemon-reload");
-    std::ignore = _bAsk(L"reset-failed"); // otherwise systemd goes on listing a unit that has failed
+    std::ignore = _bUnitCommand(L"reset-failed"); // otherwise systemd goes on listing a unit that has failed
     return true;
 }

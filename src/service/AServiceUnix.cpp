@@ -6,6 +6,7 @@
 #include "service/ServiceManagerUnix.h"
 #include "service/StrayProcesses.h"
 #include "service/Systemctl.h"
+#include "service/SysVFamily.h"
 
 #include <cerrno>
 #include <tuple>
@@ -34,7 +35,8 @@ CService::CService(CServiceManager* pclManager, CServiceName clName,
       m_csDisplayName(std::move(csDisplayName)), m_csExecutable(std::move(csExecutable))
 {}
 
-// Under systemd the lookup has filled both fields below from what systemctl shows, so they are final.
+// Under systemd the lookup has filled the fields of the next two operations from what systemctl shows: there
+// a null field stays null.
 const wchar_t* CService::pszGetDisplayName()
 {
     if (!m_csDisplayName && !CServiceManager::bSystemd()) {
@@ -60,7 +62,13 @@ std::wstring CService::csGetExecutable()
     return CProgram::s_clOf(pszCommandLine != nullptr ? pszCommandLine : L"").csPath();
 }
 
-bool CService::_bAsk(const wchar_t* pszVerb)
+std::optional<std::wstring> CService::csProgramOnDisk()
+{
+    return CServiceManager::bSystemd() ? _csProgramOnDiskSystemd()
+                                       : _csProgramInScriptFile(csScriptPath(m_clName.csText()));
+}
+
+bool CService::_bUnitCommand(const wchar_t* pszVerb)
 {
     if (m_clName.csAsked().empty()) {
         errno = ENOENT;
@@ -77,10 +85,10 @@ void CService::AddMissingStep(const std::wstring& csStep)
 bool CService::bStart(const wchar_t* pszArguments)
 {
     if (CServiceManager::bSystemd()) {
-        return _bAsk(L"start");
+        return _bUnitCommand(L"start");
     }
 
-    // What a script complains about is not discarded: whoever runs the manager in the foreground sees it.
+    // The script's standard error stays open: whoever runs the manager in the foreground sees its complaints.
     return _bScriptCommand(L"start", pszArguments, L">/dev/null");
 }
 
@@ -102,19 +110,19 @@ bool CService::_bReload()
 bool CService::_bCommand(const wchar_t* pszVerb)
 {
     if (CServiceManager::bSystemd()) {
-        return _bAsk(pszVerb);
+        return _bUnitCommand(pszVerb);
     }
     return _bScriptCommand(pszVerb, nullptr, L">/dev/null 2>/dev/null");
 }
 
 bool CService::bSendControlCommand(unsigned int nCode)
 {
-    switch (nCode) { // the codes that other systems have besides run nothing
+    switch (nCode) {
     case CONTROL_STOP:
         return bStop();
     case CONTROL_RELOAD:
         return _bReload();
-    default:
+    default: // a code of other systems, or none at all: runs nothing
         errno = EINVAL;
         return false;
     }
@@ -137,7 +145,8 @@ bool CService::bStopForRemoval()
     constexpr int nAttempts = 3;
 
     for (int n = 0; n < nAttempts; ++n) {
-        // Under systemd stop at once, even what does not run: that cancels an automatic restart that is due.
+        // A script is first asked whether there is anything to stop. systemd is told to stop at once, even
+        // what does not run: the stop cancels an automatic restart that is due.
         if (n > 0 || CServiceManager::bSystemd()) {
             std::ignore = bStop(); // the status decides
         }
