@@ -5,7 +5,8 @@
 #include <algorithm>
 
 namespace {
-/// The text between the double quote at the beginning and the next one, or the end.
+/// The text between the double quote at the beginning and the next one. Without a next one it is all the
+/// rest: the length is then beyond the end.
 std::wstring csInQuotes(const std::wstring& csText)
 {
     return csText.substr(1, csText.find(L'"', 1) - 1);
@@ -20,7 +21,8 @@ STCommandLine stSplitCommandLine(std::string_view csCommandLine)
         return {std::string(csCommandLine), {}};
     }
 
-    // Both quotes go; a quote at the end of an unquoted program goes, too: clients rely on it.
+    // The opening quote goes; the closing one is the separator. An unquoted program loses a quote at its end,
+    // too: clients rely on it.
     std::string_view csProgram = csCommandLine.substr(0, nSeparator);
     csProgram.remove_prefix(bQuoted ? 1 : 0);
     csProgram.remove_suffix(csProgram.ends_with('"') ? 1 : 0);
@@ -30,8 +32,7 @@ STCommandLine stSplitCommandLine(std::string_view csCommandLine)
 
 CProgram CProgram::s_clAt(const std::wstring& csPath)
 {
-    const bool bQuoted =
-        csPath.size() > 1 && csPath.find(L'"') == 0 && csPath.find(L'"', 1) == csPath.size() - 1;
+    const bool bQuoted = csPath.starts_with(L'"') && csPath.find(L'"', 1) == csPath.size() - 1;
     return CProgram(bQuoted ? csInQuotes(csPath) : csPath);
 }
 

@@ -38,8 +38,8 @@ struct STWord
     EDistri eDistri;
 };
 
-/// Family of the first word of the list that the text holds anywhere, without regard to case. The order of
-/// the list decides, not the order in the text.
+/// Family of the first word of the list that the text holds anywhere; eOtherwise when it holds none. The
+/// words are in lower case, the text in any. The order of the list decides, not the order in the text.
 EDistri eFirstWordIn(std::string csText, std::initializer_list<STWord> tWords, EDistri eOtherwise)
 {
     std::ranges::transform(csText, csText.begin(), cLower);
@@ -82,12 +82,14 @@ EDistri eFindDistribution()
     if (CDiskFile::bReadFile(L"/etc/redhat-release", &csText, s_nMaxReleaseFile)) {
         return eFamilyInRedHatRelease(std::move(csText));
     }
+
     if (CDiskFile::bReadFile(L"/etc/version", &csText, s_nMaxReleaseFile)) {
         if (const EDistri eDistri = eFamilyInVersion(std::move(csText)); eDistri != DISTRI_UNKNOWN) {
             return eDistri;
         }
     }
 
-    // "function", though such systems have a "functions": clients rely on the choice that follows.
+    // The file on such systems is called "functions", so this name hardly ever exists. Clients rely on the
+    // family that they get this way.
     return CDiskFile::bExists(L"/etc/init.d/function") ? DISTRI_REDHAT : DISTRI_DEBIAN;
 }

@@ -8,7 +8,8 @@
 /// decides.
 EDistri eFindDistribution();
 
-/// Family by the text of "/etc/redhat-release": DISTRI_REDHAT unless it names a relative.
+/// Family by the text of "/etc/redhat-release": DISTRI_REDHAT unless the text names a relative. Case does not
+/// count, here and below.
 EDistri eFamilyInRedHatRelease(std::string csText);
-/// Family by the text of "/etc/version": DISTRI_UNKNOWN when it names none.
+/// Family by the text of "/etc/version": DISTRI_UNKNOWN when the text names none.
 EDistri eFamilyInVersion(std::string csText);

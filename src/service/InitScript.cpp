@@ -10,7 +10,8 @@
 
 namespace {
 /// ASCII characters that mean nothing to a shell. The slash is left out: a name must not hold it.
-constexpr char s_szOrdinary[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_-.+@:,=%";
+constexpr std::string_view s_csOrdinary =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_-.+@:,=%";
 
 /// Who reads a line of a script, which decides how values are written in it.
 enum EQuoting : int
@@ -25,7 +26,8 @@ bool bBeyondAscii(char c)
     return static_cast<unsigned char>(c) >= 0x80;
 }
 
-bool bControl(char c)
+/// Control characters of ASCII. The bytes of those beyond (0x80 to 0x9F) are parts of UTF-8 sequences, too.
+bool bAsciiControl(char c)
 {
     return static_cast<unsigned char>(c) < ' ' || c == 0x7F;
 }
@@ -33,13 +35,12 @@ bool bControl(char c)
 /// Whether a character means nothing to a shell. Beyond ASCII all but the control characters, 0x80 to 0x9F.
 bool bOrdinary(wchar_t c)
 {
-    return c > 0x9F ||
-           (c < 0x80 && std::string_view(s_szOrdinary).find(static_cast<char>(c)) != std::string_view::npos);
+    return c > 0x9F || (c < 0x80 && s_csOrdinary.find(static_cast<char>(c)) != std::string_view::npos);
 }
 
 bool bNeedsBackslash(char c)
 {
-    return !bBeyondAscii(c) && c != '/' && std::string_view(s_szOrdinary).find(c) == std::string_view::npos;
+    return !bBeyondAscii(c) && c != '/' && s_csOrdinary.find(c) == std::string_view::npos;
 }
 
 /// The text with a backslash before each character that means something to a shell.
@@ -52,24 +53,31 @@ std::string csEscape(std::string_view csText)
     return csResult;
 }
 
+/// The text as the inside of a part in double quotes, where only these three still mean something to the
+/// shell.
+std::string csEscapeInQuotes(std::string_view csText)
+{
+    std::string csResult;
+    for (const char c : csText) {
+        const bool bSpecial = c == '$' || c == '`' || c == '\\';
+        csResult.append(bSpecial ? "\\" : "").push_back(c);
+    }
+    return csResult;
+}
+
 /// Escapes arguments. The spaces between them stay; a part in double quotes stays in its quotes. A quote
 /// without a partner is a character like any other.
 std::string csEscapeWords(std::string_view csText)
 {
     std::string csResult;
-    for (std::size_t n = 0; n < csText.size(); ++n) {
-        const std::size_t nEnd = csText[n] == '"' ? csText.find('"', n + 1) : std::string_view::npos;
-        if (nEnd != std::string_view::npos) {
-            // Between double quotes only these three still mean something to the shell.
-            csResult += '"';
-            for (const char c : csText.substr(n + 1, nEnd - n - 1)) {
-                csResult.append(std::string_view("$`\\").find(c) != std::string_view::npos ? "\\" : "")
-                    .push_back(c);
-            }
-            csResult += '"';
-            n = nEnd;
+    while (!csText.empty()) {
+        const std::size_t nPartner = csText.front() == '"' ? csText.find('"', 1) : std::string_view::npos;
+        if (nPartner != std::string_view::npos) {
+            csResult += '"' + csEscapeInQuotes(csText.substr(1, nPartner - 1)) + '"';
+            csText.remove_prefix(nPartner + 1);
         } else {
-            csResult += csText[n] == ' ' ? " " : csEscape(csText.substr(n, 1));
+            csResult += csText.front() == ' ' ? " " : csEscape(csText.substr(0, 1));
+            csText.remove_prefix(1);
         }
     }
     return csResult;
@@ -80,15 +88,18 @@ std::string csEscapeWords(std::string_view csText)
 std::string csEscapeAgain(std::string_view csText)
 {
     std::string csResult;
-    bool bQuoted = false;
-    for (std::size_t n = 0; n < csText.size(); ++n) {
-        // A backslash and the character after it are one unit, so that an escaped quote opens nothing.
-        const std::size_t nLength = csText[n] == '\\' ? 2 : 1;
+    bool bInQuotes = false;
+    while (!csText.empty()) {
+        if (csText.front() == '"') {
+            bInQuotes = !bInQuotes;
+        }
 
-        // Only the spaces between words stay; one in quotes is part of its word for the second shell.
-        bQuoted = bQuoted != (csText[n] == '"');
-        csResult += csText[n] == ' ' && !bQuoted ? " " : csEscape(csText.substr(n, nLength));
-        n += nLength - 1;
+        // A space between words goes on separating them; one in quotes is part of its word for the second
+        // shell. A backslash and the character after it are one unit, so that an escaped quote opens nothing.
+        const std::size_t nUnit = csText.front() == '\\' ? 2 : 1;
+        const bool bSeparates = csText.front() == ' ' && !bInQuotes;
+        csResult += bSeparates ? " " : csEscape(csText.substr(0, nUnit));
+        csText.remove_prefix(std::min(nUnit, csText.size()));
     }
     return csResult;
 }
@@ -126,8 +137,8 @@ CPlaceholders tMakePlaceholders(const STCommandLine& stCommand, const std::strin
              {"%%%LOCK_FILE%%%", Same(csLockFile)}}};
 }
 
-/// Appends the line with its placeholders filled. A value that looks like a placeholder stays what it is: the
-/// walk goes on after it, so a name cannot pull in another value.
+/// Appends the line with its placeholders filled. The walk goes on after an inserted value: a name that looks
+/// like a placeholder stays what it is and cannot pull in another value.
 void AppendFilled(std::string_view csLine, const CPlaceholders& tValues, std::string* pcsResult)
 {
     const EQuoting eQuoting = eQuotingOf(csLine); // of the template's line, before any value is in it
@@ -149,7 +160,7 @@ void AppendFilled(std::string_view csLine, const CPlaceholders& tValues, std::st
 /// The text made harmless for a comment: it can end neither the line nor its value in the marker line.
 std::string csCommentText(std::string csText)
 {
-    std::ranges::replace_if(csText, bControl, ' ');
+    std::ranges::replace_if(csText, bAsciiControl, ' ');
     std::ranges::replace(csText, '"', '\'');
     return csText;
 }
@@ -170,7 +181,7 @@ bool bScriptable(const std::string& csCommandLine)
 {
     const std::string csProgram = stSplitCommandLine(csCommandLine).csProgram;
     return !csProgram.empty() && csProgram.find('"') == std::string::npos &&
-           std::ranges::none_of(csCommandLine, bControl);
+           std::ranges::none_of(csCommandLine, bAsciiControl);
 }
 
 void __PatchScript(CXYString<char>* pcsScript, CXYString<char>* pcsLockFile, const char* pszCommandLine,
@@ -181,13 +192,13 @@ void __PatchScript(CXYString<char>* pcsScript, CXYString<char>* pcsLockFile, con
                           csCommentText(pszDisplayName != nullptr ? pszDisplayName : ""),
                           pcsLockFile != nullptr ? *pcsLockFile : std::string());
 
-    // Line by line, because the line decides how a value is quoted. Newlines are kept byte for byte.
+    // Line by line, because the line decides how a value is quoted. The last one may have no newline.
     std::string csResult;
     for (std::string_view csRest = *pcsScript; !csRest.empty();) {
-        const std::string_view csAll = csRest;
+        const std::size_t nBefore = csRest.size();
         const std::string_view csLine = csTakeLine(&csRest);
         AppendFilled(csLine, tValues, &csResult);
-        csResult += csAll.substr(csLine.size(), csAll.size() - csLine.size() - csRest.size());
+        csResult += csLine.size() < nBefore ? "\n" : "";
     }
     *pcsScript = std::move(csResult);
 }
@@ -195,7 +206,8 @@ void __PatchScript(CXYString<char>* pcsScript, CXYString<char>* pcsLockFile, con
 STMarker stReadMarker(std::string_view csScript, std::string_view csKey, std::size_t nBuffer)
 {
     while (!csScript.empty()) {
-        // A longer line is cut to what a buffer of this size holds beside a terminator; clients rely on it.
+        // A longer line is cut to what a buffer of this size holds beside a terminator, and a NUL in the line
+        // ends it; clients rely on it.
         std::string_view csLine = csTakeLine(&csScript).substr(0, nBuffer - 1);
         csLine = csLine.substr(0, csLine.find('\0'));
 
@@ -236,10 +248,10 @@ std::optional<std::string> csProgramStarted(std::string_view csScript, const std
     std::string_view csBefore = csScript.substr(0, nArguments);
     csBefore = csBefore.substr(0, csBefore.find_last_not_of(' ') + 1);
 
-    // Before the arguments stands the "--" of start-stop-daemon, whose program is an option's value, or the
-    // program itself, escaped for one shell or for `daemon`'s two.
-    const std::string csWord = csEscape(*csProgram);
-    const bool bWhole =
-        csBefore.ends_with(" --") || csBefore.ends_with(csWord) || csBefore.ends_with(csEscape(csWord));
-    return bWhole ? csProgram : std::nullopt;
+    // Right before the arguments stands either the program itself, escaped for one shell or for `daemon`'s
+    // two; or the "--" of start-stop-daemon, which takes its program from an option.
+    const std::string csEscaped = csEscape(*csProgram);
+    const bool bSamePath =
+        csBefore.ends_with(" --") || csBefore.ends_with(csEscaped) || csBefore.ends_with(csEscape(csEscaped));
+    return bSamePath ? csProgram : std::nullopt;
 }

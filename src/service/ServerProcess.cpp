@@ -5,6 +5,7 @@
 #include "support/Conversion.h"
 #include "support/DiskFile.h"
 #include "support/ManagerNames.h"
+#include "support/TextLines.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -12,26 +13,29 @@
 #include <string_view>
 
 namespace {
-constexpr std::size_t s_nMaxPidFile = 4096;                   ///< bytes
-constexpr std::size_t s_nMaxArguments = std::size_t{4} << 20; ///< bytes; the kernel's own limit is lower
+constexpr std::size_t s_nMaxPidFile = 4096; ///< bytes; a PID file holds one line
+/// Bytes of all arguments of a process: twice what the kernel allows under its usual stack limit of 8 MiB, so
+/// that nearly all are seen, as the scripts' grep sees them.
+constexpr std::size_t s_nMaxArguments = std::size_t{4} << 20;
 
-/// The number in the first line, as text; empty when the line holds anything else.
+/// The number in the first line, as text; empty when the line holds anything else. Whitespace around the
+/// number does not count, as in the scripts' "read".
 std::string csNumberIn(std::string_view csText)
 {
-    const std::string_view csLine = csText.substr(0, csText.find('\n'));
-    const std::size_t nFirst = std::min(csLine.find_first_not_of(" \t"), csLine.size());
-    const std::size_t nEnd = csLine.find_last_not_of(" \t") + 1;
-    const std::string_view csWord = csLine.substr(nFirst, std::max(nEnd, nFirst) - nFirst);
+    std::string_view csWord = csText.substr(0, csText.find('\n'));
+    SkipBlanks(&csWord);
+    csWord = csWord.substr(0, csWord.find_last_not_of(" \t") + 1);
 
     // Digits only: the text becomes part of a path under /proc.
     return csWord.find_first_not_of("0123456789") == std::string_view::npos ? std::string(csWord)
                                                                             : std::string();
 }
 
-/// Whether a process runs this program, whose file may have been replaced on disk since.
+/// Whether a process (its folder under /proc) runs this program, whose file may have been replaced on disk
+/// since.
 bool bRuns(const std::string& csProcess, const std::wstring& csProgram)
 {
-    constexpr std::string_view csDeleted = " (deleted)";
+    // The first path is empty when it cannot be read; clError is then the second one's.
     std::error_code clError;
     std::string csRunning = std::filesystem::read_symlink(csProcess + "/exe", clError).string();
     const std::filesystem::path clProgram = std::filesystem::weakly_canonical(csToUTF8(csProgram), clError);
@@ -40,13 +44,14 @@ bool bRuns(const std::string& csProcess, const std::wstring& csProgram)
     }
 
     // The kernel adds this to the name of a file that is gone.
+    constexpr std::string_view csDeleted = " (deleted)";
     if (csRunning.ends_with(csDeleted)) {
         csRunning.resize(csRunning.size() - csDeleted.size());
     }
     return csRunning == clProgram.string();
 }
 
-/// Whether a process is the service's server (see eReadPidFile).
+/// Whether a process (its folder under /proc) is the service's server; eReadPidFile's contract says when.
 bool bIsServer(const std::string& csProcess, const std::string& csName, const std::wstring& csProgram)
 {
     std::string csArguments;
@@ -79,8 +84,11 @@ EPidFile eReadPidFile(const std::wstring& csName, const std::wstring& csProgram)
     }
 
     std::string csText;
-    const std::string csNumber =
-        CDiskFile::bReadFile(csFile, &csText, s_nMaxPidFile) ? csNumberIn(csText) : std::string();
-    return !csNumber.empty() && bIsServer("/proc/" + csNumber, csToUTF8(csName), csProgram) ? EPidFile::SERVER
-                                                                                            : EPidFile::STALE;
+    if (!CDiskFile::bReadFile(csFile, &csText, s_nMaxPidFile)) {
+        return EPidFile::STALE;
+    }
+
+    const std::string csNumber = csNumberIn(csText);
+    const bool bServer = !csNumber.empty() && bIsServer("/proc/" + csNumber, csToUTF8(csName), csProgram);
+    return bServer ? EPidFile::SERVER : EPidFile::STALE;
 }

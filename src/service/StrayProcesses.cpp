@@ -18,10 +18,10 @@
 #include <vector>
 
 namespace {
-/// Bytes of all arguments of a process; one with more is no server.
+/// Bytes of all arguments of a process. A server has far fewer; a process with more is left alone.
 constexpr std::size_t s_nMaxArguments = std::size_t{64} * 1024;
 constexpr int s_nLookMs = 50;     ///< between two looks
-constexpr int s_nTermLooks = 100; ///< 5 seconds from SIGTERM to SIGKILL, as init scripts have it
+constexpr int s_nTermLooks = 100; ///< 5 seconds from SIGTERM to SIGKILL, as in Debian's and Gentoo's scripts
 constexpr int s_nKillLooks = 20;  ///< one second more for the processes that are slow to die
 
 /// The executable's path of a process, read from its "exe" link; empty when it has none (a kernel thread, or
@@ -46,19 +46,24 @@ bool bHasArgument(const std::string& csProcess, std::string_view csArgument)
     return csArguments.find(csWord) != std::string::npos;
 }
 
-std::vector<pid_t> tFind(const std::string& csProgram, const std::string& csService)
+/// Whether a process (its folder under /proc) runs the program with the service's name as an argument.
+bool bIsServerOf(const std::string& csProcess, const std::string& csProgram, const std::string& csService)
+{
+    // The kernel adds " (deleted)" when the program's file has been replaced or deleted since.
+    const std::string csExecutable = csExecutableOf(csProcess);
+    return (csExecutable == csProgram || csExecutable == csProgram + " (deleted)") &&
+           bHasArgument(csProcess, csService);
+}
+
+std::vector<pid_t> tFindServers(const std::string& csProgram, const std::string& csService)
 {
     std::vector<pid_t> tFound;
 
+    // Entries of /proc that are no processes have names, which give number 0. Process 1 is the init system.
     const CDirectory pDirectory(::opendir("/proc"));
     while (const dirent* const pstEntry = pDirectory != nullptr ? ::readdir(pDirectory.get()) : nullptr) {
         const pid_t nPid = std::atoi(pstEntry->d_name);
-        const std::string csProcess = std::string("/proc/") + pstEntry->d_name;
-        const std::string csExecutable = csExecutableOf(csProcess);
-
-        // The kernel adds " (deleted)" when the program's file has been replaced or deleted since.
-        if (nPid > 1 && (csExecutable == csProgram || csExecutable == csProgram + " (deleted)") &&
-            bHasArgument(csProcess, csService)) {
+        if (nPid > 1 && bIsServerOf(std::string("/proc/") + pstEntry->d_name, csProgram, csService)) {
             tFound.push_back(nPid);
         }
     }
@@ -69,6 +74,7 @@ std::vector<pid_t> tFind(const std::string& csProgram, const std::string& csServ
 
 bool bEndStrayProcesses(const std::wstring& csProgram, const std::wstring& csService)
 {
+    // /proc shows paths with links resolved. The path of a program that is gone is taken unchanged.
     const std::unique_ptr<char, decltype(&std::free)> pReal(::realpath(csToUTF8(csProgram).c_str(), nullptr),
                                                             &std::free);
     const std::string csReal = pReal != nullptr ? pReal.get() : csToUTF8(csProgram);
@@ -77,7 +83,7 @@ bool bEndStrayProcesses(const std::wstring& csProgram, const std::wstring& csSer
     }
 
     for (int nLook = 0; nLook < s_nTermLooks + s_nKillLooks; ++nLook) {
-        const std::vector<pid_t> tFound = tFind(csReal, csToUTF8(csService));
+        const std::vector<pid_t> tFound = tFindServers(csReal, csToUTF8(csService));
         if (tFound.empty()) {
             return true;
         }

@@ -70,8 +70,8 @@ bool bUnregisterThenDelete(const STSysVFamily& stFamily, const std::wstring& csN
 bool bDeleteThenUnregister(const STSysVFamily& stFamily, const std::wstring& csName)
 {
     std::ignore = CDiskFile::bDelete(csScriptPath(csName));
-    // Only a shell that could not be run counts as a failure, and not even that when there is no shell
-    // (ENOENT, which would say that there is no such service); clients rely on both.
+    // Whatever update-rc.d reports counts as success. A shell that could not be run (-1) counts as failure,
+    // but not a missing one: its ENOENT would say that there is no such service. Clients rely on all of this.
     return nShell(csFor(csToUTF8(csName), stFamily.pszUnregister)) != -1 || errno == ENOENT;
 }
 
@@ -111,5 +111,6 @@ std::wstring csScriptPath(const std::wstring& csName)
     const STSysVFamily* const pstFamily = pstFindFamily(CServiceManager::ms_eDistri);
     const std::wstring csUsual = g_szScriptDirectory + csName;
     const std::wstring csOwn = pstFamily != nullptr ? pstFamily->pszScriptPrefix + csName : csUsual;
-    return !CDiskFile::bExists(csOwn) && CDiskFile::bExists(csUsual) ? csUsual : csOwn;
+    const bool bOnlyUsual = !CDiskFile::bExists(csOwn) && CDiskFile::bExists(csUsual);
+    return bOnlyUsual ? csUsual : csOwn;
 }

@@ -17,9 +17,9 @@ struct STSysVFamily
     const std::string_view* pcsTemplate; ///< never null
     const char* pszRegister;             ///< shell line; "%s" is the script's name; null: none
     const char* pszUnregister;           ///< the same
-    /// Makes the init system start the script at boot.
+    /// Makes the init system start the script at boot. A failure is ignored.
     void (*pfnRegister)(const STSysVFamily& stFamily, const std::string& csName);
-    /// Undoes that and deletes the script.
+    /// Undoes the registration and deletes the script. False, with errno, on failure; only Debian's can fail.
     bool (*pfnRemove)(const STSysVFamily& stFamily, const std::wstring& csName);
 };
 

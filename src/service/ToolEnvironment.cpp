@@ -16,7 +16,8 @@ char s_szNoColours[] = "SYSTEMD_COLORS=0";
 char s_szNoPager[] = "SYSTEMD_PAGER=";
 char s_szPlainTexts[] = "LC_ALL=C.UTF-8";
 
-/// Whether systemctl reads the variable and its value here is ours to choose.
+/// Whether systemctl reads the variable, and we alone choose its value. LC_ALL overrides every other LC_
+/// variable and LANG; only LANGUAGE could still choose a translation.
 bool bOurs(std::string_view csVariable)
 {
     constexpr std::string_view tPrefixes[] = {"SYSTEMD_", "LC_ALL=", "LANGUAGE="};

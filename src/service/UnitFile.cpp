@@ -35,7 +35,7 @@ std::string csSimplified(const std::string& csPath)
 
 /// Whether systemd gives the character a meaning in a program's path, whatever the quoting, or refuses it
 /// there.
-bool bForSystemd(char c)
+bool bSpecialToSystemd(char c)
 {
     return static_cast<unsigned char>(c) < ' ' ||
            std::string_view("\x7F%$\"'\\").find(c) != std::string_view::npos;
@@ -50,7 +50,7 @@ bool bOnlyOptions(std::string_view csArguments)
            (csArguments.starts_with("--") && csArguments.find_first_of("/\\%") == std::string_view::npos);
 }
 
-/// The line that "show" prints for a unit with this command line.
+/// The line that "show" prints for a unit with this command line, as far as it is read.
 std::string csShown(const STCommandLine& stCommand, const CServiceName& clName)
 {
     return "ExecStart={ path=" + csSimplified(stCommand.csProgram) + " ; argv[]=" + stCommand.csProgram +
@@ -60,27 +60,34 @@ std::string csShown(const STCommandLine& stCommand, const CServiceName& clName)
 
 bool bUnitReadsBack(const std::wstring& csCommandLine, const CServiceName& clName)
 {
+    // The command line must survive UTF-8 and stay on one line of the unit.
     const std::string csBytes = csToUTF8(csCommandLine);
-    const STCommandLine stCommand = stSplitCommandLine(csBytes);
-    const std::wstring csProgram = csFromUTF8(stCommand.csProgram);
+    if (csFromUTF8(csBytes) != csCommandLine || csBytes.find_first_of("\r\n") != std::string::npos ||
+        csBytes.find('\0') != std::string::npos) {
+        return false;
+    }
 
     // systemd reads quoted and unquoted parts side by side as one word, so a space must follow the quotes.
-    const bool bEnds =
-        !csBytes.starts_with('"') || stCommand.csArguments.empty() || stCommand.csArguments.starts_with(' ');
+    const STCommandLine stCommand = stSplitCommandLine(csBytes);
+    if (csBytes.starts_with('"') && !stCommand.csArguments.empty() &&
+        !stCommand.csArguments.starts_with(' ')) {
+        return false;
+    }
 
-    // The command line must also survive UTF-8, stay on one line of the unit, and name a plain path.
-    if (csFromUTF8(csBytes) != csCommandLine || csCommandLine.find_first_of(L"\r\n") != std::wstring::npos ||
-        csCommandLine.find(L'\0') != std::wstring::npos || !bEnds ||
-        !CProgram::s_clAt(csProgram).bWholePath() || std::ranges::any_of(stCommand.csProgram, bForSystemd)) {
+    // The program must be a plain path.
+    const std::wstring csProgram = csFromUTF8(stCommand.csProgram);
+    if (!CProgram::s_clAt(csProgram).bWholePath() ||
+        std::ranges::any_of(stCommand.csProgram, bSpecialToSystemd)) {
         return false;
     }
 
     // The program is read twice, and both must give this path: by a later lookup from what "show" prints, and
     // by the installation from the command line.
     const STUnitShown stShown = stReadShow(csShown(stCommand, clName));
-    const std::string csRead = stShown.csExecutable.value_or(
-        csToUTF8(CProgram::s_clOf(csFromUTF8(stShown.csBinaryPath.value_or(""))).csPath()));
-    return csRead == stCommand.csProgram && CProgram::s_clOf(csCommandLine).csPath() == csProgram;
+    const std::wstring csBinaryPath = csFromUTF8(stShown.csBinaryPath.value_or(""));
+    const std::string csLookedUp =
+        stShown.csExecutable.value_or(csToUTF8(CProgram::s_clOf(csBinaryPath).csPath()));
+    return csLookedUp == stCommand.csProgram && CProgram::s_clOf(csCommandLine).csPath() == csProgram;
 }
 
 std::wstring csUnitText(const CServiceName& clName, std::wstring csDisplayName,
@@ -112,7 +119,7 @@ std::optional<std::wstring> csProgramInUnit(std::string_view csText)
     std::optional<std::wstring> csProgram;
     int nLines = 0;
 
-    // What runs of several lines depends on the unit's type, so none of them is taken.
+    // Of several such lines systemd may run one or all, which depends on the unit's type: then none is taken.
     ForEachLine(csText, [&](std::string_view csLine) {
         if (csLine.starts_with(csKey)) {
             ++nLines;

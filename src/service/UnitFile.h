@@ -26,7 +26,7 @@ class CUnitFile
 public:
     explicit CUnitFile(CServiceName clName);
 
-    /// Writes the file; keeps what it held before for TakeBack.
+    /// Writes the file; keeps what it held before for TakeBack. False with errno when that fails.
     bool bWrite(const std::wstring& csText);
     /// Restores what the file held before bWrite. A file that did not exist is deleted, after systemctl has
     /// removed its links. Keeps errno.
