@@ -227,6 +227,18 @@ void CLanceProcessus::_WaitForExitAfterOutput() const
     }
 }
 
+/// The long pause of a reader that has found nothing to read.
+void CLanceProcessus::_PauseForSilentChild()
+{
+    // A child that has printed more than a pipeful may have waited for room, and writes on as soon as it has
+    // some: give it a moment before the long pause. A long pause for each pipeful would add up to half a
+    // minute for what a listing may print (16 MiB).
+    const bool bMayHaveWaitedForRoom = m_nOutput >= s_nOutputRoom && m_nOutputError == 0;
+    if (!bMayHaveWaitedForRoom || !_bReadable(s_nGoOnMs)) {
+        CProcessManager::m_gpclManager->Pause(m_pstChild);
+    }
+}
+
 bool CLanceProcessus::bLitSortieA(CXYString<char>* pcsOutput)
 {
     if (!_bLaunched()) {
@@ -248,16 +260,8 @@ bool CLanceProcessus::bLitSortieA(CXYString<char>* pcsOutput)
         _WaitForExitAfterOutput();
     }
 
-    if (nTotal != 0) {
-        return true;
-    }
-
-    // A child that has printed more than a pipeful may have waited for room, and writes on as soon as it has
-    // some: give it a moment before the long pause. A long pause for each pipeful would add up to half a
-    // minute for what a listing may print (16 MiB).
-    const bool bMayHaveWaitedForRoom = m_nOutput >= s_nOutputRoom && m_nOutputError == 0;
-    if (!bMayHaveWaitedForRoom || !_bReadable(s_nGoOnMs)) {
-        CProcessManager::m_gpclManager->Pause(m_pstChild);
+    if (nTotal == 0) {
+        _PauseForSilentChild();
     }
     return true;
 }

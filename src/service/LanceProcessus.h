@@ -71,6 +71,7 @@ private:
     bool _bReadSome(CXYString<char>* pcsOutput, std::size_t* pnTotal);
     bool _bKeepWaiting();
     void _WaitForExitAfterOutput() const;
+    void _PauseForSilentChild();
 
     CProcessManager::STChild* m_pstChild = nullptr; ///< null: idle
     CDescripteur m_clInput;                         ///< write end of the child's standard input

@@ -42,6 +42,18 @@ std::vector<CServiceName> tReadNames(std::string_view csListing, const std::wstr
     }
     return tNames;
 }
+
+/// The names of services in a listing that begin with the prefix, then those that are exactly a further name.
+std::vector<CServiceName> tReadNamesAnd(std::string_view csListing, const wchar_t* pszPrefix,
+                                        std::initializer_list<const wchar_t*> tFurther)
+{
+    std::vector<CServiceName> tNames = tReadNames(csListing, pszPrefix);
+    for (const wchar_t* pszName : tFurther) {
+        std::ranges::copy_if(tReadNames(csListing, pszName), std::back_inserter(tNames),
+                             [pszName](const CServiceName& clName) { return clName.csText() == pszName; });
+    }
+    return tNames;
+}
 } // namespace
 
 bool CServiceManager::_bSystemdWorks()
@@ -156,14 +168,8 @@ bool CServiceManager::_bAddUnloaded(const wchar_t* pszPrefix, std::initializer_l
         return false;
     }
 
-    // Names that begin with the prefix, then those that are exactly a further name.
-    std::vector<CServiceName> tNames = tReadNames(*csAnswer, pszPrefix);
-    for (const wchar_t* pszName : tFurther) {
-        std::ranges::copy_if(tReadNames(*csAnswer, pszName), std::back_inserter(tNames),
-                             [pszName](const CServiceName& clName) { return clName.csText() == pszName; });
-    }
-
     // Ask only about those that the caller does not have from the listing of loaded units.
+    std::vector<CServiceName> tNames = tReadNamesAnd(*csAnswer, pszPrefix, tFurther);
     const auto bKnown = [ptServices](const CServiceName& clName) {
         return std::ranges::any_of(*ptServices, [&](const auto& pcl) { return pcl->clName() == clName; });
     };

@@ -70,14 +70,19 @@ std::vector<pid_t> tFindServers(const std::string& csProgram, const std::string&
 
     return tFound;
 }
+
+/// A program's path as /proc shows it, with links resolved; unchanged when the program is gone.
+std::string csResolved(const std::string& csProgram)
+{
+    const std::unique_ptr<char, decltype(&std::free)> pReal(::realpath(csProgram.c_str(), nullptr),
+                                                            &std::free);
+    return pReal != nullptr ? pReal.get() : csProgram;
+}
 } // namespace
 
 bool bEndStrayProcesses(const std::wstring& csProgram, const std::wstring& csService)
 {
-    // /proc shows paths with links resolved. The path of a program that is gone is taken unchanged.
-    const std::unique_ptr<char, decltype(&std::free)> pReal(::realpath(csToUTF8(csProgram).c_str(), nullptr),
-                                                            &std::free);
-    const std::string csReal = pReal != nullptr ? pReal.get() : csToUTF8(csProgram);
+    const std::string csReal = csResolved(csToUTF8(csProgram));
     if (csReal.empty()) {
         return true;
     }
