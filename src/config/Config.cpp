@@ -20,11 +20,12 @@ using std::uint16_t;
 using std::uint32_t;
 
 namespace {
+/// Longest path in characters, without the terminator.
 constexpr std::size_t s_nMaxPath = CConfig::s_nPathBuffer - 1;
 using CPathBuffer = std::array<wchar_t, CConfig::s_nPathBuffer>;
 
-/// Turns every backslash into "/" and makes the directory end in "/", for which the last character of a full
-/// buffer gives way. pszPath is a path buffer.
+/// Turns every backslash into "/" and appends a "/" unless the path is empty or ends in one. In a full path
+/// buffer the slash replaces the last character.
 void EndInSlash(wchar_t* pszPath)
 {
     const std::size_t nLength = std::wcslen(pszPath);
@@ -38,47 +39,48 @@ void EndInSlash(wchar_t* pszPath)
     pszPath[nSlash + 1] = L'\0';
 }
 
-/// Replaces a macro of nMacro characters, with the slashes that follow it, by a directory. The result is cut
-/// to what a path buffer holds; pszPath is one.
+/// Replaces a macro of nMacro characters, with the slashes that follow it, by a directory. A backslash after
+/// the macro stays. pszPath is a path buffer; the result is cut to what it holds.
 void ReplaceMacro(wchar_t* pszPath, std::size_t nMacro, std::wstring_view csDirectory)
 {
-    const std::wstring_view csPath(pszPath);
-    const std::size_t nRest =
-        std::min(csPath.find_first_not_of(L'/', std::min(nMacro, csPath.size())), csPath.size());
-    const std::size_t nDirectory = std::min(csDirectory.size(), s_nMaxPath);
-    const std::size_t nKept = std::min(csPath.size() - nRest, s_nMaxPath - nDirectory);
+    std::wstring_view csRest(pszPath);
+    csRest.remove_prefix(std::min(nMacro, csRest.size())); // the path may be shorter: see __PatchPath
+    csRest.remove_prefix(std::min(csRest.find_first_not_of(L'/'), csRest.size()));
 
-    // The rest moves first, as the directory may overwrite it where it stands.
-    std::wmemmove(pszPath + nDirectory, pszPath + nRest, nKept);
+    // The rest moves first: the directory may overwrite the place where it stood.
+    const std::size_t nDirectory = std::min(csDirectory.size(), s_nMaxPath);
+    const std::size_t nKept = std::min(csRest.size(), s_nMaxPath - nDirectory);
+    std::wmemmove(pszPath + nDirectory, csRest.data(), nKept);
     csDirectory.copy(pszPath, nDirectory);
     pszPath[nDirectory + nKept] = L'\0';
 }
 
-/// Copies a path into a path buffer, cut to what that holds.
+/// Copies a path into a path buffer, cut to what the buffer holds.
 void CopyPath(std::wstring_view csPath, wchar_t* pszBuffer)
 {
     pszBuffer[csPath.copy(pszBuffer, s_nMaxPath)] = L'\0';
 }
 
-/// The directory given, or that of the running executable.
+std::wstring csExecutableDirectory()
+{
+    // Clients take a backslash for a separator, csDirectory does not: backslashes are turned before the
+    // split.
+    std::wstring csPath = GetModuleFileNameW(s_nMaxPath);
+    std::ranges::replace(csPath, L'\\', L'/');
+    return CDiskFile::csDirectory(csPath);
+}
+
+/// The directory given, or for null that of the running executable, with a trailing slash.
 std::wstring csOwnDirectory(const wchar_t* pszDirectory)
 {
-    std::wstring csPath =
-        pszDirectory != nullptr ? std::wstring(pszDirectory) : GetModuleFileNameW(s_nMaxPath);
-    if (pszDirectory == nullptr) {
-        // csDirectory knows no backslash; EndInSlash would turn one into "/" only after the split.
-        std::ranges::replace(csPath, L'\\', L'/');
-        csPath = CDiskFile::csDirectory(csPath);
-    }
-
+    const std::wstring csPath = pszDirectory != nullptr ? pszDirectory : csExecutableDirectory();
     CPathBuffer szPath{};
     CopyPath(csPath, szPath.data());
     EndInSlash(szPath.data());
     return szPath.data();
 }
 
-/// A name made of the current time. Unique enough: two nameless servers get the same one only within the same
-/// second.
+/// A name made of the current UTC time; two servers get the same one only within the same second.
 void GenerateName(wchar_t* pszBuffer, std::size_t nSize)
 {
     const std::time_t nNow = std::time(nullptr);
@@ -86,8 +88,8 @@ void GenerateName(wchar_t* pszBuffer, std::size_t nSize)
     std::wcsftime(pszBuffer, nSize, L"Velmo_%Y%m%d %H%M%S", ::gmtime_r(&nNow, &stUtc));
 }
 
-/// The error in the form that the product's tools show: the manager's message, the C library's text for the
-/// reason, and where it happened.
+/// The error in the form that the product's tools show: the manager's message, the errno, and a detail whose
+/// lines and whose "1.1" are the same for every setting.
 CXError clWriteError(int nErrno)
 {
     constexpr const wchar_t* pszModule = L"velmomanager";
@@ -108,7 +110,7 @@ const wchar_t* pszNullIfEmpty(const wchar_t* pszText)
 
 CConfig::CConfig(const wchar_t* pszDirectory) : m_csDirectory(csOwnDirectory(pszDirectory))
 {
-    // By the macro, so that the path is cut to a path buffer like every other one.
+    // Through the macro, so that this path is cut to a path buffer like every other one.
     CPathBuffer szFile{};
     CopyPath(L"%%EXE%%DXConf.ini", szFile.data());
     __PatchPath(szFile.data());
@@ -123,8 +125,8 @@ void CConfig::__PatchPath(wchar_t* pszPath) const
         ReplaceMacro(pszPath, csExe.size(), m_csDirectory);
     }
 
-    // Only as many characters are compared as the other macro has, so "%%COMMO" already counts, and 17
-    // characters of the path go with it: clients rely on it.
+    // Only the first 7 characters are compared, as many as the other macro has: "%%COMMO" already counts, and
+    // the whole macro's length, 17 characters of the path, is replaced. Clients rely on it.
     if (std::wstring_view(pszPath).starts_with(csProgramData.substr(0, csExe.size()))) {
         ReplaceMacro(pszPath, csProgramData.size(), __GetProgramData());
     }
@@ -174,7 +176,7 @@ void CConfig::GetServerName(wchar_t* pszBuffer) const
     _Read(settings::Name, pszBuffer);
     if (*pszBuffer == L'\0') {
         GenerateName(pszBuffer, settings::Name.nSize);
-        std::ignore = _Write(settings::Name, pszBuffer); // after a failure the next call makes another name
+        std::ignore = _Write(settings::Name, pszBuffer); // if it fails, the next call makes another name
     }
 }
 
@@ -183,7 +185,7 @@ ELogMode CConfig::eGetLogMode() const
     std::array<wchar_t, settings::ErrorLogMode.nSize> szMode{};
     _Read(settings::ErrorLogMode, szMode.data());
 
-    // Compared with case, unlike the words of other settings.
+    // The case of letters counts here, unlike in the words of other settings.
     const std::wstring_view csMode(szMode.data());
     if (csMode == L"FILE") {
         return LOG_MODE_FILE;
@@ -210,7 +212,7 @@ int CConfig::nGetsocketOptions() const
     std::array<wchar_t, settings::SocketOptions.nSize> szValue{};
     _Read(settings::SocketOptions, szValue.data());
 
-    // Keywords between commas, without trimming: one with a space before it is not known.
+    // The commas alone separate: a keyword with a space beside it is unknown, and unknown ones are ignored.
     int nOptions = 0;
     for (const wchar_t* psz = szValue.data(); *psz != L'\0';) {
         const std::size_t nLength = std::wcscspn(psz, L",");
@@ -232,6 +234,7 @@ void CConfig::GetStatDirectoryConfig(wchar_t* psz) const  { _Read(settings::Acti
 void CConfig::GetJNLPathConfig(wchar_t* psz) const        { _Read(settings::JNLRootPath, psz); }
 void CConfig::GetJNLBackupPathConfig(wchar_t* psz) const  { _Read(settings::JNLBackupRootPath, psz); }
 void CConfig::GetCrashDumpDirectory(wchar_t* psz) const   { std::ignore = _bReadDirectory(settings::DumpPath, psz); }
+void CConfig::GetClusterManagerName(wchar_t* psz) const   { _Read(settings::ClusterManager, psz); }
 void CConfig::GetClusterPassword(wchar_t* psz) const      { _Read(settings::NodePassword, psz); }
 int CConfig::bLogConnexion() const                        { return _Read(settings::LogConnexion); }
 int CConfig::bMoreThan2Go() const                         { return _Read(settings::MoreThan2Go); }
@@ -313,7 +316,9 @@ std::uint64_t CConfig::qwGetStatMaxFileSize() const
 void CConfig::GetAfterUpdate(wchar_t* pszBuffer) const
 {
     _Read(settings::AfterUpdateReport, pszBuffer);
-    pszBuffer[settings::AfterUpdateReport.nSize - 1] = L'\0'; // also after a shorter text: clients rely on it
+
+    // The buffer's last character is cleared even when the text is shorter: clients rely on it.
+    pszBuffer[settings::AfterUpdateReport.nSize - 1] = L'\0';
 }
 
 bool CConfig::bIsInstallerNatif() const
@@ -323,15 +328,9 @@ bool CConfig::bIsInstallerNatif() const
     return ::wcscasecmp(szValue.data(), L"natif") == 0;
 }
 
-void CConfig::GetClusterManagerName(wchar_t* pszBuffer) const
-{
-    *pszBuffer = L'\0'; // whatever the read does, nothing of the buffer's old text remains
-    _Read(settings::ClusterManager, pszBuffer);
-}
-
 void CConfig::SetDBRootPath(const wchar_t* pszPath)
 {
-    // The directory is made where the path leads; the file keeps the path with its macro.
+    // The directory is made at the expanded path; the file keeps the path with its macro.
     CPathBuffer szDirectory{};
     CopyPath(pszPath != nullptr ? pszPath : L"", szDirectory.data());
     __PatchPath(szDirectory.data());

@@ -9,14 +9,15 @@
 /// Typed access to the settings file "DXConf.ini" of one directory: the manager's own, or that of a server.
 ///
 /// Nothing is cached: every getter reads the file anew, every setter rewrites it. Getters never fail and
-/// never throw; only the store below them allocates. A missing file or key gives the default. Any thread may
-/// use any object, within the limits of the store (see WinApi.h). docs/settings.md says the keys, defaults,
-/// meanings and units. The manager itself reads only the settings of its restart monitor and, from a server's
-/// file, those of the cluster; all others are for the servers and the setup programs.
+/// never throw: a missing file or key, and out of memory, give the default. Any thread may use any object,
+/// within the limits of the store (see WinApi.h). docs/settings.md says the keys, defaults, meanings and
+/// units. The manager itself reads only the settings of its restart monitor and, from a server's file, those
+/// of the cluster; all others are for the servers and the setup programs.
 ///
 /// A getter of a text fills a buffer of the size that the setting's row in Settings.h says, terminator
 /// included; one that expands a path fills a buffer of s_nPathBuffer characters. A setter of a text deletes
-/// the key when given null (except SetDBRootPath, which needs a directory).
+/// the key when given null (except SetDBRootPath, which needs a directory). Any setter may also throw
+/// std::bad_alloc.
 class CConfig
 {
 public:
@@ -89,8 +90,8 @@ public:
     void SetCacheSizeMo(std::uint32_t dwMegabytes);
     void SetCacheMaximumUnusedTables(std::uint32_t dwFiles);
     void SetWindowsFileCacheSize(int nSize);
-    /// Creates the directory first, with its parents. When that fails, throws its error and leaves the file
-    /// unchanged.
+    /// Creates the directory first, with its parents. When that fails (ENOENT for null and for an empty
+    /// path), throws the error and leaves the file unchanged.
     void SetDBRootPath(const wchar_t* pszPath);
     void SetUserDaemon(const wchar_t* pszUser);
     void SetStatPeriod(std::uint16_t wPeriod);
@@ -99,8 +100,7 @@ public:
     void WriteAfterUpdate(const wchar_t* pszReport);
     void SetAutoAnalyseEnable(bool bEnable);
 
-    // These return nonzero on success, else 0 with errno. An empty journal path deletes the key, as null
-    // does.
+    // These return nonzero on success, else 0 with errno. An empty journal path deletes the key, like null.
 
     int ClearAfterUpdate();
     int SetJNLPath(const wchar_t* pszPath);
@@ -110,8 +110,9 @@ public:
 
 private:
     static const wchar_t* __GetProgramData() { return L"/var/lib/"; }
-    /// Expands the macro at the start of a path, in place. The buffer has s_nPathBuffer characters; the
-    /// result is cut to what it holds.
+    /// Expands the macro at the start of a path, in place: "%%EXE%%" is this object's directory,
+    /// "%%COMMONAPPDATA%%" is __GetProgramData. The buffer has s_nPathBuffer characters; a longer result is
+    /// cut.
     void __PatchPath(wchar_t* pszPath) const;
     template <class T>
     T _Read(const settings::STNumber<T>& stSetting) const;

@@ -17,25 +17,27 @@ wint_t nFold(CUnicodeUnit c)
     return std::towlower(c);
 }
 
-/// Of the ASCII characters that print none is whitespace in any locale: most units need no call.
+/// A printable ASCII character other than the space: no locale counts one as whitespace, so most units are
+/// judged without a call of the C library.
 template <class TUnit>
 bool bPrintableASCII(TUnit c)
 {
     return c > TUnit{' '} && c < TUnit{0x7F};
 }
 
-bool bSpace(CAnsiUnit c)
+bool bWhitespace(CAnsiUnit c)
 {
     return !bPrintableASCII(c) && std::isspace(static_cast<unsigned char>(c)) != 0;
 }
 
-bool bSpace(CUnicodeUnit c)
+bool bWhitespace(CUnicodeUnit c)
 {
     return !bPrintableASCII(c) && std::iswspace(c) != 0;
 }
 
-/// Whether two units are the same but for their case, in the current locale. Of two ASCII characters every
-/// locale says no when more than the bit between "A" and "a" differs: nearly always, and without a call.
+/// Whether two units are the same but for their case, in the current locale. Two ASCII characters that differ
+/// in more than the bit between "A" and "a" are different in every locale: this decides nearly every
+/// comparison without a call of the C library.
 template <class TUnit>
 bool bSameButForCase(TUnit c1, TUnit c2)
 {
@@ -52,13 +54,13 @@ bool bSameButForCase(TUnit c1, TUnit c2)
 }
 
 template <class TUnit>
-bool bBlank(TUnit c)
+bool bSpaceOrTab(TUnit c)
 {
     return c == TUnit{' '} || c == TUnit{'\t'};
 }
 
 template <class TUnit>
-bool bLineEnd(TUnit c)
+bool bCROrLF(TUnit c)
 {
     return c == TUnit{'\r'} || c == TUnit{'\n'};
 }
@@ -76,35 +78,35 @@ bool bBeginsWithName(CUnitsView<TUnit> csLine, CUnitsView<TUnit> csName)
            std::ranges::equal(csName, csLine.substr(0, csName.size()), bSameButForCase<TUnit>);
 }
 
-/// "[", the name and "]" at the start of the line.
+/// Whether the line starts with "[", the section's name and "]".
 template <class TUnit>
-bool bHeaderOf(CUnitsView<TUnit> csLine, CUnitsView<TUnit> csSection)
+bool bIsHeaderOf(CUnitsView<TUnit> csLine, CUnitsView<TUnit> csSection)
 {
     return bBeginsWith(csLine, TUnit{'['}) && bBeginsWithName(csLine.substr(1), csSection) &&
            bBeginsWith(csLine.substr(csSection.size() + 1), TUnit{']'});
 }
 
-/// The key's name, directly followed by "=", a space or a tab.
+/// Whether the line starts with the key's name, directly followed by "=", a space or a tab.
 template <class TUnit>
-bool bLineOf(CUnitsView<TUnit> csLine, CUnitsView<TUnit> csKey)
+bool bIsKeyLineOf(CUnitsView<TUnit> csLine, CUnitsView<TUnit> csKey)
 {
     if (!bBeginsWithName(csLine, csKey) || csLine.size() == csKey.size()) {
         return false;
     }
     const TUnit c = csLine[csKey.size()];
-    return c == TUnit{'='} || bBlank(c);
+    return c == TUnit{'='} || bSpaceOrTab(c);
 }
 
-/// Where a line's text begins for the reader: after leading whitespace. Whoever looks further than the name
-/// that it searches cuts the text at its NUL, with csUpToNUL; this way most lines are never looked through.
+/// The line without its leading whitespace, as the reader sees it. The text is not cut at a NUL yet, or every
+/// line would be searched for one: functions that look beyond a searched name call csUpToNUL first.
 template <class TUnit>
 CUnitsView<TUnit> csReaderText(CUnitsView<TUnit> csLine)
 {
-    const auto it = std::ranges::find_if_not(csLine, [](TUnit c) { return bSpace(c); });
+    const auto it = std::ranges::find_if_not(csLine, [](TUnit c) { return bWhitespace(c); });
     return csLine.substr(static_cast<std::size_t>(it - csLine.begin()));
 }
 
-/// The text that the reader sees: a NUL ends it.
+/// The text up to its first NUL, where it ends for the reader.
 template <class TUnit>
 CUnitsView<TUnit> csUpToNUL(CUnitsView<TUnit> csText)
 {
@@ -122,7 +124,8 @@ std::optional<CUnitsView<TUnit>> csHeaderName(CUnitsView<TUnit> csText)
     return nEnd == csText.npos ? std::nullopt : std::optional(csText.substr(1, nEnd - 1));
 }
 
-/// Value of a key line; none without a "=" from nAfterName on.
+/// Value of a key line: from the first character after "=" and the spaces and tabs that follow it, to the
+/// line's CR or LF. None without a "=" from nAfterName on.
 template <class TUnit>
 std::optional<CUnits<TUnit>> csValueOf(CUnitsView<TUnit> csText, std::size_t nAfterName)
 {
@@ -133,10 +136,11 @@ std::optional<CUnits<TUnit>> csValueOf(CUnitsView<TUnit> csText, std::size_t nAf
     }
 
     // A CR ends the text wherever it stands: when it comes before the "=", the value is empty.
-    const auto itCut = std::ranges::find_if(csText, bLineEnd<TUnit>);
-    const auto nCut = static_cast<std::size_t>(itCut - csText.begin());
-    const CUnitsView<TUnit> csValue = csText.substr(0, nCut).substr(std::min(nEqual + 1, nCut));
-    const auto itValue = std::ranges::find_if_not(csValue, bBlank<TUnit>);
+    const auto itEnd = std::ranges::find_if(csText, bCROrLF<TUnit>);
+    const auto nEnd = static_cast<std::size_t>(itEnd - csText.begin());
+    const std::size_t nBegin = std::min(nEqual + 1, nEnd);
+    const CUnitsView<TUnit> csValue = csText.substr(nBegin, nEnd - nBegin);
+    const auto itValue = std::ranges::find_if_not(csValue, bSpaceOrTab<TUnit>);
     return CUnits<TUnit>(itValue, csValue.end());
 }
 
@@ -159,13 +163,13 @@ std::optional<CUnitsView<TUnit>> csKeyName(CUnitsView<TUnit> csText)
     if (nEnd == csText.npos) {
         return std::nullopt;
     }
-    while (nEnd > 0 && bBlank(csText[nEnd - 1])) {
+    while (nEnd > 0 && bSpaceOrTab(csText[nEnd - 1])) {
         --nEnd;
     }
     return csText.substr(0, nEnd);
 }
 
-/// Names of all headers. A name that stands there twice is listed twice.
+/// Names of all sections. A section that the file has twice is listed twice.
 template <class TUnit>
 std::optional<CUnits<TUnit>> csListSections(CProfileFile& clFile)
 {
@@ -179,22 +183,23 @@ std::optional<CUnits<TUnit>> csListSections(CProfileFile& clFile)
     return csList;
 }
 
-/// Whether a line's first unit alone tells that it is neither a header nor the line of the key. It does of
-/// most lines.
+/// Whether a line's first unit alone shows that the line is neither a header nor that of the key, as it does
+/// for most lines.
 template <class TUnit>
-bool bSurelyAnother(CUnitsView<TUnit> csLine, CUnitsView<TUnit> csKey)
+bool bRuledOutByFirstUnit(CUnitsView<TUnit> csLine, CUnitsView<TUnit> csKey)
 {
-    const TUnit c = csLine.front(); // a line that was read has at least one
+    const TUnit c = csLine.front(); // a line that was read has at least one unit
     return bPrintableASCII(c) && c != TUnit{'['} && !csKey.empty() && !bSameButForCase(c, csKey.front());
 }
 
-/// Searches a section from the line after its header: the value of a key, or without a key the names of all.
+/// Searches a section from the line after its header. Returns the value of the key, or without a key the
+/// names of all keys.
 template <class TUnit>
 std::optional<CUnits<TUnit>> csSearchKey(CProfileFile& clFile, std::optional<CUnitsView<TUnit>> csKey)
 {
     std::optional<CUnits<TUnit>> csFound;
-    clFile.ForEachLine<TUnit>([&](CUnitsView<TUnit> csLine) {
-        if (csKey.has_value() && bSurelyAnother(csLine, *csKey)) {
+    clFile.ForEachLine<TUnit>([&](CUnitsView<TUnit> csLine) { // returns whether the search goes on
+        if (csKey.has_value() && bRuledOutByFirstUnit(csLine, *csKey)) {
             return true;
         }
 
@@ -210,10 +215,14 @@ std::optional<CUnits<TUnit>> csSearchKey(CProfileFile& clFile, std::optional<CUn
             if (const auto csName = csKeyName(csText)) {
                 AppendListed(&csFound, *csName);
             }
-        } else if (bLineOf(csText, *csKey) && (csFound = csValueOf(csText, csKey->size()))) {
-            return false; // the first line with the key's name and a "=" counts
+            return true;
         }
-        return true;
+
+        // The first line with the key's name and a "=" counts; one without a "=" is passed over.
+        if (bIsKeyLineOf(csText, *csKey)) {
+            csFound = csValueOf(csText, csKey->size());
+        }
+        return !csFound.has_value();
     });
     return csFound;
 }
@@ -225,51 +234,53 @@ struct STSpan
     off_t nEnd;
 };
 
-/// Finds the section's header and leaves the reading position after it. None: the position is then the end of
-/// the file.
+/// Finds the section's header and leaves the reading position after it. When there is none, the position is
+/// the end of the file.
 template <class TUnit>
 std::optional<STSpan> stFindHeader(CProfileFile& clFile, CUnitsView<TUnit> csSection)
 {
     off_t nStart = clFile.nPosition();
     for (STProfileLine<TUnit> stLine; clFile.STRG_nGetLine(&stLine) >= 0; nStart = clFile.nPosition()) {
-        if (bHeaderOf(stLine.csText, csSection)) {
+        if (bIsHeaderOf(stLine.csText, csSection)) {
             return STSpan{nStart, clFile.nPosition()};
         }
     }
     return std::nullopt;
 }
 
-/// Start of the next line that begins with "[", or the end of the file.
+/// Position of the next line that begins with "[", or of the end of the file.
 template <class TUnit>
 off_t nFindSectionEnd(CProfileFile& clFile)
 {
     off_t nStart = clFile.nPosition();
     for (STProfileLine<TUnit> stLine; clFile.STRG_nGetLine(&stLine) >= 0; nStart = clFile.nPosition()) {
-        if (stLine.csText.front() == TUnit{'['}) { // a line that was read has at least one character
+        if (stLine.csText.front() == TUnit{'['}) { // a line that was read has at least one unit
             break;
         }
     }
-    return nStart; // not the position, which is already after that line
+    return nStart; // not clFile's position, which is already after that line
 }
 
-/// The key's line, or the empty part where it belongs: before the line that ends the section.
+/// The key's line; when there is none, the empty part where the line belongs, before the line that ends the
+/// section.
 template <class TUnit>
 STSpan stFindKeyLine(CProfileFile& clFile, CUnitsView<TUnit> csKey)
 {
     off_t nStart = clFile.nPosition();
     for (STProfileLine<TUnit> stLine; clFile.STRG_nGetLine(&stLine) >= 0; nStart = clFile.nPosition()) {
-        if (bLineOf(stLine.csText, csKey)) {
+        if (bIsKeyLineOf(stLine.csText, csKey)) {
             return {nStart, clFile.nPosition()};
         }
         // An empty line ends the section for the writer: a new key goes before it, not to the next header.
-        if (bLineEnd(stLine.csText.front()) || stLine.csText.front() == TUnit{'['}) {
+        if (bCROrLF(stLine.csText.front()) || stLine.csText.front() == TUnit{'['}) {
             break;
         }
     }
     return {nStart, nStart};
 }
 
-/// Lines that are written end with LF alone, whatever the others in the file end with.
+// Lines that the writer makes end with LF alone, whatever the other lines of the file end with.
+
 template <class TUnit>
 CUnits<TUnit> csHeaderLine(CUnitsView<TUnit> csSection)
 {
@@ -283,7 +294,8 @@ CUnits<TUnit> csKeyLine(CUnitsView<TUnit> csKey, CUnitsView<TUnit> csValue)
     return CUnits<TUnit>(csKey).append(tEqual, std::size(tEqual)).append(csValue) + TUnit{'\n'};
 }
 
-/// Replaces the part of the file by the text. A file in which nothing changes is not written.
+/// Replaces a part of the file by a text. An empty text in the place of an empty part, which is a deletion of
+/// something that is not there, writes nothing.
 template <class TUnit>
 bool __bWriteKey(CProfileFile& clFile, STSpan stSpan, CUnitsView<TUnit> csText)
 {
@@ -304,7 +316,7 @@ std::optional<CUnits<TUnit>> __GetPrivateProfileStringInterne(CProfileFile& clFi
 
     // Of several sections of one name only the first is searched.
     for (STProfileLine<TUnit> stLine; clFile.STRG_nGetLine(&stLine) >= 0;) {
-        if (bHeaderOf(csReaderText(stLine.csText), csSection)) {
+        if (bIsHeaderOf(csReaderText(stLine.csText), csSection)) {
             return csSearchKey(clFile, csKey);
         }
     }

@@ -11,7 +11,9 @@
 ///
 ///                        reader                                     writer
 ///   leading whitespace   skipped                                    not allowed: names start in column 1
-///   a section ends       at a line "[...]"                          at a line that starts with "[", LF or CR
+///   a section ends       at a line "[...]"                          at a line that starts with "[", LF or
+///   CR;
+///                                                                   to delete it: with "[" only
 ///   a key line           name, then "=", space or tab, and a "="    name, then "=", space or tab
 ///   a comment            a line that starts with ":"                unknown
 ///
@@ -23,18 +25,19 @@ using CUnitsView = std::basic_string_view<TUnit>;
 template <class TUnit>
 using CUnits = std::basic_string<TUnit>;
 
-/// Searches the value of a key; none when the key is absent. An empty section name asks for the names of all
-/// sections, no key for the names of the section's keys: each is followed by "\r\n", and the result is none
-/// when there are no names.
+/// Searches the value of a key; none when the key is absent. With an empty section name, lists the names of
+/// all sections; without a key, those of the section's keys. Each listed name is followed by "\r\n", and a
+/// list without names is none. The file is read from its current position; a failed read looks like the end
+/// of the file.
 template <class TUnit>
 std::optional<CUnits<TUnit>> __GetPrivateProfileStringInterne(CProfileFile& clFile,
                                                               CUnitsView<TUnit> csSection,
                                                               std::optional<CUnitsView<TUnit>> csKey);
 
 /// Sets a key, deletes it (no value) or deletes its whole section (no key). To delete what is not there
-/// succeeds and leaves the file unchanged. A new section is appended to the file without a newline before it,
-/// even when the last line has none: files have always been written so. False with errno when a read or a
-/// write fails.
+/// succeeds and leaves the file unchanged. A missing section is appended to the file together with its key,
+/// without a newline before it even when the last line has none: files have always been written so. False
+/// with errno when a read or a write fails.
 template <class TUnit>
 bool __WritePrivateProfileString(CProfileFile& clFile, CUnitsView<TUnit> csSection,
                                  std::optional<CUnitsView<TUnit>> csKey,

@@ -37,7 +37,7 @@ bool bWriteAt(int nFd, std::string_view csBytes, off_t nPosition)
     return true;
 }
 
-/// Appends all that the file holds from a position on; false with errno.
+/// Appends what a file of nSize bytes holds from a position on; false with errno.
 bool bReadTail(int nFd, off_t nPosition, off_t nSize, std::string* pcsBytes)
 {
     const std::size_t nBefore = pcsBytes->size();
@@ -47,7 +47,7 @@ bool bReadTail(int nFd, off_t nPosition, off_t nSize, std::string* pcsBytes)
     for (char* p = pcsBytes->data() + nBefore; nLeft > 0;) {
         const ssize_t nRead = nRetry([&] { return ::pread(nFd, p, nLeft, nPosition); });
         if (nRead <= 0) {
-            errno = nRead == 0 ? EIO : errno; // somebody has made the file shorter meanwhile
+            errno = nRead == 0 ? EIO : errno; // 0: somebody has made the file shorter meanwhile
             return false;
         }
 
@@ -58,12 +58,12 @@ bool bReadTail(int nFd, off_t nPosition, off_t nSize, std::string* pcsBytes)
     return true;
 }
 
-/// Replaces what the file holds from nStart to its end by the bytes. The part beyond the old end is written
-/// first, and taken back when that fails: only it needs space, so a full file system leaves the file
+/// Replaces what a file of nSize bytes holds from nStart to its end. The part beyond the old end is written
+/// first and cut off again when that fails: only this part needs space, so a full file system leaves the file
 /// unchanged.
 bool bWriteToEnd(int nFd, off_t nStart, off_t nSize, std::string_view csBytes)
 {
-    const CNoFileSizeSignal clNoSignal; // a limit on file sizes is to be an error, not the end of the process
+    const CNoFileSizeSignal clNoSignal; // at a limit on file sizes the write must fail, not end the process
     const std::size_t nInside =
         std::min(csBytes.size(), static_cast<std::size_t>(std::max<off_t>(nSize - nStart, 0)));
 
@@ -79,10 +79,11 @@ bool bWriteToEnd(int nFd, off_t nStart, off_t nSize, std::string_view csBytes)
            (nNewSize >= nSize || nRetry([&] { return ::ftruncate(nFd, nNewSize); }) == 0);
 }
 
-/// Links that are followed one after the other, as many as the kernel follows.
-constexpr int s_nMaxLinks = 40;
+/// Entries looked at on the way to the file, the file itself included: ends a circle of links. The kernel
+/// itself follows 40 links.
+constexpr int s_nMaxLooks = 40;
 
-/// Text of the link that a descriptor stands for; empty (errno set) when it cannot be read.
+/// Target of a symbolic link that was opened with O_PATH; empty with errno when it cannot be read.
 std::string csLinkText(int nLink)
 {
     std::string csText(PATH_MAX, '\0');
@@ -98,7 +99,7 @@ bool bOwnedByRoot(int nFd)
 }
 
 /// A name in an open folder; without an open folder, a path.
-struct STPlace
+struct STFolderEntry
 {
     CDescripteur clFolder;
     std::string csName;
@@ -111,9 +112,9 @@ struct STPlace
     }
 };
 
-/// Moves the place to the target of a link that is open. False with errno; EPERM when root does not own both
-/// the link and the folder that holds its target.
-bool bFollow(int nLink, STPlace* pstPlace)
+/// Replaces the entry, which is the open link nLink, by the link's target. False with errno; EPERM when root
+/// does not own both the link and the folder that holds the target.
+bool bFollow(int nLink, STFolderEntry* pstEntry)
 {
     const std::string csTarget = csLinkText(nLink);
     if (csTarget.empty()) {
@@ -121,11 +122,11 @@ bool bFollow(int nLink, STPlace* pstPlace)
     }
 
     // A relative target begins in the folder that holds the link.
-    const std::string csFrom = pstPlace->csName.substr(0, pstPlace->csName.rfind('/') + 1);
+    const std::string csFrom = pstEntry->csName.substr(0, pstEntry->csName.rfind('/') + 1);
     const std::string csWhole = csTarget.front() == '/' ? csTarget : csFrom + csTarget;
     const std::size_t nName = csWhole.rfind('/') + 1;
 
-    CDescripteur clFolder = pstPlace->clOpenPath(nName == 0 ? "." : csWhole.substr(0, nName), O_DIRECTORY);
+    CDescripteur clFolder = pstEntry->clOpenPath(nName == 0 ? "." : csWhole.substr(0, nName), O_DIRECTORY);
     if (!clFolder.bOpen()) {
         return false;
     }
@@ -135,24 +136,25 @@ bool bFollow(int nLink, STPlace* pstPlace)
         errno = EPERM;
         return false;
     }
-    *pstPlace = {std::move(clFolder), csWhole.substr(nName)};
+    *pstEntry = {std::move(clFolder), csWhole.substr(nName)};
     return true;
 }
 
-/// Opens the file at a path for writing, and follows only links that root has made: otherwise a server's user
-/// could put a link in the place of its settings, and root would write to the link's target. Everything is
-/// judged by what has been opened, so that a name that changes meanwhile does not matter.
+/// Opens the file at a path for writing, and follows only links that root owns: otherwise a server's user
+/// could put a link in the place of the server's settings, and root would write to the link's target. Owners
+/// and kinds are those of opened descriptors, never of names, which may change between two calls.
 CDescripteur clOpenToWrite(const std::string& csPath, int nFlags, STFileStatus* pst)
 {
-    STPlace stPlace{CDescripteur(), csPath};
-    for (int n = 0; n < s_nMaxLinks; ++n) {
-        const CDescripteur clFound = stPlace.clOpenPath(stPlace.csName, O_NOFOLLOW);
+    STFolderEntry stEntry{CDescripteur(), csPath};
+    for (int n = 0; n < s_nMaxLooks; ++n) {
+        const CDescripteur clFound = stEntry.clOpenPath(stEntry.csName, O_NOFOLLOW);
         STFileStatus st{};
         if (!clFound.bOpen() || ::fstat(clFound.nFd(), &st) != 0 || !S_ISLNK(st.st_mode)) {
-            // Not there (O_CREAT may make it), or no link. One that is put there now is refused.
-            return clOpenRegularAt(stPlace.nFolder(), stPlace.csName, nFlags | O_NOFOLLOW, pst);
+            // No link: a file, or nothing, which O_CREAT may make one. O_NOFOLLOW refuses a link that
+            // somebody has put there since the look.
+            return clOpenRegularAt(stEntry.nFolder(), stEntry.csName, nFlags | O_NOFOLLOW, pst);
         }
-        if (!bFollow(clFound.nFd(), &stPlace)) {
+        if (!bFollow(clFound.nFd(), &stEntry)) {
             return CDescripteur();
         }
     }
@@ -163,11 +165,12 @@ CDescripteur clOpenToWrite(const std::string& csPath, int nFlags, STFileStatus* 
 
 CProfileFile::CProfileFile() : m_pBuffer(pMakeForOverwrite<CBuffer>()) {}
 
-/// Makes an opened file this object's; refuses it where an error is given. False with errno.
-bool CProfileFile::_bTake(CDescripteur clFile, int nErrno)
+/// Keeps the file for this object. False with errno when it is not open, or when nRefusal, an error number,
+/// gives a reason to refuse it (0: none).
+bool CProfileFile::_bKeep(CDescripteur clFile, int nRefusal)
 {
-    if (nErrno != 0) {
-        errno = nErrno;
+    if (nRefusal != 0) {
+        errno = nRefusal;
         return false;
     }
     m_clFile = std::move(clFile);
@@ -176,9 +179,9 @@ bool CProfileFile::_bTake(CDescripteur clFile, int nErrno)
 
 bool CProfileFile::bOpenToRead(const std::string& csPath)
 {
-    STFileStatus st{};
+    STFileStatus st{}; // stays empty, which is no reason to refuse, when the open fails
     CDescripteur clFile = clOpenRegular(csPath, O_RDONLY, &st);
-    return _bTake(std::move(clFile), st.st_size > g_nMaxProfileFile ? EFBIG : 0);
+    return _bKeep(std::move(clFile), st.st_size > g_nMaxProfileFile ? EFBIG : 0);
 }
 
 bool CProfileFile::_bOpenToWrite(const std::string& csPath, int nFlags)
@@ -186,7 +189,7 @@ bool CProfileFile::_bOpenToWrite(const std::string& csPath, int nFlags)
     // A file with a second name may be a hard link to somebody else's file, which a write would change.
     STFileStatus st{};
     CDescripteur clFile = clOpenToWrite(csPath, nFlags, &st);
-    return _bTake(std::move(clFile), st.st_size > g_nMaxProfileFile ? EFBIG : st.st_nlink > 1 ? EMLINK : 0);
+    return _bKeep(std::move(clFile), st.st_size > g_nMaxProfileFile ? EFBIG : st.st_nlink > 1 ? EMLINK : 0);
 }
 
 bool CProfileFile::bOpenToUpdate(const std::string& csPath)
@@ -199,7 +202,7 @@ bool CProfileFile::bOpenToUpdate(const std::string& csPath)
 bool CProfileFile::bFichierUnicode()
 {
     constexpr std::string_view csBOM = "\xFF\xFE";
-    while (m_nEnd < csBOM.size() && _bFill()) { // one read also brings the first lines
+    while (m_nEnd < csBOM.size() && _bFill()) { // the bytes after the mark stay in the buffer
     }
 
     const bool bUnicode = std::string_view(_pBytes(0), m_nEnd).starts_with(csBOM);
@@ -209,12 +212,15 @@ bool CProfileFile::bFichierUnicode()
 
 bool CProfileFile::bReadFailed() const noexcept
 {
-    errno = m_nReadError != 0 ? m_nReadError : errno;
-    return m_nReadError != 0;
+    if (m_nReadError == 0) {
+        return false;
+    }
+    errno = m_nReadError;
+    return true;
 }
 
-/// Moves what is left to the front of the buffer and reads more after it. False at the end of the file, and
-/// on a failure, which m_nReadError keeps.
+/// Moves the bytes that are not consumed yet to the front of the buffer and reads more after them. False at
+/// the end of the file, and on a failure, which m_nReadError keeps.
 bool CProfileFile::_bFill()
 {
     std::memmove(_pBytes(0), _pBytes(m_nBegin), m_nEnd - m_nBegin);
@@ -236,8 +242,8 @@ bool CProfileFile::_bFill()
     return nRead > 0;
 }
 
-/// Adds what follows after the buffer to a line that does not end in it. All of the line is consumed, but
-/// only its first g_nMaxProfileLine bytes are kept.
+/// Completes a line whose LF is not in the buffer. All of the line is consumed, but only its first
+/// g_nMaxProfileLine bytes are kept.
 template <class TUnit>
 void CProfileFile::_Join(STProfileLine<TUnit>* pstLine)
 {
@@ -246,7 +252,8 @@ void CProfileFile::_Join(STProfileLine<TUnit>* pstLine)
     for (bool bEnded = false; !bEnded && _bFill();) {
         std::basic_string_view<TUnit> csMore;
         bEnded = _bTakeUntilLF(&csMore);
-        csLine += csMore.substr(0, g_nMaxProfileLine / sizeof(TUnit) - csLine.size());
+        csLine += csMore.substr(0, g_nMaxProfileLine / sizeof(TUnit) -
+                                       csLine.size()); // csLine is never longer than that
     }
     pstLine->csText = csLine;
 }
@@ -262,7 +269,7 @@ bool CProfileFile::bReplace(off_t nStart, off_t nEnd, std::string_view csBytes)
     }
 
     const off_t nNewSize = stFile.st_size - (nEnd - nStart) + static_cast<off_t>(csBytes.size());
-    if (std::max(stFile.st_size, nNewSize) > g_nMaxProfileFile) { // no reader would open it any more
+    if (std::max(stFile.st_size, nNewSize) > g_nMaxProfileFile) { // no reader would open the file any more
         errno = EFBIG;
         return false;
     }

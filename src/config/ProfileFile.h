@@ -19,21 +19,22 @@ using CUnicodeUnit = char16_t;
 inline constexpr off_t g_nMaxProfileFile = 16 << 20;
 inline constexpr std::size_t g_nMaxProfileLine = 64 << 10;
 
-/// One line of a profile file. The object is used for one line after the other, so that its memory is too.
+/// One line of a profile file. A caller that reads several lines uses one object for all of them, so that the
+/// memory of csJoined is allocated once.
 template <class TUnit>
 struct STProfileLine
 {
     /// With its LF, if it has one. Lies in the file's buffer or in csJoined; the next read makes it invalid.
     std::basic_string_view<TUnit> csText;
-    std::basic_string<TUnit> csJoined; ///< the line, put together, when the buffer does not hold all of it
+    std::basic_string<TUnit> csJoined; ///< the whole line when the buffer holds only a part of it
 };
 
 /// One open profile file, read line by line from its start and changed in at most one place. Only regular
-/// files are opened: a directory, a FIFO or a device in the file's place is refused and never waited for. So
-/// is a file of more than g_nMaxProfileFile bytes (EFBIG).
+/// files are opened: a directory (EISDIR), a FIFO or a device (EINVAL) is refused without waiting for it, and
+/// so is a file of more than g_nMaxProfileFile bytes (EFBIG).
 ///
-/// An object serves one thread for one call of the store; its destructor closes the file. Failures leave
-/// errno set.
+/// An object serves one thread for one call of the store; its destructor closes the file. An operation that
+/// returns false leaves the reason in errno.
 class CProfileFile
 {
 public:
@@ -41,23 +42,24 @@ public:
 
     bool bOpenToRead(const std::string& csPath);
     /// Opens the file to read and change it, and creates it (empty, mode 0666 less the umask) when it does
-    /// not exist. A symbolic link is followed only when root owns both it and the folder that holds its
-    /// target (EPERM otherwise); a file with more than one name is refused (EMLINK).
+    /// not exist. A symbolic link is followed only when root owns both the link and the folder that holds the
+    /// link's target (EPERM otherwise); a file with more than one name is refused (EMLINK).
     bool bOpenToUpdate(const std::string& csPath);
 
     /// Whether the file begins with the byte order mark FF FE, which is then skipped. Called once, before the
     /// first line is read.
     bool bFichierUnicode();
 
-    /// Reads up to and including the next LF, or to the end of the file, and keeps the first
-    /// g_nMaxProfileLine bytes of that. Returns the number of bytes consumed, -1 when nothing was left. An
-    /// odd last byte of a UTF-16 file is never consumed. A failed read, and a file that grows beyond
-    /// g_nMaxProfileFile, look like the end of the file; see bReadFailed.
+    /// Reads up to and including the next LF, or to the end of the file, and keeps the line's first
+    /// g_nMaxProfileLine bytes. Returns the number of bytes consumed, -1 when nothing was left; a line that
+    /// was read has at least one unit. An odd last byte of a UTF-16 file is never consumed. A failed read,
+    /// and a file that grows beyond g_nMaxProfileFile, look like the end of the file; see bReadFailed.
     template <class TUnit>
     ssize_t STRG_nGetLine(STProfileLine<TUnit>* pstLine);
 
-    /// Calls Action(line) for one line after the other until it returns false. Faster than reading them one
-    /// by one, as where the next line begins stays in a register; nPosition is right again afterwards.
+    /// Calls Action(line) for one line after the other until Action returns false. Faster than a loop over
+    /// STRG_nGetLine, since the place of the next line stays in a register; nPosition is therefore valid
+    /// again only after the call.
     template <class TUnit, class TAction>
     void ForEachLine(TAction Action);
 
@@ -66,18 +68,20 @@ public:
     /// Whether the lines ended because of a failure and not at the end of the file; sets errno then.
     bool bReadFailed() const noexcept;
 
-    /// Replaces [nStart, nEnd) by the bytes and moves what follows, at the cost of one read and one write of
-    /// that tail. A file that must grow does so first, so that a full file system leaves it unchanged. Throws
+    /// Replaces the bytes [nStart, nEnd) of the file by others and moves what follows, at the cost of one
+    /// read and one write of that tail. False with errno (EFBIG for a result beyond g_nMaxProfileFile). A
+    /// file that must grow does so first, so that a full file system leaves it unchanged. Throws
     /// std::bad_alloc, the file unchanged, when there is no memory for the tail.
     bool bReplace(off_t nStart, off_t nEnd, std::string_view csBytes);
     /// Closes the file. False with errno for a failed write that the kernel reports only then.
     bool bClose();
 
 private:
-    /// On the heap: worker threads have 64 KiB of stack. Of the wider units, so that it may be read as both.
+    /// 16 KiB, on the heap: worker threads have 64 KiB of stack. Of the wider units, so that the buffer is
+    /// aligned for them; bytes may be read from any array.
     using CBuffer = std::array<CUnicodeUnit, 8192>;
 
-    bool _bTake(CDescripteur clFile, int nErrno);
+    bool _bKeep(CDescripteur clFile, int nRefusal);
     bool _bOpenToWrite(const std::string& csPath, int nFlags);
     bool _bFill();
     /// Byte n of the buffer.
@@ -102,11 +106,12 @@ private:
 template <class TUnit>
 std::basic_string_view<TUnit> CProfileFile::_csHeld() const
 {
-    // Aligned: in a file of the wider units, all that is consumed before, the byte order mark too, is even.
+    // Aligned: in a UTF-16 file everything is consumed in pairs of bytes, the byte order mark included.
     return {reinterpret_cast<const TUnit*>(_pBytes(m_nBegin)), (m_nEnd - m_nBegin) / sizeof(TUnit)};
 }
 
-/// Consumes what the buffer holds of the line: up to its LF, or, with false, all whole units.
+/// Consumes the part of the line that is in the buffer. True: up to and including the LF. False: the buffer
+/// has no LF, and all its whole units were consumed.
 template <class TUnit>
 bool CProfileFile::_bTakeUntilLF(std::basic_string_view<TUnit>* pcsTaken)
 {
@@ -141,7 +146,7 @@ void CProfileFile::ForEachLine(TAction Action)
         }
         m_nBegin += nBegin * sizeof(TUnit);
 
-        // What is left is a line that goes on after the buffer, or the last one.
+        // What is left in the buffer is the beginning of a line that goes on in the file, or the last line.
         bOn = bOn && STRG_nGetLine(&stJoined) >= 0 && Action(stJoined.csText);
     }
 }

@@ -46,6 +46,7 @@ inline constexpr STNumber<int>      WithCoreDump                {L"INIT", L"With
 inline constexpr STText             DaemonUser                  {L"INIT", L"DaemonUser", L"", 300};
 inline constexpr STNumber<uint32_t> ActivityStatisticPeriod     {L"INIT", L"ActivityStatisticPeriod", 0};
 inline constexpr STNumber<uint32_t> ActivityStatisticMaxFileSize{L"INIT", L"ActivityStatisticMaxFileSize", 500};
+// The backslash after the macro stays, so this default expands to "...//ActivityStatistics/".
 inline constexpr STText             ActivityStatisticPath       {L"INIT", L"ActivityStatisticPath",
                                                                  L"%%EXE%%\\ActivityStatistics", 260};
 inline constexpr STText             AfterUpdateReport           {L"INIT", L"AfterUpdateReport", L"", 500};

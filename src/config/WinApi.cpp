@@ -29,9 +29,10 @@ std::basic_string<TUnit> csUnits(std::wstring_view csText)
     } else {
         std::u16string csResult;
         for (const wchar_t c : csText) {
+            // Above U+10FFFF is no character: the replacement character stands for it.
             const auto nChar = static_cast<char32_t>(c) > 0x10FFFF ? 0xFFFD : static_cast<char32_t>(c);
-            if (nChar > 0xFFFF) { // the high surrogate: 0xD800 + (nChar - 0x10000 >> 10)
-                csResult += static_cast<char16_t>(0xD7C0 + (nChar >> 10));
+            if (nChar > 0xFFFF) {
+                csResult += static_cast<char16_t>(0xD800 + ((nChar - 0x10000) >> 10));
             }
             csResult += static_cast<char16_t>(nChar > 0xFFFF ? 0xDC00 + (nChar & 0x3FF) : nChar);
         }
@@ -75,7 +76,7 @@ bool bEdit(CProfileFile& clFile, const wchar_t* pszSection, const wchar_t* pszKe
     return __WritePrivateProfileString<TUnit>(clFile, csSection, csKey, csValue);
 }
 
-/// Copies a text into a buffer, cut to what that holds and terminated. Returns the number of characters
+/// Copies a text into a buffer of nSize characters, cut and terminated. Returns the number of characters
 /// before the terminator.
 template <class TCar>
 unsigned int nCopyCut(std::basic_string_view<TCar> csText, TCar* pszBuffer, unsigned int nSize)
@@ -88,7 +89,7 @@ unsigned int nCopyCut(std::basic_string_view<TCar> csText, TCar* pszBuffer, unsi
     return static_cast<unsigned int>(nLength);
 }
 
-/// Home directory that the password database says, whatever the environment says; none without an entry.
+/// The real user's home directory by the password database, not by $HOME; none without an entry.
 std::optional<std::wstring> csHomeDirectory()
 {
     passwd stEntry{};
@@ -102,7 +103,7 @@ std::optional<std::wstring> csHomeDirectory()
     return pstFound == nullptr ? std::nullopt : std::optional(csFromUTF8(pstFound->pw_dir));
 }
 
-/// Path of the file of that name: a name without a directory means a file in the user's home.
+/// Turns a file name, as clients give it, into a path; WinApi.h says how.
 std::wstring __PrivateProfilePatchName(const wchar_t* pszFile)
 {
     std::wstring csPath(pszFile);
@@ -140,7 +141,7 @@ const wchar_t* pszUserFileToRead(std::wstring* pcsPath) noexcept
     }
 }
 
-/// What is called for files that are too large, and how often.
+/// The function that SetTooLargeReport has set, and the limit on how often it is called.
 struct STTooLarge
 {
     CTooLargeReport fnReport;
@@ -166,20 +167,23 @@ struct STRead
     std::optional<std::wstring> csFound;
 };
 
-/// One pass over the file. A file that is missing, unreadable or too large looks like an absent key, and so
-/// does a lack of memory.
+/// Reads a key in one pass over the file (null: no file). A file that is missing, unreadable or too large
+/// looks like an absent key, and so does being out of memory.
 STRead stRead(const wchar_t* pszSection, const wchar_t* pszKey, const wchar_t* pszFile) noexcept
 {
     STRead stResult;
-    try {
-        const std::wstring csFile = pszFile != nullptr ? __PrivateProfilePatchName(pszFile) : std::wstring();
+    if (pszFile == nullptr) {
+        return stResult;
+    }
 
+    try {
+        const std::wstring csFile = __PrivateProfilePatchName(pszFile);
         CProfileFile clFile;
-        stResult.bOpened = pszFile != nullptr && clFile.bOpenToRead(csToUTF8(csFile));
+        stResult.bOpened = clFile.bOpenToRead(csToUTF8(csFile));
         if (stResult.bOpened) {
             stResult.csFound = clFile.bFichierUnicode() ? csSearch<CUnicodeUnit>(clFile, pszSection, pszKey)
                                                         : csSearch<CAnsiUnit>(clFile, pszSection, pszKey);
-        } else if (pszFile != nullptr && errno == EFBIG) {
+        } else if (errno == EFBIG) {
             ReportTooLarge(csFile);
         }
     } catch (const std::bad_alloc&) { // reading never fails: the key counts as absent
@@ -202,7 +206,7 @@ unsigned int nAnswer(bool bOpened, std::optional<std::basic_string_view<TCar>> c
     return bOpened ? nCopyCut<TCar>(std::basic_string_view<TCar>(), pszBuffer, nSize) : 0;
 }
 
-/// One pass over the file and at most one change in it; false with errno.
+/// Changes a key in one pass over the file; false with errno.
 bool bWrite(const wchar_t* pszSection, const wchar_t* pszKey, const wchar_t* pszValue, const wchar_t* pszFile)
 {
     CProfileFile clFile;
@@ -215,7 +219,7 @@ bool bWrite(const wchar_t* pszSection, const wchar_t* pszKey, const wchar_t* psz
     return bDone && clFile.bClose(); // a failed edit closes in the destructor, which keeps errno
 }
 
-/// Does a write; 0 with errno when it fails, ENOMEM when memory is out.
+/// Makes a write: 1, or 0 with errno when it fails (ENOMEM when it throws std::bad_alloc).
 template <class TWrite>
 int nWithoutThrowing(TWrite Write) noexcept
 {
@@ -254,12 +258,12 @@ unsigned int GetPrivateProfileStringW(const wchar_t* pszSection, const wchar_t* 
 int GetPrivateProfileInt(const wchar_t* pszSection, const wchar_t* pszKey, int nDefault,
                          const wchar_t* pszFile)
 {
-    // The default goes through the same text, so that one conversion makes the result.
-    std::array<wchar_t, s_nIntBuffer> tBuffer{};
+    // The default is passed as text, so that one conversion makes the result of either.
+    std::array<wchar_t, s_nIntBuffer> szValue{};
     std::array<wchar_t, s_nIntBuffer> szDefault{};
     std::swprintf(szDefault.data(), szDefault.size(), L"%d", nDefault);
-    GetPrivateProfileStringW(pszSection, pszKey, szDefault.data(), tBuffer.data(), s_nIntBuffer, pszFile);
-    return static_cast<int>(std::wcstol(tBuffer.data(), nullptr, 10));
+    GetPrivateProfileStringW(pszSection, pszKey, szDefault.data(), szValue.data(), s_nIntBuffer, pszFile);
+    return static_cast<int>(std::wcstol(szValue.data(), nullptr, 10));
 }
 
 int WritePrivateProfileStringW(const wchar_t* pszSection, const wchar_t* pszKey, const wchar_t* pszValue,
@@ -276,8 +280,10 @@ unsigned int GetPrivateProfileStringA(const char* pszSection, const char* pszKey
                                       char* pszBuffer, unsigned int nSize, const char* pszFile)
 {
     try {
-        const STRead stResult = stRead(pszOrNull(csOptionalWide(pszSection)),
-                                       pszOrNull(csOptionalWide(pszKey)), pszOrNull(csOptionalWide(pszFile)));
+        const auto csSection = csOptionalWide(pszSection);
+        const auto csKey = csOptionalWide(pszKey);
+        const auto csFile = csOptionalWide(pszFile);
+        const STRead stResult = stRead(pszOrNull(csSection), pszOrNull(csKey), pszOrNull(csFile));
         const auto csFound = stResult.csFound.has_value()
                                  ? std::optional(csNarrow(*stResult.csFound, CP_SYSTEM))
                                  : std::nullopt;
@@ -291,9 +297,12 @@ int WritePrivateProfileStringA(const char* pszSection, const char* pszKey, const
                                const char* pszFile)
 {
     return nWithoutThrowing([&] {
-        return WritePrivateProfileStringW(
-                   pszOrNull(csOptionalWide(pszSection)), pszOrNull(csOptionalWide(pszKey)),
-                   pszOrNull(csOptionalWide(pszValue)), pszOrNull(csOptionalWide(pszFile))) != 0;
+        const auto csSection = csOptionalWide(pszSection);
+        const auto csKey = csOptionalWide(pszKey);
+        const auto csValue = csOptionalWide(pszValue);
+        const auto csFile = csOptionalWide(pszFile);
+        return WritePrivateProfileStringW(pszOrNull(csSection), pszOrNull(csKey), pszOrNull(csValue),
+                                          pszOrNull(csFile)) != 0;
     });
 }
 

@@ -11,7 +11,8 @@
 /// that is half rewritten. docs/settings.md describes the file's syntax.
 ///
 /// A file name with a backslash or a slash is a path: backslashes become slashes, and at most 260 characters
-/// count. Any other name means a file in the home directory of the real user. A file that begins with the
+/// count. Any other name means a file in the home directory of the real user, or in the working directory
+/// when the password database has no entry for this user. A file that begins with the
 /// byte order mark FF FE holds UTF-16 little-endian units, one character each; every other file is in the
 /// system code page. A write keeps the encoding, and every byte outside the line that it sets; a new file is
 /// in the system code page.
@@ -20,23 +21,25 @@
 /// line the first 64 KiB are read; a write keeps longer lines byte for byte.
 
 /// Sets the function that the reading thread calls for a file that is too large to be read, at most once a
-/// minute for each file. Set before any thread reads, and set to an empty one after the last.
+/// minute for each file. The function may throw std::bad_alloc, which is dropped, and nothing else. Set
+/// before any thread reads, and set to an empty one after the last.
 using CTooLargeReport = std::function<void(const std::wstring& csFile)>;
 void SetTooLargeReport(CTooLargeReport fnReport);
 
 /// Copies a value, cut to nSize - 1 characters and terminated, and returns its length without the terminator.
 ///
 /// The default is copied when the file cannot be read or the key is absent, but not when the value is empty.
-/// Without a default (null) the result is then 0, and the buffer is emptied, or untouched when there is no
-/// file. Out of memory counts as a file that cannot be read: reading never fails and never throws. A null or
-/// empty section lists the names of the sections, a null key those of the section's keys, each followed by
-/// "\r\n".
+/// When that default is null, the result is 0, and the buffer is emptied, or left unchanged if the file could
+/// not be opened. Out of memory counts as an absent key or as a missing file: reading never fails and never
+/// throws. A null or empty section lists the names of the sections, a null key those of the section's keys,
+/// each followed by "\r\n".
 unsigned int GetPrivateProfileStringW(const wchar_t* pszSection, const wchar_t* pszKey,
                                       const wchar_t* pszDefault, wchar_t* pszBuffer, unsigned int nSize,
                                       const wchar_t* pszFile);
 
-/// The decimal number at the start of a value, of which 19 characters are read, modulo 2^32 (beyond 2^63:
-/// -1). A value without a number, also an empty one, is 0. The default counts only when the key is absent.
+/// The decimal number at the start of a value, of which 19 characters are read, modulo 2^32 (-1 for a number
+/// of 2^63 and more). A value without a number, also an empty one, is 0. The default counts only where
+/// GetPrivateProfileStringW would copy it.
 int GetPrivateProfileInt(const wchar_t* pszSection, const wchar_t* pszKey, int nDefault,
                          const wchar_t* pszFile);
 
