@@ -17,10 +17,10 @@
 #include <tuple>
 #include <vector>
 
-// Deletes as root in folders whose owners may rename, link and mount while the walk is under way. So the walk
-// resolves no path twice: each step goes from one open directory to the next by a single name and follows no
-// symbolic link. A step down must stay on the same mount; a step up must lead to the directory that the walk
-// came from.
+// Deletes as root in folders whose owners may rename, link and mount while the walk is under way. So once the
+// top directory is open, no path is resolved any more: each step goes from one open directory to the next by
+// a single name and follows no symbolic link. A step down must stay on the same mount; a step up must lead to
+// the directory that the walk came from.
 
 namespace {
 using STExtendedStatus = struct statx; // a function has the structure's name
@@ -51,7 +51,7 @@ std::uint64_t qwMountByHandle(int nFd)
     return bStored ? static_cast<std::uint64_t>(nMount) : 0;
 }
 
-/// For kernels before 4.11, and for system call filters that do not know statx.
+/// The place by fstat, for kernels before 4.11 and for system call filters that do not know statx.
 std::optional<STPlace> stPlaceWithoutStatx(int nFd)
 {
     STFileStatus st{};
@@ -63,7 +63,7 @@ std::optional<STPlace> stPlaceWithoutStatx(int nFd)
 }
 
 /// The place of an open directory; none with errno when the kernel does not report it.
-std::optional<STPlace> stPlace(int nFd)
+std::optional<STPlace> stPlaceOf(int nFd)
 {
     STExtendedStatus st{};
     if (::statx(nFd, "", AT_EMPTY_PATH | AT_NO_AUTOMOUNT, STATX_INO | STATX_MNT_ID, &st) != 0) {
@@ -120,18 +120,18 @@ bool bListNames(int nFd, std::vector<std::string>* ptNames)
     return errno == 0;
 }
 
-/// Empties one directory of any depth. One directory is open at a time, the way back leads through "..", and
-/// the names of the directories still to do are on the heap: neither the thread's stack nor the number of
-/// descriptors limits the depth.
+/// Empties one directory of any depth, without recursion. One directory is open at a time, the way back leads
+/// through "..", and the names of the directories still to do are on the heap: neither the thread's stack nor
+/// the number of descriptors limits the depth.
 class CTreeEraser
 {
 public:
     explicit CTreeEraser(CXError* pclError) : m_pclError(pclError) {}
 
-    /// Takes the open top directory. True when it is empty afterwards.
-    bool bEmpty(CDescripteur clTop, const std::string& csPath)
+    /// Takes the open top directory; csPath is its path, for the error. True when it is empty afterwards.
+    bool bEraseContents(CDescripteur clTop, const std::string& csPath)
     {
-        const std::optional<STPlace> stTop = stPlace(clTop.nFd());
+        const std::optional<STPlace> stTop = stPlaceOf(clTop.nFd());
         if (!stTop) {
             return bFail(m_pclError, L"delete", csFromUTF8(csPath));
         }
@@ -140,8 +140,8 @@ public:
         m_tLevels.push_back({csPath, *stTop, {}});
         _DeleteFiles();
 
-        // A directory that cannot be deleted is noted and left: it is taken off its level's list first, so
-        // each is tried once and the loop ends.
+        // Each directory is taken off its level's list before it is tried. So one that cannot be deleted is
+        // tried once and left, and the loop ends.
         while (!m_bLost && (m_tLevels.size() > 1 || !m_tLevels.back().tDirectories.empty())) {
             if (m_tLevels.back().tDirectories.empty()) {
                 _Ascend();
@@ -162,12 +162,12 @@ private:
         std::vector<std::string> tDirectories; ///< still to be deleted in it
     };
 
-    /// Reports the first obstacle only, by its path. The name is one in the current directory; empty for the
-    /// directory itself.
-    void _Failed(const std::string& csName)
+    /// Notes a failure, and reports the first one with its path and errno. csName is a name in the current
+    /// directory; empty for that directory itself.
+    void _NoteFailure(const std::string& csName)
     {
         if (!m_bFailed) {
-            const int nErrno = errno;
+            const int nErrno = errno; // building the path may change it
             std::string csPath;
             for (const STLevel& stLevel : m_tLevels) {
                 csPath += stLevel.csName + "/";
@@ -184,7 +184,7 @@ private:
     {
         std::vector<std::string> tNames;
         if (!bListNames(m_clCurrent.nFd(), &tNames)) {
-            _Failed({});
+            _NoteFailure({});
         }
 
         for (std::string& csName : tNames) {
@@ -195,7 +195,7 @@ private:
             if (errno == EISDIR) {
                 m_tLevels.back().tDirectories.push_back(std::move(csName));
             } else {
-                _Failed(csName);
+                _NoteFailure(csName);
             }
         }
     }
@@ -208,14 +208,14 @@ private:
         m_tLevels.back().tDirectories.pop_back();
 
         CDescripteur clBelow = clOpenDirectory(m_clCurrent.nFd(), csName.c_str());
-        const std::optional<STPlace> stBelow = clBelow.bOpen() ? stPlace(clBelow.nFd()) : std::nullopt;
+        const std::optional<STPlace> stBelow = clBelow.bOpen() ? stPlaceOf(clBelow.nFd()) : std::nullopt;
         if (!stBelow) {
-            _Failed(csName);
+            _NoteFailure(csName);
             return;
         }
         if (!stBelow->bSameMount(m_tLevels.back().stPlace)) {
             errno = EBUSY;
-            _Failed(csName);
+            _NoteFailure(csName);
             return;
         }
 
@@ -224,16 +224,16 @@ private:
         _DeleteFiles();
     }
 
-    /// Returns to the parent and deletes the directory that was left. The parent must be the one that the
-    /// walk came from: someone may have moved the directory meanwhile, and ".." then leads to a foreign one.
-    /// The walk cannot go on from there and is lost.
+    /// Returns to the parent and deletes the directory that was left. The parent must be the directory that
+    /// the walk came from: if someone has moved the current directory meanwhile, ".." leads to a foreign one.
+    /// From there the walk cannot go on: it is lost.
     void _Ascend()
     {
         CDescripteur clParent = clOpenDirectory(m_clCurrent.nFd(), "..");
-        const std::optional<STPlace> stParent = clParent.bOpen() ? stPlace(clParent.nFd()) : std::nullopt;
+        const std::optional<STPlace> stParent = clParent.bOpen() ? stPlaceOf(clParent.nFd()) : std::nullopt;
         if (!stParent || *stParent != m_tLevels[m_tLevels.size() - 2].stPlace) {
             errno = stParent ? ESTALE : errno;
-            _Failed({});
+            _NoteFailure({});
             m_bLost = true;
             return;
         }
@@ -242,7 +242,7 @@ private:
         m_tLevels.pop_back();
         m_clCurrent = std::move(clParent);
         if (::unlinkat(m_clCurrent.nFd(), csName.c_str(), AT_REMOVEDIR) != 0) {
-            _Failed(csName);
+            _NoteFailure(csName);
         }
     }
 
@@ -250,14 +250,15 @@ private:
     CDescripteur m_clCurrent;
     std::vector<STLevel> m_tLevels;
     bool m_bFailed = false;
-    bool m_bLost = false; ///< the way back is gone
+    bool m_bLost = false; ///< ".." does not lead back any more
 };
 
-/// Whether ".." is one of the path's names. What such a path means depends on symbolic links before it, so it
-/// is refused.
-bool bHasParentName(const std::string& csPath)
+/// Whether a path names a place by itself: absolute, without a NUL, where the kernel would end it, and
+/// without the name "..", which means another directory after a symbolic link.
+bool bUnambiguous(const std::string& csPath)
 {
-    return ("/" + csPath + "/").find("/../") != std::string::npos;
+    return csPath.starts_with('/') && csPath.find('\0') == std::string::npos &&
+           (csPath + "/").find("/../") == std::string::npos;
 }
 
 std::string csWithoutTrailingSlashes(std::string csPath)
@@ -271,10 +272,9 @@ std::string csWithoutTrailingSlashes(std::string csPath)
 /// The directory's resolved path; empty with errno when it does not exist or must not be deleted.
 std::string csResolveOwnFolder(const std::wstring& csDirectory)
 {
-    // lstat follows a link whose name has a trailing slash.
+    // Without trailing slashes: lstat would follow a symbolic link whose name has one.
     const std::string csPath = csWithoutTrailingSlashes(csToUTF8(csDirectory));
-    if (csPath.empty() || csPath.front() != '/' || csPath.find('\0') != std::string::npos ||
-        bHasParentName(csPath)) {
+    if (!bUnambiguous(csPath)) {
         errno = EPERM;
         return {};
     }
@@ -289,11 +289,17 @@ std::string csResolveOwnFolder(const std::wstring& csDirectory)
         return {};
     }
 
-    // The manager's own folder must stay, whatever a server claims as its own.
+    // A symbolic link is refused even where it leads to a server's folder: its target may be anybody's.
+    if (!S_ISDIR(st.st_mode)) {
+        errno = S_ISLNK(st.st_mode) ? EPERM : ENOTDIR;
+        return {};
+    }
+
+    // The folder in or under which the manager's own executable lies must stay, whatever a server claims.
     std::string csReal = pszReal.get();
     const std::string csOwnExecutable = csToUTF8(GetModuleFileNameW(SIZE_MAX));
-    if (!S_ISDIR(st.st_mode) || !bOwnFolder(csReal) || csOwnExecutable.starts_with(csReal + "/")) {
-        errno = S_ISDIR(st.st_mode) || S_ISLNK(st.st_mode) ? EPERM : ENOTDIR;
+    if (!bOwnFolder(csReal) || csOwnExecutable.starts_with(csReal + "/")) {
+        errno = EPERM;
         return {};
     }
     return csReal;
@@ -315,18 +321,18 @@ bool CDiskFile::bDeleteTree(const std::wstring& csDirectory, CXError* pclError)
 
     // Each call is made only if the one before succeeded, so errno is that of the first failure.
     CDescripteur clTop = clParent.bOpen() ? clOpenDirectory(clParent.nFd(), csName.c_str()) : CDescripteur();
-    const std::optional<STPlace> stParent = clTop.bOpen() ? stPlace(clParent.nFd()) : std::nullopt;
-    const std::optional<STPlace> stTop = stParent ? stPlace(clTop.nFd()) : std::nullopt;
+    const std::optional<STPlace> stParent = clTop.bOpen() ? stPlaceOf(clParent.nFd()) : std::nullopt;
+    const std::optional<STPlace> stTop = stParent ? stPlaceOf(clTop.nFd()) : std::nullopt;
     if (!stTop) {
         return bFail(pclError, L"delete", csDirectory);
     }
 
-    if (!stTop->bSameMount(*stParent)) {
+    if (!stTop->bSameMount(*stParent)) { // the folder is a mount point
         errno = EPERM;
         return bFail(pclError, L"delete", csDirectory);
     }
 
-    if (!CTreeEraser(pclError).bEmpty(std::move(clTop), csPath)) {
+    if (!CTreeEraser(pclError).bEraseContents(std::move(clTop), csPath)) {
         return false;
     }
     return ::unlinkat(clParent.nFd(), csName.c_str(), AT_REMOVEDIR) == 0 ||

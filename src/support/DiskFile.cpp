@@ -16,10 +16,11 @@
 namespace {
 constexpr mode_t s_nFileMode = 0666;
 constexpr mode_t s_nDirectoryMode = 0777;
-constexpr int s_nMaxNames = 100; ///< tried for a new file: a crash may have left files of these names
+/// Names tried for a new file: earlier processes with this pid that crashed may have left files of some.
+constexpr int s_nMaxNames = 100;
 
-/// A path as the kernel takes it. Empty, which names no file, for a path with a NUL: it must not reach the
-/// file whose name is the text before the NUL.
+/// A path as the kernel takes it. Empty, which names no file, for a path with a NUL: the kernel would take
+/// the text before the NUL for the name.
 std::string csDiskPath(const std::wstring& csPath)
 {
     return csPath.find(L'\0') == std::wstring::npos ? csToUTF8(csPath) : std::string();
@@ -51,7 +52,7 @@ bool bSameOnDisk(const std::wstring& cs1, const std::wstring& cs2, bool bDirecto
            st1.st_dev == st2.st_dev && st1.st_ino == st2.st_ino && (!bDirectory || S_ISDIR(st1.st_mode));
 }
 
-/// Compares the text first: names may be equal without a file.
+/// Compares the text first: equal names mean the same file even if it does not exist yet.
 bool bSameName(const std::wstring& cs1, const std::wstring& cs2, bool bDirectory)
 {
     const std::wstring csName1 = csNormalised(cs1);
@@ -85,42 +86,48 @@ std::string csNewName(const std::string& csPath)
            std::to_string(++s_nCounter);
 }
 
+/// Creates an empty file beside the one at a path; its own path is in *pcsNew. None with errno.
+CDescripteur clCreateBeside(const std::string& csPath, std::string* pcsNew)
+{
+    // A name that is taken (EEXIST) is no obstacle, any other failure is.
+    CDescripteur clFile;
+    for (int n = 0; n < s_nMaxNames && !clFile.bOpen() && (n == 0 || errno == EEXIST); ++n) {
+        *pcsNew = csNewName(csPath);
+        clFile = CDescripteur(::open(pcsNew->c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, s_nFileMode));
+    }
+    return clFile;
+}
+
 /// Gives the new file the owner and mode of the one it replaces; the mode comes last, as a change of owner
 /// clears bits of it. False when that fails: others might then read or write what they could not before, so
 /// the new file must not be used.
-bool bTakeOver(int nFd, const STFileStatus& stOld)
+bool bCopyOwnerAndMode(int nFd, const STFileStatus& stOld)
 {
     return ::fchown(nFd, stOld.st_uid, stOld.st_gid) == 0 && ::fchmod(nFd, stOld.st_mode & 07777) == 0;
 }
 
-/// Writes a new file and renames it over the old one, whose content therefore survives a full disk or a
-/// crash. On failure *pbTryOver says whether writing over the old file may still succeed.
+/// Writes a new file and renames it over the old one (null: there is none), whose content therefore survives
+/// a full disk or a crash. On failure *pbTryOverwrite says whether bOverwrite may still succeed.
 bool bReplace(const std::string& csPath, const std::string& csBytes, const STFileStatus* pstOld,
-              bool* pbTryOver)
+              bool* pbTryOverwrite)
 {
     std::string csNew;
-    CDescripteur clFile;
-
-    // A name that is taken (EEXIST) is no obstacle, any other failure is.
-    for (int n = 0; n < s_nMaxNames && !clFile.bOpen() && (n == 0 || errno == EEXIST); ++n) {
-        csNew = csNewName(csPath);
-        clFile = CDescripteur(::open(csNew.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, s_nFileMode));
-    }
+    const CDescripteur clFile = clCreateBeside(csPath, &csNew);
     if (!clFile.bOpen()) {
         // The directory takes no new file, or not this name, which may be longer than the old file's.
-        *pbTryOver = errno == EACCES || errno == EPERM || errno == ENAMETOOLONG;
+        *pbTryOverwrite = errno == EACCES || errno == EPERM || errno == ENAMETOOLONG;
         return false;
     }
 
     // Owner and mode come before the content, which may be secret. fsync comes before rename: after a crash
     // the name could otherwise lead to an empty file.
-    if (pstOld != nullptr && !bTakeOver(clFile.nFd(), *pstOld)) {
-        *pbTryOver = true;
+    if (pstOld != nullptr && !bCopyOwnerAndMode(clFile.nFd(), *pstOld)) {
+        *pbTryOverwrite = true;
     } else if (bWriteAll(clFile.nFd(), csBytes) && ::fsync(clFile.nFd()) == 0) {
         if (::rename(csNew.c_str(), csPath.c_str()) == 0) {
             return true;
         }
-        *pbTryOver = errno == EBUSY; // the file is a mount point
+        *pbTryOverwrite = errno == EBUSY; // the file is a mount point
     }
 
     const int nErrno = errno;
@@ -129,8 +136,8 @@ bool bReplace(const std::string& csPath, const std::string& csBytes, const STFil
     return false;
 }
 
-/// The file that symbolic links lead to, so that the link itself is kept; the path unchanged when there is no
-/// file yet.
+/// The path of the file that symbolic links lead to, so that the links are kept; the path unchanged when
+/// there is no file yet.
 std::string csResolved(const std::string& csPath)
 {
     const std::unique_ptr<char, decltype(&std::free)> pszReal(::realpath(csPath.c_str(), nullptr),
@@ -155,13 +162,13 @@ bool bWrite(const std::string& csPath, const std::string& csBytes)
         return bOverwrite(csFile, csBytes);
     }
 
-    bool bTryOver = false;
-    return bReplace(csFile, csBytes, bOld ? &stOld : nullptr, &bTryOver) ||
-           (bTryOver && bOverwrite(csFile, csBytes));
+    bool bTryOverwrite = false;
+    return bReplace(csFile, csBytes, bOld ? &stOld : nullptr, &bTryOverwrite) ||
+           (bTryOverwrite && bOverwrite(csFile, csBytes));
 }
 
-/// Reads to the end of the file; false with EFBIG beyond nMax bytes. The size is not asked first: files of
-/// /proc have none.
+/// Reads to the end of the file; false with errno, EFBIG beyond nMax bytes. The size that fstat reports is of
+/// no use: for files of /proc it is 0.
 bool bReadAll(int nFd, std::string* pcsBytes, std::size_t nMax)
 {
     // On the heap: a worker's stack has 64 KiB.
@@ -231,7 +238,8 @@ bool CDiskFile::bDelete(const std::wstring& csPath, CXError* pclError)
 
 bool CDiskFile::bCreateDirectory(const std::wstring& csPath, CXError* pclError)
 {
-    const std::string csBytes = csDiskPath(DirectoryWithEndSlash(csPath));
+    const std::wstring csWhole = DirectoryWithEndSlash(csPath);
+    const std::string csBytes = csDiskPath(csWhole);
     int nError = ENOENT;
 
     for (std::size_t nEnd = csBytes.find('/'); nEnd != std::string::npos;
@@ -240,11 +248,11 @@ bool CDiskFile::bCreateDirectory(const std::wstring& csPath, CXError* pclError)
         nError = ::mkdir(csBytes.substr(0, nEnd + 1).c_str(), s_nDirectoryMode) == 0 ? 0 : errno;
     }
 
-    if (bDirectoryExists(DirectoryWithEndSlash(csPath))) {
+    if (bDirectoryExists(csWhole)) {
         return true;
     }
 
-    // No error, and yet not there: somebody has deleted it since.
+    // Created without an error and yet not there: somebody has deleted the directory since.
     errno = nError != 0 ? nError : ENOENT;
     return bFail(pclError, L"create directory", csPath);
 }

@@ -4,8 +4,9 @@
 
 #include <string>
 
-/// Operations on disk files and directory names, all by wide path (UTF-8 on disk). The class has no state;
-/// any thread may call them.
+/// Operations on disk files and directory names, all by wide path (UTF-8 on disk; a path with a NUL names no
+/// file). The class has no state; any thread may call them. An operation that takes an error returns false
+/// with errno when it fails, and fills the error unless it is null.
 class CDiskFile
 {
 public:
@@ -24,6 +25,7 @@ public:
 
     static bool bExists(const std::wstring& csPath);
     static bool bDirectoryExists(const std::wstring& csPath);
+    /// Deletes a file, not a directory.
     static bool bDelete(const std::wstring& csPath, CXError* pclError = nullptr);
     /// Creates a directory and its missing parents, mode 0777 less the umask. True when it exists afterwards.
     static bool bCreateDirectory(const std::wstring& csPath, CXError* pclError = nullptr);
@@ -34,8 +36,10 @@ public:
     /// error names the first obstacle, and everything that could be deleted is gone.
     static bool bDeleteTree(const std::wstring& csDirectory, CXError* pclError = nullptr);
 
-    /// Replaces or creates a file with the given bytes (a new one has mode 0666 less the umask, an old one
-    /// keeps its own).
+    /// Replaces or creates a file with the given bytes. A new file has mode 0666 less the umask; an old one
+    /// keeps its owner and mode. The new content takes the old one's place in one step, when it is safely on
+    /// the disk. Where that is impossible (a device, a file with several hard links, a directory that takes
+    /// no new file...) the file is written over, and a failure may leave it cut.
     static bool bWriteFile(const std::wstring& csPath, const std::string& csBytes,
                            CXError* pclError = nullptr);
     /// Whole content of a regular file of at most nMax bytes; false (EFBIG, EISDIR, EINVAL...) otherwise.

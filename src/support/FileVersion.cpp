@@ -13,7 +13,8 @@
 #include <unistd.h>
 
 namespace {
-// A note and its neighbours have a few hundred bytes. Larger claims are not read: anyone may name any file.
+// Limits on what is read of a file, since any user may choose the file: bytes of a segment with notes, which
+// has a few hundred, and number of segments.
 constexpr std::size_t s_nMaxNotes = 65536;
 constexpr unsigned int s_nMaxSegments = 1024;
 constexpr std::string_view s_csOwner("Velmo\0", 6);
@@ -78,7 +79,7 @@ std::optional<std::string_view> csFindNote(std::string_view csNotes, std::size_t
     return std::nullopt;
 }
 
-/// Content of the file's version note; nothing when it has none.
+/// Content of the file's version note; none when the file has no such note or cannot be read.
 std::optional<std::string> csReadNote(int nFd)
 {
     const std::optional<Elf64_Ehdr> stHeader = stReadHeader(nFd);
@@ -94,16 +95,33 @@ std::optional<std::string> csReadNote(int nFd)
             continue;
         }
 
-        // Four bytes is the usual alignment, whatever else a segment says.
         std::string csNotes(static_cast<std::size_t>(st.p_filesz), '\0');
         if (!bReadAt(nFd, st.p_offset, csNotes.data(), csNotes.size())) {
             continue;
         }
+
+        // Notes are aligned to 8 or 4 bytes; where a segment says something else, 4 is what is usual.
         if (const auto csContent = csFindNote(csNotes, st.p_align == 8 ? 8 : 4)) {
             return std::string(*csContent);
         }
     }
     return std::nullopt;
+}
+
+/// Entries of a note's content: "key=value" texts, each ended by a NUL. Of several with one key the first
+/// counts; a text without "=" is passed over.
+std::map<std::wstring, std::wstring> tParseEntries(std::string_view csContent)
+{
+    std::map<std::wstring, std::wstring> tEntries;
+    for (std::size_t nEnd = csContent.find('\0'); nEnd != csContent.npos; nEnd = csContent.find('\0')) {
+        const std::string_view csEntry = csContent.substr(0, nEnd);
+        const std::size_t nEqual = csEntry.find('=');
+        if (nEqual != csEntry.npos) {
+            tEntries.emplace(csFromUTF8(csEntry.substr(0, nEqual)), csFromUTF8(csEntry.substr(nEqual + 1)));
+        }
+        csContent.remove_prefix(nEnd + 1);
+    }
+    return tEntries;
 }
 } // namespace
 
@@ -111,7 +129,7 @@ bool CFileVersion::bLoad(const std::wstring& csPath)
 {
     m_tEntries.clear();
 
-    // The file of a path with a NUL would be the one whose name ends there.
+    // The kernel would take the text before a NUL for the whole path.
     if (csPath.find(L'\0') != std::wstring::npos) {
         return false;
     }
@@ -121,16 +139,7 @@ bool CFileVersion::bLoad(const std::wstring& csPath)
         return false;
     }
 
-    // "key=value" texts, each ended by a NUL; of several with one key the first counts.
-    std::string_view csRest = *csContent;
-    for (std::size_t nEnd = csRest.find('\0'); nEnd != csRest.npos; nEnd = csRest.find('\0')) {
-        const std::string_view csEntry = csRest.substr(0, nEnd);
-        const std::size_t nEqual = csEntry.find('=');
-        if (nEqual != csEntry.npos) {
-            m_tEntries.emplace(csFromUTF8(csEntry.substr(0, nEqual)), csFromUTF8(csEntry.substr(nEqual + 1)));
-        }
-        csRest.remove_prefix(nEnd + 1);
-    }
+    m_tEntries = tParseEntries(*csContent);
     return true;
 }
 

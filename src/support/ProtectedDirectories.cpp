@@ -88,14 +88,18 @@ bool bBelow(std::string_view csPath, std::string_view csParent)
 /// Whether an entry protects this path.
 bool bReaches(const STProtected& st, std::string_view csPath)
 {
-    if (csPath == st.csPath || st.eReach == ITSELF) {
-        return csPath == st.csPath;
+    if (csPath == st.csPath) {
+        return true;
     }
-    return bBelow(csPath, st.csPath) &&
-           (st.eReach == TREE || csPath.find('/', st.csPath.size() + 1) == csPath.npos);
+    if (st.eReach == ITSELF || !bBelow(csPath, st.csPath)) {
+        return false;
+    }
+
+    const bool bDirectlyIn = csPath.find('/', st.csPath.size() + 1) == csPath.npos;
+    return st.eReach == TREE || bDirectlyIn;
 }
 
-/// Whether a path could be a result of realpath.
+/// Whether a path could be a result of realpath: absolute, without empty names, "." and "..".
 bool bResolved(std::string_view csPath)
 {
     if (!csPath.starts_with('/') || csPath.find('\0') != csPath.npos) {
@@ -121,7 +125,8 @@ bool bOwnFolder(std::string_view csRealPath)
         return false;
     }
 
-    // Below "/usr/local" the whole-tree entry of "/usr" does not count: administrators install servers there.
+    // Below "/usr/local" the entry of "/usr", which reaches all of its tree, does not count: administrators
+    // install servers there.
     const bool bLocal = bBelow(csRealPath, "/usr/local");
     return std::ranges::none_of(s_tProtected, [&](const STProtected& st) {
         return bReaches(st, csRealPath) && !(bLocal && st.csPath == "/usr");

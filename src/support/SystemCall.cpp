@@ -29,11 +29,13 @@ bool bWriteAll(int nFd, std::string_view csBytes)
 }
 
 namespace {
-/// Without O_NONBLOCK the open of a FIFO would wait for its other end; regular files do not mind.
-constexpr int s_nAlways = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
-constexpr mode_t s_nMode = 0666;
+/// Without O_NONBLOCK the open of a FIFO would wait for its other end, and without O_NOCTTY a terminal could
+/// become the daemon's controlling one. Neither changes anything for regular files.
+constexpr int s_nOpenFlags = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+constexpr mode_t s_nFileMode = 0666; ///< of a new file, less the umask
 
-/// Judges the open file, not its name: the name may mean another one by now.
+/// Returns the file if it is regular, else none with errno. Judges the open file, not its name, which may
+/// mean another file by now.
 CDescripteur clIfRegular(CDescripteur clFile, STFileStatus* pst)
 {
     STFileStatus st{};
@@ -58,6 +60,6 @@ CDescripteur clOpenRegular(const std::string& csPath, int nFlags, STFileStatus* 
 
 CDescripteur clOpenRegularAt(int nFolder, const std::string& csPath, int nFlags, STFileStatus* pst)
 {
-    const auto fnOpen = [&] { return ::openat(nFolder, csPath.c_str(), nFlags | s_nAlways, s_nMode); };
+    const auto fnOpen = [&] { return ::openat(nFolder, csPath.c_str(), nFlags | s_nOpenFlags, s_nFileMode); };
     return clIfRegular(CDescripteur(nRetry(fnOpen)), pst);
 }

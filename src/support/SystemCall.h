@@ -33,7 +33,7 @@ struct STPipe
     CDescripteur clRead;
     CDescripteur clWrite;
 };
-/// False with errno when there are no descriptors left.
+/// Opens a pipe; false with errno when there are no descriptors left.
 bool bOpenPipe(STPipe* pstPipe);
 
 /// Writes all of the bytes. False with errno when that fails (EIO where the kernel takes none without an
@@ -41,10 +41,11 @@ bool bOpenPipe(STPipe* pstPipe);
 bool bWriteAll(int nFd, std::string_view csBytes);
 
 /// Opens a regular file close-on-exec. Anything else is refused, a directory with EISDIR, a FIFO or a device
-/// with EINVAL; the call never waits for one. With O_CREAT a new file has mode 0666 less the umask. *pst,
-/// where given, is what the opened file's fstat says.
+/// with EINVAL; the call never waits for one. With O_CREAT a new file has mode 0666 less the umask. Fills
+/// *pst (unless null) with what fstat says of the opened file. On failure: no descriptor, errno set, *pst
+/// unchanged.
 CDescripteur clOpenRegular(const std::string& csPath, int nFlags, STFileStatus* pst = nullptr);
-/// The same, from an open folder (or AT_FDCWD).
+/// The same for a path that begins in an open folder (or AT_FDCWD).
 CDescripteur clOpenRegularAt(int nFolder, const std::string& csPath, int nFlags, STFileStatus* pst = nullptr);
 
 /// Closes a directory for its owner, CDirectory.
