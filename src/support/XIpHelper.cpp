@@ -13,13 +13,14 @@
 #include <netinet/in.h>
 #include <tuple>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 /// Longest queue of connections that wait for accept. Kernels before 5.4 cut a longer one to this unless the
 /// administrator raises net.core.somaxconn.
 constexpr int s_nMaxBacklog = 128;
 
-/// The outcome for one address of the resolver.
+/// The outcome for one address of the resolver; only SOCKET_READY hands over a socket.
 enum ESocketResult
 {
     SOCKET_READY = 0,
@@ -55,8 +56,8 @@ void __CompleteErreurServeur(std::uint16_t wPort, const wchar_t* pszCall, CXErro
     errno = nErrno;
 }
 
-/// Completes the error of a port for which the resolver finds no address. It does not say that the port
-/// cannot be opened: the port itself may be free.
+/// Completes the error of a port for which the resolver finds no address (nResult: its EAI_... code). The
+/// message is not that of a port that cannot be opened: the port itself may be free.
 void CompleteResolverError(std::uint16_t wPort, int nResult, CXError* pclError)
 {
     if (pclError == nullptr) {
@@ -100,9 +101,9 @@ CDescripteur clNewSocket(const addrinfo& stEntry, int nType, unsigned int nFlags
     return clSocket;
 }
 
-/// Opens a listening TCP socket for one address. SOCKET_READY stores it in *pnSocket for the caller to own.
+/// Opens a listening TCP socket for one address. wPort is the port of that address, for the error.
 ESocketResult eSocketListenStream(const addrinfo& stEntry, std::uint16_t wPort, unsigned int nFlags,
-                                  CXError* pclError, int nBacklog, int* pnSocket)
+                                  CXError* pclError, int nBacklog, CDescripteur* pclSocket)
 {
     CDescripteur clSocket = clNewSocket(stEntry, SOCK_STREAM, nFlags);
     if (!clSocket.bOpen()) { // the kernel does not have this family
@@ -118,14 +119,14 @@ ESocketResult eSocketListenStream(const addrinfo& stEntry, std::uint16_t wPort, 
         return SOCKET_FATAL;
     }
 
-    *pnSocket = clSocket.nRelease();
+    *pclSocket = std::move(clSocket);
     return SOCKET_READY;
 }
 
 /// Opens a bound UDP socket for one address, in the same way. Never fatal: an address of one family may be
 /// taken or missing, and the endpoint still answers on the other.
 ESocketResult eSocketBindStreamUDP(const addrinfo& stEntry, std::uint16_t wPort, unsigned int nFlags,
-                                   CXError* pclError, int* pnSocket)
+                                   CXError* pclError, CDescripteur* pclSocket)
 {
     CDescripteur clSocket = clNewSocket(stEntry, SOCK_DGRAM, nFlags);
     if (!clSocket.bOpen()) {
@@ -137,7 +138,7 @@ ESocketResult eSocketBindStreamUDP(const addrinfo& stEntry, std::uint16_t wPort,
         return SOCKET_SKIPPED;
     }
 
-    *pnSocket = clSocket.nRelease();
+    *pclSocket = std::move(clSocket);
     return SOCKET_READY;
 }
 
@@ -150,7 +151,7 @@ int nFamily(unsigned int nFlags)
     return (nFlags & SOCKET_IPV6_ONLY) != 0 ? AF_INET6 : AF_UNSPEC;
 }
 
-/// What the caller wants to open.
+/// What a caller of bOpenAll wants to open.
 struct STEndpoint
 {
     int nType;     ///< SOCK_...
@@ -161,7 +162,7 @@ struct STEndpoint
 };
 
 /// Local addresses to bind; null, and a complete error, when the resolver fails.
-CAddrInfo tResolve(const STEndpoint& stEndpoint, CXError* pclError)
+CAddrInfo pResolve(const STEndpoint& stEndpoint, CXError* pclError)
 {
     const wchar_t* const pszAddress = stEndpoint.pszAddress;
     addrinfo stHints{};
@@ -169,7 +170,7 @@ CAddrInfo tResolve(const STEndpoint& stEndpoint, CXError* pclError)
     stHints.ai_socktype = stEndpoint.nType;
     stHints.ai_protocol = stEndpoint.nProtocol;
 
-    // AI_NUMERICHOST: without an address no name is to be looked up.
+    // Without an address AI_NUMERICHOST keeps the resolver from looking any name up.
     stHints.ai_flags = pszAddress != nullptr ? AI_PASSIVE : AI_PASSIVE | AI_NUMERICHOST;
 
     const std::string csNode = pszAddress != nullptr ? csNarrow(pszAddress, CP_1252) : std::string();
@@ -184,29 +185,30 @@ CAddrInfo tResolve(const STEndpoint& stEndpoint, CXError* pclError)
     return CAddrInfo(pstList);
 }
 
-/// Resolves, and calls eOpen for each IPv4 or IPv6 address in the resolver's order until one is fatal. When
-/// it returns false the error is always set, even if eOpen has set none.
+/// Resolves, and calls eOpen for each IPv4 or IPv6 address in the resolver's order until one is fatal. False
+/// with the error filled, even where eOpen has filled none, when no socket was opened or one was fatal.
 template <class TWorker>
 bool bOpenAll(const STEndpoint& stEndpoint, CEnsembleSockets* pclSet, CXError* pclError, TWorker eOpen)
 {
-    const CAddrInfo tAddresses = tResolve(stEndpoint, pclError);
-    for (const addrinfo* pst = tAddresses.get(); pst != nullptr; pst = pst->ai_next) {
+    const CAddrInfo pAddresses = pResolve(stEndpoint, pclError);
+    for (const addrinfo* pst = pAddresses.get(); pst != nullptr; pst = pst->ai_next) {
         if (pst->ai_family != AF_INET && pst->ai_family != AF_INET6) {
             continue;
         }
 
-        int nSocket = -1;
-        const ESocketResult eResult = eOpen(*pst, &nSocket);
+        CDescripteur clSocket;
+        const ESocketResult eResult = eOpen(*pst, &clSocket);
         if (eResult == SOCKET_FATAL) {
             pclSet->Close();
             return false;
         }
         if (eResult == SOCKET_READY) {
-            pclSet->Add(pst->ai_family, CDescripteur(nSocket));
+            pclSet->Add(pst->ai_family, std::move(clSocket));
         }
     }
 
-    // All addresses skipped without an error: the kernel has no such family, and errno is still socket's.
+    // All addresses skipped without an error: the kernel has no such family, and errno is still that of the
+    // failed call of socket.
     if (pclSet->tGetSockets().empty() && pclError != nullptr && !pclError->bIsSet()) {
         __CompleteErreurServeur(stEndpoint.wPort, L"socket", pclError);
     }
@@ -270,9 +272,9 @@ void CEnsembleSockets::Close()
 bool bSocketListenTCP(std::uint16_t wPort, unsigned int nFlags, CEnsembleSockets* pclSet, CXError* pclError,
                       const wchar_t* pszAddress, int nBacklog)
 {
-    const auto eOpen = [=](const addrinfo& stEntry, int* pnSocket) {
+    const auto eOpen = [=](const addrinfo& stEntry, CDescripteur* pclSocket) {
         return eSocketListenStream(stEntry, wPort, nFlags, pclError, std::min(nBacklog, s_nMaxBacklog),
-                                   pnSocket);
+                                   pclSocket);
     };
     return bOpenAll({SOCK_STREAM, IPPROTO_TCP, wPort, nFlags, pszAddress}, pclSet, pclError, eOpen);
 }
@@ -280,8 +282,8 @@ bool bSocketListenTCP(std::uint16_t wPort, unsigned int nFlags, CEnsembleSockets
 bool bSocketBindUDP(std::uint16_t wPort, unsigned int nFlags, CEnsembleSockets* pclSet, CXError* pclError,
                     const wchar_t* pszAddress)
 {
-    const auto eOpen = [=](const addrinfo& stEntry, int* pnSocket) {
-        return eSocketBindStreamUDP(stEntry, wPort, nFlags, pclError, pnSocket);
+    const auto eOpen = [=](const addrinfo& stEntry, CDescripteur* pclSocket) {
+        return eSocketBindStreamUDP(stEntry, wPort, nFlags, pclError, pclSocket);
     };
     return bOpenAll({SOCK_DGRAM, IPPROTO_UDP, wPort, nFlags, pszAddress}, pclSet, pclError, eOpen);
 }

@@ -29,12 +29,13 @@ public:
     void Add(int nFamily, CDescripteur clSocket);
     const std::vector<STSocket>& tGetSockets() const noexcept { return m_tSockets; }
 
-    /// Sets an option of all sockets, also after one has refused it. True when none did.
+    /// Sets an option of all sockets, even after one has refused it. True when every socket took it.
     bool bSetsockopt(int nLevel, int nName, const void* pValue, socklen_t nLength);
-    /// Waits for a socket that can be read (or accepted from) and returns the first; -1 when there is none
-    /// within the time (null: no limit), a signal interrupts, or the set is empty.
+    /// Waits for a socket that can be read (or accepted from) and returns the first, which stays the set's.
+    /// -1 when there is none within the time (null: no limit), a signal interrupts, or the set is empty.
     int WaitReadable(timeval* pstTimeout);
-    /// Ends the wait of another thread: the sockets become readable.
+    /// Ends the wait of another thread: the sockets become readable. (Of UDP sockets the kernel wakes the
+    /// waiting thread, too, although shutdown itself fails with ENOTCONN.)
     void Shutdown(int nHow);
     /// Keeps errno.
     void Close();
@@ -52,9 +53,9 @@ enum ESocketFlags : unsigned int
     SOCKET_BROADCAST = 32, ///< UDP only
 };
 
-/// Fills the set with TCP sockets that listen on a port, for every local address (pszAddress null) or for
-/// one. True when at least one was added; false leaves the set empty. A bind or listen failure is fatal for
-/// the whole set, a family that the kernel lacks is not.
+/// Fills the empty set with TCP sockets that listen on a port, for every local address (pszAddress null) or
+/// for one. True when at least one was added; false leaves the set empty and fills the error (null: not
+/// wanted). A bind or listen failure is fatal for the whole set, a family that the kernel lacks is not.
 bool bSocketListenTCP(std::uint16_t wPort, unsigned int nFlags, CEnsembleSockets* pclSet, CXError* pclError,
                       const wchar_t* pszAddress, int nBacklog);
 /// Fills the set with bound UDP sockets in the same way, except that an address that cannot be bound is
