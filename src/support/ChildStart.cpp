@@ -19,10 +19,13 @@ extern "C" int __clone(int (*pfn)(void*), void* pStack, int nFlags, void* pArgum
 // The child runs in the daemon's memory while the calling thread sleeps, until exec or exit gives the memory
 // back. Other threads go on meanwhile: any of them may hold the heap's lock or be closing a descriptor. What
 // the child changes in memory stays changed; what it changes of its signals, limits and identity is its own.
+//
+// Therefore the child makes its system calls without the C library's wrappers wherever these may keep records
+// in memory, as the sanitizers' wrappers do; and the sanitizers do not instrument the functions that it runs.
 
 namespace {
-/// Stack of a child between its creation and exec; a script without interpreter line makes the C library
-/// build a second argument vector on it.
+/// Bytes of stack of a child between its creation and exec. execvpe needs the most: room for a path, and for
+/// a second argument vector when the program is a script without interpreter line.
 constexpr std::size_t s_nChildStack = std::size_t{32} * 1024;
 
 constexpr int s_nNotExecuted = 127; ///< exit status, as shells have it
@@ -34,9 +37,6 @@ struct STChildContext
     bool bCloseRange; ///< whether the kernel has close_range; the child then shares the descriptor table, too
     int* pnExecError; ///< written by the child
 };
-
-// The child makes its system calls without the C library's wrappers wherever these may keep records in
-// memory, as the sanitizers' wrappers do: until exec that memory is the daemon's.
 
 /// The kernel's form of a signal action; all zero means the default action.
 struct STKernelAction
@@ -58,8 +58,8 @@ EndUnexecuted(const STChildContext& stContext) noexcept
     }
 }
 
-/// Makes nTo a copy of nFrom that stays open at exec. When both are the same number, nothing is done: 0 to 2
-/// are the daemon's standard descriptors then, which stay open already.
+/// Makes nTo a copy of nFrom that stays open at exec. Does nothing when both are the same number: nFrom is
+/// then one of the daemon's standard descriptors, which stay open anyway.
 __attribute__((no_sanitize("thread", "address", "undefined"))) void Duplicate(int nFrom, int nTo) noexcept
 {
     if (nFrom != nTo) {
@@ -67,9 +67,9 @@ __attribute__((no_sanitize("thread", "address", "undefined"))) void Duplicate(in
     }
 }
 
-/// Unshares the part of the daemon's descriptor table up to the child's own pipes. Copying the whole table
-/// would cost more with each conversation. On failure the child must exit: it would close the daemon's
-/// descriptors.
+/// Unshares the part of the daemon's descriptor table up to the highest of the child's three. Copying the
+/// whole table would cost more with each conversation. On failure the child must exit: what it closed next
+/// would be closed for the daemon, too.
 __attribute__((no_sanitize("thread", "address", "undefined"))) bool
 bLeaveDaemonsDescriptors(const STChildStart& stStart) noexcept
 {
@@ -95,8 +95,8 @@ __attribute__((no_sanitize("thread", "address", "undefined"))) int nRunChild(voi
     Duplicate(stStart.nOutput, STDOUT_FILENO);
     Duplicate(stStart.nInput, STDIN_FILENO);
 
-    // Without close_range and /proc only numbers below the first limit are closed. That is enough: inherited
-    // descriptors lie below it, and those that the daemon has opened close at exec.
+    // Without close_range and /proc only numbers below the limit that the daemon was started with are closed.
+    // That is enough: inherited descriptors lie below it, and those that the daemon has opened close at exec.
     CloseDescriptors(STDERR_FILENO + 1, ~0U, static_cast<unsigned int>(nOriginalDescriptorLimit()));
     RestoreDescriptorLimit();
 
@@ -104,8 +104,8 @@ __attribute__((no_sanitize("thread", "address", "undefined"))) int nRunChild(voi
         ::syscall(SYS_setsid);
     }
 
-    // Actions first: a signal that waits must find the default action, not the daemon's handler, when the
-    // mask opens. The kernel refuses SIGKILL and SIGSTOP, whose actions are the default anyway.
+    // Actions first: a pending signal must find the default action, not the daemon's handler, when the mask
+    // is cleared. The kernel refuses SIGKILL and SIGSTOP, whose actions are the default anyway.
     constexpr STKernelAction stDefault{};
     for (int nSignal = 1; nSignal < NSIG; ++nSignal) {
         ::syscall(SYS_rt_sigaction, nSignal, &stDefault, nullptr, sizeof stDefault.nMask);

@@ -5,16 +5,17 @@
 #include <sys/types.h>
 
 /// All that a child needs between its creation and exec. The caller prepares it, since the child shares the
-/// daemon's memory until exec and may neither allocate nor lock.
+/// daemon's memory until exec and may neither allocate nor lock. The caller keeps what the pointers lead to
+/// until nStart returns, and owns the descriptors.
 struct STChildStart
 {
     const char* pszProgram;
     char* const* ppszArguments;   ///< null-terminated, entry 0 is the program
     char* const* ppszEnvironment; ///< null-terminated
-    int nInput;                   ///< becomes descriptor 0; like the next two already that one, or above 2
-    int nOutput;                  ///< becomes descriptor 1
-    int nError;                   ///< becomes descriptor 2
-    bool bOwnSession = false;     ///< so that it can be killed with all that it has started
+    int nInput;                   ///< becomes descriptor 0; is 0 already, or above 2
+    int nOutput;                  ///< becomes descriptor 1; is 1 already, or above 2
+    int nError;                   ///< becomes descriptor 2; is 2 already, or above 2
+    bool bOwnSession = false;     ///< leads a session: a kill of its group reaches its own children, too
 };
 
 /// Creates one child as vfork does: nothing of the daemon is copied, so the cost does not grow with the

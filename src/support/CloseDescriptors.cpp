@@ -7,24 +7,25 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-// Children that still share the daemon's memory call this: system calls go without the C library's wrappers,
-// and the sanitizers record nothing.
+// Children that still share the daemon's memory call this. So the system calls go without the C library's
+// wrappers, and the sanitizers do not instrument the functions (see ChildStart.cpp).
 
 namespace {
 constexpr long s_nListing = 1024; ///< bytes read from the directory at once; they are on the stack
 
-/// The kernel's directory entry, linux_dirent64, which no header has; the name and its terminator end it.
+/// The kernel's directory entry, linux_dirent64, which no header has. The name, with its terminator, fills
+/// the rest of the nSize bytes.
 struct STKernelEntry
 {
     std::uint64_t nInode;
     std::int64_t nOffset;
     unsigned short nSize;
     unsigned char nType;
-    char cName; ///< the first of the name
+    char cName; ///< the name's first character
 };
 
-/// Closes the descriptors that one block of entries names, except the directory's own. "." and ".." name
-/// none.
+/// Closes the descriptors that a block of nSize bytes of directory entries names, except the directory's own.
+/// "." and ".." name none.
 __attribute__((no_sanitize("thread", "address", "undefined"))) void
 CloseNamed(const char* pEntries, long nSize, unsigned int nFirst, unsigned int nLast, int nDirectory) noexcept
 {
@@ -47,13 +48,13 @@ CloseNamed(const char* pEntries, long nSize, unsigned int nFirst, unsigned int n
     }
 }
 
-/// False when /proc does not list the process's descriptors.
+/// Closes the descriptors that /proc lists. False when /proc does not list them, or not to the end.
 __attribute__((no_sanitize("thread", "address", "undefined"))) bool bCloseListed(unsigned int nFirst,
                                                                                  unsigned int nLast) noexcept
 {
     alignas(STKernelEntry) char tEntries[s_nListing];
 
-    // This one is to be closed anyway. Without a free number the directory could not be opened.
+    // Frees a number for the directory, as all may be in use: nFirst is to be closed anyway.
     ::syscall(SYS_close, nFirst);
     const long nDirectory =
         ::syscall(SYS_openat, AT_FDCWD, "/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);

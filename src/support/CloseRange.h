@@ -4,12 +4,13 @@
 #include <unistd.h>
 
 #ifndef __NR_close_range
-#define __NR_close_range 436 // on every architecture; headers of older kernels lack it
+#define __NR_close_range 436 // on every supported architecture; headers of older kernels lack it
 #endif
 
-/// For nCloseRange: the caller first gets a descriptor table of its own, without those to be closed.
+/// For nCloseRange: the caller first gets a descriptor table of its own, without the descriptors to be
+/// closed.
 constexpr unsigned int s_nCloseRangeUnshare = 1u << 1;
-/// For nCloseRange: instead of being closed, they are to close at exec.
+/// For nCloseRange: instead of being closed, the descriptors become close-on-exec.
 constexpr unsigned int s_nCloseRangeCloexec = 1u << 2;
 
 /// Closes the descriptors from nFirst to nLast by a plain system call: the C library has had a function for

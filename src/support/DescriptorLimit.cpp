@@ -3,8 +3,8 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-// Children that still share the daemon's memory read the old limit: it is written once, before any thread
-// runs, and the sanitizers record nothing in the functions that the children call.
+// Children that still share the daemon's memory read the old limit. It is written once, before any thread
+// runs, and the sanitizers do not instrument the functions that the children call (see ChildStart.cpp).
 
 namespace {
 rlimit s_stOriginal{};
@@ -25,6 +25,7 @@ void RaiseDescriptorLimit()
 
 __attribute__((no_sanitize("thread", "address", "undefined"))) int nOriginalDescriptorLimit() noexcept
 {
+    // An int holds the limit: the kernel allows none above its sysctl fs.nr_open, which is at most INT_MAX.
     return s_bRaised ? static_cast<int>(s_stOriginal.rlim_cur) : ::getdtablesize();
 }
 

@@ -6,7 +6,7 @@
 namespace {
 // The bits are set by hand: the C library's checked FD_SET aborts the program at descriptor 1024, however
 // large the set is.
-constexpr std::size_t s_nBits = 8 * sizeof(fd_mask);
+constexpr std::size_t s_nBits = 8 * sizeof(fd_mask); ///< of one word of the set
 
 std::size_t nWord(int nFd)
 {

@@ -37,14 +37,15 @@ bool bAwait(pid_t nPid, int* pnStatus)
             return false;
         }
 
-        // Sleeps until the child exits, the stop comes or the time is over; poll skips descriptors of -1.
+        // Sleep until the child exits, the stop comes or the time is over; poll skips descriptors of -1. With
+        // a process descriptor no look is needed in between, so the time has no limit but that of nPollMs.
         std::array<pollfd, 2> tWakes{{{clChild.nFd(), POLLIN, 0}, {CStopping::nFdToPoll(), POLLIN, 0}}};
         ::poll(tWakes.data(), tWakes.size(), CStopping::nPollMs(clChild.bOpen() ? -1 : nMs));
     }
 }
 
-/// Kills a shell with its own session and all that a hanging script has started in it, and reaps the shell.
-/// Keeps errno.
+/// Kills a shell that leads a session, with all that its script has started in the shell's process group, and
+/// reaps the shell. Keeps errno.
 void KillSession(pid_t nShellPid)
 {
     const int nErrno = errno;
@@ -61,7 +62,7 @@ int nShell(const std::string& csCommand)
         return -1;
     }
 
-    // exec takes arguments that it could write to, hence the copies.
+    // exec takes pointers to writable text, hence the copies.
     std::string csShell = "sh";
     std::string csOption = "-c";
     std::string csText = csCommand;
@@ -82,7 +83,8 @@ int nShell(const std::string& csCommand)
         return -1;
     }
 
-    // A child that could not become the shell exits with status 127, which a command may do as well.
+    // A child that could not become the shell exits with status 127. A command may do so as well: only the
+    // errno of the exec tells the two apart.
     if (clStarter.nExecError() != 0) {
         errno = clStarter.nExecError();
         return -1;

@@ -6,8 +6,8 @@
 #include <initializer_list>
 
 /// Blocks signals in the calling thread for the object's lifetime. The destructor restores the old mask, and
-/// signals that came meanwhile are delivered. A thread created meanwhile inherits the mask and keeps them
-/// blocked. Async-signal-safe, allocates nothing.
+/// signals that came meanwhile are delivered. A thread created meanwhile inherits the mask and keeps these
+/// signals blocked. Async-signal-safe, allocates nothing.
 class CSignalsHeld
 {
 public:
@@ -18,7 +18,7 @@ public:
         ::sigfillset(&stAll);
         ::pthread_sigmask(SIG_SETMASK, &stAll, &m_stBefore);
     }
-    /// Blocks these in addition to those that are blocked already.
+    /// Blocks these signals in addition to those that are blocked already.
     explicit CSignalsHeld(std::initializer_list<int> tSignals) noexcept
     {
         sigset_t stHeld;
@@ -48,7 +48,9 @@ public:
     CNoFileSizeSignal& operator=(const CNoFileSizeSignal&) = delete;
     ~CNoFileSizeSignal()
     {
-        const int nErrno = errno;
+        const int nErrno = errno; // the write's, which the caller still reports
+
+        // A signal that was blocked before stays blocked, and is not ours to discard.
         if (sigismember(&m_clHeld.stBefore(), SIGXFSZ) == 0) {
             sigset_t stSignal;
             ::sigemptyset(&stSignal);

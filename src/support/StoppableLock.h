@@ -4,8 +4,8 @@
 
 #include <set>
 
-/// A lock that threads get in the order in which they asked for it. A stop ends every wait for it; a free
-/// lock can still be taken then. For std::unique_lock and its like.
+/// A lock that threads get in the order in which they asked for it. A stop of the process ends every wait for
+/// the lock; a free lock can be taken even after that. For std::unique_lock and its like.
 class CStoppableLock
 {
 public:

@@ -21,7 +21,8 @@ std::atomic<long> CStopping::s_nAskedMs{0};
 namespace {
 static_assert(std::atomic<long>::is_always_lock_free); // the signal handler writes it
 
-/// Pause between two looks of a thread that may go on after the stop, and of one that may be cancelled.
+/// Pause between two looks of a thread that may go on after the stop, short beside the half second that it
+/// has; and of one that may be cancelled.
 constexpr int s_nLookMs = 20;
 constexpr int s_nCancelLookMs = 100;
 /// How much earlier than the manager a tool may get the SIGTERM that systemd sends to both.
@@ -34,7 +35,8 @@ std::atomic<int> s_nWakeFd{-1};
 thread_local CStopRight::ERight t_eRight = CStopRight::NOTHING;
 thread_local const std::atomic<bool>* t_pbCancelled = nullptr;
 
-/// Never 0, which means "not asked". clock_gettime is async-signal-safe.
+/// Milliseconds of the monotonic clock plus one: never 0, which means "not asked". clock_gettime is
+/// async-signal-safe.
 long nMonotonicMs() noexcept
 {
     timespec stNow{};
@@ -146,7 +148,7 @@ bool CStopping::bSleep(int nMs) noexcept
 
 bool CStopping::bToolEndedByStop(unsigned int nExitCode) noexcept
 {
-    // The exit code of a process that a signal ended is the signal's number.
+    // Of a process that a signal ended, the launcher reports the signal's number as the exit code.
     if (nExitCode != SIGTERM) {
         return false;
     }

@@ -47,20 +47,21 @@ public:
     [[noreturn]] static void xThrowStopped();
     /// As xThrowStopped, when the calling thread may not go on.
     static void xCheck();
-    /// Sleeps; false at once when the calling thread may not go on. A stop or a signal may end the sleep
-    /// early.
+    /// Sleeps for nMs milliseconds at most: a stop or a signal may end the sleep early. Returns whether the
+    /// calling thread may go on; when it may not, there is no sleep.
     static bool bSleep(int nMs) noexcept;
-    /// A descriptor to poll beside others: it becomes readable when the stop is asked. From then on it stays
-    /// readable, so that a thread that may go on would spin; therefore the operation then returns -1, which
-    /// poll skips.
+    /// A descriptor to poll beside others: it becomes readable when the stop is asked. After that the result
+    /// is -1, which poll skips: the descriptor stays readable, and a thread that may go on would poll in a
+    /// tight loop.
     static int nFdToPoll() noexcept;
-    /// The time-out to poll nFdToPoll with, for a sleep of nMs milliseconds (below 0: without limit). It is
-    /// cut for a thread that may be cancelled, and for any thread after the stop: no descriptor wakes these
-    /// when they may not go on any more, so they look from time to time.
+    /// The time-out to poll nFdToPoll with, for a sleep of nMs milliseconds (below 0: without limit). Limited
+    /// to 20 ms after the stop, and to 100 ms for a thread that may be cancelled: no descriptor wakes these
+    /// when they may not go on any more, so they must look from time to time.
     static int nPollMs(int nMs) noexcept;
     /// Whether the stop ended a tool with this exit code while the calling thread may go on; the caller then
     /// runs the tool once more. systemd signals the whole control group, so a tool gets the SIGTERM as well,
-    /// perhaps before the manager does.
+    /// perhaps before the manager does. When SIGTERM ended the tool, waits up to 100 ms for the manager's
+    /// own.
     static bool bToolEndedByStop(unsigned int nExitCode) noexcept;
 
 private:

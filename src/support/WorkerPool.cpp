@@ -21,10 +21,11 @@ bool CWorkerPool::bRun(std::function<void()> fnWork)
     pthread_t hThread{};
     if (m_nWorkers < m_nMaxWorkers &&
         nCreateWorker(&hThread, PTHREAD_CREATE_DETACHED, s_pThread, this) == 0) {
-        ++m_nWorkers; // in time: the new thread first waits for the lock
+        ++m_nWorkers; // early enough: the new thread first waits for the lock
     }
 
-    if (m_nWorkers == 0) { // else one of the others will do it
+    // Without a new thread one of the others does the work, as soon as it is free.
+    if (m_nWorkers == 0) {
         m_tWaiting.pop_back();
         return false;
     }

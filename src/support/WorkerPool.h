@@ -17,8 +17,8 @@ public:
 
     /// Accepts work again after a Stop.
     void Begin();
-    /// Gives the pool a piece of work. False when it will not be done: no thread can be created, or the pool
-    /// is stopped. Exceptions of the work are dropped; out of memory is thrown to the caller.
+    /// Gives the pool a piece of work. False when the work will not be done: the pool has no thread and can
+    /// create none, or is stopped. Throws std::bad_alloc. Exceptions that the work throws are dropped.
     bool bRun(std::function<void()> fnWork);
     /// Waits until a new piece of work would begin at once, or the pool or the process stops.
     void WaitFree();

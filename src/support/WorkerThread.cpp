@@ -22,7 +22,7 @@ std::size_t nStackSize()
 }
 } // namespace
 
-int nCreateWorker(pthread_t* phThread, int nDetached, void* (*pfnThread)(void*), void* pParameter)
+int nCreateWorker(pthread_t* phThread, int nDetachState, void* (*pfnThread)(void*), void* pParameter)
 {
     pthread_attr_t stAttributes;
     int nError = ::pthread_attr_init(&stAttributes);
@@ -32,7 +32,7 @@ int nCreateWorker(pthread_t* phThread, int nDetached, void* (*pfnThread)(void*),
 
     const std::unique_ptr<pthread_attr_t, int (*)(pthread_attr_t*)> clDestroyer(&stAttributes,
                                                                                 ::pthread_attr_destroy);
-    ::pthread_attr_setdetachstate(&stAttributes, nDetached);
+    ::pthread_attr_setdetachstate(&stAttributes, nDetachState);
     nError = ::pthread_attr_setstacksize(&stAttributes, nStackSize());
 
     const CSignalsHeld clHeld{SIGTERM}; // the new thread inherits the mask

@@ -42,7 +42,7 @@ void CZTSemNoInit::Term()
 
 int CZTSemNoInit::Wait()
 {
-    // Looked at again after each signal: the owner may have called Term meanwhile.
+    // The state is looked at again after each signal: the owner may have called Term meanwhile.
     while (m_bInitialised != 0) {
         if (::sem_wait(&m_stSem) == 0) {
             return SEM_OK;

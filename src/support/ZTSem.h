@@ -22,14 +22,14 @@ public:
     CZTSemNoInit& operator=(const CZTSemNoInit&) = delete;
     ~CZTSemNoInit();
 
-    /// Sets the semaphore up, anew if it was already. The maximum is ignored.
+    /// Sets the semaphore up, anew if it was already. The maximum is ignored; a negative value fails.
     int Init(int nInitialValue, int nMaximum);
     void Term();
     /// Waits until the count is above 0 and takes one. Signals do not end this wait or the timed one.
     int Wait();
-    /// SEM_WOULD_BLOCK when the count is 0.
+    /// As Wait, but SEM_WOULD_BLOCK at once when the count is 0.
     int TryWait();
-    /// SEM_TIMEOUT after so many milliseconds; s_dwInfinite waits without limit.
+    /// As Wait, but SEM_TIMEOUT after so many milliseconds; s_dwInfinite waits without limit.
     int WaitTimeout(unsigned int dwMs);
     /// Adds one to the count; with bYield lets another thread run then. Async-signal-safe when bYield is 0.
     int __Post(int bYield);

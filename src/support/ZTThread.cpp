@@ -58,13 +58,12 @@ CZTThread::~CZTThread()
 CZTThread::EStart CZTThread::eStart(PFNThread pfnThread, void* pParameter, int bWaitStart, int bSuspended)
 {
     CLock clLock(m_clLock);
+
+    // A running thread that was asked to stop is waited for and then started again; any other is left alone.
+    _WaitUntil(clLock, CClock::time_point::max(),
+               [this] { return !_bAny(RUNNING) || !_bAny(STOP_REQUESTED); });
     if (_bAny(STARTING | RUNNING)) {
-        // A thread that was asked to stop is waited for and then started again; any other is left alone.
-        _WaitUntil(clLock, CClock::time_point::max(),
-                   [this] { return !_bAny(RUNNING) || !_bAny(STOP_REQUESTED); });
-        if (_bAny(STARTING | RUNNING)) {
-            return bWaitStart != 0 ? _eWaitStarted(clLock) : START_OK;
-        }
+        return bWaitStart != 0 ? _eWaitStarted(clLock) : START_OK;
     }
 
     m_pParameter = pParameter;
@@ -76,7 +75,6 @@ CZTThread::EStart CZTThread::eStart(PFNThread pfnThread, void* pParameter, int b
 
     const int nError = _nStartThread();
     if (nError != 0) {
-        Resume();
         m_nState = STOP_REQUESTED;
         clLock.unlock();
         errno = nError;
@@ -84,7 +82,7 @@ CZTThread::EStart CZTThread::eStart(PFNThread pfnThread, void* pParameter, int b
     }
 
     // A thread that owns this object may free it as soon as the lock is free: without bWaitStart no member
-    // may be touched from here on.
+    // may be touched from here on. The yield lets the thread begin, which may spare the first pause below.
     clLock.unlock();
     ::sched_yield();
     if (bWaitStart == 0) {
@@ -147,7 +145,7 @@ void CZTThread::LeaveSynchroStop(int bWait)
         m_clSleep.__Post(0);
     }
 
-    ::sched_yield();
+    ::sched_yield(); // lets the thread see the request, which may spare the first pause of _WaitStopped
     if (bWait != 0) {
         _WaitStopped(clEnd);
     }
@@ -205,7 +203,8 @@ void CZTThread::Wait()
         }
         m_nState |= STARTING | SUSPENDED;
     }
-    m_clSuspension.Wait(); // without the lock; a Resume that comes before it has posted already
+    m_clSuspension
+        .Wait(); // without the lock, which Resume needs; a Resume that came first has posted already
 }
 
 int CZTThread::Sleep(unsigned int dwMs)
@@ -265,7 +264,7 @@ int CZTThread::_nStartThread()
 }
 
 /// Encloses the thread function and calls Stopped in its place if it did not. The flag lies on the thread's
-/// stack: after Stopped the object may be gone, and only without that call is it sure to exist.
+/// stack, not in the CZTThread: once Stopped has been called, that object may be gone.
 class CZTThread::CFrame
 {
 public:
@@ -288,8 +287,8 @@ private:
     bool m_bStopped = false;
 };
 
-/// pthread_exit and a cancel unwind the stack by an exception that has no object; the sanitizer objects to
-/// the reference by which it is caught.
+/// Not instrumented: pthread_exit and a cancel unwind the stack by an exception without an object, and the
+/// sanitizer reports the reference by which it is caught.
 __attribute__((no_sanitize("undefined"))) void* CZTThread::ThreadFunc(void* pThread)
 {
     auto* pclThread = static_cast<CZTThread*>(pThread);

@@ -34,12 +34,13 @@ public:
     /// call Stop(1) in its own destructor.
     virtual ~CZTThread();
 
-    /// Owner: starts the thread. With bWaitStart, returns when the thread runs or has ended. A running thread
-    /// is left alone, and START_OK returned; one that was asked to stop is waited for and started again.
-    /// START_FAILED sets errno.
+    /// Owner: starts the thread, whose function gets this object and finds pParameter in pGetParameter. With
+    /// bWaitStart, returns when the thread runs or has ended; with bSuspended, the thread pauses at its first
+    /// Wait. A running thread is left alone, and START_OK returned; one that was asked to stop is waited for
+    /// and started again. START_FAILED sets errno.
     EStart eStart(PFNThread pfnThread, void* pParameter, int bWaitStart, int bSuspended);
-    /// As eStart, true for START_OK. START_FAILED fills the error with the module's user error and errno;
-    /// START_ENDED returns false without an error.
+    /// As eStart, true for START_OK. START_FAILED fills the error with errno and the user error nErrorCode of
+    /// the module (null: the manager's); START_ENDED returns false without an error.
     bool bStart(PFNThread pfnThread, void* pParameter, const _stMyModuleInfo* pstModule,
                 unsigned int nErrorCode, CXError* pclError, int bWaitStart, int bSuspended);
     /// As bStart, but throws the CXError.
@@ -83,9 +84,9 @@ private:
     /// | set by | cleared by |
     /// |---|---|
     /// | STOP_REQUESTED: Stop, TakeSynchroStop, Stopped, a failed start | eStart |
-    /// | STARTING: eStart, Wait | Started, Resume, Stopped |
+    /// | STARTING: eStart, Wait | Started, Resume, Stopped, a failed start |
     /// | RUNNING: Started | Stopped |
-    /// | SUSPENDED: Suspend, Wait | Resume |
+    /// | SUSPENDED: Suspend, Wait | Resume, a failed start |
     enum EState : unsigned int
     {
         STOP_REQUESTED = 1, ///< or not running
@@ -95,7 +96,7 @@ private:
     };
     using CLock = std::unique_lock<std::recursive_mutex>;
     using CClock = std::chrono::steady_clock;
-    class CFrame; ///< around the thread function
+    class CFrame; ///< encloses the thread function
 
     /// Looks again and again until the condition holds or clEnd has come; between two looks the lock is free.
     template <class TCondition>
@@ -109,8 +110,8 @@ private:
     /// What the C library runs in the new thread.
     static void* ThreadFunc(void* pThread);
 
-    /// Recursive: eStart calls Suspend and Resume while it holds the lock, and after TakeSynchroStop the
-    /// owner holds it.
+    /// Recursive: eStart calls Suspend, and LeaveSynchroStop calls Resume, while they hold the lock; and from
+    /// TakeSynchroStop to LeaveSynchroStop the owner holds it and may call other operations.
     std::recursive_mutex m_clLock;
     unsigned int m_nState = STOP_REQUESTED;
     void* m_pParameter = nullptr;
