@@ -40,8 +40,8 @@ char cTo1252(wchar_t c)
     return it == s_t1252.end() ? '?' : static_cast<char>(0x80 + (it - s_t1252.begin()));
 }
 
-/// What a lead byte promises: the number of continuation bytes (0: it is none of a longer character) and the
-/// range of the first of them. That range excludes overlong forms, surrogates and values above U+10FFFF.
+/// What a byte promises as the first of a character: the number of continuation bytes (0: no lead byte) and
+/// the range of the first of them. That range excludes overlong forms, surrogates and values above U+10FFFF.
 struct STLead
 {
     unsigned int nContinuations;
@@ -71,9 +71,9 @@ constexpr STLead stLead(unsigned char n)
     return {0, 0, 0};
 }
 
-/// Decodes the character at nPos and advances past it. An ill-formed one is U+FFFD: the position then is
-/// after the longest beginning that could still have become a character, so the byte that broke it is read
-/// anew.
+/// Decodes the character at nPos and advances past it. An ill-formed one gives U+FFFD and leaves nPos at the
+/// first byte that does not fit, which is then decoded as the start of the next character; a wrong first byte
+/// alone is passed over.
 wchar_t cDecodeUTF8(std::string_view csBytes, std::size_t& nPos)
 {
     const unsigned char nFirst = nByte(csBytes[nPos++]);
@@ -85,6 +85,7 @@ wchar_t cDecodeUTF8(std::string_view csBytes, std::size_t& nPos)
         return s_cReplacement;
     }
 
+    // The lead byte carries five, four or three bits of the character, each continuation byte six.
     char32_t nChar = nFirst & (0x3Fu >> st.nContinuations);
     unsigned char nLow = st.nLow;
     unsigned char nHigh = st.nHigh;
@@ -99,13 +100,16 @@ wchar_t cDecodeUTF8(std::string_view csBytes, std::size_t& nPos)
     return static_cast<wchar_t>(nChar);
 }
 
-/// A surrogate or a value above U+10FFFF is written as U+FFFD.
+/// The character's number; that of U+FFFD for a surrogate or a value above U+10FFFF.
+char32_t nValidChar(wchar_t c)
+{
+    const auto nChar = static_cast<char32_t>(c);
+    return nChar > 0x10FFFF || bSurrogate(nChar) ? static_cast<char32_t>(s_cReplacement) : nChar;
+}
+
 void AppendUTF8(std::string& csBytes, wchar_t c)
 {
-    char32_t nChar = static_cast<char32_t>(c);
-    if (nChar > 0x10FFFF || bSurrogate(nChar)) {
-        nChar = static_cast<char32_t>(s_cReplacement);
-    }
+    const char32_t nChar = nValidChar(c);
     if (nChar < 0x80) {
         csBytes += static_cast<char>(nChar);
         return;
@@ -120,12 +124,13 @@ void AppendUTF8(std::string& csBytes, wchar_t c)
     }
 }
 
-/// Whether all characters are ASCII, which is the same in both code pages.
+/// Whether all characters are ASCII: these are the same bytes in both code pages.
 bool bASCII(std::wstring_view csText)
 {
     return std::ranges::all_of(csText, [](wchar_t c) { return static_cast<char32_t>(c) < 0x80; });
 }
 
+/// Appends a UTF-16 unit, the low byte first.
 void AppendUnit(std::string& csBytes, char32_t nUnit)
 {
     csBytes += static_cast<char>(nUnit & 0xFF);
@@ -196,10 +201,7 @@ std::string csToUTF16(std::wstring_view csText)
     csBytes.reserve(2 * csText.size());
 
     for (const wchar_t c : csText) {
-        char32_t nChar = static_cast<char32_t>(c);
-        if (nChar > 0x10FFFF || bSurrogate(nChar)) {
-            nChar = static_cast<char32_t>(s_cReplacement);
-        }
+        char32_t nChar = nValidChar(c);
         if (nChar >= 0x10000) {
             AppendUnit(csBytes, 0xD800 + ((nChar - 0x10000) >> 10));
             nChar = 0xDC00 + (nChar & 0x3FF);
@@ -216,7 +218,8 @@ std::size_t nCutUTF8(std::string_view csBytes, std::size_t nMax) noexcept
         return csBytes.size();
     }
 
-    // A character has at most three continuation bytes. A longer row of them is no character to keep whole.
+    // Go back over the continuation bytes of the character at the cut. A character has at most three; a
+    // longer row is no character, and is cut at nMax.
     std::size_t nCut = nMax;
     for (int n = 0; n < 3 && nCut > 0 && (nByte(csBytes[nCut]) & 0xC0) == 0x80; ++n) {
         --nCut;

@@ -38,6 +38,6 @@ std::wstring csFromUTF16(const void* pUnits, std::size_t nUnits);
 /// U+10FFFF becomes U+FFFD.
 std::string csToUTF16(std::wstring_view csText);
 
-/// Length of the longest prefix of UTF-8 text that has at most nMax bytes and does not end inside a
+/// Length in bytes of the longest prefix of UTF-8 text that has at most nMax bytes and does not end inside a
 /// character.
 std::size_t nCutUTF8(std::string_view csBytes, std::size_t nMax) noexcept;

@@ -14,7 +14,7 @@
 #include <vector>
 
 namespace {
-constexpr std::size_t s_nMaxNumber = 99; ///< of an insert: two digits
+constexpr std::size_t s_nMaxNumber = 99; ///< of an insert: its number has one or two digits
 /// Limit of widths and precisions: a wrong format must not cost memory.
 constexpr int s_nMaxWidth = 1000;
 
@@ -34,11 +34,11 @@ struct STInsert
     std::size_t nNumber = 0;
     EArg eArg = EArg::WIDE;
     char cConversion = 's'; ///< a printf conversion of integers, 's' or 'c'
-    bool bShort = false;
-    bool bWideChar = true; ///< of 'c'
-    std::string csFlags;
-    int nWidth = 0;
-    int nPrecision = -1;
+    bool bShort = false;    ///< prefix "h"; of integers: 16 bits
+    bool bWideChar = true;  ///< of 'c'
+    std::string csFlags;    ///< each of "-+ #0" at most once
+    int nWidth = 0;         ///< characters; 0: none
+    int nPrecision = -1;    ///< -1: none
 };
 
 /// An argument; its EArg says which member counts.
@@ -98,10 +98,11 @@ private:
     /// Takes the prefix and the conversion, which must end the type.
     bool _bReadConversion(STInsert* pstInsert)
     {
-        // "l" matters for strings and characters only: an integer has 32 bits with or without it.
+        // "I32", "l" and "w" matter for strings and characters only, which they make wide: an integer has 32
+        // bits with or without them.
         const bool b64 = _bTake(L"I64") || _bTake(L"ll");
-        const bool bLong = !b64 && (_bTake(L"I32") || _bTake(L"l") || _bTake(L"w"));
-        pstInsert->bShort = !b64 && !bLong && _bTake(L"h");
+        const bool bWidePrefix = !b64 && (_bTake(L"I32") || _bTake(L"l") || _bTake(L"w"));
+        pstInsert->bShort = !b64 && !bWidePrefix && _bTake(L"h");
         if (m_csType.size() != 1) {
             return false;
         }
@@ -118,19 +119,23 @@ private:
         }
 
         // A prefix decides whether the characters are wide; without one the case of the letter does.
-        const bool bWide = bLong || (!pstInsert->bShort && (c == L's' || c == L'c'));
+        _SetTextType(c, bWidePrefix || (!pstInsert->bShort && (c == L's' || c == L'c')), pstInsert);
+        return true;
+    }
+    /// Makes the insert a string or, for "c" and "C", a character, which an argument list passes as an int.
+    static void _SetTextType(wchar_t c, bool bWide, STInsert* pstInsert)
+    {
         const bool bChar = c == L'c' || c == L'C';
         pstInsert->cConversion = bChar ? 'c' : 's';
         pstInsert->bWideChar = bWide;
         pstInsert->eArg = bChar ? EArg::INT32 : bWide ? EArg::WIDE : EArg::NARROW;
-        return true;
     }
 
     std::wstring_view m_csType;
 };
 
-/// Reads an insert that begins at the digit nPos and advances past it. Returns false when its type is
-/// unknown; the position is then just after the number.
+/// Reads an insert whose number begins at nPos and advances past it. Returns false when its type is unknown
+/// or does not end; the position is then just after the number.
 bool bReadInsert(std::wstring_view csFormat, std::size_t& nPos, STInsert* pstInsert)
 {
     pstInsert->nNumber = static_cast<std::size_t>(csFormat[nPos++] - L'0');
@@ -214,12 +219,11 @@ std::wstring csArgument(const UArg& uArg, const STInsert& stInsert)
         return csPadded(csStringArg(uArg.p, stInsert), stInsert);
     }
 
-    // An argument list passes a character as an integer.
     if (stInsert.cConversion == 'c') {
         const char cNarrow = static_cast<char>(uArg.n32);
-        return csPadded(stInsert.bWideChar ? std::wstring(1, static_cast<wchar_t>(uArg.n32))
-                                           : csWide({&cNarrow, 1}, CP_SYSTEM),
-                        stInsert);
+        const std::wstring csCharacter = stInsert.bWideChar ? std::wstring(1, static_cast<wchar_t>(uArg.n32))
+                                                            : csWide({&cNarrow, 1}, CP_SYSTEM);
+        return csPadded(csCharacter, stInsert);
     }
 
     return csInteger(uArg, stInsert);
@@ -291,7 +295,7 @@ private:
             }
 
             STInsert stInsert;
-            if (bReadInsert(csFormat, nPos, &stInsert) && bInserts && _bAgrees(stInsert)) {
+            if (bReadInsert(csFormat, nPos, &stInsert) && bInserts && _bNoteType(stInsert)) {
                 m_tPieces.back().stInsert = std::move(stInsert);
                 m_tPieces.emplace_back();
             } else {
@@ -300,9 +304,9 @@ private:
         }
     }
 
-    /// Whether the insert has the type of the first insert with its number: that one decides how the argument
-    /// is taken.
-    bool _bAgrees(const STInsert& stInsert)
+    /// Notes the type of the first insert with a number, which decides how the argument is taken. False when
+    /// a later insert with this number has another type.
+    bool _bNoteType(const STInsert& stInsert)
     {
         EArg& eArg = m_tTypes[stInsert.nNumber];
         if (eArg == EArg::NONE) {
@@ -326,7 +330,7 @@ private:
             case EArg::INT64:
                 m_tArgs[n].n64 = va_arg(pCopy, std::int64_t);
                 break;
-            default: // texts; also arguments that no insert uses: each is skipped as if it were a pointer
+            default: // a text, or NONE: an argument that no insert uses is passed over as a pointer
                 m_tArgs[n].p = va_arg(pCopy, const void*);
             }
         }

@@ -26,7 +26,7 @@ enum EUserError : unsigned int
     USER_ERROR_SETTING = 3, ///< a setting cannot be written
 };
 
-/// Number of the message of "user error n" of a module.
+/// Number of the message of "user error n" of a module: the numbers from 3856 on are theirs.
 constexpr unsigned int nUserErrorMessage(unsigned int nCode)
 {
     return 3856 + nCode;

@@ -4,8 +4,8 @@
 #include <string_view>
 
 namespace {
-/// U+00C0 to U+00FF without accents and in lower case. Letters without a plain form (ae, eth, thorn, sharp s)
-/// are in lower case only; the two signs among them are unchanged.
+/// U+00C0 to U+00FF without accents and in lower case. Letters without a plain form (ae, eth, o with stroke,
+/// thorn, sharp s) are in lower case only; the signs of multiplication and division are unchanged.
 constexpr wchar_t s_szLatin[] = L"aaaaaa\xE6"
                                 L"ceeeeiiii\xF0"
                                 L"nooooo\xD7\xF8uuuuy\xFE\xDF"

@@ -12,7 +12,8 @@ namespace {
 constexpr std::size_t s_nMaxCpuLine = 200;
 constexpr std::size_t s_nMaxMemLine = 256;
 
-/// Takes a number and the whitespace before it off the front. Nothing when there is none or it is too large.
+/// Takes a number, with the spaces and tabs before it, off the front. None when no number is there, or one
+/// that is too large for the type.
 template <class TNumber>
 std::optional<TNumber> nTakeNumber(std::string_view& csText)
 {
@@ -47,7 +48,7 @@ void ParseCpuLine(std::string_view csLine, STCpuInfo* pstInfo)
     }
 }
 
-/// Reads nCount numbers after a word at the line's beginning; false when they are not all there.
+/// Reads nCount numbers after a word at the line's beginning; false when the word or one of them is missing.
 template <std::size_t nCount>
 bool bNumbersAfter(std::string_view csLine, std::string_view csWord,
                    std::array<std::uint64_t, nCount>* ptNumbers)
@@ -68,6 +69,7 @@ bool bNumbersAfter(std::string_view csLine, std::string_view csWord,
     return true;
 }
 
+/// Takes over what a line says. Each line begins with one of the words below, or with none.
 void ParseMemLine(std::string_view csLine, tagMEMORYSTATUSEX* pst)
 {
     struct STField
@@ -97,8 +99,8 @@ void ParseMemLine(std::string_view csLine, tagMEMORYSTATUSEX* pst)
         pst->qwFreeSwap += tSwap[2];
     }
 
-    // Today's have a line for each figure, in KiB. Buffers and Cached count as free: they are added to
-    // MemFree, whose line comes first.
+    // Today's kernels have a line for each figure, in KiB. Buffers and Cached count as free: they are added
+    // to MemFree, whose line comes first.
     std::array<std::uint64_t, 1> tKiB{};
     for (const STField& stField : s_tFields) {
         if (bNumbersAfter(csLine, stField.csWord, &tKiB) && tKiB[0] <= UINT64_MAX / 1024) {
@@ -107,7 +109,8 @@ void ParseMemLine(std::string_view csLine, tagMEMORYSTATUSEX* pst)
     }
 }
 
-/// Percent of memory and swap in use; 0 where the figures contradict each other.
+/// Percent of memory and swap in use; 0 where the figures contradict each other. Divides by a hundredth of
+/// the total, since 100 times the bytes in use might overflow.
 std::uint32_t dwLoad(const tagMEMORYSTATUSEX& st)
 {
     const std::uint64_t qwTotal = st.qwTotalPhys + st.qwTotalSwap;

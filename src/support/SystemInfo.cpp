@@ -25,7 +25,7 @@ struct STMemoryCache
     std::time_t nSecond = -1;
 };
 
-/// Reads /proc, or where that is not mounted asks sysinfo(), which counts the page cache as used memory.
+/// Reads /proc/meminfo. Where it cannot be read, asks sysinfo(), which counts the page cache as used memory.
 void ReadMemoryStatus(tagMEMORYSTATUSEX* pst)
 {
     std::string csText;
@@ -71,7 +71,7 @@ void AddCPUInfo(CTString* pcsText)
 {
     std::string csText;
     CDiskFile::bReadFile(L"/proc/cpuinfo", &csText);
-    const STCpuInfo stInfo = stParseCpuInfo(csText); // of an empty text when there is no /proc
+    const STCpuInfo stInfo = stParseCpuInfo(csText); // without /proc the text is empty, and the count 0
 
     if (stInfo.nCount == 0) {
         *pcsText += L"?";

@@ -10,9 +10,9 @@ std::wstring CXError::csGetSystemMessage() const
     return m_nSystem != 0 ? csSystemMessage(m_nSystem) : std::wstring();
 }
 
-void CXError::SetUserError(unsigned int nCode, std::wstring csMessage)
+void CXError::SetUserError(unsigned int nMessageId, std::wstring csMessage)
 {
-    m_nUser = nCode;
+    m_nMessageId = nMessageId;
     m_csMessage = std::move(csMessage);
 }
 
@@ -36,7 +36,9 @@ std::wstring CXError::StringDump(unsigned int nMask) const
         }
     }
     if ((nMask & INFO_MODULE) != 0 && !m_csModule.empty()) {
-        AddLine(L"Module " + m_csModule + (m_nUser != 0 ? L", message " + std::to_wstring(m_nUser) : L""));
+        const std::wstring csMessageId =
+            m_nMessageId != 0 ? L", message " + std::to_wstring(m_nMessageId) : std::wstring();
+        AddLine(L"Module " + m_csModule + csMessageId);
     }
 
     return csDump;

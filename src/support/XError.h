@@ -18,6 +18,7 @@ public:
         INFO_MODULE = 0x8,
     };
 
+    /// Whether there is an error: a system error or a message.
     bool bIsSet() const noexcept { return m_nSystem != 0 || !m_csMessage.empty(); }
     void Clear() { *this = CXError(); }
 
@@ -27,8 +28,8 @@ public:
     /// The C library's text for the system error; empty when there is none.
     std::wstring csGetSystemMessage() const;
 
-    /// The message for people, and its number in the module's messages (0 is none).
-    void SetUserError(unsigned int nCode, std::wstring csMessage);
+    /// The message for people, and its number among the module's messages (0 is none).
+    void SetUserError(unsigned int nMessageId, std::wstring csMessage);
     const std::wstring& csGetMessage() const noexcept { return m_csMessage; }
 
     /// The module whose messages the error's number belongs to.
@@ -41,7 +42,7 @@ public:
 
 private:
     int m_nSystem = 0;
-    unsigned int m_nUser = 0;
+    unsigned int m_nMessageId = 0;
     std::wstring m_csMessage;
     std::wstring m_csModule;
     std::vector<std::wstring> m_tDebug;

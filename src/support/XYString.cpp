@@ -19,7 +19,8 @@ void CTString::Format(const wchar_t* pszFormat, ...)
 void CTString::FormatV(const wchar_t* pszFormat, va_list pArgs)
 {
     // The result goes to a new string first, since an argument may point into this one. vswprintf does not
-    // say how much room it needs, hence the tries.
+    // say how much room it needs, hence the tries. Nor does it set errno for lack of room: without errno = 0
+    // an old EILSEQ would end the tries.
     std::wstring csResult;
     for (std::size_t nSize = 256; nSize <= s_nMaxFormatted; nSize *= 4) {
         csResult.resize(nSize);
