@@ -12,7 +12,8 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
-#include <set>
+#include <map>
+#include <optional>
 
 namespace {
 using CClock = std::chrono::steady_clock;
@@ -40,12 +41,12 @@ std::string csSome(const std::vector<std::string>& tNames, std::size_t nAll)
     return nAll > nShown ? cs + " and " + std::to_string(nAll - nShown) + " more" : cs;
 }
 
-/// What the progress says, as far as the terminal has room for it.
+/// The line of progress, in one line of the terminal: without the last column, where some terminals wrap.
 std::string csProgress(const std::vector<STHostAnswer>& tAnswers, const std::vector<bool>& tDone,
                        Milliseconds clPassed)
 {
     const auto nDone = static_cast<std::size_t>(std::ranges::count(tDone, true));
-    std::vector<std::string> tWaiting;
+    std::vector<std::string> tWaiting; // the first few
     for (std::size_t n = 0; n < tAnswers.size() && tWaiting.size() < s_nMostShown; ++n) {
         if (!tDone[n]) {
             tWaiting.push_back(csWhere(tAnswers[n].stHost));
@@ -62,27 +63,24 @@ std::string csProgress(const std::vector<STHostAnswer>& tAnswers, const std::vec
     return csCut(csShown(cs), stTerminalSize().nColumns - 1);
 }
 
-/// Passes the answers on in the order of the hosts.
+/// Passes the answers on, each once: in the order of the hosts, as far as they need not wait for a slow one.
 class CInOrder
 {
 public:
     CInOrder(std::size_t nHosts, bool bAsTheyCome, const CTakeAnswers& fnTake)
         : m_tTaken(nHosts), m_bAsTheyCome(bAsTheyCome), m_fnTake(fnTake)
     {}
+    /// A look at the answers so far, as CFanOut::Look.
     void Take(const std::vector<STHostAnswer>& tAnswers, const std::vector<bool>& tDone,
               CProgress* pclProgress)
     {
         const bool bAll = std::ranges::find(tDone, false) == tDone.end();
         const Milliseconds clPassed = std::chrono::duration_cast<Milliseconds>(CClock::now() - m_clStart);
-        std::vector<const STHostAnswer*> tReady;
 
-        // Until the grace is over all wait for each other, as only so their order is that of the hosts.
-        for (std::size_t n = 0; n < tAnswers.size() && (bAll || (m_bAsTheyCome && clPassed >= s_clGrace));
-             ++n) {
-            if (tDone[n] && !m_tTaken[n]) {
-                m_tTaken[n] = true;
-                tReady.push_back(&tAnswers[n]);
-            }
+        // Until the grace is over the answers wait for each other, as only so they come in the hosts' order.
+        std::vector<const STHostAnswer*> tReady;
+        if (bAll || (m_bAsTheyCome && clPassed >= s_clGrace)) {
+            tReady = _tNewlyDone(tAnswers, tDone);
         }
 
         if (!tReady.empty()) {
@@ -96,39 +94,64 @@ public:
     }
 
 private:
+    std::vector<const STHostAnswer*> _tNewlyDone(const std::vector<STHostAnswer>& tAnswers,
+                                                 const std::vector<bool>& tDone)
+    {
+        std::vector<const STHostAnswer*> tReady;
+        for (std::size_t n = 0; n < tAnswers.size(); ++n) {
+            if (tDone[n] && !m_tTaken[n]) {
+                m_tTaken[n] = true;
+                tReady.push_back(&tAnswers[n]);
+            }
+        }
+        return tReady;
+    }
+
     const CClock::time_point m_clStart = CClock::now();
-    std::vector<bool> m_tTaken;
+    std::vector<bool> m_tTaken; ///< by host: its answer has been passed on
     const bool m_bAsTheyCome;
-    const CTakeAnswers& m_fnTake;
+    const CTakeAnswers& m_fnTake; ///< the caller's
 };
+
+/// A failure, with the servers of one host that share it.
+struct STSharedFailure
+{
+    std::string csText;
+    std::vector<std::string> tNames;
+    bool bRefused = false;
+};
+
+/// The failures of a host's servers, each text once, in the order of the servers.
+std::vector<STSharedFailure> tSharedFailures(const STHostAnswer& stHost)
+{
+    std::vector<STSharedFailure> tResult;
+    std::map<std::string, std::size_t> tPlaces; // by text; a hostile manager may list very many servers
+    for (const STServerAnswer& st : stHost.tServers) {
+        if (st.clFailure.has_value()) {
+            const auto [it, bNew] = tPlaces.emplace(st.clFailure->what(), tResult.size());
+            if (bNew) {
+                tResult.push_back({it->first, {}, false});
+            }
+
+            STSharedFailure& stShared = tResult[it->second];
+            stShared.tNames.push_back(st.stServer.csName);
+            stShared.bRefused = stShared.bRefused || st.clFailure->eExit() == EExit::REFUSED;
+        }
+    }
+    return tResult;
+}
 
 /// Adds one line for all servers of a host that share a failure: a silent manager fails for each of its
 /// servers.
-void AddServerTroubles(const STHostAnswer& st, bool bMany, std::vector<std::string>* ptLines)
+void AddServerTroubles(const STHostAnswer& stHost, bool bMany, std::vector<std::string>* ptLines)
 {
-    std::vector<std::string> tTexts;
-    std::map<std::string, std::vector<std::string>> tNames; // by text
-    std::set<std::string> tRefused;
-    for (const STServerAnswer& stServer : st.tServers) {
-        if (stServer.clFailure.has_value()) {
-            const std::string csText = stServer.clFailure->what();
-            if (tNames[csText].empty()) {
-                tTexts.push_back(csText);
-            }
-            tNames[csText].push_back(stServer.stServer.csName);
-            if (stServer.clFailure->eExit() == EExit::REFUSED) {
-                tRefused.insert(csText);
-            }
+    for (const STSharedFailure& st : tSharedFailures(stHost)) {
+        if (st.bRefused) {
+            ptLines->push_back(st.csText); // the text of a refusal names machine and server itself
+        } else {
+            ptLines->push_back((bMany ? csWhere(stHost.stHost) + ": " : "") +
+                               csSome(st.tNames, st.tNames.size()) + ": " + st.csText);
         }
-    }
-
-    for (const std::string& csText : tTexts) {
-        if (tRefused.contains(csText)) {
-            ptLines->push_back(csText); // the text of a refusal names machine and server itself
-            continue;
-        }
-        ptLines->push_back((bMany ? csWhere(st.stHost) + ": " : "") +
-                           csSome(tNames[csText], tNames[csText].size()) + ": " + csText);
     }
 }
 
@@ -140,8 +163,8 @@ std::vector<std::string> tUnmatched(const std::vector<STHostAnswer>& tAnswers, c
         const CSelection clWord({csWord});
         const bool bSeen = std::ranges::any_of(tAnswers, [&](const STHostAnswer& st) {
             return st.clFailure.has_value() ||
-                   std::ranges::any_of(st.tServers, [&](const STServerAnswer& cl) {
-                       return clWord.bHas(cl.stServer.csName);
+                   std::ranges::any_of(st.tServers, [&](const STServerAnswer& stServer) {
+                       return clWord.bHas(stServer.stServer.csName);
                    });
         });
         if (!bSeen) {
@@ -152,10 +175,28 @@ std::vector<std::string> tUnmatched(const std::vector<STHostAnswer>& tAnswers, c
     return tWords;
 }
 
+/// Adds a line for each machine that gave no answer, after a line that counts them.
+void AddSilentHosts(const std::vector<STHostAnswer>& tAnswers, std::vector<std::string>* ptLines)
+{
+    const bool bMany = tAnswers.size() > 1;
+    const auto nSilent =
+        std::ranges::count_if(tAnswers, [](const STHostAnswer& st) { return st.clFailure.has_value(); });
+    if (nSilent > 0 && bMany) {
+        ptLines->push_back(std::to_string(nSilent) + " of " + std::to_string(tAnswers.size()) +
+                           " machines gave no answer:");
+    }
+
+    for (const STHostAnswer& st : tAnswers) {
+        if (st.clFailure.has_value()) {
+            ptLines->push_back((bMany ? csWhere(st.stHost) + ": " : "") + st.clFailure->what());
+        }
+    }
+}
+
 /// Bytes of a hosts file, many times what the largest fleet needs: a device in its place may never end.
 constexpr std::size_t s_nMaxHostsFile = 4 << 20;
 
-/// What the file holds. A FIFO is read to its end, so that a shell's process substitution works.
+/// The file's bytes. A FIFO is read to its end, so that a shell's process substitution works.
 std::string csReadHosts(const std::string& csFile)
 {
     std::ifstream clFile(csFile);
@@ -174,13 +215,29 @@ std::string csReadHosts(const std::string& csFile)
     }
     return csText;
 }
+
+/// Adds the machines that the lists and groups of the options name.
+void AddNamedHosts(const STOptions& stOptions, const CHostsFile& clFile, std::vector<STHost>* ptHosts)
+{
+    for (const std::string& csList : stOptions.tHosts) {
+        for (const std::string& csName : tExpandList(csList)) {
+            AddHost(clFile.stFind(csArgument(csName)), stOptions, ptHosts);
+        }
+    }
+
+    for (const std::string& csGroup : tItems(stOptions.tGroups)) {
+        for (const STHost& st : clFile.tGroup(csGroup)) {
+            AddHost(st, stOptions, ptHosts);
+        }
+    }
+}
 } // namespace
 
 CHostsFile clReadHostsFile(const STOptions& stOptions)
 {
-    const char* const pszUsual = std::getenv("VELMO_HOSTS");
+    const char* const pszDefault = std::getenv("VELMO_HOSTS");
     const std::string csFile =
-        stOptions.csHostsFile.empty() && pszUsual != nullptr ? pszUsual : stOptions.csHostsFile;
+        stOptions.csHostsFile.empty() && pszDefault != nullptr ? pszDefault : stOptions.csHostsFile;
     if (csFile.empty()) {
         return {};
     }
@@ -191,36 +248,27 @@ CHostsFile clReadHostsFile(const STOptions& stOptions)
 std::vector<STHost> tHostsOf(const STOptions& stOptions)
 {
     const CHostsFile clFile = clReadHostsFile(stOptions);
-    std::vector<STHost> tHosts;
-    for (const std::string& csList : stOptions.tHosts) {
-        for (const std::string& csName : tExpandList(csList)) {
-            AddHost(clFile.stFind(csArgument(csName)), stOptions, &tHosts);
-        }
-    }
-
-    for (const std::string& csGroup : tItems(stOptions.tGroups)) {
-        for (const STHost& st : clFile.tGroup(csGroup)) {
-            AddHost(st, stOptions, &tHosts);
-        }
+    const bool bNamed = !stOptions.tHosts.empty() || !stOptions.tGroups.empty();
+    const bool bFileGiven = !stOptions.csHostsFile.empty(); // by the user: VELMO_HOSTS alone asks nobody
+    if (!bNamed && !bFileGiven) {
+        return {STHost{"", "", stOptions.wPort}};
     }
 
     // The file alone means all its machines. With names or groups it only says what they stand for: a command
     // that changes something must not reach more machines than were named.
-    if (stOptions.tHosts.empty() && stOptions.tGroups.empty() && !stOptions.csHostsFile.empty()) {
+    std::vector<STHost> tHosts;
+    if (bNamed) {
+        AddNamedHosts(stOptions, clFile, &tHosts);
+    } else {
         for (const STHost& st : clFile.tAll()) {
             AddHost(st, stOptions, &tHosts);
         }
     }
 
-    const bool bNamed =
-        !stOptions.tHosts.empty() || !stOptions.tGroups.empty() || !stOptions.csHostsFile.empty();
-    if (bNamed && tHosts.empty()) {
+    if (tHosts.empty()) { // an empty list, an empty group or an empty file
         throw CFailure(EExit::USAGE, "no machine is named");
     }
 
-    if (!bNamed) {
-        tHosts.push_back({"", "", stOptions.wPort});
-    }
     return tHosts;
 }
 
@@ -248,7 +296,7 @@ bool CSelection::bExact() const
 bool CSelection::bHas(const std::string& csServer) const
 {
     return std::ranges::any_of(m_tWords, [&](const std::string& cs) {
-        return cs == csServer || ::fnmatch(cs.c_str(), csServer.c_str(), 0) == 0;
+        return cs == csServer || ::fnmatch(cs.c_str(), csServer.c_str(), 0) == 0; // a name may have brackets
     });
 }
 
@@ -283,14 +331,14 @@ STQuestions stStateQuestions(const STCall& stCall)
     return st;
 }
 
-/// Managers report a failed server as stopped. Without bLong only the stopped ones are looked up: that is all
-/// the short form shows, and each lookup takes time.
 void AddFacts(STHostAnswer* pstHost, bool bLong, Milliseconds clTime)
 {
     if (!bThisMachine(pstHost->stHost)) {
         return;
     }
 
+    // Managers report a failed server as stopped. The short form shows no other fact, so only the stopped
+    // servers are looked up for it: each lookup takes time.
     std::vector<std::string> tNames;
     for (const STServerAnswer& st : pstHost->tServers) {
         if (bLong || st.csState == "stopped") {
@@ -299,13 +347,13 @@ void AddFacts(STHostAnswer* pstHost, bool bLong, Milliseconds clTime)
     }
 
     const STLocalAnswer stLocal = stAskFacts(tNames, bLong, clTime);
-    const std::map<std::string, STFacts>& tFacts = stLocal.tFacts;
     pstHost->bFactsMissing = !stLocal.bWhole;
     for (STServerAnswer& st : pstHost->tServers) {
-        const auto it = tFacts.find(st.stServer.csName);
-        if (it == tFacts.end()) {
+        const auto it = stLocal.tFacts.find(st.stServer.csName);
+        if (it == stLocal.tFacts.end()) {
             continue;
         }
+
         if (it->second.bFailed && st.csState == "stopped") {
             st.csState = "failed";
         }
@@ -341,18 +389,7 @@ std::vector<std::string> tTroubles(const std::vector<STHostAnswer>& tAnswers, co
         }
     }
 
-    const auto nSilent =
-        std::ranges::count_if(tAnswers, [](const STHostAnswer& st) { return st.clFailure.has_value(); });
-    if (nSilent > 0 && bMany) {
-        tLines.push_back(std::to_string(nSilent) + " of " + std::to_string(tAnswers.size()) +
-                         " machines gave no answer:");
-    }
-
-    for (const STHostAnswer& st : tAnswers) {
-        if (st.clFailure.has_value()) {
-            tLines.push_back((bMany ? csWhere(st.stHost) + ": " : "") + st.clFailure->what());
-        }
-    }
+    AddSilentHosts(tAnswers, &tLines);
 
     for (const std::string& csWord : tUnmatched(tAnswers, clSelection)) {
         tLines.push_back("no server" +
@@ -366,10 +403,13 @@ std::vector<std::string> tTroubles(const std::vector<STHostAnswer>& tAnswers, co
 EExit eWorstOf(const std::vector<STHostAnswer>& tAnswers, const CSelection& clSelection)
 {
     EExit eWorst = tUnmatched(tAnswers, clSelection).empty() ? EExit::DONE : EExit::REFUSED;
+    const auto fnAdd = [&eWorst](const std::optional<CFailure>& clFailure) {
+        eWorst = clFailure.has_value() ? eWorse(eWorst, clFailure->eExit()) : eWorst;
+    };
     for (const STHostAnswer& st : tAnswers) {
-        eWorst = st.clFailure.has_value() ? eWorse(eWorst, st.clFailure->eExit()) : eWorst;
+        fnAdd(st.clFailure);
         for (const STServerAnswer& stServer : st.tServers) {
-            eWorst = stServer.clFailure.has_value() ? eWorse(eWorst, stServer.clFailure->eExit()) : eWorst;
+            fnAdd(stServer.clFailure);
         }
     }
     return eWorst;
