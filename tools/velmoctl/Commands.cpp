@@ -26,7 +26,7 @@ struct STCommand
 using namespace std::chrono_literals;
 /// A start or a stop waits for the service manager, which gives a service a minute and a half.
 constexpr Milliseconds s_clQuestion = 10s, s_clChange = 120s, s_clSearch = 5s;
-constexpr std::size_t s_nMany = 10'000;
+constexpr std::size_t s_nMany = 10'000; // words: as many as anybody types, or a script collects
 
 constexpr STCommand s_tCommands[] = {
     {"info", "", 0, 0, s_clQuestion, eInfo, "version, machine and servers of a manager"},
@@ -46,15 +46,16 @@ constexpr STCommand s_tCommands[] = {
     {"lint", "FILE", 1, 1, s_clQuestion, eLint, "look for faults in a DXConf.ini"},
     {"shell", "", 0, 0, s_clQuestion, eShell, "commands at a prompt"},
 };
-/// Called by the completion scripts of the shells with the words of a line; completes the last one.
-constexpr STCommand s_stComplete = {"complete", "[WORD...]", 0, s_nMany, 2s, eComplete, ""};
+/// Called by the completion scripts of the shells with the words of a line; completes the last one. Its
+/// look-ups have a time limit of their own.
+constexpr STCommand s_stComplete = {"complete", "[WORD...]", 0, s_nMany, 0s, eComplete, ""};
 constexpr const char *s_pszHelp = "help", *s_pszHelpFlags = "-h,--help", *s_pszHelpText = "this text";
 
 /// Writes the usage line as the man page does.
 class CHelp : public CLI::Formatter
 {
 public:
-    CHelp() { column_width(32); }
+    CHelp() { column_width(32); } // wide enough for the longest option
     std::string make_usage(const CLI::App* pclParser, std::string /*csName*/) const override
     {
         const std::string& csCommand = pclParser->get_name();
@@ -72,7 +73,8 @@ class CReader
 public:
     explicit CReader(const STOptions& stDefaults) : m_stDefaults(stDefaults), m_stOptions(stDefaults)
     {
-        // Lists add up within a line, but replace those of the defaults; see _TakeDefaults.
+        // A line that names machines replaces those of the defaults, so it begins without any; _TakeDefaults
+        // puts them back where the line names none.
         m_stOptions.tHosts.clear();
         m_stOptions.tGroups.clear();
         m_stOptions.csHostsFile.clear();
@@ -92,7 +94,7 @@ public:
         _Add(s_stComplete, "");
         m_clParser.add_subcommand(s_pszHelp, "what a command does and which options it has")
             ->group("Commands")
-            ->add_option("COMMAND", m_tHelp);
+            ->add_option("COMMAND", m_csHelpAbout);
         m_clParser.require_subcommand(0, 1);
     }
 
@@ -111,9 +113,11 @@ public:
             throw CFailure(EExit::USAGE, "which command? See velmoctl --help");
         }
 
-        _CheckUse();
+        _CheckOptions();
+        _CheckWords();
         _TakeDefaults();
         SetColours(!m_stOptions.bNoColor);
+
         const Milliseconds clOwn(std::lround(m_stOptions.dTimeout * 1000));
         return m_pstCommand->pfn(
             {m_stOptions, m_tWords, clOwn > Milliseconds::zero() ? clOwn : m_pstCommand->clTimeout});
@@ -134,7 +138,8 @@ private:
         pcl->callback([this, &st] { m_pstCommand = &st; });
     }
 
-    /// The library gets the words in reverse, and only those before "--": what follows is never an option.
+    /// Throws CFailure (USAGE). The library wants the words in reverse. It gets only those before "--": what
+    /// follows is never an option.
     void _Parse(const std::vector<std::string>& tArguments)
     {
         const auto itEnd = std::ranges::find(tArguments, "--");
@@ -168,7 +173,7 @@ private:
     {
         return csWord.size() > 1 && csWord[0] == s_cGuard && csWord[1] == '[' ? csWord.substr(1) : csWord;
     }
-    /// Undoes it wherever the library may have put the word.
+    /// Takes the guards away again, wherever the library may have put a guarded word.
     void _Unguard()
     {
         STOptions& st = m_stOptions;
@@ -176,11 +181,13 @@ private:
              {&m_tWords, &st.tHosts, &st.tGroups, &st.tStates, &st.tColumns, &st.tSort, &st.tIgnore}) {
             std::ranges::transform(*pt, pt->begin(), _csUnguarded);
         }
-        for (auto* const pcs : {&st.csHostsFile, &st.csWarning, &st.csCritical, &st.csOutput, &m_tHelp}) {
+        for (auto* const pcs :
+             {&st.csHostsFile, &st.csWarning, &st.csCritical, &st.csOutput, &m_csHelpAbout}) {
             *pcs = _csUnguarded(*pcs);
         }
     }
 
+    /// The words for a line that the library refused. It would call an unknown command an extra argument.
     std::string _csFault(const CLI::ParseError& clError) const
     {
         const std::vector<std::string> tLeft = m_clParser.remaining();
@@ -190,9 +197,9 @@ private:
         return csArgument(clError.what()) + "; see velmoctl --help";
     }
 
-    /// Throws CFailure (USAGE) for a wrong number of words, and for an option before the command that belongs
-    /// to another command: the library accepts all options there.
-    void _CheckUse() const
+    /// Throws CFailure (USAGE) for an option in front of the command that only other commands have: the
+    /// library accepts all options there.
+    void _CheckOptions() const
     {
         const std::vector<std::string> tKnown = tOptionsOf(m_pstCommand->pszName);
         for (const CLI::Option* const pcl : m_clParser.get_options()) {
@@ -202,7 +209,11 @@ private:
                                "\"" + std::string(m_pstCommand->pszName) + "\" has no option " + csName);
             }
         }
+    }
 
+    /// Throws CFailure (USAGE) for too few or too many words.
+    void _CheckWords() const
+    {
         if (m_tWords.size() < m_pstCommand->nFewest || m_tWords.size() > m_pstCommand->nMost) {
             const std::string csWords = m_pstCommand->pszArguments;
             throw CFailure(EExit::USAGE, std::string("usage: velmoctl ") + m_pstCommand->pszName +
@@ -210,8 +221,8 @@ private:
         }
     }
 
-    /// A line that names no machine asks those of the defaults; a line with only a group means a group of
-    /// their hosts file.
+    /// A line that names no machine asks those of the defaults. A line with only a group means that group in
+    /// the defaults' hosts file, so it takes the file but not the defaults' machines and groups.
     void _TakeDefaults()
     {
         if (m_stOptions.tHosts.empty() && m_stOptions.csHostsFile.empty()) {
@@ -225,14 +236,14 @@ private:
 
     std::string _csHelp()
     {
-        if (m_tHelp.empty()) {
+        if (m_csHelpAbout.empty()) {
             return m_clParser.help();
         }
-        if (csArgumentKinds(m_tHelp).empty() && !_bCommand(m_tHelp)) {
+        if (!_bCommand(m_csHelpAbout)) {
             throw CFailure(EExit::USAGE,
-                           "unknown command \"" + csArgument(m_tHelp) + "\"; see velmoctl --help");
+                           "unknown command \"" + csArgument(m_csHelpAbout) + "\"; see velmoctl --help");
         }
-        return m_clParser.get_subcommand(m_tHelp)->help();
+        return m_clParser.get_subcommand(m_csHelpAbout)->help();
     }
 
     static bool _bCommand(const std::string& csName)
@@ -241,19 +252,20 @@ private:
         return std::ranges::find(tNames, csName) != tNames.end();
     }
 
-    static constexpr char s_cGuard = '\x01';
+    static constexpr char s_cGuard = '\x01'; // nobody types it in front of a bracket
 
-    const STOptions& m_stDefaults;
+    const STOptions& m_stDefaults; ///< the caller's
     STOptions m_stOptions;
-    const STCommand* m_pstCommand = nullptr;
-    std::vector<std::string> m_tWords; ///< those that are neither command nor option
-    std::string m_tHelp;               ///< the command that help is asked about
-    bool m_bHelp = false;
+    const STCommand* m_pstCommand = nullptr; ///< set by the library's callback
+    std::vector<std::string> m_tWords;       ///< those that are neither command nor option
+    std::string m_csHelpAbout;               ///< the command that help is asked about; empty: all
+    bool m_bHelp = false;                    ///< "--help" was given
     CLI::App m_clParser{"Talks to VelmoManagers, the managers of machines' database servers.", "velmoctl"};
 };
 
-/// Reports a failure in words on standard error, and for programs as a value on standard output.
-EExit eTell(const CFailure& clFailure, bool bJson)
+/// Reports a failure in words on standard error, and for programs as a value on standard output: but a
+/// wrong command line in words alone.
+EExit eTellFailure(const CFailure& clFailure, bool bJson)
 {
     if (bJson && clFailure.eExit() != EExit::USAGE) {
         std::cout << csJsonLine({{"error", clJsonFailure(clFailure)}});
@@ -271,7 +283,7 @@ EExit eExecute(const std::vector<std::string>& tArguments, const STOptions& stDe
     try {
         eResult = clReader.eRun(tArguments);
     } catch (const CFailure& clFailure) {
-        eResult = clReader.bPlugin() ? eTellMonitoring(clFailure) : eTell(clFailure, clReader.bJson());
+        eResult = clReader.bPlugin() ? eTellMonitoring(clFailure) : eTellFailure(clFailure, clReader.bJson());
     }
 
     // A full disk shows only now; a script that reads the output must not take it for whole.

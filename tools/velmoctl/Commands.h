@@ -11,19 +11,21 @@ struct STCall
 {
     STOptions stOptions;
     std::vector<std::string> tArguments; ///< as many as the command's row says, bytes as they were given
-    Milliseconds clTimeout;              ///< for one machine: the user's, or else the command's own
+    Milliseconds clTimeout; ///< the user's, or else the command's own; velmoctl(1) says what each limits
 };
 
-/// Runs one command line; the defaults hold for what it does not say. Writes results to standard output,
-/// reports failures on standard error, and returns the exit status.
+/// Runs one command line (without the program's name); the defaults hold for what it does not say. Writes
+/// results to standard output, reports every CFailure on standard error, and returns the exit status.
 EExit eExecute(const std::vector<std::string>& tArguments, const STOptions& stDefaults);
 
 /// Names of all commands that a user types.
 std::vector<std::string> tCommandNames();
-/// The kinds of words that a command takes ("NAME..."); empty for none, and for an unknown command.
+/// The kinds of words that a command takes ("NAME...", "[NAME...]" where none may be given); empty for none,
+/// and for an unknown command.
 std::string csArgumentKinds(const std::string& csCommand);
 
-/// The commands themselves; velmoctl(1) says what each prints and how it exits.
+/// The commands themselves; velmoctl(1) says what each prints and how it exits. Each writes its results, and
+/// throws CFailure for what ends it as a whole. What only some machines or servers refuse it reports itself.
 EExit eInfo(const STCall& stCall);
 EExit eList(const STCall& stCall);
 EExit eStatus(const STCall& stCall);

@@ -10,7 +10,8 @@ struct STRank
     EExit eExit;
     const char* pszKind;
 };
-/// From best to worst. A reply that makes no sense is worse than silence: somebody must look at that machine.
+/// From best to worst: pstRank's pointers are compared. A reply that makes no sense is worse than silence:
+/// somebody must look at that machine.
 constexpr STRank s_tRanks[] = {
     {EExit::DONE, "done"},
     {EExit::REFUSED, "refused"},

@@ -15,12 +15,13 @@ enum class EExit : int
     INTERRUPTED = 130,
 };
 
-/// The worse of two, in the order 130, 5, 2, 4, 3, 1, 0.
+/// The worse of two, in the order 130, 5, 2, 4, 3, 1, 0 (the worst first).
 EExit eWorse(EExit e1, EExit e2);
 /// The status as one word for programs; the words are part of the stable JSON.
 const char* pszKind(EExit eExit);
 
-/// Ends a command: the words for standard error (UTF-8, no newline) and the exit status.
+/// Ends a command: the words for standard error (UTF-8, no newline; not yet made harmless for a terminal) and
+/// the exit status.
 class CFailure : public std::runtime_error
 {
 public:

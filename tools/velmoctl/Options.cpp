@@ -16,15 +16,17 @@ struct STOption
 {
     const char* pszNames;    ///< "-H,--host"
     const char* pszValue;    ///< the kind of its value, for help and completion; null: it has none
-    const char* pszCommands; ///< those that have it, each between spaces; null: all
+    const char* pszCommands; ///< those that have it, with a space before and after each; null: all
     CLI::Option* (*pfnAdd)(CLI::App* pcl, const char* pszNames, STOptions* pst);
     const char* pszHelp;
 };
 
-constexpr double s_dLongest = 86400; // seconds: a day
-constexpr unsigned int s_nMostJobs = 512, s_nMostRounds = 1'000'000'000;
+constexpr double s_dLongest = 86400;      // seconds: a day
+constexpr unsigned int s_nMostJobs = 512; // each takes a descriptor, of which a process usually has 1,024
+constexpr unsigned int s_nMostRounds = 1'000'000'000; // the library's range needs an end
 constexpr std::uint16_t s_wMostPort = 65535;
 
+/// A flag. Without the override the library would accept "--json=false".
 template <auto pMember>
 CLI::Option* pclFlag(CLI::App* pcl, const char* pszNames, STOptions* pst)
 {
@@ -48,14 +50,16 @@ CLI::Validator clBetween(T clFirst, T clLast)
 template <auto pMember>
 CLI::Option* pclSeconds(CLI::App* pcl, const char* pszNames, STOptions* pst)
 {
-    // "nan" lies in every range of the library's; a pause of so many seconds would be none.
+    // The library's range check lets "nan" pass, since no comparison with it is true.
     const auto fnNumber = [](const std::string& cs) {
         return cs.find_first_of("nN") == std::string::npos ? "" : "\"" + cs + "\" is not a number of seconds";
     };
     return pclValue<pMember>(pcl, pszNames, pst)->check(clBetween(0.001, s_dLongest))->check(fnNumber);
 }
 
-/// Values add up wherever they stand in the line. Each use of the option takes one word.
+/// Values add up wherever they stand in the line: in front of the command one option of the library takes
+/// them, after the command another, and each would empty a vector that was bound to it. Each use of the
+/// option takes one word; the library would otherwise take the command's words, too.
 template <auto pMember>
 CLI::Option* pclList(CLI::App* pcl, const char* pszNames, STOptions* pst)
 {
@@ -137,7 +141,7 @@ constexpr STOption s_tOptions[] = {
      "--prometheus: the port of the targets (default: 9100, where node_exporter listens)"},
     {"--version", nullptr, nullptr, pclFlag<&STOptions::bVersion>, "the version of this program"},
 };
-constexpr const char* s_pszHelp = "--help"; // the library's own
+constexpr const char* s_pszHelp = "--help"; // not in the table: the library adds it itself
 
 bool bKnownTo(const STOption& stOption, std::string_view csCommand)
 {
@@ -164,9 +168,10 @@ void AddOptions(std::string_view csCommand, CLI::App* pclParser, STOptions* pstO
         if (st.pszValue != nullptr) {
             pcl->type_name(st.pszValue);
         }
+
+        // Hidden: the option may stand in front of the command, but only the help of its commands shows it.
         if (!bKnownTo(st, csCommand)) {
-            pcl->group(""); // hidden here: it may stand before the command, but only the help of its commands
-                            // shows it
+            pcl->group("");
         }
     }
 }
@@ -219,6 +224,7 @@ std::vector<std::string> tItems(const std::vector<std::string>& tLists)
 
 std::string csArgument(const std::string& csBytes)
 {
+    // Only well-formed UTF-8 survives the way there and back.
     const std::string csText = csToUTF8(csFromUTF8(csBytes));
     return csText == csBytes ? csText : csToUTF8(csWide(csBytes, CP_1252));
 }

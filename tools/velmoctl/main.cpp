@@ -10,7 +10,7 @@ int main(int nArguments, char** ppszArguments)
     std::setlocale(LC_CTYPE, "C.UTF-8");
     try {
         return static_cast<int>(eExecute({ppszArguments + 1, ppszArguments + nArguments}, STOptions{}));
-    } catch (const std::exception& xError) {
+    } catch (const std::exception& xError) { // CFailures end in eExecute: out of memory and the like
         std::cerr << "velmoctl: " << xError.what() << "\n";
         return static_cast<int>(EExit::REFUSED);
     }
