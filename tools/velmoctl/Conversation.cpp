@@ -39,8 +39,8 @@ STResolved stAsk(const std::string& csHost, const std::string& csPort, int nType
     return stResult;
 }
 
-/// The resolver has no deadline, so a thread of its own asks it; a thread that takes too long is left to
-/// itself.
+/// The resolver has no deadline, so a thread of its own asks it. One that takes too long is left to itself:
+/// the future of a packaged_task, unlike that of std::async, does not wait for it.
 STResolved stAskInTime(const std::string& csHost, const std::string& csPort, int nType,
                        const CDeadline& clDeadline)
 {
@@ -48,12 +48,13 @@ STResolved stAskInTime(const std::string& csHost, const std::string& csPort, int
     std::future<STResolved> clResult = clTask.get_future();
     try {
         std::thread(std::move(clTask)).detach();
-    } catch (const std::system_error&) { // no more threads: escaping from a worker it would end the program
+    } catch (const std::system_error&) { // no more threads; uncaught in a worker, it would end the program
         return {nullptr, EAI_AGAIN};
     }
 
+    // In steps of 20 ms: a future cannot be waited for together with a caught signal.
     while (clResult.wait_for(Milliseconds(20)) != std::future_status::ready) {
-        bWaitFor(-1, 0, CDeadline(Milliseconds::zero())); // an interrupt ends it
+        bWaitFor(-1, 0, CDeadline(Milliseconds::zero())); // throws when a signal was caught
         if (clDeadline.bOver()) {
             return {nullptr, EAI_AGAIN};
         }
@@ -62,7 +63,7 @@ STResolved stAskInTime(const std::string& csHost, const std::string& csPort, int
     return clResult.get();
 }
 
-/// Returns true when connected; otherwise errno has the reason.
+/// Connects a non-blocking socket. True when connected; otherwise errno has the reason.
 bool bConnect(int nSocket, const addrinfo& stAddress, const CDeadline& clDeadline)
 {
     if (::connect(nSocket, stAddress.ai_addr, stAddress.ai_addrlen) == 0) {
@@ -83,7 +84,8 @@ bool bConnect(int nSocket, const addrinfo& stAddress, const CDeadline& clDeadlin
     return nError == 0;
 }
 
-int nCount(const addrinfo* pst)
+/// How many addresses are in the list from this one on.
+int nAddressesFrom(const addrinfo* pst)
 {
     int nAddresses = 0;
     for (; pst != nullptr; pst = pst->ai_next) {
@@ -92,6 +94,7 @@ int nCount(const addrinfo* pst)
     return nAddresses;
 }
 
+/// "10 s", "1.5 s".
 std::string csSeconds(Milliseconds clTime)
 {
     std::string cs = std::to_string(clTime.count() / 1000) + "." + std::to_string(clTime.count() / 100 % 10);
@@ -131,11 +134,11 @@ std::string csHostWord(const STHost& stHost)
     return csToUTF8(csFromUTF8(szName.data()));
 }
 
-CConversation::CConversation(const STHost& stHost, Milliseconds clAnswer, const CDeadline& clWhole)
-    : m_stHost(stHost), m_clAnswer(clAnswer), m_clWhole(clWhole),
+CConversation::CConversation(const STHost& stHost, Milliseconds clPerAnswer, const CDeadline& clWhole)
+    : m_stHost(stHost), m_clPerAnswer(clPerAnswer), m_clWhole(clWhole),
       m_csWho(csShown(csWhere(stHost)) + ", port " + std::to_string(stHost.wPort))
 {
-    const CDeadline clDeadline = _clForAnswer();
+    const CDeadline clDeadline = _clAnswerEnd(); // one for all the steps
     _Connect(clDeadline);
 
     if (!_csLine(s_nMaxGreeting, clDeadline).starts_with(s_csGreeting)) {
@@ -148,8 +151,8 @@ CConversation::CConversation(const STHost& stHost, Milliseconds clAnswer, const 
     }
 }
 
-CConversation::CConversation(const STHost& stHost, Milliseconds clAnswer)
-    : CConversation(stHost, clAnswer, CDeadline::Never())
+CConversation::CConversation(const STHost& stHost, Milliseconds clPerAnswer)
+    : CConversation(stHost, clPerAnswer, CDeadline::Never())
 {}
 
 std::string CConversation::csAsk(const std::vector<std::string>& tFields)
@@ -162,7 +165,7 @@ std::string CConversation::csAsk(const std::vector<std::string>& tFields)
         csLine += (csLine.empty() ? "" : "\t") + csField;
     }
 
-    const CDeadline clDeadline = _clForAnswer();
+    const CDeadline clDeadline = _clAnswerEnd();
     m_csReceived.clear(); // what came before the question is no answer to it
     _Send(csLine + "\r\n", clDeadline);
     return _csLine(s_nMaxLine, clDeadline);
@@ -176,9 +179,10 @@ CFailure CConversation::clNonsense(const std::string& csReply) const
                                  csShown(csCut) + (csCut.size() < csReply.size() ? "...\"" : "\"")};
 }
 
-CDeadline CConversation::_clForAnswer() const
+/// When the answer to a question that is sent now must be there.
+CDeadline CConversation::_clAnswerEnd() const
 {
-    return CDeadline(std::min(m_clAnswer, m_clWhole.clLeft()));
+    return CDeadline(std::min(m_clPerAnswer, m_clWhole.clLeft()));
 }
 
 /// Each address gets an equal share of the time left, so that one silent address does not use all of it.
@@ -191,9 +195,9 @@ void CConversation::_Connect(const CDeadline& clDeadline)
         CDescripteur clSocket(
             ::socket(pst->ai_family, pst->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, pst->ai_protocol));
         if (clSocket.bOpen() &&
-            bConnect(clSocket.nFd(), *pst, CDeadline(clDeadline.clLeft() / nCount(pst)))) {
-            const int nOne = 1;
+            bConnect(clSocket.nFd(), *pst, CDeadline(clDeadline.clLeft() / nAddressesFrom(pst)))) {
             // One small line at a time: with Nagle's algorithm some would wait for an acknowledgement.
+            const int nOne = 1;
             ::setsockopt(clSocket.nFd(), IPPROTO_TCP, TCP_NODELAY, &nOne, sizeof nOne);
             m_clSocket = std::move(clSocket);
             return;
@@ -219,6 +223,7 @@ void CConversation::_Send(std::string_view csBytes, const CDeadline& clDeadline)
     }
 }
 
+/// The next line, of at most nMax bytes, without its CR LF. Bytes after the line stay for the next call.
 std::string CConversation::_csLine(std::size_t nMax, const CDeadline& clDeadline)
 {
     std::size_t nSearched = 0;
@@ -239,6 +244,7 @@ std::string CConversation::_csLine(std::size_t nMax, const CDeadline& clDeadline
     }
 }
 
+/// Waits for bytes and keeps them; may return without any.
 void CConversation::_Receive(const CDeadline& clDeadline)
 {
     if (!bWaitFor(m_clSocket.nFd(), POLLIN, clDeadline)) {
@@ -257,6 +263,7 @@ void CConversation::_Receive(const CDeadline& clDeadline)
 
 CFailure CConversation::_clSilence() const
 {
+    // Also when the whole conversation's time is over: callers limit both by the user's one timeout.
     return {EExit::UNREACHABLE,
-            "the manager on " + m_csWho + " did not answer within " + csSeconds(m_clAnswer)};
+            "the manager on " + m_csWho + " did not answer within " + csSeconds(m_clPerAnswer)};
 }

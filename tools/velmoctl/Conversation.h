@@ -16,13 +16,14 @@ struct STFreeAddresses
 };
 using CAddresses = std::unique_ptr<addrinfo, STFreeAddresses>;
 
-/// Addresses of a host (empty: this machine) for a socket type (SOCK_STREAM, SOCK_DGRAM). Waits for the C
-/// library's resolver until the deadline. Throws CFailure (UNREACHABLE).
+/// Addresses of a host (csAddress empty: this machine's loopback), at least one, with its port, for a socket
+/// type (SOCK_STREAM, SOCK_DGRAM). Waits for the C library's resolver until the deadline. Throws CFailure:
+/// UNREACHABLE, INTERRUPTED. Any thread.
 CAddresses pstResolve(const STHost& stHost, int nType, const CDeadline& clDeadline);
 
 /// The machine for a sentence: its name, or "this machine".
 std::string csWhere(const STHost& stHost);
-/// The machine for a column: its name, also for this machine.
+/// The machine for a column: its name; for this machine its host name.
 std::string csHostWord(const STHost& stHost);
 
 /// One conversation with a manager over TCP, in UTF-8: one reply line for each command line. The other side
@@ -35,9 +36,10 @@ public:
     static constexpr std::size_t s_nMaxLine = 1u << 20;
 
     /// Connects to the manager of a machine, reads its greeting and agrees on UTF-8, all within the time for
-    /// one answer. No wait goes beyond the deadline of the whole. Throws CFailure.
-    CConversation(const STHost& stHost, Milliseconds clAnswer, const CDeadline& clWhole);
-    CConversation(const STHost& stHost, Milliseconds clAnswer);
+    /// one answer. No wait goes beyond the deadline of the whole. Throws CFailure: UNREACHABLE, NONSENSE when
+    /// something else than a manager listens there, INTERRUPTED.
+    CConversation(const STHost& stHost, Milliseconds clPerAnswer, const CDeadline& clWhole);
+    CConversation(const STHost& stHost, Milliseconds clPerAnswer);
     CConversation(const CConversation&) = delete;
     CConversation& operator=(const CConversation&) = delete;
 
@@ -50,7 +52,7 @@ public:
     const STHost& stHost() const { return m_stHost; }
 
 private:
-    CDeadline _clForAnswer() const;
+    CDeadline _clAnswerEnd() const;
     void _Connect(const CDeadline& clDeadline);
     void _Send(std::string_view csBytes, const CDeadline& clDeadline);
     std::string _csLine(std::size_t nMax, const CDeadline& clDeadline);
@@ -58,7 +60,7 @@ private:
     CFailure _clSilence() const;
 
     STHost m_stHost;
-    Milliseconds m_clAnswer;
+    Milliseconds m_clPerAnswer;
     CDeadline m_clWhole;
     std::string m_csWho; ///< for messages
     CDescripteur m_clSocket;

@@ -21,8 +21,8 @@
 #include <unistd.h>
 
 namespace {
-constexpr std::size_t s_nMaxLine = 65536;
-constexpr int s_nHistory = 1000;
+constexpr std::size_t s_nMaxLine = 65536; // bytes, off a terminal
+constexpr int s_nHistory = 1000;          // lines
 
 struct STEndTokens
 {
@@ -37,14 +37,16 @@ struct STEndHistory
     void operator()(History* pcl) const noexcept { ::history_end(pcl); }
 };
 
-/// With sudo the home may be another user's, whose links could lead root's writes anywhere.
-bool bOwn(const std::filesystem::path& clFolder)
+/// Whether a folder is the user's own. With sudo the home may be another user's, whose links could lead
+/// root's writes anywhere.
+bool bOwnFolder(const std::filesystem::path& clFolder)
 {
     STFileStatus st{};
     return ::stat(clFolder.c_str(), &st) == 0 && st.st_uid == ::geteuid();
 }
 
-/// Where the history lies, in a folder that is made when it is missing; empty when there is no place for it.
+/// Where the history lies: below XDG_STATE_HOME, or else below the home. Makes the folder when it is missing;
+/// empty when there is no place for it.
 std::string csHistoryFile()
 {
     const char* const pszState = std::getenv("XDG_STATE_HOME");
@@ -60,7 +62,7 @@ std::string csHistoryFile()
         std::filesystem::create_directories(clBase, clError);
     }
 
-    if (!bOwn(clBase)) {
+    if (!bOwnFolder(clBase)) {
         return "";
     }
 
@@ -79,6 +81,15 @@ std::string csCommonStart(const std::vector<std::string>& tTexts)
     }
     return csStart.substr(0, nCutUTF8(csStart, csStart.size()));
 }
+
+void ShowCandidates(const std::vector<std::string>& tCandidates)
+{
+    std::cout << "\n";
+    for (const std::string& cs : tCandidates) {
+        std::cout << csShown(cs) << "  ";
+    }
+    std::cout << "\n" << std::flush;
+}
 } // namespace
 
 std::vector<std::string> tWordsOf(const std::string& csLine)
@@ -86,7 +97,8 @@ std::vector<std::string> tWordsOf(const std::string& csLine)
     const std::wstring csText = csFromUTF8(csArgument(csLine));
     const std::unique_ptr<TokenizerW, STEndTokens> pclTokens(::tok_winit(L" \t\r"));
     int nWords = 0;
-    const wchar_t** ppszWords = nullptr;
+    const wchar_t** ppszWords = nullptr; // the tokenizer's
+
     // The tokenizer would take a backslash at the end for a continued line; there is no other line here.
     const bool bOpen = csText.ends_with(L'\\') && !csText.ends_with(L"\\\\");
     if (bOpen || ::tok_wstr(pclTokens.get(), csText.c_str(), &nWords, &ppszWords) != 0) {
@@ -102,7 +114,7 @@ std::vector<std::string> tWordsOf(const std::string& csLine)
     return tWords;
 }
 
-/// The terminal with libedit on it.
+/// The terminal with libedit on it. libedit is C: no function that it calls may throw.
 class CPrompt::CEditor
 {
 public:
@@ -117,14 +129,18 @@ public:
             ::history(m_pclHistory.get(), &st, H_LOAD, m_csHistoryFile.c_str());
         }
 
+        // First the data, through which the functions that libedit calls find this object.
         EditLine* const pcl = m_pclEdit.get();
         ::el_set(pcl, EL_CLIENTDATA, this);
         ::el_set(pcl, EL_PROMPT, s_pszPrompt);
         ::el_set(pcl, EL_EDITOR, "emacs");
         ::el_set(pcl, EL_HIST, ::history, m_pclHistory.get());
         ::el_set(pcl, EL_GETCFN, s_nGetCharacter);
+
         // The wide form keeps the two texts; libedit's narrow one copies them and never frees the copies.
         ::el_wset(pcl, EL_ADDFN, L"velmo-complete", L"Complete the word", s_nComplete);
+
+        // The keys that people know from bash, where libedit has others for them or none.
         ::el_set(pcl, EL_BIND, "^I", "velmo-complete", nullptr);
         ::el_set(pcl, EL_BIND, "^W", "ed-delete-prev-word", nullptr);
         ::el_set(pcl, EL_BIND, "^U", "vi-kill-line-prev", nullptr);
@@ -132,12 +148,15 @@ public:
         ::el_set(pcl, EL_BIND, "\033[3~", "ed-delete-next-char", nullptr);
     }
 
+    /// See CPrompt::csRead.
     std::optional<std::string> csRead()
     {
         m_eEnd = EEnd::NONE;
-        ::el_resize(m_pclEdit.get());
+        ::el_resize(m_pclEdit.get()); // the window may have changed while a command ran
+
         // libedit shows the prompt before it leaves line mode: a key typed at once would be the terminal's.
         ::el_set(m_pclEdit.get(), EL_PREP_TERM, 1);
+
         int nCount = 0;
         const wchar_t* const pszLine = ::el_wgets(m_pclEdit.get(), &nCount);
         if (m_eEnd == EEnd::SIGNAL) {
@@ -155,11 +174,12 @@ public:
     }
 
 private:
+    /// Why a line was not finished.
     enum class EEnd
     {
-        NONE,
-        GIVEN_UP, ///< the line, with Ctrl-C
-        SIGNAL,   ///< the program
+        NONE,     ///< it was, or the input is at its end
+        GIVEN_UP, ///< the user dropped the line with Ctrl-C
+        SIGNAL,   ///< another signal ends the program
     };
 
     static CEditor* s_pcl(EditLine* pclEdit)
@@ -172,6 +192,7 @@ private:
     static int s_nGetCharacter(EditLine* pclEdit, wchar_t* pc) { return s_pcl(pclEdit)->_nGetCharacter(pc); }
     static unsigned char s_nComplete(EditLine* pclEdit, int) { return s_pcl(pclEdit)->_nComplete(); }
 
+    /// Adds a line to the history, and saves that at once: a signal may end the program.
     void _Remember(const std::string& csLine)
     {
         if (csLine.empty()) {
@@ -184,8 +205,7 @@ private:
         }
     }
 
-    /// Reads one character of UTF-8. Returns 1, 0 at the end of the input, -1 on a signal. libedit calls it,
-    /// in C: it must not throw.
+    /// Reads one character of UTF-8 for libedit. Returns 1, 0 at the end of the input, -1 on a signal.
     int _nGetCharacter(wchar_t* pc)
     {
         try {
@@ -212,29 +232,34 @@ private:
         }
     }
 
-    /// Called by libedit, too: it must not throw.
+    /// The completion key, for libedit: completes the word in front of the cursor.
     unsigned char _nComplete()
     {
         try {
             const LineInfo* const pst = ::el_line(m_pclEdit.get());
-            return _nComplete({pst->buffer, static_cast<std::size_t>(pst->cursor - pst->buffer)});
+            return _nCompleteLine({pst->buffer, static_cast<std::size_t>(pst->cursor - pst->buffer)});
         } catch (const std::exception&) { // inside of a quotation, or interrupted
             return CC_ERROR;
         }
     }
-    unsigned char _nComplete(const std::string& csLine)
+    /// Completes the last word of a line as far as its candidates agree, or else shows them. Returns what
+    /// libedit must do next.
+    unsigned char _nCompleteLine(const std::string& csLine)
     {
         std::vector<std::string> tWords = tWordsOf(csLine);
         if (csLine.empty() || csLine.ends_with(" ")) {
             tWords.emplace_back();
         }
 
+        // A word that was typed with quotation marks does not stand in the line as it is: leave it alone.
         const std::string csTyped = tWords.back();
         const std::vector<std::string> tFound = m_fnComplete(tWords);
         if (tFound.empty() || !csLine.ends_with(csTyped)) {
             return CC_ERROR;
         }
 
+        // One candidate replaces the word, since it may need quotation marks. A part of several is only added
+        // when it needs none: the marks would have to be closed by what is still to be typed.
         const std::string csStart = csCommonStart(tFound);
         if (tFound.size() == 1) {
             ::el_deletestr(m_pclEdit.get(), static_cast<int>(csFromUTF8(csTyped).size()));
@@ -246,20 +271,15 @@ private:
             return CC_REFRESH;
         }
 
-        std::cout << "\n";
-        for (const std::string& cs : tFound) {
-            std::cout << csShown(cs) << "  ";
-        }
-
-        std::cout << "\n" << std::flush;
+        ShowCandidates(tFound);
         return CC_REDISPLAY;
     }
 
     std::string m_csPrompt;
     Completions m_fnComplete;
-    std::string m_csHistoryFile;
+    std::string m_csHistoryFile; ///< empty: the history ends with the program
     EEnd m_eEnd = EEnd::NONE;
-    std::unique_ptr<History, STEndHistory> m_pclHistory;
+    std::unique_ptr<History, STEndHistory> m_pclHistory; ///< before the editor, which uses it to its end
     std::unique_ptr<EditLine, STEndEditor> m_pclEdit;
 };
 

@@ -17,7 +17,7 @@ std::vector<std::string> tWordsOf(const std::string& csLine);
 class CPrompt
 {
 public:
-    /// Gives the candidates for the last of some words.
+    /// Gives the candidates for the last of some words; may throw.
     using Completions = std::function<std::vector<std::string>(const std::vector<std::string>&)>;
 
     CPrompt(const char* pszPrompt, Completions fnComplete);
@@ -25,8 +25,9 @@ public:
     CPrompt(const CPrompt&) = delete;
     CPrompt& operator=(const CPrompt&) = delete;
 
-    /// The next line (UTF-8 on a terminal, otherwise the bytes unchanged); none at the end of the input.
-    /// Ctrl-C gives an empty line. Throws CFailure (INTERRUPTED).
+    /// The next line, without its newline (UTF-8 on a terminal, otherwise the bytes unchanged); none at the
+    /// end of the input. Ctrl-C gives an empty line. Throws CFailure (INTERRUPTED) on SIGTERM and SIGHUP; off
+    /// a terminal on Ctrl-C, too. Call CInterrupts::Catch first.
     std::optional<std::string> csRead();
 
 private:

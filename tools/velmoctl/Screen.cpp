@@ -19,19 +19,20 @@ struct STMove
     int nLines;
     int nPages;
 };
+constexpr int s_nAll = 1000; // pages: to the first or the last line, where _Draw stops
 constexpr STMove s_tMoves[] = {
-    {"\033[A", -1, 0}, {"\033OA", -1, 0},   {"k", -1, 0},         {"\033[B", 1, 0},
-    {"\033OB", 1, 0},  {"j", 1, 0},         {"\033[5~", 0, -1},   {"b", 0, -1},
-    {"\033[6~", 0, 1}, {" ", 0, 1},         {"\033[H", 0, -1000}, {"\033OH", 0, -1000},
-    {"g", 0, -1000},   {"\033[F", 0, 1000}, {"\033OF", 0, 1000},  {"G", 0, 1000},
+    {"\033[A", -1, 0}, {"\033OA", -1, 0},     {"k", -1, 0},           {"\033[B", 1, 0},
+    {"\033OB", 1, 0},  {"j", 1, 0},           {"\033[5~", 0, -1},     {"b", 0, -1},
+    {"\033[6~", 0, 1}, {" ", 0, 1},           {"\033[H", 0, -s_nAll}, {"\033OH", 0, -s_nAll},
+    {"g", 0, -s_nAll}, {"\033[F", 0, s_nAll}, {"\033OF", 0, s_nAll},  {"G", 0, s_nAll},
 };
 } // namespace
 
 CScreen::CScreen(bool bLive) : m_bLive(bLive && bTerminal(STDOUT_FILENO))
 {
     if (m_bLive) {
-        // Only then: off a terminal a reader that goes away ends the program by SIGPIPE, and nobody would
-        // give the user's terminal its echo back.
+        // Raw keys only on a terminal: elsewhere a reader that goes away ends the program by SIGPIPE, and
+        // nobody would give the user's terminal its echo back.
         m_clKeys.emplace();
         std::cout << s_csHideCursor << s_csCutLines << s_csHome << s_csClearBelow;
     }
@@ -63,7 +64,8 @@ bool CScreen::bPauseEnds(Milliseconds clTime)
 {
     const CDeadline clEnd(clTime);
     while (bWaitFor(m_bLive ? STDIN_FILENO : -1, POLLIN, clEnd)) {
-        std::array<char, 256> tBytes{}; // the bytes of one key come together, and keys typed during a look
+        // The bytes of one key come together, and after them keys that were typed while servers were asked.
+        std::array<char, 256> tBytes{};
         const ssize_t nRead = ::read(STDIN_FILENO, tBytes.data(), tBytes.size());
         if (nRead <= 0 || _bKeys({tBytes.data(), static_cast<std::size_t>(nRead)})) {
             return true;
@@ -80,11 +82,15 @@ std::size_t CScreen::_nRoom() const
     return nLines > nTaken ? nLines - nTaken : 1;
 }
 
+/// Draws the page over the one before: each line is cleared only to the right of its new text, so that
+/// nothing flickers.
 void CScreen::_Draw()
 {
+    // Not so far down that lines of the screen stay empty.
     const std::size_t nRoom = _nRoom();
     m_nFirst = std::min(m_nFirst, m_tLines.size() - std::min(m_tLines.size(), nRoom));
     const std::size_t nEnd = std::min(m_nFirst + nRoom, m_tLines.size());
+
     std::cout << s_csHome;
     if (!m_csHeader.empty()) {
         std::cout << m_csHeader << s_csClearLine << "\n";
@@ -103,6 +109,7 @@ void CScreen::_Draw()
     std::cout << std::flush;
 }
 
+/// Obeys the keys in some bytes, one after the other. True when one of them ends the program.
 bool CScreen::_bKeys(std::string_view csKeys)
 {
     while (!csKeys.empty() && csKeys[0] != 'q' && csKeys[0] != 'Q') {
@@ -113,6 +120,7 @@ bool CScreen::_bKeys(std::string_view csKeys)
             csKeys.remove_prefix(csKeys[0] == '\033' ? csKeys.size() : 1);
             continue;
         }
+
         const auto nRoom = static_cast<long>(_nRoom());
         const auto nFirst = static_cast<long>(m_nFirst) + pst->nLines + pst->nPages * nRoom;
         m_nFirst = static_cast<std::size_t>(std::max(nFirst, 0L));

@@ -20,10 +20,11 @@ public:
     CScreen& operator=(const CScreen&) = delete;
 
     bool bLive() const { return m_bLive; }
-    /// The header stays in place while the lines scroll.
+    /// Shows the next page: a header of one line, or none, and lines, each with its newline and made
+    /// harmless. The header stays in place while the lines scroll.
     void Show(const std::string& csHeader, const std::string& csLines);
-    /// Waits and obeys keys meanwhile. Returns true when the user pressed "q". Throws CFailure
-    /// (INTERRUPTED).
+    /// Waits for clTime and obeys keys meanwhile. Returns true when the user pressed "q", or can press
+    /// nothing any more (end of input). Throws CFailure (INTERRUPTED).
     bool bPauseEnds(Milliseconds clTime);
 
 private:
@@ -35,5 +36,5 @@ private:
     std::optional<CRawTerminal> m_clKeys; ///< only while live
     std::string m_csHeader;
     std::vector<std::string> m_tLines;
-    std::size_t m_nFirst = 0; ///< line at the top
+    std::size_t m_nFirst = 0; ///< index of the line at the top; stays from page to page
 };

@@ -12,7 +12,8 @@
 #include <unistd.h>
 
 namespace {
-/// Runs one line. Ctrl-C ends the running command but not the shell; SIGTERM and SIGHUP end both.
+/// Runs one line; returns its exit status. Ctrl-C ends the running command but not the shell; SIGTERM and
+/// SIGHUP end both.
 EExit eRunLine(const std::string& csLine, const STOptions& stDefaults)
 {
     EExit eResult = EExit::USAGE;
@@ -29,6 +30,7 @@ EExit eRunLine(const std::string& csLine, const STOptions& stDefaults)
         std::cerr << "velmoctl: " << clFailure.what() << "\n";
     }
 
+    // Taken also when no signal ended the command, or it would end the next one.
     if (const int nSignal = CInterrupts::nTake(); nSignal != 0 && nSignal != SIGINT) {
         throw CFailure(EExit::INTERRUPTED, "interrupted");
     }
@@ -42,6 +44,7 @@ bool bEnds(const std::string& csLine)
 }
 } // namespace
 
+/// The exit status is that of the last line. The shell's own options are the defaults of its lines.
 EExit eShell(const STCall& stCall)
 {
     CInterrupts::Catch();

@@ -15,14 +15,15 @@ namespace {
 constexpr const char* s_pszClearLine = "\r\033[K";
 bool s_bColours = false;
 
-struct STRange
+struct STCharacters
 {
     wchar_t cFirst;
     wchar_t cLast;
 };
-/// C0, C1, marks and overrides of the direction of writing, line and paragraph separators.
-constexpr STRange s_tHarmful[] = {{0, 0x1F},        {0x7F, 0x9F},     {0x061C, 0x061C},
-                                  {0x200E, 0x200F}, {0x2028, 0x202E}, {0x2066, 0x2069}};
+/// C0; DEL and C1; marks, embeddings, overrides and isolates of the direction of writing; line and paragraph
+/// separators.
+constexpr STCharacters s_tHarmful[] = {{0, 0x1F},        {0x7F, 0x9F},     {0x061C, 0x061C},
+                                       {0x200E, 0x200F}, {0x2028, 0x202E}, {0x2066, 0x2069}};
 
 /// Escape sequences, by EColour.
 constexpr const char* s_tColours[] = {"", "\033[1m", "\033[32m", "\033[31m", "\033[33m"};
@@ -31,7 +32,7 @@ constexpr const char* s_tColours[] = {"", "\033[1m", "\033[32m", "\033[31m", "\0
 bool bHarmful(wchar_t c)
 {
     return std::ranges::any_of(s_tHarmful,
-                               [c](const STRange& st) { return c >= st.cFirst && c <= st.cLast; });
+                               [c](const STCharacters& st) { return c >= st.cFirst && c <= st.cLast; });
 }
 
 std::string csShown(std::string_view csText)
@@ -45,7 +46,7 @@ std::size_t nColumns(std::string_view csText)
 {
     std::size_t nSum = 0;
     for (const wchar_t c : csFromUTF8(csText)) {
-        const int nWidth = ::wcwidth(c); // -1: the locale does not know the character
+        const int nWidth = ::wcwidth(c); // -1: a control character, or one that the locale does not know
         nSum += nWidth >= 0 ? static_cast<std::size_t>(nWidth) : 1;
     }
     return nSum;
@@ -53,6 +54,7 @@ std::size_t nColumns(std::string_view csText)
 
 std::string csCut(std::string_view csText, std::size_t nMost)
 {
+    // Character by character: a combining one at the end takes no column of its own.
     std::wstring csWideText = csFromUTF8(csText);
     while (nColumns(csToUTF8(csWideText)) > nMost) {
         csWideText.pop_back();
@@ -113,6 +115,8 @@ CRawTerminal::CRawTerminal()
     if (::tcgetattr(STDIN_FILENO, &m_stBefore) != 0) {
         return;
     }
+
+    // Without IXON Ctrl-S is a key like any other; it would freeze the page. Enter comes as CR.
     termios stRaw = m_stBefore;
     stRaw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
     stRaw.c_iflag &= ~static_cast<tcflag_t>(ICRNL | IXON);
@@ -131,6 +135,7 @@ bool bConfirm(const std::string& csQuestion)
     if (::isatty(STDIN_FILENO) != 1) {
         throw CFailure(EExit::USAGE, "nobody can be asked without a terminal: add --yes");
     }
+
     ::tcflush(STDIN_FILENO, TCIFLUSH); // what was typed before cannot be the answer
     std::cerr << csQuestion << " [y/N] " << std::flush;
     std::string csAnswer;
@@ -143,15 +148,14 @@ bool bConfirm(const std::string& csQuestion)
 
 bool bReadLine(std::string* pcsLine, std::size_t nMax)
 {
-    constexpr Milliseconds clLong(1'000'000);
     pcsLine->clear();
     for (bool bAny = false;; bAny = true) {
-        while (!bWaitFor(STDIN_FILENO, POLLIN, CDeadline(clLong))) {
-        }
+        bWaitFor(STDIN_FILENO, POLLIN, CDeadline::Never()); // read alone would not notice a caught signal
+
+        // Byte by byte: what follows the line belongs to the next reader.
         char c = 0;
-        if (::read(STDIN_FILENO, &c, 1) !=
-            1) { // byte by byte: what follows the line belongs to the next reader
-            return bAny;
+        if (::read(STDIN_FILENO, &c, 1) != 1) {
+            return bAny; // a last line without a newline counts
         }
         if (c == '\n') {
             return true;

@@ -35,6 +35,9 @@ void CInterrupts::Catch()
     for (const int nSignal : {SIGINT, SIGTERM, SIGHUP}) {
         sigaddset(&stSignals, nSignal);
     }
+
+    // A descriptor instead of handlers: a handler interrupts the wait of one thread only, and not one that is
+    // about to begin.
     clSignals() = CDescripteur(::signalfd(-1, &stSignals, SFD_CLOEXEC | SFD_NONBLOCK));
     ::pthread_sigmask(SIG_BLOCK, &stSignals, nullptr);
 }
@@ -57,6 +60,8 @@ bool bWaitForAny(std::span<pollfd> tWait, const CDeadline& clDeadline)
 {
     std::vector<pollfd> tAll(tWait.begin(), tWait.end());
     tAll.push_back({CInterrupts::nFd(), POLLIN, 0});
+
+    // At least one look, also after the deadline. A negative result means that a signal interrupted poll.
     int nReady = 0;
     do {
         // Cut to what fits an int; the loop waits for the rest.

@@ -12,6 +12,7 @@ class CDeadline
 public:
     explicit CDeadline(Milliseconds clFromNow) : m_clEnd(std::chrono::steady_clock::now() + clFromNow) {}
 
+    /// So far away (a year) that no command lives to see it.
     static CDeadline Never() { return CDeadline(std::chrono::hours(24 * 365)); }
 
     /// What is left, never negative.
@@ -29,14 +30,16 @@ class CInterrupts
 {
 public:
     static void Catch();
-    /// Readable while a signal is waiting; -1 before Catch.
+    /// Readable while a caught signal has not been taken; -1 before Catch.
     static int nFd();
-    /// Takes all waiting signals. Returns the number of the last; 0 when there was none.
+    /// Takes all caught signals, so that waits succeed again. Returns the number of the last; 0 when there
+    /// was none.
     static int nTake();
 };
 
-/// Waits until one of the descriptors has what its events ask for; false at the deadline. A negative
-/// descriptor is never ready. Throws CFailure (INTERRUPTED) when a caught signal arrives; every thread that
-/// waits then does.
+/// Waits until one of the descriptors has what its events ask for (see revents), or an error; false at the
+/// deadline. A negative descriptor is never ready. Throws CFailure (INTERRUPTED) while there is a caught
+/// signal that nobody has taken, so in every thread that waits, and at once.
 bool bWaitForAny(std::span<pollfd> tWait, const CDeadline& clDeadline);
+/// The same for one descriptor. With -1: sleeps, and only a caught signal ends the sleep.
 bool bWaitFor(int nFd, short nEvents, const CDeadline& clDeadline);
