@@ -20,8 +20,8 @@
 namespace fs = std::filesystem;
 
 namespace {
-/// When questions end: they are a small part of what a command may take.
-CDeadline clQuestions(Milliseconds clTime)
+/// When questions must have been answered: they are a small part of what a command may take.
+CDeadline clQuestionsEnd(Milliseconds clTime)
 {
     constexpr Milliseconds clMost(5000);
     return CDeadline(std::min(clTime, clMost));
@@ -33,13 +33,15 @@ STToolResult stAsk(const std::vector<std::string>& tWords, const CDeadline& clEn
     return clEnd.bOver() ? STToolResult() : stRunTool(tWords, clEnd.clLeft());
 }
 
+/// Whether systemd is this machine's init system: it makes the folder when it starts as such.
 bool bSystemd()
 {
     static const bool s_bRuns = ::access("/run/systemd/system", F_OK) == 0;
     return s_bRuns;
 }
 
-/// Whether a name can be a service's. Names come from the manager and are not trusted.
+/// Whether a name can be a service's, and then be an argument or part of a path. Names come from the manager
+/// and are not trusted.
 bool bPlainName(const std::string& csServer)
 {
     const CServiceName clService = clServiceOf(csServer);
@@ -47,6 +49,7 @@ bool bPlainName(const std::string& csServer)
            (bSystemd() ? !clService.csAsked().empty() : bInertName(clService.csScript()));
 }
 
+/// The file name of the unit that a server's service has: "DXCS-Orders.service".
 std::string csUnit(const std::string& csServer)
 {
     return csToUTF8(clServiceOf(csServer).csUnitFile());
@@ -83,12 +86,13 @@ std::string csMoment(const std::string& csTimestamp)
     return nSpace == std::string::npos ? "" : csTimestamp.substr(nSpace + 1);
 }
 
+/// The facts in the properties of one unit.
 STFacts stRead(const std::string& csBlock)
 {
     STFacts st;
     st.bFailed = csProperty(csBlock, "ActiveState") == "failed";
     st.csPid = csProperty(csBlock, "MainPID");
-    if (st.csPid == "0") {
+    if (st.csPid == "0") { // it does not run
         st.csPid.clear();
     }
     st.csSince = csMoment(csProperty(csBlock, "StateChangeTimestamp"));
@@ -121,6 +125,7 @@ std::vector<std::string> tShow(const std::vector<std::string>& tUnits, const CDe
     return st.nStatus == 0 && tResult.size() == tUnits.size() ? tResult : std::vector<std::string>();
 }
 
+/// Whether the unit of a block exists: systemctl shows properties of units that do not, too.
 bool bLoaded(const std::string& csBlock)
 {
     return !csBlock.empty() && csProperty(csBlock, "LoadState") != "not-found";
@@ -136,12 +141,12 @@ struct STShown
 
 STShown stShowOne(const std::string& csServer, const CDeadline& clEnd)
 {
-    for (const std::string& cs : {csUnit(csServer), csServer + ".service"}) {
-        // Only the default server's service may lack the prefix.
-        if (cs != csUnit(csServer) && csServer != g_szDefaultServerA) {
-            break;
-        }
+    std::vector<std::string> tUnits = {csUnit(csServer)};
+    if (csServer == g_szDefaultServerA) { // only the default server's service may lack the prefix
+        tUnits.push_back(csServer + ".service");
+    }
 
+    for (const std::string& cs : tUnits) {
         const std::vector<std::string> tBlock = tShow({cs}, clEnd);
         if (tBlock.empty()) {
             return {"", "", false};
@@ -150,10 +155,12 @@ STShown stShowOne(const std::string& csServer, const CDeadline& clEnd)
             return {cs, tBlock[0]};
         }
     }
+
     return {};
 }
 
-/// The last line that a unit's processes left in the journal.
+/// The last line that a unit's processes left in the journal. By the field, not with "--unit", which would
+/// add what systemd itself says about the unit ("Started ...").
 std::string csJournal(const std::string& csOfUnit, const CDeadline& clEnd)
 {
     const STToolResult st = stAsk(
@@ -162,7 +169,8 @@ std::string csJournal(const std::string& csOfUnit, const CDeadline& clEnd)
     return st.nStatus == 0 ? st.csOutput.substr(0, st.csOutput.find('\n')) : "";
 }
 
-/// Path of a server's init script; empty when it has none.
+/// Path of a server's init script, where most systems have them or where Slackware has; empty when it has
+/// none.
 std::string csScript(const std::string& csServer)
 {
     const std::string csName = csToUTF8(clServiceOf(csServer).csScript());
@@ -174,37 +182,41 @@ std::string csScript(const std::string& csServer)
     return "";
 }
 
+/// The number in a PID file; empty when there is none. With cat, since a tool has a time limit: the file may
+/// be a FIFO that nobody writes to.
+std::string csPidIn(const std::string& csFile, const CDeadline& clEnd)
+{
+    const STToolResult st = stAsk({"cat", csFile}, clEnd);
+    const int nPid = st.nStatus == 0 ? std::atoi(st.csOutput.c_str()) : 0; // of garbage: 0
+    return nPid > 0 ? std::to_string(nPid) : "";
+}
+
 /// Asks an init script: its exit status has the state; PID and folder come from the PID file and /proc. None
-/// when it does not end in time.
+/// when the script does not end in time.
 std::optional<STFacts> stAskScript(const std::string& csPath, const CDeadline& clEnd)
 {
     // LSB: dead, but its PID file (1) or lock (2) is left; OpenRC: crashed (32).
     constexpr int s_tFailed[] = {1, 2, 32};
-
-    STFacts st;
     const int nStatus = stAsk({csPath, "status"}, clEnd).nStatus;
     if (nStatus < 0) {
         return std::nullopt;
     }
 
+    STFacts st;
     st.bFailed = std::ranges::find(s_tFailed, nStatus) != std::end(s_tFailed);
     if (nStatus != 0) {
         return st;
     }
 
-    // cat, since a tool has a time limit: the file may be a FIFO that nobody writes to.
-    const std::string csFile = "/var/run/" + fs::path(csPath).filename().string() + ".pid";
-    const STToolResult stPid = stAsk({"cat", csFile}, clEnd);
-    const int nPid = stPid.nStatus == 0 ? std::atoi(stPid.csOutput.c_str()) : 0; // of garbage: 0
-    st.csPid = nPid > 0 ? std::to_string(nPid) : "";
-
-    // Without a PID this path does not exist; for other users' processes it cannot be read.
+    // Only root reads the program of another user's process; without a PID this path does not exist.
+    st.csPid = csPidIn("/var/run/" + fs::path(csPath).filename().string() + ".pid", clEnd);
     std::error_code clError;
     const fs::path clProgram = fs::read_symlink("/proc/" + st.csPid + "/exe", clError);
     st.csFolder = clError ? "" : clProgram.parent_path().string();
     return st;
 }
 
+/// Asks the init scripts of servers, one after the other.
 STLocalAnswer stAskScripts(const std::vector<std::string>& tServers, const CDeadline& clEnd)
 {
     STLocalAnswer stResult;
@@ -220,6 +232,27 @@ STLocalAnswer stAskScripts(const std::vector<std::string>& tServers, const CDead
     return stResult;
 }
 
+/// Asks systemd about servers.
+STLocalAnswer stAskUnits(const std::vector<std::string>& tServers, bool bWithLog, const CDeadline& clEnd)
+{
+    // One launch for all. Servers without a unit of their name, or without an answer, are asked about singly.
+    std::vector<std::string> tUnits;
+    std::ranges::transform(tServers, std::back_inserter(tUnits), csUnit);
+    std::vector<std::string> tShown = tShow(tUnits, clEnd);
+    tShown.resize(tServers.size());
+
+    STLocalAnswer stResult;
+    for (std::size_t n = 0; n < tServers.size(); ++n) {
+        const STShown st = bLoaded(tShown[n]) ? STShown{tUnits[n], tShown[n]} : stShowOne(tServers[n], clEnd);
+        stResult.bWhole = stResult.bWhole && st.bAsked;
+        if (!st.csUnit.empty()) {
+            STFacts& stFacts = stResult.tFacts[tServers[n]] = stRead(st.csBlock);
+            stFacts.csLog = bWithLog ? csJournal(st.csUnit, clEnd) : "";
+        }
+    }
+    return stResult;
+}
+
 /// The unit or init script of a server; empty when it has none. Throws CFailure (REFUSED) when systemd cannot
 /// be asked.
 std::string csServiceOf(const std::string& csServer, Milliseconds clTime)
@@ -227,7 +260,7 @@ std::string csServiceOf(const std::string& csServer, Milliseconds clTime)
     if (!bSystemd()) {
         return csScript(csServer);
     }
-    const STShown st = stShowOne(csServer, clQuestions(clTime));
+    const STShown st = stShowOne(csServer, clQuestionsEnd(clTime));
     if (!st.bAsked) {
         throw CFailure(EExit::REFUSED,
                        "systemd of this machine could not be asked about the server \"" + csServer + "\"");
@@ -248,39 +281,19 @@ bool bThisMachine(const STHost& stHost)
 
 STLocalAnswer stAskFacts(const std::vector<std::string>& tServers, bool bWithLog, Milliseconds clTime)
 {
-    STLocalAnswer stResult;
-    const CDeadline clEnd = clQuestions(clTime);
+    const CDeadline clEnd = clQuestionsEnd(clTime);
     std::vector<std::string> tNames;
     std::ranges::copy_if(tServers, std::back_inserter(tNames), bPlainName);
-    if (tNames.empty()) {
-        return stResult;
+    if (tNames.empty()) { // or systemctl, given no unit, would show the properties of systemd itself
+        return {};
     }
-    if (!bSystemd()) {
-        return stAskScripts(tNames, clEnd);
-    }
-
-    std::vector<std::string> tUnits;
-    std::ranges::transform(tNames, std::back_inserter(tUnits), csUnit);
-
-    // One launch for all. Servers without a unit of their name, or without an answer, are asked about singly.
-    std::vector<std::string> tShown = tShow(tUnits, clEnd);
-    tShown.resize(tNames.size());
-    for (std::size_t n = 0; n < tNames.size(); ++n) {
-        const STShown st = bLoaded(tShown[n]) ? STShown{tUnits[n], tShown[n]} : stShowOne(tNames[n], clEnd);
-        stResult.bWhole = stResult.bWhole && st.bAsked;
-        if (!st.csUnit.empty()) {
-            STFacts& stFacts = stResult.tFacts[tNames[n]] = stRead(st.csBlock);
-            stFacts.csLog = bWithLog ? csJournal(st.csUnit, clEnd) : "";
-        }
-    }
-
-    return stResult;
+    return bSystemd() ? stAskUnits(tNames, bWithLog, clEnd) : stAskScripts(tNames, clEnd);
 }
 
 std::string csLastLogged(const std::string& csServer, Milliseconds clTime)
 {
     const std::string csLine =
-        bSystemd() && bPlainName(csServer) ? csJournal(csUnit(csServer), clQuestions(clTime)) : "";
+        bSystemd() && bPlainName(csServer) ? csJournal(csUnit(csServer), clQuestionsEnd(clTime)) : "";
     return csLine.empty() ? "" : ", its last line: " + csLine;
 }
 
