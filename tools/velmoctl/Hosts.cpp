@@ -33,18 +33,19 @@ bool bLetter(std::string_view cs)
     return cs.size() == 1 && ((cs[0] >= 'a' && cs[0] <= 'z') || (cs[0] >= 'A' && cs[0] <= 'Z'));
 }
 
-/// Reads "01-40" or "a-f"; with the separator of inventories also a step, "1:9:2". None for anything else.
+/// Reads "01-40" or "a-f"; with the separator of inventories, a colon, also a step, "1:9:2". None for
+/// anything else, and for a range that counts down or spans more than g_nMostHosts.
 std::optional<STRange> stRange(std::string_view csInside, char cSeparator)
 {
     STRange st;
     const std::size_t nSeparator = std::min(csInside.find(cSeparator), csInside.size());
+    const std::string_view csFirst = csInside.substr(0, nSeparator);
     std::string_view csLast = csInside.substr(std::min(nSeparator + 1, csInside.size()));
     if (const std::size_t nStep = csLast.find(':'); cSeparator == ':' && nStep != csLast.npos) {
         st.nStep = nWhole(csLast.substr(nStep + 1)).value_or(0); // 0 is refused below
         csLast = csLast.substr(0, nStep);
     }
 
-    const std::string_view csFirst = csInside.substr(0, nSeparator);
     if (bLetter(csFirst) && bLetter(csLast)) {
         st.nFirst = static_cast<unsigned char>(csFirst[0]);
         st.nLast = static_cast<unsigned char>(csLast[0]);
@@ -60,6 +61,7 @@ std::optional<STRange> stRange(std::string_view csInside, char cSeparator)
     return bCounts ? std::optional<STRange>(st) : std::nullopt;
 }
 
+/// A member of a range as it stands in a name: "07", or "c".
 std::string csMember(const STRange& st, unsigned int n)
 {
     if (st.nDigits == 0) {
@@ -75,7 +77,18 @@ CFailure clNoRange(std::string_view csInside)
             "[" + csArgument(std::string(csInside)) + "] is not a range such as [01-40] or [a-f]"};
 }
 
-/// The names that a word stands for: each range in it multiplies them.
+/// A text as a range with one of these separators; the first with which it is a range counts.
+std::optional<STRange> stRangeWithAny(std::string_view csInside, std::string_view csSeparators)
+{
+    std::optional<STRange> st;
+    for (const char c : csSeparators) {
+        st = st.has_value() ? st : stRange(csInside, c);
+    }
+    return st;
+}
+
+/// The names that a word stands for: each range in it multiplies them. Calls itself for what follows the
+/// first range. Throws CFailure (USAGE), also for more than g_nMostHosts names.
 std::vector<std::string> tExpand(std::string_view csWord, std::string_view csSeparators)
 {
     const std::size_t nOpen = csWord.find('[');
@@ -87,22 +100,17 @@ std::vector<std::string> tExpand(std::string_view csWord, std::string_view csSep
         throw clNoRange(csWord.substr(nOpen + 1));
     }
 
-    // The first separator with which the text is a range counts.
     const std::string_view csInside = csWord.substr(nOpen + 1, nClose - nOpen - 1);
-    std::optional<STRange> st;
-    for (const char c : csSeparators) {
-        st = st.has_value() ? st : stRange(csInside, c);
-    }
-
+    const std::optional<STRange> st = stRangeWithAny(csInside, csSeparators);
     if (!st.has_value() && nOpen == 0 && std::ranges::count(csInside, ':') > 1) {
-        return {std::string(csInside)}; // an IPv6 address
+        return {std::string(csInside)}; // an IPv6 address; what follows its bracket is ignored
     }
     if (!st.has_value()) {
         throw clNoRange(csInside);
     }
 
-    std::vector<std::string> tNames;
     const std::vector<std::string> tRests = tExpand(csWord.substr(nClose + 1), csSeparators);
+    std::vector<std::string> tNames;
 
     // The number has 64 bits: one of 32 could wrap around instead of getting past nLast.
     for (std::uint64_t n = st->nFirst; n <= st->nLast; n += st->nStep) {
@@ -118,24 +126,27 @@ std::vector<std::string> tExpand(std::string_view csWord, std::string_view csSep
     return tNames;
 }
 
-/// The words of a line up to a comment. Quotation marks keep spaces inside a word.
+/// The words of a line up to a comment. Quotation marks keep spaces and "#" inside a word; a quotation that
+/// is not closed reaches to the end of the line.
 std::vector<std::string> tWordsOfLine(std::string_view csLine)
 {
     std::vector<std::string> tWords;
-    bool bInside = false;
-    char cQuote = 0;
+    bool bInWord = false;
+    char cQuote = 0; // the mark that will close the quotation; 0: outside of any
     for (const char c : csLine) {
         if (cQuote == 0 && s_csSpaces.find(c) != s_csSpaces.npos) {
-            bInside = false;
+            bInWord = false;
             continue;
         }
         if (cQuote == 0 && c == '#') {
             break;
         }
-        if (!bInside) {
+
+        if (!bInWord) {
             tWords.emplace_back();
-            bInside = true;
+            bInWord = true;
         }
+
         if (c == cQuote) {
             cQuote = 0;
         } else if (cQuote == 0 && (c == '"' || c == '\'')) {
@@ -157,7 +168,7 @@ bool bHolds(const std::vector<std::string>& tNames, const std::string& csName)
 /// address, hold colons of their own.
 std::string csWithoutPort(const std::string& csName)
 {
-    const std::size_t nColon = csName.find(':', csName.rfind(']') + 1); // without any, from the beginning
+    const std::size_t nColon = csName.find(':', csName.rfind(']') + 1); // without a bracket from 0: npos + 1
     const bool bPort =
         nColon != csName.npos && nColon == csName.rfind(':') && nWhole(csName.substr(nColon + 1));
     return bPort ? csName.substr(0, nColon) : csName;
@@ -235,6 +246,8 @@ std::vector<std::string> CHostsFile::tGroupNames() const
     return tNames;
 }
 
+/// One line, without its newline. Throws CFailure (USAGE), as do the three functions below; the
+/// constructor adds the line's number.
 void CHostsFile::_Line(std::string_view csLine)
 {
     csLine.remove_prefix(std::min(csLine.find_first_not_of(s_csSpaces), csLine.size()));
@@ -258,6 +271,7 @@ void CHostsFile::_Line(std::string_view csLine)
     }
 }
 
+/// The header of a section, without its brackets: "name", "name:children", "name:vars".
 void CHostsFile::_Section(std::string_view csHeader)
 {
     const std::size_t nColon = std::min(csHeader.find(':'), csHeader.size());
@@ -275,6 +289,8 @@ void CHostsFile::_Section(std::string_view csHeader)
     }
 }
 
+/// A line of machines: a name or a range of names, then variables for each of them. Inventories count with a
+/// colon, which is tried first because it takes a step.
 void CHostsFile::_Hosts(const std::vector<std::string>& tWords)
 {
     for (const std::string& csExpanded : tExpand(csWithoutPort(tWords[0]), ":-")) {
@@ -282,6 +298,8 @@ void CHostsFile::_Hosts(const std::vector<std::string>& tWords)
         if (csName.empty()) { // ":22", a port alone; an empty name stands for this machine
             throw CFailure(EExit::USAGE, "a machine without a name");
         }
+
+        // A machine may stand in several lines, each with other variables.
         const bool bNew = !m_tHosts.contains(csName);
         if (bNew) {
             m_tOrder.push_back(csName);
@@ -303,6 +321,7 @@ void CHostsFile::_Hosts(const std::vector<std::string>& tWords)
     }
 }
 
+/// "name=value"; most variables mean nothing here.
 void CHostsFile::_Variable(const std::string& csWord, STHost* pstHost) const
 {
     const std::size_t nEqual = std::min(csWord.find('='), csWord.size());
@@ -318,12 +337,12 @@ void CHostsFile::_Variable(const std::string& csWord, STHost* pstHost) const
     }
 }
 
+/// Adds the machines of a group and of the groups in it, each once.
 void CHostsFile::_Collect(const std::string& csGroup, std::vector<std::string>* ptSeen,
                           std::vector<std::string>* ptHosts) const
 {
-    const auto it = m_tGroups.find(csGroup);
-
     // Groups may contain each other: one that was seen ends the recursion.
+    const auto it = m_tGroups.find(csGroup);
     if (it == m_tGroups.end() || bHolds(*ptSeen, csGroup)) {
         return;
     }

@@ -12,16 +12,17 @@
 /// A machine whose manager is asked.
 struct STHost
 {
-    std::string csName;    ///< as the user calls it; empty: this machine
-    std::string csAddress; ///< where it is asked, usually the name again
-    std::uint16_t wPort = 0;
+    std::string csName;      ///< as the user calls it; empty: this machine
+    std::string csAddress;   ///< where it is asked, usually the name again; empty: this machine
+    std::uint16_t wPort = 0; ///< 0: none of its own, so that of the options
 };
 
 /// More machines than this are taken for a typing error (db[1-1000000]).
 inline constexpr std::size_t g_nMostHosts = 10'000;
 
 /// The names that a list stands for, such as "db1,db2", "db[01-40].example.org" or "[a-c][1-3]", in the order
-/// of counting. Brackets with several colons inside hold an IPv6 address instead. Throws CFailure (USAGE).
+/// of counting. Brackets at the start with several colons inside hold an IPv6 address instead. Throws
+/// CFailure (USAGE).
 std::vector<std::string> tExpandList(std::string_view csList);
 
 /// A hosts file: one machine a line, comments after "#" (at the start of a line also ";"), groups as
@@ -42,6 +43,7 @@ public:
     std::vector<STHost> tGroup(const std::string& csGroup) const;
     /// The machine of that name in the file; when the file has none, a machine with the name as its address.
     STHost stFind(const std::string& csName) const;
+    /// "all", then the file's groups by name, "ungrouped" included.
     std::vector<std::string> tGroupNames() const;
 
 private:

@@ -15,15 +15,14 @@ in_addr_t nBroadcast(const ifaddrs& st)
     const auto nAddress = [](const sockaddr* pst) {
         return pst == nullptr ? 0 : reinterpret_cast<const sockaddr_in*>(pst)->sin_addr.s_addr;
     };
-    constexpr in_addr_t nSmallestHosts = 3; // a network of one or two addresses has none for broadcasts
+    constexpr in_addr_t nSmallestHosts = 3; // with fewer host bits (/31, /32) no address is left to broadcast
     const in_addr_t nOwn = nAddress(st.ifa_addr);
     if (const in_addr_t nSet = nAddress(st.ifa_broadaddr); nSet != 0 && nSet != nOwn) {
         return nSet;
     }
-    const in_addr_t nHosts = ~nAddress(st.ifa_netmask);
+    const in_addr_t nHosts = ~nAddress(st.ifa_netmask); // the bits that number the network's machines
     return ntohl(nHosts) < nSmallestHosts ? 0 : nOwn | nHosts;
 }
-
 } // namespace
 
 STAddress::STAddress(const sockaddr* pst, socklen_t nSize) : nLength(nSize)

@@ -15,13 +15,15 @@ struct STAddress
     socklen_t nLength = 0;
 
     STAddress() = default;
+    /// Copies an address of nSize bytes, no more than the largest family has.
     STAddress(const sockaddr* pst, socklen_t nSize);
     const sockaddr* pst() const { return reinterpret_cast<const sockaddr*>(&st); }
-    /// Numeric, without the port.
+    /// Numeric, without the port; a link-local IPv6 address with its interface ("fe80::1%eth0"). Empty when
+    /// the address is neither IPv4 nor IPv6.
     std::string csText() const;
 };
 
-/// This machine's interfaces, read once.
+/// This machine's interfaces, read once; none when the kernel does not say.
 class CInterfaces
 {
 public:

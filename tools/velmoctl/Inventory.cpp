@@ -37,6 +37,7 @@ Json clPrometheusTargets(const std::vector<STFound>& tFound, std::uint16_t wExpo
 {
     Json clAll = Json::array();
     for (const STFound& st : tFound) {
+        // Labels that begin with "__meta_" are for relabelling rules; Prometheus drops them afterwards.
         const Json clLabels = {{"__meta_velmo_address", st.csAddress},
                                {"__meta_velmo_version", st.stInfo.csVersion},
                                {"__meta_velmo_system", st.stInfo.csSystem},
@@ -57,7 +58,7 @@ Json clAnsibleInventory(const std::vector<STFound>& tFound)
                    {"velmo_system", st.stInfo.csSystem},
                    {"velmo_servers", clJsonServers(st.stInfo.tServers)}};
         if (st.bHere) {
-            cl["ansible_connection"] = "local";
+            cl["ansible_connection"] = "local"; // instead of ssh to the machine on which Ansible runs
         }
         clVariables[st.csAddress] = cl;
     }

@@ -11,13 +11,14 @@
 struct STFound
 {
     std::string csAddress;
-    bool bHere; ///< it is the manager of this machine
+    bool bHere; ///< it is this machine's own
     STInfo stInfo;
 };
 
+/// Name and port of each server.
 Json clJsonServers(const std::vector<STServer>& tServers);
 
-/// The managers found, in the forms that other tools read.
+/// The managers found, for programs: velmoctl's own form, which is stable.
 Json clJsonFound(const std::vector<STFound>& tFound);
 /// File-based service discovery: the node_exporter of each machine, with labels about its manager.
 Json clPrometheusTargets(const std::vector<STFound>& tFound, std::uint16_t wExporterPort);

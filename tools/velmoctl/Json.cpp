@@ -16,6 +16,8 @@ std::string csJsonLine(const Json& clValue)
             cs += csToUTF8({&c, 1});
             continue;
         }
+
+        // Every harmful character has at most four hexadecimal digits; the mask tells the compiler so.
         std::array<char, 8> szEscape{};
         std::snprintf(szEscape.data(), szEscape.size(), "\\u%04x", static_cast<unsigned int>(c) & 0xFFFF);
         cs += szEscape.data();
@@ -26,7 +28,7 @@ std::string csJsonLine(const Json& clValue)
 
 Json clJsonPort(const std::string& csText)
 {
-    constexpr std::size_t nSafeDigits = 15;
+    constexpr std::size_t nSafeDigits = 15; // many readers keep numbers as doubles, exact up to 2^53
     const bool bNumber = !csText.empty() && csText.size() <= nSafeDigits &&
                          csText.find_first_not_of("0123456789") == std::string::npos &&
                          (csText.size() == 1 || csText[0] != '0');

@@ -14,7 +14,7 @@ constexpr STColumn s_tColumns[] = {
     {"folder", "FOLDER", [](const STListed& st) { return st.pstServer->csFolder; }},
     {"log", "LOG", [](const STListed& st) { return st.pstServer->csLog; }},
 };
-constexpr std::size_t s_nShort = 4; ///< columns without --long
+constexpr std::size_t s_nShort = 4; // columns without --long: the first ones
 constexpr std::string_view s_csState = "state";
 
 constexpr const char* s_tStates[] = {"running",    "stopped", "failed", "starting", "stopping",
@@ -44,7 +44,8 @@ void CheckState(const std::string& csState)
     }
 }
 
-/// Orders numbers by their value, and before texts.
+/// Orders numbers by their value, and before texts. Of two numbers the one with more digits is taken for the
+/// larger: ports and PIDs have no leading zeros.
 bool bLess(const std::string& cs1, const std::string& cs2)
 {
     const auto bNumber = [](const std::string& cs) {
@@ -90,8 +91,8 @@ CServerList::CServerList(const STOptions& stOptions, bool bManyHosts)
     }
 
     if (m_tColumns.empty()) {
-        const std::size_t nLast = m_bLong ? std::size(s_tColumns) : s_nShort;
-        for (std::size_t n = bManyHosts ? 0 : 1; n < nLast; ++n) {
+        const std::size_t nEnd = m_bLong ? std::size(s_tColumns) : s_nShort;
+        for (std::size_t n = bManyHosts ? 0 : 1; n < nEnd; ++n) { // the first column is the host
             m_tColumns.push_back(&s_tColumns[n]);
         }
     }
@@ -117,6 +118,8 @@ std::vector<STListed> CServerList::tRows(const std::vector<const STHostAnswer*>&
         }
     }
 
+    // By the first key in which two rows differ. Stable, so that equal rows, and all without --sort, stay in
+    // the answers' order.
     std::ranges::stable_sort(tResult, [this](const STListed& st1, const STListed& st2) {
         for (const STKey& stKey : m_tSort) {
             const std::string cs1 = stKey.pstColumn->pfnText(st1), cs2 = stKey.pstColumn->pfnText(st2);

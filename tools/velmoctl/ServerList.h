@@ -16,11 +16,11 @@ struct STListed
     const STServerAnswer* pstServer;
 };
 
-/// A column by its name, as the user writes it.
+/// A column of the list.
 struct STColumn
 {
-    const char* pszName;
-    const char* pszHeader;
+    const char* pszName;   ///< as the user writes it
+    const char* pszHeader; ///< as the table shows it
     std::string (*pfnText)(const STListed&);
 };
 
@@ -31,11 +31,13 @@ public:
     /// with the host.
     CServerList(const STOptions& stOptions, bool bManyHosts);
 
-    /// The rows of some answers, in the order wanted. They refer to the answers.
+    /// The rows of some answers: the servers in the states wanted, sorted as wanted, else in the answers'
+    /// order. They point into the answers.
     std::vector<STListed> tRows(const std::vector<const STHostAnswer*>& tAnswers) const;
     /// Whether rows may be written before all are known.
     bool bAsTheyCome() const { return m_tSort.empty(); }
 
+    /// The columns' headers, and the cells of each row: both as CTable takes them.
     std::vector<std::string> tHeader() const;
     std::vector<CRow> tCells(const std::vector<STListed>& tRows) const;
     /// All answers as one value: an object for each row, and for each machine that gave no answer.
@@ -55,8 +57,9 @@ private:
     std::vector<std::string> m_tStates; ///< none: all
 };
 
-/// Green for what runs, red for what does not, yellow for what is on its way.
+/// Green for what runs, red for what does not or gave no answer, yellow for every other state.
 EColour eStateColour(const std::string& csState);
 /// The state as it is shown: "?" when there is none.
 std::string csStateShown(const STServerAnswer& st);
+/// Pointers to all answers, in their order: what CServerList and CTakeAnswers work with.
 std::vector<const STHostAnswer*> tPointers(const std::vector<STHostAnswer>& tAnswers);

@@ -11,7 +11,7 @@ CTable::CTable(std::vector<std::string> tHeader) : m_tHeader(std::move(tHeader))
     }
 }
 
-std::string CTable::csHeader()
+std::string CTable::csHeader() const
 {
     CRow tTop;
     tTop.reserve(m_tHeader.size());
@@ -44,15 +44,15 @@ std::string CTable::_csLine(const CRow& tRow) const
 {
     constexpr std::size_t nGap = 2;
     std::string csLine;
-    std::size_t nMissing = 0; // spaces, written once something follows them
+    std::size_t nPadding = 0; // spaces not yet written: only in front of text, never at the end of a line
     for (std::size_t n = 0; n < tRow.size(); ++n) {
         const std::string csText = csShown(tRow[n].csText);
         const std::size_t nWidth = nColumns(csText);
         if (nWidth > 0) {
-            csLine.append(nMissing, ' ').append(csColoured(csText, tRow[n].eColour));
-            nMissing = 0;
+            csLine.append(nPadding, ' ').append(csColoured(csText, tRow[n].eColour));
+            nPadding = 0;
         }
-        nMissing += m_tWidths[n] - nWidth + nGap;
+        nPadding += m_tWidths[n] - nWidth + nGap;
     }
 
     return csLine + "\n";

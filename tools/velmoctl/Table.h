@@ -20,9 +20,9 @@ class CTable
 public:
     explicit CTable(std::vector<std::string> tHeader);
 
-    /// The header's line.
-    std::string csHeader();
-    /// The lines of some rows, each with as many cells as the header.
+    /// The header's line, in the columns' present widths.
+    std::string csHeader() const;
+    /// The lines of some rows, each with as many cells as the header, in columns widened for them.
     std::string csRows(const std::vector<CRow>& tRows);
     /// Makes room for rows without writing them.
     void Fit(const std::vector<CRow>& tRows);
