@@ -34,6 +34,12 @@ bool bLooksLikeUTF8(std::wstring_view csLine)
     return bBeyondASCII && csFromUTF8(csBytes).find(L'\xFFFD') == std::wstring::npos;
 }
 
+/// The place after the line that begins at nStart: after its newline, or at the end of the text.
+std::size_t nNextLine(std::wstring_view csText, std::size_t nStart)
+{
+    return std::min(csText.find(L'\n', nStart), csText.size() - 1) + 1;
+}
+
 /// Goes through a file line by line and follows both the reader and the writer of settings, whose rules
 /// differ: see docs/settings.md.
 class CLinter
@@ -45,9 +51,9 @@ public:
     void Line(std::wstring_view csLine)
     {
         ++m_nLine;
-        std::wstring_view csText = csLine.substr(0, csLine.find(L'\0'));
+        std::wstring_view csText = csLine.substr(0, csLine.find(L'\0')); // as the programs' C strings end
         if (csText.size() < csLine.size()) {
-            _Find("what follows the NUL character is not read");
+            Find("what follows the NUL character is not read");
         }
 
         csText.remove_prefix(std::min(csText.find_first_not_of(s_csSpace), csText.size()));
@@ -58,28 +64,30 @@ public:
             _KeyLine(csText, bIndented);
         }
 
+        // To the writer an empty line ends the section; whitespace in the line is enough to prevent that.
         if (csLine.starts_with(L'\n') || csLine.starts_with(L'\r')) {
             m_nWriterEnd = m_nWriterEnd == 0 ? m_nLine : m_nWriterEnd;
         }
 
         if (!csLine.ends_with(L'\n')) {
-            _Find("the last line has no newline: what is added later will continue it");
+            Find("the last line has no newline: what is added later will continue it");
         }
     }
     /// Counts a line without checking it.
     void SkipLine() { ++m_nLine; }
-    void Find(const std::string& csText) { _Find(csText); }
+    /// Adds a finding about the line read last; before the first one, about that.
+    void Find(std::string csText) { m_tFindings.push_back({std::max(m_nLine, 1u), std::move(csText)}); }
     std::vector<STFinding> tTake() { return std::move(m_tFindings); }
 
 private:
-    void _Find(std::string csText) { m_tFindings.push_back({std::max(m_nLine, 1u), std::move(csText)}); }
-
+    /// A line that begins with "[", after whitespace when bIndented: the reader accepts the whitespace, the
+    /// writer looks for "[" in the first column only.
     void _Bracket(std::wstring_view csText, bool bIndented)
     {
         const std::size_t nEnd = csText.find(L']');
         if (nEnd == csText.npos) {
-            _Find("a line that begins with \"[\" but has no \"]\" is no section header, but a change of a "
-                  "later key does not get past it");
+            Find("a line that begins with \"[\" but has no \"]\" is no section header, but a change of a "
+                 "later key does not get past it");
             m_nWriterEnd = bIndented ? m_nWriterEnd : m_nLine;
             return;
         }
@@ -87,39 +95,43 @@ private:
         m_csSection = csText.substr(1, nEnd - 1);
         m_bSection = true;
         m_nWriterEnd = 0;
+
         const bool bRepeated =
             std::ranges::any_of(m_tSections, [&](const auto& cs) { return bSameName(cs, m_csSection); });
         m_bIgnored = bRepeated || !bKnownSection(m_csSection);
         m_tSections.push_back(m_csSection);
+
         if (!bKnownSection(m_csSection)) {
-            _Find("unknown section " + csQuoted(m_csSection));
+            Find("unknown section " + csQuoted(m_csSection));
         } else if (bRepeated) {
-            _Find("section " + csQuoted(m_csSection) + " exists already: nothing in this one is read");
+            Find("section " + csQuoted(m_csSection) + " exists already: nothing in this one is read");
         } else if (bIndented) {
-            _Find("the indented header " + csQuoted(m_csSection) +
-                  " is read, but a change will write a second section");
+            Find("the indented header " + csQuoted(m_csSection) +
+                 " is read, but a change will write a second section");
         }
     }
 
+    /// Any other line that is not a comment: it should be "key=value".
     void _KeyLine(std::wstring_view csText, bool bIndented)
     {
         const std::size_t nName = std::min(csText.find_first_of(L"= \t\r\n"), csText.size());
         const std::wstring csKey(csText.substr(0, nName));
         const std::size_t nEqual = csText.find(L'=', nName);
         if (!m_bSection) {
-            _Find(csQuoted(csKey) + " stands before the first section: it is never read");
+            Find(csQuoted(csKey) + " stands before the first section: it is never read");
         } else if (nEqual == csText.npos) {
-            _Find("a line without \"=\" is never read, but may be overwritten");
+            Find("a line without \"=\" is never read, but may be overwritten");
         } else if (!m_bIgnored) {
             _Key(csKey, csText.substr(nName, nEqual - nName), csText.substr(nEqual + 1), bIndented);
         }
     }
 
+    /// A key of a section that is read: with the text up to its "=" and the text after that.
     void _Key(const std::wstring& csKey, std::wstring_view csBetween, std::wstring_view csRest,
               bool bIndented)
     {
         if (csBetween.find_first_not_of(L" \t") != csBetween.npos) {
-            _Find("the text between " + csQuoted(csKey) + " and \"=\" is ignored");
+            Find("the text between " + csQuoted(csKey) + " and \"=\" is ignored");
         }
 
         const STSetting* const pst = pstSetting(m_csSection, csKey);
@@ -127,16 +139,16 @@ private:
             _UnknownKey(csKey);
             return;
         }
-        if (_bRepeated(csKey)) {
+        if (!_bNoteKey(csKey)) {
             return;
         }
 
         if (bIndented) {
-            _Find(csQuoted(csKey) +
-                  " is indented: it is read, but a change will write a second line, which is never read");
+            Find(csQuoted(csKey) +
+                 " is indented: it is read, but a change will write a second line, which is never read");
         } else if (m_nWriterEnd != 0) {
-            _Find(csQuoted(csKey) + " is after line " + std::to_string(m_nWriterEnd) +
-                  ", where the section ends for a change: a second line will be written there");
+            Find(csQuoted(csKey) + " is after line " + std::to_string(m_nWriterEnd) +
+                 ", where the section ends for a change: a second line will be written there");
         }
 
         _Value(*pst, csRest);
@@ -145,46 +157,49 @@ private:
     void _UnknownKey(const std::wstring& csKey)
     {
         const wchar_t* const pszElsewhere = pszSectionOf(csKey);
-        _Find("unknown key " + csQuoted(csKey) + " in section " + csQuoted(m_csSection) +
-              (pszElsewhere == nullptr ? "" : ": it belongs to section " + csQuoted(pszElsewhere)));
+        Find("unknown key " + csQuoted(csKey) + " in section " + csQuoted(m_csSection) +
+             (pszElsewhere == nullptr ? "" : ": it belongs to section " + csQuoted(pszElsewhere)));
     }
 
-    bool _bRepeated(const std::wstring& csKey)
+    /// Notes a known key and its line. False, with a finding, when an earlier line sets the key: the name
+    /// alone decides, since no two sections share a key and a repeated section is passed over.
+    bool _bNoteKey(const std::wstring& csKey)
     {
         for (const auto& [csEarlier, nLine] : m_tKeys) {
             if (bSameName(csEarlier, csKey)) {
-                _Find(csQuoted(csKey) + " is set in line " + std::to_string(nLine) +
-                      " already: only that counts");
-                return true;
+                Find(csQuoted(csKey) + " is set in line " + std::to_string(nLine) +
+                     " already: only that counts");
+                return false;
             }
         }
         m_tKeys.emplace_back(csKey, m_nLine);
-        return false;
+        return true;
     }
 
+    /// The value of a setting in the text after "=", which ends with the line's newline.
     void _Value(const STSetting& stSetting, std::wstring_view csRest)
     {
         const std::size_t nEnd = std::min(csRest.find_first_of(L"\r\n"), csRest.size());
         const std::size_t nStart = std::min(csRest.find_first_not_of(L" \t"), nEnd);
         if (nEnd < csRest.size() && csRest.find_first_not_of(L"\r\n", nEnd) != csRest.npos) {
-            _Find("what follows the carriage return is not read");
+            Find("what follows the carriage return is not read");
         }
 
         const std::wstring csValue(csRest.substr(nStart, nEnd - nStart));
         if (const std::string csFault = csValueFault(stSetting, csValue); !csFault.empty()) {
-            _Find(csToUTF8(stSetting.pszKey) + ": " + csFault);
+            Find(csToUTF8(stSetting.pszKey) + ": " + csFault);
         }
 
         if (m_bSingleByte && bLooksLikeUTF8(csValue)) {
-            _Find(csToUTF8(stSetting.pszKey) +
-                  ": the value is in UTF-8, but will be read as Windows-1252: " + csQuoted(csValue));
+            Find(csToUTF8(stSetting.pszKey) +
+                 ": the value is in UTF-8, but will be read as Windows-1252: " + csQuoted(csValue));
         }
     }
 
     bool m_bSingleByte;
     unsigned int m_nLine = 0;
     unsigned int m_nWriterEnd = 0; ///< line where the section ends for the writer; 0: not yet
-    bool m_bSection = false;       ///< after the first header
+    bool m_bSection = false;       ///< a header has been read
     bool m_bIgnored = false;       ///< an unknown or repeated section, reported at its header
     std::wstring m_csSection;
     std::vector<std::wstring> m_tSections;
@@ -192,7 +207,8 @@ private:
     std::vector<STFinding> m_tFindings;
 };
 
-/// One character for each unit, as the programs read them.
+/// The text of a file without its byte order mark: one character for each byte or UTF-16 unit, as the
+/// programs read it.
 std::wstring csUnits(std::string_view csBytes, bool bUTF16)
 {
     if (!bUTF16) {
@@ -207,7 +223,7 @@ std::wstring csUnits(std::string_view csBytes, bool bUTF16)
     return csText;
 }
 
-/// The whole file. Throws CFailure (USAGE) for what is none, or too large to be one of settings.
+/// The whole file. Throws CFailure (USAGE) for what is no regular file, or too large to hold settings.
 std::string csReadFile(const std::string& csPath)
 {
     constexpr std::uintmax_t nMax = 4u << 20;
@@ -217,6 +233,8 @@ std::string csReadFile(const std::string& csPath)
         throw CFailure(EExit::USAGE, csArgument(csPath) + ": " + csWhy);
     }
 
+    // One byte more than the limit shows that a file is too large. A size that cannot be had is the largest
+    // number, and the file is then read up to there.
     std::ifstream clFile(csPath, std::ios::binary);
     std::string csBytes(std::min(std::filesystem::file_size(csPath, clError), nMax + 1), '\0');
     clFile.read(csBytes.data(), static_cast<std::streamsize>(csBytes.size()));
@@ -238,16 +256,18 @@ std::vector<STFinding> tLint(std::string_view csBytes)
     const bool bUTF16 = csBytes.starts_with(s_csMarkUTF16);
     CLinter clLinter(!bUTF16);
     const std::wstring csText = csUnits(csBytes.substr(bUTF16 ? s_csMarkUTF16.size() : 0), bUTF16);
+
+    // With three characters in front the first line is neither header nor key to the programs: pass over it.
     std::size_t nStart = 0;
     if (csBytes.starts_with(s_csMarkUTF8)) {
         clLinter.SkipLine();
         clLinter.Find("the file begins with a UTF-8 byte order mark, which hides its first line; it is read "
                       "as Windows-1252");
-        nStart = std::min(csText.find(L'\n'), csText.size() - 1) + 1;
+        nStart = nNextLine(csText, 0);
     }
 
     while (nStart < csText.size()) {
-        const std::size_t nEnd = std::min(csText.find(L'\n', nStart), csText.size() - 1) + 1;
+        const std::size_t nEnd = nNextLine(csText, nStart);
         clLinter.Line(std::wstring_view(csText).substr(nStart, nEnd - nStart));
         nStart = nEnd;
     }

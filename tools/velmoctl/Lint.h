@@ -15,24 +15,25 @@ struct STFinding
 
 /// Finds unknown sections and keys, values that do not read as their type, and lines that the programs do not
 /// read or would not find when they change a setting, in the order of the lines. A file without findings is
-/// read and edited exactly as written. The bytes are a whole file, in either encoding.
+/// read and edited exactly as written. The bytes are a whole file, in either encoding: Windows-1252, or
+/// UTF-16 little-endian with a byte order mark.
 std::vector<STFinding> tLint(std::string_view csBytes);
 
-/// The type of a setting's value.
+/// The type of a setting's value. The programs read every number modulo 2^32.
 enum class EValue
 {
     SIGNED,
     UNSIGNED,
-    YES_NO,
+    YES_NO, ///< a number: 0 is no, every other yes
     PORT,
     PERIOD,    ///< at most 65535
     MEGABYTES, ///< below 4096
-    SECONDS,   ///< at most what a wait in milliseconds can hold
+    SECONDS,   ///< at most what a wait in milliseconds can hold, in 32 bits
     NODE,      ///< only 0 and 1 mean something
     TEXT,
     PATH,
-    LOG_MODE,
-    FAMILIES,
+    LOG_MODE, ///< SYSTEM or FILE
+    FAMILIES, ///< words for IPv4, IPv6 and their order, separated by commas
 };
 
 /// What the check knows of a setting.
@@ -51,7 +52,8 @@ const STSetting* pstSetting(std::wstring_view csSection, std::wstring_view csKey
 const wchar_t* pszSectionOf(std::wstring_view csKey);
 bool bKnownSection(std::wstring_view csSection);
 
-/// What is wrong with a value, given without the whitespace after "="; empty: nothing.
+/// What is wrong with a value, given without the whitespace after "=" and without its newline; empty:
+/// nothing.
 std::string csValueFault(const STSetting& stSetting, const std::wstring& csValue);
 /// Compares names without regard to case, as the programs do; only ASCII letters fold, which is all that
 /// known names have.

@@ -66,7 +66,8 @@ constexpr STSetting s_tSettings[] = {
 
 constexpr long long s_n31 = 1LL << 31, s_n32 = 1LL << 32;
 
-/// The bounds of a number, and what the programs make of one beyond them.
+/// The bounds of a number, and what the programs make of one beyond them. Between -2^31 and 2^32 - 1 no
+/// number but 0 reads as 0, which is all that counts for yes or no.
 struct STBounds
 {
     EValue eValue;
@@ -85,17 +86,19 @@ constexpr STBounds s_tBounds[] = {
     {EValue::NODE, 0, 1, "makes no cluster node: only 1 does"},
 };
 
-constexpr std::size_t s_nNumberCharacters = 19; // more are not looked at
+constexpr std::size_t s_nNumberCharacters = 19; // the programs look at no more
 
-/// Says how the programs would misread this number; empty when they read it as written. So do the functions
-/// below.
+// The functions below say how the programs would misread a value; empty when they read it as written.
+
 std::string csNumberFault(const STSetting& stSetting, const std::wstring& csValue)
 {
+    // Nineteen digits may exceed even a long long. It then has its largest value, which is beyond every
+    // bound.
     const std::wstring csRead = csValue.substr(0, s_nNumberCharacters);
     wchar_t* pszEnd = nullptr;
-    const long long nValue =
-        std::wcstoll(csRead.c_str(), &pszEnd, 10); // 19 characters may just not fit: a bound
+    const long long nValue = std::wcstoll(csRead.c_str(), &pszEnd, 10);
     const std::string csReads = "reads as " + std::to_string(nValue);
+
     if (csValue.find_first_not_of(L" \t") == std::wstring::npos) {
         return "the value is empty: reads as 0, not as the default " + std::to_string(stSetting.nDefault);
     }
@@ -114,7 +117,7 @@ std::string csNumberFault(const STSetting& stSetting, const std::wstring& csValu
     return bFits ? "" : std::to_string(nValue) + " " + pst->pszBeyond;
 }
 
-/// The programs know a macro at the start of a path by its first seven characters.
+/// The programs know a macro at the start of a path by its first seven characters, "%%EXE%%" or "%%COMMO".
 std::string csPathFault(const std::wstring& csValue)
 {
     const bool bMacro = csValue.starts_with(L"%%");
@@ -147,7 +150,8 @@ std::string csFamiliesFault(const std::wstring& csValue)
     return "";
 }
 
-/// Finds what many take for syntax but belongs to the value: quotes, comments, trailing whitespace.
+/// A text that is too long, and what many take for syntax but belongs to the value: quotation marks,
+/// comments, trailing whitespace.
 std::string csTextFault(const STSetting& stSetting, const std::wstring& csValue)
 {
     if (csValue.size() >= stSetting.nSize) {
