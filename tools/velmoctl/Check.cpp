@@ -22,24 +22,27 @@ enum class EHealth : int
 };
 constexpr const char* s_tHealth[] = {"OK", "WARNING", "CRITICAL", "UNKNOWN"};
 
-/// "10" alerts outside of 0 to 10, "5:" below 5, "~:10" above 10, "10:20" outside, "@10:20" inside.
+/// A range of the plugin conventions: "10" alerts outside of 0 to 10, "5:" below 5, "~:10" above 10, "10:20"
+/// outside, "@10:20" inside.
 class CRange
 {
 public:
+    /// Throws CFailure (USAGE).
     explicit CRange(const std::string& csText)
     {
-        std::string_view cs = csText;
-        m_bInside = cs.starts_with("@");
-        cs.remove_prefix(m_bInside ? 1 : 0);
+        std::string_view csLast = csText;
+        m_bInside = csLast.starts_with("@");
+        csLast.remove_prefix(m_bInside ? 1 : 0);
 
-        const std::size_t nColon = cs.find(':');
-        if (nColon != cs.npos) {
-            m_dFirst = cs.substr(0, nColon) == "~" ? -s_dEndless : _dNumber(cs.substr(0, nColon), csText);
-            cs.remove_prefix(nColon + 1);
+        const std::size_t nColon = csLast.find(':');
+        if (nColon != csLast.npos) {
+            const std::string_view csFirst = csLast.substr(0, nColon);
+            m_dFirst = csFirst == "~" ? -s_dEndless : _dNumber(csFirst, csText);
+            csLast.remove_prefix(nColon + 1);
         }
 
-        m_dLast = nColon != std::string_view::npos && cs.empty() ? s_dEndless : _dNumber(cs, csText);
-
+        const bool bNoEnd = nColon != std::string_view::npos && csLast.empty();
+        m_dLast = bNoEnd ? s_dEndless : _dNumber(csLast, csText);
         if (m_dFirst > m_dLast) {
             throw _clFault(csText);
         }
@@ -59,6 +62,7 @@ private:
         return {EExit::USAGE,
                 "\"" + csArgument(csText) + "\" is not a range such as 0, 5:, ~:10, 10:20 or @10:20"};
     }
+    /// A whole number: servers are counted. csText is the range, for the message.
     static double _dNumber(std::string_view cs, const std::string& csText)
     {
         int nNumber = 0;
@@ -69,24 +73,24 @@ private:
         return nNumber;
     }
 
-    bool m_bInside = false;
+    bool m_bInside = false; ///< alerts inside of the range instead of outside
     double m_dFirst = 0;
     double m_dLast = 0;
 };
 
-/// What was found, over all machines.
-struct STFindings
+/// The count over all machines.
+struct STTally
 {
-    std::size_t nServers = 0;
+    std::size_t nServers = 0; ///< also those that are missing
     std::size_t nRunning = 0;
     std::size_t nMachines = 0;
-    std::vector<std::string> tDown;   ///< "Orders on db2 stopped"
-    std::vector<std::string> tSilent; ///< why machines gave no answer
-    Milliseconds clSlowest{0};
+    std::vector<std::string> tDown;   ///< servers that do not run: "Orders on db2 stopped"
+    std::vector<std::string> tSilent; ///< for each machine without an answer, why
+    Milliseconds clSlowest{0};        ///< the longest time that a machine took
 };
 
 void AddDown(const STHostAnswer& stHost, const std::string& csServer, const std::string& csState,
-             STFindings* pst)
+             STTally* pst)
 {
     const std::string csOn = stHost.stHost.csName.empty() ? "" : " on " + stHost.stHost.csName;
     pst->tDown.push_back(csServer + csOn + " " + csState);
@@ -100,7 +104,7 @@ bool bAnyOn(const STHostAnswer& stHost, const CSelection& clWord)
 
 /// Counts what is missing: for a watcher it does not run. A server that was named in full is expected on each
 /// machine that answered, and what a pattern stands for on any.
-void AddMissing(const std::vector<STHostAnswer>& tAnswers, const CSelection& clSelection, STFindings* pst)
+void AddMissing(const std::vector<STHostAnswer>& tAnswers, const CSelection& clSelection, STTally* pst)
 {
     for (const std::string& csWord : clSelection.tWords()) {
         const CSelection clWord({csWord});
@@ -121,9 +125,9 @@ void AddMissing(const std::vector<STHostAnswer>& tAnswers, const CSelection& clS
     }
 }
 
-STFindings stFind(const std::vector<STHostAnswer>& tAnswers, const CSelection& clSelection)
+STTally stCount(const std::vector<STHostAnswer>& tAnswers, const CSelection& clSelection)
 {
-    STFindings stResult;
+    STTally stResult;
     stResult.nMachines = tAnswers.size();
 
     for (const STHostAnswer& stHost : tAnswers) {
@@ -131,6 +135,7 @@ STFindings stFind(const std::vector<STHostAnswer>& tAnswers, const CSelection& c
         if (stHost.clFailure.has_value()) {
             stResult.tSilent.emplace_back(stHost.clFailure->what());
         }
+
         // A state that could not be read counts as down, too: nothing shows that the server runs.
         for (const STServerAnswer& st : stHost.tServers) {
             ++stResult.nServers;
@@ -146,7 +151,7 @@ STFindings stFind(const std::vector<STHostAnswer>& tAnswers, const CSelection& c
     return stResult;
 }
 
-EHealth eHealth(const STFindings& st, const CRange& clWarning, const CRange& clCritical)
+EHealth eHealth(const STTally& st, const CRange& clWarning, const CRange& clCritical)
 {
     // Nobody knows how the servers of a silent machine are: that is no better than servers that are down.
     if (!st.tSilent.empty() || clCritical.bAlerts(st.tDown.size())) {
@@ -155,8 +160,9 @@ EHealth eHealth(const STFindings& st, const CRange& clWarning, const CRange& clC
     return clWarning.bAlerts(st.tDown.size()) ? EHealth::WARNING : EHealth::OK;
 }
 
-/// The first of some texts in one line without a bar: monitoring systems read performance data after one.
-std::string csFirst(const std::vector<std::string>& tTexts)
+/// ": a, b and 4 more", or nothing without a text. Without a bar, after which monitoring systems read
+/// performance data.
+std::string csDetails(const std::vector<std::string>& tTexts)
 {
     constexpr std::size_t nMost = 5;
     std::string cs;
@@ -169,8 +175,8 @@ std::string csFirst(const std::vector<std::string>& tTexts)
     return csShown(cs);
 }
 
-/// label=value;warning;critical;least;most
-std::string csPerformance(const STFindings& st, const STOptions& stOptions)
+/// The performance data, by the plugin conventions: label=value;warning;critical;least;most
+std::string csPerformance(const STTally& st, const STOptions& stOptions)
 {
     std::ostringstream cl;
     cl << "not_running=" << st.tDown.size() << ";" << csArgument(stOptions.csWarning) << ";"
@@ -180,6 +186,7 @@ std::string csPerformance(const STFindings& st, const STOptions& stOptions)
     return cl.str();
 }
 
+/// Writes the plugin's one line. The exit status is the health's number, not one of velmoctl's own.
 EExit eReport(EHealth eHealthFound, const std::string& csWords)
 {
     std::cout << "VELMO " << s_tHealth[static_cast<std::size_t>(eHealthFound)] << " - " << csWords << "\n";
@@ -193,19 +200,22 @@ EExit eCheck(const STCall& stCall)
     const CSelection clIgnored(tItems(stCall.stOptions.tIgnore));
     const CRange clWarning(stCall.stOptions.csWarning), clCritical(stCall.stOptions.csCritical);
 
+    // An ignored server is not asked about, so nothing below counts it.
     STQuestions stQuestions = stStateQuestions(stCall);
     stQuestions.fnWanted = [&](const STServer& st) {
         return (clSelection.bAll() || clSelection.bHas(st.csName)) && !clIgnored.bHas(st.csName);
     };
 
     const auto tAnswers = tAskFleet(stQuestions, false, [](const auto&) {});
-    const STFindings st = stFind(tAnswers, clSelection);
+    const STTally st = stCount(tAnswers, clSelection);
 
     const std::string csSilent =
-        st.tSilent.empty() ? "" : std::to_string(st.tSilent.size()) + " silent" + csFirst(st.tSilent) + "; ";
-    return eReport(eHealth(st, clWarning, clCritical),
-                   csSilent + std::to_string(st.nRunning) + " of " + std::to_string(st.nServers) +
-                       " servers running" + csFirst(st.tDown) + " | " + csPerformance(st, stCall.stOptions));
+        st.tSilent.empty() ? ""
+                           : std::to_string(st.tSilent.size()) + " silent" + csDetails(st.tSilent) + "; ";
+    return eReport(eHealth(st, clWarning, clCritical), csSilent + std::to_string(st.nRunning) + " of " +
+                                                           std::to_string(st.nServers) + " servers running" +
+                                                           csDetails(st.tDown) + " | " +
+                                                           csPerformance(st, stCall.stOptions));
 }
 
 EExit eTellMonitoring(const CFailure& clFailure)

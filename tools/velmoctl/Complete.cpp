@@ -15,7 +15,7 @@ struct STPartial
 {
     std::string csCommand;
     STOptions stOptions; ///< which machines
-    std::string csKind;  ///< kind of value that the last word is for an option; empty: it is for none
+    std::string csKind;  ///< kind of the option's value that the last word is; empty: it is no option's value
     std::string csStart; ///< part of the last word that stays ("--host=", "db1,")
     std::string csWord;  ///< rest of the last word, to be completed
 };
@@ -54,6 +54,7 @@ void TakeLast(const std::string& csWord, STPartial* pst)
     }
 }
 
+/// Reads a line without complaint: what cannot be understood is passed over.
 STPartial stRead(const std::vector<std::string>& tWords, const STOptions& stDefaults)
 {
     STPartial st;
@@ -64,13 +65,13 @@ STPartial stRead(const std::vector<std::string>& tWords, const STOptions& stDefa
         const std::string csName = cs.substr(0, nEqual);
         if (!cs.starts_with("-")) {
             st.csCommand = st.csCommand.empty() ? cs : st.csCommand;
-        } else if (csValueKind(csName).empty()) {
+        } else if (csValueKind(csName).empty()) { // a flag
             continue;
         } else if (nEqual != std::string::npos) {
             TakeOption(csName, cs.substr(nEqual + 1), &st.stOptions);
         } else if (n + 2 < tWords.size()) {
             TakeOption(csName, tWords[++n], &st.stOptions);
-        } else {
+        } else { // its value is the word to be completed
             st.csKind = csValueKind(csName);
         }
     }
@@ -90,10 +91,11 @@ std::vector<std::string> tCommands(const STPartial& /*st*/)
 std::vector<std::string> tServers(const STPartial& st)
 {
     constexpr Milliseconds clMoment(2000);
+    CFanOut clFanOut(stQuestionsAbout({st.stOptions, {}, clMoment}, nullptr));
+    const std::vector<STHostAnswer> tAnswers = clFanOut.tAsk([](const auto&, const auto&) {});
+
     std::vector<std::string> tNames;
-    for (const STHostAnswer& stHost :
-         CFanOut(stQuestionsAbout({st.stOptions, {}, clMoment}, nullptr)).tAsk([](const auto&, const auto&) {
-         })) {
+    for (const STHostAnswer& stHost : tAnswers) {
         for (const STServerAnswer& stServer : stHost.tServers) {
             tNames.push_back(stServer.stServer.csName);
         }
@@ -117,6 +119,7 @@ std::vector<std::string> tGroups(const STPartial& st)
     return clReadHostsFile(st.stOptions).tGroupNames();
 }
 
+/// Where the candidates for a kind of word come from.
 struct STSource
 {
     const char* pszKind; ///< how the kind begins: "[NAME" stands for "[NAME...]"
@@ -130,7 +133,7 @@ constexpr STSource s_tSources[] = {
     {"HOST", tMachines},
     {"GROUP", tGroups},
     {"STATE",
-     [](const STPartial&) {
+     [](const STPartial&) { // those that people look for
          return std::vector<std::string>{"running", "stopped", "failed", "starting", "stopping"};
      }},
     {"COLUMN",
@@ -139,6 +142,7 @@ constexpr STSource s_tSources[] = {
      }},
 };
 
+/// All candidates for the word, whatever it begins with.
 std::vector<std::string> tCandidates(const STPartial& st)
 {
     if (st.csKind.empty() && st.csWord.starts_with("-")) {
@@ -174,6 +178,7 @@ std::vector<std::string> tComplete(const std::vector<std::string>& tWords, const
         if (clFailure.eExit() == EExit::INTERRUPTED) {
             throw;
         }
+        // Otherwise no candidates: a completion must not print messages into the line that is being typed.
     }
 
     return tResult;

@@ -14,18 +14,22 @@
 
 namespace {
 constexpr std::string_view s_csQuestion = "ARE YOU A DEXARO MANAGER UTF-8?\r\n";
-constexpr std::size_t s_nMaxDatagram = 65536;
-constexpr std::size_t s_nMaxManagers = 1000;
+constexpr std::size_t s_nMaxDatagram = 65536; // more than UDP can carry
+constexpr std::size_t s_nMaxManagers = 1000; // senders are not trusted: a forged one must not fill the memory
 
 /// Asks by UDP and collects who answers.
 class CDiscovery
 {
 public:
+    /// Collects the addresses to ask, and opens the sockets. Throws CFailure: USAGE, UNREACHABLE,
+    /// INTERRUPTED.
     explicit CDiscovery(const STCall& stCall) : m_stCall(stCall)
     {
         const CInterfaces clInterfaces;
         m_tOwn = clInterfaces.tOwn();
         m_tTargets = clInterfaces.tBroadcast(stCall.stOptions.wPort);
+
+        // Without --host this machine: its manager may hear no broadcast, as where there is only a loopback.
         const CAddresses pstHost =
             pstResolve(stOnlyHost(stCall.stOptions), SOCK_DGRAM, CDeadline(stCall.clTimeout));
         for (const addrinfo* pst = pstHost.get(); pst != nullptr; pst = pst->ai_next) {
@@ -51,7 +55,7 @@ public:
         for (const int nTenths : {2, 3, 5}) {
             const CDeadline clTurn(std::min(m_stCall.clTimeout * nTenths / 10, clEnd.clLeft()));
             _Ask();
-            while (_bWait(clTurn) && m_tFound.size() < s_nMaxManagers) {
+            while (_bTakeAnswers(clTurn) && m_tFound.size() < s_nMaxManagers) {
             }
         }
         return std::move(m_tFound);
@@ -60,6 +64,7 @@ public:
 private:
     static constexpr std::array<int, 2> s_tFamilies = {AF_INET, AF_INET6};
 
+    /// Sends the question to every target. Throws CFailure (UNREACHABLE) only when it could be sent to none.
     void _Ask()
     {
         int nSent = 0;
@@ -78,7 +83,8 @@ private:
         }
     }
 
-    bool _bWait(const CDeadline& clEnd)
+    /// Waits for datagrams and takes one from each socket that has any. False at the deadline.
+    bool _bTakeAnswers(const CDeadline& clEnd)
     {
         std::array<pollfd, 2> tWait = {pollfd{m_tSockets[0].nFd(), POLLIN, 0},
                                        pollfd{m_tSockets[1].nFd(), POLLIN, 0}};
@@ -104,8 +110,8 @@ private:
             return;
         }
 
-        // There and back, so that bytes that are no UTF-8 do not get further. The CR LF that follows an
-        // answer as a datagram of its own does not read as one.
+        // Decoded and encoded again, so that ill-formed UTF-8 gets no further. A manager sends the CR LF of
+        // an answer as a datagram of its own, which is none to stReadInfo.
         const std::string_view csBytes(tBytes.data(), static_cast<std::size_t>(nReceived));
         if (const auto stInfo = stReadInfo(csToUTF8(csFromUTF8(csBytes)))) {
             _Add(stFrom.csText(), *stInfo);
@@ -121,25 +127,26 @@ private:
             m_tFound, [&](const STFound& st) { return st.csAddress == csAddress || (bHere && st.bHere); });
         if (it == m_tFound.end()) {
             m_tFound.push_back({csAddress, bHere, stInfo});
-        } else if (_nUse(csAddress) > _nUse(it->csAddress)) {
+        } else if (_nRank(csAddress) > _nRank(it->csAddress)) {
             it->csAddress = csAddress;
         }
     }
     /// How useful an address is: IPv4 before IPv6, and either before a loopback address.
-    static int _nUse(const std::string& csAddress)
+    static int _nRank(const std::string& csAddress)
     {
         const bool bIPv4 = csAddress.find(':') == std::string::npos;
         const bool bLoopback = csAddress.starts_with("127.") || csAddress == "::1";
         return (bLoopback ? 0 : 2) + (bIPv4 ? 1 : 0);
     }
 
-    const STCall& m_stCall;
-    std::set<std::string> m_tOwn;
+    const STCall& m_stCall;       ///< the caller's
+    std::set<std::string> m_tOwn; ///< this machine's addresses
     std::vector<STAddress> m_tTargets;
     std::array<CDescripteur, 2> m_tSockets; ///< by s_tFamilies
     std::vector<STFound> m_tFound;
 };
 
+/// The managers found, for people.
 std::string csFoundTable(const std::vector<STFound>& tFound)
 {
     std::vector<CRow> tRows;
@@ -163,8 +170,8 @@ EExit eDiscover(const STCall& stCall)
     const STOptions& st = stCall.stOptions;
     std::vector<STFound> tFound;
     {
+        CInterrupts::Catch(); // before the line of progress, which must be cleared on Ctrl-C
         const CProgress clProgress("asking the network...");
-        CInterrupts::Catch();
         tFound = CDiscovery(stCall).tCollect();
     }
 

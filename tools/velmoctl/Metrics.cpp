@@ -25,6 +25,7 @@ std::string csLabel(const std::string& csValue)
 class CMetric
 {
 public:
+    /// The description holds neither backslash nor newline.
     CMetric(const char* pszName, const char* pszHelp) : m_csName(pszName)
     {
         m_clText << "# HELP " << m_csName << " " << pszHelp << "\n# TYPE " << m_csName << " gauge\n";
@@ -35,6 +36,7 @@ public:
         m_clText << m_csName << "{" << csLabels << "} " << clValue << "\n";
         m_bAny = true;
     }
+    /// Nothing while there is no sample: a description alone would be noise.
     std::string csText() const { return m_bAny ? m_clText.str() : ""; }
 
 private:
@@ -47,6 +49,7 @@ private:
 class CMetrics
 {
 public:
+    /// Adds what one machine answered, or that it did not.
     void Add(const STHostAnswer& st)
     {
         const std::string csHost = "host=" + csLabel(csHostWord(st.stHost));
@@ -56,7 +59,7 @@ public:
         }
 
         m_clAnswer.Add(csHost, static_cast<double>(st.clTook.count()) / 1000);
-        m_clServers.Add(csHost, st.stInfo->tServers.size());
+        m_clServers.Add(csHost, st.stInfo->tServers.size()); // there is a list: metrics names no servers
         m_clInfo.Add(csHost + ",version=" + csLabel(st.stInfo->csVersion) + ",system=" +
                          csLabel(st.stInfo->csSystem) + ",kernel=" + csLabel(st.stInfo->csKernel),
                      1);
@@ -78,14 +81,14 @@ public:
     }
 
 private:
-    /// Writes no sample for an unknown state: neither 0 nor 1 would be true.
+    /// Adds the samples of one server; none for an unknown state, of which neither 0 nor 1 would be true.
     void _Add(const std::string& csLabels, const STServerAnswer& st)
     {
         if (!st.csState.empty() && st.csState != "unknown") {
             m_clServerUp.Add(csLabels, st.csState == "running" ? 1 : 0);
             m_clServerState.Add(csLabels + ",state=" + csLabel(st.csState), 1);
         }
-        if (clJsonPort(st.stServer.csPort).is_number()) {
+        if (clJsonPort(st.stServer.csPort).is_number()) { // a sample's value must be a number
             m_clServerPort.Add(csLabels, st.stServer.csPort);
         }
     }

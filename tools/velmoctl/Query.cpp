@@ -11,21 +11,22 @@
 #include <tuple>
 
 namespace {
-/// Reports what went wrong; returns the exit status.
-EExit eTell(const std::vector<STHostAnswer>& tAnswers, const CSelection& clSelection)
+/// Reports what went wrong; returns the exit status that follows from that.
+EExit eReportTroubles(const std::vector<STHostAnswer>& tAnswers, const CSelection& clSelection)
 {
     TellTroubles(tTroubles(tAnswers, clSelection));
     return eWorstOf(tAnswers, clSelection);
 }
 
-const CTakeAnswers s_fnLater = [](const std::vector<const STHostAnswer*>&) {
-}; ///< for commands that show all answers at the end
+/// Takes no answers: for commands that show all of them at the end.
+const CTakeAnswers s_fnLater = [](const std::vector<const STHostAnswer*>&) {};
 
+/// The JSON object of a machine; null where it gave no answer.
 Json clJsonInfo(const STHostAnswer& st)
 {
-    Json cl = {{"host", csHostWord(st.stHost)}, {"asked", csWhenAsked(st)}};
     const bool bAnswer = st.stInfo.has_value();
     const STInfo stInfo = st.stInfo.value_or(STInfo());
+    Json cl = {{"host", csHostWord(st.stHost)}, {"asked", csWhenAsked(st)}};
     cl["version"] = bAnswer ? Json(stInfo.csVersion) : Json();
     cl["system"] = bAnswer ? Json(stInfo.csSystem) : Json();
     cl["kernel"] = bAnswer ? Json(stInfo.csKernel) : Json();
@@ -57,7 +58,7 @@ CRow tInfoRow(const STHostAnswer& st)
             {std::to_string(st.stInfo->tServers.size())}};
 }
 
-/// A table that grows as answers come in.
+/// A table that grows as answers come in. Its header comes with the first rows, so that their widths count.
 class CGrowingTable
 {
 public:
@@ -67,23 +68,19 @@ public:
     void Add(const std::vector<CRow>& tRows)
     {
         m_clTable.Fit(tRows);
-        Begin();
-        std::cout << m_clTable.csRows(tRows) << std::flush;
-    }
-    /// Writes the header once, if it is wanted.
-    void Begin()
-    {
         if (m_bHeader) {
             std::cout << m_clTable.csHeader();
             m_bHeader = false;
         }
+        std::cout << m_clTable.csRows(tRows) << std::flush;
     }
 
 private:
     CTable m_clTable;
-    bool m_bHeader;
+    bool m_bHeader; ///< it is wanted, and not yet written
 };
 
+/// Shows a row for each machine, as the answers come in.
 EExit eInfoOfMany(const STQuestions& stQuestions)
 {
     CGrowingTable clTable({"HOST", "VERSION", "SYSTEM", "KERNEL", "PROCESSORS", "MEMORY", "SERVERS"}, true);
@@ -96,7 +93,7 @@ EExit eInfoOfMany(const STQuestions& stQuestions)
         }
         clTable.Add(tRows);
     });
-    return eTell(tAnswers, CSelection({}));
+    return eReportTroubles(tAnswers, CSelection({}));
 }
 
 /// Shows the names of servers only; no states are asked.
@@ -117,7 +114,7 @@ EExit eNames(const STCall& stCall)
         std::cout << csJsonLine(clNames);
     }
 
-    return eTell(tAnswers, CSelection(stCall.tArguments));
+    return eReportTroubles(tAnswers, CSelection(stCall.tArguments));
 }
 
 /// Throws CFailure (USAGE) for options that names alone cannot follow: a choice that is silently not made
@@ -136,13 +133,15 @@ void CheckNamesAlone(const STOptions& st)
     }
 }
 
-/// Whether a listed server does not run.
+/// Whether one of the listed servers does not run.
 bool bAnyDown(const std::vector<STListed>& tRows)
 {
     return std::ranges::any_of(tRows, [](const STListed& st) { return st.pstServer->csState != "running"; });
 }
 
-/// The exit status for the state of a service, as init scripts and systemctl use it.
+/// The exit status for the state of a service, as init scripts and systemctl use it: 0 running, 1 failed, 3
+/// not running, 4 unknown. Of EExit only the numbers are used here; eWorse orders these four as status needs
+/// it.
 EExit eOfState(const STServerAnswer& st)
 {
     if (st.clFailure.has_value()) {
@@ -154,6 +153,7 @@ EExit eOfState(const STServerAnswer& st)
     return static_cast<EExit>(pst == std::end(tStates) ? 3 : pst->second);
 }
 
+/// The worst exit status of all servers asked about; 4 also for a machine or a server that is not there.
 EExit eOfStates(const std::vector<STHostAnswer>& tAnswers, const CSelection& clSelection)
 {
     EExit eWorst = EExit::DONE;
@@ -165,11 +165,14 @@ EExit eOfStates(const std::vector<STHostAnswer>& tAnswers, const CSelection& clS
             bAny = true;
         }
     }
+
+    // Refused as the worst of all: a name that matches nothing, or a server that its manager does not know.
     const bool bMissing = !bAny || eWorstOf(tAnswers, clSelection) == EExit::REFUSED;
     return bMissing && eWorst != EExit::USAGE ? EExit::NONSENSE : eWorst;
 }
 
-/// The questions of status. Full names are asked about whether the manager lists them or not.
+/// The questions of status. Full names are asked about whether the manager lists them or not; for a pattern
+/// the list is needed.
 STQuestions stStatusQuestions(const STCall& stCall)
 {
     STQuestions stQuestions = stStateQuestions(stCall);
@@ -180,6 +183,7 @@ STQuestions stStatusQuestions(const STCall& stCall)
     return stQuestions;
 }
 
+/// The JSON object of a server; without its answer (null) that of a server of a host that gave none.
 Json clJsonStatus(const STHostAnswer& stHost, const std::string& csName, const STServerAnswer* pst)
 {
     const std::string csState = pst != nullptr ? pst->csState : std::string();
@@ -242,7 +246,7 @@ EExit eInfo(const STCall& stCall)
         }
     }
 
-    return eTell(tAnswers, CSelection({}));
+    return eReportTroubles(tAnswers, CSelection({}));
 }
 
 EExit eList(const STCall& stCall)
@@ -256,18 +260,19 @@ EExit eList(const STCall& stCall)
     const CServerList clList(stCall.stOptions, stQuestions.tHosts.size() > 1);
     const bool bJson = stCall.stOptions.bJson;
     CGrowingTable clTable(clList.tHeader(), !stCall.stOptions.bNoHeader);
-    const CTakeAnswers fnShow = [&](const std::vector<const STHostAnswer*>& tReady) {
-        if (std::ranges::any_of(tReady, [](const auto* pst) { return !pst->clFailure.has_value(); })) {
-            clTable.Add(clList.tCells(clList.tRows(tReady)));
-        }
-    };
+    const CTakeAnswers fnShow =
+        [&](const std::vector<const STHostAnswer*>& tReady) { // no header for failures
+            if (std::ranges::any_of(tReady, [](const auto* pst) { return !pst->clFailure.has_value(); })) {
+                clTable.Add(clList.tCells(clList.tRows(tReady)));
+            }
+        };
 
     const auto tAnswers = tAskFleet(stQuestions, clList.bAsTheyCome(), bJson ? s_fnLater : fnShow);
     if (bJson) {
         std::cout << csJsonLine(clList.clJson(tAnswers));
     }
 
-    const EExit eWorst = eTell(tAnswers, CSelection(stCall.tArguments));
+    const EExit eWorst = eReportTroubles(tAnswers, CSelection(stCall.tArguments));
     const bool bDown = stCall.stOptions.bFailIfNotRunning && bAnyDown(clList.tRows(tPointers(tAnswers)));
     return bDown ? eWorse(eWorst, EExit::REFUSED) : eWorst;
 }
@@ -281,7 +286,7 @@ EExit eStatus(const STCall& stCall)
     } else {
         ShowStatus(stCall, tAnswers);
     }
-    std::ignore = eTell(tAnswers, clSelection);
+    std::ignore = eReportTroubles(tAnswers, clSelection); // the states decide the exit status
     return eOfStates(tAnswers, clSelection);
 }
 

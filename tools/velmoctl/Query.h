@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-/// Sends one command line and reads the reply with one of the readers of Replies.h. Throws CFailure: REFUSED
-/// with the refusal in words (and with the hint, if there is no such server), NONSENSE for a reply that is
-/// neither.
+/// Sends one command line and reads the reply with one of the readers of Replies.h. csServer is the server
+/// that it is about, for messages; empty: none. Throws CFailure: REFUSED with the refusal in words (and with
+/// the hint, if there is no such server), NONSENSE for a reply that is neither, and as csAsk.
 template <class T>
 T tAskFor(CConversation* pclManager, const std::vector<std::string>& tFields, const std::string& csServer,
           std::optional<T> (*pfnRead)(std::string_view), const char* pszUnknownHint = "")

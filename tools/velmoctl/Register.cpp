@@ -24,6 +24,8 @@ namespace {
 class CReplyPipe
 {
 public:
+    /// Makes the FIFO and opens it, for writing, too: so it never reaches end of file, and the manager always
+    /// finds a reader. Throws CFailure (REFUSED).
     CReplyPipe()
         : m_nNumber(s_nMakeFifo()), m_csName(s_csName(m_nNumber)),
           m_clPipe(::open(m_csName.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW))
@@ -39,13 +41,15 @@ public:
     CReplyPipe& operator=(const CReplyPipe&) = delete;
 
     std::int32_t nNumber() const { return m_nNumber; }
-    /// The text of the reply. Throws CFailure (UNREACHABLE) when none comes in time.
+    /// The text of the reply. Throws CFailure: UNREACHABLE when none comes in time, NONSENSE, INTERRUPTED.
     std::string csReply(const CDeadline& clDeadline) const
     {
         if (!bWaitFor(m_clPipe.nFd(), POLLIN, clDeadline)) {
             throw CFailure(EExit::UNREACHABLE,
                            "the manager did not answer in time; it may still register the server");
         }
+
+        // All of it at once: the manager writes a reply in one piece, which the kernel does not split.
         stRET stReply{};
         if (::read(m_clPipe.nFd(), &stReply, sizeof stReply) != sizeof stReply) {
             throw CFailure(EExit::NONSENSE, "the manager's reply is incomplete");
@@ -61,7 +65,8 @@ private:
         return g_szReplyPipePrefix + std::to_string(nNumber);
     }
     /// Makes the FIFO and returns its number: the PID of this process. When a dead process left a FIFO of
-    /// that number, takes a number beyond every PID (the kernel's limit is 2^22).
+    /// that number, takes a number beyond every PID (the kernel's limit is 2^22); 100 such numbers fit into
+    /// the request's 32 bits.
     static std::int32_t s_nMakeFifo()
     {
         constexpr std::int32_t nStep = 1 << 22;
@@ -75,7 +80,7 @@ private:
     }
 
     std::int32_t m_nNumber;
-    std::string m_csName;
+    std::string m_csName; ///< its path
     CDescripteur m_clPipe;
 };
 
@@ -100,7 +105,8 @@ CDescripteur clOpenManagerPipe()
 }
 
 /// Writes the request in one piece: it is smaller than PIPE_BUF, so the kernel does not mix it with others.
-void Write(const CDescripteur& clPipe, const stSEND& stRequest, const CDeadline& clDeadline)
+/// Throws CFailure: UNREACHABLE, INTERRUPTED.
+void WriteRequest(const CDescripteur& clPipe, const stSEND& stRequest, const CDeadline& clDeadline)
 {
     while (::write(clPipe.nFd(), &stRequest, sizeof stRequest) < 0) {
         if (errno != EAGAIN) {
@@ -136,7 +142,7 @@ std::string csProgram(const std::string& csArgumentBytes)
     return std::filesystem::absolute(csArgumentBytes).lexically_normal().string();
 }
 
-/// The port in the settings beside a program, or the usual one.
+/// The port in the settings beside a program; without one there, the port that the server takes by default.
 int nConfiguredPort(const std::string& csProgramPath)
 {
     const std::string csFile = (std::filesystem::path(csProgramPath).parent_path() / "DXConf.ini").string();
@@ -145,8 +151,8 @@ int nConfiguredPort(const std::string& csProgramPath)
                                 csFromUTF8(csFile).c_str());
 }
 
-/// The server of this machine, other than the named one, that has a port; empty without one, and without a
-/// manager to ask.
+/// The server of this machine, other than the named one, that has this port; empty when there is none, or no
+/// manager to ask. Throws only CFailure (INTERRUPTED).
 std::string csServerWithPort(std::uint16_t wPort, const std::string& csName)
 {
     constexpr Milliseconds clMoment(2000);
@@ -166,33 +172,32 @@ std::string csServerWithPort(std::uint16_t wPort, const std::string& csName)
     return "";
 }
 
-/// Warns of what is likely to go wrong. The manager decides all the same.
-void Warn(const std::string& csName, const std::string& csGiven, const std::string& csPath,
-          std::uint16_t wPort)
+/// What is likely to go wrong with a registration: warnings only, since the manager decides. csGiven is the
+/// program as the user wrote it, csPath its absolute path.
+std::vector<std::string> tWarnings(const std::string& csName, const std::string& csGiven,
+                                   const std::string& csPath, std::uint16_t wPort)
 {
-    std::vector<std::string> tWarnings;
+    std::vector<std::string> tResult;
     if (!std::filesystem::path(csGiven).is_absolute()) {
-        tWarnings.push_back("the program's path is not absolute; " + csArgument(csPath) + " is meant");
+        tResult.push_back("the program's path is not absolute; " + csArgument(csPath) + " is meant");
     }
 
     if (csPath.find(' ') != std::string::npos) {
-        tWarnings.emplace_back("the program's path holds a space, which older managers register, but cannot "
-                               "start under systemd");
+        tResult.emplace_back("the program's path holds a space, which older managers register, but cannot "
+                             "start under systemd");
     }
 
     if (const std::string csOther = csServerWithPort(wPort, csName); !csOther.empty()) {
-        tWarnings.push_back("the server \"" + csOther + "\" has port " + std::to_string(wPort) + " already");
+        tResult.push_back("the server \"" + csOther + "\" has port " + std::to_string(wPort) + " already");
     }
 
     if (const int nPort = nConfiguredPort(csPath); nPort != wPort) {
-        tWarnings.push_back("the DXConf.ini beside the program says AccessPort = " + std::to_string(nPort) +
-                            ", not " + std::to_string(wPort) + ": the server will listen on " +
-                            std::to_string(nPort));
+        tResult.push_back("the DXConf.ini beside the program says AccessPort = " + std::to_string(nPort) +
+                          ", not " + std::to_string(wPort) + ": the server will listen on " +
+                          std::to_string(nPort));
     }
 
-    for (const std::string& cs : tWarnings) {
-        std::cerr << "velmoctl: warning: " << csShown(cs) << "\n";
-    }
+    return tResult;
 }
 
 /// The request for one registration, without the number of the reply's FIFO. Throws CFailure (USAGE).
@@ -210,7 +215,7 @@ stSEND stRequestFor(const std::string& csName, const std::string& csPath, std::u
     return stRequest;
 }
 
-/// The manager's answer: empty when all is well.
+/// The manager's answer: empty when all is well. Throws CFailure.
 std::string csAskManager(stSEND stRequest, Milliseconds clTime)
 {
     const CDescripteur clManager = clOpenManagerPipe();
@@ -219,7 +224,7 @@ std::string csAskManager(stSEND stRequest, Milliseconds clTime)
 
     CProgress clProgress("registering...");
     const CDeadline clDeadline(clTime);
-    Write(clManager, stRequest, clDeadline);
+    WriteRequest(clManager, stRequest, clDeadline);
     return clReply.csReply(clDeadline);
 }
 } // namespace
@@ -230,11 +235,15 @@ EExit eRegister(const STCall& stCall)
     // the process at once.
     CInterrupts::Catch();
     ::signal(SIGPIPE, SIG_IGN);
+
     const std::string csName = csArgument(stCall.tArguments[0]);
     const std::string csPath = csProgram(stCall.tArguments[1]);
     const std::uint16_t wPort = wReadPort(stCall.tArguments[2]);
     const stSEND stRequest = stRequestFor(csName, csPath, wPort);
-    Warn(csName, stCall.tArguments[1], csPath, wPort);
+
+    for (const std::string& cs : tWarnings(csName, stCall.tArguments[1], csPath, wPort)) {
+        std::cerr << "velmoctl: warning: " << csShown(cs) << "\n";
+    }
 
     if (const std::string csReply = csAskManager(stRequest, stCall.clTimeout); !csReply.empty()) {
         throw CFailure(EExit::REFUSED, "the manager answers: " + csReply);

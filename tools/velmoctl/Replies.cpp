@@ -10,7 +10,7 @@
 #include <iterator>
 
 namespace {
-constexpr std::size_t s_nHostFields = 5;
+constexpr std::size_t s_nHostFields = 5; // after the keyword: version, system, kernel, processors, memory
 
 /// Fields between tabs; empty ones count.
 std::vector<std::string> tSplit(std::string_view csLine)
@@ -28,13 +28,16 @@ bool bDigits(const std::string& cs)
     return !cs.empty() && cs.find_first_not_of("0123456789") == std::string::npos;
 }
 
-/// Names and ports alternately. The manager drops five characters of every name, which leaves nothing of the
-/// default server's: an empty name is the default server, and it is asked for by its whole name. An odd
-/// number of fields means that a name contains tabs: then a name goes on until a number follows.
+/// Names and ports alternately. The manager drops the five characters of "DXCS-" from every name, also from
+/// that of the default server ("dxsql"), of which nothing is left: an empty name is that server, which is
+/// asked for by its whole name. An odd number of fields means that a name contains tabs: then a name goes on
+/// until a number follows.
 std::vector<STServer> tReadServers(const std::vector<std::string>& tFields, std::size_t nFirst)
 {
     const bool bPairs = (tFields.size() - nFirst) % 2 == 0;
     std::vector<STServer> tServers;
+
+    // n is the place of a name, then of its last part: the port is the next field.
     for (std::size_t n = nFirst; n + 1 < tFields.size(); n += 2) {
         std::string csName = tFields[n];
         for (; !bPairs && n + 2 < tFields.size() && !bDigits(tFields[n + 1]); ++n) {
@@ -45,6 +48,7 @@ std::vector<STServer> tReadServers(const std::vector<std::string>& tFields, std:
     return tServers;
 }
 
+/// A state as the manager sends it, and as velmoctl shows it.
 struct STWord
 {
     const char* pszSent;
@@ -70,12 +74,14 @@ enum class ECure
     UPGRADE,
 };
 
+/// What an error code means: a sentence around the server and its machine.
 struct STCode
 {
-    const char* pszBefore;
-    const char* pszAfter; ///< null: the server's name has no place in it
+    const char* pszBefore; ///< the words in front of the server's name
+    const char*
+        pszAfter; ///< and after it; null: the sentence is about the manager, and pszBefore follows that
     unsigned int nCode;
-    bool bSystemText; ///< whether the text in the reply helps; after a lookup that found nothing it does not
+    bool bSystemText; ///< the reply's text helps; where a look-up found nothing it is about something else
     ECure eCure;
 };
 constexpr STCode s_tCodes[] = {
@@ -91,6 +97,7 @@ constexpr STCode s_tCodes[] = {
      ECure::SERVICE},
 };
 
+/// What to do about it, as the end of a sentence.
 std::string csCure(ECure eCure, const STAsked& st)
 {
     const bool bHere = st.csHost.empty();
@@ -108,6 +115,20 @@ std::string csCure(ECure eCure, const STAsked& st)
     }
 
     return "";
+}
+
+/// What an error code says, without the reply's text; of an unknown code (null) only its number.
+std::string csMeaning(const STCode* pstCode, unsigned int nCode, const STAsked& stAsked)
+{
+    const std::string csServer = stAsked.csServer.empty() ? "" : "\"" + stAsked.csServer + "\"";
+    const std::string csOn = " on " + (stAsked.csHost.empty() ? "this machine" : stAsked.csHost);
+    if (pstCode != nullptr && pstCode->pszAfter != nullptr) {
+        return pstCode->pszBefore + csServer + csOn + pstCode->pszAfter;
+    }
+
+    const std::string csWhat =
+        pstCode != nullptr ? pstCode->pszBefore : " answered with error " + std::to_string(nCode);
+    return "the manager" + csOn + csWhat + (csServer.empty() ? "" : " about " + csServer);
 }
 } // namespace
 
@@ -127,7 +148,7 @@ std::optional<STRefusal> stReadRefusal(std::string_view csLine)
 
     csLine.remove_prefix(static_cast<std::size_t>(stResult.ptr - csLine.data()));
 
-    // Only one form of the reply has a tab between code and text.
+    // Only error 12 has a tab between code and text.
     stRefusal.csText = csLine.substr(csLine.starts_with('\t') ? 1 : 0);
     return stRefusal;
 }
@@ -159,7 +180,7 @@ std::optional<bool> bReadDone(std::string_view csLine)
 
 std::optional<std::string> csReadCluster(std::string_view csLine)
 {
-    for (const std::string_view csStart : {"YES\t0\t", "YES\t1\t"}) {
+    for (const std::string_view csStart : {"YES\t0\t", "YES\t1\t"}) { // 1: there is a cluster, and a name
         if (csLine.starts_with(csStart)) {
             return std::string(csLine.substr(csStart.size()));
         }
@@ -171,17 +192,7 @@ std::string csRefusalWords(const STRefusal& stRefusal, const STAsked& stAsked)
 {
     const auto* const pst = std::ranges::find(s_tCodes, stRefusal.nCode, &STCode::nCode);
     const bool bKnown = pst != std::end(s_tCodes);
-    const std::string csServer = stAsked.csServer.empty() ? "" : "\"" + stAsked.csServer + "\"";
-    const std::string csOn = " on " + (stAsked.csHost.empty() ? "this machine" : stAsked.csHost);
-    std::string csWords;
-    if (bKnown && pst->pszAfter != nullptr) {
-        csWords = pst->pszBefore + csServer + csOn + pst->pszAfter;
-    } else {
-        csWords = "the manager" + csOn +
-                  (bKnown ? pst->pszBefore : " answered with error " + std::to_string(stRefusal.nCode)) +
-                  (csServer.empty() ? "" : " about " + csServer);
-    }
-
+    std::string csWords = csMeaning(bKnown ? pst : nullptr, stRefusal.nCode, stAsked);
     if (!stRefusal.csText.empty() && (!bKnown || pst->bSystemText)) {
         csWords += " (" + stRefusal.csText + ")";
     }

@@ -42,6 +42,8 @@ void AwaitRunning(CConversation* pclManager, STServerAnswer* pst, const CDeadlin
     }
 }
 
+/// Starts a server, and with bWait waits until it runs; clTime is for both together. An fnQuestion of
+/// STQuestions.
 void Start(CConversation* pclManager, STServerAnswer* pst, bool bWait, Milliseconds clTime)
 {
     const std::string& csName = pst->stServer.csName;
@@ -56,6 +58,7 @@ void Start(CConversation* pclManager, STServerAnswer* pst, bool bWait, Milliseco
     }
 }
 
+/// The JSON object of a server: what was done to it, or why not.
 Json clResult(const STHost& stHost, const std::string& csName, const char* pszDone,
               const std::optional<CFailure>& clFailure)
 {
@@ -65,7 +68,7 @@ Json clResult(const STHost& stHost, const std::string& csName, const char* pszDo
             {"error", clJsonFailure(clFailure)}};
 }
 
-/// What is said of a server that was started.
+/// The line for people about a server that was started.
 std::string csStarted(const STCall& stCall, const STHost& stHost, const std::string& csName, bool bMany)
 {
     const std::string csOn = bMany || !stHost.csName.empty() ? " on " + csWhere(stHost) : "";
@@ -135,7 +138,8 @@ EExit eControl(const STCall& stCall, const std::string& csAction, const char* ps
 /// The refusal for another machine, with the command to type instead.
 CFailure clElsewhere(const STCall& stCall, const STHost& stHost, const std::string& csAction)
 {
-    // Two shells read what ssh is given, here and there. This machine behind another port has no address.
+    // Two shells read what ssh is given, here and there: a name is quoted for both. A host without an address
+    // is this machine at another port, perhaps of a tunnel, to which no ssh leads.
     const bool bRemote = !stHost.csAddress.empty();
     std::string csCommand =
         (bRemote ? "ssh root@" + csShellWord(stHost.csAddress) + " " : "") + "systemctl " + csAction;

@@ -10,6 +10,7 @@
 #include <tuple>
 
 namespace {
+/// Reports what was done, or would be.
 void Tell(const STCall& stCall, const STHost& stHost, const std::string& csName, const char* pszResult,
           const std::string& csWords)
 {
@@ -21,9 +22,9 @@ void Tell(const STCall& stCall, const STHost& stHost, const std::string& csName,
     }
 }
 
-/// True when the manager has deleted the files and left the stopped service behind, which it reports as an
-/// error.
-bool bFilesDeleted(CConversation* pclManager, const std::string& csName, bool bDeleteFiles)
+/// Asks the manager to uninstall a server. True when it has deleted the files and left the stopped service
+/// behind, which it reports as an error; false when it has removed the service. Throws CFailure.
+bool bUninstallLeavesService(CConversation* pclManager, const std::string& csName, bool bDeleteFiles)
 {
     const std::string csReply = pclManager->csAsk({"UNINSTALL", csName, bDeleteFiles ? "1" : "0"});
     const auto stRefusal = stReadRefusal(csReply);
@@ -40,11 +41,12 @@ bool bFilesDeleted(CConversation* pclManager, const std::string& csName, bool bD
     return false;
 }
 
+/// How an uninstallation ended.
 struct STOutcome
 {
     EExit eExit;
-    const char* pszJson;
-    const char* pszWords;
+    const char* pszJson;  ///< the result in JSON, which is stable
+    const char* pszWords; ///< for people, after the server's name
 };
 
 /// Takes two requests when files are to be deleted: the first deletes them but leaves the service, the second
@@ -52,9 +54,9 @@ struct STOutcome
 STOutcome stRemove(CConversation* pclManager, const std::string& csName, bool bDeleteFiles)
 {
     CProgress clProgress("uninstalling...");
-    if (bFilesDeleted(pclManager, csName, bDeleteFiles)) {
+    if (bUninstallLeavesService(pclManager, csName, bDeleteFiles)) {
         try {
-            std::ignore = bFilesDeleted(pclManager, csName, false);
+            std::ignore = bUninstallLeavesService(pclManager, csName, false); // false: no files to delete
         } catch (const CFailure& clFailure) {
             throw CFailure(clFailure.eExit(), "the files of \"" + csName +
                                                   "\" are deleted, its service is still registered: " +
@@ -93,6 +95,7 @@ std::string csFolderWords(const STHost& stHost, const std::string& csName, Milli
     return csFolder.empty() ? "the folder of its program" : csFolder + ", the folder of its program,";
 }
 
+/// What uninstalling does, in words for the question.
 std::string csPlan(const STCall& stCall, const STHost& stHost, const std::string& csName)
 {
     return stCall.stOptions.bDeleteFiles
@@ -110,6 +113,7 @@ EExit eUninstall(const STCall& stCall)
     const std::string csOn = stHost.csName.empty() ? "" : "on " + stHost.csName + " ";
     const std::string csIs = csOn + "is " + csStateOrUnknown(&clManager, csName);
     const std::string csWould = csPlan(stCall, stHost, csName);
+
     if (stCall.stOptions.bDryRun) {
         Tell(stCall, stHost, csName, "dry run", csIs + ". Uninstalling would " + csWould);
         return EExit::DONE;
