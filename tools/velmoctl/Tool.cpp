@@ -65,9 +65,9 @@ private:
     static std::vector<char*> s_tEnvironment()
     {
         std::vector<char*> tEnvironment;
+        tEnvironment.reserve(s_tVariables.size());
         for (const char* const psz : s_tVariables) {
-            tEnvironment.push_back(
-                const_cast<char*>(psz)); // NOLINT(performance-inefficient-vector-operation)
+            tEnvironment.push_back(const_cast<char*>(psz)); // written to as little as the words
         }
         for (char** ppsz = environ; *ppsz != nullptr; ++ppsz) {
             tEnvironment.push_back(*ppsz);
