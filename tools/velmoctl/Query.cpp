@@ -260,12 +260,12 @@ EExit eList(const STCall& stCall)
     const CServerList clList(stCall.stOptions, stQuestions.tHosts.size() > 1);
     const bool bJson = stCall.stOptions.bJson;
     CGrowingTable clTable(clList.tHeader(), !stCall.stOptions.bNoHeader);
-    const CTakeAnswers fnShow =
-        [&](const std::vector<const STHostAnswer*>& tReady) { // no header for failures
-            if (std::ranges::any_of(tReady, [](const auto* pst) { return !pst->clFailure.has_value(); })) {
-                clTable.Add(clList.tCells(clList.tRows(tReady)));
-            }
-        };
+    const CTakeAnswers fnShow = [&](const std::vector<const STHostAnswer*>& tReady) {
+        // Failures alone bring no header.
+        if (std::ranges::any_of(tReady, [](const auto* pst) { return !pst->clFailure.has_value(); })) {
+            clTable.Add(clList.tCells(clList.tRows(tReady)));
+        }
+    };
 
     const auto tAnswers = tAskFleet(stQuestions, clList.bAsTheyCome(), bJson ? s_fnLater : fnShow);
     if (bJson) {
