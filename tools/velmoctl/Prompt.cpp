@@ -211,12 +211,13 @@ private:
         try {
             std::string csBytes;
             do {
-                constexpr Milliseconds clLong(1'000'000), clTogether(100);
-                while (!bWaitFor(STDIN_FILENO, POLLIN, CDeadline(csBytes.empty() ? clLong : clTogether))) {
-                    if (!csBytes.empty()) {
-                        break; // the rest of the character does not come: not UTF-8
-                    }
+                // The bytes of a character come together. A start without the rest is not UTF-8: U+FFFD.
+                constexpr Milliseconds clTogether(100);
+                const CDeadline clDeadline = csBytes.empty() ? CDeadline::Never() : CDeadline(clTogether);
+                if (!bWaitFor(STDIN_FILENO, POLLIN, clDeadline)) {
+                    break;
                 }
+
                 char c = 0;
                 if (::read(STDIN_FILENO, &c, 1) != 1) {
                     return 0;
