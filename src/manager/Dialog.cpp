@@ -19,7 +19,8 @@
 #include <wchar.h>
 
 namespace {
-constexpr std::size_t s_nBlock = 1024; ///< bytes of one receive
+/// Bytes of one receive. Tools see where a block ends (bGetCommand says how), so the size is fixed.
+constexpr std::size_t s_nBlock = 1024;
 
 /// The conversations that exist, by socket: s_bEndAll must reach those whose threads wait in recv.
 struct STRegister
@@ -44,11 +45,14 @@ CDialog::CDialog(CDescripteur clSocket) : m_clSocket(std::move(clSocket))
 
 CDialog::~CDialog()
 {
-    m_clThread.Stop(1); // does not wait: the thread lets go of the object only after it has called Stopped
+    // Returns at once: the thread drops its pointer to this object only after it has called Stopped.
+    m_clThread.Stop(1);
 
     STRegister& stAll = stConversations();
     const std::lock_guard<std::mutex> clGuard(stAll.clLock);
-    ::shutdown(m_clSocket.nFd(), SHUT_RDWR); // the tool sees the end, even if a new child has a copy
+    // A child that is being created may hold a copy of the socket: the close alone would end the connection
+    // only when that copy is gone, too.
+    ::shutdown(m_clSocket.nFd(), SHUT_RDWR);
     stAll.tSockets.erase(m_clSocket.nFd());
     m_clSocket.Close(); // under the lock: s_bEndAll must not meet a number that is already somebody else's
 }
@@ -58,10 +62,8 @@ void CDialog::xStart()
     // The thread may outlive the caller's pointer, so it gets one of its own.
     m_pclForThread = shared_from_this();
     try {
-        if (!m_clThread.xbStart(_WaitForCommandeThreadRoutine, this, &g_stMyModule, USER_ERROR_THREAD, 0,
-                                0)) {
-            throw CXError();
-        }
+        std::ignore = m_clThread.xbStart(_WaitForCommandeThreadRoutine, this, &g_stMyModule,
+                                         USER_ERROR_THREAD, /*bWaitStart=*/0, /*bSuspended=*/0);
     } catch (...) {
         m_pclForThread.reset(); // or the object would own itself for ever
         throw;
@@ -88,7 +90,7 @@ bool CDialog::s_bEndAll(int nMs)
     }
 
     for (; nMs > 0 && s_nCount() != 0; --nMs) {
-        ::usleep(1000);
+        ::usleep(1000); // sleeps a little longer: nMs is no exact limit
     }
     return s_nCount() == 0;
 }
@@ -112,6 +114,7 @@ void _WaitForCommandeThreadRoutine(CZTThread* pclThread)
 /// Must not throw: its caller would not know whether the thread runs.
 void CDialog::_SayHello()
 {
+    // The same in every version, whatever the version of this build: clients rely on it.
     _Send("HELLO FROM SERVEUR SETUP 24.0.6.0\r\n");
     m_clGreeted.__Post(0);
 }
@@ -126,8 +129,8 @@ void CDialog::_WaitForCommande()
             return;
         }
 
-        // The command of a tool that does not wait for the greeting may arrive before the accept thread has
-        // sent it. The post is put back, so that later commands pass.
+        // A tool that does not wait for the greeting may send its command before the accept thread has sent
+        // the greeting, which must come before every reply. What Wait takes is put back for the next command.
         m_clGreeted.Wait();
         m_clGreeted.__Post(0);
 
@@ -143,20 +146,22 @@ bool CDialog::bGetCommand(CTString* pcsKeyword)
 {
     ClearCommand();
 
-    // Receives until the line is complete.
     std::array<char, s_nBlock> tBlock;
-    ssize_t nReceived = 0;
-    do {
-        nReceived = nRetry([&] { return ::recv(m_clSocket.nFd(), tBlock.data(), tBlock.size(), 0); });
+    bool bWhole = false;
+    while (!bWhole) {
+        const ssize_t nReceived =
+            nRetry([&] { return ::recv(m_clSocket.nFd(), tBlock.data(), tBlock.size(), 0); });
         if (nReceived <= 0) {
             return false;
         }
+
         // Each block is converted by itself: a UTF-8 character that lies across two blocks is lost, as
         // tools have always seen.
-    } while (!m_clCommand.bAppend(
-        csWide({tBlock.data(), static_cast<std::size_t>(nReceived)}, m_bUTF8 ? CP_UTF8 : CP_1252)));
+        const std::string_view csBlock(tBlock.data(), static_cast<std::size_t>(nReceived));
+        bWhole = m_clCommand.bAppend(csWide(csBlock, m_eCodePage));
+    }
 
-    m_nNextArgument = 0;
+    m_nNextField = 0;
     pcsKeyword->clear();
     GetString(pcsKeyword);
     return true;
@@ -173,7 +178,7 @@ bool CDialog::_bNextField(std::wstring* pcsField)
 
     // Counted from the line's beginning each time: a command takes only a few fields.
     std::size_t nStart = 0;
-    for (int nField = m_nNextArgument++; nField > 0; --nField) {
+    for (int nField = m_nNextField++; nField > 0; --nField) {
         nStart = csLine.find(L'\t', nStart);
         if (nStart == std::wstring::npos) {
             return false;
@@ -199,11 +204,12 @@ unsigned int CDialog::dwGetUInt32()
 
 std::string CDialog::_csToWire(const std::wstring& csText) const
 {
-    return csNarrow(csText, m_bUTF8 ? CP_UTF8 : CP_1252);
+    return csNarrow(csText, m_eCodePage);
 }
 
-/// A single call, which waits as long as the tool does not read; after a short write the rest is not sent. A
-/// failure is ignored, as the next receive notices a tool that is gone.
+/// A single call, which waits as long as the tool does not read. After a short write (a signal has
+/// interrupted the wait) the rest is not sent: clients have always seen this. A failure is ignored, as the
+/// next receive notices a tool that is gone.
 void CDialog::_Send(std::string_view csBytes)
 {
     std::ignore = ::send(m_clSocket.nFd(), csBytes.data(), csBytes.size(), MSG_NOSIGNAL);
@@ -211,7 +217,8 @@ void CDialog::_Send(std::string_view csBytes)
 
 void CDialog::Answer(const std::wstring& csText)
 {
-    // After the stop no tool is run, so what a command has found out may be wrong.
+    // When the time for answers is over, no tool runs any more, so what the command has found out may be
+    // wrong: no reply is better.
     CStopping::xCheck();
 
     // Two calls: clients have always seen the newline sent by itself.
@@ -227,7 +234,7 @@ void CDialog::ACK(eError eCode, const std::wstring& csText)
 
 void CDialog::ACK(eError eCode, unsigned int nSystemError)
 {
-    const int nErrno = errno; // xCheck may change it
+    const int nErrno = errno; // xCheck does not promise to keep it
     CStopping::xCheck();
 
     if (eCode == ERREUR_AUCUNE) {
@@ -287,6 +294,8 @@ bool CDialog::_bQuit()
 bool CDialog::_bInfo()
 {
     CTString csReply(L"YES\t" + gpclSetupManager->csGetHostInfo());
+    // Throws when the services cannot be listed. The conversation then ends without a reply: an empty list
+    // would look like a machine without servers.
     gpclSetupManager->AddServeurList(&csReply);
     Answer(csReply);
     return true;
@@ -294,7 +303,7 @@ bool CDialog::_bInfo()
 
 bool CDialog::_bModeUTF8()
 {
-    m_bUTF8 = true;
+    m_eCodePage = CP_UTF8;
     ACK(ERREUR_AUCUNE, 0u);
     return true;
 }

@@ -2,6 +2,7 @@
 
 #include "manager/LineBuffer.h"
 #include "manager/ReplyCodes.h"
+#include "support/Conversion.h"
 #include "support/Descripteur.h"
 #include "support/XYString.h"
 #include "support/ZTSem.h"
@@ -12,7 +13,8 @@
 #include <string_view>
 #include <vector>
 
-/// Files received in a conversation: their names, and the temporary files that hold their content.
+/// Files received in a conversation: their names and, in the same order, the temporary files that hold their
+/// content.
 struct CInstallInfo
 {
     std::vector<std::wstring> tNames;
@@ -24,9 +26,9 @@ struct CInstallInfo
 ///
 /// An accept thread makes the object and calls xStart; the conversation runs on a thread of its own, which
 /// may already be reading during the greeting. Both threads own the object through a std::shared_ptr, so that
-/// neither it nor its socket goes away while the other thread still uses it. Everything but xStart and
-/// _SayHello belongs to the conversation's thread. Text on the wire is Windows-1252 until "MODE_UTF8", UTF-8
-/// from then on.
+/// neither it nor its socket goes away while the other thread still uses it. The accept thread calls the
+/// constructor, xStart and _SayHello, the main thread the static operations, the conversation's thread all
+/// the others. Text on the wire is Windows-1252 until "MODE_UTF8", UTF-8 from then on.
 class CDialog : public std::enable_shared_from_this<CDialog>
 {
 public:
@@ -36,8 +38,8 @@ public:
     CDialog& operator=(const CDialog&) = delete;
     ~CDialog();
 
-    /// Starts the conversation's thread, then greets. Throws (CXError, or std::bad_alloc) only when the
-    /// thread has not been started. The object must already be owned by a std::shared_ptr.
+    /// Starts the conversation's thread, then greets. Throws CXError or std::bad_alloc when the thread cannot
+    /// be started; nothing is thrown once it runs. The object must already be owned by a std::shared_ptr.
     void xStart();
 
     /// Ends the conversations that wait for a command and gives those that run one nMs milliseconds to reply.
@@ -57,7 +59,8 @@ public:
     /// there is none.
     unsigned int dwGetUInt32();
 
-    // Answer and ACK throw, and send nothing, once the stop has ended what a conversation may finish.
+    // Answer and ACK throw std::system_error (ECANCELED), and send nothing, when the stop no longer allows
+    // the calling thread to go on (CStopping::bMayGoOn).
 
     /// Sends the text and "\r\n".
     void Answer(const std::wstring& csText);
@@ -69,7 +72,8 @@ public:
     void ACK(eError eCode, unsigned int nSystemError);
 
     /// Receives a file of nSize bytes from the connection into a temporary file, which the caller deletes.
-    /// Throws CXError, the temporary file deleted. No command uses it.
+    /// Bytes that arrive together with the last ones are written, too. Throws CXError or std::bad_alloc; the
+    /// temporary file is deleted then. No command uses it.
     void xGetFile(const std::wstring& csName, unsigned int nSize, CInstallInfo* pclInfo);
 
     /// Greets, and lets the first command pass.
@@ -89,16 +93,16 @@ private:
     bool _bQuit();
     bool _bInfo();
     bool _bModeUTF8();
-    /// False when the line has no further field.
+    /// Copies the line's next field; false, with the text unchanged, when there is none.
     bool _bNextField(std::wstring* pcsField);
     void _Send(std::string_view csBytes);
     std::string _csToWire(const std::wstring& csText) const;
 
     CDescripteur m_clSocket;
     CLineBuffer m_clCommand;
-    bool m_bUTF8 = false;
-    int m_nNextArgument = 0;                 ///< index of a field; the keyword is field 0
-    CZTSemNoInit m_clGreeted;                ///< posted once the greeting has been sent
+    ECodePage m_eCodePage = CP_1252;         ///< of the text on the wire
+    int m_nNextField = 0;                    ///< the keyword is field 0
+    CZTSemNoInit m_clGreeted;                ///< posted with the greeting; whoever waits posts again
     std::shared_ptr<CDialog> m_pclForThread; ///< from xStart until the conversation's thread takes it
     CZTThread m_clThread;
 };

@@ -15,12 +15,13 @@
 #include <utility>
 
 namespace {
-constexpr std::size_t s_nBlock = 65536;
+constexpr std::size_t s_nBlock = 65536; ///< bytes of one receive
 
-[[noreturn]] void xThrow(const wchar_t* pszOperation, const std::string& csPath)
+/// Throws a CXError with errno, the operation and the file that it failed for.
+[[noreturn]] void xThrow(const wchar_t* pszOperation, const std::string& csFile)
 {
     CXError clError;
-    std::ignore = bFail(&clError, pszOperation, csFromUTF8(csPath)); // always false
+    std::ignore = bFail(&clError, pszOperation, csFromUTF8(csFile)); // always false
     throw CXError(clError);
 }
 
@@ -64,7 +65,7 @@ void CDialog::xGetFile(const std::wstring& csName, unsigned int nSize, CInstallI
     CTemporaryFile clFile;
     const auto pBlock = pMakeForOverwrite<char[]>(s_nBlock); // not on the stack: a thread has 64 KiB of it
 
-    // The last receive may bring more than is missing; all of that is written.
+    // The last receive may bring more than is missing; all of it is written.
     for (std::size_t nTotal = 0; nTotal < nSize;) {
         const ssize_t nReceived = nRetry([&] { return ::recv(m_clSocket.nFd(), pBlock.get(), s_nBlock, 0); });
         if (nReceived == 0) {
@@ -78,7 +79,8 @@ void CDialog::xGetFile(const std::wstring& csName, unsigned int nSize, CInstallI
         nTotal += static_cast<std::size_t>(nReceived);
     }
 
-    // What can fail comes before the file is kept and listed.
+    // Both lists get the file, or neither does: all that may throw comes before Keep, and the second
+    // push_back finds room and moves its text, so it cannot.
     std::wstring csFile = clFile.csPath();
     pclInfo->tTemporaryFiles.reserve(pclInfo->tTemporaryFiles.size() + 1);
     pclInfo->tNames.push_back(csName);

@@ -15,9 +15,9 @@ std::wstring csFailedListing(int nError)
 
 void LogFailedListing(int nError)
 {
-    static CRateLimit s_clLimit; // one for all callers: there is only one machine to list
-    if (s_clLimit.bDue({})) {
-        CLogger().AddLog(ILogger::PRIORITY_CRITICAL, L"%1!s!",
-                         csEscapePercent(csFailedListing(nError)).c_str());
+    static CRateLimit s_clLimit;
+    if (s_clLimit.bDue({})) { // one subject for all callers: there is only one machine to list
+        CLogger clLogger;     // a new logger writes to the system log
+        LogText(clLogger, csFailedListing(nError));
     }
 }

@@ -6,6 +6,6 @@
 /// services. nError is the errno of the failure.
 std::wstring csFailedListing(int nError);
 
-/// Writes that message to the system log, at most once a minute for all callers together: a monitor with a
-/// short period and tools that ask again would fill the log. Any thread may call.
+/// Writes csFailedListing's message to the system log, at most once a minute for all callers together: a
+/// monitor with a short period and tools that ask again would fill the log. Any thread may call.
 void LogFailedListing(int nError);
