@@ -17,16 +17,18 @@ namespace {
 using namespace std::string_view_literals;
 constexpr std::string_view s_csSystemQuestion = "ARE YOU A DEXARO SERVER SETUP?\r\n\0"sv;
 constexpr std::string_view s_csUTF8Question = "ARE YOU A DEXARO MANAGER UTF-8?\r\n\0"sv;
-/// Bytes that are received of a datagram: more than the longest question has, so that a longer datagram is
-/// not taken for one.
+/// Bytes that are received of a datagram. A longer datagram is cut to them, so they must be more than the
+/// longest question has (34): otherwise its beginning would be taken for a question.
 constexpr std::size_t s_nMaxQuestion = 37;
-/// Most askers that wait for one list; further questions are dropped.
+/// Most askers that wait for one list; further questions are dropped. Also the most datagrams that are read
+/// from one socket in a row.
 constexpr std::size_t s_nMaxWaiting = 1000;
 /// Pause after a network failure, so that a lasting one does not keep a processor busy.
 constexpr unsigned int s_dwPauseMs = 50;
 
 /// A message header with room for a datagram, its sender and the address that it was sent to. It points into
-/// both arguments.
+/// both arguments. The lengths are those of the whole buffers; Answer
+/// sets them to what was received.
 msghdr stMessage(STPingQuestion* pstQuestion, iovec* pstText)
 {
     msghdr st{};
@@ -77,10 +79,11 @@ std::string csAnswer(EPingForm eForm, const std::wstring& csServers)
     const ECodePage eCodePage = eForm == EPingForm::UTF8 ? CP_UTF8 : CP_SYSTEM;
     const std::string csServerBytes = csNarrow(csServers, eCodePage);
     std::string csResult = csNarrow(L"YES\t" + gpclSetupManager->csGetHostInfo(), eCodePage);
-    const std::size_t nRoom = g_nMaxDatagram - std::min(csResult.size(), g_nMaxDatagram);
+    const std::size_t nRoom = g_nMaxDatagram - std::min(csResult.size(), g_nMaxDatagram); // never below 0
     return csResult.append(csFittingServers(csServerBytes, nRoom));
 }
 
+/// Does not change the question, which is not const only because a message header points to plain memory.
 void Answer(STPingQuestion* pstQuestion, std::string_view csText)
 {
     msghdr stTo = stMessage(pstQuestion, nullptr);
@@ -100,7 +103,7 @@ void AnswerAll(std::map<std::string, STPingQuestion>* ptQuestions)
     CTString csServers;
     gpclSetupManager->AddServeurList(&csServers);
 
-    // Both are made once, however many ask.
+    // Each text is made once, however many ask for it.
     const std::string csSystem = csAnswer(EPingForm::SYSTEM, csServers);
     const std::string csUTF8 = csAnswer(EPingForm::UTF8, csServers);
 
@@ -146,13 +149,14 @@ bool bReceive(int nSocket, STPingQuestion* pstQuestion)
 
     pstQuestion->nSocket = nSocket;
     pstQuestion->eForm = eReadPing({tText.data(), static_cast<std::size_t>(nReceived)});
-    AnswerFromAsked(&stHeader); // in place, in pstQuestion->tAsked
+    AnswerFromAsked(&stHeader); // changes tAsked in place, and the length that is kept below
     pstQuestion->nSender = stHeader.msg_namelen;
     pstQuestion->nAsked = stHeader.msg_controllen;
     return true;
 }
 
-/// Key of an asker: the sender's address and the form of the question.
+/// Key of an asker: the bytes of the sender's address, in which the kernel leaves nothing undefined, and the
+/// form of the question.
 std::string csAsker(const STPingQuestion& stQuestion)
 {
     std::string csKey(reinterpret_cast<const char*>(&stQuestion.stSender), stQuestion.nSender);
@@ -175,9 +179,10 @@ std::string_view csFittingServers(std::string_view csServers, std::size_t nMax)
         return csServers;
     }
 
-    // The loop ends: at the end of the list nEnd is more than nMax.
+    // Server by server: tab, name, tab, port. nEnd is where the next server begins. The loop ends: at the end
+    // of the list nEnd is the list's size, which is more than nMax.
     std::size_t nWhole = 0;
-    for (std::size_t nEnd = 0; nEnd <= nMax;) { // server by server: tab, name, tab, port
+    for (std::size_t nEnd = 0; nEnd <= nMax;) {
         nWhole = nEnd;
         const std::size_t nPort = std::min(csServers.find('\t', nEnd + 1), csServers.size());
         nEnd = std::min(csServers.find('\t', nPort + 1), csServers.size());
@@ -196,6 +201,7 @@ bool CPingEcho::bInit(std::uint16_t wPort, CXError* pclError)
         return false;
     }
 
+    // Without the option a question whose sender is a broadcast address could not be answered.
     const int nOne = 1;
     std::ignore = bSetsockopt(SOL_SOCKET, SO_BROADCAST, &nOne, sizeof nOne);
     for (const STSocket& stSocket : tGetSockets()) {
@@ -208,7 +214,8 @@ bool CPingEcho::bInit(std::uint16_t wPort, CXError* pclError)
 bool CPingEcho::bStart()
 {
     m_clAnswers.Begin();
-    return m_clThread.xbStart(_PingThreadRoutine, this, &g_stMyModule, USER_ERROR_THREAD, 1, 0);
+    return m_clThread.xbStart(_PingThreadRoutine, this, &g_stMyModule, USER_ERROR_THREAD, /*bWaitStart=*/1,
+                              /*bSuspended=*/0);
 }
 
 void CPingEcho::Stop()
@@ -241,7 +248,7 @@ void CPingEcho::_Run()
             if (errno == EINTR) { // a signal (a child's exit) is no reason to pause
                 continue;
             }
-        } catch (...) { // out of memory: costs this question only
+        } catch (...) { // out of memory: costs this question only; others may go through after the pause
         }
 
         m_clThread.SleepOrStop(s_dwPauseMs);
@@ -252,22 +259,24 @@ void CPingEcho::_Run()
 /// over one address family does not keep the other waiting.
 void CPingEcho::_Receive()
 {
-    bool bAny = false;
+    bool bReceived = false;
     bool bFailed = false;
     for (const STSocket& stSocket : tGetSockets()) {
         STPingQuestion stQuestion;
         for (std::size_t n = 0;
              n < s_nMaxWaiting && !m_clThread.bMustStop() && bReceive(stSocket.nSocket, &stQuestion); ++n) {
-            bAny = true;
+            bReceived = true;
             if (stQuestion.eForm != EPingForm::NONE) {
                 _Note(stQuestion);
             }
         }
+        // errno is that of the last bReceive. Where the limit or the stop has ended the loop, errno means
+        // nothing, and does no harm either: after the limit bReceived is true, a stop ends the pause at once.
         bFailed = bFailed || errno != EAGAIN;
     }
 
     // A socket that is ready and yet fails would wake the thread again at once.
-    if (!bAny && bFailed) {
+    if (!bReceived && bFailed) {
         m_clThread.SleepOrStop(s_dwPauseMs);
     }
 }
@@ -290,16 +299,16 @@ void CPingEcho::_Note(const STPingQuestion& stQuestion)
     // Without a worker this thread answers: nobody else would, as m_bAnswering is set.
     bool bGiven = false;
     try {
-        bGiven = m_clAnswers.bRun([this] { _Answer(); });
+        bGiven = m_clAnswers.bRun([this] { _AnswerWaiting(); });
     } catch (...) { // out of memory
     }
     if (!bGiven) {
-        _Answer();
+        _AnswerWaiting();
     }
 }
 
 /// Makes one list for all who wait, then one for those who have come meanwhile, until nobody waits.
-void CPingEcho::_Answer()
+void CPingEcho::_AnswerWaiting()
 {
     for (;;) {
         std::map<std::string, STPingQuestion> tQuestions;
@@ -307,7 +316,7 @@ void CPingEcho::_Answer()
             const std::lock_guard<std::mutex> clGuard(m_clLock);
             tQuestions.swap(m_tWaiting);
 
-            // The stop's shutdown can look like an empty datagram, which counts as a question.
+            // Not during the stop: its shutdown can look like an empty datagram, which counts as a question.
             m_bAnswering = !tQuestions.empty() && !m_clThread.bMustStop();
             if (!m_bAnswering) {
                 return;

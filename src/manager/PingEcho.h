@@ -12,10 +12,10 @@
 #include <string>
 #include <string_view>
 
-/// Bytes of the largest datagram that both address families can send.
+/// Bytes of the largest datagram that both address families can send: over IPv4 the headers take 28 of 65535.
 inline constexpr std::size_t g_nMaxDatagram = 65507;
 
-/// What a datagram asks for.
+/// What a datagram asks for, by the question in it.
 enum class EPingForm
 {
     NONE,   ///< not a question
@@ -36,9 +36,10 @@ struct STPingQuestion
     int nSocket;
     EPingForm eForm;
     sockaddr_storage stSender;
-    socklen_t nSender;                                                         ///< bytes of it
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(in6_pktinfo))> tAsked; ///< the control message
-    std::size_t nAsked;                                                        ///< bytes of it; 0: none
+    socklen_t nSender; ///< bytes of it
+    /// The kernel's packet-info message: the address that was asked, and the interface.
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(in6_pktinfo))> tAsked;
+    std::size_t nAsked; ///< bytes of it; 0: none
 };
 
 /// Answers discovery questions over UDP with the text of the INFO command. All questions that wait at the
@@ -62,11 +63,12 @@ private:
     void _Run();
     void _Receive();
     void _Note(const STPingQuestion& stQuestion);
-    void _Answer();
+    void _AnswerWaiting();
 
     CZTThread m_clThread;       ///< reads the questions
     CWorkerPool m_clAnswers{1}; ///< makes the lists and answers, so that the reading never waits for a list
     std::mutex m_clLock;        ///< of the members below
     std::map<std::string, STPingQuestion> m_tWaiting; ///< by asker and form
-    bool m_bAnswering = false;                        ///< somebody is in _Answer, and will look here again
+    /// A thread runs _AnswerWaiting, or is about to, and will look into m_tWaiting again.
+    bool m_bAnswering = false;
 };
