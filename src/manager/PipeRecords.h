@@ -31,12 +31,13 @@ struct STSendUTF16
     std::array<char16_t, 129> szName;
     std::array<char16_t, 262> szPath;
 };
-/// A request. It arrives in one piece: the kernel never splits a write of at most PIPE_BUF bytes (4096).
+/// A request. It arrives in one piece if it was written by one call: the kernel never splits a write of at
+/// most PIPE_BUF bytes (4096).
 struct stSEND
 {
-    std::int32_t nReply; ///< number at the end of the name of the client's reply FIFO
-    std::int32_t nForm;  ///< EPipeForm
-    std::array<unsigned char, 784> tContent;
+    std::int32_t nReply;                     ///< number at the end of the name of the client's reply FIFO
+    std::int32_t nForm;                      ///< EPipeForm
+    std::array<unsigned char, 784> tContent; ///< STSendAnsi or STSendUTF16
 };
 /// A reply. The client reads the text up to its first NUL.
 struct stRET

@@ -20,8 +20,9 @@ namespace {
 constexpr useconds_t s_nPauseMicroseconds = 100'000;
 /// How often what somebody puts at the FIFO's name is replaced before the start gives up.
 constexpr int s_nAttempts = 20;
-/// The open follows no link and does not wait for the other end. Reading and writing: the FIFO then never
-/// loses its last writer, so that reads block instead of reporting the end of the file.
+/// For both FIFOs. The open follows no link and does not wait for the other end. Reading and writing: the
+/// manager's FIFO then never loses its last writer, so that reads block instead of reporting the end of the
+/// file; a client's FIFO can be opened, and written to, before the client has opened it.
 constexpr int s_nOpenFlags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
 
 /// A FIFO that only we or root can have made, that nobody else can write to, and that has no second name,
@@ -123,7 +124,7 @@ CPipeServer::~CPipeServer()
 
 bool CPipeServer::bStart()
 {
-    _StopThread();
+    _StopThread(); // of an earlier start, while the FIFO that its thread reads is still open
     m_clWorkers.Begin();
     m_csName = _vpszGetServerPipeName();
     m_clFifo = clCreateFifo(m_csName.c_str());
@@ -132,9 +133,9 @@ bool CPipeServer::bStart()
 
 bool CPipeServer::bStop()
 {
-    // The workers first: this also ends the reading thread's wait for a free one, in which nothing wakes it.
-    // The descriptor last: its number may become another file's at once, which a thread that still runs would
-    // then read.
+    // The workers first: this also ends the reading thread's wait for a free worker, which the byte that
+    // _StopThread writes would not. The descriptor last: its number may become another file's at once, which
+    // a thread that still runs would then read.
     m_clWorkers.Stop();
     _StopThread();
 
@@ -149,20 +150,20 @@ bool CPipeServer::_bStartThread()
 {
     m_bEnding = false;
     errno = nCreateWorker(&m_hThread, PTHREAD_CREATE_JOINABLE, ThreadPipe, this);
-    m_bThread = errno == 0;
-    return m_bThread;
+    m_bMustJoin = errno == 0;
+    return m_bMustJoin;
 }
 
 void CPipeServer::_StopThread()
 {
-    if (!m_bThread) {
+    if (!m_bMustJoin) {
         return;
     }
-    m_bThread = false;
-    m_bEnding = true;
+    m_bMustJoin = false;
+    m_bEnding = true; // first: the thread looks at it when it wakes
 
-    // A byte is no request, but wakes the thread. A FIFO too full for it has kept the thread awake, so this
-    // must not wait for room.
+    // A byte is no request, but wakes the thread. The write must not wait for room: there is no need to wake
+    // a thread whose FIFO is full, and it may be about to end without having read anything more.
     std::ignore = ::fcntl(m_clFifo.nFd(), F_SETFL, O_RDWR | O_NONBLOCK);
     std::ignore = ::write(m_clFifo.nFd(), "", 1);
     std::ignore = ::pthread_join(m_hThread, nullptr);
@@ -181,6 +182,7 @@ void CPipeServer::_Run()
         if (_bReadRequest(&stSend)) {
             _Give(stSend);
         }
+        // Until a worker is free, further requests stay in the FIFO; once that is full, their writers wait.
         m_clWorkers.WaitFree();
     }
 }

@@ -12,10 +12,9 @@
 /// requests are handled at once, each on a thread of its own; they begin in the order of their arrival. The
 /// derived class says the FIFO's name and what a request means. Its owner's thread starts and stops it.
 ///
-/// The stop wakes the reading thread while it waits for a request, never while it handles one. The FIFO
-/// exists while the server is started. When somebody else removes the FIFO, no request arrives until the next
+/// The FIFO exists from bStart to bStop. When somebody else removes it, no request arrives until the next
 /// start: the daemon does not wake up only to look after the file (the packages keep systemd-tmpfiles away
-/// from it). A file that somebody else has put at the name is left alone by the stop.
+/// from it). A file that somebody else has put at the name is left alone by bStop.
 class CPipeServer
 {
 public:
@@ -28,15 +27,15 @@ public:
     /// A derived class calls bStop in its own destructor: until then the threads call its functions.
     virtual ~CPipeServer();
 
-    /// Creates and opens the FIFO and starts the thread. A FIFO at the name is taken over if it is ours (or
-    /// root's) and nobody else can write to it; anything else there is replaced. False (with errno) when that
-    /// cannot be done.
+    /// Creates and opens the FIFO and starts the thread; ends the thread of an earlier start first. A FIFO at
+    /// the name is taken over if it is ours (or root's) and nobody else can write to it; anything else there
+    /// is replaced. False (with errno) when that cannot be done; bStop then cleans up.
     bool bStart();
     /// Finishes the requests in progress, ends the thread, closes and removes the FIFO. Always true.
     bool bStop();
 
 protected:
-    /// The thread's loop, until the stop.
+    /// The reading thread's loop, until bStop.
     virtual void _Run();
     /// Handles one request; several threads call it at once. The reply is all NUL at the call. The text of a
     /// std::exception that is thrown becomes the reply.
@@ -57,6 +56,6 @@ private:
     CDescripteur m_clFifo;
     CWorkerPool m_clWorkers{s_nMaxRequests};
     pthread_t m_hThread{};
-    bool m_bThread = false;
+    bool m_bMustJoin = false;           ///< m_hThread is a thread that has not been joined
     std::atomic<bool> m_bEnding{false}; ///< the thread is to end
 };

@@ -18,7 +18,7 @@ void CPipeServerVelmoManager::_ProcessMessage(const stSEND* pstSend, stRET* pstR
     constexpr std::string_view csUnknown = "UNKNOWN";
     switch (pstSend->nForm) {
     case PIPE_FORM_ANSI:
-        std::ignore = _csRegister(stReadAnsi(*pstSend)); // logged; the clients rely on "UNKNOWN" all the same
+        std::ignore = _csRegister(stReadAnsi(*pstSend)); // a failure is in the log
         WriteReply(csUnknown, pstReturn);
         break;
     case PIPE_FORM_UTF16:

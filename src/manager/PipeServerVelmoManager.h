@@ -22,6 +22,7 @@ protected:
     const char* _vpszGetServerPipeName() const override { return g_szManagerPipe; }
 
 private:
+    /// The reply in UTF-8; empty: registered.
     std::string _csRegister(STRegistration stServer);
 
     CSetupManager* m_pclManager = nullptr;
