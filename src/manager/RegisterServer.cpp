@@ -1,8 +1,8 @@
 // Registration of a database server: finds the service of its executable or installs one, and starts it.
 //
 // The service lock is held from the listing to the installation, so that two servers cannot take the same
-// name or port. It is not held during the start, which may take as long as the server likes; only the lock of
-// the server's own name is.
+// name or port. It is not held during the start, which may take as long as the server likes; only the locks
+// of the names that the server is registered under are.
 
 #include "config/Settings.h"
 #include "config/WinApi.h"
@@ -70,7 +70,7 @@ void WriteName(CService& clService)
 
 void CSetupManager::RegisterServer(STRegistration stServer, CTString* pcsError)
 {
-    stServer.csPath = CProgram::s_clAt(stServer.csPath).csPath();
+    stServer.csPath = CProgram::s_clAt(stServer.csPath).csPath(); // without the double quotes, if it has any
     CServiceLocks::CHold clHold;
     bool bInstalled = false;
     const auto pclService = _pclMakeService(stServer, &clHold, &bInstalled, pcsError);
@@ -78,17 +78,19 @@ void CSetupManager::RegisterServer(STRegistration stServer, CTString* pcsError)
         return;
     }
 
-    // The client gets the text of the errno that the failed step of the start has left.
     if (pclService->eGetStatus() == STATUS_RUNNING || clHold.bStart(*pclService)) {
         return;
     }
-    *pcsError = csSystemMessage(errno);
+    *pcsError = csSystemMessage(errno); // which the failed step of the start has left
 
-    // A service that was there before stays in any case.
+    // A unit that systemd refuses is taken back, unless the service was there before. After the stop systemd
+    // cannot be asked any more whether it refuses the unit.
     if (bInstalled && !CStopping::bAsked()) {
         std::ignore = m_clServiceManager.bTakeBackRefused(*pclService);
     }
-    // Asked again, as the stop may have begun during the take-back. After the stop nothing is started.
+
+    // After the stop nothing is started, so the text says what is left to do. Looked at again, as the stop
+    // may have begun during the take-back.
     if (bInstalled && CStopping::bAsked()) {
         pclService->AddMissingStep(L"start");
         *pcsError = L"The registration of \"" + stServer.csName +
@@ -106,7 +108,8 @@ std::unique_ptr<CService> CSetupManager::_pclMakeService(const STRegistration& s
     std::set<std::wstring> tNames{csLockName(csServiceName(stServer))};
     for (;;) {
         // Names come before the service lock: a wait for a start that hangs, with the service lock taken,
-        // would hold up everybody.
+        // would hold up everybody. The names of the last turn go back first: while a thread waits for a name,
+        // it may hold only names that come before it, or two threads could wait for each other.
         pclHold->Release();
         *pclHold = m_clServiceManager.clGetLocks().clTake(tNames);
         if (!pclHold->bTaken()) {
@@ -115,55 +118,64 @@ std::unique_ptr<CService> CSetupManager::_pclMakeService(const STRegistration& s
         const CServiceGuard clGuard = clLockServices();
         STFound stFound = _stFindServer(clGuard, stServer, pcsError);
 
-        // The executable may be registered under other names. Those names go into the configuration below, so
-        // their locks are needed, too; with all locks taken, everything is looked at again.
-        if (bAddNames(stFound.tOtherNames, &tNames)) {
-            pcsError->clear();
-            continue;
+        // The executable may be registered under other names. One of these services may be started below, and
+        // the names go into the configuration, so their locks are needed, too; with all locks taken,
+        // everything is looked at again.
+        if (!bAddNames(stFound.tOtherNames, &tNames)) {
+            return _pclConclude(clGuard, stServer, std::move(stFound), pbInstalled, pcsError);
         }
-        for (const auto& pclOther : stFound.tOtherNames) {
-            WriteName(*pclOther);
-        }
-        if (stFound.bRefused) {
-            if (!stFound.bLogged) { // only here: an earlier turn may have been refused, too
-                _LogText(*pcsError);
-            }
-            return nullptr;
-        }
+        pcsError->clear(); // the reason, if this turn was refused; the next one decides anew
+    }
+}
 
-        if (stFound.pclService == nullptr) {
-            stFound.pclService = _pclInstallServer(clGuard, stServer);
-            *pbInstalled = stFound.pclService != nullptr;
-        }
-        if (stFound.pclService == nullptr) {
-            *pcsError = csSystemMessage(errno);
+std::unique_ptr<CService> CSetupManager::_pclConclude(const CServiceGuard& clGuard,
+                                                      const STRegistration& stServer, STFound stFound,
+                                                      bool* pbInstalled, CTString* pcsError)
+{
+    // Also before a refusal for a conflict that was met after them: clients have always seen this.
+    for (const auto& pclOther : stFound.tOtherNames) {
+        WriteName(*pclOther);
+    }
+    if (stFound.bRefused) {
+        if (!stFound.bLogged) {
             _LogText(*pcsError);
         }
-        return std::move(stFound.pclService);
+        return nullptr;
     }
+
+    if (stFound.pclService == nullptr) {
+        stFound.pclService = _pclInstallServer(clGuard, stServer);
+        *pbInstalled = stFound.pclService != nullptr;
+    }
+    if (stFound.pclService == nullptr) {
+        *pcsError = csSystemMessage(errno);
+        _LogText(*pcsError);
+    }
+    return std::move(stFound.pclService);
 }
 
 void CSetupManager::_RefuseUnasked(int nError, STFound* pstFound, CTString* pcsError)
 {
     pstFound->bRefused = true;
-    pstFound->tOtherNames.clear(); // this refusal writes nothing
+    pstFound->tOtherNames.clear(); // no name is written because of half a list
     *pcsError = csFailedListing(nError);
-    LogFailedListing(nError); // with a rate limit of its own
+    LogFailedListing(nError); // with its rate limit: a server may try again and again
     pstFound->bLogged = true;
 }
 
 void CSetupManager::_FindUnlisted(const STRegistration& stServer, STFound* pstFound, CTString* pcsError)
 {
     std::unique_ptr<CService> pclUnlisted(m_clServiceManager.pclGetService(csServiceName(stServer).c_str()));
+    const int nErrno = errno;
     CStopping::xCheck(); // a lookup that the stop cut short has not failed
     if (pclUnlisted == nullptr) {
-        if (errno != ENOENT) { // it is unknown whether there is one
-            _RefuseUnasked(errno, pstFound, pcsError);
+        if (nErrno != ENOENT) { // it is unknown whether there is such a service
+            _RefuseUnasked(nErrno, pstFound, pcsError);
         }
         return;
     }
 
-    if (!bSameName(*pclUnlisted, stServer)) { // the lookup also finds services of a similar name
+    if (!bSameName(*pclUnlisted, stServer)) { // systemd: a lookup reads ";" and "|" as spaces
         return;
     }
 
@@ -184,7 +196,7 @@ CSetupManager::STFound CSetupManager::_stFindServer(const CServiceGuard&, const 
         case EComparison::OTHER:
             break;
         case EComparison::SAME: // of several services the last one counts; clients rely on it
-            if (!bSameName(*pclService, stServer)) {
+            if (!bSameName(*pclService, stServer)) { // a copy: the record itself may become pclService
                 stFound.tOtherNames.push_back(std::make_unique<CService>(*pclService));
             }
             stFound.pclService = std::move(pclService);
@@ -241,7 +253,8 @@ std::unique_ptr<CService> CSetupManager::_pclInstallServer(const CServiceGuard&,
 {
     const CProgram clProgram = CProgram::s_clAt(stServer.csPath);
 
-    // Checked here, as the registry sees the name only after the prefix, where these names look well-formed.
+    // Checked here: the registry gets the name with the prefix before it, where neither an empty name nor a
+    // leading space shows.
     if (stServer.csName.empty() || stServer.csName.front() == L' ' || !clProgram.bWholePath()) {
         errno = EINVAL;
         return nullptr;
@@ -252,5 +265,6 @@ std::unique_ptr<CService> CSetupManager::_pclInstallServer(const CServiceGuard&,
     const std::wstring csService = csServiceName(stServer);
     const std::wstring csCommandLine = clProgram.csCommandLine(L"--SERVICE");
     return std::unique_ptr<CService>(
-        m_clServiceManager.pclInstall(csService.c_str(), csService.c_str(), csCommandLine.c_str(), 1, 1));
+        m_clServiceManager.pclInstall(csService.c_str(), csService.c_str(), csCommandLine.c_str(),
+                                      /*bAutoStart=*/1, /*bRestartOnAbnormal=*/1));
 }

@@ -31,11 +31,11 @@ constexpr std::size_t s_nPortText = 200; ///< characters read of an access port
 
 CSetupManager::CSetupManager() : m_clRemote(&m_clServiceManager)
 {
-    CStopping::Reset();
-    m_clLogger.bSetMode(LOG_MODE_SYSTEM);
+    CStopping::Reset(); // the stop of an earlier manager of this process must not end this one
     m_clPipeServer.SetManager(this);
     m_clMainLoop.Init(0, 1);
-    SetTooLargeReport([this](const std::wstring& csFile) { _LogTooLarge(csFile); });
+
+    SetTooLargeReport([this](const std::wstring& csFile) { _LogTooLarge(csFile); }); // before the first read
     if (const CConfig clConfig(nullptr); clConfig.bRestartOnFailed() != 0) {
         m_pclRestart = std::make_unique<CRestartOnFailed>(&m_clServiceManager, clConfig.dwCheckPeriod());
     }
@@ -76,6 +76,8 @@ bool CSetupManager::bInit()
     if (!m_clServiceManager.bInit(nullptr, 0)) {
         return false;
     }
+
+    // The TCP server's port keeps a second manager out, so it comes before whatever two must not share.
     CXError clError;
     if (m_clServer.bInit(g_wManagerPort, &clError) && m_clPingEcho.bInit(g_wManagerPort, &clError)) {
         return true;
@@ -178,6 +180,7 @@ void CSetupManager::_AddCPU_RAM_Info()
     tagMEMORYSTATUSEX stMemory{};
     stMemory.dwLength = sizeof stMemory;
     GlobalMemoryStatusEx(&stMemory);
+    // "Mo", the French word for mebibytes, in every language: clients rely on it.
     m_csHostInfo += L"\t" + std::to_wstring(stMemory.qwTotalPhys / nBytesPerMo) + L" Mo";
 }
 
@@ -218,22 +221,22 @@ std::wstring CSetupManager::s_csServersConfig(const std::wstring& csExecutable)
 std::wstring CSetupManager::s_csAccessPort(CService& clService)
 {
     constexpr auto stSetting = settings::AccessPort;
-    std::wstring csUsual = std::to_wstring(stSetting.nDefault);
+    std::wstring csDefault = std::to_wstring(stSetting.nDefault);
     const std::wstring csExecutable = clService.csGetExecutable();
     if (csExecutable.empty()) { // no folder, so no configuration either
-        return csUsual;
+        return csDefault;
     }
 
     const std::wstring csFile = s_csServersConfig(csExecutable);
     std::array<wchar_t, s_nPortText + 1> tPort{};
-    GetPrivateProfileString(stSetting.pszSection, stSetting.pszKey, csUsual.c_str(), tPort.data(),
+    GetPrivateProfileString(stSetting.pszSection, stSetting.pszKey, csDefault.c_str(), tPort.data(),
                             tPort.size(), csFile.c_str());
     return tPort.data();
 }
 
 void CSetupManager::__AddServeurList(const CServiceGuard&, CService& clService, CTString* pcsReply)
 {
-    if (clService.pszBinaryPathName() == nullptr) {
+    if (clService.pszBinaryPathName() == nullptr) { // no program, so no server to connect to
         return;
     }
 

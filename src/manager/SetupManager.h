@@ -28,8 +28,8 @@ using CServiceGuard = std::unique_lock<CStoppableLock>;
 /// and stops them in a fixed order, lists and registers the database servers.
 ///
 /// There is one per process (gpclSetupManager), made and destroyed by main. The main thread calls bInitVM,
-/// bStart, MainLoop and the destructor; any endpoint's thread may call AddServeurList, RegisterServer and
-/// csGetHostInfo.
+/// bStart, MainLoop and the destructor; any endpoint's thread may call AddServeurList, RegisterServer,
+/// clGetRemote and csGetHostInfo.
 class CSetupManager : public CServiceImp
 {
 public:
@@ -38,8 +38,9 @@ public:
 
     /// Loads the language runtime from the executable's directory; a failure is logged.
     bool bInitVM();
-    /// Builds the host information and opens the endpoints' sockets. A second call appends the information
-    /// once more.
+    /// Builds the host information, detects the init system and opens the sockets of the TCP server and the
+    /// ping echo. False when a socket cannot be opened, which is logged. A second call appends the
+    /// information once more.
     bool bInit();
 
     /// Waits for Stop, then ends what bStart has started.
@@ -48,8 +49,8 @@ public:
     bool bStart() override;
     /// Begins the stop and wakes MainLoop. Async-signal-safe.
     void Stop() override;
-    /// Ends the endpoints and the monitor and waits for their threads; conversations go on. What does not run
-    /// is left alone.
+    /// Begins the stop if nobody has. Ends the endpoints and the monitor and waits for their threads;
+    /// conversations go on. What does not run is left alone.
     void __TermMainLoop();
     bool vbLogStartOK() override { return true; }
 
@@ -84,12 +85,15 @@ private:
     void __StopMainLoop();
     /// A failure is logged.
     bool _bStartPipe();
+    /// Fills m_csHostInfo, by the three after it: version; system and kernel; processors and memory.
     void _HInfoServeur();
     void _AddVIInfo();
     void _AddOSInfo();
     void _AddCPU_RAM_Info();
+    /// What AddServeurList appends, for all who wait for it. Throws as AddServeurList does.
     std::wstring _csMakeServeurList();
     void __AddServeurList(const CServiceGuard& clGuard, CService& clService, CTString* pcsReply);
+    /// Logs that the services could not be listed, and throws std::runtime_error.
     [[noreturn]] static void _FailListing(int nError);
     /// Logs message 4012 and, below it, all that the error says, as one entry: for a failure that nobody else
     /// reports.
@@ -117,16 +121,21 @@ private:
     /// Compares the server with every service. The text gets the reason of a refusal.
     STFound _stFindServer(const CServiceGuard& clGuard, const STRegistration& stServer, CTString* pcsError);
     /// Looks for a service of the server's name that no listing shows, being neither enabled nor running: an
-    /// installation would overwrite it.
+    /// installation would overwrite it. Adds what it finds to *pstFound.
     void _FindUnlisted(const STRegistration& stServer, STFound* pstFound, CTString* pcsError);
-    /// Refuses because the services could not be listed or asked.
+    /// Refuses, and logs, because the services could not be listed or asked; nError is the errno.
     static void _RefuseUnasked(int nError, STFound* pstFound, CTString* pcsError);
+    /// CONFLICT sets the text to its reason.
     static EComparison _eCompare(CService& clService, const STRegistration& stServer, CTString* pcsError);
-    /// Finds or installs the server's service; the locks of its names are then the caller's. Null, with the
-    /// text set, on refusal or failure.
+    /// Finds or installs the server's service; *pclHold then has the locks of its names. Null, with the text
+    /// set and logged, on refusal or failure.
     std::unique_ptr<CService> _pclMakeService(const STRegistration& stServer, CServiceLocks::CHold* pclHold,
                                               bool* pbInstalled, CTString* pcsError);
-    /// Null with errno set when it cannot be installed.
+    /// The last step of _pclMakeService, with all locks taken: acts on what the look at the services has
+    /// found.
+    std::unique_ptr<CService> _pclConclude(const CServiceGuard& clGuard, const STRegistration& stServer,
+                                           STFound stFound, bool* pbInstalled, CTString* pcsError);
+    /// Null with errno set when the server's service cannot be installed.
     std::unique_ptr<CService> _pclInstallServer(const CServiceGuard& clGuard, const STRegistration& stServer);
 
     CServiceManager m_clServiceManager;
