@@ -56,47 +56,80 @@ std::unique_ptr<CService> pclLookupOwn(CServiceManager* pclManager, const std::w
     return bOwn ? std::move(pclService) : nullptr;
 }
 
+/// Looks a service up as pclLookup does. With pclHold, takes its lock first: somebody who has the lock may be
+/// about to remove the service. Null with ECANCELED, and nothing taken, when the stop of the manager comes
+/// first.
+std::unique_ptr<CService> pclTakeAndLookup(CServiceManager* pclManager, const std::wstring& csService,
+                                           CServiceLocks::CHold* pclHold)
+{
+    if (pclHold != nullptr) {
+        pclHold->Release(); // before the wait: two that hold one name each could wait for each other
+        *pclHold = pclManager->clGetLocks().clTake(CServiceManager::csLockName(csService));
+        if (!pclHold->bTaken()) {
+            errno = ECANCELED;
+            return nullptr;
+        }
+    }
+    return pclLookup(pclManager, csService);
+}
+
 /// Takes the service's lock for its removal, and cancels a start that is under way. Empty when the stop of
-/// the manager comes first. The lock is that of the name itself, and only a service of that name is stopped:
-/// a name that a lookup takes for another's must not end the start of that other.
+/// the manager comes first. Locks and stops the service of exactly this name: a lookup of "Plain|" would find
+/// "Plain", whose start must go on.
 CServiceLocks::CHold clTakeToRemove(CServiceManager* pclManager, const std::wstring& csService)
 {
     const std::wstring csLock = CServiceName::s_clSaid(csService.c_str()).csRegistry();
     return pclManager->clGetLocks().clTakeToRemove(csLock, [&] {
         if (const auto pclStarting = pclLookupOwn(pclManager, csService)) {
-            std::ignore = pclStarting->bStop(); // asked again as long as the start goes on
+            std::ignore = pclStarting->bStop(); // called again as long as the start goes on
         }
     });
+}
+
+/// Unregisters a service and replies. Releases the lock before the reply.
+void Remove(CDialog& clDialog, CService& clService, CServiceLocks::CHold* pclHold)
+{
+    const bool bRemoved = clService.bRemove();
+    pclHold->Release();
+    Conclude(clDialog, bRemoved, ERREUR_UNINSTALL_SERVICE);
+}
+
+/// As Remove, but deletes the server's directory first. A completed deletion is answered with error 12 and
+/// leaves the service registered: clients rely on it. A directory that may not or cannot be deleted does not
+/// keep the service from being removed.
+void RemoveWithFiles(CDialog& clDialog, CServiceManager* pclManager, CService& clService,
+                     CServiceLocks::CHold* pclHold)
+{
+    // No file is deleted while a process may still use it.
+    if (!clService.bStopForRemoval()) {
+        pclHold->Release();
+        Refuse(clDialog, ERREUR_UNINSTALL_SERVICE);
+        return;
+    }
+
+    std::wstring csMessage;
+    if (bDeleteServerFolder(pclManager, clService, &csMessage)) {
+        pclHold->Release();
+        clDialog.ACK(ERREUR_UNINSTALL_FICHIERS, csMessage);
+        return;
+    }
+    Remove(clDialog, clService, pclHold);
 }
 } // namespace
 
 std::unique_ptr<CService> CRemoteVelmoManager::_pclFind(CDialog& clDialog, CServiceLocks::CHold* pclHold)
 {
     const std::wstring csName = csNextArgument(clDialog);
-    const auto pclFind = [&](const std::wstring& csService) {
-        if (pclHold != nullptr) { // before the lookup: until it is taken, somebody may remove the service
-            pclHold->Release();
-            *pclHold = m_pclManager->clGetLocks().clTake(CServiceManager::csLockName(csService));
-            if (!pclHold->bTaken()) {
-                return std::unique_ptr<CService>();
-            }
-        }
-        return pclLookup(m_pclManager, csService);
-    };
+    const auto bStopped = [&] { return pclHold != nullptr && !pclHold->bTaken(); };
 
-    std::unique_ptr<CService> pclService = pclFind(g_szServerPrefix + csName);
-    if (pclHold != nullptr && !pclHold->bTaken()) { // the stop of the manager came first
-        errno = ECANCELED;
-        Refuse(clDialog, ERREUR_START);
-        return nullptr;
-    }
-
+    std::unique_ptr<CService> pclService = pclTakeAndLookup(m_pclManager, g_szServerPrefix + csName, pclHold);
     // The one server whose service may have no prefix.
-    if (pclService == nullptr && csName == g_szDefaultServer) {
-        pclService = pclFind(g_szDefaultServer);
+    if (pclService == nullptr && !bStopped() && csName == g_szDefaultServer) {
+        pclService = pclTakeAndLookup(m_pclManager, g_szDefaultServer, pclHold);
     }
+
     if (pclService == nullptr) {
-        Refuse(clDialog, ERREUR_SERVICE_INCONNU);
+        Refuse(clDialog, bStopped() ? ERREUR_START : ERREUR_SERVICE_INCONNU);
     }
     return pclService;
 }
@@ -120,8 +153,8 @@ void CRemoteVelmoManager::Stop(CDialog& clDialog)
 
 void CRemoteVelmoManager::GetStatus(CDialog& clDialog)
 {
-    // Index: EServiceStatus. No init system here knows 5 to 7. A failed server (8) is reported as stopped:
-    // clients rely on it.
+    // Index: EServiceStatus; 0 is also for a number beyond the last. No init system here knows 5 to 7. A
+    // failed server (8) is reported as stopped: clients rely on it.
     static constexpr const wchar_t* s_tWords[] = {
         L"UNKWNOWN", // clients rely on this spelling
         L"STOPPED",          L"START_PENDING", L"STOP_PENDING", L"RUNNING",
@@ -154,9 +187,10 @@ void CRemoteVelmoManager::UnInstall(CDialog& clDialog)
         return;
     }
 
+    // Before each reply the lock is released: a tool that does not read the reply must not hold up others.
     const std::unique_ptr<CService> pclService = pclLookupOwn(m_pclManager, csService);
     if (pclService == nullptr) {
-        clHold.Release(); // before each reply: a tool that does not read it must not hold up others
+        clHold.Release();
         clDialog.ACK(ERREUR_UNINSTALL_INCONNU, 0u);
         return;
     }
@@ -166,20 +200,11 @@ void CRemoteVelmoManager::UnInstall(CDialog& clDialog)
         return;
     }
 
-    // No file is deleted while a process may still use it.
-    const bool bEnded = !bDeleteFiles || pclService->bStopForRemoval();
-    if (std::wstring csMessage;
-        bEnded && bDeleteFiles && bDeleteServerFolder(m_pclManager, *pclService, &csMessage)) {
-        clHold.Release();
-        // A completed deletion is answered with error 12 and leaves the service registered: clients rely on
-        // it.
-        clDialog.ACK(ERREUR_UNINSTALL_FICHIERS, csMessage);
-        return;
+    if (bDeleteFiles) {
+        RemoveWithFiles(clDialog, m_pclManager, *pclService, &clHold);
+    } else {
+        Remove(clDialog, *pclService, &clHold);
     }
-
-    const bool bRemoved = bEnded && pclService->bRemove();
-    clHold.Release();
-    Conclude(clDialog, bRemoved, ERREUR_UNINSTALL_SERVICE);
 }
 
 void CRemoteVelmoManager::ClusterInfo(CDialog& clDialog)
@@ -198,11 +223,11 @@ void CRemoteVelmoManager::ClusterInfo(CDialog& clDialog)
 
     // The server's own settings, not the manager's.
     const CConfig clConfig(csDirectory.c_str());
-    std::wstring csManager(settings::ClusterManager.nSize, L'\0');
+    std::wstring csMachine(settings::ClusterManager.nSize, L'\0');
     if (clConfig.bClusterNode()) {
-        clConfig.GetClusterManagerName(csManager.data());
+        clConfig.GetClusterManagerName(csMachine.data());
     }
 
-    csManager.resize(wcsnlen(csManager.c_str(), settings::ClusterManager.nSize - 1));
-    clDialog.Answer((csManager.empty() ? L"YES\t0\t" : L"YES\t1\t") + csManager);
+    csMachine.resize(wcsnlen(csMachine.c_str(), settings::ClusterManager.nSize - 1));
+    clDialog.Answer((csMachine.empty() ? L"YES\t0\t" : L"YES\t1\t") + csMachine);
 }
