@@ -35,7 +35,8 @@ CRestartOnFailed::~CRestartOnFailed()
 void CRestartOnFailed::xStart()
 {
     m_clWorkers.Begin();
-    std::ignore = xbStart(RestartOnFailedThreadFunc, this, &g_stMyModule, USER_ERROR_THREAD, 1, 0);
+    std::ignore = xbStart(RestartOnFailedThreadFunc, this, &g_stMyModule, USER_ERROR_THREAD, /*bWaitStart=*/1,
+                          /*bSuspended=*/0);
 }
 
 void CRestartOnFailed::Stop()
@@ -69,8 +70,8 @@ void CRestartOnFailed::__Check()
     while (auto pclService = clListing.pclNext()) {
         tServices.push_back(std::move(pclService));
     }
-    if (clListing.bFailed()) { // the next pass looks again
-        if (!CStopping::bAsked()) {
+    if (clListing.bFailed()) {      // the next pass looks again
+        if (!CStopping::bAsked()) { // a listing that the stop cut short has not failed
             LogFailedListing(clListing.nError());
         }
         return;

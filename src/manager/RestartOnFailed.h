@@ -11,8 +11,8 @@ class CServiceManager;
 class CRestartOnFailed : public CZTThread
 {
 public:
-    /// The period is in seconds; 0 checks without pause. It is multiplied by 1000 in 32 bits, so that long
-    /// ones wrap around. The service manager is not owned.
+    /// The period is in seconds; 0 checks without pause. Its milliseconds are counted in 32 bits, so a period
+    /// of 50 days or more wraps around to a shorter one. The service manager is not owned.
     CRestartOnFailed(CServiceManager* pclManager, unsigned int dwPeriod);
     ~CRestartOnFailed() override;
 
@@ -28,7 +28,7 @@ private:
     /// One pass over the services.
     void __Check();
 
-    unsigned int m_dwPeriod;
+    unsigned int m_dwPeriod; ///< seconds
     CServiceManager* m_pclManager;
     CRestartWorkers m_clWorkers;
 };

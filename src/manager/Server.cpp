@@ -13,6 +13,7 @@
 #include <utility>
 
 namespace {
+/// Connections that may wait for an accept. Fixed; docs/performance.md shows what happens beyond it.
 constexpr int s_nBacklog = 128;
 /// Pause after a failed accept (for want of a descriptor, for instance), so that a lasting failure does not
 /// keep a processor busy.
@@ -36,11 +37,12 @@ CDescripteur clMoveUp(CDescripteur clSocket)
     return clMoved.bOpen() ? std::move(clMoved) : std::move(clSocket);
 }
 
-/// Makes the descriptor table large enough for the first conversations. As long as the process has a single
-/// thread, the kernel does that at once; later it makes all threads wait for some milliseconds.
-void EnlargeDescriptorTable(int nAny)
+/// Makes the descriptor table large enough for the first conversations, by opening a high number for a
+/// moment. As long as the process has a single thread, the kernel enlarges the table at once; later that
+/// makes the thread wait for some milliseconds. nOpen is any open descriptor.
+void EnlargeDescriptorTable(int nOpen)
 {
-    const CDescripteur clHigh(::fcntl(nAny, F_DUPFD_CLOEXEC, s_nFirstDescriptor));
+    const CDescripteur clHigh(::fcntl(nOpen, F_DUPFD_CLOEXEC, s_nFirstDescriptor));
 }
 
 /// Opens the listening sockets; false with the error. A port that is only occupied by the remains of ended
@@ -56,8 +58,8 @@ bool bListen(std::uint16_t wPort, CEnsembleSockets* pclSockets, CXError* pclErro
         return false;
     }
 
-    // The connections inherit it. Without it their remains would keep the port from the next manager, even
-    // from one that asks for SO_REUSEADDR itself.
+    // The connections inherit the option. Without it their remains would keep the port from the next manager,
+    // even from one that sets the option itself.
     const int nOne = 1;
     std::ignore = pclSockets->bSetsockopt(SOL_SOCKET, SO_REUSEADDR, &nOne, sizeof nOne);
     return true;
@@ -103,8 +105,8 @@ bool CServer::bInit(std::uint16_t wPort, CXError* pclError)
     }
     EnlargeDescriptorTable(m_clSockets.tGetSockets().front().nSocket);
 
-    // The connections inherit it. A reply may be two sends: without it the second would wait for the tool's
-    // delayed acknowledgement of the first.
+    // The connections inherit the option. A reply may be two sends: without the option the second would wait
+    // for the tool's delayed acknowledgement of the first.
     const int nOne = 1;
     std::ignore = m_clSockets.bSetsockopt(IPPROTO_TCP, TCP_NODELAY, &nOne, sizeof nOne);
 
@@ -119,7 +121,7 @@ void CServer::Start()
 {
     for (std::size_t n = 0; n < m_tThreads.size(); ++n) {
         m_tThreads[n]->xbStart(_ServerThreadRoutine, const_cast<STSocket*>(&m_clSockets.tGetSockets()[n]),
-                               &g_stMyModule, USER_ERROR_THREAD, 0, 0);
+                               &g_stMyModule, USER_ERROR_THREAD, /*bWaitStart=*/0, /*bSuspended=*/0);
     }
 }
 

@@ -59,7 +59,6 @@ std::optional<bool> bLiesIn(const CPath& clFile, const CPath& clFolder)
 /// Why the executable does not prove whose folder it lies in; empty when it does.
 std::wstring csDoubtOfExecutable(CService& clService, const std::wstring& csExecutable)
 {
-    STFileStatus stFile{};
     if (!csExecutable.starts_with(L'/') || csExecutable.find(L'\0') != std::wstring::npos) {
         return L"the path of its executable is not known";
     }
@@ -68,6 +67,7 @@ std::wstring csDoubtOfExecutable(CService& clService, const std::wstring& csExec
     }
 
     // Not stat: a link proves nothing, as it may lead to a file that lies elsewhere.
+    STFileStatus stFile{};
     if (::lstat(csToUTF8(csExecutable).c_str(), &stFile) == 0) {
         return S_ISREG(stFile.st_mode) ? L"" : L"its executable is not a regular file";
     }
@@ -85,24 +85,30 @@ std::wstring csDoubtOfExecutable(CService& clService, const std::wstring& csExec
 /// Why another service may have its executable in the folder; empty when none has.
 std::wstring csDoubtOfOthers(CServiceManager* pclManager, const CService& clService, const CPath& clFolder)
 {
+    // The manager's own service counts, too: its executable may lie in the product's folder.
     const auto tOthers = pclManager->tRegistered(g_szServerPrefix, {g_szDefaultServer, g_szManagerService});
     if (!tOthers) {
         return L"the other servers could not be listed: " + csSystemMessage(errno);
     }
 
     for (const auto& pclOther : *tOthers) {
-        const std::wstring csOther = pclOther->csGetExecutable();
         if (pclOther->clName() == clService.clName()) {
             continue;
         }
 
-        // What cannot be found out counts against the deletion.
-        const bool bKnown = csOther.starts_with(L'/') && pclOther->bOneProgram();
-        const std::optional<bool> bInside =
-            bKnown ? bLiesIn(csToUTF8(csOther), clFolder) : std::optional<bool>();
-        if (!bInside || *bInside) {
-            return std::wstring(bInside ? L"" : L"it is not known whether ") + L"the executable of \"" +
-                   pclOther->csRegisteredName() + L"\" lies in its folder";
+        std::optional<bool> bInside;
+        const std::wstring csExecutable = pclOther->csGetExecutable();
+        if (csExecutable.starts_with(L'/') && pclOther->bOneProgram()) {
+            bInside = bLiesIn(csToUTF8(csExecutable), clFolder);
+        }
+
+        const std::wstring csWhy =
+            L"the executable of \"" + pclOther->csRegisteredName() + L"\" lies in its folder";
+        if (!bInside) { // what cannot be found out counts against the deletion
+            return L"it is not known whether " + csWhy;
+        }
+        if (*bInside) {
+            return csWhy;
         }
     }
     return {};
@@ -112,11 +118,15 @@ std::wstring csDoubtOfOthers(CServiceManager* pclManager, const CService& clServ
 std::wstring csDoubt(CServiceManager* pclManager, CService& clService, const std::wstring& csExecutable)
 {
     std::wstring csWhy = csDoubtOfExecutable(clService, csExecutable);
-    const std::optional<CPath> clPlace = clPlaceOf(csToUTF8(csExecutable));
-    if (csWhy.empty() && !clPlace) {
-        csWhy = L"its folder cannot be looked at";
+    if (!csWhy.empty()) {
+        return csWhy;
     }
-    return csWhy.empty() ? csDoubtOfOthers(pclManager, clService, clPlace->parent_path()) : csWhy;
+
+    const std::optional<CPath> clPlace = clPlaceOf(csToUTF8(csExecutable));
+    if (!clPlace) {
+        return L"its folder cannot be looked at";
+    }
+    return csDoubtOfOthers(pclManager, clService, clPlace->parent_path());
 }
 
 void LogKept(CService& clService, const std::wstring& csWhy)

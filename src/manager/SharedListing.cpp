@@ -19,13 +19,14 @@ std::wstring CSharedListing::xcsGet(const std::function<std::wstring()>& fnMake)
             _Conclude(pRound, EState::MADE);
         }
 
+        // Without the lock: a round does not change any more once it is concluded.
         if (pRound->eState == EState::MADE) {
             return pRound->csText;
         }
         if (pRound->eState == EState::FAILED) {
             throw std::system_error(EAGAIN, std::generic_category());
         }
-        // LEFT: its maker had to go, this thread may still go on, and joins the next round.
+        // LEFT: its maker had to go because of the stop. This thread joins the next round, if it may go on.
     }
 }
 
@@ -37,7 +38,7 @@ CSharedListing::CRound CSharedListing::_pJoin(bool* pbMaker)
     }
     CRound pRound = m_pNext;
 
-    // Done by somebody else, or mine to make: nobody is making one, and this is still the next one.
+    // This thread's to make: nobody is making a text, and no other thread has begun with this round.
     const auto bMine = [&] { return pRound->eState == EState::WAITING && pRound == m_pNext && !m_bMaking; };
     if (!CStopWait::bWait(
             clLock, [&] { return pRound->eState != EState::WAITING || bMine(); },

@@ -31,11 +31,13 @@ private:
     };
     using CRound = std::shared_ptr<STRound>;
 
-    /// Waits for the next round. It is done when this returns, or the caller's to make.
+    /// Joins the next round and waits until its text is made or its making has failed. Or until it is this
+    /// thread's turn: then *pbMaker is true, and the caller makes the text and calls _Conclude.
     CRound _pJoin(bool* pbMaker);
+    /// Ends a round, so that those who wait for it and for the next one go on.
     void _Conclude(const CRound& pRound, EState eState);
 
     CStopWait m_clWait;     ///< of the members below, and of the rounds
-    bool m_bMaking = false; ///< somebody makes a text now
+    bool m_bMaking = false; ///< a round has a maker that has not concluded it
     CRound m_pNext;         ///< the round that is not begun yet; null: nobody waits for one
 };
