@@ -42,8 +42,9 @@ CServicePtr pclRegister(int nStyle, CServiceManager* pclManager)
     }
 
     const std::wstring csCommandLine = CProgram::s_clAt(GetModuleFileNameW()).csCommandLine(L"--SERVICE");
-    CServicePtr pclService(
-        pclManager->pclInstall(g_szManagerService, g_szManagerService, csCommandLine.c_str(), 1, 1));
+    CServicePtr pclService(pclManager->pclInstall(g_szManagerService, g_szManagerService,
+                                                  csCommandLine.c_str(),
+                                                  /*bAutoStart=*/1, /*bRestartOnAbnormal=*/1));
     if (pclService == nullptr) {
         ShowErrorIDSError_Service(nStyle, MSG_CANNOT_REGISTER);
     }
@@ -74,7 +75,8 @@ CServicePtr pclProvide(int nStyle, CServiceManager* pclManager)
     return pclService != nullptr ? std::move(pclService) : pclRegister(nStyle, pclManager);
 }
 
-/// Whether the service's command line begins with this executable's path, in double quotes or without.
+/// Whether the service is this executable's own: its command line begins with this executable's path, in
+/// double quotes or without.
 bool bIsThisExecutable(CService& clService)
 {
     const std::wstring csOwn = GetModuleFileNameW();
@@ -88,7 +90,9 @@ bool bIsThisExecutable(CService& clService)
 
 bool bAutoInstall(int bInstaller, CServiceManager* pclManager)
 {
-    for (bool bRetry = true;; bRetry = false) {
+    // Two rounds at most. In the second one no service is registered any more, unless it could not be
+    // removed.
+    for (bool bMayReplace = true;; bMayReplace = false) {
         const CServicePtr pclService = pclProvide(bInstaller, pclManager);
         if (pclService == nullptr) {
             return false;
@@ -99,7 +103,7 @@ bool bAutoInstall(int bInstaller, CServiceManager* pclManager)
 
         // Does not start. The service of another executable is replaced by this one's, but this one's own
         // would only fail again.
-        if (!bRetry || bIsThisExecutable(*pclService)) {
+        if (!bMayReplace || bIsThisExecutable(*pclService)) {
             ShowErrorIDS(bInstaller, MSG_CANNOT_START);
             return false;
         }

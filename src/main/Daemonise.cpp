@@ -31,8 +31,9 @@ constexpr char s_cFailed = 0;
 constexpr char s_cRunning = 1;
 /// Characters of the PID file's path; a longer one is cut, which clients rely on.
 constexpr std::size_t s_nMaxPidPath = 260;
-/// How long the launcher waits for a failed daemon's exit, in milliseconds.
+/// How long the launcher waits for a failed daemon's exit, and between two looks, in milliseconds.
 constexpr int s_nMaxEndMs = 5000;
+constexpr int s_nLookMs = 10;
 
 void LogCritical(const wchar_t* pszText)
 {
@@ -58,14 +59,14 @@ void __NotifyParentFork(CDescripteur* pclPipe, char cStatus)
 /// system may take it for a daemon that is about to write its PID file, and wait for that.
 void AwaitEnd()
 {
-    for (int n = 0; n < s_nMaxEndMs / 10; ++n) {
+    for (int nMs = 0; nMs < s_nMaxEndMs; nMs += s_nLookMs) {
         pid_t nEnded = 0;
         while ((nEnded = ::waitpid(-1, nullptr, WNOHANG)) > 0) {
         }
         if (nEnded < 0) {
             return; // no child is left
         }
-        ::usleep(10'000);
+        ::usleep(s_nLookMs * 1000);
     }
 }
 
@@ -101,7 +102,8 @@ void Detach(int nPipe)
     ::closelog();
     CloseAllBut(nPipe);
 
-    std::ignore = ::open("/dev/null", O_RDWR); // NOLINT: becomes descriptor 0, the copies 1 and 2, for life
+    // The lowest free numbers are used: this becomes descriptor 0, the copies 1 and 2, for life.
+    std::ignore = ::open("/dev/null", O_RDWR); // NOLINT: never closed
     std::ignore = ::dup(0);
     std::ignore = ::dup(0);
 
@@ -123,8 +125,8 @@ bool bStartAs(const wchar_t* pszUser, CDescripteur* pclPipe)
         return false;
     }
 
-    // Back to root, which alone can make the PID file. If the kernel refuses, making the file fails, which
-    // is logged.
+    // Back to root, which alone can make the PID file: the switch has left the real ids root's. If the kernel
+    // refuses, making the file fails, which is logged.
     if (::setregid(::getgid(), ::getgid()) == 0) {
         std::ignore = ::setreuid(::getuid(), ::getuid());
     }
@@ -143,10 +145,9 @@ bool bTakePidFile(CPidFile& clPidFile)
         return true;
     }
 
-    CXError clError;
+    CXError clError; // filled first: Remove may change errno
     std::ignore = bFail(&clError, bLocked ? L"write" : L"lock", csFromUTF8(clPidFile.csPath()));
-    // Also the file of another daemon that holds the lock: clients rely on it.
-    clPidFile.Remove();
+    clPidFile.Remove(); // also the file of another daemon that holds the lock: clients rely on it
     LogCause(*gpclServiceImp->pclGetLogger(), clError);
     return false;
 }
@@ -175,12 +176,13 @@ void Daemon(const wchar_t* pszServiceName, CDescripteur clPipe)
     CPidFile clPidFile(csPidPath(pszServiceName)); // allocates, so before there is something to clean up
 
     CTermHeld clHeld; // until the main loop runs: a stop before that would leave the PID file behind
-    if (!(pszUser != nullptr ? bStartAs(pszUser, &clPipe) : __bStart())) {
+    const bool bStarted = pszUser != nullptr ? bStartAs(pszUser, &clPipe) : __bStart();
+    if (!bStarted) {
         return;
     }
     if (!bTakePidFile(clPidFile)) {
         LogStartFailed();
-        gpclServiceImp->Stop();
+        gpclServiceImp->Stop(); // the service has been started
         return;
     }
 
@@ -193,7 +195,7 @@ bool bBecomeDaemon()
 {
     ::setsid();
 
-    // The session leader's exit below sends SIGHUP to its foreground group, in which the daemon starts.
+    // The session leader's exit below may send SIGHUP to its foreground group, in which the daemon starts.
     STSigAction stIgnore{};
     stIgnore.sa_handler = SIG_IGN;
     sigemptyset(&stIgnore.sa_mask);

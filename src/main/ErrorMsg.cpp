@@ -31,7 +31,7 @@ void ShowErrorIDS_Service(int nStyle, unsigned int nMessage)
 
 void ShowErrorIDSError(int nStyle, unsigned int nMessage)
 {
-    // Before anything else, in both of these: what follows may change errno.
+    // Before anything else, here and below: what follows may change errno.
     const std::wstring csError = csSystemMessage(errno);
     CTString csText;
     DLLRES_bFormatMessage(&g_stMyModule, nMessage, &csText, csError.c_str());

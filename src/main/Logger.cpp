@@ -62,7 +62,7 @@ void CLogger::AddLog(ePRIORITY ePriority, const wchar_t* pszFormat, ...)
 
     va_list pArgs;
     va_start(pArgs, pszFormat);
-    (this->*m_pfnWriter)(ePriority, -1, pszFormat, &pArgs, nullptr, 0);
+    (this->*m_pfnWriter)(ePriority, -1, pszFormat, &pArgs, nullptr, 0); // -1: no event
     va_end(pArgs);
 }
 

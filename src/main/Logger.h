@@ -20,14 +20,15 @@ public:
         PRIORITY_INFO = 6,
     };
 
-    /// Modes other than LOG_MODE_SYSTEM take a wide file path as the next argument. Always true.
+    /// Every mode but LOG_MODE_SYSTEM, LOG_MODE_OFF included, needs a wide file path as the next argument,
+    /// not null. Always true.
     virtual bool bSetMode(eMODE eMode, ...) = 0;
     /// The format is the message formatter's (%1, %2!u!...), and its result is used as syslog's format: the
     /// caller doubles every "%" of text from outside.
     virtual void AddLog(ePRIORITY ePriority, const wchar_t* pszFormat, ...) = 0;
     /// For the product's other services: the event number is ignored.
     virtual void AddLogEvent(ePRIORITY ePriority, int nEvent, const wchar_t* pszFormat, ...) = 0;
-    /// Logs only the first detail, as the format; clients rely on it.
+    /// Logs only the first detail, as the format: clients rely on it. There must be at least one.
     virtual void AddLogDetail(ePRIORITY ePriority, int nEvent, const wchar_t** ppszDetails, int nDetails) = 0;
     virtual ~ILogger() = default;
 };
@@ -39,8 +40,8 @@ void LogText(ILogger& clLogger, const std::wstring& csText);
 /// Logs the cause of a failure at priority 2.
 void LogCause(ILogger& clLogger, const CXError& clError);
 
-/// Writes to the system log in mode 1, which a new object has. Mode 0 is silent. File mode keeps the path and
-/// drops every message: clients rely on it.
+/// A new object is in LOG_MODE_SYSTEM and writes to the system log. LOG_MODE_OFF is silent. LOG_MODE_FILE
+/// keeps the path and drops every message: clients rely on it.
 class CLogger : public ILogger
 {
 public:
@@ -49,7 +50,8 @@ public:
     void AddLog(ePRIORITY ePriority, const wchar_t* pszFormat, ...) override;
     void AddLogEvent(ePRIORITY ePriority, int nEvent, const wchar_t* pszFormat, ...) override;
     void AddLogDetail(ePRIORITY ePriority, int nEvent, const wchar_t** ppszDetails, int nDetails) override;
-    /// Logs, at priority 3, a printf-style text followed by the number and text of the errno at the call.
+    /// Logs, at priority 3, a printf-style text followed by the number and text of the errno at the call. The
+    /// text then becomes AddLog's format: no "%" may be left in it.
     void AddLogSystemError(const wchar_t* pszFormat, ...);
 
 private:

@@ -12,9 +12,9 @@ public:
     explicit CPidFile(std::string csPath) : m_csPath(std::move(csPath)) {}
 
     /// Opens or creates the file, mode 0644, without following a link. Does not truncate it: until it is
-    /// locked it may be another daemon's.
+    /// locked it may be another daemon's. False with errno.
     bool bOpen();
-    /// False when another process holds the lock.
+    /// Takes the lock; false with errno, at once, when another process holds it.
     bool bLock();
     /// Writes the process id and a newline at the start; the rest of an earlier, longer content stays. False
     /// with errno when not all of it can be written (full disk, limit on file sizes).

@@ -20,12 +20,14 @@ public:
     virtual void Stop() = 0;
     /// Whether core dumps are to be allowed.
     virtual bool vbWithCoreDump() { return false; }
-    /// True, and the name, when the daemon must run as another user. Room for 261 characters.
+    /// True, and the name, when the daemon must run as another user. Room for 261 characters, the terminator
+    /// included.
     virtual bool vbGetServiceUser(wchar_t* pszUser);
-    /// True, and the directory, when that must belong to the service user. Room for 261 characters.
+    /// True, and the directory, when there is one that must belong to the service user. Room as above.
     virtual bool vbGetOwnDirectory(wchar_t* pszDirectory);
+    /// For the product's other programs; nothing here asks.
     virtual bool vbLogStartOK() { return true; }
-    /// Declared last, so that the operations above keep their slots.
+    /// Declared last, so that the operations above keep their slots in the virtual table.
     virtual ~CServiceImp() = default;
 };
 

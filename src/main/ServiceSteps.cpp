@@ -27,8 +27,8 @@ namespace {
 std::atomic<pthread_t> hMainThread{0};
 static_assert(std::atomic<pthread_t>::is_always_lock_free);
 
-/// Acts once, and on the main thread only. The worker threads block SIGTERM; a thread of the language runtime
-/// that does not is no place to stop from, so the signal is dropped there.
+/// Acts once, and on the main thread only. The worker threads block SIGTERM. A thread of the language runtime
+/// may not block it; a signal that the kernel delivers there has no effect, as it always has been.
 void TermHandler(int)
 {
     const pthread_t hMain = hMainThread.load();
@@ -114,11 +114,11 @@ void CTermHeld::Deliver()
 
 void CTermHeld::Ignore()
 {
-    ::signal(SIGTERM, SIG_IGN);
+    ::signal(SIGTERM, SIG_IGN); // drops a signal that came meanwhile
     Deliver();
 }
 
-// The insert's "%" are doubled because the finished text becomes syslog's format.
+/// Doubles the insert's "%" because the finished text becomes syslog's format.
 void LogMessage(unsigned int nMessage, const std::wstring& csInsert)
 {
     CTString csText;
@@ -175,7 +175,8 @@ bool __bChangeUser(int nFd, const wchar_t* pszUser, bool bPermanent)
         return false;
     }
 
-    // Give away while this is still root. A refusal is not judged here: only the switch below decides.
+    // First the file and the directory, while this is still root. A refusal is not judged here: only the
+    // switch below decides.
     if (nFd != -1) {
         std::ignore = ::fchown(nFd, nUser, nGroup);
     }

@@ -12,7 +12,8 @@ void RunDebugMode()
 {
     CTermHeld clHeld;
 
-    // A copy of each entry goes to standard error: whoever started it sees why it does not start.
+    // During the start a copy of each entry goes to standard error: whoever started the process sees why it
+    // does not run.
     ::openlog(nullptr, LOG_PERROR, LOG_USER);
     const bool bStarted = bStartService();
     ::closelog();

@@ -17,7 +17,7 @@
 namespace {
 constexpr char s_szVariable[] = "NOTIFY_SOCKET";
 constexpr std::string_view s_csReady = "READY=1";
-constexpr std::size_t s_nMaxPath = 107; ///< bytes of a socket's name
+constexpr std::size_t s_nMaxPath = sizeof(sockaddr_un::sun_path) - 1; ///< bytes of a socket's name
 
 bool bValidSocket(const char* pszSocket)
 {
@@ -77,7 +77,7 @@ bool __bServiceMainSystemdNotify()
         AllowWantedCoreDump(); // once more, under the new identity
     }
 
-    // SIGTERM stays blocked until its handler is installed: systemd may stop the service once it is ready.
+    // SIGTERM stays blocked until its handler is installed: systemd may send it as soon as it has the report.
     CTermHeld clHeld;
     if (!__bStart()) {
         return false;

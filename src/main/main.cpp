@@ -35,7 +35,7 @@ void OpenStandardDescriptors()
     int nFd = 0;
     while ((nFd = ::open("/dev/null", O_RDWR)) >= 0 && nFd <= STDERR_FILENO) { // NOLINT: kept for life
     }
-    ::close(nFd);
+    ::close(nFd); // the first one that was not needed
 }
 
 /// Undoes what whoever started the process may have set. A blocked SIGCHLD, which every thread would inherit,
@@ -58,6 +58,7 @@ void KeepHeapSmall()
     ::mallopt(M_MMAP_THRESHOLD, s_nOwnMapping);
 }
 
+/// Sets the process up, and makes the setup manager and the child table. The arguments are not used.
 void Init(int*, char***)
 {
     // Before anything allocates, starts a thread or opens a descriptor.
@@ -144,7 +145,7 @@ int main(int argc, char** argv)
     try {
         return nRun(argc, argv);
     } catch (const std::bad_alloc&) {
-        // Nothing is torn down: threads may still be using it.
+        // Without Term: threads may still be using what it destroys.
         std::fprintf(stderr, "%s: out of memory\n", g_szManagerServiceA);
         ::_exit(s_nFailure);
     }
