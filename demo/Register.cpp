@@ -17,7 +17,9 @@ namespace {
 constexpr const char* managerPipe = "/tmp/__pipe_velmomanager__";
 constexpr int answerTimeout = 10'000; // ms
 
-// Request with UTF-16 texts, and answer, as the manager lays them out (little-endian).
+// Request with UTF-16 texts, and answer, as the manager lays them out (little-endian). The units of a text
+// are those before its NUL.
+constexpr std::int32_t formUtf16 = 1;
 constexpr std::size_t portOffset = 8, nameOffset = 10, pathOffset = 268, requestSize = 792;
 constexpr std::size_t nameUnits = 128, pathUnits = 261, answerSize = 501;
 using Request = std::array<char, requestSize>;
@@ -77,6 +79,7 @@ std::u16string utf16FromLatin1(std::string_view text)
     return result;
 }
 
+/// A text that is too long is cut; the request is all zero before, so its NUL is there already.
 void put(Request& request, std::size_t offset, const std::u16string& text, std::size_t maxUnits)
 {
     std::memcpy(request.data() + offset, text.data(), std::min(text.size(), maxUnits) * sizeof(char16_t));
@@ -85,7 +88,8 @@ void put(Request& request, std::size_t offset, const std::u16string& text, std::
 Request makeRequest(const Settings& settings)
 {
     Request request{};
-    const std::array<std::int32_t, 2> head{static_cast<std::int32_t>(::getpid()), 1};
+    // The manager appends the number to the name of the reply pipe, as ReplyPipe does.
+    const std::array<std::int32_t, 2> head{static_cast<std::int32_t>(::getpid()), formUtf16};
     std::memcpy(request.data(), head.data(), sizeof head);
     std::memcpy(request.data() + portOffset, &settings.port, sizeof settings.port);
     put(request, nameOffset, utf16FromLatin1(settings.name), nameUnits);
@@ -93,6 +97,7 @@ Request makeRequest(const Settings& settings)
     return request;
 }
 
+/// One write, which the kernel does not mix with those of other servers. False with errno.
 bool send(const Request& request)
 {
     const int fd = ::open(managerPipe, O_WRONLY | O_NONBLOCK | O_CLOEXEC); // no reader: ENXIO, at once
@@ -114,7 +119,7 @@ std::string failure(const char* what)
 
 std::string registerServer(const Settings& settings)
 {
-    std::setlocale(LC_CTYPE, "C.UTF-8");
+    std::setlocale(LC_CTYPE, "C.UTF-8"); // for mbrtoc16
     const ReplyPipe reply;
     if (reply.fd() < 0) {
         return failure("The reply pipe cannot be made");
@@ -128,6 +133,7 @@ std::string registerServer(const Settings& settings)
         return "The manager did not answer in time";
     }
 
+    // The manager writes the answer by one call, so it is there as a whole. One byte more, for a NUL.
     std::array<char, answerSize + 1> answer{};
     if (::read(reply.fd(), answer.data(), answerSize) != static_cast<ssize_t>(answerSize)) {
         return "The manager's answer is incomplete";

@@ -28,10 +28,11 @@ Values readIni(const std::filesystem::path& path)
     std::ifstream file(path);
     std::string section;
     for (std::string line; std::getline(file, line);) {
-        line = trimmed(line);
+        line = trimmed(line); // also of the CR of a file from Windows
         if (line.size() > 1 && line.front() == '[' && line.back() == ']') {
             section = line.substr(1, line.size() - 2);
         } else if (const auto equal = line.find('='); equal != std::string::npos) {
+            // emplace keeps what is there: the first of equal keys counts.
             values.emplace(section + "/" + trimmed(line.substr(0, equal)), trimmed(line.substr(equal + 1)));
         }
     }

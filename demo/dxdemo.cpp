@@ -28,11 +28,12 @@ using Clock = std::chrono::steady_clock;
 using SignalAction = struct sigaction; // the name alone is the call
 volatile std::sig_atomic_t asked = 0;  // SIGTERM came
 
+/// A listening socket for IPv4 and IPv6; -1 when the port is taken.
 int listenAnyAddress(unsigned short port)
 {
     const int fd = ::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     const int on = 1, off = 0;
-    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on); // for a start soon after a crash
     ::setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
     sockaddr_in6 address{};
     address.sin6_family = AF_INET6;
@@ -46,6 +47,7 @@ int listenAnyAddress(unsigned short port)
     return fd;
 }
 
+/// False also when the last bytes cannot be written: fclose finds out.
 bool writePidFile(const std::string& path)
 {
     std::FILE* file = std::fopen(path.c_str(), "we");
@@ -56,6 +58,7 @@ bool writePidFile(const std::string& path)
     return std::fclose(file) == 0 && written;
 }
 
+/// Leaves the terminal, umask and folder of the starter.
 void detach()
 {
     const int null = ::open("/dev/null", O_RDWR);
@@ -76,14 +79,17 @@ void prepareSignals(bool ignoreTerm)
     SignalAction action{};
     action.sa_handler = SIG_IGN;
     ::sigaction(SIGPIPE, &action, nullptr);
-    ::sigaction(SIGCHLD, &action, nullptr);
+    ::sigaction(SIGCHLD, &action, nullptr); // the kernel reaps the registering child
+
     action.sa_handler = ignoreTerm ? SIG_IGN : [](int) { asked = 1; };
     ::sigaction(SIGTERM, &action, nullptr);
     sigset_t term;
     ::sigemptyset(&term);
     ::sigaddset(&term, SIGTERM);
-    ::sigprocmask(SIG_SETMASK, &term, nullptr); // delivered only while serve() waits
-    const rlimit noCore{0, 0};
+    // Delivered only while serve() waits: between its look at "asked" and a wait a signal would be missed.
+    ::sigprocmask(SIG_SETMASK, &term, nullptr);
+
+    const rlimit noCore{0, 0}; // the crash on demand is no finding
     ::setrlimit(RLIMIT_CORE, &noCore);
 }
 
@@ -170,9 +176,13 @@ int launch(const Settings& settings, const std::string& service)
         ::close(ends[0]);
         ::setsid();
         const pid_t daemon = ::fork();
-        ::_exit(daemon == 0 ? runDaemon(settings, service, ends[1]) : daemon < 0);
+        if (daemon == 0) {
+            ::_exit(runDaemon(settings, service, ends[1]));
+        }
+        ::_exit(daemon < 0 ? 1 : 0);
     }
 
+    // The pipe ends without a byte when the daemon ends, which has the last copy of the writing end.
     ::close(ends[1]);
     char status = 0;
     const bool up = child > 0 && ::read(ends[0], &status, 1) == 1;
