@@ -82,7 +82,8 @@ void AddStatus(const CTalk& clTalk, CFigures* pclFigures)
     }
 }
 
-/// Waits until the threads of the last crowd are gone: their end would disturb the measurement.
+/// Waits until the threads of the last crowd are gone: their end would disturb the measurement. A manager
+/// without conversations has far fewer than 20.
 void AwaitFewThreads(pid_t nPid)
 {
     const std::filesystem::path clTasks("/proc/" + std::to_string(nPid) + "/task");
@@ -98,8 +99,9 @@ void AwaitFewThreads(pid_t nPid)
 void IdleCrowdRows()
 {
     constexpr int nIdle = 10000;
-    CProgram clFloor({csBuilt("bench_floor"), std::to_string(g_wFloor)});
-    CProgram clManager(tManagerCommand());
+    constexpr double fFloorKiB = 10;
+    CRunningProgram clFloor({csBuilt("bench_floor"), std::to_string(g_wFloor)});
+    CRunningProgram clManager(tManagerCommand());
     clFloor.AwaitPort(g_wFloor);
     clManager.AwaitPort(g_wOurs);
 
@@ -120,8 +122,8 @@ void IdleCrowdRows()
     }
 
     const double fEach = clMemory.fMedian();
-    Row("10,000 idle conversations: memory of the process for each", "10 KiB", csNumber(fEach, 2) + " KiB",
-        fEach / 10, "at most 1.30", fEach <= 13);
+    Row("10,000 idle conversations: memory of the process for each", csNumber(fFloorKiB, 0) + " KiB",
+        csNumber(fEach, 2) + " KiB", fEach / fFloorKiB, "at most 1.30", fEach <= 1.3 * fFloorKiB);
     TimeRow("the same: STATUS beside them (floor: without them)", stStatus, 1.5);
 
     const CHolder clOurHolder(g_wOurs, nIdle);
@@ -138,31 +140,37 @@ bool bReadableNow(int nFd, int nMs)
     return ::poll(&st, 1, nMs) > 0;
 }
 
-/// Opens connections until one is not greeted, which is the last of the result.
+/// More connections than a manager with s_nFewDescriptors can greet.
+constexpr unsigned int s_nFewDescriptors = 64;
+constexpr std::size_t s_nTooMany = 200;
+
+/// Opens connections until one is not greeted within 0.3 s, which is the last of the result.
 std::vector<CDescripteur> tFill()
 {
     std::vector<CDescripteur> tSockets;
     do {
         tSockets.push_back(clConnect(g_wOurs));
-    } while (tSockets.size() < 200 && bReadableNow(tSockets.back().nFd(), 300));
+    } while (tSockets.size() < s_nTooMany && bReadableNow(tSockets.back().nFd(), 300));
     return tSockets;
 }
 
 void NoDescriptorRows()
 {
-    constexpr double fWatched = 5e6;
-    CProgram clManager(tManagerCommand(), 64);
+    constexpr double fWatched = 5e6; // microseconds
+    CRunningProgram clManager(tManagerCommand(), s_nFewDescriptors);
     clManager.AwaitPort(g_wOurs);
     const CTalk clTalk(g_wOurs);
     std::vector<CDescripteur> tSockets = tFill();
-    if (tSockets.size() >= 200) {
+    if (tSockets.size() >= s_nTooMany) {
         Die("the manager did not run out of descriptors");
     }
 
-    const long nTicks = stLook(clManager.nPid()).nTicks;
+    // A server that accepts again and again, each time in vain, would keep a processor busy.
+    const long nBefore = stLook(clManager.nPid()).nTicks;
     ::usleep(static_cast<useconds_t>(fWatched));
-    const double fShare = static_cast<double>(stLook(clManager.nPid()).nTicks - nTicks) * 100 /
-                          static_cast<double>(::sysconf(_SC_CLK_TCK)) / (fWatched / 1e6);
+    const auto fTicks = static_cast<double>(stLook(clManager.nPid()).nTicks - nBefore);
+    const double fSeconds = fTicks / static_cast<double>(::sysconf(_SC_CLK_TCK));
+    const double fShare = 100 * fSeconds / (fWatched / 1e6);
     Row("out of descriptors: processor", "0 %", csNumber(fShare, 2) + " %", -1, "under 1 %", fShare < 1);
 
     const bool bUnharmed = clTalk.csAsk(g_szNothing) == "OK\r\n";

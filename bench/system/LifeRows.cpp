@@ -17,7 +17,7 @@ namespace {
 double fFirstAnswer(const std::vector<std::string>& tCommand, std::uint16_t wPort)
 {
     const double fStart = fNow();
-    CProgram clProgram(tCommand);
+    CRunningProgram clProgram(tCommand);
     clProgram.AwaitPort(wPort);
     std::ignore = CTalk(wPort).csAsk(g_szNothing);
     return fNow() - fStart;
@@ -38,7 +38,7 @@ void StartRow()
 void IdleRows()
 {
     constexpr unsigned int nSeconds = 20;
-    CProgram clManager(tManagerCommand());
+    CRunningProgram clManager(tManagerCommand());
     clManager.AwaitPort(g_wOurs);
     const CTalk clTalk(g_wOurs);
     ::sleep(1); // what belongs to the start is over by then
@@ -58,7 +58,7 @@ void IdleRows()
 
 void SettingRow()
 {
-    constexpr int nReads = 50; // well within a turn on the processor
+    constexpr int nReads = 50; // together well within one time slice of the kernel's scheduler
     const char szFile[] = "/run/bench-settings.ini";
     {
         std::ofstream clFile(szFile);
@@ -85,7 +85,7 @@ void SettingRow()
         return fMicroseconds([&] {
                    for (int n = 0; n < nReads; ++n) {
                        if (GetPrivateProfileString(L"INIT", L"AccessPort", L"", tValue.data(), tValue.size(),
-                                                   L"/run/bench-settings.ini") != 4) {
+                                                   L"/run/bench-settings.ini") != 4) { // "4900"
                            Die("the key was not read");
                        }
                    }

@@ -38,7 +38,8 @@ double fPing(const CPing& clPing)
     });
 }
 
-/// `fnOurs` times one listing of ours, whatever asks for it.
+/// Whatever asks the manager for a listing, next to the bare launches of one. fnOurs returns its
+/// microseconds.
 template <class F>
 void ListingRow(const std::string& csName, int nServers, int nRounds, F fnOurs)
 {
@@ -112,7 +113,7 @@ void SharedInfoRow(int nServers)
             return fRateOf(nConversations,
                            [&](int n) { std::ignore = fInfo(*tTalks[static_cast<std::size_t>(n)]); });
         });
-    RateRow("INFO per second, 16 conversations," + csWith(nServers).substr(5), st, 2);
+    RateRow("INFO per second, 16 conversations, " + std::to_string(nServers) + " servers", st, 2);
 }
 
 /// Many tools look for managers at the same moment; the floor is a single listing.
@@ -143,7 +144,9 @@ void CrowdOfQuestionsRows(int nServers)
         nFewest == nAskers);
 }
 
+/// The server that registers.
 constexpr char s_szNewName[] = "Newcomer";
+constexpr std::uint16_t s_wNewPort = 5998;
 constexpr char s_szNewHome[] = "/opt/velmo/Newcomer";
 constexpr char s_szNewService[] = "DXCS-Newcomer";
 constexpr char s_szNewUnit[] = "/lib/systemd/system/DXCS-Newcomer.service";
@@ -157,9 +160,12 @@ void RemoveNewcomer()
 
 void Register()
 {
-    const CReplyPipe clReply(1);
+    constexpr int nReply = 1;
+    constexpr int nFormUTF16 = 1;
+    const CReplyPipe clReply(nReply);
     const std::string csProgram = std::string(s_szNewHome) + "/dxdemo";
-    if (!bWritePipe("/tmp/__pipe_velmomanager__", csRequest(1, 1, s_szNewName, csProgram, 5998))) {
+    const std::string csRecord = csRequest(nReply, nFormUTF16, s_szNewName, csProgram, s_wNewPort);
+    if (!bWritePipe("/tmp/__pipe_velmomanager__", csRecord)) {
         Die("the manager does not read its pipe");
     }
 
@@ -181,7 +187,7 @@ void LaunchRegistration(int nServers)
 
 void RegistrationRow(int nServers, int nRounds)
 {
-    PutServer(s_szNewHome, s_szNewName, 5998);
+    PutServer(s_szNewHome, s_szNewName, s_wNewPort);
     const auto fTimed = [](const std::function<void()>& fnRegister) {
         const double fTook = fMicroseconds(fnRegister);
         RemoveNewcomer();
@@ -232,7 +238,7 @@ void ClientRow(int nServers, int nRounds)
 void ListRows()
 {
     ProvideServers(10);
-    CProgram clManager(tManagerCommand());
+    CRunningProgram clManager(tManagerCommand());
     clManager.AwaitPort(g_wOurs);
     InfoRow(10, 20);
     PingRow(10, 20);

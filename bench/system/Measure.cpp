@@ -23,7 +23,7 @@ STComparison stTurnByTurn(int nRounds, const std::function<double()>& fnFloor,
 
 double fRateOf(int nThreads, const std::function<void(int)>& fnAction)
 {
-    constexpr double fDuration = 1.2e6;
+    constexpr double fDuration = 1.2e6; // microseconds
     std::atomic<int> nDone{0};
     std::vector<std::thread> tThreads;
     const double fStart = fNow();

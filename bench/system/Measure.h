@@ -16,6 +16,7 @@ public:
         m_tValues.insert(m_tValues.end(), tValues.begin(), tValues.end());
     }
     double fMedian() const { return fPercentile(50); }
+    /// 0 when there are no figures.
     double fPercentile(double fPercent) const
     {
         if (m_tValues.empty()) {
@@ -60,11 +61,12 @@ inline double fMicroseconds(const std::function<void()>& fnAction)
 STComparison stTurnByTurn(int nRounds, const std::function<double()>& fnFloor,
                           const std::function<double()>& fnOurs);
 
-/// Runs the action in so many threads for about a second; each passes its number. Returns how often per
-/// second all of them together ran it.
+/// Runs the action in so many threads for 1.2 seconds; each passes its number, from 0 on. Returns how often
+/// per second all of them together ran it.
 double fRateOf(int nThreads, const std::function<void(int)>& fnAction);
 
-/// Writes one row of the table, as Markdown, to the standard output.
+/// Writes one row of the table, as Markdown, to the standard output. A ratio below 0 is left out. Without a
+/// target (an empty text) bReached does not count.
 void Row(const std::string& csWhat, const std::string& csFloor, const std::string& csOurs, double fRatio,
          const std::string& csTarget, bool bReached);
 /// A row of times: the ratio of ours to the floor may be at most fTarget. fPercent is the percentile that

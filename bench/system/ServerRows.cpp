@@ -94,8 +94,8 @@ public:
             _Ask(pclTalk->nFd());
         }
 
-        // After the time is over every connection still waits for its last answer: the next round begins
-        // clean.
+        // Once the time is over, nothing more is asked, but every last answer is awaited: it must not be left
+        // for the next round.
         const double fStart = fNow();
         int nAnswers = 0;
         for (std::size_t nOpen = m_tTalks.size(); nOpen > 0;) {
@@ -105,7 +105,7 @@ public:
             for (int n = 0; n < nReady; ++n) {
                 std::array<char, 64> tBuffer;
                 const int nFd = tEvents[static_cast<std::size_t>(n)].data.fd;
-                nAnswers += ::recv(nFd, tBuffer.data(), tBuffer.size(), 0) == 4 ? 1 : 0;
+                nAnswers += ::recv(nFd, tBuffer.data(), tBuffer.size(), 0) == 4 ? 1 : 0; // "OK\r\n"
                 if (bOver) {
                     --nOpen;
                 } else {
@@ -183,8 +183,8 @@ void BurstRow(int nConnects, double fTarget)
 
 void ServerRows()
 {
-    CProgram clFloor({csBuilt("bench_floor"), std::to_string(g_wFloor)});
-    CProgram clManager(tManagerCommand());
+    CRunningProgram clFloor({csBuilt("bench_floor"), std::to_string(g_wFloor)});
+    CRunningProgram clManager(tManagerCommand());
     clFloor.AwaitPort(g_wFloor);
     clManager.AwaitPort(g_wOurs);
 

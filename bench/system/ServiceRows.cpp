@@ -47,7 +47,7 @@ void StatusOf8Row()
 /// STATUS while a thousand questions of discovery wait for their answers, which come one after the other.
 void FloodRow()
 {
-    CProgram clManager(tManagerCommand());
+    CRunningProgram clManager(tManagerCommand());
     clManager.AwaitPort(g_wOurs);
     const CTalk clTalk(g_wOurs);
 
@@ -68,10 +68,11 @@ void FloodRow()
     TimeRow("STATUS during a flood of 1,000 questions (floor: STATUS alone)", st, 2.0);
 }
 
-/// A unit that notes the moment of each start and fails, so that every pass of the monitor starts it again.
 constexpr int s_nPassServers = 10;
-constexpr char s_szStamps[] = "/run/bench-starts";
+constexpr char s_szStamps[] = "/run/bench-starts"; ///< moments in nanoseconds, one a line
 
+/// A unit that notes the moment of each start and fails, so that every pass of the monitor starts it again.
+/// "%" is doubled, as a unit file wants it.
 void ProvideFailing()
 {
     std::ofstream("/lib/systemd/system/DXCS-Failing.service")
@@ -95,13 +96,13 @@ double fPass()
 
     std::vector<double> tStamps;
     {
-        CProgram clManager(tManagerCommand());
+        CRunningProgram clManager(tManagerCommand());
         while (tStamps.size() < 5) {
             ::usleep(20000);
             tStamps.clear();
             std::ifstream clStamps(s_szStamps);
             for (double f = 0; clStamps >> f;) {
-                tStamps.push_back(f / 1000);
+                tStamps.push_back(f / 1000); // to microseconds
             }
         }
     }
@@ -140,7 +141,7 @@ void ServiceRows()
 {
     ProvideServers(s_nPassServers);
     {
-        CProgram clManager(tManagerCommand());
+        CRunningProgram clManager(tManagerCommand());
         clManager.AwaitPort(g_wOurs);
         StatusRows();
         StatusOf8Row();

@@ -122,7 +122,7 @@ std::vector<char*> tPointers(std::vector<std::string>* ptWords)
 constexpr rlim_t s_nUsualDescriptors = 1024;
 } // namespace
 
-CProgram::CProgram(const std::vector<std::string>& tCommand, unsigned int nDescriptors)
+CRunningProgram::CRunningProgram(const std::vector<std::string>& tCommand, unsigned int nDescriptors)
 {
     std::vector<std::string> tWords = tCommand;
     const std::vector<char*> tArguments = tPointers(&tWords);
@@ -145,7 +145,7 @@ CProgram::CProgram(const std::vector<std::string>& tCommand, unsigned int nDescr
     ::setpgid(m_nPid, m_nPid); // here as well: the group must exist before anybody kills it
 }
 
-CProgram::~CProgram()
+CRunningProgram::~CRunningProgram()
 {
     ::kill(-m_nPid, SIGKILL); // the whole group: a daemon's children, too
     ::waitpid(m_nPid, nullptr, 0);
@@ -156,7 +156,7 @@ CProgram::~CProgram()
     }
 }
 
-void CProgram::AwaitPort(std::uint16_t wPort) const
+void CRunningProgram::AwaitPort(std::uint16_t wPort) const
 {
     const double fEnd = fNow() + 10e6;
     while (!clConnect(wPort).bOpen()) {
@@ -166,7 +166,8 @@ void CProgram::AwaitPort(std::uint16_t wPort) const
         ::usleep(100);
     }
 
-    // Waits for the greeting, too: a start that fails on its second socket has listened on the first.
+    // Waits for the greeting, too: a program whose start fails on its second socket has listened on the
+    // first, but greets nobody.
     const CTalk clTalk(wPort);
 }
 
@@ -239,7 +240,7 @@ void Launch(const std::vector<std::string>& tArguments)
 {
     std::vector<std::string> tWords{"/bin/systemctl"};
     tWords.insert(tWords.end(), tArguments.begin(), tArguments.end());
-    (void)nLaunchProgram(tWords);
+    std::ignore = nLaunchProgram(tWords); // what systemctl prints is not read
 }
 
 namespace {
@@ -376,7 +377,7 @@ void ProvideServers(int nServers)
             ProvideServer(n);
         }
     }
-    for (int n = nServers; bThere(n); ++n) {
+    for (int n = nServers; bThere(n); ++n) { // those of a part with more servers
         std::filesystem::remove(s_szWants + csUnitFile(n));
         std::filesystem::remove(s_szUnits + csUnitFile(n));
     }

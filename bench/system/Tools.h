@@ -28,7 +28,8 @@ private:
     CDescripteur m_clSocket;
 };
 
-/// A new connection to the port, or an empty one. The greeting has not been read.
+/// A new connection to the port; an empty descriptor when there is none. The greeting has not been read.
+/// Without bBlocking the connection may still be under way, or fail later.
 CDescripteur clConnect(std::uint16_t wPort, bool bBlocking = true);
 
 /// A tool that looks for managers, on a socket of its own: every one of them counts as another asker.
@@ -45,15 +46,15 @@ private:
 };
 
 /// A program that runs for the life of the object; SIGKILL ends it.
-class CProgram
+class CRunningProgram
 {
 public:
     /// nDescriptors is its hard limit of descriptors, 0 for ours; its soft limit is the one that services
     /// get.
-    explicit CProgram(const std::vector<std::string>& tCommand, unsigned int nDescriptors = 0);
-    ~CProgram();
-    CProgram(const CProgram&) = delete;
-    CProgram& operator=(const CProgram&) = delete;
+    explicit CRunningProgram(const std::vector<std::string>& tCommand, unsigned int nDescriptors = 0);
+    ~CRunningProgram();
+    CRunningProgram(const CRunningProgram&) = delete;
+    CRunningProgram& operator=(const CRunningProgram&) = delete;
     pid_t nPid() const { return m_nPid; }
     /// Waits until the port answers.
     void AwaitPort(std::uint16_t wPort) const;
@@ -80,8 +81,8 @@ STProcess stLook(pid_t nPid); ///< now
 long nLaunchProgram(const std::vector<std::string>& tCommand);
 /// A bare launch of the tool with these arguments.
 void Launch(const std::vector<std::string>& tArguments);
-/// The launches behind one STATUS, one INFO over so many servers, the listing of a registration among as
-/// many, and a restart pass over them.
+/// The launches behind one STATUS, one INFO over so many servers, the listing of a registration among so
+/// many, and a restart pass over so many. The floors of these rows: the same tools without the manager.
 void LaunchStatus(const std::string& csServer);
 void LaunchInfo(int nServers);
 void LaunchList(int nServers);

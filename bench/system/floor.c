@@ -59,6 +59,7 @@ static void* converse(void* argument)
 
 int floor_serve(unsigned short port, char* const argv[])
 {
+    /* A descriptor for each of many conversations. */
     const int on = 1;
     struct rlimit limit;
     getrlimit(RLIMIT_NOFILE, &limit);
@@ -142,17 +143,20 @@ static void* ask_rest(void* argument)
 int floor_ask(unsigned short port, const char* const lines[], int count, int conversations)
 {
     struct questions q = {.port = port, .lines = lines, .count = count, .next = 1};
-    pthread_t threads[16];
-    int started = 0;
     const int fd = open_conversation(port);
     if (fd < 0 || ask_line(fd, lines[0]) != 0)
         return -1;
+
+    /* The other conversations have a thread each; this one goes on here. */
+    pthread_t threads[15];
+    int started = 0;
     while (started < conversations - 1 && started < 15 &&
            pthread_create(&threads[started], NULL, ask_rest, &q) == 0)
         ++started;
     for (int n; (n = atomic_fetch_add(&q.next, 1)) < count;)
         if (ask_line(fd, lines[n]) != 0)
             q.failed = 1;
+
     while (started > 0)
         pthread_join(threads[--started], NULL);
     close(fd);
