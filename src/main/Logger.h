@@ -55,6 +55,8 @@ public:
     void AddLogSystemError(const wchar_t* pszFormat, ...);
 
 private:
+    /// Writes one entry in one mode. All writers take the same arguments; nEvent is -1 for an entry without
+    /// event, and nobody passes details any more.
     using PFNWriter = void (CLogger::*)(ePRIORITY, int nEvent, const wchar_t* pszFormat, va_list* pArgs,
                                         const wchar_t** ppszDetails, int nDetails);
     void __AddLogSystem(ePRIORITY ePriority, int nEvent, const wchar_t* pszFormat, va_list* pArgs,

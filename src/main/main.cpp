@@ -82,7 +82,8 @@ void Term()
 }
 
 /// Ends the endpoints, then the conversations. The endpoints come first: a failed start may have left some of
-/// them running, and no conversation may begin that nobody waits for.
+/// them running, and no conversation may begin that nobody waits for. A launcher has neither, and leaves at
+/// once.
 void EndServing(int nStatus)
 {
     gpclSetupManager->__TermMainLoop();
@@ -101,6 +102,7 @@ int nDispatch(int nCount, char** ppszArguments)
     CTString csValue;
 
     if (bModeService(nCount, ppszArguments, L"--SERVICE")) {
+        // Under systemd's protocol the option may be missing; there the name is not used.
         bGetCmdLineValue(nCount, ppszArguments, L"--SERVICE", &csValue);
         const int nStatus = bServiceMain(csValue.c_str()) ? 0 : s_nFailure;
         EndServing(nStatus);

@@ -38,9 +38,9 @@ STRegister& stConversations()
 CDialog::CDialog(CDescripteur clSocket) : m_clSocket(std::move(clSocket))
 {
     m_clGreeted.Init(0, 1);
-    STRegister& stAll = stConversations();
-    const std::lock_guard<std::mutex> clGuard(stAll.clLock);
-    stAll.tSockets.insert(m_clSocket.nFd());
+    STRegister& stRegister = stConversations();
+    const std::lock_guard<std::mutex> clGuard(stRegister.clLock);
+    stRegister.tSockets.insert(m_clSocket.nFd());
 }
 
 CDialog::~CDialog()
@@ -48,12 +48,12 @@ CDialog::~CDialog()
     // Returns at once: the thread drops its pointer to this object only after it has called Stopped.
     m_clThread.Stop(1);
 
-    STRegister& stAll = stConversations();
-    const std::lock_guard<std::mutex> clGuard(stAll.clLock);
+    STRegister& stRegister = stConversations();
+    const std::lock_guard<std::mutex> clGuard(stRegister.clLock);
     // A child that is being created may hold a copy of the socket: the close alone would end the connection
     // only when that copy is gone, too.
     ::shutdown(m_clSocket.nFd(), SHUT_RDWR);
-    stAll.tSockets.erase(m_clSocket.nFd());
+    stRegister.tSockets.erase(m_clSocket.nFd());
     m_clSocket.Close(); // under the lock: s_bEndAll must not meet a number that is already somebody else's
 }
 
@@ -74,17 +74,17 @@ void CDialog::xStart()
 
 int CDialog::s_nCount()
 {
-    STRegister& stAll = stConversations();
-    const std::lock_guard<std::mutex> clGuard(stAll.clLock);
-    return static_cast<int>(stAll.tSockets.size());
+    STRegister& stRegister = stConversations();
+    const std::lock_guard<std::mutex> clGuard(stRegister.clLock);
+    return static_cast<int>(stRegister.tSockets.size());
 }
 
 bool CDialog::s_bEndAll(int nMs)
 {
     {
-        STRegister& stAll = stConversations();
-        const std::lock_guard<std::mutex> clGuard(stAll.clLock);
-        for (const int nSocket : stAll.tSockets) {
+        STRegister& stRegister = stConversations();
+        const std::lock_guard<std::mutex> clGuard(stRegister.clLock);
+        for (const int nSocket : stRegister.tSockets) {
             ::shutdown(nSocket, SHUT_RD); // ends the wait for a command; a reply can still go out
         }
     }
