@@ -73,6 +73,7 @@ void AwaitEnd()
 /// The launcher's part: waits until the daemon is up or gone.
 void Launcher(pid_t nChild, const CDescripteur& clPipe)
 {
+    // Reaps the process between launcher and daemon, which exits at once.
     int nStatus = 0;
     if (nRetry([&] { return ::waitpid(nChild, &nStatus, 0); }) < 0) {
         return;

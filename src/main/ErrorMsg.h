@@ -1,7 +1,8 @@
 #pragma once
 
 /// Messages of the command-line modes for the person at the terminal: one UTF-8 line each on standard output.
-/// The first argument is the style of a message box, of which a terminal makes no use.
+/// The first argument is the style of a message box, which a terminal ignores.
+/// ShowErrorIDS_Service and ShowErrorIDSError are for the product's other programs; nothing here calls them.
 
 void ShowError(int nStyle, const wchar_t* pszMessage);
 /// The message unchanged.

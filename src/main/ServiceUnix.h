@@ -7,7 +7,7 @@
 
 /// Runs the service: under systemd's notification protocol when the process was started so, otherwise
 /// detached under the given name with a locked PID file. The detached form returns in the launcher, too.
-/// Returns false when the service could not run.
+/// Returns false when the service could not run; for the detached form only an empty name counts as that.
 bool bServiceMain(const wchar_t* pszServiceName);
 /// Runs the service in the foreground. When it cannot start, only its cause is logged, by the service itself,
 /// and shown on standard error.

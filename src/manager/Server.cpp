@@ -119,6 +119,7 @@ bool CServer::bInit(std::uint16_t wPort, CXError* pclError)
 
 void CServer::Start()
 {
+    // A thread's parameter is no pointer to const; the accept thread only reads it all the same.
     for (std::size_t n = 0; n < m_tThreads.size(); ++n) {
         m_tThreads[n]->xbStart(_ServerThreadRoutine, const_cast<STSocket*>(&m_clSockets.tGetSockets()[n]),
                                &g_stMyModule, USER_ERROR_THREAD, /*bWaitStart=*/0, /*bSuspended=*/0);

@@ -102,7 +102,7 @@ std::wstring csDoubtOfOthers(CServiceManager* pclManager, const CService& clServ
             bInside = bLiesIn(csToUTF8(csExecutable), clFolder);
         }
 
-        const std::wstring csWhy =
+        std::wstring csWhy =
             L"the executable of \"" + pclOther->csRegisteredName() + L"\" lies in its folder";
         if (!bInside) { // what cannot be found out counts against the deletion
             return L"it is not known whether " + csWhy;
