@@ -21,6 +21,22 @@ void RestartOnFailedThreadFunc(CZTThread* pclThread)
     }
     pclThread->Stopped();
 }
+
+using CServices = std::vector<std::unique_ptr<CService>>;
+
+/// Lists the servers. False when that fails, which is logged; what was listed by then must not be used.
+bool bListServers(CServiceManager* pclManager, CServices* ptServices)
+{
+    CServiceListing clListing(pclManager, g_szServerPrefix);
+    while (auto pclService = clListing.pclNext()) {
+        ptServices->push_back(std::move(pclService));
+    }
+
+    if (clListing.bFailed() && !CStopping::bAsked()) { // a listing that the stop cut short has not failed
+        LogFailedListing(clListing.nError());
+    }
+    return !clListing.bFailed();
+}
 } // namespace
 
 CRestartOnFailed::CRestartOnFailed(CServiceManager* pclManager, unsigned int dwPeriod)
@@ -65,16 +81,9 @@ void CRestartOnFailed::Run()
 void CRestartOnFailed::__Check()
 {
     // The whole list before the first restart: half a list is no reason to start anything.
-    std::vector<std::unique_ptr<CService>> tServices;
-    CServiceListing clListing(m_pclManager, g_szServerPrefix);
-    while (auto pclService = clListing.pclNext()) {
-        tServices.push_back(std::move(pclService));
-    }
-    if (clListing.bFailed()) {      // the next pass looks again
-        if (!CStopping::bAsked()) { // a listing that the stop cut short has not failed
-            LogFailedListing(clListing.nError());
-        }
-        return;
+    CServices tServices;
+    if (!bListServers(m_pclManager, &tServices)) {
+        return; // the next pass looks again
     }
 
     for (auto& pclService : tServices) {
