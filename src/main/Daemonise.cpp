@@ -155,13 +155,13 @@ bool bTakePidFile(CPidFile& clPidFile)
 
 /// From the written PID file to the end of the main loop. Gives the PID file to the service's user and
 /// switches to that user for good: so far bStartAs has switched only for the start.
-void RunLocked(CPidFile& clPidFile, const wchar_t* pszUser, CDescripteur* pclPipe, CTermHeld& clHeld)
+void RunLocked(CPidFile& clPidFile, const wchar_t* pszUser, CDescripteur* pclPipe, CTermBlocked& clBlocked)
 {
     if (pszUser != nullptr) {
         std::ignore = __bChangeUser(clPidFile.nFd(), pszUser, true);
     }
     __NotifyParentFork(pclPipe, s_cRunning);
-    __MainLoop(clHeld);
+    __MainLoop(clBlocked);
     clPidFile.Remove();
 }
 
@@ -176,7 +176,7 @@ void Daemon(const wchar_t* pszServiceName, CDescripteur clPipe)
     const wchar_t* pszUser = gpclServiceImp->vbGetServiceUser(tUser.data()) ? tUser.data() : nullptr;
     CPidFile clPidFile(csPidPath(pszServiceName)); // allocates, so before there is something to clean up
 
-    CTermHeld clHeld; // until the main loop runs: a stop before that would leave the PID file behind
+    CTermBlocked clBlocked; // until the main loop runs: a stop before that would leave the PID file behind
     const bool bStarted = pszUser != nullptr ? bStartAs(pszUser, &clPipe) : __bStart();
     if (!bStarted) {
         return;
@@ -187,7 +187,7 @@ void Daemon(const wchar_t* pszServiceName, CDescripteur clPipe)
         return;
     }
 
-    RunLocked(clPidFile, pszUser, &clPipe, clHeld);
+    RunLocked(clPidFile, pszUser, &clPipe, clBlocked);
 }
 
 /// Run by the first child: starts a session, forks the daemon and exits. True in the daemon; false, still in

@@ -93,26 +93,26 @@ void LogAnyway(const char* pszText, TLog Log) noexcept
 }
 } // namespace
 
-CTermHeld::CTermHeld()
+CTermBlocked::CTermBlocked()
 {
     MaskTerm(SIG_BLOCK);
 }
 
-CTermHeld::~CTermHeld()
+CTermBlocked::~CTermBlocked()
 {
-    if (m_bHeld) {
+    if (m_bBlocked) {
         Ignore();
     }
 }
 
-void CTermHeld::Deliver()
+void CTermBlocked::Deliver()
 {
-    m_bHeld = false;
+    m_bBlocked = false;
     // Not the mask from before: whoever started the daemon may have blocked the signal.
     MaskTerm(SIG_UNBLOCK);
 }
 
-void CTermHeld::Ignore()
+void CTermBlocked::Ignore()
 {
     ::signal(SIGTERM, SIG_IGN); // drops a signal that came meanwhile
     Deliver();
@@ -198,9 +198,9 @@ void SetTermHandler()
     ::signal(SIGTERM, TermHandler);
 }
 
-void __MainLoop(CTermHeld& clHeld)
+void __MainLoop(CTermBlocked& clBlocked)
 {
     SetTermHandler();
-    clHeld.Deliver();
+    clBlocked.Deliver();
     gpclServiceImp->MainLoop();
 }

@@ -13,14 +13,14 @@ inline constexpr std::size_t g_nServicePath = 261;
 
 /// Blocks SIGTERM in the main thread from before the service reports itself up until its handler is
 /// installed. Otherwise a stop right after the start would kill the daemon, and its files would stay.
-class CTermHeld
+class CTermBlocked
 {
 public:
-    CTermHeld();
+    CTermBlocked();
     /// Ignores the signal unless Deliver or Ignore was called: the start failed.
-    ~CTermHeld();
-    CTermHeld(const CTermHeld&) = delete;
-    CTermHeld& operator=(const CTermHeld&) = delete;
+    ~CTermBlocked();
+    CTermBlocked(const CTermBlocked&) = delete;
+    CTermBlocked& operator=(const CTermBlocked&) = delete;
 
     /// Unblocks the signal; the handler, which must be installed, also gets one that came meanwhile.
     void Deliver();
@@ -28,7 +28,7 @@ public:
     void Ignore();
 
 private:
-    bool m_bHeld = true;
+    bool m_bBlocked = true;
 };
 
 /// Logs a message with one insert, at priority 2.
@@ -52,4 +52,4 @@ bool __bChangeUser(int nFd, const wchar_t* pszUser, bool bPermanent);
 /// Makes SIGTERM end the main loop of the calling thread.
 void SetTermHandler();
 /// Installs the termination handler, unblocks SIGTERM and runs the main loop.
-void __MainLoop(CTermHeld& clHeld);
+void __MainLoop(CTermBlocked& clBlocked);

@@ -10,7 +10,7 @@
 
 void RunDebugMode()
 {
-    CTermHeld clHeld;
+    CTermBlocked clBlocked;
 
     // During the start a copy of each entry goes to standard error: whoever started the process sees why it
     // does not run.
@@ -20,7 +20,7 @@ void RunDebugMode()
     ::openlog(nullptr, 0, LOG_USER);
 
     if (bStarted) {
-        __MainLoop(clHeld);
+        __MainLoop(clBlocked);
     }
 }
 

@@ -78,11 +78,11 @@ bool __bServiceMainSystemdNotify()
     }
 
     // SIGTERM stays blocked until its handler is installed: systemd may send it as soon as it has the report.
-    CTermHeld clHeld;
+    CTermBlocked clBlocked;
     if (!__bStart()) {
         return false;
     }
     NotifyReady(csSocket);
-    __MainLoop(clHeld);
+    __MainLoop(clBlocked);
     return true;
 }

@@ -42,18 +42,12 @@ bool bSameName(const CService& clService, const STRegistration& stServer)
     return CServiceName::s_clSaid(csServiceName(stServer).c_str()) == clService.clName();
 }
 
-/// The name by which CServiceLocks knows a service.
-std::wstring csLockName(const std::wstring& csService)
-{
-    return CServiceManager::csLockName(csService);
-}
-
 /// Adds the services' names; false when the set had all of them already.
 bool bAddNames(const std::vector<std::unique_ptr<CService>>& tServices, std::set<std::wstring>* ptNames)
 {
     const std::size_t nBefore = ptNames->size();
     for (const auto& pclService : tServices) {
-        ptNames->insert(csLockName(pclService->pszGetName()));
+        ptNames->insert(CServiceManager::csLockName(pclService->pszGetName()));
     }
     return ptNames->size() != nBefore;
 }
@@ -105,7 +99,7 @@ std::unique_ptr<CService> CSetupManager::_pclMakeService(const STRegistration& s
                                                          CTString* pcsError)
 {
     // Starts with the server's own name. The loop ends: each further turn adds a name of another service.
-    std::set<std::wstring> tNames{csLockName(csServiceName(stServer))};
+    std::set<std::wstring> tNames{CServiceManager::csLockName(csServiceName(stServer))};
     for (;;) {
         // Names come before the service lock: a wait for a start that hangs, with the service lock taken,
         // would hold up everybody. The names of the last turn go back first: while a thread waits for a name,

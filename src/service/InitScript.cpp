@@ -107,7 +107,7 @@ std::string csEscapeAgain(std::string_view csText)
 /// Judges by how the line begins; the templates are written so that this is enough.
 EQuoting eQuotingOf(std::string_view csLine)
 {
-    SkipBlanks(&csLine);
+    SkipWhitespace(&csLine);
     if (csLine.starts_with('#')) {
         return QUOTING_COMMENT;
     }

@@ -36,7 +36,7 @@ public:
 
 private:
     static_assert(std::atomic<bool>::is_always_lock_free);
-    CSignalsHeld m_clHeld{SIGCHLD};
+    CSignalsBlocked m_clBlocked{SIGCHLD};
     std::atomic<bool>& m_bLocked;
 };
 
@@ -137,7 +137,7 @@ CProcessManager::STChild* CProcessManager::pstFork(const STChildStart& stStart)
     // child that exits at once. Another thread may get the signal earlier and find none: whoever asks about
     // the child then reaps it. The guard comes only after the creation: other threads need the table while
     // this one waits for the exec.
-    const CSignalsHeld clHeld{SIGCHLD};
+    const CSignalsBlocked clBlocked{SIGCHLD};
     const pid_t nPid = clStarter.nStart(stStart);
 
     const CChildGuard clGuard(m_bLocked);
@@ -229,7 +229,7 @@ void CProcessManager::Pause(STChild* pstChild)
     // SIGCHLD is blocked from before the look at the child until ppoll unblocks it. The signal of an exit in
     // between, or the one that _Wake then sends, stays pending and ends the pause at once. Unblocked, it
     // would be handled before the pause, which would then last its 2 seconds.
-    const CSignalsHeld clHeld{SIGCHLD};
+    const CSignalsBlocked clBlocked{SIGCHLD};
     {
         const CChildGuard clGuard(m_bLocked);
         _Reap(*pstChild);
@@ -245,7 +245,7 @@ void CProcessManager::Pause(STChild* pstChild)
     const int nMs = CStopping::nPollMs(2000);
     const timespec stPause{nMs / 1000, nMs % 1000 * 1'000'000L};
     pollfd stStop{CStopping::nFdToPoll(), POLLIN, 0};
-    ::ppoll(&stStop, 1, &stPause, &clHeld.stBefore());
+    ::ppoll(&stStop, 1, &stPause, &clBlocked.stBefore());
 
     const CChildGuard clGuard(m_bLocked);
     pstChild->nFlags &= ~FLAG_PAUSE;

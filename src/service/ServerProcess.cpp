@@ -23,7 +23,7 @@ constexpr std::size_t s_nMaxArguments = std::size_t{4} << 20;
 std::string csNumberIn(std::string_view csText)
 {
     std::string_view csWord = csText.substr(0, csText.find('\n'));
-    SkipBlanks(&csWord);
+    SkipWhitespace(&csWord);
     csWord = csWord.substr(0, csWord.find_last_not_of(" \t") + 1);
 
     // Digits only: the text becomes part of a path under /proc.

@@ -23,11 +23,11 @@ bool bSameKey(std::string_view cs1, std::string_view cs2)
 /// The line from the unit's name on.
 std::string_view csAfterMarks(std::string_view csLine)
 {
-    SkipBlanks(&csLine);
+    SkipWhitespace(&csLine);
     const std::string_view csFirst = csLine.substr(0, csLine.find(' '));
     if (std::ranges::find(s_tMarks, csFirst) != s_tMarks.end()) {
         csLine.remove_prefix(csFirst.size());
-        SkipBlanks(&csLine);
+        SkipWhitespace(&csLine);
     }
     return csLine;
 }

@@ -45,7 +45,7 @@ bool bSpecialToSystemd(char c)
 /// with spaces without quotes, where the program seems to end at the first space.
 bool bOnlyOptions(std::string_view csArguments)
 {
-    SkipBlanks(&csArguments);
+    SkipWhitespace(&csArguments);
     return csArguments.empty() ||
            (csArguments.starts_with("--") && csArguments.find_first_of("/\\%") == std::string_view::npos);
 }

@@ -129,7 +129,8 @@ pid_t CChildStarter::nStart(const STChildStart& stStart) noexcept
     const int nSharedTable = bCloseRange ? CLONE_FILES : 0;
     STChildContext stContext{stStart, bCloseRange, &m_nExecError};
 
-    const CSignalsHeld clHeld; // the child starts with this mask: in our memory it must not run our handlers
+    const CSignalsBlocked
+        clBlocked; // the child starts with this mask: in our memory it must not run our handlers
     return __clone(nRunChild, m_pStack.get() + s_nChildStack, CLONE_VM | CLONE_VFORK | nSharedTable | SIGCHLD,
                    &stContext);
 }

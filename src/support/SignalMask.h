@@ -8,29 +8,29 @@
 /// Blocks signals in the calling thread for the object's lifetime. The destructor restores the old mask, and
 /// signals that came meanwhile are delivered. A thread created meanwhile inherits the mask and keeps these
 /// signals blocked. Async-signal-safe, allocates nothing.
-class CSignalsHeld
+class CSignalsBlocked
 {
 public:
     /// Blocks all signals.
-    CSignalsHeld() noexcept
+    CSignalsBlocked() noexcept
     {
         sigset_t stAll;
         ::sigfillset(&stAll);
         ::pthread_sigmask(SIG_SETMASK, &stAll, &m_stBefore);
     }
     /// Blocks these signals in addition to those that are blocked already.
-    explicit CSignalsHeld(std::initializer_list<int> tSignals) noexcept
+    explicit CSignalsBlocked(std::initializer_list<int> tSignals) noexcept
     {
-        sigset_t stHeld;
-        ::sigemptyset(&stHeld);
+        sigset_t stBlocked;
+        ::sigemptyset(&stBlocked);
         for (const int nSignal : tSignals) {
-            ::sigaddset(&stHeld, nSignal);
+            ::sigaddset(&stBlocked, nSignal);
         }
-        ::pthread_sigmask(SIG_BLOCK, &stHeld, &m_stBefore);
+        ::pthread_sigmask(SIG_BLOCK, &stBlocked, &m_stBefore);
     }
-    ~CSignalsHeld() { ::pthread_sigmask(SIG_SETMASK, &m_stBefore, nullptr); }
-    CSignalsHeld(const CSignalsHeld&) = delete;
-    CSignalsHeld& operator=(const CSignalsHeld&) = delete;
+    ~CSignalsBlocked() { ::pthread_sigmask(SIG_SETMASK, &m_stBefore, nullptr); }
+    CSignalsBlocked(const CSignalsBlocked&) = delete;
+    CSignalsBlocked& operator=(const CSignalsBlocked&) = delete;
 
     const sigset_t& stBefore() const noexcept { return m_stBefore; }
 
@@ -51,7 +51,7 @@ public:
         const int nErrno = errno; // the write's, which the caller still reports
 
         // A signal that was blocked before stays blocked, and is not ours to discard.
-        if (sigismember(&m_clHeld.stBefore(), SIGXFSZ) == 0) {
+        if (sigismember(&m_clBlocked.stBefore(), SIGXFSZ) == 0) {
             sigset_t stSignal;
             ::sigemptyset(&stSignal);
             ::sigaddset(&stSignal, SIGXFSZ);
@@ -62,5 +62,5 @@ public:
     }
 
 private:
-    CSignalsHeld m_clHeld{SIGXFSZ};
+    CSignalsBlocked m_clBlocked{SIGXFSZ};
 };

@@ -17,7 +17,7 @@ constexpr std::size_t s_nMaxMemLine = 256;
 template <class TNumber>
 std::optional<TNumber> nTakeNumber(std::string_view& csText)
 {
-    SkipBlanks(&csText);
+    SkipWhitespace(&csText);
     TNumber nValue = 0;
     const auto [pszEnd, eError] = std::from_chars(csText.data(), csText.data() + csText.size(), nValue);
     if (eError != std::errc()) {
@@ -36,7 +36,7 @@ void ParseCpuLine(std::string_view csLine, STCpuInfo* pstInfo)
     }
 
     std::string_view csValue = csLine.substr(nColon + 1);
-    SkipBlanks(&csValue);
+    SkipWhitespace(&csValue);
 
     if (bBeginsWith(csLine.substr(0, nColon), "processor")) {
         const auto nNumber = nTakeNumber<unsigned int>(csValue);

@@ -24,7 +24,7 @@ void ForEachLine(std::string_view csText, TAction Action)
 }
 
 /// Takes spaces and tabs off the front of the text.
-inline void SkipBlanks(std::string_view* pcsText)
+inline void SkipWhitespace(std::string_view* pcsText)
 {
     pcsText->remove_prefix(std::min(pcsText->find_first_not_of(" \t"), pcsText->size()));
 }

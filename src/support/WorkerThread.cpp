@@ -35,6 +35,6 @@ int nCreateWorker(pthread_t* phThread, int nDetachState, void* (*pfnThread)(void
     ::pthread_attr_setdetachstate(&stAttributes, nDetachState);
     nError = ::pthread_attr_setstacksize(&stAttributes, nStackSize());
 
-    const CSignalsHeld clHeld{SIGTERM}; // the new thread inherits the mask
+    const CSignalsBlocked clBlocked{SIGTERM}; // the new thread inherits the mask
     return nError != 0 ? nError : ::pthread_create(phThread, &stAttributes, pfnThread, pParameter);
 }

@@ -33,7 +33,7 @@ std::string csTraces()
     return csOutput(
         "mkdir -p /opt; find /etc /lib/systemd /opt /run /tmp /usr /var -iname '*velmo*' -cnewer " +
         std::string(s_szStamp) + " -not -path \"$(realpath " + csBuildFolder() +
-        ")/*\" -not -path '/tmp/velmo-build-*'; pgrep -ax VelmoManager");
+        ")/*\" -not -path '/var/tmp/velmo-build-*'; pgrep -ax VelmoManager");
 }
 
 class Packages : public CMachineTest

@@ -98,7 +98,7 @@ bool bForgetCloseRange(unsigned int nFirstFatal)
 TEST_F(LanceProcessus, ChildGetsOnlyTheThreeStandardDescriptorsAndNoBlockedOrIgnoredSignal)
 {
     const CDescripteur clLeak(::open("/dev/null", O_RDONLY)); // inheritable on purpose
-    const CSignalsHeld clHeld{SIGTERM, SIGPIPE};
+    const CSignalsBlocked clBlocked{SIGTERM, SIGPIPE};
     ::signal(SIGHUP, SIG_IGN);
     std::string csFds;
     std::string csStatus;
@@ -212,7 +212,7 @@ TEST_F(LanceProcessus, ChildrenThatAreLetGoRunOnAndAreReapedEvenWhenTwoEndBehind
     const std::wstring csLate = csFromUTF8(
         clDir.csWrite("late", "#!/bin/sh\nsleep 0.2\necho late >>" + clDir.csPath("mark") + "\n", 0755));
     CLanceProcessus cl;
-    const CSignalsHeld clHeld{SIGCHLD};
+    const CSignalsBlocked clBlocked{SIGCHLD};
     ASSERT_TRUE(cl.bLanceProcessus(csLate.c_str(), L"", nullptr));
     ASSERT_TRUE(cl.bLanceProcessus(csLate.c_str(), L"", nullptr)) << "which lets go of the first";
     cl.bLibere();

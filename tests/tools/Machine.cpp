@@ -22,11 +22,12 @@ std::string csBuildFolder()
         if (csTrue.find_first_of(" '\"$&();*?<>|\\") == csTrue.npos) {
             return csTrue;
         }
-        // The tests put it into shell commands: there it goes by a name that means nothing else.
-        const std::string csLink = "/tmp/velmo-build-" + std::to_string(::getpid());
+        // The tests put it into shell commands: there it goes by a name that means nothing else. /tmp may be
+        // another one for some of them.
+        const std::string csLink = "/var/tmp/velmo-build-" + std::to_string(::getpid());
         std::filesystem::remove(csLink);
         std::filesystem::create_directory_symlink(csTrue, csLink);
-        std::atexit([] { std::filesystem::remove("/tmp/velmo-build-" + std::to_string(::getpid())); });
+        std::atexit([] { std::filesystem::remove("/var/tmp/velmo-build-" + std::to_string(::getpid())); });
         return csLink;
     }();
     return s_csFolder;
