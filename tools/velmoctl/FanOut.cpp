@@ -1,6 +1,6 @@
 #include "velmoctl/FanOut.h"
 
-#include "velmoctl/Query.h"
+#include "velmoctl/AskFor.h"
 
 #include <algorithm>
 #include <system_error>

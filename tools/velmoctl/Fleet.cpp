@@ -1,7 +1,7 @@
 #include "velmoctl/Fleet.h"
 
+#include "velmoctl/AskFor.h"
 #include "velmoctl/Local.h"
-#include "velmoctl/Query.h"
 #include "velmoctl/Terminal.h"
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 // The commands that only ask: info, list, status, cluster.
 
-#include "velmoctl/Query.h"
-
+#include "velmoctl/AskFor.h"
+#include "velmoctl/Commands.h"
 #include "velmoctl/Fleet.h"
 #include "velmoctl/Inventory.h"
 #include "velmoctl/ServerList.h"

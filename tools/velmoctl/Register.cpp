@@ -6,8 +6,9 @@
 #include "support/Conversion.h"
 #include "support/ManagerNames.h"
 #include "support/SystemCall.h"
+#include "velmoctl/AskFor.h"
+#include "velmoctl/Commands.h"
 #include "velmoctl/Json.h"
-#include "velmoctl/Query.h"
 #include "velmoctl/Terminal.h"
 
 #include <array>

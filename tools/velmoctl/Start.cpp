@@ -1,9 +1,10 @@
 // The commands start (on any machine), stop and restart (on this machine).
 
 #include "support/Shell.h"
+#include "velmoctl/AskFor.h"
+#include "velmoctl/Commands.h"
 #include "velmoctl/Fleet.h"
 #include "velmoctl/Local.h"
-#include "velmoctl/Query.h"
 #include "velmoctl/Terminal.h"
 
 #include <iostream>

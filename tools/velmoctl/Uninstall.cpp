@@ -1,9 +1,10 @@
 // Uninstalls one server of one machine.
 
 #include "manager/ReplyCodes.h"
+#include "velmoctl/AskFor.h"
+#include "velmoctl/Commands.h"
 #include "velmoctl/Fleet.h"
 #include "velmoctl/Local.h"
-#include "velmoctl/Query.h"
 #include "velmoctl/Terminal.h"
 
 #include <iostream>

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "velmoctl/Commands.h"
 #include "velmoctl/Conversation.h"
 #include "velmoctl/Replies.h"
 
