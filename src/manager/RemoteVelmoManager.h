@@ -29,8 +29,9 @@ public:
 
 private:
     /// The service that the dialog's next argument names; null, after a reply with error 1, when there is
-    /// none. With pclHold, the service's lock is taken for the caller before the lookup. When the stop of the
-    /// manager ends the wait for that lock, the result is null, too, and the reply error 2.
+    /// none or it cannot be looked up. With pclHold, the service's lock is taken for the caller before the
+    /// lookup. When the stop of the manager ends the wait for that lock, the result is null, too, and the
+    /// reply error 2.
     std::unique_ptr<CService> _pclFind(CDialog& clDialog, CServiceLocks::CHold* pclHold = nullptr);
 
     CServiceManager* m_pclManager;
