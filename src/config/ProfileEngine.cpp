@@ -97,8 +97,8 @@ bool bIsKeyLineOf(CUnitsView<TUnit> csLine, CUnitsView<TUnit> csKey)
     return c == TUnit{'='} || bSpaceOrTab(c);
 }
 
-/// The line without its leading whitespace, as the reader sees it. The text is not cut at a NUL yet, or every
-/// line would be searched for one: functions that look beyond a searched name call csUpToNUL first.
+/// The line without its leading whitespace, as the reader sees it. Not yet cut at a NUL, for which every line
+/// would have to be searched: functions that look further than a given name call csUpToNUL first.
 template <class TUnit>
 CUnitsView<TUnit> csReaderText(CUnitsView<TUnit> csLine)
 {
@@ -183,7 +183,7 @@ std::optional<CUnits<TUnit>> csListSections(CProfileFile& clFile)
     return csList;
 }
 
-/// Whether a line's first unit alone shows that the line is neither a header nor that of the key, as it does
+/// Whether a line's first unit alone shows that the line is neither a header nor the key's line, as it does
 /// for most lines.
 template <class TUnit>
 bool bRuledOutByFirstUnit(CUnitsView<TUnit> csLine, CUnitsView<TUnit> csKey)

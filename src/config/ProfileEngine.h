@@ -12,8 +12,7 @@
 ///                        reader                                     writer
 ///   leading whitespace   skipped                                    not allowed: names start in column 1
 ///   a section ends       at a line "[...]"                          at a line that starts with "[", LF or
-///   CR;
-///                                                                   to delete it: with "[" only
+///                                                                   CR; to delete it: with "[" only
 ///   a key line           name, then "=", space or tab, and a "="    name, then "=", space or tab
 ///   a comment            a line that starts with ":"                unknown
 ///

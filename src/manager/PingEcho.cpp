@@ -27,8 +27,7 @@ constexpr std::size_t s_nMaxWaiting = 1000;
 constexpr unsigned int s_dwPauseMs = 50;
 
 /// A message header with room for a datagram, its sender and the address that it was sent to. It points into
-/// both arguments. The lengths are those of the whole buffers; Answer
-/// sets them to what was received.
+/// both arguments. The lengths are those of the whole buffers; Answer sets them to what was received.
 msghdr stMessage(STPingQuestion* pstQuestion, iovec* pstText)
 {
     msghdr st{};
@@ -45,7 +44,7 @@ msghdr stMessage(STPingQuestion* pstQuestion, iovec* pstText)
 /// routes choose the interface, except for a link-local address, which means nothing without one. A multicast
 /// address cannot be a source, so the kernel then chooses. An IPv4 broadcast address needs nothing: the
 /// source is taken from ipi_spec_dst, into which the kernel has put an address of ours.
-void AnswerFromAsked(msghdr* pst)
+void SetSourceToAsked(msghdr* pst)
 {
     cmsghdr* pstAsked = CMSG_FIRSTHDR(pst);
     if (pstAsked == nullptr) {
@@ -149,7 +148,7 @@ bool bReceive(int nSocket, STPingQuestion* pstQuestion)
 
     pstQuestion->nSocket = nSocket;
     pstQuestion->eForm = eReadPing({tText.data(), static_cast<std::size_t>(nReceived)});
-    AnswerFromAsked(&stHeader); // changes tAsked in place, and the length that is kept below
+    SetSourceToAsked(&stHeader); // changes tAsked in place, and the length that is kept below
     pstQuestion->nSender = stHeader.msg_namelen;
     pstQuestion->nAsked = stHeader.msg_controllen;
     return true;

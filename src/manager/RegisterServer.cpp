@@ -101,9 +101,9 @@ std::unique_ptr<CService> CSetupManager::_pclMakeService(const STRegistration& s
     // Starts with the server's own name. The loop ends: each further turn adds a name of another service.
     std::set<std::wstring> tNames{CServiceManager::csLockName(csServiceName(stServer))};
     for (;;) {
-        // Names come before the service lock: a wait for a start that hangs, with the service lock taken,
-        // would hold up everybody. The names of the last turn go back first: while a thread waits for a name,
-        // it may hold only names that come before it, or two threads could wait for each other.
+        // The names' locks come before the service lock: a wait for a start that hangs, with the service lock
+        // taken, would hold up everybody. Those of the last turn are released first, since names are taken in
+        // ascending order: a thread that held a later name than the one it waits for could deadlock.
         pclHold->Release();
         *pclHold = m_clServiceManager.clGetLocks().clTake(tNames);
         if (!pclHold->bTaken()) {
@@ -126,7 +126,8 @@ std::unique_ptr<CService> CSetupManager::_pclConclude(const CServiceGuard& clGua
                                                       const STRegistration& stServer, STFound stFound,
                                                       bool* pbInstalled, CTString* pcsError)
 {
-    // Also before a refusal for a conflict that was met after them: clients have always seen this.
+    // Even when the registration is refused for a conflict that the listing showed after these services:
+    // clients have always seen this.
     for (const auto& pclOther : stFound.tOtherNames) {
         WriteName(*pclOther);
     }

@@ -29,7 +29,7 @@ constexpr std::size_t s_nBlock = 1024;
 constexpr long s_nGoOnMs = 50;
 
 /// Appends. Once the text is large, reserves what the limit allows: growing by doubling would have both the
-/// old and the new copy in memory while the text moves. The caller keeps the limit.
+/// old and the new copy in memory while the text moves. The caller refuses what exceeds the limit.
 void AppendReserving(std::string* pcsText, std::string_view csMore, std::size_t nLimit)
 {
     const std::size_t nSize = pcsText->size() + csMore.size();
@@ -210,7 +210,8 @@ bool CLanceProcessus::_bKeepWaiting()
 {
     const bool bGoOn = bCheckMayGoOn();
 
-    // After the check: a wait that the check ends because of a cancel must not leave the tool alive.
+    // In this order: a cancel that came between the two looks would otherwise end the wait and leave the tool
+    // alive.
     if (CStopping::bCancelled()) {
         Kill();
         errno = ECANCELED;

@@ -122,7 +122,10 @@ std::unique_ptr<CService> CServiceManager::_pclMakeShown(const CServiceName& clN
 
         // A script that is gone leaves the record without a program. One that cannot be read makes the lookup
         // fail.
-        return pclService->bReadScript() || errno == ENOENT ? std::move(pclService) : nullptr;
+        if (!pclService->bReadScript() && errno != ENOENT) {
+            return nullptr;
+        }
+        return pclService;
     }
 
     auto pclService = std::make_unique<CService>(this, clName, std::move(csDisplayName),
@@ -152,6 +155,7 @@ std::unique_ptr<CServiceEnumeration> CServiceManager::__pclEnumServiceSystemd(co
     }
 
     // All units are listed and picked here: as a pattern for systemctl the prefix could mean something else.
+    // The prefix has the form of a script's name under systemd, too.
     const std::wstring csStart = CServiceName::s_clSaid(csPrefix.c_str()).csScript();
     std::vector<CServiceName> tNames = tReadNames(*csAnswer, csStart);
     if (pszFurther != nullptr) {

@@ -126,7 +126,7 @@ public:
     tRegistered(const wchar_t* pszPrefix, std::initializer_list<const wchar_t*> tFurther);
 
     /// Takes back an installation when systemd refuses its unit ("bad unit file setting" and the like):
-    /// restores what the unit file held before, or deletes the file and its links (CUnitFile::TakeBack).
+    /// deletes the unit file and its links. What the file held before the installation is not known here.
     /// False when systemd does not refuse the unit; the service then stays. Keeps errno.
     bool bTakeBackRefused(const CService& clService);
 

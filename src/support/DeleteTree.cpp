@@ -70,7 +70,7 @@ std::optional<STPlace> stPlaceOf(int nFd)
         return errno == ENOSYS || errno == EPERM ? stPlaceWithoutStatx(nFd) : std::nullopt;
     }
 
-    // qemu's emulation of programs announces the mount number and does not hand it over.
+    // qemu's user-mode statx says in the mask that it has stored the mount number, but leaves it 0.
     const bool bMount = (st.stx_mask & STATX_MNT_ID) != 0 && st.stx_mnt_id != 0;
     return STPlace{std::uint64_t{st.stx_dev_major} << 32 | st.stx_dev_minor, st.stx_ino,
                    bMount ? st.stx_mnt_id : qwMountByHandle(nFd)};
