@@ -53,6 +53,7 @@ TEST(Client, ShowsWhatTheManagerAnswersForReadersAndForPrograms)
                                 {"STATUS\tdxsql", "STATUS\tUNKWNOWN"},
                                 {"STATUS\tgone", "ERROR\t1No such file or directory"},
                                 {"STATUS\tdark", "ERROR\t4Connection timed out"},
+                                {"STATUS\thidden", "ERROR\t1Operation canceled"},
                                 {"START\tOrders", "OK"},
                                 {"START\tlame", "ERROR\t2Operation canceled"},
                                 {"CLUSTERINFO\tOrders", "YES\t1\tboss"},
@@ -154,10 +155,11 @@ TEST(Client, AListAsksAtOnceAndIsShownAsFarAsItCanBeHadInTime)
         "the manager on this machine, port " + clManager.csPort() + " did not answer within 0.5 s\n";
     EXPECT_THAT(
         stResult.csOutput,
-        AllOf(HasSubstr("mute  1     ?\n"), HasSubstr("good  2     paused\n"),
-              HasSubstr("velmoctl: there is no server \"lost\" on this machine"),
-              HasSubstr("velmoctl: mute, mute, mute, mute: " + csSilence),
-              HasSubstr("velmoctl: mute, mute, mute, mute, mute and 152 more: not asked: " + csSilence)));
+        AllOf(
+            HasSubstr("mute  1     ?\n"), HasSubstr("good  2     paused\n"),
+            HasSubstr("velmoctl: the server \"lost\" on this machine could not be looked up (\xEF\xBF\xBD)"),
+            HasSubstr("velmoctl: mute, mute, mute, mute: " + csSilence),
+            HasSubstr("velmoctl: mute, mute, mute, mute, mute and 152 more: not asked: " + csSilence)));
 
     // A name that cannot be sent is the manager's fault, and the other servers are asked about.
     CScriptedManager clOdd({{"INFO", csInfo("\ta\nb\t1\tgood\t2")}, {"STATUS\tgood", "STATUS\tPAUSED"}});

@@ -68,18 +68,20 @@ constexpr STWord s_tStates[] = {
 /// What to do about an error.
 enum class ECure
 {
-    LIST,    ///< see which servers there are
-    SERVICE, ///< ask the service manager of that machine
-    AGAIN,   ///< uninstall without the files
+    LIST,          ///< see which servers there are
+    SERVICE,       ///< ask the service manager of that machine
+    WITHOUT_FILES, ///< uninstall again, but keep the files
+    RETRY,
     UPGRADE,
 };
 
 /// What an error code means: a sentence around the server and its machine.
 struct STCode
 {
-    const char* pszBefore; ///< the words in front of the server's name
-    const char*
-        pszAfter; ///< and after it; null: the sentence is about the manager, and pszBefore follows that
+    /// The words before and after the server and its machine. The second is null where the sentence is about
+    /// the manager, whom the first then follows.
+    const char* pszBefore;
+    const char* pszAfter;
     unsigned int nCode;
     bool bSystemText; ///< the reply's text helps; where a look-up found nothing it is about something else
     ECure eCure;
@@ -92,10 +94,27 @@ constexpr STCode s_tCodes[] = {
     {" does not know this question", nullptr, ERREUR_COMMANDE_INCONNUE, false, ECure::UPGRADE},
     {"there is no server ", " that can be uninstalled", ERREUR_UNINSTALL_INCONNU, false, ECure::LIST},
     {"the files of the server ", " are deleted, its service is stopped but still registered",
-     ERREUR_UNINSTALL_FICHIERS, false, ECure::AGAIN},
+     ERREUR_UNINSTALL_FICHIERS, false, ECure::WITHOUT_FILES},
     {"the server ", " is stopped, but its service could not be removed", ERREUR_UNINSTALL_SERVICE, true,
      ECure::SERVICE},
 };
+
+/// Takes the place of code 1's row when the reply's text is not the one for a server that does not exist:
+/// then the manager could not find out.
+constexpr STCode s_stNotLookedUp{"the server ", " could not be looked up", ERREUR_SERVICE_INCONNU, true,
+                                 ECure::RETRY};
+constexpr std::string_view s_csNoSuchServer = "No such file or directory";
+
+/// The row of a refusal's code; null for an unknown code.
+const STCode* pstRowOf(const STRefusal& stRefusal)
+{
+    if (stRefusal.nCode == ERREUR_SERVICE_INCONNU && !stRefusal.csText.empty() &&
+        stRefusal.csText != s_csNoSuchServer) {
+        return &s_stNotLookedUp;
+    }
+    const auto* const pst = std::ranges::find(s_tCodes, stRefusal.nCode, &STCode::nCode);
+    return pst != std::end(s_tCodes) ? pst : nullptr;
+}
 
 /// What to do about it, as the end of a sentence.
 std::string csCure(ECure eCure, const STAsked& st)
@@ -108,8 +127,10 @@ std::string csCure(ECure eCure, const STAsked& st)
     case ECure::SERVICE:
         return "; \"systemctl status " + csShellWord(csUnitName(st.csServer)) + "\" " +
                (bHere ? "tells why" : "there tells why");
-    case ECure::AGAIN:
+    case ECure::WITHOUT_FILES:
         return "; uninstall it again without --delete-files";
+    case ECure::RETRY:
+        return "; try again";
     case ECure::UPGRADE:
         return "; is it older than this velmoctl?";
     }
@@ -190,15 +211,17 @@ std::optional<std::string> csReadCluster(std::string_view csLine)
 
 std::string csRefusalWords(const STRefusal& stRefusal, const STAsked& stAsked)
 {
-    const auto* const pst = std::ranges::find(s_tCodes, stRefusal.nCode, &STCode::nCode);
-    const bool bKnown = pst != std::end(s_tCodes);
-    std::string csWords = csMeaning(bKnown ? pst : nullptr, stRefusal.nCode, stAsked);
-    if (!stRefusal.csText.empty() && (!bKnown || pst->bSystemText)) {
+    const STCode* const pst = pstRowOf(stRefusal);
+    std::string csWords = csMeaning(pst, stRefusal.nCode, stAsked);
+    if (!stRefusal.csText.empty() && (pst == nullptr || pst->bSystemText)) {
         csWords += " (" + stRefusal.csText + ")";
     }
+    if (pst == nullptr) {
+        return csWords;
+    }
 
-    csWords += stRefusal.nCode == ERREUR_SERVICE_INCONNU ? stAsked.pszUnknownHint : "";
-    return csWords + (bKnown ? csCure(pst->eCure, stAsked) : "");
+    csWords += pst->eCure == ECure::LIST ? stAsked.pszUnknownHint : "";
+    return csWords + csCure(pst->eCure, stAsked);
 }
 
 CServiceName clServiceOf(const std::string& csServer)
