@@ -118,7 +118,7 @@ bool bStartAs(const wchar_t* pszUser, CDescripteur* pclPipe)
     const bool bSwitched = __bChangeUser(-1, pszUser, false);
     AllowWantedCoreDump(); // under the new identity, whether or not the switch succeeded
     if (!bSwitched) {
-        __NotifyParentFork(pclPipe, s_cFailed);
+        __NotifyParentFork(pclPipe, s_cFailed); // the one failure with a byte of its own
         return false;
     }
 
