@@ -25,8 +25,9 @@ public:
     void Begin() { m_clPool.Begin(); }
     /// Whether a restart of the service waits or is under way.
     bool bHas(const std::wstring& csName);
-    /// Has the service started, if it is still a failed one when its turn comes. Not for a service that bHas
-    /// reports: each name is noted once, and the first restart to end would drop the note of both.
+    /// Starts the service on a thread of the pool, if it is still failed when its turn comes. Not for a
+    /// service that bHas reports: each name is noted once, and the first restart to end would drop the note
+    /// of both.
     void Restart(const std::shared_ptr<CService>& pclService);
     /// Drops the restarts that wait; returns when those under way are done.
     void Stop() { m_clPool.Stop(); }

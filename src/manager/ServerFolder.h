@@ -14,6 +14,6 @@ class CServiceManager;
 /// - none of this had to be guessed: what cannot be found out counts against the deletion.
 ///
 /// True when the folder was deleted. False when it was not, or not completely; the log then says why, unless
-/// there was no such folder. *pcsSystemMessage gets the C library's text for the error that stopped the
-/// deletion, empty without one. It is unchanged when no deletion was begun.
+/// the service has no executable or its folder does not exist. *pcsSystemMessage gets the C library's text
+/// for the error that stopped the deletion, empty without one. It is unchanged when no deletion was begun.
 bool bDeleteServerFolder(CServiceManager* pclManager, CService& clService, std::wstring* pcsSystemMessage);

@@ -249,7 +249,9 @@ std::optional<std::string> csProgramStarted(std::string_view csScript, const std
     csBefore = csBefore.substr(0, csBefore.find_last_not_of(' ') + 1);
 
     // Right before the arguments stands either the program itself, escaped for one shell or for `daemon`'s
-    // two; or the "--" of start-stop-daemon, which takes its program from an option.
+    // two; or the "--" of start-stop-daemon, which takes its program from an option. There the program needs
+    // no comparison: the rest of a path that was cut at a space counted as an argument, so it would stand
+    // after the "--".
     const std::string csEscaped = csEscape(*csProgram);
     const bool bSamePath =
         csBefore.ends_with(" --") || csBefore.ends_with(csEscaped) || csBefore.ends_with(csEscape(csEscaped));

@@ -11,8 +11,8 @@
 /// be part of a shell line. Pure functions.
 
 /// Whether a name means just itself as a word of a shell line, as a file name and as a tool's argument:
-/// letters, digits, "_-.+@:,=%" and characters beyond ASCII, not "." or ".." and not an option. No service
-/// has any other name.
+/// letters, digits, "_-.+@:,=%" and characters beyond ASCII other than control characters; not "." or ".."
+/// and not an option. No service has any other name.
 bool bInertName(const std::wstring& csName);
 /// The same for a text of several words: the shell does nothing but cut it at spaces.
 bool bInertWords(const std::wstring& csText);

@@ -70,8 +70,9 @@ private:
     static std::atomic<long> s_nAskedMs; ///< monotonic; 0: not asked
 };
 
-/// Says, for the object's lifetime, what the calling thread may finish after the stop. Objects may be nested;
-/// the innermost counts.
+/// Says, for the object's lifetime, what the calling thread may finish after the stop, or who may cancel its
+/// work. Objects may be nested: each replaces only what it sets, so within a new right the outer object's
+/// cancel flag still counts.
 class CStopRight
 {
 public:

@@ -106,7 +106,7 @@ ESocketResult eSocketListenStream(const addrinfo& stEntry, std::uint16_t wPort, 
                                   CXError* pclError, int nBacklog, CDescripteur* pclSocket)
 {
     CDescripteur clSocket = clNewSocket(stEntry, SOCK_STREAM, nFlags);
-    if (!clSocket.bOpen()) { // the kernel does not have this family
+    if (!clSocket.bOpen()) { // usually the kernel does not have this family
         return SOCKET_SKIPPED;
     }
 
@@ -207,8 +207,8 @@ bool bOpenAll(const STEndpoint& stEndpoint, CEnsembleSockets* pclSet, CXError* p
         }
     }
 
-    // All addresses skipped without an error: the kernel has no such family, and errno is still that of the
-    // failed call of socket.
+    // All addresses skipped without an error: no socket could be created, and errno is still that of the last
+    // attempt.
     if (pclSet->tGetSockets().empty() && pclError != nullptr && !pclError->bIsSet()) {
         __CompleteErreurServeur(stEndpoint.wPort, L"socket", pclError);
     }

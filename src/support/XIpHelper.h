@@ -55,7 +55,8 @@ enum ESocketFlags : unsigned int
 
 /// Fills the empty set with TCP sockets that listen on a port, for every local address (pszAddress null) or
 /// for one. True when at least one was added; false leaves the set empty and fills the error (null: not
-/// wanted). A bind or listen failure is fatal for the whole set, a family that the kernel lacks is not.
+/// wanted). A bind or listen failure is fatal for the whole set. A socket that cannot be created is skipped,
+/// whatever the cause: usually the kernel lacks its family.
 bool bSocketListenTCP(std::uint16_t wPort, unsigned int nFlags, CEnsembleSockets* pclSet, CXError* pclError,
                       const wchar_t* pszAddress, int nBacklog);
 /// Fills the set with bound UDP sockets in the same way, except that an address that cannot be bound is
