@@ -65,8 +65,9 @@ TEST_F(Wire, ToolsTextNeverBecomesAnOptionOrAPatternOfTheTool)
     const std::string csPid = std::to_string(m_pclManager->nPid());
     stRun("strace -f -q -s 400 -e trace=execve -o /run/wire.trace -p " + csPid +
           " >/dev/null 2>&1 & echo $! >/run/strace.pid");
-    ASSERT_TRUE(bWaitUntil(
-        [&] { return stRun("grep -q 'TracerPid:.[1-9]' /proc/" + csPid + "/status").nStatus == 0; }, 10'000));
+    const std::string csUntraced = "grep -L 'TracerPid:.[1-9]' /proc/" + csPid + "/task/*/status";
+    ASSERT_TRUE(
+        bWaitUntil([&] { return csOutput(csUntraced).empty(); }, 10'000)); // it takes thread by thread
     for (const char* pszText :
          {"STATUS\tx -Hhost", "START\tx;other", "START\tx;", "UNINSTALL\tru*\t1", "STATUS\tx;-Hhost",
           "STATUS\tx\" \"y", "START\tx|--root=/", "STATUS\trun\x01", "CLUSTERINFO\t[a-z]*"}) {
