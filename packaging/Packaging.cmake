@@ -63,12 +63,12 @@ foreach(link IN ITEMS usr/sbin/VelmoManager usr/bin/velmoctl)
     set(VELMO_LINK ${link})
     set(VELMO_LINK_TARGET ${VELMO_HOME}/${command})
     string(CONFIGURE [[
-      set(folder "${CMAKE_INSTALL_PREFIX}/") # which has no trailing slash by now
-      set(link "$ENV{DESTDIR}${folder}@VELMO_LINK@")
+      set(root "${CMAKE_INSTALL_PREFIX}/") # which has no trailing slash by now; no component has this name
+      set(link "$ENV{DESTDIR}${root}@VELMO_LINK@")
       message(STATUS "Installing: ${link}")
       get_filename_component(parent "${link}" DIRECTORY)
       file(MAKE_DIRECTORY "${parent}")
-      file(CREATE_LINK "${folder}@VELMO_LINK_TARGET@" "${link}" SYMBOLIC)
+      file(CREATE_LINK "${root}@VELMO_LINK_TARGET@" "${link}" SYMBOLIC)
     ]] make_link @ONLY)
     install(CODE "${make_link}" COMPONENT system)
   endif()

@@ -8,16 +8,19 @@
 
 #include <syslog.h>
 
+void CopyLogToStandardError(bool bCopy)
+{
+    ::closelog();
+    ::openlog(nullptr, bCopy ? LOG_PERROR : 0, LOG_USER);
+}
+
 void RunDebugMode()
 {
     CTermBlocked clBlocked;
 
-    // During the start a copy of each entry goes to standard error: whoever started the process sees why it
-    // does not run.
-    ::openlog(nullptr, LOG_PERROR, LOG_USER);
+    CopyLogToStandardError(true); // whoever started the process sees why it does not run
     const bool bStarted = bStartService();
-    ::closelog();
-    ::openlog(nullptr, 0, LOG_USER);
+    CopyLogToStandardError(false);
 
     if (bStarted) {
         __MainLoop(clBlocked);

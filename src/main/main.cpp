@@ -94,6 +94,12 @@ void EndServing(int nStatus)
     }
 }
 
+bool bDebugMode(int nCount, char** ppszArguments)
+{
+    return !bModeService(nCount, ppszArguments, L"--SERVICE") &&
+           bSetOnCmdLine(nCount, ppszArguments, L"--DEBUG");
+}
+
 /// Runs the first of these modes that the command line names; without any the manager installs itself.
 /// Returns the exit status.
 int nDispatch(int nCount, char** ppszArguments)
@@ -109,7 +115,7 @@ int nDispatch(int nCount, char** ppszArguments)
         return nStatus;
     }
 
-    if (bSetOnCmdLine(nCount, ppszArguments, L"--DEBUG")) {
+    if (bDebugMode(nCount, ppszArguments)) {
         RunDebugMode();
         EndServing(0);
         return 0;
@@ -136,6 +142,9 @@ int nDispatch(int nCount, char** ppszArguments)
 int nRun(int nCount, char** ppszArguments)
 {
     Init(&nCount, &ppszArguments);
+    if (bDebugMode(nCount, ppszArguments)) {
+        CopyLogToStandardError(true); // the runtime may be missing
+    }
     const int nStatus = gpclSetupManager->bInitVM() ? nDispatch(nCount, ppszArguments) : s_nFailure;
     Term();
     return nStatus;

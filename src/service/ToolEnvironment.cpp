@@ -17,10 +17,11 @@ char s_szNoPager[] = "SYSTEMD_PAGER=";
 char s_szPlainTexts[] = "LC_ALL=C.UTF-8";
 
 /// Whether systemctl reads the variable, and we alone choose its value. LC_ALL overrides every other LC_
-/// variable and LANG; only LANGUAGE could still choose a translation.
+/// variable and LANG; only LANGUAGE could still choose a translation. With POSIXLY_CORRECT an option after
+/// the verb would be taken for a unit.
 bool bOurs(std::string_view csVariable)
 {
-    constexpr std::string_view tPrefixes[] = {"SYSTEMD_", "LC_ALL=", "LANGUAGE="};
+    constexpr std::string_view tPrefixes[] = {"SYSTEMD_", "LC_ALL=", "LANGUAGE=", "POSIXLY_CORRECT="};
     return std::ranges::any_of(
         tPrefixes, [csVariable](std::string_view csPrefix) { return csVariable.starts_with(csPrefix); });
 }

@@ -101,7 +101,8 @@ TEST_F(Whole, CommandsSayWhatCouldNotBeAskedAndWriteNothing)
 TEST_F(Whole, WorksWhateverItIsStartedWith)
 {
     const CManagerWorld clWorld(
-        "[ \"$SYSTEMD_LOG_LEVEL$SYSTEMD_COLORS$SYSTEMD_PAGER$LC_ALL\" = 0C.UTF-8 ] || exit 1\n"
+        "[ \"$SYSTEMD_LOG_LEVEL$SYSTEMD_COLORS$SYSTEMD_PAGER$LC_ALL$POSIXLY_CORRECT\" = 0C.UTF-8 ] || exit "
+        "1\n"
         "sleep 0.01\n");
     const auto csShell = [](const std::string& csBefore, const std::string& csBehind = "") {
         return "sh -c '" + csBefore + "exec \"$0\" \"$@\"" + csBehind + "' ";
@@ -118,7 +119,7 @@ TEST_F(Whole, WorksWhateverItIsStartedWith)
         "prlimit --sigpending=0 ",
         csShell("umask 077; "),
         "env LC_ALL=tr_TR.UTF-8 LANGUAGE=fr ",
-        "env SYSTEMD_LOG_LEVEL=debug SYSTEMD_COLORS=1 SYSTEMD_URLIFY=1 ",
+        "env SYSTEMD_LOG_LEVEL=debug SYSTEMD_COLORS=1 SYSTEMD_URLIFY=1 POSIXLY_CORRECT=1 ",
     };
     for (int nFd = 3; nFd < 1024; ++nFd) { // the manager is to have what it opens itself
         ::fcntl(nFd, F_SETFD, FD_CLOEXEC);

@@ -70,7 +70,10 @@ private:
             tEnvironment.push_back(const_cast<char*>(psz)); // written to as little as the words
         }
         for (char** ppsz = environ; *ppsz != nullptr; ++ppsz) {
-            tEnvironment.push_back(*ppsz);
+            // With it systemctl would take an option after the verb for a unit.
+            if (!std::string_view(*ppsz).starts_with("POSIXLY_CORRECT=")) {
+                tEnvironment.push_back(*ppsz);
+            }
         }
         tEnvironment.push_back(nullptr);
         return tEnvironment;
