@@ -94,6 +94,7 @@ void EndServing(int nStatus)
     }
 }
 
+/// Whether the command line asks for the daemon in the foreground.
 bool bDebugMode(int nCount, char** ppszArguments)
 {
     return !bModeService(nCount, ppszArguments, L"--SERVICE") &&
