@@ -369,10 +369,10 @@ void Soak(std::chrono::milliseconds clHowLong, unsigned int nSeed)
     const auto clEnd = CClock::now() + clHowLong;
     std::vector<std::jthread> tThreads;
     for (const auto& [fnAction, nPause] : s_tActions) {
-        tThreads.emplace_back([fnAction = fnAction, nPause = nPause, clEnd, nOwnSeed = ++nSeed] {
+        tThreads.emplace_back([fnDo = fnAction, nMaxPause = nPause, clEnd, nOwnSeed = ++nSeed] {
             for (CRandom clRandom(nOwnSeed); CClock::now() < clEnd;) {
-                fnAction(clRandom);
-                const std::chrono::milliseconds clPause(clRandom() % nPause);
+                fnDo(clRandom);
+                const std::chrono::milliseconds clPause(clRandom() % nMaxPause);
                 std::this_thread::sleep_until(std::min(clEnd, CClock::now() + clPause));
             }
         });

@@ -56,7 +56,7 @@ TEST_F(ServiceLocks, ARemovalCancelsAStartThatIsUnderWayAndNobodyStartsInBetween
         const CStopwatch clTook;
         {
             const auto clHold = clLocks().clTakeToRemove(
-                pszName, [&, pszName = pszName] { EXPECT_TRUE(CService(&m_clManager, pszName).bStop()); });
+                pszName, [&, pszOwn = pszName] { EXPECT_TRUE(CService(&m_clManager, pszOwn).bStop()); });
             EXPECT_TRUE(clHold.bTaken());
             EXPECT_LT(clTook.nMs(), nMaxMs);
             EXPECT_EQ(clFirst.get(), "Operation canceled");
@@ -65,7 +65,7 @@ TEST_F(ServiceLocks, ARemovalCancelsAStartThatIsUnderWayAndNobodyStartsInBetween
         }
         while (clSecond.wait_for(std::chrono::milliseconds(10)) == std::future_status::timeout) {
             (void)clLocks().clTakeToRemove(
-                pszName, [&, pszName = pszName] { (void)CService(&m_clManager, pszName).bStop(); });
+                pszName, [&, pszOwn = pszName] { (void)CService(&m_clManager, pszOwn).bStop(); });
         }
     }
 }
