@@ -159,6 +159,12 @@ SEEN int __clone(int (*routine)(void*), void* stack, int flags, void* argument, 
 OPEN(open, (const char* path, int flags, ...), (path, flags, mode))
 OPEN(openat, (int folder, const char* path, int flags, ...), (folder, path, flags, mode))
 
+/* By these names clang calls them where no file can be created, in fortified programs. */
+int __open_2(const char* path, int flags);
+int __openat_2(int folder, const char* path, int flags);
+FAIL_AS("open", __open_2, -1, int, (const char* path, int flags), (path, flags))
+FAIL_AS("openat", __openat_2, -1, int, (int folder, const char* path, int flags), (folder, path, flags))
+
 /* The heap by its inner names: looking the outer ones up would allocate. */
 void* __libc_malloc(size_t n);
 void* __libc_calloc(size_t count, size_t n);
